@@ -1,0 +1,79 @@
+#pragma once
+
+// One NTLM log-on seen from the server, and the message protection that follows from it. Takes bytes in and
+// gives bytes out; it knows nothing of sockets or PDUs. Built on MS-NLMP's published algorithms.
+
+#include <array>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace quelm::dcom::ntlm {
+
+using NtHash = std::array<std::uint8_t, 16>;
+
+// The accounts that may log on. The names compare without regard to case.
+class AccountStore {
+ public:
+    virtual ~AccountStore() = default;
+    // MD4 of the UTF-16 password of DOMAIN\user; nothing for an unknown account. The domain is the one that the
+    // client typed; which domains an account answers to is the store's business.
+    virtual std::optional<NtHash> find(std::string_view domain, std::string_view user) const = 0;
+};
+
+struct ServerSettings {
+    std::string computerName;     // NetBIOS name offered to clients
+    std::string domainName;       // NetBIOS domain or workgroup offered to clients
+    bool allowNtlmV1Ess = false;  // accept NTLMv1 with extended session security (never plain NTLMv1 or LM)
+    bool allowAnonymous = false;  // accept a type 3 message without user, as the empty account
+};
+
+class ServerContext {
+ public:
+    // store and settings must outlive the context. challenge: 8 random bytes, given by tests only.
+    ServerContext(const AccountStore& store, const ServerSettings& settings,
+                  std::optional<std::array<std::uint8_t, 8>> challenge = std::nullopt);
+    ~ServerContext();
+    ServerContext(ServerContext&&) noexcept;
+    ServerContext& operator=(ServerContext&&) noexcept;
+
+    // 1, 2 or 3 when the token begins as an NTLM message of that type, else 0.
+    static int messageType(std::span<const std::uint8_t> token);
+
+    // Takes the client's type 1 message and gives the type 2 answer; nothing when it is malformed.
+    std::optional<std::vector<std::uint8_t>> challenge(std::span<const std::uint8_t> negotiate);
+
+    // Takes the client's type 3 message. Empty: logged on. Otherwise the reason why not, as plain words for the
+    // operator, without secrets ("unknown account", "wrong password", "NTLMv1 is not allowed", "malformed message").
+    std::string authenticate(std::span<const std::uint8_t> authenticateMessage);
+
+    bool authenticated() const;
+    // "DOMAIN\\user" as the client gave it (also after a refusal, for the refusal's line); empty when anonymous.
+    const std::string& account() const;
+    // Whether keys for signing and sealing were agreed on.
+    bool canSign() const;
+    bool canSeal() const;
+
+    static constexpr std::size_t signatureSize = 16;
+    using Signature = std::array<std::uint8_t, signatureSize>;
+
+    // Outgoing message number n (counted by the context): signature over message.
+    void sign(std::span<const std::uint8_t> message, Signature& signature);
+    // Outgoing: encrypts sealed (a part of message, in place) after signing message in the clear.
+    void seal(std::span<std::uint8_t> message, std::span<std::uint8_t> sealed, Signature& signature);
+    // Incoming: true when signature is right for message; the message counter moves on either way.
+    bool verify(std::span<const std::uint8_t> message, std::span<const std::uint8_t> signature);
+    // Incoming: decrypts sealed (a part of message, in place) and then verifies as above.
+    bool unseal(std::span<std::uint8_t> message, std::span<std::uint8_t> sealed,
+                std::span<const std::uint8_t> signature);
+
+ private:
+    struct Impl;
+    std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace quelm::dcom::ntlm

@@ -1,0 +1,63 @@
+#pragma once
+
+// What an object must offer so that clients on the network can hold and call it. The layers above derive
+// their server objects, groups and enumerators from ComObject; the exporter does the books.
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "DCOM/HResult.h"
+#include "DCOM/Uuid.h"
+#include "DCOM/ndr/Reader.h"
+#include "DCOM/ndr/Writer.h"
+#include "DCOM/rpc/CallHandler.h"
+
+namespace quelm::dcom::orpc {
+
+class ComObject;
+
+// What a method may need beyond its parameters.
+class CallContext {
+ public:
+    virtual ~CallContext() = default;
+    // Writes an [out] interface pointer: referent, length and OBJREF, giving the client public references to the
+    // object's interface. The object is exported (again) and kept alive until the client lets go of it or dies.
+    // A null object, or one without that interface, writes the null pointer and gives E_NOINTERFACE (else S_OK).
+    virtual HResult writeInterface(ndr::Writer& out, const std::shared_ptr<ComObject>& object, const Uuid& iid) = 0;
+    virtual const rpc::Peer& peer() const = 0;
+    virtual const std::string& account() const = 0;
+};
+
+// One COM interface of one object: its methods by opnum (3 is the first one after IUnknown).
+class Interface {
+ public:
+    virtual ~Interface() = default;
+    // Decodes the parameters after ORPCTHIS, acts, and writes the results after ORPCTHAT, HRESULT included.
+    // Returns 0, or a fault status for parameters that do not decode (faultBadStubData) or an opnum that does not
+    // exist (faultOpnumRange). Known methods report their failures as HRESULT with complete out parameters,
+    // because clients exist that hang after a fault. May throw; the exporter turns that into a fault.
+    virtual std::uint32_t invoke(std::uint16_t opnum, ndr::Reader& in, ndr::Writer& out, CallContext& context) = 0;
+};
+
+class ComObject : public std::enable_shared_from_this<ComObject> {
+ public:
+    virtual ~ComObject() = default;
+    // The object's implementation of an interface, valid as long as the object; nullptr when it has none.
+    // IUnknown is the exporter's own business and never asked for here.
+    virtual Interface* queryInterface(const Uuid& iid) = 0;
+    // The last client reference to any of its interfaces is gone (released, run down or connection lost);
+    // the exporter forgets the object right after.
+    virtual void disconnected() = 0;
+};
+
+// Makes objects of one COM class for clients that ask for it by its class identifier.
+class ClassFactory {
+ public:
+    virtual ~ClassFactory() = default;
+    virtual Uuid classId() const = 0;
+    // A new instance for this client; nullptr with result set to the reason.
+    virtual std::shared_ptr<ComObject> create(const rpc::Peer& peer, const std::string& account, HResult& result) = 0;
+};
+
+}  // namespace quelm::dcom::orpc

@@ -1,0 +1,52 @@
+#pragma once
+
+// What the RPC layer asks of the layer above it: which interfaces exist, and to carry out calls.
+
+#include <cstdint>
+#include <span>
+#include <string>
+
+#include "DCOM/Uuid.h"
+#include "DCOM/ndr/Writer.h"
+
+namespace quelm::dcom::rpc {
+
+// Authentication levels of the RPC protocol.
+enum class AuthLevel : std::uint8_t { None = 1, Connect = 2, Call = 3, Packet = 4, Integrity = 5, Privacy = 6 };
+
+// One client connection, for as long as it lasts. Layers above may key their books by id.
+struct Peer {
+    std::uint64_t id = 0;         // unique for the life of the process
+    std::string remoteAddress;    // "192.0.2.7:51234", for messages
+    std::string localAddress;     // numeric address that the client dialled, without port
+    std::uint16_t localPort = 0;  // port that the client dialled
+};
+
+// One call as it arrived, already authenticated, unsealed and put together from its fragments.
+struct Call {
+    const Peer& peer;
+    Uuid interfaceId;
+    std::uint16_t opnum = 0;
+    bool hasObject = false;
+    Uuid object;                         // the IPID of an object call
+    std::span<const std::uint8_t> stub;  // valid during the call only
+    AuthLevel level = AuthLevel::None;
+    const std::string& account;  // "DOMAIN\\user" as it logged on; empty without a log-on
+};
+
+class CallHandler {
+ public:
+    virtual ~CallHandler() = default;
+
+    // Whether a client may bind to this interface on this listener.
+    virtual bool supports(const Uuid& interfaceId, std::uint16_t versionMajor, std::uint16_t versionMinor) = 0;
+
+    // Carries out one call and writes the reply's stub data. Returns 0, or the status for a FAULT PDU; what was
+    // written is then dropped. Must not throw.
+    virtual std::uint32_t call(const Call& call, ndr::Writer& reply) = 0;
+
+    // The connection is gone. abrupt: reset by the network or the peer rather than closed in order.
+    virtual void connectionClosed(const Peer& peer, bool abrupt) = 0;
+};
+
+}  // namespace quelm::dcom::rpc
