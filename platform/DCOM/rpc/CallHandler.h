@@ -41,6 +41,14 @@ class CallHandler {
     // Whether a client may bind to this interface on this listener.
     virtual bool supports(const Uuid& interfaceId, std::uint16_t versionMajor, std::uint16_t versionMinor) = 0;
 
+    // Whether this call may be made without a log-on whatever the minimum level is (asking whether the machine is
+    // alive, before a client knows how to log on).
+    virtual bool allowsUnauthenticated(const Uuid& interfaceId, std::uint16_t opnum) {
+        static_cast<void>(interfaceId);
+        static_cast<void>(opnum);
+        return false;
+    }
+
     // Carries out one call and writes the reply's stub data. Returns 0, or the status for a FAULT PDU; what was
     // written is then dropped. Must not throw.
     virtual std::uint32_t call(const Call& call, ndr::Writer& reply) = 0;

@@ -1,0 +1,41 @@
+#pragma once
+
+// The message loop of the running program, over one asio io_context. Sockets share the context; everybody else
+// sees only IMessageLoop.
+
+#include <functional>
+#include <initializer_list>
+#include <memory>
+
+#include "Message Loop/MessageLoop.h"
+
+namespace asio {
+class io_context;
+}
+
+namespace quelm {
+
+class AsioLoop final : public IMessageLoop {
+ public:
+    AsioLoop();
+    ~AsioLoop() override;
+
+    std::unique_ptr<ITimer> makeTimer(std::function<void()> onExpiry) override;
+    void post(std::function<void()> task) override;
+
+    // Runs handlers until stop(). What a handler throws leaves run(), which may then be called again.
+    void run();
+    // Lets run() return after the handler that is running now; a stop() before run() counts too.
+    void stop();
+    // From now on these signals call the handler, on the loop like any other, with the signal's number. A second
+    // call replaces the first one's signals and handler. Throws std::system_error for a signal that cannot be caught.
+    void onSignal(std::initializer_list<int> signals, std::function<void(int)> handler);
+
+    asio::io_context& context();
+
+ private:
+    struct Impl;
+    std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace quelm
