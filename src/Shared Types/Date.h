@@ -37,7 +37,15 @@ std::int64_t dayNumber(int year, int month, int day);
 Date makeDate(const CivilTime& civil);
 Date makeDate(int year, int month, int day, int hour = 0, int minute = 0, int second = 0);
 
-// Calendar fields; for dates before 1899-12-30 the fraction counts away from zero, as the format has it.
+// Milliseconds since 1899-12-30 00:00 counted straight through, also below zero where a Date's own fraction counts the
+// other way; rounded to the nearest. Raises RuntimeError 5 for a value beyond a Date's range (NaN included).
+std::int64_t linearMilliseconds(Date date);
+Date dateFromLinearMilliseconds(std::int64_t milliseconds);
+// The same from whole days and the part of that day gone by (0 to below 1); the range is not checked.
+Date dateFromLinearDays(std::int64_t wholeDays, double dayPart);
+
+// Calendar fields (raises RuntimeError 5 beyond a Date's range); for dates before 1899-12-30 the fraction counts away
+// from zero, as the format has it.
 CivilTime civilTime(Date date);
 // The same rounded to the nearest whole second (what date texts show).
 CivilTime civilTimeSeconds(Date date);
