@@ -1,0 +1,46 @@
+# Sourced by the other scripts: installs what is missing on a Debian machine. Works as root, and as an ordinary
+# user with sudo for the packages alone.
+
+as_root() {
+    if [ "$(id -u)" = 0 ]; then
+        "$@"
+    else
+        sudo "$@"
+    fi
+}
+
+# need_packages package...: installs those that are not there yet.
+need_packages() {
+    local missing=()
+    local package
+    for package in "$@"; do
+        if ! dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'install ok installed'; then
+            missing+=("$package")
+        fi
+    done
+    if [ ${#missing[@]} -gt 0 ]; then
+        echo "Installing: ${missing[*]}"
+        as_root apt-get update -qq
+        as_root env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+    fi
+}
+
+build_packages=(g++ cmake ninja-build ccache pkg-config libasio-dev libxml2-dev libsqlite3-dev nettle-dev
+    libsimpleini-dev libfmt-dev sqlite3)
+test_packages=(libgtest-dev libgmock-dev clang-14 clang-format-14 libclang-rt-14-dev python3-impacket iproute2
+    util-linux)
+
+need_build_tools() {
+    need_packages "${build_packages[@]}"
+}
+
+# The third-party OPC client out of the npm registry, as the lock file fixes it.
+need_opc_client() {
+    if ! command -v node >/dev/null || ! command -v npm >/dev/null; then
+        need_packages nodejs npm
+    fi
+    if [ ! -e demo/client/node_modules/.package-lock.json ] ||
+        [ demo/client/package-lock.json -nt demo/client/node_modules/.package-lock.json ]; then
+        (cd demo/client && npm ci --ignore-scripts --no-audit --no-fund --silent)
+    fi
+}
