@@ -145,7 +145,12 @@ std::size_t ServerConnection::feed(std::span<const std::uint8_t> data) {
 }
 
 void ServerConnection::process() {
-    while (!closing_ && inputEnd_ - inputStart_ >= headerSize && output().size() < settings_.outputLimit) {
+    waiting_ = false;
+    while (!closing_ && inputEnd_ - inputStart_ >= headerSize) {
+        if (output().size() >= settings_.outputLimit) {
+            waiting_ = true;
+            return;
+        }
         const auto waiting = std::span(input_).subspan(inputStart_, inputEnd_ - inputStart_);
         Header header;
         if (const std::string_view wrong = parseHeader(waiting, header); !wrong.empty()) {

@@ -56,8 +56,9 @@ class ServerConnection {
     void received(std::size_t count);
     // The same for bytes that lie elsewhere. Gives how many were taken: fewer only while output waits.
     std::size_t feed(std::span<const std::uint8_t> data);
-    // Carries out calls that had to wait until output was sent.
+    // Carries out calls that had to wait until output was sent, and whether there are any.
     void process();
+    bool waiting() const { return waiting_; }
 
     // Bytes to send, and that so many of them were sent. The view is good until the next call of a member.
     std::span<const std::uint8_t> output() const { return std::span(output_).subspan(outputStart_); }
@@ -142,6 +143,7 @@ class ServerConnection {
     bool bound_ = false;
     bool loggedOn_ = false;
     bool closing_ = false;
+    bool waiting_ = false;
     bool refusalReported_ = false;
     std::uint16_t maxTransmit_ = leastMaxFragment;
     std::uint16_t maxReceive_ = leastMaxFragment;

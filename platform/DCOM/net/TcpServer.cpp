@@ -1,0 +1,496 @@
+#include "DCOM/net/TcpServer.h"
+
+#include <arpa/inet.h>
+#include <fmt/format.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <array>
+#include <asio/io_context.hpp>
+#include <asio/posix/stream_descriptor.hpp>
+#include <asio/post.hpp>
+#include <cerrno>
+#include <cstring>
+#include <exception>
+#include <optional>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+namespace quelm::dcom::net {
+
+namespace {
+
+using asio::posix::stream_descriptor;
+
+constexpr int backlog = 128;
+constexpr int acceptsPerTurn = 16;  // so that a rush of new clients leaves turns to the ones that are there
+constexpr std::chrono::milliseconds lingerTime{2'000};
+
+// A dead client machine is noticed after idle + interval * count = 2 minutes.
+constexpr int keepAliveIdleSeconds = 60;
+constexpr int keepAliveIntervalSeconds = 10;
+constexpr int keepAliveCount = 6;
+
+struct Endpoint {
+    sockaddr_storage address{};
+    socklen_t size = sizeof(sockaddr_storage);
+
+    sockaddr* raw() { return reinterpret_cast<sockaddr*>(&address); }
+    const sockaddr_in& v4() const { return reinterpret_cast<const sockaddr_in&>(address); }
+    const sockaddr_in6& v6() const { return reinterpret_cast<const sockaddr_in6&>(address); }
+
+    std::uint16_t port() const { return ntohs(address.ss_family == AF_INET6 ? v6().sin6_port : v4().sin_port); }
+
+    std::string host() const {
+        std::array<char, INET6_ADDRSTRLEN> text{};
+        if (address.ss_family != AF_INET6) {
+            inet_ntop(AF_INET, &v4().sin_addr, text.data(), text.size());
+        } else if (IN6_IS_ADDR_V4MAPPED(&v6().sin6_addr)) {
+            // A client that dialled an IPv4 address must be told that one.
+            inet_ntop(AF_INET, v6().sin6_addr.s6_addr + 12, text.data(), text.size());
+        } else {
+            inet_ntop(AF_INET6, &v6().sin6_addr, text.data(), text.size());
+        }
+        return text.data();
+    }
+};
+
+std::string withPort(const std::string& host, std::uint16_t port) {
+    return host.find(':') == std::string::npos ? fmt::format("{}:{}", host, port) : fmt::format("[{}]:{}", host, port);
+}
+
+std::optional<Endpoint> parseEndpoint(const std::string& host, std::uint16_t port) {
+    Endpoint endpoint;
+    auto& v4 = reinterpret_cast<sockaddr_in&>(endpoint.address);
+    auto& v6 = reinterpret_cast<sockaddr_in6&>(endpoint.address);
+    if (inet_pton(AF_INET, host.c_str(), &v4.sin_addr) == 1) {
+        v4.sin_family = AF_INET;
+        v4.sin_port = htons(port);
+        endpoint.size = sizeof v4;
+        return endpoint;
+    }
+    if (inet_pton(AF_INET6, host.c_str(), &v6.sin6_addr) == 1) {
+        v6.sin6_family = AF_INET6;
+        v6.sin6_port = htons(port);
+        endpoint.size = sizeof v6;
+        return endpoint;
+    }
+    return std::nullopt;
+}
+
+void setOption(int descriptor, int level, int option, int value) {
+    // A failure costs speed or a late notice of a dead client, never a connection.
+    static_cast<void>(::setsockopt(descriptor, level, option, &value, sizeof value));
+}
+
+[[noreturn]] void failListen(const std::string& where, std::uint16_t port, int error) {
+    std::string reason = std::strerror(error);
+    std::string remedy = "check address and port in the DCOM settings";
+    if (error == EACCES || error == EPERM) {
+        reason = "permission denied";
+        remedy = port == 135 ? "start as root, give the binary CAP_NET_BIND_SERVICE (setcap "
+                               "'cap_net_bind_service=+ep' on the program's file), or set ActivationPort to a port "
+                               "above 1023"
+                             : "start as root, give the binary CAP_NET_BIND_SERVICE (setcap "
+                               "'cap_net_bind_service=+ep' on the program's file), or set a port above 1023";
+    } else if (error == EADDRINUSE) {
+        reason = "address already in use";
+        remedy = fmt::format(
+            "stop the program that listens there (ss -ltnp 'sport = :{}' names it), or set another "
+            "port in the DCOM settings",
+            port);
+    } else if (error == EADDRNOTAVAIL) {
+        reason = "no network interface has this address";
+        remedy = "correct the address in the DCOM settings";
+    } else if (error == EAFNOSUPPORT) {
+        reason = "not a numeric address of a kind that this machine has";
+        remedy = "set a numeric IPv4 or IPv6 address in the DCOM settings";
+    }
+    throw ListenError(fmt::format("Cannot listen on {}: {}; {}", where, reason, remedy));
+}
+
+bool wouldBlock(int error) {
+    return error == EAGAIN || error == EWOULDBLOCK;
+}
+
+}  // namespace
+
+struct TcpServer::Impl {
+    class Connection;
+    class Listener;
+
+    Impl(AsioLoop& socketLoop, IMessageLoop& timerLoop, const rpc::ServerSettings& protocolSettings, TcpSettings own)
+        : loop(socketLoop), timers(timerLoop), protocol(protocolSettings), settings(std::move(own)) {}
+
+    void trouble(std::string_view line) {
+        if (settings.onTrouble) {
+            settings.onTrouble(line);
+        }
+    }
+    std::uint16_t addListener(int descriptor, rpc::CallHandler& handler);
+    void admit(int descriptor, rpc::CallHandler& handler, const Endpoint& remote);
+    void forget(std::uint64_t id);
+
+    AsioLoop& loop;
+    IMessageLoop& timers;
+    const rpc::ServerSettings& protocol;
+    TcpSettings settings;
+    std::vector<std::shared_ptr<Listener>> listeners;
+    std::unordered_map<std::uint64_t, std::shared_ptr<Connection>> connections;
+    std::uint64_t lastPeerId = 0;
+    bool fullReported = false;
+};
+
+// ---- One client ----------------------------------------------------------------------------------------------
+
+class TcpServer::Impl::Connection : public std::enable_shared_from_this<Connection> {
+ public:
+    Connection(Impl& server, int descriptor, rpc::CallHandler& handler, rpc::Peer peer)
+        : server_(server),
+          descriptor_(server.loop.context(), descriptor),
+          handler_(handler),
+          protocol_(server.protocol, handler, std::move(peer)),
+          timer_(server.timers.makeTimer([this] { onTimeout(); })) {}
+
+    void start() {
+        awaitLogOn();
+        read();
+    }
+
+    // The last thing that happens to a connection; the handler is told once.
+    void close(bool abrupt) {
+        if (phase_ == Phase::Closed) {
+            return;
+        }
+        phase_ = Phase::Closed;
+        const auto self = shared_from_this();
+        timer_.reset();            // waits under way keep this object a little longer than the loops need to live
+        asio::error_code ignored;  // the descriptor is gone either way
+        descriptor_.close(ignored);
+        server_.forget(protocol_.peer().id);
+        handler_.connectionClosed(protocol_.peer(), abrupt);
+    }
+
+ private:
+    // Reading and waiting for output to go take turns, so that a client that doesn't take its replies gets no further
+    // calls carried out and costs a bounded amount of memory.
+    enum class Phase { Reading, Sending, Lingering, Closed };
+
+    template <class Step>
+    void guarded(Step step) {
+        try {
+            step();
+        } catch (const std::exception& error) {
+            server_.trouble(fmt::format("Dropped OPC client {}: {}", protocol_.peer().remoteAddress, error.what()));
+            close(true);
+        }
+    }
+
+    template <class Step>
+    void wait(stream_descriptor::wait_type what, Step step) {
+        descriptor_.async_wait(what, [self = shared_from_this(), step](const asio::error_code& error) {
+            if (!error && self->phase_ != Phase::Closed) {
+                self->guarded([&] { ((*self).*step)(); });
+            }
+        });
+    }
+
+    void awaitLogOn() {
+        if (server_.protocol.minimumLevel != rpc::AuthLevel::None && !protocol_.loggedOn()) {
+            timer_->start(server_.settings.logOnTimeout);
+        }
+    }
+
+    void read() {
+        phase_ = Phase::Reading;
+        wait(stream_descriptor::wait_read, &Connection::onReadable);
+    }
+
+    void onReadable() {
+        const auto space = protocol_.receiveSpace();
+        const ssize_t count = ::recv(descriptor_.native_handle(), space.data(), space.size(), MSG_DONTWAIT);
+        if (count > 0) {
+            const bool wasLoggedOn = protocol_.loggedOn();
+            protocol_.received(static_cast<std::size_t>(count));
+            if (phase_ == Phase::Closed) {
+                return;  // a call ended the whole server
+            }
+            if (!wasLoggedOn && protocol_.loggedOn()) {
+                timer_->stop();
+            }
+            if (protocol_.output().empty()) {
+                // Nothing goes back that could carry the acknowledgement, and a client that waits for it before it
+                // sends the rest (after the last message of a log-on, say) would stand still for 40 ms.
+                setOption(descriptor_.native_handle(), IPPROTO_TCP, TCP_QUICKACK, 1);
+            }
+            send();
+        } else if (count == 0) {
+            close(false);
+        } else if (wouldBlock(errno) || errno == EINTR) {
+            read();
+        } else {
+            close(true);
+        }
+    }
+
+    void send() {
+        while (!protocol_.output().empty()) {
+            const auto output = protocol_.output();
+            const ssize_t count =
+                ::send(descriptor_.native_handle(), output.data(), output.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+            if (count >= 0) {
+                protocol_.sent(static_cast<std::size_t>(count));
+            } else if (wouldBlock(errno)) {
+                return awaitRoom();
+            } else if (errno != EINTR) {
+                return close(true);
+            }
+        }
+        onSent();
+    }
+
+    void awaitRoom() {
+        phase_ = Phase::Sending;
+        timer_->start(server_.settings.sendTimeout);
+        wait(stream_descriptor::wait_write, &Connection::send);
+    }
+
+    void onSent() {
+        if (phase_ == Phase::Sending) {
+            timer_->stop();
+            awaitLogOn();
+            phase_ = Phase::Reading;
+        }
+        if (protocol_.closing()) {
+            linger();
+        } else if (protocol_.waiting()) {
+            // Calls that came in one go wait for their turn again, so that the other clients get theirs.
+            asio::post(server_.loop.context(), [self = shared_from_this()] {
+                if (self->phase_ != Phase::Closed) {
+                    self->guarded([&] {
+                        self->protocol_.process();
+                        if (self->phase_ != Phase::Closed) {
+                            self->send();
+                        }
+                    });
+                }
+            });
+        } else {
+            read();
+        }
+    }
+
+    // Closing with input unread would reset the connection, and the fault that says why would never be seen.
+    void linger() {
+        phase_ = Phase::Lingering;
+        ::shutdown(descriptor_.native_handle(), SHUT_WR);
+        timer_->start(lingerTime);
+        wait(stream_descriptor::wait_read, &Connection::discard);
+    }
+
+    void discard() {
+        std::array<std::uint8_t, 4096> unread{};
+        const ssize_t count = ::recv(descriptor_.native_handle(), unread.data(), unread.size(), MSG_DONTWAIT);
+        if (count > 0 || (count < 0 && (wouldBlock(errno) || errno == EINTR))) {
+            wait(stream_descriptor::wait_read, &Connection::discard);
+        } else {
+            close(true);
+        }
+    }
+
+    void onTimeout() {
+        const auto self = shared_from_this();
+        const auto seconds = [](std::chrono::milliseconds time) { return static_cast<double>(time.count()) / 1000; };
+        if (phase_ == Phase::Reading) {
+            server_.trouble(
+                fmt::format("Dropped OPC client {}: no log-on within {} s; remedy: check which program "
+                            "connects to this port",
+                            protocol_.peer().remoteAddress, seconds(server_.settings.logOnTimeout)));
+        } else if (phase_ == Phase::Sending) {
+            server_.trouble(
+                fmt::format("Dropped OPC client {}: it took none of its replies for {} s; remedy: check "
+                            "whether the client program hangs",
+                            protocol_.peer().remoteAddress, seconds(server_.settings.sendTimeout)));
+        }
+        close(true);
+    }
+
+    Impl& server_;
+    stream_descriptor descriptor_;
+    rpc::CallHandler& handler_;
+    rpc::ServerConnection protocol_;
+    std::unique_ptr<ITimer> timer_;
+    Phase phase_ = Phase::Reading;
+};
+
+// ---- One listening socket ------------------------------------------------------------------------------------
+
+class TcpServer::Impl::Listener : public std::enable_shared_from_this<Listener> {
+ public:
+    Listener(Impl& server, int descriptor, rpc::CallHandler& handler)
+        : server_(server),
+          descriptor_(server.loop.context(), descriptor),
+          handler_(handler),
+          retry_(server.timers.makeTimer([this] { wait(); })) {
+        descriptor_.non_blocking(true);
+    }
+
+    void wait() {
+        descriptor_.async_wait(stream_descriptor::wait_read,
+                               [self = shared_from_this()](const asio::error_code& error) {
+                                   if (!error && self->descriptor_.is_open()) {
+                                       self->accept();
+                                   }
+                               });
+    }
+
+    void close() {
+        retry_.reset();
+        asio::error_code ignored;  // the descriptor is gone either way
+        descriptor_.close(ignored);
+    }
+
+ private:
+    void accept() {
+        for (int i = 0; i < acceptsPerTurn; ++i) {
+            Endpoint remote;
+            const int client =
+                ::accept4(descriptor_.native_handle(), remote.raw(), &remote.size, SOCK_NONBLOCK | SOCK_CLOEXEC);
+            if (client >= 0) {
+                troubled_ = false;
+                server_.admit(client, handler_, remote);
+            } else if (wouldBlock(errno)) {
+                break;
+            } else if (isWantOfResources(errno)) {
+                return pause(errno);
+            }
+            // Anything else is the fate of that one client, which was gone before it was accepted.
+        }
+        wait();
+    }
+
+    static bool isWantOfResources(int error) {
+        return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM || error == EBADF ||
+               error == EINVAL;
+    }
+
+    // The waiting client keeps the socket readable, so that trying again at once would only spin.
+    void pause(int error) {
+        if (!std::exchange(troubled_, true)) {
+            server_.trouble(
+                fmt::format("Cannot accept OPC clients: {}; trying again until it works", std::strerror(error)));
+        }
+        retry_->start(server_.settings.acceptRetry);
+    }
+
+    Impl& server_;
+    stream_descriptor descriptor_;
+    rpc::CallHandler& handler_;
+    std::unique_ptr<ITimer> retry_;
+    bool troubled_ = false;
+};
+
+std::uint16_t TcpServer::Impl::addListener(int descriptor, rpc::CallHandler& handler) {
+    Endpoint own;
+    ::getsockname(descriptor, own.raw(), &own.size);
+    listeners.push_back(std::make_shared<Listener>(*this, descriptor, handler));
+    listeners.back()->wait();
+    return own.port();
+}
+
+void TcpServer::Impl::admit(int descriptor, rpc::CallHandler& handler, const Endpoint& remote) {
+    const std::string client = withPort(remote.host(), remote.port());
+    if (connections.size() >= settings.maxConnections) {
+        ::close(descriptor);
+        if (!std::exchange(fullReported, true)) {
+            trouble(
+                fmt::format("Refused OPC client {}: {} connections are open already; remedy: close clients that "
+                            "are not needed, or look for one that opens connections without end",
+                            client, connections.size()));
+        }
+        return;
+    }
+    fullReported = false;
+    Endpoint own;
+    ::getsockname(descriptor, own.raw(), &own.size);
+    setOption(descriptor, IPPROTO_TCP, TCP_NODELAY, 1);
+    setOption(descriptor, IPPROTO_TCP, TCP_QUICKACK, 1);
+    setOption(descriptor, SOL_SOCKET, SO_KEEPALIVE, 1);
+    setOption(descriptor, IPPROTO_TCP, TCP_KEEPIDLE, keepAliveIdleSeconds);
+    setOption(descriptor, IPPROTO_TCP, TCP_KEEPINTVL, keepAliveIntervalSeconds);
+    setOption(descriptor, IPPROTO_TCP, TCP_KEEPCNT, keepAliveCount);
+    const auto connection = std::make_shared<Connection>(*this, descriptor, handler,
+                                                         rpc::Peer{++lastPeerId, client, own.host(), own.port()});
+    connections.emplace(lastPeerId, connection);
+    connection->start();
+}
+
+void TcpServer::Impl::forget(std::uint64_t id) {
+    connections.erase(id);
+}
+
+// ---- The server ----------------------------------------------------------------------------------------------
+
+TcpServer::TcpServer(AsioLoop& loop, IMessageLoop& timers, const rpc::ServerSettings& protocol, TcpSettings settings)
+    : impl_(std::make_unique<Impl>(loop, timers, protocol, std::move(settings))) {}
+
+TcpServer::~TcpServer() {
+    close();
+}
+
+std::uint16_t TcpServer::listen(const std::string& address, std::uint16_t port, rpc::CallHandler& handler) {
+    const std::string where = withPort(address, port);
+    std::optional<Endpoint> endpoint = parseEndpoint(address, port);
+    if (!endpoint) {
+        failListen(where, port, EAFNOSUPPORT);
+    }
+    const int family = endpoint->address.ss_family;
+    const int descriptor = ::socket(family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    if (descriptor < 0) {
+        failListen(where, port, errno);
+    }
+    setOption(descriptor, SOL_SOCKET, SO_REUSEADDR, 1);
+    if (family == AF_INET6) {
+        setOption(descriptor, IPPROTO_IPV6, IPV6_V6ONLY, 1);  // so that "::" and "0.0.0.0" can both be set
+    }
+    if (::bind(descriptor, endpoint->raw(), endpoint->size) != 0 || ::listen(descriptor, backlog) != 0) {
+        const int error = errno;
+        ::close(descriptor);
+        failListen(where, port, error);
+    }
+    return impl_->addListener(descriptor, handler);
+}
+
+std::uint16_t TcpServer::adopt(int descriptor, rpc::CallHandler& handler) {
+    int listening = 0;
+    socklen_t size = sizeof listening;
+    Endpoint own;
+    if (::getsockopt(descriptor, SOL_SOCKET, SO_ACCEPTCONN, &listening, &size) != 0 || listening == 0 ||
+        ::getsockname(descriptor, own.raw(), &own.size) != 0 ||
+        (own.address.ss_family != AF_INET && own.address.ss_family != AF_INET6)) {
+        throw ListenError(
+            fmt::format("Cannot listen on the socket handed over as descriptor {}: it is not a "
+                        "listening TCP socket; check the service's socket unit",
+                        descriptor));
+    }
+    return impl_->addListener(descriptor, handler);
+}
+
+void TcpServer::close() {
+    for (const auto& listener : std::exchange(impl_->listeners, {})) {
+        listener->close();
+    }
+    while (!impl_->connections.empty()) {
+        const auto connection = impl_->connections.begin()->second;
+        connection->close(false);
+    }
+}
+
+std::size_t TcpServer::connectionCount() const {
+    return impl_->connections.size();
+}
+
+}  // namespace quelm::dcom::net
