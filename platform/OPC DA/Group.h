@@ -1,0 +1,235 @@
+#pragma once
+
+// A client's group: its items, their handles, and reading and writing them. The read path has no look-up but a vector
+// index and allocates nothing.
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "OPC DA/Coercion.h"
+#include "OPC DA/Enumerators.h"
+#include "OPC DA/HResults.h"
+#include "SLIK-DA/SLIKServer.h"
+
+namespace quelm::opcda {
+
+class Application;
+class Server;
+
+// One item as AddItems and ValidateItems get it. The access path is of no use to this server and not asked for.
+struct ItemDefinition {
+    std::string_view itemId;
+    bool active = true;
+    std::uint32_t clientHandle = 0;
+    VarType requestedType = VT_EMPTY;
+};
+
+struct ItemResult {
+    HResult error = S_OK;
+    std::uint32_t serverHandle = 0;  // 0 on failure and from ValidateItems
+    VarType canonicalType = VT_EMPTY;
+    std::uint32_t accessRights = 0;  // 1 readable, 2 writable
+};
+
+struct ItemAttributes {
+    std::string_view itemId;
+    bool active = false;
+    std::uint32_t clientHandle = 0;
+    std::uint32_t serverHandle = 0;
+    std::uint32_t accessRights = 0;
+    VarType requestedType = VT_EMPTY;
+    VarType canonicalType = VT_EMPTY;
+};
+
+// One item of a read. value lives until the sink returns.
+struct ItemReading {
+    HResult error;
+    std::uint32_t clientHandle;
+    std::int64_t fileTime;  // UTC, FILETIME
+    std::uint16_t quality;
+    const OpcValue& value;
+};
+
+struct GroupState {
+    std::uint32_t updateRate = 0;  // milliseconds
+    bool active = false;
+    std::int32_t timeBias = 0;  // minutes
+    float percentDeadband = 0;  // 0 to 100
+    std::uint32_t localeId = 0;
+    std::uint32_t clientHandle = 0;
+};
+
+// What SetState changes: only what is given.
+struct GroupChange {
+    std::optional<std::uint32_t> updateRate;
+    std::optional<bool> active;
+    std::optional<std::int32_t> timeBias;
+    std::optional<float> percentDeadband;
+    std::optional<std::uint32_t> localeId;
+    std::optional<std::uint32_t> clientHandle;
+};
+
+// Milliseconds: the fastest update rate that a group gets.
+inline constexpr std::uint32_t minimumUpdateRate = 100;
+std::uint32_t revisedRate(std::uint32_t requested);
+bool isDeadband(float percent);
+
+class Group {
+ public:
+    Group(Server& server, Application& application, std::string name, std::uint32_t serverHandle, GroupState state);
+    Group(const Group&) = delete;
+    Group& operator=(const Group&) = delete;
+
+    const std::string& name() const { return name_; }
+    std::uint32_t serverHandle() const { return serverHandle_; }
+    const GroupState& state() const { return state_; }
+    // The client removed it or its server object is gone. Who still holds the group answers such a client with E_FAIL;
+    // the group's calls do no harm then and find no item.
+    bool isRemoved() const { return server_ == nullptr; }
+
+    // S_OK; OPC_S_UNSUPPORTEDRATE when the rate was revised (see state().updateRate); E_INVALIDARG for a deadband
+    // outside 0 to 100: nothing is changed then.
+    HResult setState(const GroupChange& change);
+    // OPC_E_DUPLICATENAME; E_INVALIDARG for an empty name.
+    HResult setName(std::string_view name);
+
+    // S_OK, or S_FALSE when at least one item has an error; results and errors get one entry for each item, and are
+    // reused without allocation when they are large enough. No item at all is E_INVALIDARG.
+    HResult addItems(std::span<const ItemDefinition> items, std::vector<ItemResult>& results);
+    HResult validateItems(std::span<const ItemDefinition> items, std::vector<ItemResult>& results) const;
+    HResult removeItems(std::span<const std::uint32_t> handles, std::vector<HResult>& errors);
+    HResult setActiveState(std::span<const std::uint32_t> handles, bool active, std::vector<HResult>& errors);
+    // Both spans are of one length.
+    HResult setClientHandles(std::span<const std::uint32_t> handles, std::span<const std::uint32_t> clientHandles,
+                             std::vector<HResult>& errors);
+    HResult setDatatypes(std::span<const std::uint32_t> handles, std::span<const VarType> types,
+                         std::vector<HResult>& errors);
+    Enumerator<ItemAttributes> enumerateItems() const;
+    std::size_t itemCount() const { return itemCount_; }
+
+    // Calls sink(const ItemReading&) once for each handle, in order. S_OK, or S_FALSE when an item has an error.
+    // An inactive item, and every item of an inactive group, comes with quality "out of service".
+    template <class Sink>
+    HResult readCache(std::span<const std::uint32_t> handles, Sink&& sink);
+    // Asks the server host for the values first: OnRead once with all valid items. Active or not does not matter.
+    // A failure that the host reports becomes every valid item's error.
+    template <class Sink>
+    HResult readDevice(std::span<const std::uint32_t> handles, Sink&& sink);
+    // OnWrite once for all valid items; the values never matter, as no item takes one.
+    HResult write(std::span<const std::uint32_t> handles, std::vector<HResult>& errors);
+
+ private:
+    friend class Server;
+    struct Slot {
+        const SLIKTag* tag = nullptr;  // nullptr: free
+        std::uint32_t clientHandle = 0;
+        VarType requestedType = VT_EMPTY;  // as the client asked
+        VarType type = VT_EMPTY;           // what to deliver: the canonical type when the client asked for none
+        std::uint16_t generation = 0;      // 1 to 4095
+        bool active = false;
+    };
+    // A handle is a slot number and the slot's generation, so that the handle of a removed item is known as dead.
+    static constexpr unsigned slotBits = 20;
+    static constexpr std::uint32_t slotMask = (1U << slotBits) - 1;
+    static constexpr std::uint32_t maxGeneration = 0xFFF;
+
+    Slot* find(std::uint32_t handle) {
+        const std::uint32_t number = handle & slotMask;
+        if (number >= slots_.size()) {
+            return nullptr;
+        }
+        Slot& slot = slots_[number];
+        return slot.generation == handle >> slotBits && slot.tag != nullptr ? &slot : nullptr;
+    }
+    template <class Action>
+    HResult forEach(std::span<const std::uint32_t> handles, std::vector<HResult>& errors, Action&& action);
+    template <class Sink>
+    bool deliver(const Slot& slot, const Variant& value, std::uint16_t quality, std::int64_t fileTime, Sink&& sink);
+    template <class Sink>
+    void deliverError(std::uint32_t clientHandle, HResult error, Sink&& sink);
+
+    ItemResult validate(const ItemDefinition& item, const SLIKTag*& tag) const;
+    std::uint32_t insert(const ItemDefinition& item, const SLIKTag& tag);
+    void remove(std::uint32_t handle, Slot& slot);
+    // Puts the valid tags of a call together and raises OnRead; the event's error code.
+    HResult askHost(std::span<const std::uint32_t> handles, std::span<const RequestedItem>& readings);
+    void noteDataSent();
+    void copyItemsFrom(const Group& other);
+    void detach();
+
+    Server* server_;
+    Application* application_;
+    std::string name_;
+    std::uint32_t serverHandle_;
+    GroupState state_;
+    std::vector<Slot> slots_;
+    std::vector<std::uint32_t> freeSlots_;  // a queue: the slot that was freed first is used first
+    std::size_t nextFree_ = 0;
+    std::size_t itemCount_ = 0;
+    std::uint16_t firstGeneration_;
+    std::vector<const SLIKTag*> asked_;
+    OpcValue value_;
+};
+
+template <class Sink>
+bool Group::deliver(const Slot& slot, const Variant& value, std::uint16_t quality, std::int64_t fileTime, Sink&& sink) {
+    const HResult error = convert(value, slot.type, value_);
+    sink(ItemReading{error, slot.clientHandle, fileTime, error == S_OK ? quality : qualityBad, value_});
+    return error == S_OK;
+}
+
+template <class Sink>
+void Group::deliverError(std::uint32_t clientHandle, HResult error, Sink&& sink) {
+    value_.type = VT_EMPTY;
+    sink(ItemReading{error, clientHandle, 0, qualityBad, value_});
+}
+
+template <class Sink>
+HResult Group::readCache(std::span<const std::uint32_t> handles, Sink&& sink) {
+    bool allGood = true;
+    for (const std::uint32_t handle : handles) {
+        const Slot* slot = find(handle);
+        if (slot == nullptr) {
+            deliverError(0, OPC_E_INVALIDHANDLE, sink);
+            allGood = false;
+            continue;
+        }
+        const SLIKTag& tag = *slot->tag;
+        const std::uint16_t quality = state_.active && slot->active ? tag.qualityWord() : qualityOutOfService;
+        allGood &= deliver(*slot, tag.Value(), quality, tag.fileTime(), sink);
+    }
+    noteDataSent();
+    return allGood ? S_OK : S_FALSE;
+}
+
+template <class Sink>
+HResult Group::readDevice(std::span<const std::uint32_t> handles, Sink&& sink) {
+    std::span<const RequestedItem> readings;
+    const HResult hostError = askHost(handles, readings);
+    bool allGood = true;
+    std::size_t next = 0;
+    for (const std::uint32_t handle : handles) {
+        const Slot* slot = find(handle);
+        if (slot == nullptr) {
+            deliverError(0, OPC_E_INVALIDHANDLE, sink);
+            allGood = false;
+            continue;
+        }
+        const RequestedItem& reading = readings[next++];
+        if (hostError != S_OK || !reading.isFilled()) {
+            deliverError(slot->clientHandle, hostError != S_OK ? hostError : E_FAIL, sink);
+            allGood = false;
+            continue;
+        }
+        allGood &= deliver(*slot, reading.value(), reading.qualityWord(), reading.fileTime(), sink);
+    }
+    noteDataSent();
+    return allGood ? S_OK : S_FALSE;
+}
+
+}  // namespace quelm::opcda

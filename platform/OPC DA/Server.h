@@ -1,0 +1,133 @@
+#pragma once
+
+// A client's server object: its groups, its status, its locale, and its own place in the browse hierarchy.
+// It counts as a client from its construction to its destruction.
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "OPC DA/Browser.h"
+#include "OPC DA/Enumerators.h"
+#include "OPC DA/Group.h"
+#include "OPC DA/HResults.h"
+#include "OPC DA/ItemIO.h"
+#include "OPC DA/Properties.h"
+#include "SLIK-DA/SLIKServer.h"
+
+namespace quelm::opcda {
+
+// What all server objects of the process share. Lives longer than any of them.
+class Application {
+ public:
+    explicit Application(SLIKServer& control);
+    SLIKServer& control() { return *control_; }
+    const ItemStore& items() const { return control_->SLIKTags(); }
+    std::int64_t startTime() const { return startTime_; }  // UTC, FILETIME
+    // Never 0, and none twice within four thousand million groups.
+    std::uint32_t nextGroupHandle() { return ++lastGroupHandle_ != 0 ? lastGroupHandle_ : ++lastGroupHandle_; }
+
+ private:
+    SLIKServer* control_;
+    std::int64_t startTime_;
+    std::uint32_t lastGroupHandle_ = 0;
+};
+
+struct ServerStatus {
+    std::int64_t startTime = 0;       // UTC, FILETIME
+    std::int64_t currentTime = 0;     // UTC, FILETIME
+    std::int64_t lastUpdateTime = 0;  // UTC, FILETIME; 0: no data sent to this client yet
+    std::uint16_t state = 1;          // running
+    std::uint32_t groupCount = 0;
+    std::uint32_t bandWidth = 0xFFFFFFFF;  // not known
+    std::uint16_t majorVersion = 0;
+    std::uint16_t minorVersion = 0;
+    std::uint16_t buildNumber = 0;
+    std::string_view vendor;
+};
+
+struct GroupRequest {
+    std::string_view name;  // "": the server makes one
+    bool active = false;
+    std::uint32_t updateRate = 0;  // milliseconds; 0: as fast as possible
+    std::uint32_t clientHandle = 0;
+    std::optional<std::int32_t> timeBias;  // minutes; none: of the local time zone
+    std::optional<float> percentDeadband;  // none: 0
+    std::uint32_t localeId = 0;
+};
+
+// Numbers of the interface's enumeration. There are no public groups: their scopes are empty.
+enum class EnumScope : std::uint16_t {
+    privateConnections = 1,
+    publicConnections = 2,
+    allConnections = 3,
+    privateGroups = 4,
+    publicGroups = 5,
+    allGroups = 6,
+};
+
+inline constexpr std::uint32_t localeEnglish = 0x0409;
+inline constexpr std::uint32_t localeSystemDefault = 0x0800;
+inline constexpr std::uint32_t localeNeutral = 0x0400;
+
+class Server {
+ public:
+    explicit Server(Application& application);
+    ~Server();
+    Server(const Server&) = delete;
+    Server& operator=(const Server&) = delete;
+
+    // S_OK or OPC_S_UNSUPPORTEDRATE with the group; OPC_E_DUPLICATENAME, or E_INVALIDARG for a deadband outside
+    // 0 to 100.
+    HResult addGroup(const GroupRequest& request, std::shared_ptr<Group>& group);
+    // E_INVALIDARG when there is no such group. Names count with their case.
+    HResult groupByName(std::string_view name, std::shared_ptr<Group>& group) const;
+    // E_INVALIDARG for an unknown handle. The group is gone at once for this server; inUse (the client still holds
+    // an interface of it) gives OPC_S_INUSE unless force is set.
+    HResult removeGroup(std::uint32_t serverHandle, bool force, bool inUse);
+    // A copy with new handles and inactive; name "": the server makes one. OPC_E_DUPLICATENAME.
+    HResult cloneGroup(const Group& group, std::string_view name, std::shared_ptr<Group>& clone);
+    // For CreateGroupEnumerator. E_INVALIDARG for an unknown scope; S_FALSE for an empty list.
+    HResult groups(std::uint16_t scope, std::vector<std::shared_ptr<Group>>& list) const;
+    HResult groupNames(std::uint16_t scope, StringEnumerator& names) const;
+    std::size_t groupCount() const { return groups_.size(); }
+
+    ServerStatus status() const;
+    // S_OK with the text; E_INVALIDARG for a code or a locale that is not known.
+    HResult errorString(HResult error, std::uint32_t localeId, std::string_view& text) const;
+
+    HResult setLocale(std::uint32_t localeId);  // E_INVALIDARG when not among the available ones
+    std::uint32_t locale() const { return localeId_; }
+    static std::span<const std::uint32_t> availableLocales();
+    void setClientName(std::string_view name) { clientName_ = name; }
+    const std::string& clientName() const { return clientName_; }
+
+    Application& application() { return *application_; }
+    Browser& browser() { return browser_; }
+    const Properties& properties() const { return properties_; }
+    ItemIO& itemIO() { return itemIO_; }
+
+    // Data went to this client just now.
+    void noteDataSent();
+
+ private:
+    friend class Group;
+    bool isNameTaken(std::string_view name) const;
+    std::string unusedName();
+    std::shared_ptr<Group> insert(std::string name, const GroupState& state);
+
+    Application* application_;
+    std::vector<std::shared_ptr<Group>> groups_;
+    std::uint32_t lastNumber_ = 0;
+    std::int64_t lastUpdateTime_ = 0;
+    std::uint32_t localeId_ = localeSystemDefault;
+    std::string clientName_;
+    Browser browser_;
+    Properties properties_;
+    ItemIO itemIO_;
+};
+
+}  // namespace quelm::opcda
