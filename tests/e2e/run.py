@@ -1,0 +1,65 @@
+#!/usr/bin/python3
+"""Runs the end-to-end tests, several at a time, each on a server process of its own.
+
+    run.py --server build/release/Q5OPCServer [--count FILE] [--jobs N] [NAME...]
+
+NAME: a part of the names of the tests to run. FILE receives "TESTS FAILURES".
+"""
+
+import argparse
+import concurrent.futures
+import importlib
+import os
+import pkgutil
+import sys
+import time
+import unittest
+
+sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
+import harness  # noqa: E402
+
+
+def collect(names):
+    loader = unittest.TestLoader()
+    cases = []
+    for module in pkgutil.iter_modules([os.path.dirname(os.path.abspath(__file__))]):
+        if module.name.startswith('test_'):
+            for suite in loader.loadTestsFromModule(importlib.import_module(module.name)):
+                cases += list(suite)
+    return [case for case in cases if not names or any(name in case.id() for name in names)]
+
+
+def run_one(case):
+    began = time.monotonic()
+    result = unittest.TestResult()
+    case.run(result)
+    problems = [text for _, text in result.errors + result.failures]
+    return case, problems, time.monotonic() - began
+
+
+def main():
+    parser = argparse.ArgumentParser()
+    parser.add_argument('--server', required=True)
+    parser.add_argument('--count')
+    parser.add_argument('--jobs', type=int, default=8)
+    parser.add_argument('names', nargs='*')
+    options = parser.parse_args()
+    harness.SERVER = os.path.abspath(options.server)
+    cases = collect(options.names)
+    failures = 0
+    # The tests mostly wait for the server's 20-second intervals, so many fit side by side.
+    with concurrent.futures.ThreadPoolExecutor(options.jobs) as pool:
+        for future in concurrent.futures.as_completed([pool.submit(run_one, case) for case in cases]):
+            case, problems, seconds = future.result()
+            print(f"{'FAILED' if problems else 'ok    '} {case.id()} ({seconds:.1f} s)", flush=True)
+            for problem in problems:
+                print(problem)
+            failures += bool(problems)
+    if options.count:
+        with open(options.count, 'w') as file:
+            file.write(f'{len(cases)} {failures}\n')
+    return 1 if failures else 0
+
+
+if __name__ == '__main__':
+    sys.exit(main())
