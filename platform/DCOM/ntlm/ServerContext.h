@@ -23,11 +23,15 @@ class AccountStore {
     // MD4 of the UTF-16 password of DOMAIN\user; nothing for an unknown account. The domain is the one that the
     // client typed; which domains an account answers to is the store's business.
     virtual std::optional<NtHash> find(std::string_view domain, std::string_view user) const = 0;
+    // Whether a user of that name exists in any domain: tells the operator a wrong domain from an unknown account.
+    virtual bool knowsUser(std::string_view) const { return false; }
 };
 
 struct ServerSettings {
     std::string computerName;     // NetBIOS name offered to clients
     std::string domainName;       // NetBIOS domain or workgroup offered to clients
+    std::string dnsComputerName;  // full host name; empty: not offered
+    std::string dnsDomainName;    // DNS domain of the host; empty: not offered
     bool allowNtlmV1Ess = false;  // accept NTLMv1 with extended session security (never plain NTLMv1 or LM)
     bool allowAnonymous = false;  // accept a type 3 message without user, as the empty account
 };
@@ -44,30 +48,37 @@ class ServerContext {
     // 1, 2 or 3 when the token begins as an NTLM message of that type, else 0.
     static int messageType(std::span<const std::uint8_t> token);
 
-    // Takes the client's type 1 message and gives the type 2 answer; nothing when it is malformed.
+    // Takes the client's type 1 message and gives the type 2 answer; nothing when it is malformed. Starts a new log-on
+    // whatever went before. The answer's time stamp comes from the time source in force.
     std::optional<std::vector<std::uint8_t>> challenge(std::span<const std::uint8_t> negotiate);
 
-    // Takes the client's type 3 message. Empty: logged on. Otherwise the reason why not, as plain words for the
-    // operator, without secrets ("unknown account", "wrong password", "NTLMv1 is not allowed", "malformed message").
+    // Takes the client's type 3 message, once after each challenge. Empty: logged on. Otherwise the reason why not, as
+    // plain words for the operator, without secrets: "malformed message", "unknown account", "wrong domain",
+    // "wrong password", "NTLMv1 is not allowed", "plain NTLMv1 is never allowed", "LM and LMv2 are never allowed",
+    // "anonymous access is not allowed", "message altered on its way", "message out of turn".
     std::string authenticate(std::span<const std::uint8_t> authenticateMessage);
 
     bool authenticated() const;
-    // "DOMAIN\\user" as the client gave it (also after a refusal, for the refusal's line); empty when anonymous.
+    // "DOMAIN\\user" as the client gave it (also after a refusal, for the refusal's line), "user" when it gave no
+    // domain, empty when anonymous. Control characters show as "?", so that no client writes log lines of its own.
     const std::string& account() const;
-    // Whether keys for signing and sealing were agreed on.
+    // Whether keys for signing and sealing were agreed on. Never without extended session security.
     bool canSign() const;
     bool canSeal() const;
 
     static constexpr std::size_t signatureSize = 16;
     using Signature = std::array<std::uint8_t, signatureSize>;
 
-    // Outgoing message number n (counted by the context): signature over message.
+    // Outgoing: signature over message; without canSign() the dummy signature, which protects nothing. The context
+    // counts the messages.
     void sign(std::span<const std::uint8_t> message, Signature& signature);
-    // Outgoing: encrypts sealed (a part of message, in place) after signing message in the clear.
+    // Outgoing: encrypts sealed (a part of message, in place) after signing message in the clear. Without canSeal()
+    // sealed is filled with zeros: a caller's mistake must not send plant data in the clear.
     void seal(std::span<std::uint8_t> message, std::span<std::uint8_t> sealed, Signature& signature);
-    // Incoming: true when signature is right for message; the message counter moves on either way.
+    // Incoming: true when signature is right for message; the message counter moves on either way. Without canSign()
+    // never true. After a false nothing that follows can be right: the connection is to be closed.
     bool verify(std::span<const std::uint8_t> message, std::span<const std::uint8_t> signature);
-    // Incoming: decrypts sealed (a part of message, in place) and then verifies as above.
+    // Incoming: decrypts sealed (a part of message, in place) and then verifies as above. Needs canSeal().
     bool unseal(std::span<std::uint8_t> message, std::span<std::uint8_t> sealed,
                 std::span<const std::uint8_t> signature);
 

@@ -1,0 +1,48 @@
+#pragma once
+
+// Signing and sealing of one NTLM session with extended session security: two independent directions, each with its
+// keys, its running cipher and its message counter. Both ends must see every message, in order.
+
+#include <nettle/arcfour.h>
+#include <nettle/hmac.h>
+
+#include <cstdint>
+#include <span>
+
+#include "DCOM/ntlm/Crypto.h"
+
+namespace quelm::dcom::ntlm {
+
+class MessageSecurity {
+ public:
+    using Signature = ServerContext::Signature;
+
+    // own: the end that this object stands at.
+    MessageSecurity(const Key& exportedSessionKey, std::uint32_t negotiatedFlags, Side own);
+    ~MessageSecurity();
+    MessageSecurity(const MessageSecurity&) = delete;
+    MessageSecurity& operator=(const MessageSecurity&) = delete;
+
+    void sign(Bytes message, Signature& signature);
+    // sealed is a part of message and encrypted in place, after the signature has been made over the clear text.
+    void seal(Bytes message, std::span<std::uint8_t> sealed, Signature& signature);
+    bool verify(Bytes message, Bytes signature);
+    // sealed is a part of message and decrypted in place.
+    bool unseal(Bytes message, std::span<std::uint8_t> sealed, Bytes signature);
+
+ private:
+    struct Direction {
+        hmac_md5_ctx mac;
+        arcfour_ctx cipher;
+        std::uint32_t sequence = 0;
+    };
+    static void start(Direction& direction, const Key& exportedSessionKey, std::uint32_t negotiatedFlags, Side sender);
+    static Key checksum(Direction& direction, Bytes message);
+    Signature finish(Direction& direction, const Key& checksum) const;
+
+    bool encryptsChecksum_;
+    Direction outgoing_;
+    Direction incoming_;
+};
+
+}  // namespace quelm::dcom::ntlm

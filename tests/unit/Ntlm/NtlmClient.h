@@ -1,0 +1,162 @@
+#pragma once
+
+// The client's side of an NTLM log-on, for tests: writes type 1 and type 3 messages, well formed or spoilt at will,
+// and protects messages like a client.
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "DCOM/ntlm/Crypto.h"
+#include "DCOM/ntlm/MessageSecurity.h"
+#include "Shared Types/Utf.h"
+
+namespace quelm::dcom::ntlm::test {
+
+using Buffer = std::vector<std::uint8_t>;
+
+inline Buffer fromHex(std::string_view hex) {
+    Buffer bytes;
+    std::string digits;
+    for (const char c : hex) {
+        if (c != ' ' && (digits += c).size() == 2) {
+            bytes.push_back(static_cast<std::uint8_t>(std::stoi(digits, nullptr, 16)));
+            digits.clear();
+        }
+    }
+    return bytes;
+}
+
+inline std::string toHex(Bytes bytes) {
+    std::string hex;
+    for (const std::uint8_t byte : bytes) {
+        hex += "0123456789abcdef"[byte >> 4];
+        hex += "0123456789abcdef"[byte & 15];
+    }
+    return hex;
+}
+
+inline Buffer utf16(std::string_view text) {
+    return littleEndian(utf8ToUtf16(text));
+}
+
+inline void put(Buffer& out, std::uint64_t value, int bytes) {
+    for (int i = 0; i < bytes; ++i) {
+        out.push_back(static_cast<std::uint8_t>(value >> 8 * i));
+    }
+}
+
+inline void put(Buffer& out, Bytes bytes) {
+    out.insert(out.end(), bytes.begin(), bytes.end());
+}
+
+// What a signing and sealing client on NTLMv2 asks for, and what one on CONNECT level with NTLMv1 asks for.
+inline constexpr std::uint32_t sealingFlags = 0xE0888235;
+inline constexpr std::uint32_t connectFlags = 0xA0088207;
+
+inline Buffer negotiate(std::uint32_t asked) {
+    Buffer out = fromHex("4e544c4d53535000 01000000");
+    put(out, asked, 4);
+    put(out, fromHex("0000000000000000 0000000000000000"));
+    return out;
+}
+
+struct Type3 {
+    std::uint32_t flags = 0;
+    Buffer lm, nt;
+    std::string domain, user;
+    Buffer sessionKey;
+    bool roomForMic = false;
+};
+
+inline Buffer encode(const Type3& message) {
+    Buffer out = fromHex("4e544c4d53535000 03000000");
+    Buffer payload;
+    const std::size_t fixedSize = message.roomForMic ? micOffset + micSize : 64;
+    for (const Buffer& part :
+         {message.lm, message.nt, utf16(message.domain), utf16(message.user), utf16("STATION"), message.sessionKey}) {
+        put(out, part.size(), 2);
+        put(out, part.size(), 2);
+        put(out, fixedSize + payload.size(), 4);
+        put(payload, part);
+    }
+    put(out, message.flags, 4);
+    out.resize(fixedSize);
+    put(out, payload);
+    return out;
+}
+
+class NtlmClient {
+ public:
+    NtlmClient(std::string domain, std::string user, std::string password)
+        : domain_(std::move(domain)), user_(std::move(user)), hash_(ntHash(password)) {}
+
+    // NTLMv2 with the server's own AV pairs. type1 is needed for the MIC only.
+    Buffer answerV2(Bytes challenge, std::optional<Buffer> type1 = std::nullopt) {
+        readChallenge(challenge);
+        Buffer data = fromHex("0101000000000000 0090d336b734c301 aaaaaaaaaaaaaaaa 00000000");
+        const std::size_t infoSize = challenge[40] + 256U * challenge[41];
+        const std::size_t infoAt = challenge[44] + 256U * challenge[45];
+        put(data, challenge.subspan(infoAt, infoSize - 4));
+        if (type1) {
+            put(data, fromHex("06000400 02000000"));
+        }
+        put(data, fromHex("00000000 00000000"));
+        const Key responseKey = responseKeyV2(hash_, utf8ToUtf16(user_), utf8ToUtf16(domain_));
+        const Key proof = proofV2(responseKey, serverChallenge_, data);
+        Buffer nt(proof.begin(), proof.end());
+        put(nt, data);
+        Buffer message = finish(sessionBaseKeyV2(responseKey, proof), Buffer(24, 0x11), nt, type1.has_value());
+        if (type1) {
+            const Key mic = hmacMd5(exported_, {*type1, challenge, message});
+            std::copy(mic.begin(), mic.end(), message.begin() + micOffset);
+        }
+        return message;
+    }
+
+    Buffer answerV1Ess(Bytes challenge) {
+        readChallenge(challenge);
+        Buffer lm = fromHex("0102030405060708");
+        const auto response = responseV1Ess(hash_, serverChallenge_, lm);
+        const Key baseKey = keyExchangeKeyV1Ess(hash_, serverChallenge_, lm);
+        lm.resize(24);
+        return finish(baseKey, lm, Buffer(response.begin(), response.end()), false);
+    }
+
+    // Drops flags from what the server offers before the answer is made.
+    void without(std::uint32_t dropped) { dropped_ = dropped; }
+    MessageSecurity& security() { return *security_; }
+
+ private:
+    void readChallenge(Bytes challenge) {
+        std::copy_n(challenge.begin() + 24, 8, serverChallenge_.begin());
+        flags_ = 0;
+        for (std::size_t i = 0; i < 4; ++i) {
+            flags_ |= static_cast<std::uint32_t>(challenge[20 + i]) << 8 * i;
+        }
+        flags_ &= ~dropped_;
+    }
+
+    Buffer finish(const Key& baseKey, Buffer lm, Buffer nt, bool roomForMic) {
+        Buffer sessionKey;
+        exported_ = baseKey;
+        if ((flags_ & flags::keyExchange) != 0) {
+            exported_.fill(0x55);
+            const Key encrypted = rc4(baseKey, exported_);
+            sessionKey.assign(encrypted.begin(), encrypted.end());
+        }
+        security_.emplace(exported_, flags_, Side::client);
+        return encode({flags_, std::move(lm), std::move(nt), domain_, user_, sessionKey, roomForMic});
+    }
+
+    std::string domain_;
+    std::string user_;
+    NtHash hash_;
+    std::uint32_t dropped_ = 0;
+    Nonce serverChallenge_{};
+    std::uint32_t flags_ = 0;
+    Key exported_{};
+    std::optional<MessageSecurity> security_;
+};
+
+}  // namespace quelm::dcom::ntlm::test
