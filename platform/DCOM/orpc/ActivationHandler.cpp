@@ -1,0 +1,35 @@
+#include "DCOM/orpc/ActivationHandler.h"
+
+#include "DCOM/orpc/OrpcHandler.h"
+
+namespace quelm::dcom::orpc {
+
+bool ActivationHandler::supports(const Uuid& interfaceId, std::uint16_t versionMajor, std::uint16_t) {
+    return versionMajor == 0 &&
+           (interfaceId == iidActivation || interfaceId == iidRemoteScmActivator || interfaceId == iidObjectExporter);
+}
+
+std::uint32_t ActivationHandler::call(const rpc::Call& call, ndr::Writer& reply) {
+    try {
+        return dispatch(call, reply);
+    } catch (...) {
+        return faultOfException(exporter_, call);
+    }
+}
+
+std::uint32_t ActivationHandler::dispatch(const rpc::Call& call, ndr::Writer& reply) {
+    if (call.interfaceId == iidObjectExporter) {
+        return resolver_.invoke(call, reply);
+    }
+    if (call.interfaceId == iidActivation) {
+        return activation_.invokeActivation(call, reply);
+    }
+    if (call.interfaceId == iidRemoteScmActivator) {
+        return activation_.invokeScmActivator(call, reply);
+    }
+    return faultUnknownInterface;
+}
+
+void ActivationHandler::connectionClosed(const rpc::Peer&, bool) {}
+
+}  // namespace quelm::dcom::orpc

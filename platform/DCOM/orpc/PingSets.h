@@ -1,0 +1,64 @@
+#pragma once
+
+// The sets of objects that client machines keep alive with one small ping for all of them.
+// Only the membership is kept here; what a ping means to an object is the exporter's business.
+
+#include <cstdint>
+#include <span>
+#include <string>
+#include <unordered_map>
+#include <unordered_set>
+
+namespace quelm::dcom::orpc {
+
+class PingSets {
+ public:
+    // Told of each object whose membership or liveness changes.
+    class Listener {
+     public:
+        virtual ~Listener() = default;
+        // False when there is no such object (any more); it then leaves the set.
+        virtual bool pinged(std::uint64_t oid) = 0;
+        // The client took the object out of its set: nobody on that machine holds it any longer.
+        virtual void takenOut(std::uint64_t oid) = 0;
+    };
+
+    explicit PingSets(Listener& listener) : listener_(listener) {}
+
+    // Pings all members. False when the owner has no such set. The owner is "host account"; one client's set is
+    // out of reach of the others. now in milliseconds.
+    bool ping(std::uint64_t setId, const std::string& owner, std::uint64_t now);
+
+    // Makes a set (setId 0 on entry, its id afterwards) or changes one, then pings its members. A change with an
+    // older sequence number than the last one arrived late and counts as a mere ping.
+    enum class Change { Done, UnknownSet, TooManySets };
+    Change change(std::uint64_t& setId, const std::string& owner, std::uint16_t sequence,
+                  std::span<const std::uint64_t> add, std::span<const std::uint64_t> remove, std::uint64_t now);
+
+    // Forgets sets that were not pinged for longer than timeout milliseconds.
+    void expire(std::uint64_t now, std::uint64_t timeout);
+    // Counts every set as just pinged.
+    void renew(std::uint64_t now);
+    // Whether any set has this object.
+    bool contains(std::uint64_t oid) const;
+    std::size_t size() const { return sets_.size(); }
+
+ private:
+    struct Set {
+        std::string owner;
+        std::uint16_t sequence = 0;
+        std::uint64_t lastPing = 0;
+        std::unordered_set<std::uint64_t> members;
+    };
+
+    Set* find(std::uint64_t setId, const std::string& owner);
+    void pingMembers(Set& set, std::uint64_t now);
+    void apply(Set& set, std::span<const std::uint64_t> add, std::span<const std::uint64_t> remove);
+
+    Listener& listener_;
+    // Ids count up from 1: a client exists that puts the id into a 16-bit field.
+    std::uint64_t lastId_ = 0;
+    std::unordered_map<std::uint64_t, Set> sets_;
+};
+
+}  // namespace quelm::dcom::orpc
