@@ -1,0 +1,57 @@
+#include "OPC/OPC DA Server/IOChannelIDFunctions.h"
+
+#include <string>
+
+#include "OPC/OPC DA Server/TextConversionFunctions.h"
+#include "OPC/OPC DA Server/UtilityFunctions.h"
+#include "Shared Types/Conversion.h"
+#include "Shared Types/RuntimeError.h"
+#include "Shared Types/Text.h"
+
+namespace quelm {
+
+namespace {
+
+bool isValidNumber(std::int32_t id) {
+    return id >= 1 && id < 2'000'000'000;
+}
+
+std::string bracketedText(std::string_view text) {
+    const std::string between = GetTextBetween(text, "[", "]");
+    const std::string_view trimmed = trimBlanks(between);
+    return std::string(trimmed.starts_with('@') ? trimmed.substr(1) : std::string_view());
+}
+
+}  // namespace
+
+std::int32_t ParseIOChannelID(std::string_view strText, bool blnBracketed) {
+    try {
+        const double number = blnBracketed ? LeadingNumber(bracketedText(strText)) : LeadingNumber(strText);
+        const std::int32_t id = roundToInt32(number);
+        return isValidNumber(id) ? id : 0;
+    } catch (const RuntimeError&) {
+        // A number that no 32-bit integer holds is no channel.
+        return 0;
+    }
+}
+
+bool IsValidIOChannelID(const Variant& varValue) {
+    try {
+        switch (varValue.kind()) {
+            case VariantKind::Int16:
+            case VariantKind::Int32:
+            case VariantKind::Single:
+            case VariantKind::Double:
+            case VariantKind::Decimal:
+                return isValidNumber(toInt32(varValue));
+            case VariantKind::Text:
+                return ParseIOChannelID(varValue.text(), false) != 0;
+            default:
+                return false;
+        }
+    } catch (const RuntimeError&) {
+        return false;
+    }
+}
+
+}  // namespace quelm
