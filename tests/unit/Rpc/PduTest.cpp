@@ -1,0 +1,89 @@
+#include <gtest/gtest.h>
+
+#include "DCOM/rpc/Pdu.h"
+#include "RpcClient.h"
+
+namespace quelm::dcom::rpc::test {
+namespace {
+
+TEST(PduHeader, TellsWhatIsWrong) {
+    const struct {
+        const char* wire;
+        const char* wrong;
+    } cases[] = {
+        {"05000B03 10000000 10000000 01000000", ""},
+        {"05010B03 10000000 D0160000 01000000", ""},
+        {"04000B03 10000000 10000000 01000000", "what it sent is not RPC version 5"},
+        {"05020B03 10000000 10000000 01000000", "what it sent is not RPC version 5"},
+        {"47455420 2F204854 54502F31 2E310D0A", "what it sent is not RPC version 5"},
+        {"05000B03 00000000 00480000 00000001", "its data representation is not little endian, ASCII and IEEE"},
+        {"05000B03 11000000 10000000 01000000", "its data representation is not little endian, ASCII and IEEE"},
+        {"05000B03 10010000 10000000 01000000", "its data representation is not little endian, ASCII and IEEE"},
+        {"05000B03 10000000 0F000000 01000000", "a message's length is out of range"},
+        {"05000B03 10000000 D1160000 01000000", "a message's length is out of range"},
+    };
+    for (const auto& entry : cases) {
+        Header header;
+        EXPECT_EQ(parseHeader(hex(entry.wire), header), entry.wrong) << entry.wire;
+    }
+}
+
+TEST(PduTrailer, MustFitBehindTheBody) {
+    const struct {
+        const char* name;
+        std::size_t bodyBytes;
+        unsigned padLength;
+        unsigned authLength;
+        bool good;
+    } cases[] = {
+        {"no body", 0, 0, 16, true},
+        {"padding is the whole body", 12, 12, 16, true},
+        {"padding into the header", 12, 13, 16, false},
+        {"token longer than the PDU", 12, 0, 40, false},
+        {"trailer into the header", 0, 0, 17, false},
+    };
+    for (const auto& entry : cases) {
+        Data raw = pdu(PduType::Auth3, 3, 0, Data(entry.bodyBytes), {5, 7, Data(16)});
+        raw[raw.size() - 22] = static_cast<std::uint8_t>(entry.padLength);
+        raw[10] = static_cast<std::uint8_t>(entry.authLength);
+        Header header;
+        ASSERT_EQ(parseHeader(raw, header), "");
+        AuthTrailer trailer;
+        EXPECT_EQ(parseTrailer(raw, header, headerSize, trailer), entry.good) << entry.name;
+    }
+}
+
+TEST(PduBind, DecodesWholeOnlyAndNeverReadsBeyond) {
+    const Data whole = pdu(PduType::Bind, 3, 1, bindBody({{0}, {1, interfaceB}}));
+    for (std::size_t size = headerSize; size < whole.size(); ++size) {
+        const Data cut(whole.begin(), whole.begin() + static_cast<std::ptrdiff_t>(size));  // for the sanitizer
+        EXPECT_FALSE(parseBind(cut)) << size;
+    }
+    const auto bind = parseBind(whole);
+    ASSERT_TRUE(bind);
+    EXPECT_EQ(bind->maxReceive, 4280);
+    ASSERT_EQ(bind->contexts.size(), 2U);
+    EXPECT_EQ(bind->contexts[1].interface.uuid, interfaceB);
+    EXPECT_EQ(bind->contexts[1].transfers.front(), (Syntax{ndrTransfer, 2, 0}));
+}
+
+TEST(PduReplies, HaveTheDocumentedBytes) {
+    Data out;
+    appendFault(out, 0x11223344, 2, 5, flagDidNotExecute);
+    EXPECT_EQ(toHex(out), toHex(hex("05000323 10000000 20000000 44332211 08000000 02000000 05000000 00000000")));
+    out.clear();
+    appendBindNak(out, 7, nakProtocolVersion);
+    EXPECT_EQ(toHex(out), toHex(hex("05000D03 10000000 18000000 07000000 0400 01 05 00 000000")));
+    out.clear();
+    const ContextResult results[] = {{resultAccepted, 0, {ndrTransfer, 2, 0}}, {resultNegotiated, 3, {}}};
+    const Data token = hex("DEADBEEF");
+    appendBindAck(
+        out, {PduType::BindAck, flagHeaderSigning, 1, 4280, 4280, 0x10001, "135", results, {10, 5, 0, 9, 0, token}});
+    EXPECT_EQ(toHex(out), toHex(hex("05000C07 10000000 60000400 01000000  B810B810 01000100 0400 31333500 0000"
+                                    "02000000 00000000 045D888AEB1CC9119FE808002B104860 02000000"
+                                    "03000300 00000000000000000000000000000000 00000000"
+                                    "0A050000 09000000 DEADBEEF")));
+}
+
+}  // namespace
+}  // namespace quelm::dcom::rpc::test
