@@ -31,6 +31,7 @@ namespace {
 constexpr std::size_t largestFile = 1024 * 1024;
 constexpr std::size_t longestComputerName = 15;  // characters of a NetBIOS name
 constexpr std::size_t longestName = 256;         // characters, as a log-on message may carry
+constexpr std::size_t mostProblems = 50;         // a file of another kind must not swamp the log
 constexpr std::string_view damagedHeading = "[?]";
 constexpr std::string_view damagedSection = "?";
 
@@ -148,7 +149,12 @@ class Parser {
 };
 
 void Parser::problem(const std::string& place, std::string_view what, std::string_view remedy) {
-    settings_.problems.push_back(fmt::format("{}: {}: {}. {}.", file_, place, what, remedy));
+    auto& problems = settings_.problems;
+    if (problems.size() < mostProblems) {
+        problems.push_back(fmt::format("{}: {}: {}. {}.", file_, place, what, remedy));
+    } else if (problems.size() == mostProblems) {
+        problems.push_back(fmt::format("{}: further faults are not listed. Check that this is the right file.", file_));
+    }
 }
 
 // The INI reader steps over what it cannot read without a word, and lets the lines under a damaged heading join the

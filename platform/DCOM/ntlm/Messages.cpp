@@ -104,7 +104,7 @@ std::optional<std::uint32_t> parseNegotiate(Bytes message) {
     const std::uint32_t asked = load32(message, 12);
     // The client's own names are of no use here, but one that lies outside the message shows a damaged message.
     for (const auto& [flag, at] : {std::pair{flags::oemDomainSupplied, std::size_t{16}},
-                                  std::pair{flags::oemWorkstationSupplied, std::size_t{24}}}) {
+                                   std::pair{flags::oemWorkstationSupplied, std::size_t{24}}}) {
         if ((asked & flag) != 0 && (message.size() < at + 8 || !payload(message, at, negotiateFixedSize))) {
             return std::nullopt;
         }

@@ -143,6 +143,16 @@ TEST(DcomSettings, ADamagedAccountIsLeftOutAndItsSecretNeverShown) {
     }
 }
 
+TEST(DcomSettings, AFileOfAnotherKindDoesNotSwampTheLog) {
+    std::string lines = std::string(1000, '[') + '\n';
+    for (int i = 0; i < 1000; ++i) {
+        lines += "\xD0\xCF\x11\n";
+    }
+    const DcomSettings settings = parse(lines);
+    EXPECT_EQ(settings.problems.size(), 51U);
+    EXPECT_EQ(settings.problems.back(), "dcom.conf: further faults are not listed. Check that this is the right file.");
+}
+
 TEST(DcomSettings, TheTextIsWipedAfterwards) {
     std::string text = "[Accounts]\njoe = password:secret\n";
     parseDcomSettings(text, "dcom.conf", "host");

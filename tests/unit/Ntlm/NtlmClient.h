@@ -3,6 +3,7 @@
 // The client's side of an NTLM log-on, for tests: writes type 1 and type 3 messages, well formed or spoilt at will,
 // and protects messages like a client.
 
+#include <algorithm>
 #include <optional>
 #include <string>
 #include <vector>
