@@ -1,0 +1,278 @@
+#include "DCOM/net/TcpServer.h"
+
+#include <arpa/inet.h>
+#include <gmock/gmock.h>
+#include <netinet/in.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <asio/io_context.hpp>
+
+#include "Message Loop/VirtualLoop.h"
+#include "RpcFixture.h"
+
+namespace quelm::dcom::net {
+namespace {
+
+using namespace rpc::test;
+using rpc::PduType;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+// A client's blocking socket.
+class Socket {
+ public:
+    explicit Socket(std::uint16_t port) : descriptor_(::socket(AF_INET, SOCK_STREAM, 0)) {
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_port = htons(port);
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        EXPECT_EQ(::connect(descriptor_, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    }
+    Socket(const Socket&) = delete;
+    Socket& operator=(const Socket&) = delete;
+    ~Socket() { close(); }
+
+    void close() {
+        if (descriptor_ >= 0) {
+            ::close(std::exchange(descriptor_, -1));
+        }
+    }
+    void reset() {
+        const linger hard{1, 0};
+        ::setsockopt(descriptor_, SOL_SOCKET, SO_LINGER, &hard, sizeof hard);
+        close();
+    }
+    void send(std::span<const std::uint8_t> data) const {
+        EXPECT_EQ(::send(descriptor_, data.data(), data.size(), MSG_NOSIGNAL), static_cast<ssize_t>(data.size()));
+    }
+    // Appends what is there; false at the end of the stream, and broken() then tells a reset from an orderly end.
+    bool receive(Data& into) {
+        std::uint8_t buffer[65536];
+        const ssize_t count = ::recv(descriptor_, buffer, sizeof buffer, MSG_DONTWAIT);
+        if (count > 0) {
+            into.insert(into.end(), buffer, buffer + count);
+        }
+        broken_ = count < 0 && errno != EAGAIN;
+        return count > 0 || (count < 0 && !broken_);
+    }
+    bool broken() const { return broken_; }
+
+ private:
+    int descriptor_;
+    bool broken_ = false;
+};
+
+class TcpServerTest : public RpcFixture {
+ protected:
+    TcpServerTest() {
+        tcp.onTrouble = [this](std::string_view line) { troubles.emplace_back(line); };
+    }
+
+    TcpServer& start() {
+        server.emplace(loop, timers, settings, tcp);
+        port = server->listen("127.0.0.1", 0, handler);
+        return *server;
+    }
+
+    template <class Condition>
+    void runUntil(Condition condition) {
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+        while (!condition()) {
+            ASSERT_LT(std::chrono::steady_clock::now(), deadline);
+            loop.context().run_one_for(std::chrono::milliseconds(1));
+        }
+    }
+    void runUntilConnections(std::size_t count) {
+        runUntil([&] { return server->connectionCount() == count; });
+    }
+    // What the client has received when so many bytes are there or the stream ends.
+    Data receive(Socket& socket, std::size_t atLeast) {
+        Data data;
+        runUntil([&] { return !socket.receive(data) || data.size() >= atLeast; });
+        return data;
+    }
+    Data roundTrip(Socket& socket, const Data& data) {
+        socket.send(data);
+        return receive(socket, headerSizeOfAReply);
+    }
+    void logOn(Socket& socket) {
+        NtlmLogOn client(Kind::V2, "opc", "secret");
+        const auto ack =
+            splitReplies(roundTrip(socket, pdu(PduType::Bind, 3, 0, bindBody({{0}}), {2, 1, client.negotiate()})));
+        ASSERT_EQ(ack.size(), 1U);
+        socket.send(pdu(PduType::Auth3, 3, 0, Data(4), {2, 1, client.authenticate(ack[0].token())}));
+        EXPECT_EQ(roundTrip(socket, request({.opnum = 3})).size(), 24U);
+    }
+
+    static constexpr std::size_t headerSizeOfAReply = rpc::headerSize;
+    AsioLoop loop;
+    VirtualLoop timers;
+    TcpSettings tcp;
+    std::vector<std::string> troubles;
+    std::optional<TcpServer> server;
+    std::uint16_t port = 0;
+};
+
+const Data anonymousBind = pdu(PduType::Bind, 3, 0, bindBody({{0}}, 5840));
+
+TEST_F(TcpServerTest, ServesAndTellsHowConnectionsEnd) {
+    start();
+    Socket orderly(port);
+    Socket reset(port);
+    logOn(orderly);
+    logOn(reset);
+    orderly.close();
+    runUntilConnections(1);
+    reset.reset();
+    runUntilConnections(0);
+    Socket open(port);
+    runUntilConnections(1);
+    server->close();
+    EXPECT_THAT(handler.closed, ElementsAre("1 orderly", "2 abrupt", "3 orderly"));
+    EXPECT_EQ(handler.calls.size(), 2U);
+    EXPECT_THAT(troubles, IsEmpty());
+    EXPECT_EQ(timers.pendingTimers(), 0U);
+}
+
+TEST_F(TcpServerTest, SaysWhyItCannotListen) {
+    start();
+    const struct {
+        const char* address;
+        std::uint16_t port;
+        const char* text;
+    } cases[] = {
+        {"127.0.0.1", port, "address already in use; stop the program that listens there"},
+        {"192.0.2.1", 4711,
+         "Cannot listen on 192.0.2.1:4711: no network interface has this address; correct the "
+         "address in the DCOM settings"},
+        {"localhost", 135, "Cannot listen on localhost:135: not a numeric address"},
+        {"2001:db8::1", 4711, "Cannot listen on [2001:db8::1]:4711: "},
+    };
+    for (const auto& entry : cases) {
+        try {
+            server->listen(entry.address, entry.port, handler);
+            ADD_FAILURE() << entry.address;
+        } catch (const ListenError& error) {
+            EXPECT_THAT(error.what(), HasSubstr(entry.text));
+        }
+    }
+    EXPECT_THROW(server->adopt(STDIN_FILENO, handler), ListenError);
+}
+
+TEST_F(TcpServerTest, TakesOverAListeningSocket) {
+    const int descriptor = ::socket(AF_INET, SOCK_STREAM, 0);
+    ASSERT_EQ(::listen(descriptor, 5), 0);
+    server.emplace(loop, timers, settings, tcp);
+    Socket client(server->adopt(descriptor, handler));
+    logOn(client);
+    EXPECT_EQ(handler.calls.size(), 1U);
+}
+
+TEST_F(TcpServerTest, TurnsAwayConnectionsBeyondTheLimit) {
+    tcp.maxConnections = 1;
+    start();
+    Socket first(port);
+    runUntilConnections(1);
+    for (int i = 0; i < 3; ++i) {
+        Socket more(port);
+        EXPECT_THAT(receive(more, 1), IsEmpty());
+    }
+    EXPECT_THAT(troubles, ElementsAre(HasSubstr("1 connections are open already")));
+    first.close();
+    runUntilConnections(0);
+    Socket again(port);
+    logOn(again);
+}
+
+TEST_F(TcpServerTest, ClosesConnectionsWithoutLogOn) {
+    start();
+    Socket logged(port);
+    logOn(logged);
+    Socket silent(port);
+    runUntilConnections(2);
+    timers.advance(29'999);
+    EXPECT_EQ(server->connectionCount(), 2U);
+    timers.advance(1);
+    EXPECT_EQ(server->connectionCount(), 1U);
+    EXPECT_THAT(handler.closed, ElementsAre("2 abrupt"));
+    EXPECT_THAT(troubles, ElementsAre(HasSubstr("no log-on within 30 s")));
+    timers.advance(std::chrono::hours(24));
+    EXPECT_EQ(server->connectionCount(), 1U);
+}
+
+TEST_F(TcpServerTest, ClientThatTakesItsRepliesLateGetsThemAll) {
+    settings.minimumLevel = rpc::AuthLevel::None;
+    start();
+    Socket client(port);
+    roundTrip(client, anonymousBind);
+    constexpr std::uint32_t size = 6'000'000;
+    for (int i = 0; i < 3; ++i) {
+        client.send(request({.opnum = 4, .stub = Builder().u32(size).data()}));
+    }
+    runUntil([&] { return timers.pendingTimers() == 1; });  // the server waits for room
+    EXPECT_LT(handler.calls.size(), 3U);
+    Data received;
+    constexpr std::size_t pieces = (size + 5815) / 5816;
+    constexpr std::size_t expected = 3 * (size + pieces * 24);
+    runUntil([&] { return !client.receive(received) || received.size() >= expected; });
+    EXPECT_EQ(received.size(), expected);
+    EXPECT_EQ(timers.pendingTimers(), 0U);
+}
+
+TEST_F(TcpServerTest, DropsAClientThatTakesNothing) {
+    settings.minimumLevel = rpc::AuthLevel::None;
+    start();
+    Socket client(port);
+    roundTrip(client, anonymousBind);
+    client.send(request({.opnum = 4, .stub = Builder().u32(16'000'000).data()}));
+    runUntil([&] { return timers.pendingTimers() == 1; });
+    timers.advance(120'000);
+    EXPECT_EQ(server->connectionCount(), 0U);
+    EXPECT_THAT(troubles, ElementsAre(HasSubstr("it took none of its replies for 120 s")));
+}
+
+TEST_F(TcpServerTest, TheFaultThatEndsAConnectionIsSeen) {
+    start();
+    Socket client(port);
+    Data data = anonymousBind;
+    const Data bad = request({.opnum = 3, .flags = 0});
+    data.insert(data.end(), bad.begin(), bad.end());
+    data.resize(data.size() + 10'000);  // unread when the connection ends
+    client.send(data);
+    Data received;
+    runUntil([&] { return !client.receive(received); });
+    EXPECT_FALSE(client.broken());
+    const auto replies = splitReplies(received);
+    ASSERT_EQ(replies.size(), 2U);
+    EXPECT_EQ(replies[1].faultStatus(), faultProtocol);
+    client.close();
+    runUntilConnections(0);
+}
+
+TEST_F(TcpServerTest, WantOfDescriptorsIsWaitedOut) {
+    start();
+    Socket client(port);
+    rlimit normal{};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &normal), 0);
+    const int lowestFree = ::dup(STDIN_FILENO);
+    ::close(lowestFree);
+    const rlimit none{static_cast<rlim_t>(lowestFree), normal.rlim_max};
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
+    for (int i = 0; i < 3; ++i) {
+        runUntil([&] { return timers.pendingTimers() == 1; });
+        EXPECT_EQ(loop.context().poll(), 0U) << "it must not spin";
+        timers.advance(500);
+    }
+    ::setrlimit(RLIMIT_NOFILE, &normal);
+    runUntil([&] {
+        timers.advance(500);
+        return server->connectionCount() == 1;
+    });
+    EXPECT_THAT(troubles, ElementsAre(HasSubstr("Cannot accept OPC clients: Too many open files")));
+}
+
+}  // namespace
+}  // namespace quelm::dcom::net
