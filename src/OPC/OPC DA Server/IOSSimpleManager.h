@@ -1,0 +1,144 @@
+#pragma once
+
+// One site's link to its I/O servers: the periodic snapshot of the CurrentIO table, how long each generation of I/O
+// server (IOS5, IOS6) has been silent, what it says about its health, and the look-ups of channel values.
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "Clock Library/IClock.h"
+#include "DB Interface Library/IDBIL.h"
+#include "Messages/IRaiseMsg.h"
+#include "Shared Types/Date.h"
+#include "Shared Types/Variant.h"
+
+namespace quelm {
+
+class IOSSimpleManager {
+ public:
+    IOSSimpleManager() = default;
+    IOSSimpleManager(const IOSSimpleManager&) = delete;
+    IOSSimpleManager& operator=(const IOSSimpleManager&) = delete;
+    virtual ~IOSSimpleManager() = default;
+
+    // Called once, right after creation. The read interval runs from then on, but its ticks do nothing before
+    // EnableReadingCurrentIO. What CreateInterval raises reaches the caller.
+    void Initialize(IRaiseMsg* objRaiseMsg, IClock& objClock, std::shared_ptr<IDBIL> objDBIL,
+                    std::string_view strSiteID);
+    // Called once by the owner; no tick arrives afterwards.
+    void Shutdown();
+
+    const std::string& SiteID() const { return mstrSiteID; }
+    bool IsReadingCurrentIOEnabled() const { return mblnReadingCurrentIOEnabled; }
+    void EnableReadingCurrentIO() { mblnReadingCurrentIOEnabled = true; }
+    void DisableReadingCurrentIO() { mblnReadingCurrentIOEnabled = false; }
+
+    // "" for a channel without definition.
+    std::string GetChannelName(std::int32_t lngChannelID);
+    // 1 to 5; 0 for a channel without definition.
+    std::int32_t GetChannelDefType(std::int32_t lngChannelID);
+    // The record with that IOID, or nullptr. Valid until the next read tick.
+    const CurrentIORecord* GetCurrentIORecord(std::string_view strIOID) const;
+    std::int32_t GetCurrentIORecordCount() const;
+    // The channel's value as the I/O server last wrote it; Null when there is none, or when the channel's I/O server
+    // has been silent for more than 45 seconds. Failures are reported and give what was found so far.
+    Variant GetChannelValue(std::int32_t lngIOChanID);
+    bool UseImplicitChannels() const { return mblnUseImplicitChannels; }
+    void SetUseImplicitChannels(bool blnNewValue) { mblnUseImplicitChannels = blnNewValue; }
+
+    // Whether every device of the generations in use answers. Writes a line whenever a generation's answer changes.
+    bool AllDevicesArePolling();
+    bool AllDevicesArePolling_IOS5();
+    bool AllDevicesArePolling_IOS6();
+    // Whether the site defines channels of that generation; decided at the first question, for the manager's life.
+    bool IsIOS5Used();
+    bool IsIOS6Used();
+    // Every generation in use has completed a refresh of all its data since the manager started watching.
+    bool IsInitialCurrentIOReadComplete();
+
+    // nullptr when the definitions could not be had at all; read once per instance.
+    const ChannelDefCollection* GetChannelDefs();
+    // nullptr for a channel without definition.
+    const ChannelDef* GetChannelDef(std::int32_t lngChannelID);
+    bool IsRefreshPending() const { return !mstrPendingRefreshMsgID.empty(); }
+
+    void mobjReadCurrentIOInterval_IntervalExpired(std::int32_t lngIntervalID, const Variant& varActionData,
+                                                   Date dtmScheduledExpireTime, bool blnSystemTimeChanged);
+
+ protected:
+    // Seconds of silence after which an I/O server's values count as stale.
+    std::int32_t mlngMaxElapsed = 0;
+    std::string mstrSiteID;
+    IRaiseMsg* mobjRaiseMsg = nullptr;
+    std::shared_ptr<IDBIL> mobjDBIL;
+    bool mblnReadingCurrentIOEnabled = false;
+    std::shared_ptr<const CurrentIOCollection> mcolCurrentIO;
+    bool mblnUseImplicitChannels = false;
+    std::shared_ptr<const ChannelDefCollection> mcolChannelDefs;
+
+    Date mdtmIOS5AllCommsOkTStamp;
+    Variant mvarIOS5AllCommsOk;
+    std::int32_t mlngIOS5Elapsed = 0;
+    Date mdtmIOS5AllDataRefreshedStart;
+    Date mdtmIOS5AllDataRefreshedFinish;
+    bool mblnIOS5AllDataRefreshedInit = false;
+
+    Date mdtmIOS6AllCommsOkTStamp;
+    Variant mvarIOS6AllCommsOk;
+    std::int32_t mlngIOS6Elapsed = 0;
+    Date mdtmIOS6AllDataRefreshedStart;
+    Date mdtmIOS6AllDataRefreshedFinish;
+    bool mblnIOS6AllDataRefreshedInit = false;
+
+    std::string mstrPendingRefreshMsgID;
+    std::string mstrPendingRefreshChannels;
+
+    std::shared_ptr<IInterval> mobjReadCurrentIOInterval;
+
+    // What single operations remember for the instance's life.
+    bool blnChannelDefsLoaded = false;
+    std::int32_t lngIOS5ReadCount = 0;
+    std::int32_t lngIOS6ReadCount = 0;
+    std::optional<bool> mvarIsIOS5Used;
+    std::optional<bool> mvarIsIOS6Used;
+    bool mblnIOS5LastPolling = false;
+    bool mblnIOS6LastPolling = false;
+
+ private:
+    struct Generation;
+    static const Generation ios5;
+    static const Generation ios6;
+
+    void Raise(std::int32_t lngMsgType, std::string_view strDescription) const;
+    void RaiseFailure(std::string_view strPrefix) const;
+    IDBIL& DBIL() const;
+
+    void ReadCurrentIO();
+    void ProcessCurrentIO(bool& blnIOS5HeartbeatChanged, bool& blnIOS6HeartbeatChanged);
+    void LogReadOf(const Generation& generation, bool blnHeartbeatChanged);
+    void LogCurrentIOReadStatus(std::string_view strIOS, std::int32_t& lngElapsed, std::int32_t lngSecondsSinceLastRead,
+                                bool blnHeartbeatChanged, const Variant& varAllCommsOk, Date dtmTStamp,
+                                std::int32_t lngReadCount);
+    void CheckPendingRefresh();
+    void LoadChannelDefs();
+    std::int32_t SilenceOf(std::int32_t lngChannelID);
+
+    void UpdateIOS5Health(bool& blnHeartbeatChanged);
+    void UpdateIOS6Health(bool& blnHeartbeatChanged);
+    void UpdateHealth(const Generation& generation, bool& blnHeartbeatChanged);
+    void TakeInHeartbeat(const Generation& generation, const CurrentIORecord& record, Date dtmNow,
+                         bool& blnHeartbeatChanged);
+    void TakeInAllDataRefreshed(const Generation& generation, std::string_view strXValue);
+    void StoreRefresh(const Generation& generation, Date dtmStart, Date dtmFinish);
+    void RaiseRefreshLines(Date dtmStart, Date dtmFinish) const;
+    void ResetIOS5Health();
+    void ResetIOS6Health();
+    void ResetHealth(const Generation& generation);
+    bool IsUsed(const Generation& generation);
+    bool IsPolling(const Generation& generation);
+};
+
+}  // namespace quelm

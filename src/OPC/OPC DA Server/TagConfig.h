@@ -1,0 +1,65 @@
+#pragma once
+
+// One created tag: what an OPC item is fed from and how its value is presented. Filled once while the site's items are
+// created; afterwards only the update pass reads it.
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <unordered_set>
+#include <vector>
+
+#include "SLIK-DA/ISLIKServer.h"
+#include "Shared Types/Variant.h"
+
+namespace quelm {
+
+class TagConfig {
+ public:
+    std::string OPCTagName;              // item name, key of the tag in its collection
+    std::string_view IntervalType;       // of the PID, kept by the site manager for all its tags; "" for channels
+    Variant DefaultValue;                // used when the current value does not convert to the item's type
+    ISLIKTag* SlikTag = nullptr;         // nullptr when the control refused the item
+    std::int32_t OPCDataType = 0;        // VARTYPE 4, 3, 8, 11 or 7; -1 for an unknown data type code
+    std::int32_t PID = 0;                // 0 for channel-fed tags
+    std::int32_t IOChannelID_Value = 0;  // 0 for PID-fed tags
+    std::int32_t IOChannelID_MC = 0;     // channel of the value's monitor code; 0 = none
+    bool DownIsInvalid = false;          // a down monitor code gives Bad instead of Good
+    bool UseSubStatus = false;           // monitor codes select OPC sub-status qualities
+
+    bool IsValueFromPID() const { return PID != 0; }
+};
+
+// Tags in creation order, keyed by name without regard to case. A site may have a hundred thousand of them, so the
+// tags lie side by side in memory and the index holds their positions instead of copies of their names.
+class TagConfigCollection {
+ public:
+    TagConfigCollection();
+    TagConfigCollection(const TagConfigCollection&) = delete;
+    TagConfigCollection& operator=(const TagConfigCollection&) = delete;
+
+    std::size_t Count() const { return tags_.size(); }
+    // Raises RuntimeError 457 for a name that is taken; the collection is then unchanged. The reference is valid
+    // until the next Add.
+    TagConfig& Add(TagConfig tag);
+    // Gives back memory that was held ready for further tags.
+    void Trim();
+
+    auto begin() const { return tags_.begin(); }
+    auto end() const { return tags_.end(); }
+
+ private:
+    struct NameHash {
+        const std::vector<TagConfig>* tags;
+        std::size_t operator()(std::uint32_t position) const;
+    };
+    struct NameEqual {
+        const std::vector<TagConfig>* tags;
+        bool operator()(std::uint32_t left, std::uint32_t right) const;
+    };
+
+    std::vector<TagConfig> tags_;
+    std::unordered_set<std::uint32_t, NameHash, NameEqual> names_;
+};
+
+}  // namespace quelm
