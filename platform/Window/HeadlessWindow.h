@@ -1,0 +1,66 @@
+#pragma once
+
+// The main window of a server without a display: keeps the message list and runs the window timer. A shown window
+// prints its list to standard error; a box goes to standard output.
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "Message Loop/MessageLoop.h"
+#include "Window/IMainWindow.h"
+
+namespace quelm {
+
+class HeadlessWindow final : public IMainWindow {
+ public:
+    // onClose: called once, by the first Close. The loop must outlive the window.
+    HeadlessWindow(IMessageLoop& loop, std::function<void()> onClose);
+
+    IMessageList& lvMessages() override { return list_; }
+    IWindowTimer& tmrDisconnect() override { return timer_; }
+    // Prints the lines that the list holds and, from then on, every line that it gets.
+    void Show() override;
+    void Hide() override { list_.printing = false; }
+    void Refresh() override {}
+    void ShowInformationBox(std::string_view strTitle, std::string_view strText) override;
+    void Close() override;
+
+ private:
+    struct MessageList final : IMessageList {
+        std::int32_t Count() const override { return static_cast<std::int32_t>(lines.size()); }
+        void Add(std::string_view strText) override;
+        void printRest();
+
+        std::vector<std::string> lines;
+        std::size_t printed = 0;
+        bool printing = false;
+    };
+
+    // Setting the interval starts the count anew, as does enabling.
+    class Timer final : public IWindowTimer {
+     public:
+        explicit Timer(IMessageLoop& loop);
+        void OnTimer(std::function<void()> handler) override { handler_ = std::move(handler); }
+        void SetEnabled(bool blnEnabled) override;
+        void SetInterval(std::int32_t lngMilliseconds) override;
+
+     private:
+        void restart();
+        void fire();
+
+        std::function<void()> handler_;
+        bool enabled_ = false;
+        std::int32_t interval_ = 0;
+        std::unique_ptr<ITimer> timer_;
+    };
+
+    MessageList list_;
+    Timer timer_;
+    std::function<void()> onClose_;
+};
+
+}  // namespace quelm
