@@ -49,6 +49,8 @@ class Browser {
     HResult accessPaths(std::string_view itemId, NameEnumerator& paths) const;
 
  private:
+    HResult moveTo(std::string_view branch);
+
     const ItemStore* items_;
     std::string position_;
 };

@@ -4,6 +4,7 @@
 // index and allocates nothing.
 
 #include <cstdint>
+#include <deque>
 #include <memory>
 #include <optional>
 #include <span>
@@ -20,6 +21,9 @@ namespace quelm::opcda {
 
 class Application;
 class Server;
+
+inline constexpr std::uint32_t accessReadable = 1;
+inline constexpr std::uint32_t accessWritable = 2;
 
 // One item as AddItems and ValidateItems get it. The access path is of no use to this server and not asked for.
 struct ItemDefinition {
@@ -116,7 +120,7 @@ class Group {
     // An inactive item, and every item of an inactive group, comes with quality "out of service".
     template <class Sink>
     HResult readCache(std::span<const std::uint32_t> handles, Sink&& sink);
-    // Asks the server host for the values first: OnRead once with all valid items. Active or not does not matter.
+    // Asks the server host for the values: OnRead once with all valid items. Active or not does not matter.
     // A failure that the host reports becomes every valid item's error.
     template <class Sink>
     HResult readDevice(std::span<const std::uint32_t> handles, Sink&& sink);
@@ -151,6 +155,8 @@ class Group {
     template <class Sink>
     bool deliver(const Slot& slot, const Variant& value, std::uint16_t quality, std::int64_t fileTime, Sink&& sink);
     template <class Sink>
+    const Slot* findReadable(std::uint32_t handle, Sink&& sink);
+    template <class Sink>
     void deliverError(std::uint32_t clientHandle, HResult error, Sink&& sink);
 
     ItemResult validate(const ItemDefinition& item, const SLIKTag*& tag) const;
@@ -168,8 +174,7 @@ class Group {
     std::uint32_t serverHandle_;
     GroupState state_;
     std::vector<Slot> slots_;
-    std::vector<std::uint32_t> freeSlots_;  // a queue: the slot that was freed first is used first
-    std::size_t nextFree_ = 0;
+    std::deque<std::uint32_t> freeSlots_;  // the slot that was freed first is used first
     std::size_t itemCount_ = 0;
     std::uint16_t firstGeneration_;
     std::vector<const SLIKTag*> asked_;
@@ -189,13 +194,30 @@ void Group::deliverError(std::uint32_t clientHandle, HResult error, Sink&& sink)
     sink(ItemReading{error, clientHandle, 0, qualityBad, value_});
 }
 
+// nullptr: the item's error is delivered.
+template <class Sink>
+const Group::Slot* Group::findReadable(std::uint32_t handle, Sink&& sink) {
+    const Slot* slot = find(handle);
+    if (slot == nullptr) {
+        deliverError(0, OPC_E_INVALIDHANDLE, sink);
+        return nullptr;
+    }
+    if ((slot->tag->accessRights() & accessReadable) == 0) {
+        deliverError(slot->clientHandle, OPC_E_BADRIGHTS, sink);
+        return nullptr;
+    }
+    return slot;
+}
+
 template <class Sink>
 HResult Group::readCache(std::span<const std::uint32_t> handles, Sink&& sink) {
+    if (handles.empty()) {
+        return E_INVALIDARG;
+    }
     bool allGood = true;
     for (const std::uint32_t handle : handles) {
-        const Slot* slot = find(handle);
+        const Slot* slot = findReadable(handle, sink);
         if (slot == nullptr) {
-            deliverError(0, OPC_E_INVALIDHANDLE, sink);
             allGood = false;
             continue;
         }
@@ -209,23 +231,26 @@ HResult Group::readCache(std::span<const std::uint32_t> handles, Sink&& sink) {
 
 template <class Sink>
 HResult Group::readDevice(std::span<const std::uint32_t> handles, Sink&& sink) {
+    if (handles.empty()) {
+        return E_INVALIDARG;
+    }
     std::span<const RequestedItem> readings;
     const HResult hostError = askHost(handles, readings);
     bool allGood = true;
     std::size_t next = 0;
     for (const std::uint32_t handle : handles) {
-        const Slot* slot = find(handle);
+        const Slot* slot = findReadable(handle, sink);
         if (slot == nullptr) {
-            deliverError(0, OPC_E_INVALIDHANDLE, sink);
             allGood = false;
+            continue;
+        }
+        if (hostError != S_OK || !readings[next].isFilled()) {
+            deliverError(slot->clientHandle, hostError != S_OK ? hostError : E_FAIL, sink);
+            allGood = false;
+            ++next;
             continue;
         }
         const RequestedItem& reading = readings[next++];
-        if (hostError != S_OK || !reading.isFilled()) {
-            deliverError(slot->clientHandle, hostError != S_OK ? hostError : E_FAIL, sink);
-            allGood = false;
-            continue;
-        }
         allGood &= deliver(*slot, reading.value(), reading.qualityWord(), reading.fileTime(), sink);
     }
     noteDataSent();

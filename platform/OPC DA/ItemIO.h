@@ -7,15 +7,16 @@
 #include <string_view>
 #include <vector>
 
+#include "OPC DA/Coercion.h"
 #include "OPC DA/HResults.h"
 #include "SLIK-DA/SLIKServer.h"
 
 namespace quelm::opcda {
 
-// To be put on the wire with convert(value, type, ...): a failure of that counts as the item's error.
+// To be put on the wire with convert(value, type, ...), which does not fail when error is S_OK.
 struct ItemIOReading {
     HResult error = S_OK;
-    std::uint16_t type = 0;  // the item's canonical type
+    VarType type = VT_EMPTY;  // the item's canonical type
     std::uint16_t quality = 0;
     std::int64_t fileTime = 0;  // UTC, FILETIME
     Variant value;
@@ -34,6 +35,10 @@ class ItemIO {
     HResult writeVQT(std::span<const std::string_view> itemIds, std::vector<HResult>& errors);
 
  private:
+    // askedAt: where the answer to each goes in readings.
+    void readDevice(std::span<const SLIKTag* const> asked, std::span<const std::size_t> askedAt,
+                    std::vector<ItemIOReading>& readings);
+
     SLIKServer* control_;
 };
 

@@ -23,7 +23,7 @@ class NameFilter {
         char32_t last;
     };
     struct Element {
-        enum class Kind { character, anyRun, any, digit, list, listNot } kind;
+        enum class Kind { character, anyRun, any, digit, list, listNot } kind = Kind::character;
         char32_t character = 0;
         std::vector<Range> ranges;
     };

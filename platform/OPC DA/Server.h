@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -85,8 +86,9 @@ class Server {
     HResult addGroup(const GroupRequest& request, std::shared_ptr<Group>& group);
     // E_INVALIDARG when there is no such group. Names count with their case.
     HResult groupByName(std::string_view name, std::shared_ptr<Group>& group) const;
-    // E_INVALIDARG for an unknown handle. The group is gone at once for this server; inUse (the client still holds
-    // an interface of it) gives OPC_S_INUSE unless force is set.
+    // E_INVALIDARG for an unknown handle. The group leaves the list, and its name is free again. inUse: the client
+    // still holds an interface of it; without force that gives OPC_S_INUSE and the group serves until its last holder
+    // lets go of it or this server goes.
     HResult removeGroup(std::uint32_t serverHandle, bool force, bool inUse);
     // A copy with new handles and inactive; name "": the server makes one. OPC_E_DUPLICATENAME.
     HResult cloneGroup(const Group& group, std::string_view name, std::shared_ptr<Group>& clone);
@@ -121,6 +123,7 @@ class Server {
 
     Application* application_;
     std::vector<std::shared_ptr<Group>> groups_;
+    std::vector<std::weak_ptr<Group>> leaving_;  // removed while in use
     std::uint32_t lastNumber_ = 0;
     std::int64_t lastUpdateTime_ = 0;
     std::uint32_t localeId_ = localeSystemDefault;

@@ -4,7 +4,7 @@
 // and a SetVQT that neither allocates nor converts a time stamp twice.
 
 #include <cstdint>
-#include <memory>
+#include <deque>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -69,20 +69,19 @@ class SLIKTag final : public ISLIKTag {
 
 class ItemStore final : public ISLIKTags {
  public:
-    ItemStore();
-    ~ItemStore() override;
+    ItemStore() = default;
     ItemStore(const ItemStore&) = delete;
     ItemStore& operator=(const ItemStore&) = delete;
 
     SLIKTag& Add(std::string_view strName, std::int32_t lngAccessRights, const Variant& varValue,
                  std::int16_t intQuality, Date dtmTimestamp) override;
     SLIKTag& Item(std::string_view strName) override;
-    std::size_t Count() const override { return count_; }
+    std::size_t Count() const override { return tags_.size(); }
 
     // Without regard to case; nullptr when there is no such item. No allocation for names of usual length.
-    SLIKTag* find(std::string_view name) const;
+    const SLIKTag* find(std::string_view name) const;
     // index: 0 to Count() - 1, in the order of adding
-    SLIKTag& at(std::size_t index) const;
+    const SLIKTag& at(std::size_t index) const { return tags_[index]; }
 
     // All items ordered by folded name with "." before every other character, so that the items below one branch of
     // the name hierarchy stand together. Made at the first call after an Add, then kept (4 bytes an item).
@@ -91,19 +90,18 @@ class ItemStore final : public ISLIKTags {
     StampConverter& stamps() { return stamps_; }
 
  private:
-    struct Block;
+    // Of an open-addressing table; a whole hash beside the number spares nearly every look at a name.
     struct IndexEntry {
         std::uint32_t hash = 0;
         std::uint32_t number = 0;  // index + 1; 0: free
     };
 
-    SLIKTag* findFolded(std::string_view folded, std::uint32_t hash) const;
+    std::uint32_t numberOf(std::string_view folded, std::uint32_t hash) const;
     void enter(std::uint32_t hash, std::uint32_t number);
-    void growIndex();
+    void makeRoom();
 
     StampConverter stamps_;
-    std::vector<std::unique_ptr<Block>> blocks_;
-    std::size_t count_ = 0;
+    std::deque<SLIKTag> tags_;
     std::vector<IndexEntry> index_;
     mutable std::vector<std::uint32_t> browseOrder_;
 };
