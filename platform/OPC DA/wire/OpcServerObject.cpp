@@ -1,0 +1,93 @@
+#include "OPC DA/wire/OpcServerObject.h"
+
+#include <algorithm>
+
+#include "OPC DA/wire/Iids.h"
+#include "OPC DA/wire/OpcGroupObject.h"
+
+namespace quelm::opcda::wire {
+
+namespace {
+
+// Clients that remove a group after letting go of it do so at once; one that never removes any must not fill memory.
+constexpr std::size_t rememberedGroups = 256;
+
+}  // namespace
+
+OpcServerObject::OpcServerObject(Application& application)
+    : server_(std::in_place, application),
+      serverInterface_(*this),
+      browse_(*this),
+      common_(*this),
+      itemProperties_(*this),
+      itemIo_(*this) {}
+
+dcom::orpc::Interface* OpcServerObject::queryInterface(const dcom::Uuid& iid) {
+    if (iid == iidOpcServer) {
+        return &serverInterface_;
+    }
+    if (iid == iidOpcBrowseServerAddressSpace) {
+        return &browse_;
+    }
+    if (iid == iidOpcCommon) {
+        return &common_;
+    }
+    if (iid == iidOpcItemProperties) {
+        return &itemProperties_;
+    }
+    return iid == iidOpcItemIo ? &itemIo_ : nullptr;
+}
+
+void OpcServerObject::disconnected() {
+    groupObjects_.clear();
+    server_.reset();
+}
+
+std::shared_ptr<OpcGroupObject> OpcServerObject::groupObject(const std::shared_ptr<Group>& group) {
+    std::weak_ptr<OpcGroupObject>& known = groupObjects_[group->serverHandle()];
+    if (auto object = known.lock()) {
+        return object;
+    }
+    const auto self = std::static_pointer_cast<OpcServerObject>(shared_from_this());
+    auto object = std::make_shared<OpcGroupObject>(self, group);
+    known = object;
+    return object;
+}
+
+HResult OpcServerObject::writeGroup(dcom::ndr::Writer& out, dcom::orpc::CallContext& context,
+                                    const std::shared_ptr<Group>& group, const dcom::Uuid& iid, HResult result) {
+    if (failed(result)) {
+        out.nullPointer();
+        return result;
+    }
+    const HResult written = context.writeInterface(out, groupObject(group), iid);
+    return failed(written) ? written : result;
+}
+
+HResult OpcServerObject::removeGroup(std::uint32_t serverHandle, bool force) {
+    const auto released = std::find(released_.begin(), released_.end(), serverHandle);
+    if (released != released_.end()) {
+        released_.erase(released);
+        return S_OK;
+    }
+    const auto known = groupObjects_.find(serverHandle);
+    const bool inUse = known != groupObjects_.end() && !known->second.expired();
+    if (known != groupObjects_.end()) {
+        groupObjects_.erase(known);
+    }
+    return server_->removeGroup(serverHandle, force, inUse);
+}
+
+void OpcServerObject::groupReleased(const Group& group) {
+    const std::uint32_t handle = group.serverHandle();
+    groupObjects_.erase(handle);
+    if (!server_ || failed(server_->removeGroup(handle, true, false))) {
+        return;
+    }
+    released_.push_back(handle);
+    if (released_.size() > rememberedGroups) {
+        released_.pop_front();
+    }
+}
+
+}  // namespace quelm::opcda::wire

@@ -1,0 +1,25 @@
+#pragma once
+
+// The marshalled form of a VARIANT. Written for every value of every read; of what clients send nothing is kept,
+// because no item takes a value, but whatever it is must be passed over safely to find what stands behind it.
+
+#include "DCOM/ndr/Reader.h"
+#include "DCOM/ndr/Writer.h"
+#include "OPC DA/Coercion.h"
+
+namespace quelm::opcda::wire {
+
+// The body that a VARIANT's referent stands for, aligned to 8.
+void writeVariant(dcom::ndr::Writer& out, const OpcValue& value);
+
+// Upper bound of a body's size with padding, in bytes, for values other than texts, decimals and arrays.
+inline constexpr std::size_t scalarVariantSize = 32;
+
+// Passes over a body of any type, with everything that it refers to. What cannot be passed over (records, unknown
+// types, contradicting counts) latches the reader's fault.
+void skipVariant(dcom::ndr::Reader& in);
+
+// Passes over an [in, size_is(count)] array of VARIANTs: conformance, referents, bodies.
+void skipVariantArray(dcom::ndr::Reader& in, std::uint32_t count);
+
+}  // namespace quelm::opcda::wire
