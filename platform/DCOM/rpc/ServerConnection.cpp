@@ -486,7 +486,10 @@ bool ServerConnection::admits(const SecurityContext* context, const Uuid& interf
 }
 
 void ServerConnection::reportInadmissible(const SecurityContext* context) {
-    if (context == nullptr) {
+    if (context == nullptr && !security_.empty()) {
+        refuse(security_.back().logOn.account(), security_.back().level,
+               "a call lacks the protection that its log-on promised", checkLevel);
+    } else if (context == nullptr) {
         refuse({}, AuthLevel::None, "the client did not log on",
                "let the client log on with an account of the DCOM settings");
     } else if (context->state != SecurityContext::State::LoggedOn) {
