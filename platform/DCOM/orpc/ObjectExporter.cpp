@@ -35,9 +35,9 @@ ObjectExporter::ObjectExporter(ExporterSettings settings, MillisecondClock clock
       clock_(std::move(clock)),
       random_(random ? std::move(random) : RandomSource(systemRandom)),
       now_(clock_()),
+      pingSets_(*this),
       oxid_(randomNonZero()),
-      remUnknownIpid_(newIpid()),
-      pingSets_(*this) {}
+      remUnknownIpid_(newIpid()) {}
 
 ObjectExporter::~ObjectExporter() = default;
 

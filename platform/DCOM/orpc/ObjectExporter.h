@@ -183,9 +183,7 @@ class ObjectExporter final : private PingSets::Listener {
     ExporterSettings settings_;
     MillisecondClock clock_;
     RandomSource random_;
-    std::uint64_t now_ = 0;
-    std::uint64_t oxid_ = 0;
-    Uuid remUnknownIpid_;
+    std::uint64_t now_ = 0;  // as of the last tick
     std::uint64_t lastSerial_ = 0;
     ClientId lastClient_ = 0;
 
@@ -197,6 +195,10 @@ class ObjectExporter final : private PingSets::Listener {
     std::unordered_map<std::uint64_t, std::uint64_t> takenOut_;  // OID -> since when no ping set has it
     std::vector<std::shared_ptr<ComObject>> dead_;
     PingSets pingSets_;
+
+    // Behind the tables, which are searched for each new identifier.
+    std::uint64_t oxid_ = 0;
+    Uuid remUnknownIpid_;
 };
 
 }  // namespace quelm::dcom::orpc
