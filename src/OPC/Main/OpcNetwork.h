@@ -1,0 +1,44 @@
+#pragma once
+
+// Everything between the control and the network: object exporter, activation, listeners, and the settings that say
+// who may come in. Opened when the control starts, closed when the server has unloaded.
+
+#include <functional>
+#include <memory>
+#include <string_view>
+
+#include "Message Loop/AsioLoop.h"
+#include "SLIK-DA/SLIKServer.h"
+
+namespace quelm {
+
+class OpcNetwork {
+ public:
+    // A plain line for the operator: notice for what is set weaker than the default and for where clients are served,
+    // trouble for damaged settings and refused clients.
+    struct Lines {
+        std::function<void(std::string_view)> notice;
+        std::function<void(std::string_view)> trouble;
+    };
+
+    // control and loop must outlive the network.
+    OpcNetwork(SLIKServer& control, AsioLoop& loop, Lines lines);
+    ~OpcNetwork();
+    OpcNetwork(const OpcNetwork&) = delete;
+    OpcNetwork& operator=(const OpcNetwork&) = delete;
+
+    // Reads the settings and lets clients in. Raises RuntimeError with the address, the reason and the remedy when an
+    // address cannot be listened on; nothing listens then.
+    void open();
+    // Lets go of all clients and closes all sockets.
+    void close();
+
+ private:
+    struct Impl;
+    SLIKServer& control_;
+    AsioLoop& loop_;
+    Lines lines_;
+    std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace quelm
