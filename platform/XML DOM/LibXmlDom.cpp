@@ -43,6 +43,7 @@ namespace {
 extern "C" {
 // What the library would print; the caller's own message tells the operator instead.
 static void ignoreError(void*, xmlErrorPtr) {}
+static void ignoreText(void*, const char*, ...) {}
 
 // A document type declaration ends the parse before the library reads any entity out of it.
 static void refuseDocumentType(void* context, const xmlChar*, const xmlChar*, const xmlChar*) {
@@ -56,6 +57,7 @@ void prepareLibraryOnce() {
     static const bool prepared = [] {
         xmlInitParser();
         xmlSetStructuredErrorFunc(nullptr, ignoreError);
+        xmlSetGenericErrorFunc(nullptr, ignoreText);
         return true;
     }();
     static_cast<void>(prepared);
