@@ -44,10 +44,14 @@ struct OpcNetwork::Impl {
           exporter(exporterSettings(settings, lines.trouble), [] { return timeSource().monotonicMilliseconds(); }),
           activationHandler(exporter, classes),
           objectHandler(exporter, opcda::wire::isOpcInterface),
-          protocol{settings.accounts, settings.ntlm, static_cast<dcom::rpc::AuthLevel>(settings.minimumLevel)},
+          protocol{
+              .accounts = settings.accounts,
+              .logOn = settings.ntlm,
+              .minimumLevel = static_cast<dcom::rpc::AuthLevel>(settings.minimumLevel),
+              .onRefused = [trouble = lines.trouble](const dcom::rpc::Refusal& refusal) { trouble(refusal.line()); },
+              .challenge = std::nullopt},
           server(loop, loop, protocol, tcpSettings(lines)),
           timer(loop.makeTimer([this] { tick(); })) {
-        protocol.onRefused = [trouble = lines.trouble](const dcom::rpc::Refusal& refusal) { trouble(refusal.line()); };
         classes.add(std::make_shared<opcda::wire::OpcClassFactory>(application));
     }
 
