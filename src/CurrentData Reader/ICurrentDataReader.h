@@ -26,11 +26,6 @@ class ICDRReferences {
     virtual const std::string& ICDRReferences_SiteID() const = 0;
 };
 
-struct CurrentValueRecord {
-    Variant Value;
-    Variant MonitorCode;
-};
-
 class ICurrentDataReader {
  public:
     virtual ~ICurrentDataReader() = default;

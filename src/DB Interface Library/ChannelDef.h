@@ -6,8 +6,9 @@
 #include <memory>
 #include <string>
 #include <string_view>
-#include <unordered_map>
 #include <vector>
+
+#include "DB Interface Library/IntIndex.h"
 
 namespace quelm {
 
@@ -31,7 +32,7 @@ class ChannelDefCollection {
 
  private:
     std::vector<ChannelDef> items_;
-    std::unordered_map<std::int32_t, std::uint32_t> index_;
+    IntIndex index_;
 };
 
 }  // namespace quelm

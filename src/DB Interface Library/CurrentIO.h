@@ -14,14 +14,50 @@
 
 namespace quelm {
 
+// A text that is empty for nearly every channel, and then costs no more than a pointer: there may be a hundred
+// thousand of them.
+class SparseText {
+ public:
+    SparseText() = default;
+    SparseText(std::string_view text) { assign(text); }
+    SparseText(const std::string& text) { assign(text); }
+    SparseText(const char* text) { assign(text); }
+    SparseText(const SparseText& other) { assign(other.view()); }
+    SparseText(SparseText&&) noexcept = default;
+    SparseText& operator=(const SparseText& other) {
+        assign(other.view());
+        return *this;
+    }
+    SparseText& operator=(SparseText&&) noexcept = default;
+    ~SparseText() = default;
+
+    // Keeps the memory of the text before. text may not be part of it.
+    void assign(std::string_view text) {
+        if (text_ != nullptr) {
+            text_->assign(text);
+        } else if (!text.empty()) {
+            text_ = std::make_unique<std::string>(text);
+        }
+    }
+    bool empty() const noexcept { return text_ == nullptr || text_->empty(); }
+    std::string_view view() const noexcept { return text_ == nullptr ? std::string_view() : *text_; }
+    std::string text() const { return std::string(view()); }
+    operator std::string_view() const noexcept { return view(); }
+    friend bool operator==(const SparseText& left, std::string_view right) noexcept { return left.view() == right; }
+
+ private:
+    std::unique_ptr<std::string> text_;
+};
+
 struct CurrentIORecord {
     std::string IOID;
-    Date TStamp;         // local time of the I/O server's last write; zero date for NULL or no date
-    Variant NValue;      // typed as the database delivers it; Null for NULL
-    std::string XValue;  // the value as XML text where it is not a plain number; otherwise empty
+    Date TStamp;        // local time of the I/O server's last write; zero date for NULL or no date
+    Variant NValue;     // typed as the database delivers it; Null for NULL
+    SparseText XValue;  // the value as XML text where it is not a plain number; otherwise empty
 };
 
 class CurrentIOIndex;
+class ISqlRows;
 
 class CurrentIOCollection {
  public:
@@ -38,8 +74,27 @@ class CurrentIOCollection {
     const std::vector<CurrentIORecord>& Records() const { return records_; }
 
  private:
+    friend class CurrentIOSnapshots;
+    // Gives the records their index: the previous snapshot's where it fits.
+    void buildIndex(const CurrentIOCollection* previous);
+
     std::vector<CurrentIORecord> records_;
     std::shared_ptr<const CurrentIOIndex> index_;
+};
+
+// Makes the snapshots of one site, read after read. A read fills the memory of the snapshot before the last one as
+// soon as nobody holds that any more, so that a steady site allocates nothing.
+class CurrentIOSnapshots {
+ public:
+    // rows: the columns IOID, TStamp, NValue, XValue. A row without a text in IOID is left out. Raises what rows
+    // raises; the snapshots given out before stay as they are.
+    std::shared_ptr<const CurrentIOCollection> read(ISqlRows& rows);
+
+ private:
+    std::shared_ptr<CurrentIOCollection> takeSpare();
+
+    std::shared_ptr<CurrentIOCollection> last_;
+    std::shared_ptr<CurrentIOCollection> spare_;
 };
 
 }  // namespace quelm

@@ -45,12 +45,14 @@ struct MessageRecord {
     std::string MessageData;  // the command element as it was written
 };
 
-// A parameter's latest current value.
-struct ParameterValue {
-    std::int32_t PID = 0;
-    std::string IntervalType;
+// A parameter's latest current value, and where it belongs.
+struct CurrentValueRecord {
     Variant Value;
     Variant MonitorCode;  // normally a whole number 0 to 84; Null when there is none
+};
+struct ParameterValue : CurrentValueRecord {
+    std::int32_t PID = 0;
+    std::string IntervalType;
 };
 
 class IRealtimeDB {

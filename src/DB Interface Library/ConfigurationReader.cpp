@@ -1,0 +1,100 @@
+#include "DB Interface Library/ConfigurationReader.h"
+
+#include <fmt/format.h>
+
+#include <limits>
+#include <optional>
+
+#include "Shared Types/RuntimeError.h"
+
+namespace quelm {
+
+namespace {
+
+std::optional<std::int32_t> wholeNumber(const SqlValue& value) {
+    const Variant number = sqlVariant(value);
+    if (number.kind() == VariantKind::Int32) {
+        return number.int32();
+    }
+    // Databases that keep whole numbers as decimals or doubles.
+    if (number.kind() == VariantKind::Double || number.kind() == VariantKind::Decimal) {
+        const double real = number.kind() == VariantKind::Double ? number.real() : number.decimal().toDouble();
+        if (real >= std::numeric_limits<std::int32_t>::min() && real <= std::numeric_limits<std::int32_t>::max() &&
+            real == static_cast<double>(static_cast<std::int32_t>(real))) {
+            return static_cast<std::int32_t>(real);
+        }
+    }
+    return std::nullopt;
+}
+
+std::string text(const SqlValue& value) {
+    return value.type == SqlType::Text && value.text.size() <= maxSqlText ? std::string(value.text) : std::string();
+}
+
+}  // namespace
+
+std::shared_ptr<const OPCDefCollection> ConfigurationReader::LoadOPCDefs(std::string_view strSiteID) {
+    try {
+        const auto rows = sites_.connection(strSiteID, SiteTable::configuration)
+                              .query(
+                                  "SELECT Tagname, ID, TagType, DataType, Write, NullValue, DownIsValid, "
+                                  "UseSubstatus, RefreshRate FROM Q5OPCDEF WHERE SiteID = ? "
+                                  "ORDER BY Position, RecordID",
+                                  {strSiteID});
+        auto definitions = std::make_shared<OPCDefCollection>();
+        while (rows->next()) {
+            const auto column = [&rows](int index) { return sqlVariant(rows->value(index)); };
+            definitions->emplace_back(OPCDef::Columns{column(0), column(1), column(2), column(3), column(4), column(5),
+                                                      column(6), column(7), column(8)});
+        }
+        return definitions;
+    } catch (...) {
+        if (problems_) {
+            problems_(
+                fmt::format("Site '{}': cannot read the OPC item definitions: {}", strSiteID, currentError().text()));
+        }
+        return nullptr;
+    }
+}
+
+std::shared_ptr<const ChannelDefCollection> ConfigurationReader::LoadChannelDefs(std::string_view strSiteID) {
+    const auto rows = sites_.connection(strSiteID, SiteTable::configuration)
+                          .query(
+                              "SELECT ChannelID, Name, DefType FROM IOChannelDef WHERE SiteID = ? "
+                              "ORDER BY ChannelID",
+                              {strSiteID});
+    auto definitions = std::make_shared<ChannelDefCollection>();
+    while (rows->next()) {
+        if (const auto channel = wholeNumber(rows->value(0))) {
+            definitions->Add(ChannelDef{*channel, text(rows->value(1)), wholeNumber(rows->value(2)).value_or(0)});
+        }
+    }
+    return definitions;
+}
+
+std::vector<PIDDefinition> ConfigurationReader::LoadPIDDefinitions(std::string_view strSiteID, std::int32_t lngDAHSID) {
+    const auto rows =
+        sites_.connection(strSiteID, SiteTable::configuration)
+            .query("SELECT PID, IntervalType FROM PIDDef WHERE DAHSID = ? ORDER BY PID", {std::int64_t{lngDAHSID}});
+    std::vector<PIDDefinition> definitions;
+    while (rows->next()) {
+        if (const auto pid = wholeNumber(rows->value(0))) {
+            definitions.push_back(PIDDefinition{*pid, text(rows->value(1))});
+        }
+    }
+    return definitions;
+}
+
+SiteSettings ConfigurationReader::LoadSiteSettings(std::string_view strSiteID, std::int32_t lngDAHSID) {
+    const auto rows = sites_.connection(strSiteID, SiteTable::configuration)
+                          .query("SELECT FirstDayOfWeek FROM SiteSettings WHERE SiteID = ? AND DAHSID = ?",
+                                 {strSiteID, std::int64_t{lngDAHSID}});
+    SiteSettings settings;
+    if (rows->next()) {
+        const std::int32_t day = wholeNumber(rows->value(0)).value_or(0);
+        settings.FirstDayOfWeek = day >= 1 && day <= 7 ? day : 0;
+    }
+    return settings;
+}
+
+}  // namespace quelm

@@ -1,0 +1,76 @@
+#include "DB Interface Library/DBIL.h"
+
+#include <fmt/format.h>
+
+#include "Shared Types/RuntimeError.h"
+
+namespace quelm {
+
+bool DBIL::Initialize(std::string_view) {
+    return true;
+}
+
+bool DBIL::SetupSite(std::string_view strSiteID, std::string_view strConnection1, std::string_view strConnection2,
+                     std::string_view strConnection3, std::string_view strConnection4, std::string_view strConnection5,
+                     bool, bool) {
+    try {
+        sites_.setUp(strSiteID, {strConnection1, strConnection2, strConnection3, strConnection4, strConnection5});
+        return true;
+    } catch (...) {
+        report(fmt::format("Site '{}': connection 1 ({}) or 2 ({}) is not usable: {}", strSiteID,
+                           redactConnectionString(strConnection1), redactConnectionString(strConnection2),
+                           currentError().text()));
+        return false;
+    }
+}
+
+bool DBIL::TestConnections(std::string_view strSiteID, bool blnConnection1, bool blnConnection2, bool blnConnection3,
+                           bool blnConnection4, bool blnConnection5, bool blnReport) {
+    const std::array chosen = {blnConnection1, blnConnection2, blnConnection3, blnConnection4, blnConnection5};
+    bool all = true;
+    bool found = false;
+    sites_.forEachSite([&](const std::string& siteID) {
+        if (!strSiteID.empty() && siteID != strSiteID) {
+            return;
+        }
+        found = true;
+        for (std::size_t which = 0; which < chosen.size(); ++which) {
+            if (chosen[which] && !testConnection(siteID, which, blnReport)) {
+                all = false;
+            }
+        }
+    });
+    if (!found && !strSiteID.empty()) {
+        if (blnReport) {
+            report(fmt::format("Site '{}' is not set up", strSiteID));
+        }
+        return false;
+    }
+    return all;
+}
+
+bool DBIL::testConnection(const std::string& strSiteID, std::size_t which, bool blnReport) {
+    try {
+        sites_.connection(strSiteID, which).test();
+        return true;
+    } catch (...) {
+        if (blnReport) {
+            report(fmt::format("Site '{}': connection {} ({}) failed: {}", strSiteID, which + 1,
+                               sites_.shownConnectionString(strSiteID, which), currentError().text()));
+        }
+        return false;
+    }
+}
+
+void DBIL::Terminate() {
+    sites_.closeAll();
+    realtimeDB_.releaseSnapshots();
+}
+
+void DBIL::report(std::string_view strProblem) const {
+    if (problems_) {
+        problems_(strProblem);
+    }
+}
+
+}  // namespace quelm

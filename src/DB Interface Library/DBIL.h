@@ -1,0 +1,44 @@
+#pragma once
+
+// The database interface library: the sites, their connections, and the readers that work over them.
+
+#include "DB Interface Library/ConfigurationReader.h"
+#include "DB Interface Library/IDBIL.h"
+#include "DB Interface Library/ProblemSink.h"
+#include "DB Interface Library/RealtimeDB.h"
+#include "DB Interface Library/SiteTable.h"
+
+namespace quelm {
+
+class DBIL final : public IDBIL {
+ public:
+    DBIL(SqlDrivers drivers, ProblemSink problems)
+        : problems_(std::move(problems)),
+          sites_(std::move(drivers)),
+          configurationReader_(sites_, problems_),
+          realtimeDB_(sites_) {}
+
+    bool Initialize(std::string_view strExecutableName) override;
+    bool SetupSite(std::string_view strSiteID, std::string_view strConnection1, std::string_view strConnection2,
+                   std::string_view strConnection3, std::string_view strConnection4, std::string_view strConnection5,
+                   bool blnUse, bool blnReserved) override;
+    // A connection passes when the database answers a trivial query. Tables are not looked for: the start-up waits
+    // for this test, and a table that is missing fails with its own message where it is read.
+    bool TestConnections(std::string_view strSiteID, bool blnConnection1, bool blnConnection2, bool blnConnection3,
+                         bool blnConnection4, bool blnConnection5, bool blnReport) override;
+    IConfigurationReader& ConfigurationReader() override { return configurationReader_; }
+    IRealtimeDB& RealtimeDB() override { return realtimeDB_; }
+    // A later call of a reader connects again.
+    void Terminate() override;
+
+ private:
+    bool testConnection(const std::string& strSiteID, std::size_t which, bool blnReport);
+    void report(std::string_view strProblem) const;
+
+    ProblemSink problems_;
+    SiteTable sites_;
+    quelm::ConfigurationReader configurationReader_;
+    quelm::RealtimeDB realtimeDB_;
+};
+
+}  // namespace quelm

@@ -1,0 +1,86 @@
+#pragma once
+
+// A flat look-up from a whole number (channel ID, PID) to a position, for the look-ups that every item makes on
+// every update pass: no allocation, usually one cache line.
+
+#include <bit>
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+namespace quelm {
+
+class IntIndex {
+ public:
+    static constexpr std::uint32_t none = 0xFFFFFFFF;
+
+    // The position of that key, or none.
+    std::uint32_t find(std::int32_t key) const noexcept {
+        if (slots_.empty()) {
+            return none;
+        }
+        return slots_[slotFor(key)].position;
+    }
+
+    // False, with nothing changed, when the key is there already. position: anything but none.
+    bool add(std::int32_t key, std::uint32_t position) {
+        if (count_ + 1 > slots_.size() / 5 * 4) {
+            resize(count_ + 1);
+        }
+        Slot& slot = slots_[slotFor(key)];
+        if (slot.position != none) {
+            return false;
+        }
+        slot = Slot{key, position};
+        ++count_;
+        return true;
+    }
+
+    void reserve(std::size_t count) {
+        if (count > slots_.size() / 5 * 4) {
+            resize(count);
+        }
+    }
+
+    // Keeps the memory.
+    void clear() noexcept {
+        slots_.assign(slots_.size(), Slot{});
+        count_ = 0;
+    }
+
+ private:
+    struct Slot {
+        std::int32_t key = 0;
+        std::uint32_t position = none;
+    };
+
+    // The slot that holds the key, else the free one where it belongs. IDs mostly come in runs, and items are asked
+    // for in the order of their IDs: keeping neighbours together is what makes a pass cheap. The part of the ID
+    // beyond the table's size is mixed in so that runs that lie a power of two apart do not pile up.
+    std::size_t slotFor(std::int32_t key) const noexcept {
+        const auto bits = static_cast<std::uint32_t>(key);
+        const std::size_t mask = slots_.size() - 1;
+        std::size_t at = (bits + (bits >> shift_) * 0x9E3779B1U) & mask;
+        while (slots_[at].position != none && slots_[at].key != key) {
+            at = (at + 1) & mask;
+        }
+        return at;
+    }
+
+    void resize(std::size_t count) {
+        std::vector<Slot> old(std::bit_ceil(count + count / 4 + 8));
+        old.swap(slots_);
+        shift_ = static_cast<unsigned>(std::countr_zero(slots_.size()));
+        for (const Slot& slot : old) {
+            if (slot.position != none) {
+                slots_[slotFor(slot.key)] = slot;
+            }
+        }
+    }
+
+    std::vector<Slot> slots_;
+    std::size_t count_ = 0;
+    unsigned shift_ = 0;
+};
+
+}  // namespace quelm

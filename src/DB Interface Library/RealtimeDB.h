@@ -1,0 +1,32 @@
+#pragma once
+
+// The sites' realtime databases: the I/O servers' current values, command message records, parameter values.
+
+#include <functional>
+#include <map>
+#include <string>
+
+#include "DB Interface Library/IDBIL.h"
+#include "DB Interface Library/SiteTable.h"
+
+namespace quelm {
+
+class RealtimeDB final : public IRealtimeDB {
+ public:
+    // sites must outlive this object.
+    explicit RealtimeDB(SiteTable& sites) : sites_(sites) {}
+
+    // Implicit channels' records stand in the same table as all others, so the flag changes nothing here.
+    std::shared_ptr<const CurrentIOCollection> ReadCurrentIO(std::string_view strSiteID,
+                                                             bool blnUseImplicitChannels) override;
+    std::optional<MessageRecord> GetMessageRecord(std::string_view strSiteID, std::string_view strMsgID) override;
+    void ReadParameterValues(std::string_view strSiteID, std::vector<ParameterValue>& out) override;
+    // Lets go of the snapshots' memory.
+    void releaseSnapshots() { snapshots_.clear(); }
+
+ private:
+    SiteTable& sites_;
+    std::map<std::string, CurrentIOSnapshots, std::less<>> snapshots_;
+};
+
+}  // namespace quelm

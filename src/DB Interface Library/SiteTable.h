@@ -1,0 +1,48 @@
+#pragma once
+
+// The sites that are set up, each with its five connections; shared by the parts of the database library.
+
+#include <array>
+#include <cstddef>
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "DB Interface Library/Sql.h"
+
+namespace quelm {
+
+class SiteTable {
+ public:
+    static constexpr std::size_t connectionCount = 5;
+    static constexpr std::size_t configuration = 0;
+    static constexpr std::size_t realtime = 1;
+
+    explicit SiteTable(SqlDrivers drivers) : drivers_(std::move(drivers)) {}
+
+    // Raises what the drivers raise when the first two connection strings are not usable; the site is then as before.
+    void setUp(std::string_view strSiteID, const std::array<std::string_view, connectionCount>& connectionStrings);
+    // Raises RuntimeError 5 for a site that is not set up, and what the drivers raise.
+    ISqlConnection& connection(std::string_view strSiteID, std::size_t which);
+    // Without passwords.
+    std::string shownConnectionString(std::string_view strSiteID, std::size_t which);
+    // In the order of the site IDs.
+    void forEachSite(const std::function<void(const std::string& strSiteID)>& visit) const;
+    void closeAll();
+
+ private:
+    struct Connection {
+        std::string text;
+        std::unique_ptr<ISqlConnection> open;
+    };
+    using Site = std::array<Connection, connectionCount>;
+
+    Site& site(std::string_view strSiteID);
+
+    SqlDrivers drivers_;
+    std::map<std::string, Site, std::less<>> sites_;
+};
+
+}  // namespace quelm

@@ -1,0 +1,170 @@
+#include "DB Interface Library/Sql.h"
+
+#include <cmath>
+#include <limits>
+#include <optional>
+
+#include "DB Interface Library/SqliteDriver.h"
+#include "Shared Types/RuntimeError.h"
+#include "Shared Types/Text.h"
+
+namespace quelm {
+
+namespace {
+
+struct Part {
+    std::string_view key;  // as written, without blanks around it
+    std::string value;     // without braces or quotes
+    bool hasKey = false;
+};
+
+// The text of a value that opened with a brace or quote; a closing mark that is doubled stands for itself. Without
+// the closing mark everything to the end belongs to it, so that no piece of a password is taken for something else.
+std::string takeEnclosed(std::string_view& rest, char closing) {
+    std::string value;
+    rest.remove_prefix(1);
+    while (!rest.empty()) {
+        const char c = rest.front();
+        rest.remove_prefix(1);
+        if (c != closing) {
+            value += c;
+        } else if (rest.starts_with(closing)) {
+            value += c;
+            rest.remove_prefix(1);
+        } else {
+            break;
+        }
+    }
+    return value;
+}
+
+std::string takeValue(std::string_view& rest) {
+    rest = trimLeftBlanks(rest);
+    std::string value;
+    if (rest.starts_with('{')) {
+        value = takeEnclosed(rest, '}');
+    } else if (rest.starts_with('"') || rest.starts_with('\'')) {
+        value = takeEnclosed(rest, rest.front());
+    }
+    const std::size_t end = rest.find(';');
+    value += trimBlanks(rest.substr(0, end));
+    rest.remove_prefix(end == std::string_view::npos ? rest.size() : end + 1);
+    return value;
+}
+
+Part takePart(std::string_view& rest) {
+    Part part;
+    const std::size_t keyEnd = rest.find_first_of("=;");
+    if (keyEnd == std::string_view::npos || rest[keyEnd] == ';') {
+        part.value = trimBlanks(rest.substr(0, keyEnd));
+        rest.remove_prefix(keyEnd == std::string_view::npos ? rest.size() : keyEnd + 1);
+        return part;
+    }
+    part.hasKey = true;
+    part.key = trimBlanks(rest.substr(0, keyEnd));
+    rest.remove_prefix(keyEnd + 1);
+    part.value = takeValue(rest);
+    return part;
+}
+
+bool isSecret(std::string_view key) {
+    const std::string folded = foldCase(key);
+    for (const std::string_view word : {"pwd", "password", "passwd", "secret", "token"}) {
+        if (folded.find(word) != std::string::npos) {
+            return true;
+        }
+    }
+    return false;
+}
+
+// Databases have decimals of more digits than the product's own; those become doubles.
+Variant decimalVariant(std::string_view digits) {
+    const std::optional<double> number = parseNumber(digits);
+    if (!number) {
+        return Variant::null();
+    }
+    constexpr double decimalLimit = 7.9e28;
+    return std::fabs(*number) < decimalLimit ? Variant(Decimal::fromText(digits)) : Variant(*number);
+}
+
+}  // namespace
+
+Variant sqlVariant(const SqlValue& value) {
+    switch (value.type) {
+        case SqlType::Integer:
+            if (value.integer >= std::numeric_limits<std::int32_t>::min() &&
+                value.integer <= std::numeric_limits<std::int32_t>::max()) {
+                return Variant(static_cast<std::int32_t>(value.integer));
+            }
+            return Variant(Decimal::fromInteger(value.integer));
+        case SqlType::Real:
+            return Variant(value.real);
+        case SqlType::Decimal:
+            return decimalVariant(value.text);
+        case SqlType::Date:
+            return Variant(Date{value.real});
+        case SqlType::Text:
+            return value.text.size() <= maxSqlText ? Variant(value.text) : Variant::null();
+        case SqlType::Null:
+        case SqlType::Blob:
+            break;
+    }
+    return Variant::null();
+}
+
+ConnectionString::ConnectionString(std::string_view text) : text_(text) {
+    std::string_view rest = text;
+    while (!rest.empty()) {
+        Part part = takePart(rest);
+        if (part.hasKey) {
+            parts_.emplace_back(part.key, std::move(part.value));
+        }
+    }
+}
+
+const std::string* ConnectionString::find(std::string_view key) const {
+    for (const auto& [name, value] : parts_) {
+        if (equalsIgnoringCase(name, key)) {
+            return &value;
+        }
+    }
+    return nullptr;
+}
+
+std::string redactConnectionString(std::string_view text) {
+    std::string shown;
+    std::string_view rest = text;
+    while (!rest.empty()) {
+        const Part part = takePart(rest);
+        if (!part.hasKey && part.value.empty()) {
+            continue;
+        }
+        if (!shown.empty()) {
+            shown += ';';
+        }
+        if (!part.hasKey) {
+            shown += "***";
+        } else {
+            shown.append(part.key).append("=").append(isSecret(part.key) ? "***" : part.value);
+        }
+    }
+    return shown;
+}
+
+std::unique_ptr<ISqlConnection> SqlDrivers::connection(std::string_view connectionString) const {
+    const ConnectionString parsed(connectionString);
+    for (const auto& driver : drivers_) {
+        if (driver->accepts(parsed)) {
+            return driver->connection(parsed);
+        }
+    }
+    throw RuntimeError(sqlNoDriver, "Not a SQLite connection string, and no ODBC driver is built in");
+}
+
+SqlDrivers builtInSqlDrivers() {
+    SqlDrivers drivers;
+    drivers.add(std::make_unique<SqliteDriver>());
+    return drivers;
+}
+
+}  // namespace quelm

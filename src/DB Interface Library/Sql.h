@@ -1,0 +1,107 @@
+#pragma once
+
+// The small SQL interface underneath the database interface library: statements with typed parameters in, typed
+// values out, so that no number ever travels as text. One driver per kind of database, chosen by connection string.
+
+#include <cstdint>
+#include <initializer_list>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <variant>
+#include <vector>
+
+#include "Shared Types/Variant.h"
+
+namespace quelm {
+
+enum class SqlType : std::uint8_t { Null, Integer, Real, Decimal, Text, Date, Blob };
+
+// One column of the row that a cursor stands on.
+struct SqlValue {
+    SqlType type = SqlType::Null;
+    union {
+        std::int64_t integer = 0;
+        double real;  // of a Real; of a Date: days since 1899-12-30, local time
+    };
+    std::string_view text;  // of a Text or Blob, and a Decimal's digits; valid until the cursor moves
+};
+
+// As a value of the product: whole numbers become 32-bit integers where they fit, else decimals; binary data and
+// text beyond maxSqlText read as Null.
+Variant sqlVariant(const SqlValue& value);
+// Longest text, in bytes, that is taken from a column.
+inline constexpr std::size_t maxSqlText = std::size_t{1} << 20;
+
+using SqlParameter = std::variant<std::monostate, std::int64_t, double, std::string_view>;
+using SqlParameters = std::initializer_list<SqlParameter>;
+
+// A forward cursor over a query's rows. The read ends with the cursor's life, so it must not be kept.
+class ISqlRows {
+ public:
+    virtual ~ISqlRows() = default;
+    // Moves to the next row; False behind the last one. Raises RuntimeError with the database's number and text.
+    virtual bool next() = 0;
+    // column: from 0, as the statement lists them.
+    virtual SqlValue value(int column) const = 0;
+};
+
+// One database. Connects when it is first used, and again after every failure. Every call takes a bounded time and
+// raises RuntimeError with the database's own number and text.
+class ISqlConnection {
+ public:
+    virtual ~ISqlConnection() = default;
+    virtual std::unique_ptr<ISqlRows> query(std::string_view sql, SqlParameters parameters) = 0;
+    // The number of rows that the statement changed.
+    virtual std::int64_t execute(std::string_view sql, SqlParameters parameters) = 0;
+    // Connects and has the database answer a trivial query, whatever tables it holds.
+    virtual void test() = 0;
+    // The next use connects again.
+    virtual void close() = 0;
+};
+
+// The parts of a connection string "key=value;key=value". Keys are compared without regard to case; values may stand
+// in {braces} (a brace inside is doubled) or in quotes.
+class ConnectionString {
+ public:
+    explicit ConnectionString(std::string_view text);
+    // nullptr when there is no such key; of two equal keys the first counts.
+    const std::string* find(std::string_view key) const;
+    const std::string& text() const { return text_; }
+
+ private:
+    std::string text_;
+    std::vector<std::pair<std::string, std::string>> parts_;
+};
+
+// The connection string with every password (PWD, Password and their like) shown as "***": the only form that may
+// get into a message. Parts without a key are hidden too, for they may be the rest of a password.
+std::string redactConnectionString(std::string_view text);
+
+class ISqlDriver {
+ public:
+    virtual ~ISqlDriver() = default;
+    virtual bool accepts(const ConnectionString& connectionString) const = 0;
+    // Connects nothing yet. Raises RuntimeError when the connection string lacks what the driver needs.
+    virtual std::unique_ptr<ISqlConnection> connection(const ConnectionString& connectionString) const = 0;
+};
+
+// The number raised when no driver takes a connection string.
+inline constexpr long sqlNoDriver = 3706;
+
+// The drivers that are built in; the first that accepts a connection string gets it.
+class SqlDrivers {
+ public:
+    void add(std::unique_ptr<ISqlDriver> driver) { drivers_.push_back(std::move(driver)); }
+    // Raises RuntimeError sqlNoDriver when no driver accepts it, and whatever the driver raises.
+    std::unique_ptr<ISqlConnection> connection(std::string_view connectionString) const;
+
+ private:
+    std::vector<std::unique_ptr<ISqlDriver>> drivers_;
+};
+
+// Every driver of this build.
+SqlDrivers builtInSqlDrivers();
+
+}  // namespace quelm

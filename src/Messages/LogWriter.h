@@ -1,0 +1,46 @@
+#pragma once
+
+// A log file on disk. Every line is handed to the operating system at once and in one piece, so that neither the end
+// of this program nor a second reader or writer can tear one.
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+#include "Messages/ILogWriter.h"
+
+namespace quelm {
+
+class LogWriter final : public ILogWriter {
+ public:
+    LogWriter() = default;
+    LogWriter(const LogWriter&) = delete;
+    LogWriter& operator=(const LogWriter&) = delete;
+    ~LogWriter() override { closeFile(); }
+
+    // strTitle is for logs that are kept elsewhere than in a file; the file begins with its first entry.
+    bool Open(std::string_view strFilePath, std::string_view strTitle, bool blnOverwrite, bool blnTimeStamps) override;
+    // Line breaks within the text become blanks. blnFlag has nothing left to do, as no line waits in memory.
+    void WriteEntry(std::string_view strText, bool blnFlag = false) override;
+    void Close() override;
+
+    // Milliseconds between two attempts to open a file that could not be opened or written.
+    static constexpr std::uint64_t retryAfter = 1000;
+
+ private:
+    bool openFile();
+    void closeFile();
+    void buildLine(std::string_view strText);
+    bool writeLine();
+
+    std::string path_;
+    bool overwrite_ = false;
+    bool timeStamps_ = false;
+    int file_ = -1;
+    std::uint64_t retryAt_ = 0;
+    std::uint64_t lostLines_ = 0;
+    bool lineTorn_ = false;
+    std::string line_;
+};
+
+}  // namespace quelm
