@@ -1,0 +1,181 @@
+#include "OPC DA/Browser.h"
+
+#include <functional>
+#include <set>
+
+#include "OPC DA/NameFilter.h"
+#include "OpcDa/Fixture.h"
+#include "Shared Types/Text.h"
+
+namespace quelm::opcda {
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+constexpr std::uint16_t up = 1;
+constexpr std::uint16_t down = 2;
+constexpr std::uint16_t to = 3;
+constexpr std::uint16_t branches = 1;
+constexpr std::uint16_t leaves = 2;
+constexpr std::uint16_t flat = 3;
+
+class BrowserTest : public OpcDaTest {
+ protected:
+    std::vector<std::string> names(std::uint16_t type, std::string_view filter = "", VarType dataType = VT_EMPTY,
+                                   std::uint32_t rights = 0) {
+        NameEnumerator found;
+        result = browser.browse(type, filter, dataType, rights, found);
+        const auto list = found.next(1'000'000);
+        return {list.begin(), list.end()};
+    }
+    std::string idOf(std::string_view name) {
+        std::string id;
+        result = browser.itemId(name, id);
+        return id;
+    }
+    // What a client does that walks the whole tree: every item ID that it comes by.
+    void collect(std::multiset<std::string>& ids) {
+        for (const std::string& leaf : names(leaves)) {
+            ids.insert(idOf(leaf));
+        }
+        for (const std::string& branch : names(branches)) {
+            const std::string before = browser.position();
+            ASSERT_EQ(browser.changePosition(down, branch), S_OK) << branch;
+            collect(ids);
+            ASSERT_EQ(browser.changePosition(up, ""), S_OK);
+            ASSERT_TRUE(equalsIgnoringCase(browser.position(), before)) << before;
+        }
+    }
+
+    Browser browser{application.items()};
+    HResult result = S_OK;
+};
+
+TEST_F(BrowserTest, LevelsShowTheirBranchesAndLeaves) {
+    EXPECT_THAT(names(branches), ElementsAre("Plant"));
+    EXPECT_THAT(names(leaves), ElementsAre("Status"));
+    EXPECT_EQ(browser.changePosition(down, "PLANT"), S_OK);
+    EXPECT_EQ(browser.position(), "Plant");
+    EXPECT_THAT(names(branches), ElementsAre("Stack1", "Stack2"));
+    EXPECT_THAT(names(leaves), IsEmpty());
+    EXPECT_EQ(result, S_FALSE);
+    EXPECT_EQ(idOf("Stack1"), "Plant.Stack1");
+    EXPECT_EQ(browser.changePosition(down, "Stack1"), S_OK);
+    EXPECT_THAT(names(leaves), ElementsAre("Count", "NOx", "State"));
+    EXPECT_THAT(names(flat), ElementsAre("Plant.Stack1.Count", "Plant.Stack1.NOx", "Plant.Stack1.State"));
+    EXPECT_EQ(idOf("nox"), "Plant.Stack1.NOx");
+    EXPECT_EQ(idOf(""), "Plant.Stack1");
+    EXPECT_EQ(idOf("Plant.Stack2.NOx"), "Plant.Stack2.NOx");
+    EXPECT_EQ(idOf("nothing"), "");
+    EXPECT_EQ(result, E_INVALIDARG);
+    EXPECT_THAT(names(9), IsEmpty());
+    EXPECT_EQ(result, E_INVALIDARG);
+}
+
+TEST_F(BrowserTest, PositionMovesOnlyToBranches) {
+    EXPECT_EQ(browser.changePosition(up, ""), E_FAIL);
+    struct Case {
+        std::uint16_t direction;
+        std::string_view text;
+        HResult result;
+        std::string_view position;
+    };
+    for (const Case& each :
+         {Case{to, "Plant.Stack2", S_OK, "Plant.Stack2"}, Case{down, "NOx", E_INVALIDARG, "Plant.Stack2"},
+          Case{down, "", E_INVALIDARG, "Plant.Stack2"}, Case{up, "ignored", S_OK, "Plant"},
+          Case{to, "Status", E_INVALIDARG, "Plant"}, Case{to, "Pla", E_INVALIDARG, "Plant"},
+          Case{to, "Plant.", E_INVALIDARG, "Plant"}, Case{4, "", E_INVALIDARG, "Plant"}, Case{to, "", S_OK, ""}}) {
+        EXPECT_EQ(browser.changePosition(each.direction, each.text), each.result) << each.text;
+        EXPECT_EQ(browser.position(), each.position);
+    }
+}
+
+TEST_F(BrowserTest, FiltersByNameTypeAndRights) {
+    add("Setpoint", Variant(1.0), 3);
+    EXPECT_THAT(names(flat), ElementsAre("Plant.Stack1.Count", "Plant.Stack1.NOx", "Plant.Stack1.State",
+                                         "Plant.Stack2.NOx", "Setpoint", "Status"));
+    EXPECT_THAT(names(flat, "*nox"), ElementsAre("Plant.Stack1.NOx", "Plant.Stack2.NOx"));
+    EXPECT_THAT(names(flat, "", VT_BSTR), ElementsAre("Plant.Stack1.State"));
+    EXPECT_THAT(names(flat, "", VT_EMPTY, 2), ElementsAre("Setpoint"));
+    EXPECT_THAT(names(leaves, "s?a*", VT_EMPTY, 1), ElementsAre("Status"));
+    EXPECT_THAT(names(branches, "p*", VT_BSTR, 2), ElementsAre("Plant"));
+    EXPECT_THAT(names(branches, "x*"), IsEmpty());
+    EXPECT_THAT(names(flat, "[a"), IsEmpty());
+    EXPECT_EQ(result, OPC_E_INVALIDFILTER);
+}
+
+TEST_F(BrowserTest, AccessPathsAreAnEmptyList) {
+    NameEnumerator paths;
+    EXPECT_EQ(browser.accessPaths("Status", paths), S_FALSE);
+    EXPECT_EQ(browser.accessPaths("Other", paths), OPC_E_UNKNOWNITEMID);
+    EXPECT_THAT(paths.next(5), IsEmpty());
+}
+
+TEST_F(BrowserTest, OddNamesAreReachedOnceEach) {
+    const std::vector<std::string> odd{"a",    "a.",   "a..",    "a..b", "a.b",  "A.b.c", "a...c", ".x",       "..y",
+                                       ".",    "..",   ".x.y",   "a-b",  "a b",  "a.b-c", "a.b d", "A..B.",    "a.b.",
+                                       "é.É1", "É.é2", "a.b..c", "p.q",  "P.q2", "x.y.z", "X.Y",   "x.y.z..w", "a. .b"};
+    std::multiset<std::string> expected{"Plant.Stack1.NOx", "Plant.Stack1.Count", "Plant.Stack1.State",
+                                        "Plant.Stack2.NOx", "Status"};
+    for (const std::string& name : odd) {
+        if (application.items().find(name) == nullptr) {
+            add(name, Variant(1.0));
+            expected.insert(name);
+        }
+    }
+    std::multiset<std::string> found;
+    collect(found);
+    EXPECT_EQ(found, expected);
+    EXPECT_EQ(browser.position(), "");
+    EXPECT_EQ(names(flat).size(), expected.size());
+}
+
+TEST_F(BrowserTest, AHundredThousandItemsBrowseQuickly) {
+    for (int i = 0; i < 100'000; ++i) {
+        add("Site" + std::to_string(i % 10) + ".Unit" + std::to_string(i % 1000) + ".Tag" + std::to_string(i),
+            Variant(1.0F));
+    }
+    EXPECT_EQ(names(flat).size(), 100'005U);
+    browser.changePosition(to, "Site3");
+    EXPECT_EQ(names(branches).size(), 100U);
+    EXPECT_EQ(names(flat).size(), 10'000U);
+    browser.changePosition(down, "Unit123");
+    EXPECT_EQ(names(leaves).size(), 100U);
+}
+
+TEST(NameFilterTest, FollowsThePatternSyntax) {
+    struct Case {
+        std::string_view pattern;
+        std::string_view name;
+        bool fits;
+    };
+    for (const Case& each : {
+             Case{"", "anything", true},    Case{"*", "", true},
+             Case{"*", "abc", true},        Case{"abc", "ABC", true},
+             Case{"abc", "abcd", false},    Case{"a*c", "abbbc", true},
+             Case{"a*c", "abbbcd", false},  Case{"a*b*c", "axbxbxc", true},
+             Case{"?", "é", true},          Case{"?", "", false},
+             Case{"Tag#", "tag7", true},    Case{"Tag#", "tagx", false},
+             Case{"[abc]x", "Bx", true},    Case{"[a-c]x", "dx", false},
+             Case{"[!a-c]x", "dx", true},   Case{"[!a-c]x", "bx", false},
+             Case{"[-a]", "-", true},       Case{"[a-]", "-", true},
+             Case{"[*]", "*", true},        Case{"[*]", "x", false},
+             Case{"[]", "x", false},        Case{"[!]", "x", true},
+             Case{"*[0-9]", "tag12", true}, Case{"ÖL*", "ölstand", true},
+             Case{"a]", "a]", true},        Case{"**a**", "bab", true},
+             Case{"*a", "aab", false},
+         }) {
+        const NameFilter filter(each.pattern);
+        EXPECT_TRUE(filter.isValid()) << each.pattern;
+        EXPECT_EQ(filter.matches(each.name), each.fits) << each.pattern << " on " << each.name;
+    }
+    for (const std::string_view bad : {"[", "[a", "a[!", "[a-"}) {
+        EXPECT_FALSE(NameFilter(bad).isValid()) << bad;
+    }
+    const std::string many(2000, 'a');
+    EXPECT_FALSE(NameFilter("*a*a*a*a*a*a*a*a*a*a*b").matches(many));
+}
+
+}  // namespace
+}  // namespace quelm::opcda

@@ -1,0 +1,112 @@
+#include "OpcDa/Fixture.h"
+
+namespace quelm::opcda {
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+class PropertiesTest : public OpcDaTest {
+ protected:
+    Properties properties{application.items()};
+};
+
+TEST_F(PropertiesTest, EveryItemHasTheSixOfTheStandard) {
+    std::vector<PropertyDescription> available;
+    EXPECT_EQ(properties.available("plant.stack1.count", available), S_OK);
+    std::vector<std::pair<std::uint32_t, VarType>> listed;
+    for (const PropertyDescription& each : available) {
+        listed.emplace_back(each.id, each.type);
+        EXPECT_FALSE(each.text.empty());
+    }
+    using P = std::pair<std::uint32_t, VarType>;
+    EXPECT_THAT(listed, ElementsAre(P(1, VT_I2), P(2, VT_I4), P(3, VT_I2), P(4, VT_DATE), P(5, VT_I4), P(6, VT_R4)));
+
+    std::vector<PropertyValue> values;
+    const std::vector<std::uint32_t> ids{1, 2, 3, 4, 5, 6, 7, 0, 5000};
+    EXPECT_EQ(properties.values("Plant.Stack1.Count", ids, values), S_FALSE);
+    const std::vector<Variant> expected{Variant(std::int16_t{3}),
+                                        Variant(std::int32_t{70000}),
+                                        Variant(std::int16_t{0xC0}),
+                                        Variant(Date{noon.days - 1.0 / 24}),
+                                        Variant(std::int32_t{1}),
+                                        Variant(20000.0F),
+                                        Variant(),
+                                        Variant(),
+                                        Variant()};
+    for (std::size_t i = 0; i < ids.size(); ++i) {
+        EXPECT_EQ(values[i].error, i < 6 ? S_OK : OPC_E_INVALID_PID) << ids[i];
+        if (ids[i] == 4) {
+            EXPECT_NEAR(values[i].value.date().days, expected[i].date().days, 1e-9);
+        } else {
+            EXPECT_EQ(values[i].value, expected[i]) << ids[i];
+        }
+    }
+}
+
+TEST_F(PropertiesTest, WrongItemsAndPropertiesAreRefused) {
+    std::vector<PropertyDescription> available;
+    std::vector<PropertyValue> values;
+    std::vector<HResult> errors;
+    const std::vector<std::uint32_t> ids{2, 7};
+    EXPECT_EQ(properties.available("", available), OPC_E_INVALIDITEMID);
+    EXPECT_EQ(properties.values("Other", ids, values), OPC_E_UNKNOWNITEMID);
+    EXPECT_EQ(properties.values("Status", {}, values), E_INVALIDARG);
+    EXPECT_EQ(properties.lookupItemIds("Other", ids, errors), OPC_E_UNKNOWNITEMID);
+    EXPECT_EQ(properties.lookupItemIds("Status", ids, errors), S_FALSE);
+    EXPECT_THAT(errors, ElementsAre(E_FAIL, OPC_E_INVALID_PID));
+}
+
+class ItemIOTest : public OpcDaTest {
+ protected:
+    HResult read(const std::vector<std::string_view>& ids, const std::vector<std::uint32_t>& ages) {
+        const HResult result = io.read(ids, ages, readings);
+        errors.clear();
+        for (const ItemIOReading& reading : readings) {
+            errors.push_back(reading.error);
+        }
+        return result;
+    }
+
+    ItemIO io{control};
+    std::vector<ItemIOReading> readings;
+    std::vector<HResult> errors;
+};
+
+TEST_F(ItemIOTest, OnlyWhatIsTooOldIsAskedFor) {
+    clock.advanceMilliseconds(20'000);
+    EXPECT_EQ(
+        read({"Status", "Plant.Stack1.NOx", "Plant.Stack1.Count", "Plant.Stack2.NOx"}, {0, 19'999, 20'000, 0xFFFFFFFF}),
+        S_OK);
+    EXPECT_THAT(events.log, ElementsAre("read 2 Status Plant.Stack1.NOx"));
+    EXPECT_EQ(readings[1].value, Variant(12.5F));
+    EXPECT_EQ(readings[2].value, Variant(std::int32_t{70000}));
+    EXPECT_EQ(readings[2].quality, 0xC0);
+    EXPECT_EQ(readings[2].type, VT_I4);
+    EXPECT_EQ(readings[2].fileTime, readings[1].fileTime);
+}
+
+TEST_F(ItemIOTest, EachItemHasItsOwnError) {
+    events.readError = SLIKServer::failed;
+    EXPECT_EQ(read({"Status", "Other", "", "Plant.Stack1.NOx"}, {0, 0, 0, 0xFFFFFFFF}), S_FALSE);
+    EXPECT_THAT(errors, ElementsAre(E_FAIL, OPC_E_UNKNOWNITEMID, OPC_E_INVALIDITEMID, S_OK));
+    EXPECT_THAT(events.log, ElementsAre("read 1 Status"));
+    EXPECT_EQ(read({}, {}), E_INVALIDARG);
+    EXPECT_EQ(read({"Status"}, {}), E_INVALIDARG);
+
+    control.SLIKTags().Item("Plant.Stack1.Count").SetVQT(Variant("n/a"), 0xC0, noon);
+    EXPECT_EQ(read({"Plant.Stack1.Count"}, {0xFFFFFFFF}), S_FALSE);
+    EXPECT_THAT(errors, ElementsAre(DISP_E_TYPEMISMATCH));
+    EXPECT_EQ(readings[0].quality, qualityBad);
+    EXPECT_TRUE(readings[0].value.isEmpty());
+}
+
+TEST_F(ItemIOTest, EveryWriteFailsAfterOneEvent) {
+    EXPECT_EQ(io.writeVQT(std::vector<std::string_view>{"Status", "Other", "Plant.Stack1.NOx"}, errors), S_FALSE);
+    EXPECT_THAT(errors, ElementsAre(E_FAIL, OPC_E_UNKNOWNITEMID, E_FAIL));
+    EXPECT_EQ(io.writeVQT(std::vector<std::string_view>{"Other"}, errors), S_FALSE);
+    EXPECT_THAT(events.log, ElementsAre("write 2"));
+}
+
+}  // namespace
+}  // namespace quelm::opcda

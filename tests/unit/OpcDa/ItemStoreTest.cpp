@@ -1,0 +1,95 @@
+#include "SLIK-DA/ItemStore.h"
+
+#include "OpcDa/Fixture.h"
+
+namespace quelm {
+namespace {
+
+class ItemStoreTest : public testing::Test {
+ protected:
+    long numberRaised(const std::function<void()>& action) {
+        try {
+            action();
+        } catch (const RuntimeError& error) {
+            return error.number();
+        }
+        return 0;
+    }
+
+    const Date noon = makeDate(2026, 7, 1, 12);
+    ManualTimeSource clock{noon, 120};
+    ScopedTimeSource inForce{clock};
+    ItemStore store;
+};
+
+TEST_F(ItemStoreTest, NamesAreUniqueWithoutRegardToCase) {
+    SLIKTag& first = store.Add("Ölstand", 1, Variant(1.5F), 0x18, noon);
+    EXPECT_EQ(numberRaised([&] { store.Add("ÖLSTAND", 1, Variant(), 0, noon); }), 457);
+    EXPECT_EQ(numberRaised([&] { store.Add("", 1, Variant(), 0, noon); }), 5);
+    EXPECT_EQ(numberRaised([&] { store.Item("Other"); }), 5);
+    const Variant object(std::shared_ptr<VariantObject>{});
+    EXPECT_EQ(numberRaised([&] { store.Add("Object", 1, object, 0, noon); }), 13);
+    EXPECT_EQ(store.Count(), 1U);
+    EXPECT_EQ(&store.Item("ölSTAND"), &first);
+    EXPECT_EQ(first.Name(), "Ölstand");
+}
+
+TEST_F(ItemStoreTest, TheTypeIsTheInitialValuesForGood) {
+    SLIKTag& tag = store.Add("A", 1, Variant(1.5F), 0x18, noon);
+    EXPECT_EQ(tag.DataType(), 4);
+    tag.SetVQT(Variant(std::int16_t{3}), static_cast<std::int16_t>(0x80C0), noon);
+    EXPECT_EQ(tag.DataType(), 4);
+    EXPECT_EQ(tag.qualityWord(), 0x80C0);
+    EXPECT_EQ(tag.Quality(), -32576);
+    EXPECT_EQ(tag.changes(), 1U);
+    const Variant object(std::shared_ptr<VariantObject>{});
+    EXPECT_EQ(numberRaised([&] { tag.SetVQT(object, 0, noon); }), 13);
+    EXPECT_EQ(tag.Value(), Variant(std::int16_t{3}));
+    EXPECT_EQ(store.Add("B", 1, Variant(), 0, noon).DataType(), 0);
+}
+
+TEST_F(ItemStoreTest, StampsBecomeUtc) {
+    SLIKTag& tag = store.Add("A", 1, Variant(), 0, noon);
+    EXPECT_EQ(tag.fileTime(), clock.fileTimeNow());
+    struct Case {
+        double days;
+        std::int64_t fileTime;
+    };
+    for (const Case& each : {Case{0, 0}, Case{1e300, 0}, Case{-1e9, 0}, Case{std::nan(""), 0}, Case{-200000, 0}}) {
+        tag.SetVQT(Variant(), 0, Date{each.days});
+        EXPECT_EQ(tag.fileTime(), each.fileTime) << each.days;
+    }
+    tag.SetVQT(Variant(), 0, noon);
+    EXPECT_EQ(tag.fileTime(), clock.fileTimeNow());
+}
+
+TEST_F(ItemStoreTest, AHundredThousandItemsAreFoundAtTheirAddresses) {
+    std::vector<SLIKTag*> tags;
+    for (int i = 0; i < 100'000; ++i) {
+        tags.push_back(&store.Add("Site.Unit" + std::to_string(i % 100) + ".Tag" + std::to_string(i), 1,
+                                  Variant(static_cast<float>(i)), 0x18, noon));
+    }
+    for (int i = 0; i < 100'000; i += 997) {
+        const std::string name = "SITE.unit" + std::to_string(i % 100) + ".TAG" + std::to_string(i);
+        ASSERT_EQ(store.find(name), tags[static_cast<std::size_t>(i)]);
+    }
+    EXPECT_EQ(store.find("Site.Unit1.Tag2"), nullptr);
+    EXPECT_EQ(store.browseOrder().size(), 100'000U);
+}
+
+TEST(BrowseOrder, DotComesFirst) {
+    struct Case {
+        std::string_view left;
+        std::string_view right;
+        int sign;
+    };
+    for (const Case& each :
+         {Case{"a", "a.b", -1}, Case{"a.z", "a b", -1}, Case{"a.", "a..", -1}, Case{"a..z", "a.b", -1},
+          Case{"a-b", "a.b", 1}, Case{"a", "a", 0}, Case{"", "a", -1}, Case{"b", "a.c", 1}}) {
+        const int result = compareBrowseOrder(each.left, each.right);
+        EXPECT_EQ((result > 0) - (result < 0), each.sign) << each.left << " / " << each.right;
+    }
+}
+
+}  // namespace
+}  // namespace quelm
