@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <charconv>
 #include <cstdint>
+#include <iterator>
+#include <optional>
 
 #include "Shared Types/Conversion.h"
 #include "Shared Types/RuntimeError.h"
@@ -41,13 +43,16 @@ double basedNumber(std::string_view digits, int base) {
     return bits > 0xFFFF || isLong ? static_cast<std::int32_t>(bits) : static_cast<std::int16_t>(bits);
 }
 
-// The longest beginning that is a decimal number, its exponent's letter made an "E".
+// The longest beginning that is an unsigned decimal number, its exponent's letter made an "E"; "" when there is none.
 std::string decimalPrefix(std::string_view text) {
-    std::size_t end = digitsFrom(text, text.starts_with('-') ? 1 : 0);
+    std::size_t end = digitsFrom(text, 0);
     if (end < text.size() && text[end] == '.') {
         end = digitsFrom(text, end + 1);
     }
     std::string number(text.substr(0, end));
+    if (std::none_of(number.begin(), number.end(), isDigit)) {
+        return {};
+    }
     if (end < text.size() && std::string_view("eEdD").find(text[end]) != std::string_view::npos) {
         const bool hasSign = end + 1 < text.size() && (text[end + 1] == '-' || text[end + 1] == '+');
         const std::size_t digits = end + (hasSign ? 2 : 1);
@@ -92,12 +97,17 @@ double LeadingNumber(std::string_view strText) {
     if (text.starts_with("&O") || text.starts_with("&o")) {
         return basedNumber(std::string_view(text).substr(2), 8);
     }
-    const std::string number = decimalPrefix(text.starts_with('+') ? std::string_view(text).substr(1) : text);
-    if (!std::any_of(number.begin(), number.end(), isDigit)) {
+    const bool isNegative = text.starts_with('-');
+    const std::string number =
+        decimalPrefix(std::string_view(text).substr(isNegative || text.starts_with('+') ? 1 : 0));
+    if (number.empty()) {
         return 0;
     }
     const std::optional<double> value = parseNumber(number);
-    return value ? *value : throw RuntimeError(errors::overflow);
+    if (!value) {
+        throw RuntimeError(errors::overflow);
+    }
+    return isNegative ? -*value : *value;
 }
 
 }  // namespace quelm
