@@ -1,6 +1,28 @@
 // Calls on the object port: which object and method they reach, and what stops them.
 
+#include <cstdlib>
+#include <new>
+
 #include "Orpc/OrpcWorld.h"
+
+namespace {
+std::size_t allocations = 0;
+}
+
+// Counts every allocation of the test program.
+void* operator new(std::size_t size) {
+    ++allocations;
+    if (void* memory = std::malloc(size)) {
+        return memory;
+    }
+    throw std::bad_alloc();
+}
+void operator delete(void* memory) noexcept {
+    std::free(memory);
+}
+void operator delete(void* memory, std::size_t) noexcept {
+    std::free(memory);
+}
 
 namespace quelm::dcom::orpc::test {
 
@@ -106,6 +128,19 @@ TEST_F(Routing, BindingIsPossibleToWhatAClassKnowsAndToComItself) {
         EXPECT_EQ(objects.supports(entry.iid, entry.major, 0), entry.onObjects) << entry.iid.toText();
         EXPECT_EQ(activation.supports(entry.iid, entry.major, 0), entry.onActivation) << entry.iid.toText();
     }
+}
+
+TEST_F(Routing, ACallAllocatesNothingOnItsWayToTheObject) {
+    const Uuid ipid = activate(peer(1));
+    const rpc::Peer client = peer(2);
+    Request request;
+    request.out.u32(77);
+    callObject(client, ipid, 6, request.bytes);
+    const std::size_t before = allocations;
+    for (int i = 0; i < 10; ++i) {
+        callObject(client, ipid, 6, request.bytes);
+    }
+    EXPECT_EQ(allocations, before);
 }
 
 TEST_F(Routing, AMethodHandsOutAnObjectAsAnInterfacePointer) {
