@@ -59,6 +59,19 @@ bool MessageSecurity::unseal(Bytes message, std::span<std::uint8_t> sealed, Byte
     return verify(message, signature);
 }
 
+// Both signatures take their number, but the ciphers begin anew behind them: so the Windows clients have it.
+bool MessageSecurity::exchangeSignatures(Bytes text, Bytes peerSignature, Signature& signature) {
+    std::array<arcfour_ctx, 2> fresh{outgoing_.cipher, incoming_.cipher};
+    const bool good = verify(text, peerSignature);
+    if (good) {
+        sign(text, signature);
+    }
+    outgoing_.cipher = fresh[0];
+    incoming_.cipher = fresh[1];
+    explicit_bzero(fresh.data(), sizeof fresh);
+    return good;
+}
+
 Key MessageSecurity::checksum(Direction& direction, Bytes message) {
     std::array<std::uint8_t, 4> sequence;
     store32(sequence.data(), direction.sequence);

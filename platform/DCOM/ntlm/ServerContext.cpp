@@ -307,4 +307,9 @@ bool ServerContext::unseal(std::span<std::uint8_t> message, std::span<std::uint8
     return canSeal() && impl_->security->unseal(message, sealed, signature);
 }
 
+bool ServerContext::exchangeSignatures(std::span<const std::uint8_t> text,
+                                       std::span<const std::uint8_t> clientSignature, Signature& signature) {
+    return canSign() && impl_->security->exchangeSignatures(text, clientSignature, signature);
+}
+
 }  // namespace quelm::dcom::ntlm

@@ -81,6 +81,10 @@ class ServerContext {
     // Incoming: decrypts sealed (a part of message, in place) and then verifies as above. Needs canSeal().
     bool unseal(std::span<std::uint8_t> message, std::span<std::uint8_t> sealed,
                 std::span<const std::uint8_t> signature);
+    // The exchange of signatures that ends a negotiation, before the first message: the client's over text is checked
+    // and answered with one of our own. False, and no signature, when the client's is wrong. Needs canSign().
+    bool exchangeSignatures(std::span<const std::uint8_t> text, std::span<const std::uint8_t> clientSignature,
+                            Signature& signature);
 
  private:
     struct Impl;

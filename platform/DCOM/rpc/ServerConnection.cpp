@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "DCOM/HResult.h"
+#include "DCOM/rpc/Spnego.h"
 
 namespace quelm::dcom::rpc {
 
@@ -23,6 +24,7 @@ constexpr std::size_t maxSecurityContexts = 64;
 constexpr std::size_t maxPresentationsBeforeLogOn = 256;
 constexpr std::size_t maxCallSizeBeforeLogOn = 64U << 10U;
 
+constexpr std::uint8_t authTypeNegotiate = 9;
 constexpr std::uint8_t authTypeNtlm = 10;
 constexpr std::size_t signatureSize = ntlm::ServerContext::signatureSize;
 constexpr std::size_t responsePadding = 16;  // protected stubs are padded to it, as Windows does
@@ -34,6 +36,7 @@ constexpr std::uint8_t supportedFeatures =
     0x03;  // several log-ons per connection; connection outlives an orphaned call
 
 constexpr std::string_view checkPeer = "check which program connects to this port";
+constexpr std::string_view useNtlm = "let the client log on by NTLM or Negotiate";
 constexpr std::string_view checkLevel =
     "set the client's authentication level to packet integrity or packet privacy, or lower the minimum level in the "
     "DCOM settings";
@@ -230,7 +233,8 @@ void ServerConnection::onBind(const Header& header, std::span<const std::uint8_t
 
     std::vector<std::uint8_t> token;
     if (header.authLength != 0 && logOn(trailer, token) == LogOnStep::Rejected) {
-        appendBindNak(output_, header.callId, trailer.type == authTypeNtlm ? nakNotSpecified : nakAuthenticationType);
+        const bool known = trailer.type == authTypeNtlm || trailer.type == authTypeNegotiate;
+        appendBindNak(output_, header.callId, known ? nakNotSpecified : nakAuthenticationType);
         closing_ = true;
         return;
     }
@@ -249,7 +253,7 @@ void ServerConnection::onAlterContext(const Header& header, std::span<const std:
         return protocolError(header, bound_ ? "a change of context is malformed" : "it did not bind first");
     }
     std::vector<std::uint8_t> token;
-    if (header.authLength != 0 && logOn(trailer, token) == LogOnStep::Rejected) {
+    if (header.authLength != 0 && logOn(trailer, token) != LogOnStep::Answered) {
         appendFault(output_, header.callId, 0, faultAccessDenied, flagDidNotExecute);
         closing_ = true;
         return;
@@ -318,74 +322,143 @@ void ServerConnection::onAuth3(const Header& header, std::span<const std::uint8_
         return protocolError(header, "the end of its log-on is malformed");
     }
     std::vector<std::uint8_t> token;
+    // There is no answer to this message; after a refusal the calls that follow get the fault.
     if (logOn(trailer, token) == LogOnStep::Rejected) {
         closing_ = true;
     }
 }
 
-// One step of a log-on, told apart by the kind of NTLM message alone: some clients begin a new one in a change of
-// context, others repeat an empty last message there, which must not undo the log-on that they have.
 ServerConnection::LogOnStep ServerConnection::logOn(const AuthTrailer& trailer, std::vector<std::uint8_t>& token) {
-    if (trailer.type != authTypeNtlm) {
+    if (trailer.type != authTypeNtlm && trailer.type != authTypeNegotiate) {
         refuse({}, effectiveLevel(trailer.level),
-               fmt::format("authentication service {} is not supported", trailer.type),
-               "let the client use NTLM (authentication service 10)");
+               fmt::format("authentication service {} is not supported", trailer.type), useNtlm);
         return LogOnStep::Rejected;
     }
-    switch (ntlm::ServerContext::messageType(trailer.token)) {
+    // A negotiation may leave out its wrapping where only one mechanism is possible.
+    const bool wrapped = trailer.type == authTypeNegotiate && ntlm::ServerContext::messageType(trailer.token) == 0;
+    return wrapped ? negotiate(trailer, token) : ntlmStep(trailer, trailer.token, token);
+}
+
+ServerConnection::LogOnStep ServerConnection::negotiate(const AuthTrailer& trailer, std::vector<std::uint8_t>& token) {
+    const auto said = spnego::parse(trailer.token);
+    if (!said || (said->initial && !said->offersNtlm)) {
+        refuse({}, effectiveLevel(trailer.level),
+               said ? "it offers log-ons, but none by NTLM" : "its log-on negotiation is malformed", useNtlm);
+        return LogOnStep::Rejected;
+    }
+    SecurityContext* context = findSecurity(trailer.contextId);
+    if (!said->initial && context == nullptr) {
+        refuse({}, effectiveLevel(trailer.level), "its log-on negotiation has no beginning", useNtlm);
+        return LogOnStep::Rejected;
+    }
+    std::vector<std::uint8_t> mechanisms =
+        said->initial ? std::vector(said->mechanisms.begin(), said->mechanisms.end()) : context->mechanisms;
+    if (said->initial && !said->prefersNtlm) {
+        // Its token is for another mechanism: it is to come again, with NTLM.
+        addSecurity(trailer, SecurityContext::State::Negotiating, {settings_.accounts, settings_.logOn}).mechanisms =
+            std::move(mechanisms);
+        token = spnego::response(spnego::State::WantsSignature, true, {}, {});
+        return LogOnStep::Answered;
+    }
+    const bool finishes = context != nullptr && context->state == SecurityContext::State::Challenged;
+    const LogOnStep step = ntlmStep(trailer, said->inner, token);
+    context = findSecurity(trailer.contextId);
+    if (step != LogOnStep::Answered || context == nullptr) {
+        return step;
+    }
+    if (!token.empty()) {
+        context->mechanisms = std::move(mechanisms);
+        token = spnego::response(spnego::State::Incomplete, true, token, {});
+        return step;
+    }
+    return finishes ? completeNegotiation(*context, said->signature, token) : step;
+}
+
+ServerConnection::LogOnStep ServerConnection::completeNegotiation(SecurityContext& context,
+                                                                  std::span<const std::uint8_t> signature,
+                                                                  std::vector<std::uint8_t>& token) {
+    ntlm::ServerContext::Signature own{};
+    if (!signature.empty() && !context.logOn.exchangeSignatures(context.mechanisms, signature, own)) {
+        return refuseLogOn(context, "message altered on its way");
+    }
+    token = spnego::response(spnego::State::Completed, false, {},
+                             signature.empty() ? std::span<const std::uint8_t>() : own);
+    return LogOnStep::Answered;
+}
+
+// One step of a log-on, told apart by the kind of NTLM message alone: some clients begin a new one in a change of
+// context, others repeat an empty last message there, which must not undo the log-on that they have.
+ServerConnection::LogOnStep ServerConnection::ntlmStep(const AuthTrailer& trailer,
+                                                       std::span<const std::uint8_t> message,
+                                                       std::vector<std::uint8_t>& token) {
+    switch (ntlm::ServerContext::messageType(message)) {
         case 1:
-            return beginLogOn(trailer, token);
+            return beginLogOn(trailer, message, token);
         case 3: {
             SecurityContext* const context = findSecurity(trailer.contextId);
-            if (context != nullptr && context->state == SecurityContext::State::Challenged) {
-                finishLogOn(*context, trailer.token);
-            }
-            return LogOnStep::Answered;
+            const bool awaited = context != nullptr && context->state == SecurityContext::State::Challenged;
+            return awaited ? finishLogOn(*context, message) : LogOnStep::Answered;
         }
         default:
-            refuse({}, effectiveLevel(trailer.level), "its log-on is not an NTLM message", checkPeer);
+            refuse({}, effectiveLevel(trailer.level), "its log-on is not an NTLM message", useNtlm);
             return LogOnStep::Rejected;
     }
 }
 
-ServerConnection::LogOnStep ServerConnection::beginLogOn(const AuthTrailer& trailer, std::vector<std::uint8_t>& token) {
+ServerConnection::LogOnStep ServerConnection::beginLogOn(const AuthTrailer& trailer,
+                                                         std::span<const std::uint8_t> message,
+                                                         std::vector<std::uint8_t>& token) {
     const AuthLevel level = effectiveLevel(trailer.level);
     ntlm::ServerContext logOn(settings_.accounts, settings_.logOn, settings_.challenge);
-    auto answer = logOn.challenge(trailer.token);
+    auto answer = logOn.challenge(message);
     if (level == AuthLevel::None || !answer) {
         refuse({}, level, level == AuthLevel::None ? "its authentication level does not exist" : "malformed message",
                "check the client's authentication settings");
         return LogOnStep::Rejected;
     }
     token = std::move(*answer);
+    addSecurity(trailer, SecurityContext::State::Challenged, std::move(logOn));
+    return LogOnStep::Answered;
+}
+
+ServerConnection::SecurityContext& ServerConnection::addSecurity(const AuthTrailer& trailer,
+                                                                 SecurityContext::State state,
+                                                                 ntlm::ServerContext logOn) {
     std::erase_if(security_, [&trailer](const SecurityContext& old) { return old.id == trailer.contextId; });
     if (security_.size() >= maxSecurityContexts) {
         security_.erase(
             std::min_element(security_.begin(), security_.end(),
                              [](const SecurityContext& a, const SecurityContext& b) { return a.lastUse < b.lastUse; }));
     }
-    security_.push_back({trailer.contextId, trailer.level, level, SecurityContext::State::Challenged, std::move(logOn),
-                         ++securityUses_});
+    return security_.emplace_back(SecurityContext{trailer.contextId,
+                                                  trailer.type,
+                                                  trailer.level,
+                                                  effectiveLevel(trailer.level),
+                                                  state,
+                                                  std::move(logOn),
+                                                  ++securityUses_,
+                                                  {}});
+}
+
+ServerConnection::LogOnStep ServerConnection::finishLogOn(SecurityContext& context,
+                                                          std::span<const std::uint8_t> message) {
+    const std::string reason = context.logOn.authenticate(message);
+    if (!reason.empty()) {
+        return refuseLogOn(context, reason);
+    }
+    if ((context.level >= AuthLevel::Integrity && !context.logOn.canSign()) ||
+        (context.level == AuthLevel::Privacy && !context.logOn.canSeal())) {
+        return refuseLogOn(context, "the log-on gives no keys for signing and sealing at this level");
+    }
+    context.state = SecurityContext::State::LoggedOn;
+    loggedOn_ = true;
     return LogOnStep::Answered;
 }
 
-void ServerConnection::finishLogOn(SecurityContext& context, std::span<const std::uint8_t> token) {
-    const std::string reason = context.logOn.authenticate(token);
-    if (!reason.empty()) {
-        refuseLogOn(context, reason);
-    } else if ((context.level >= AuthLevel::Integrity && !context.logOn.canSign()) ||
-               (context.level == AuthLevel::Privacy && !context.logOn.canSeal())) {
-        refuseLogOn(context, "the log-on gives no keys for signing and sealing at this level");
-    } else {
-        context.state = SecurityContext::State::LoggedOn;
-        loggedOn_ = true;
-    }
-}
-
-// A refused log-on has no answer of its own; the calls that follow get the fault.
-void ServerConnection::refuseLogOn(SecurityContext& context, std::string_view reason) {
+ServerConnection::LogOnStep ServerConnection::refuseLogOn(SecurityContext& context, std::string_view reason) {
     context.state = SecurityContext::State::Refused;
     refuse(context.logOn.account(), context.level, reason, remedyForLogOn(reason));
+    return LogOnStep::Refused;
 }
 
 ServerConnection::SecurityContext* ServerConnection::findSecurity(std::uint32_t id) {
@@ -427,7 +500,7 @@ void ServerConnection::onRequest(const Header& header, std::span<std::uint8_t> p
         }
         stubEnd = trailer.offset - trailer.padLength;
         context = findSecurity(trailer.contextId);
-        if (context != nullptr && (trailer.level != context->wireLevel || trailer.type != authTypeNtlm)) {
+        if (context != nullptr && (trailer.level != context->wireLevel || trailer.type != context->authType)) {
             return protocolError(header, "a call has another authentication level than its log-on");
         }
         if (context != nullptr && context->protects() && !unprotect(*context, pdu, request.stubOffset, trailer)) {
@@ -608,7 +681,7 @@ void ServerConnection::protect(SecurityContext& context, std::span<std::uint8_t>
     const auto stubAndPad = message.subspan(callHeaderSize, message.size() - callHeaderSize - trailerSize);
     // Zeros, not what the buffer held before: padding must never show a client the bytes of another reply.
     std::memset(trailer - padLength, 0, padLength);
-    putTrailer(trailer, authTypeNtlm, context.wireLevel, padLength, context.id);
+    putTrailer(trailer, context.authType, context.wireLevel, padLength, context.id);
     ntlm::ServerContext::Signature signature{};
     if (context.level == AuthLevel::Privacy) {
         context.logOn.seal(message, stubAndPad, signature);

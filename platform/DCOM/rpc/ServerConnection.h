@@ -77,11 +77,13 @@ class ServerConnection {
     };
     struct SecurityContext {
         std::uint32_t id;
+        std::uint8_t authType;   // NTLM, or the negotiation around it
         std::uint8_t wireLevel;  // as the client says it, echoed in replies
         AuthLevel level;         // what it amounts to
-        enum class State : std::uint8_t { Challenged, LoggedOn, Refused } state;
+        enum class State : std::uint8_t { Negotiating, Challenged, LoggedOn, Refused } state;
         ntlm::ServerContext logOn;
         std::uint64_t lastUse;
+        std::vector<std::uint8_t> mechanisms;  // that the client offered in a negotiation, which its signature covers
 
         bool protects() const { return state == State::LoggedOn && level >= AuthLevel::Integrity; }
     };
@@ -94,7 +96,7 @@ class ServerConnection {
         std::uint32_t securityId = 0;
         std::vector<std::uint8_t> stub;
     };
-    enum class LogOnStep { Answered, Rejected };
+    enum class LogOnStep { Answered, Refused, Rejected };
 
     void dispatch(const Header& header, std::span<std::uint8_t> pdu);
     void onBind(const Header& header, std::span<const std::uint8_t> pdu);
@@ -109,9 +111,16 @@ class ServerConnection {
     const Uuid* findPresentation(std::uint16_t id) const;
 
     LogOnStep logOn(const AuthTrailer& trailer, std::vector<std::uint8_t>& token);
-    LogOnStep beginLogOn(const AuthTrailer& trailer, std::vector<std::uint8_t>& token);
-    void finishLogOn(SecurityContext& context, std::span<const std::uint8_t> token);
-    void refuseLogOn(SecurityContext& context, std::string_view reason);
+    LogOnStep negotiate(const AuthTrailer& trailer, std::vector<std::uint8_t>& token);
+    LogOnStep completeNegotiation(SecurityContext& context, std::span<const std::uint8_t> signature,
+                                  std::vector<std::uint8_t>& token);
+    LogOnStep ntlmStep(const AuthTrailer& trailer, std::span<const std::uint8_t> message,
+                       std::vector<std::uint8_t>& token);
+    LogOnStep beginLogOn(const AuthTrailer& trailer, std::span<const std::uint8_t> message,
+                         std::vector<std::uint8_t>& token);
+    SecurityContext& addSecurity(const AuthTrailer& trailer, SecurityContext::State state, ntlm::ServerContext logOn);
+    LogOnStep finishLogOn(SecurityContext& context, std::span<const std::uint8_t> message);
+    LogOnStep refuseLogOn(SecurityContext& context, std::string_view reason);
     SecurityContext* findSecurity(std::uint32_t id);
     SecurityContext* unsignedSecurity();
 
