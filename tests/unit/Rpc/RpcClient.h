@@ -87,7 +87,8 @@ inline constexpr Uuid ndrTransfer = "8A885D04-1CEB-11C9-9FE8-08002B104860"_uuid;
 struct Security {
     unsigned level = 0;  // 0: no trailer
     std::uint32_t contextId = 0;
-    Data token;
+    Data token = {};
+    unsigned type = 10;  // NTLM; 9 is the negotiation around it
 };
 
 struct Offer {
@@ -105,7 +106,7 @@ inline Data pdu(PduType type, unsigned flags, std::uint32_t callId, const Data& 
     out.u16(static_cast<unsigned>(headerSize + body.size() + trailer));
     out.u16(static_cast<unsigned>(security.token.size())).u32(callId).add(body);
     if (security.level != 0) {
-        out.u8(10).u8(security.level).u8(0).u8(0).u32(security.contextId).add(security.token);
+        out.u8(security.type).u8(security.level).u8(0).u8(0).u32(security.contextId).add(security.token);
     }
     return out.data();
 }
@@ -179,6 +180,13 @@ class NtlmLogOn {
     }
 
     ntlm::MessageSecurity& protection() { return *protection_; }
+    // The first signature of the session, made without moving on.
+    Data firstSignature(const Data& text) const {
+        ntlm::MessageSecurity aside(exported_, flags_, ntlm::Side::client);
+        ntlm::ServerContext::Signature signature{};
+        aside.sign(text, signature);
+        return {signature.begin(), signature.end()};
+    }
 
  private:
     static std::uint32_t read32(const Data& from, std::size_t at) {
@@ -206,10 +214,9 @@ class NtlmLogOn {
         const auto proof = ntlm::proofV2(key, serverChallenge_, clientData);
         lm_.assign(24, 0);
         nt_ = Builder().add(proof).add(clientData).data();
-        const ntlm::Key exported{1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16};
-        const auto encrypted = ntlm::rc4(ntlm::sessionBaseKeyV2(key, proof), exported);
+        const auto encrypted = ntlm::rc4(ntlm::sessionBaseKeyV2(key, proof), exported_);
         sessionKey_.assign(encrypted.begin(), encrypted.end());
-        protection_.emplace(exported, flags_, ntlm::Side::client);
+        protection_.emplace(exported_, flags_, ntlm::Side::client);
     }
 
     static std::u16string wide(const std::string& text) { return {text.begin(), text.end()}; }
@@ -227,6 +234,7 @@ class NtlmLogOn {
         return Builder().add(hex("4E544C4D53535000")).u32(3).add(fields.data()).u32(flags_).add(payload.data()).data();
     }
 
+    static constexpr ntlm::Key exported_{1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16};
     Kind kind_;
     std::string user_;
     ntlm::NtHash hash_;
@@ -266,12 +274,13 @@ inline Data request(const CallParts& call, unsigned level = 0, std::uint32_t con
     return pdu(PduType::Request, flags, call.callId, requestBody(call), {level, contextId, token});
 }
 
-inline Data protectedRequest(const CallParts& call, unsigned level, std::uint32_t contextId, NtlmLogOn& logOn) {
+inline Data protectedRequest(const CallParts& call, unsigned level, std::uint32_t contextId, NtlmLogOn& logOn,
+                             unsigned type = 10) {
     const unsigned flags = call.flags | (call.object ? flagObject : 0);
     const std::size_t padding = (4 - call.stub.size() % 4) % 4;
     Data body = requestBody(call);
     body.insert(body.end(), padding, 0xBB);
-    Data message = pdu(PduType::Request, flags, call.callId, body, {level, contextId, Data(16)});
+    Data message = pdu(PduType::Request, flags, call.callId, body, {level, contextId, Data(16), type});
     message[message.size() - 22] = static_cast<std::uint8_t>(padding);
     const std::size_t stubAt = callHeaderSize + (call.object ? 16 : 0);
     const auto covered = std::span(message).first(message.size() - 16);
