@@ -27,17 +27,16 @@ void skipVqts(Reader& in, std::uint32_t count) {
     }
 }
 
-// Values, qualities, time stamps, in an array each. A value that its item's type cannot take becomes an error.
-void writeReadings(Writer& out, std::vector<ItemIOReading>& readings) {
+// Values, qualities, time stamps, in an array each.
+void writeReadings(Writer& out, const std::vector<ItemIOReading>& readings) {
     writeArrayHead(out, readings.size());
     for (std::size_t i = 0; i < readings.size(); ++i) {
         out.pointer();
     }
-    for (ItemIOReading& reading : readings) {
+    for (const ItemIOReading& reading : readings) {
         OpcValue value;
-        if (!failed(reading.error)) {
-            reading.error = convert(reading.value, reading.type, value);
-            reading.quality = failed(reading.error) ? qualityBad : reading.quality;
+        if (reading.error == S_OK) {
+            convert(reading.value, reading.type, value);
         }
         writeVariant(out, value);
     }
@@ -74,7 +73,7 @@ std::uint32_t ItemIoInterface::read(Server& server, Reader& in, Writer& out) {
         return dcom::faultBadStubData;
     }
     views_.assign(itemIds_.begin(), itemIds_.end());
-    HResult result = count == 0 ? E_INVALIDARG : server.itemIO().read(views_, maxAges_, readings_);
+    const HResult result = count == 0 ? E_INVALIDARG : server.itemIO().read(views_, maxAges_, readings_);
     errors_.clear();
     if (failed(result)) {
         out.nullPointer();
@@ -84,7 +83,6 @@ std::uint32_t ItemIoInterface::read(Server& server, Reader& in, Writer& out) {
         writeReadings(out, readings_);
         for (const ItemIOReading& reading : readings_) {
             errors_.push_back(reading.error);
-            result = failed(reading.error) ? S_FALSE : result;
         }
     }
     writeErrors(out, result, errors_);

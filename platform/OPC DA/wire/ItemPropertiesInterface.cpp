@@ -76,7 +76,7 @@ std::uint32_t getProperties(const Properties& source, Reader& in, Writer& out) {
         return dcom::faultBadStubData;
     }
     std::vector<PropertyValue> properties;
-    HResult result = request.ids.empty() ? E_INVALIDARG : source.values(request.itemId, request.ids, properties);
+    const HResult result = request.ids.empty() ? E_INVALIDARG : source.values(request.itemId, request.ids, properties);
     if (failed(result)) {
         return writeFailure(out, result);
     }
@@ -87,10 +87,11 @@ std::uint32_t getProperties(const Properties& source, Reader& in, Writer& out) {
     std::vector<HResult> errors;
     for (const PropertyValue& property : properties) {
         OpcValue value;
-        const HResult error = failed(property.error) ? property.error : convert(property.value, property.type, value);
+        if (property.error == S_OK) {
+            convert(property.value, property.type, value);
+        }
         writeVariant(out, value);
-        errors.push_back(error);
-        result = failed(error) ? S_FALSE : result;
+        errors.push_back(property.error);
     }
     writeErrors(out, result, errors);
     return 0;
