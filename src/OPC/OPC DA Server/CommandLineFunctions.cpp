@@ -147,17 +147,17 @@ std::string plainValue(std::string_view commandLine, std::int32_t position, std:
 }
 
 Variant typedValue(const std::string& value, bool asString) {
-    const Variant text(value);
     if (value.empty()) {
         return Variant();
     }
-    if (asString) {
-        return text;
-    }
-    if (isNumeric(text)) {
+    Variant text(value);
+    if (!asString && isNumeric(text)) {
         return Variant(toInt32(text));
     }
-    return isDateLike(text) ? Variant(toDate(text)) : text;
+    if (!asString && isDateLike(text)) {
+        return Variant(toDate(text));
+    }
+    return text;
 }
 
 }  // namespace
