@@ -112,6 +112,15 @@ void setOption(int descriptor, int level, int option, int value) {
     throw ListenError(fmt::format("Cannot listen on {}: {}; {}", where, reason, remedy));
 }
 
+void setClientOptions(int descriptor) {
+    setOption(descriptor, IPPROTO_TCP, TCP_NODELAY, 1);
+    setOption(descriptor, IPPROTO_TCP, TCP_QUICKACK, 1);
+    setOption(descriptor, SOL_SOCKET, SO_KEEPALIVE, 1);
+    setOption(descriptor, IPPROTO_TCP, TCP_KEEPIDLE, keepAliveIdleSeconds);
+    setOption(descriptor, IPPROTO_TCP, TCP_KEEPINTVL, keepAliveIntervalSeconds);
+    setOption(descriptor, IPPROTO_TCP, TCP_KEEPCNT, keepAliveCount);
+}
+
 bool wouldBlock(int error) {
     return error == EAGAIN || error == EWOULDBLOCK;
 }
@@ -132,6 +141,7 @@ struct TcpServer::Impl {
     }
     std::uint16_t addListener(int descriptor, rpc::CallHandler& handler);
     void admit(int descriptor, rpc::CallHandler& handler, const Endpoint& remote);
+    bool makeRoom();
     void forget(std::uint64_t id);
 
     AsioLoop& loop;
@@ -159,6 +169,10 @@ class TcpServer::Impl::Connection : public std::enable_shared_from_this<Connecti
         awaitLogOn();
         read();
     }
+
+    std::uint64_t id() const { return protocol_.peer().id; }
+    // Also true where calls need no log-on.
+    bool loggedOn() const { return protocol_.loggedOn() || server_.protocol.minimumLevel == rpc::AuthLevel::None; }
 
     // The last thing that happens to a connection; the handler is told once.
     void close(bool abrupt) {
@@ -199,7 +213,7 @@ class TcpServer::Impl::Connection : public std::enable_shared_from_this<Connecti
     }
 
     void awaitLogOn() {
-        if (server_.protocol.minimumLevel != rpc::AuthLevel::None && !protocol_.loggedOn()) {
+        if (!loggedOn()) {
             timer_->start(server_.settings.logOnTimeout);
         }
     }
@@ -403,7 +417,7 @@ std::uint16_t TcpServer::Impl::addListener(int descriptor, rpc::CallHandler& han
 
 void TcpServer::Impl::admit(int descriptor, rpc::CallHandler& handler, const Endpoint& remote) {
     const std::string client = withPort(remote.host(), remote.port());
-    if (connections.size() >= settings.maxConnections) {
+    if (connections.size() >= settings.maxConnections && !makeRoom()) {
         ::close(descriptor);
         if (!std::exchange(fullReported, true)) {
             trouble(
@@ -416,16 +430,30 @@ void TcpServer::Impl::admit(int descriptor, rpc::CallHandler& handler, const End
     fullReported = false;
     Endpoint own;
     ::getsockname(descriptor, own.raw(), &own.size);
-    setOption(descriptor, IPPROTO_TCP, TCP_NODELAY, 1);
-    setOption(descriptor, IPPROTO_TCP, TCP_QUICKACK, 1);
-    setOption(descriptor, SOL_SOCKET, SO_KEEPALIVE, 1);
-    setOption(descriptor, IPPROTO_TCP, TCP_KEEPIDLE, keepAliveIdleSeconds);
-    setOption(descriptor, IPPROTO_TCP, TCP_KEEPINTVL, keepAliveIntervalSeconds);
-    setOption(descriptor, IPPROTO_TCP, TCP_KEEPCNT, keepAliveCount);
-    const auto connection = std::make_shared<Connection>(*this, descriptor, handler,
-                                                         rpc::Peer{++lastPeerId, client, own.host(), own.port()});
-    connections.emplace(lastPeerId, connection);
-    connection->start();
+    setClientOptions(descriptor);
+    try {
+        const auto connection = std::make_shared<Connection>(*this, descriptor, handler,
+                                                             rpc::Peer{++lastPeerId, client, own.host(), own.port()});
+        connections.emplace(lastPeerId, connection);
+        connection->start();
+    } catch (const std::exception& error) {
+        ::close(descriptor);  // nobody else can have got this number meanwhile, should it be closed already
+        trouble(fmt::format("Refused OPC client {}: {}", client, error.what()));
+    }
+}
+
+// Clients that have not logged on must not keep those out that can: the oldest of them goes.
+bool TcpServer::Impl::makeRoom() {
+    std::shared_ptr<Connection> oldest;
+    for (const auto& [id, connection] : connections) {
+        if (!connection->loggedOn() && (!oldest || id < oldest->id())) {
+            oldest = connection;
+        }
+    }
+    if (oldest) {
+        oldest->close(true);
+    }
+    return oldest != nullptr;
 }
 
 void TcpServer::Impl::forget(std::uint64_t id) {

@@ -172,17 +172,22 @@ TEST_F(TcpServerTest, TakesOverAListeningSocket) {
 }
 
 TEST_F(TcpServerTest, TurnsAwayConnectionsBeyondTheLimit) {
-    tcp.maxConnections = 1;
+    tcp.maxConnections = 2;
     start();
     Socket first(port);
-    runUntilConnections(1);
+    logOn(first);
+    Socket silent(port);
+    runUntilConnections(2);
+    Socket second(port);
+    logOn(second);
+    EXPECT_THAT(handler.closed, ElementsAre("2 abrupt"));  // it had not logged on and made room
     for (int i = 0; i < 3; ++i) {
         Socket more(port);
         EXPECT_THAT(receive(more, 1), IsEmpty());
     }
-    EXPECT_THAT(troubles, ElementsAre(HasSubstr("1 connections are open already")));
+    EXPECT_THAT(troubles, ElementsAre(HasSubstr("2 connections are open already")));
     first.close();
-    runUntilConnections(0);
+    runUntilConnections(1);
     Socket again(port);
     logOn(again);
 }
