@@ -1,0 +1,183 @@
+// The OPC DA server process: the one place that knows every concrete type. It builds the parts, loads the window and
+// runs the message loop until the window is closed.
+//
+// Exit codes: 0 served and unloaded, helped, registered or unregistered; 1 could not start, was closed without ever
+// having been able to (no INI file, sites that cannot be set up), or was ended by a second signal.
+//
+// Standard error carries what the window or the log cannot show: why libraries refused, and why the process ends.
+
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdio>
+#include <exception>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "Clock Library/Clock.h"
+#include "CurrentData Reader/CurrentDataReader.h"
+#include "DB Interface Library/DBIL.h"
+#include "DB Interface Library/SystemINI.h"
+#include "Data Interface/DataInterface.h"
+#include "Message Loop/AsioLoop.h"
+#include "Messages/LogWriter.h"
+#include "Messages/MessageTypeNames.h"
+#include "OPC/Main/OpcNetwork.h"
+#include "OPC/OPC DA Server/frmOPCQuelm.h"
+#include "SLIK-DA/SLIKServer.h"
+#include "Shared Types/TimeSource.h"
+#include "Window/HeadlessWindow.h"
+
+namespace quelm {
+namespace {
+
+constexpr std::uint64_t secondSignalMilliseconds = 10000;
+
+void printProblem(std::string_view line) {
+    std::fprintf(stderr, "%s: %.*s\n", std::string(frmOPCQuelm::executableName).c_str(), static_cast<int>(line.size()),
+                 line.data());
+}
+
+class Program {
+ public:
+    explicit Program(std::string commandLine)
+        : window_(loop_, [this] { loop_.stop(); }),
+          network_(control_, loop_, {printProblem, printProblem}),
+          form_(parts(std::move(commandLine))) {
+        control_.setHooks({
+            .openNetwork = [this] { network_.open(); },
+            .registerServer = {},
+            .unregisterServer = {},
+            .requestDisconnect = {},
+            .eventFailed =
+                [this](std::string_view event, const ErrorInfo& failure) {
+                    form_.AddMsg(msgtype::error, fmt::format("{} failed; {}", event, failure.text()));
+                },
+        });
+    }
+
+    ~Program() {
+        // Clients that are still there go now, when there is nobody left to tell.
+        control_.SetEvents(nullptr);
+        network_.close();
+    }
+
+    int run() {
+        loop_.onSignal({SIGTERM, SIGINT}, [this](int) { closeOnSignal(); });
+        switch (load()) {
+            case StartUp::HelpShown:
+            case StartUp::Registered:
+                return 0;
+            case StartUp::INIFailed:
+            case StartUp::SitesFailed:
+                exitCode_ = 1;
+                break;
+            case StartUp::WaitingForDatabase:
+            case StartUp::Running:
+                break;
+        }
+        while (!runHandlers()) {
+        }
+        return exitCode_;
+    }
+
+ private:
+    ServerParts parts(std::string commandLine) {
+        return ServerParts{
+            .SLIKServer1 = control_,
+            .Window = window_,
+            .CommandLine = std::move(commandLine),
+            .InstanceNumber = static_cast<std::int32_t>(getpid()),
+            .NewSystemINI = [] { return std::make_unique<SystemINI>(systemIniPath(), thisComputer(), printProblem); },
+            .NewDBIL = [] { return std::make_shared<DBIL>(builtInSqlDrivers(), printProblem); },
+            .NewClock = [this] { return std::make_shared<Clock>(loop_); },
+            .NewLogWriter = [] { return std::make_unique<LogWriter>(); },
+            .MessageTypeName = messageTypeName,
+            .Sites = {.NewDataInterface =
+                          [](IDBIL& objDBIL, std::string_view strSiteID) {
+                              return std::make_unique<DataInterface>(objDBIL.ConfigurationReader(), strSiteID);
+                          },
+                      .NewCurrentDataReader = [] { return std::make_unique<CurrentDataReader>(); }},
+        };
+    }
+
+    // A start-up that fails for good leaves its reason in the log, if one is open, and on standard error.
+    StartUp load() {
+        try {
+            return form_.Form_Load();
+        } catch (...) {
+            const std::string reason = fmt::format("The server cannot start: {}", currentError().text());
+            form_.AddMessage(msgtype::error, reason, true);
+            form_.StopLog();
+            throw;
+        }
+    }
+
+    // False when a handler let a failure out: the loop must go on, or everybody pays for it.
+    bool runHandlers() {
+        try {
+            loop_.run();
+            return true;
+        } catch (...) {
+            const std::string failure = fmt::format("Unexpected failure: {}", currentError().text());
+            printProblem(failure);
+            form_.AddMsg(msgtype::error, failure);
+            return false;
+        }
+    }
+
+    // A signal asks to close the window; clients may refuse. Whoever signals twice within ten seconds means it.
+    void closeOnSignal() {
+        const std::uint64_t now = timeSource().monotonicMilliseconds();
+        if (lastSignal_ && now - *lastSignal_ <= secondSignalMilliseconds) {
+            printProblem("Second signal: ending at once");
+            exitCode_ = 1;
+            form_.StopLog();
+            window_.Close();
+            return;
+        }
+        lastSignal_ = now;
+        if (!form_.Unload()) {
+            printProblem(
+                "Clients still use the server, so it keeps running; a second signal within ten seconds ends it");
+        }
+    }
+
+    AsioLoop loop_;
+    HeadlessWindow window_;
+    SLIKServer control_;
+    OpcNetwork network_;
+    frmOPCQuelm form_;
+    std::optional<std::uint64_t> lastSignal_;
+    int exitCode_ = 0;
+};
+
+std::string commandLineText(int argc, char** argv) {
+    std::string text;
+    for (int i = 1; i < argc; ++i) {
+        if (i > 1) {
+            text += ' ';
+        }
+        text += argv[i];
+    }
+    return text;
+}
+
+}  // namespace
+}  // namespace quelm
+
+int main(int argc, char** argv) {
+    // Peers that go away and terminals that are closed are no reason to end.
+    std::signal(SIGPIPE, SIG_IGN);
+    std::signal(SIGHUP, SIG_IGN);
+    try {
+        return quelm::Program(quelm::commandLineText(argc, argv)).run();
+    } catch (...) {
+        quelm::printProblem(quelm::currentError().text());
+        return 1;
+    }
+}
