@@ -24,6 +24,23 @@ void refuseObject(const Variant& value) {
     }
 }
 
+char foldAscii(char c) {
+    return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c;
+}
+
+// An update pass and a device read look up every item, so plain names are compared without decoding them.
+bool isNamed(std::string_view name, std::string_view folded) {
+    for (std::size_t i = 0; i < name.size(); ++i) {
+        if (static_cast<unsigned char>(name[i]) >= 0x80) {
+            return equalsIgnoringCase(name, folded);
+        }
+        if (i >= folded.size() || foldAscii(name[i]) != folded[i]) {
+            return false;
+        }
+    }
+    return name.size() == folded.size();
+}
+
 // "." first, then the others as they are.
 unsigned rank(char c) {
     return c == '.' ? 0U : static_cast<unsigned char>(c) + 1U;
@@ -98,7 +115,7 @@ std::uint32_t ItemStore::numberOf(std::string_view folded, std::uint32_t hash) c
     const std::size_t mask = index_.size() - 1;
     for (std::size_t at = hash & mask; index_[at].number != 0; at = (at + 1) & mask) {
         const IndexEntry& entry = index_[at];
-        if (entry.hash == hash && equalsIgnoringCase(tags_[entry.number - 1].Name(), folded)) {
+        if (entry.hash == hash && isNamed(tags_[entry.number - 1].Name(), folded)) {
             return entry.number;
         }
     }
