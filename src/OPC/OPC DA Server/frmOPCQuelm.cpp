@@ -423,7 +423,7 @@ void frmOPCQuelm::AddToMessageList(std::string_view strText) {
 }
 
 std::string frmOPCQuelm::LogFilePath(bool blnRollover) const {
-    const CivilTime now = civilTimeSeconds(CurrentTime());
+    const CivilTime now = civilTime(CurrentTime());
     return fmt::format("{}\\OPCServer {:04}-{:02}-{:02} {:02}.{:02}.{:02}.{:05}{}.log", mobjSystemINI->LogFolder(),
                        now.year, now.month, now.day, now.hour, now.minute, now.second, parts_.InstanceNumber,
                        blnRollover ? "_r" : "");

@@ -422,7 +422,8 @@ struct Host {
         ini.entries = {ini.selected};
         form.emplace(ServerParts{slik, window, std::move(commandLine), 1234,
                                  [this] { return std::make_unique<SystemINI>(ini); }, [this] { return dbil; },
-                                 [this] { return clock; }, [this] { return std::make_unique<LogWriter>(journal); },
+                                 [this]() -> std::shared_ptr<IClock> { return realClock ? realClock : clock; },
+                                 [this] { return std::make_unique<LogWriter>(journal); },
                                  [](std::int32_t type) { return std::to_string(type); },
                                  SiteParts{[this](IDBIL&, std::string_view id) {
                                                return std::make_unique<DataInterface>(journal, sites[std::string(id)]);
@@ -435,12 +436,13 @@ struct Host {
         return DAHSEntry{id, dahs, {id + "1", id + "2", id + "3", id + "4", id + "5"}};
     }
 
-    ManualTimeSource time{makeDate(2026, 11, 16, 8, 25, 13)};
+    ManualTimeSource time{Date{makeDate(2026, 11, 16, 8, 25, 13).days + 0.75 / 86400}};
     ScopedTimeSource inForce{time};
     Journal journal;
     SystemINI ini;
     std::shared_ptr<DBIL> dbil = std::make_shared<DBIL>(journal);
     std::shared_ptr<Clock> clock = std::make_shared<Clock>(journal);
+    std::shared_ptr<IClock> realClock;  // takes the place of the fake one when set
     SlikServer slik{journal};
     Window window{journal};
     std::map<std::string, SiteSetUp> sites;
