@@ -23,7 +23,6 @@ class Application;
 class Server;
 
 inline constexpr std::uint32_t accessReadable = 1;
-inline constexpr std::uint32_t accessWritable = 2;
 
 // One item as AddItems and ValidateItems get it. The access path is of no use to this server and not asked for.
 struct ItemDefinition {

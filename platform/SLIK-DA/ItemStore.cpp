@@ -46,6 +46,13 @@ unsigned rank(char c) {
     return c == '.' ? 0U : static_cast<unsigned char>(c) + 1U;
 }
 
+// A text whose plain byte order is the browse order. Folded text is sound UTF-8, which has no byte 0xFF.
+std::string sortKey(std::string_view name) {
+    std::string key = foldCase(name);
+    std::transform(key.begin(), key.end(), key.begin(), [](char c) { return static_cast<char>(rank(c)); });
+    return key;
+}
+
 }  // namespace
 
 void StampConverter::convert(Date local) {
@@ -148,16 +155,15 @@ const std::vector<std::uint32_t>& ItemStore::browseOrder() const {
     if (browseOrder_.size() == tags_.size()) {
         return browseOrder_;
     }
-    std::vector<std::string> folded;
-    folded.reserve(tags_.size());
+    std::vector<std::string> keys;
+    keys.reserve(tags_.size());
     for (const SLIKTag& tag : tags_) {
-        folded.push_back(foldCase(tag.Name()));
+        keys.push_back(sortKey(tag.Name()));
     }
     std::vector<std::uint32_t> order(tags_.size());
     std::iota(order.begin(), order.end(), 0U);
-    std::sort(order.begin(), order.end(), [&folded](std::uint32_t left, std::uint32_t right) {
-        return compareBrowseOrder(folded[left], folded[right]) < 0;
-    });
+    std::sort(order.begin(), order.end(),
+              [&keys](std::uint32_t left, std::uint32_t right) { return keys[left] < keys[right]; });
     browseOrder_.swap(order);
     return browseOrder_;
 }

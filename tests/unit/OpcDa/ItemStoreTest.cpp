@@ -1,6 +1,7 @@
 #include "SLIK-DA/ItemStore.h"
 
 #include "OpcDa/Fixture.h"
+#include "Shared Types/Text.h"
 
 namespace quelm {
 namespace {
@@ -75,6 +76,21 @@ TEST_F(ItemStoreTest, AHundredThousandItemsAreFoundAtTheirAddresses) {
     }
     EXPECT_EQ(store.find("Site.Unit1.Tag2"), nullptr);
     EXPECT_EQ(store.browseOrder().size(), 100'000U);
+}
+
+TEST_F(ItemStoreTest, TheBrowseOrderIsThatOfTheComparison) {
+    for (const char* name : {"b", "a.b", "A-b", "a b", "Ä.x", "ä", "a..b", "a", "\xFF\xFE.x", "\x01", "z\x7F", "Z."}) {
+        store.Add(name, 1, Variant(), 0, noon);
+    }
+    const auto& order = store.browseOrder();
+    ASSERT_EQ(order.size(), store.Count());
+    for (std::size_t i = 1; i < order.size(); ++i) {
+        const std::string before = foldCase(store.at(order[i - 1]).Name());
+        const std::string after = foldCase(store.at(order[i]).Name());
+        EXPECT_LT(compareBrowseOrder(before, after), 0) << before << " / " << after;
+    }
+    store.Add("c", 1, Variant(), 0, noon);
+    EXPECT_EQ(store.browseOrder().size(), store.Count());
 }
 
 TEST(BrowseOrder, DotComesFirst) {
