@@ -38,7 +38,8 @@ INSERT INTO IOChannelDef (SiteID, ChannelID, Name, DefType) VALUES
     ('SOUTH', 15, 'Burner started', 3),
     ('SOUTH', 22, 'Drum pressure, monitor code', 3);
 
--- DataType: 1 float, 2 whole number, 3 text, 4 Boolean, 5 date.
+-- DataType: 1 float, 2 whole number, 3 text, 4 Boolean, 5 date. A date item needs a date as its NullValue: an item's
+-- type is that of its first value, and nothing else makes that a date.
 INSERT INTO Q5OPCDEF
     (SiteID, Position, Tagname, ID, TagType, DataType, Write, NullValue, DownIsValid, UseSubstatus, RefreshRate) VALUES
     ('NORTH',  1, 'North.Stack1.NOx',             '1-001-0-01-01',   1, 1, 0, NULL, 0, 0, 20),
@@ -50,7 +51,7 @@ INSERT INTO Q5OPCDEF
     ('NORTH',  7, 'North.Stack1.HCl',             '1-001-0-01-09',   1, 1, 0, NULL, 0, 0, 20),
     ('NORTH',  8, 'North.Stack1.Operating',       '1-001-0-02-01',   1, 4, 0, NULL, 0, 0, 20),
     ('NORTH',  9, 'North.Stack1.Mode',            '1-001-0-02-02',   1, 3, 0, 'n/a', 0, 0, 20),
-    ('NORTH', 10, 'North.Stack1.LastCalibration', '1-001-0-02-03',   1, 5, 0, NULL, 0, 0, 20),
+    ('NORTH', 10, 'North.Stack1.LastCalibration', '1-001-0-02-03',   1, 5, 0, '2000-01-01', 0, 0, 20),
     ('NORTH', 11, 'North.Stack1.NOx.Raw',         '[@101]',          1, 1, 0, NULL, 0, 0, 20),
     ('NORTH', 12, 'North.Stack1.SO2.Raw',         '[@102];[@202]',   1, 1, 1, NULL, 0, 0, 20),
     ('NORTH', 13, 'North.Stack1.Dust.Raw',        '[@103];[@203]',   1, 1, 0, NULL, 1, 0, 20),
@@ -69,4 +70,4 @@ INSERT INTO Q5OPCDEF
     ('SOUTH',  4, 'South.Boiler.Pressure',        '[@12];[@22]',     1, 1, 0, NULL, 0, 1, 20),
     ('SOUTH',  5, 'South.Boiler.Fuel',            '[@13]',           1, 2, 0, NULL, 0, 0, 20),
     ('SOUTH',  6, 'South.Boiler.Alarm',           '[@14]',           1, 4, 0, NULL, 0, 0, 20),
-    ('SOUTH',  7, 'South.Boiler.Started',         '[@15]',           1, 5, 0, NULL, 0, 0, 20);
+    ('SOUTH',  7, 'South.Boiler.Started',         '[@15]',           1, 5, 0, '2000-01-01', 0, 0, 20);

@@ -106,6 +106,7 @@ def before_the_next_pass():
 
 
 class DemoSite(unittest.TestCase):
+    maxDiff = None
     dcom = OPEN
 
     def setUp(self):
