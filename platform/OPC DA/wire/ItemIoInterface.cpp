@@ -27,20 +27,7 @@ void skipVqts(Reader& in, std::uint32_t count) {
     }
 }
 
-// Values, qualities, time stamps, in an array each.
-void writeReadings(Writer& out, const std::vector<ItemIOReading>& readings) {
-    writeArrayHead(out, readings.size());
-    for (std::size_t i = 0; i < readings.size(); ++i) {
-        out.pointer();
-    }
-    for (const ItemIOReading& reading : readings) {
-        OpcValue value;
-        if (reading.error == S_OK) {
-            convert(reading.value, reading.type, value);
-        }
-        writeVariant(out, value);
-    }
-    out.align(4);
+void writeQualitiesAndStamps(Writer& out, const std::vector<ItemIOReading>& readings) {
     writeArrayHead(out, readings.size());
     for (const ItemIOReading& reading : readings) {
         out.u16(reading.quality);
@@ -73,14 +60,17 @@ std::uint32_t ItemIoInterface::read(Server& server, Reader& in, Writer& out) {
         return dcom::faultBadStubData;
     }
     views_.assign(itemIds_.begin(), itemIds_.end());
-    const HResult result = count == 0 ? E_INVALIDARG : server.itemIO().read(views_, maxAges_, readings_);
+    HResult result = count == 0 ? E_INVALIDARG : server.itemIO().read(views_, maxAges_, readings_);
+    if (!failed(result) && !writeVariantArray(out, readings_)) {
+        result = E_OUTOFMEMORY;
+    }
     errors_.clear();
     if (failed(result)) {
         out.nullPointer();
         out.nullPointer();
         out.nullPointer();
     } else {
-        writeReadings(out, readings_);
+        writeQualitiesAndStamps(out, readings_);
         for (const ItemIOReading& reading : readings_) {
             errors_.push_back(reading.error);
         }

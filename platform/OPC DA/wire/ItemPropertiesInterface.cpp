@@ -80,17 +80,11 @@ std::uint32_t getProperties(const Properties& source, Reader& in, Writer& out) {
     if (failed(result)) {
         return writeFailure(out, result);
     }
-    writeArrayHead(out, properties.size());
-    for (std::size_t i = 0; i < properties.size(); ++i) {
-        out.pointer();
+    if (!writeVariantArray(out, properties)) {
+        return writeFailure(out, E_OUTOFMEMORY);
     }
     std::vector<HResult> errors;
     for (const PropertyValue& property : properties) {
-        OpcValue value;
-        if (property.error == S_OK) {
-            convert(property.value, property.type, value);
-        }
-        writeVariant(out, value);
         errors.push_back(property.error);
     }
     writeErrors(out, result, errors);

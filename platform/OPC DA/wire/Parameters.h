@@ -16,6 +16,10 @@
 
 namespace quelm::opcda::wire {
 
+// No reply grows beyond this many bytes (a million numbers): a call that asks for more is refused as a whole
+// (E_OUTOFMEMORY), so that no client can make the server run out of memory for all the others.
+inline constexpr std::size_t maxReplySize = 64U << 20U;
+
 // The elements of an [in, size_is(count)] array of 32-bit values, behind its conformance. A conformance that
 // contradicts the count latches the reader's fault. The vector's room is reused.
 void readU32Array(dcom::ndr::Reader& in, std::uint32_t count, std::vector<std::uint32_t>& values);

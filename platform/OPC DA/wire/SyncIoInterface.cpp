@@ -16,12 +16,14 @@ enum Source : std::uint16_t { Cache = 1, Device = 2 };
 // The array of item states, filled in place while the values are written behind it.
 class StateArray {
  public:
+    // Bytes of the reply for an item with a number as its value, result included.
+    static constexpr std::size_t itemSize = 20 + scalarVariantSize + sizeof(HResult);
+
     StateArray(Writer& out, std::uint32_t count) : out_(out) {
-        const std::size_t array = stateSize * count;
-        out.buffer().reserve(out.buffer().size() + headSize + array + (scalarVariantSize + sizeof(HResult)) * count);
+        out.buffer().reserve(out.buffer().size() + headSize + itemSize * count);
         writeArrayHead(out, count);
         next_ = out.buffer().size();
-        out.extend(array);
+        out.extend(stateSize * count);
     }
 
     void add(const ItemReading& reading) {
@@ -77,13 +79,24 @@ std::uint32_t SyncIoInterface::read(Reader& in, Writer& out) {
     if (handles_.empty() || (source != Cache && source != Device)) {
         return refuseRead(out, E_INVALIDARG);
     }
+    if (handles_.size() > maxReplySize / StateArray::itemSize) {
+        return refuseRead(out, E_OUTOFMEMORY);
+    }
+    const std::size_t start = out.buffer().size();
+    const auto isTooLarge = [&out, start] { return out.buffer().size() - start > maxReplySize; };
     StateArray states(out, static_cast<std::uint32_t>(handles_.size()));
     errors_.clear();
     const auto sink = [&](const ItemReading& reading) {
-        states.add(reading);
-        errors_.push_back(reading.error);
+        if (!isTooLarge()) {
+            states.add(reading);
+            errors_.push_back(reading.error);
+        }
     };
     const HResult result = source == Cache ? group_.readCache(handles_, sink) : group_.readDevice(handles_, sink);
+    if (isTooLarge()) {
+        out.buffer().resize(start);
+        return refuseRead(out, E_OUTOFMEMORY);
+    }
     writeU32Array(out, errors_);
     out.u32(result);
     return 0;

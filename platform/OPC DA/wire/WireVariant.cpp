@@ -1,7 +1,5 @@
 #include "OPC DA/wire/WireVariant.h"
 
-#include "OPC DA/wire/Parameters.h"
-
 namespace quelm::opcda::wire {
 
 using dcom::ndr::Reader;

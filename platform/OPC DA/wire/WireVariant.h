@@ -3,9 +3,12 @@
 // The marshalled form of a VARIANT. Written for every value of every read; of what clients send nothing is kept,
 // because no item takes a value, but whatever it is must be passed over safely to find what stands behind it.
 
+#include <vector>
+
 #include "DCOM/ndr/Reader.h"
 #include "DCOM/ndr/Writer.h"
 #include "OPC DA/Coercion.h"
+#include "OPC DA/wire/Parameters.h"
 
 namespace quelm::opcda::wire {
 
@@ -14,6 +17,30 @@ void writeVariant(dcom::ndr::Writer& out, const OpcValue& value);
 
 // Upper bound of a body's size with padding, in bytes, for values other than texts, decimals and arrays.
 inline constexpr std::size_t scalarVariantSize = 32;
+
+// An [out] array of VARIANTs that the callee allocates: pointer, conformance, referents, bodies. A reading has an
+// error, a value and the type to deliver it in. Nothing is written and false given when it would exceed a reply's size.
+template <class Reading>
+bool writeVariantArray(dcom::ndr::Writer& out, const std::vector<Reading>& readings) {
+    const std::size_t start = out.buffer().size();
+    writeArrayHead(out, readings.size());
+    for (std::size_t i = 0; i < readings.size(); ++i) {
+        out.pointer();
+    }
+    for (const Reading& reading : readings) {
+        OpcValue value;
+        if (reading.error == S_OK) {
+            convert(reading.value, reading.type, value);
+        }
+        writeVariant(out, value);
+        if (out.buffer().size() - start > maxReplySize) {
+            out.buffer().resize(start);
+            return false;
+        }
+    }
+    out.align(4);
+    return true;
+}
 
 // Passes over a body of any type, with everything that it refers to. What cannot be passed over (records, unknown
 // types, contradicting counts) latches the reader's fault.

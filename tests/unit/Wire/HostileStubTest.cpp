@@ -116,6 +116,22 @@ TEST_F(HostileStub, HugeCountsAllocateNothing) {
     }
 }
 
+// The same long text asked for over and over.
+TEST_F(HostileStub, RepliesOutOfAllProportionAreRefused) {
+    control_.SLIKTags().Add("Long", 1, std::string(60'000, 'x'), 0xC0, localNow());
+    const Handles handles(600, addItems(*group_, {"Long"}).at(0));
+    EXPECT_HEX(call(*group_, iidOpcSyncIo, 3, Request().u16(1).counted(handles)).bytes, "00000000 00000000 0E000780");
+    EXPECT_HEX(call(*group_, iidOpcSyncIo, 3, Request().u16(1).counted(Handles(2'000'000))).bytes,
+               "00000000 00000000 0E000780");
+    Request request;
+    request.counted(Handles(600, 1));
+    for (int i = 0; i < 600; ++i) {
+        request.text("Long");
+    }
+    EXPECT_HEX(call(iidOpcItemIo, 3, request.align(4).array(Handles(600, 0xFFFFFFFF))).bytes,
+               "00000000 00000000 00000000 00000000 0E000780");
+}
+
 TEST_F(HostileStub, UnknownMethodsAreRefused) {
     const std::map<dcom::Uuid, std::uint16_t> methodCounts{{iidOpcServer, 9},   {iidOpcBrowseServerAddressSpace, 8},
                                                            {iidOpcCommon, 8},   {iidOpcItemProperties, 6},
