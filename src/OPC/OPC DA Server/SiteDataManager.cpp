@@ -111,18 +111,22 @@ bool SiteDataManager::CreateTag(ISLIKTags& objSLIKTags, const OPCDef& objOPCDef)
             return false;
         }
         TagConfigCollection& colTags = objNewTag.IsValueFromPID() ? mcolQuelmTags : mcolChannelTags;
-        TagConfig& objTag = colTags.Add(std::move(objNewTag));
+        const TagConfig& objTag = colTags.Add(objNewTag);
         Variant varValue;
         if (!ConvertToOPCType(static_cast<std::int16_t>(objTag.OPCDataType), varValue, objTag.DefaultValue)) {
             // No error is pending here; the line keeps the form of the others with the number 0 and no description.
             Raise(msgtype::error,
                   fmt::format("[OPC-0206] Could not initialize OPC tag '{}' value; 0, ", objTag.OPCTagName));
         }
-        objTag.SlikTag =
+        ISLIKTag* objItem =
             CreateSlikTag(objSLIKTags, objTag.OPCTagName, readableOnly, varValue, qualityCommFailure, dtmNow);
         // A refused item leaves its tag in the collection: the summary counts it and every update pass reports it.
         // Deliberate.
-        return objTag.SlikTag != nullptr;
+        if (objItem == nullptr) {
+            return false;
+        }
+        colTags.AttachItem(*objItem);
+        return true;
     } catch (...) {
         Raise(msgtype::error,
               fmt::format("[OPC-0141] Could not initialize OPC tag '{}'; {}", strTagname, currentError().text()));
@@ -195,9 +199,8 @@ bool SiteDataManager::ResolveChannels(const std::string& strID, const std::strin
     return true;
 }
 
-ISLIKTag* SiteDataManager::CreateSlikTag(ISLIKTags& objSLIKTags, const std::string& strName,
-                                         std::int32_t lngAccessRights, const Variant& varValue, std::int16_t intQuality,
-                                         Date dtmTimestamp) {
+ISLIKTag* SiteDataManager::CreateSlikTag(ISLIKTags& objSLIKTags, std::string_view strName, std::int32_t lngAccessRights,
+                                         const Variant& varValue, std::int16_t intQuality, Date dtmTimestamp) {
     try {
         return &objSLIKTags.Add(strName, lngAccessRights, varValue, intQuality, dtmTimestamp);
     } catch (...) {
@@ -217,8 +220,8 @@ void SiteDataManager::FinishTagCreation() {
         mobjDI->TearDown();
         mobjDI.reset();
     }
-    mcolQuelmTags.Trim();
-    mcolChannelTags.Trim();
+    mcolQuelmTags.Close();
+    mcolChannelTags.Close();
     Raise(msgtype::information,
           fmt::format("[OPC-0217] ========== {} OPC tags from Quelm tags for {}", mcolQuelmTags.Count(), SiteID()));
     for (const TagConfig& objTag : mcolQuelmTags) {

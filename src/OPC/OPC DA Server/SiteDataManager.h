@@ -64,7 +64,7 @@ class SiteDataManager final : public ICDRReferences {
     bool ResolveTag(const OPCDef& objOPCDef, const std::string& strTagname, TagConfig& objTag);
     bool ResolvePID(const std::string& strID, const std::string& strTagname, TagConfig& objTag);
     bool ResolveChannels(const std::string& strID, const std::string& strTagname, TagConfig& objTag);
-    ISLIKTag* CreateSlikTag(ISLIKTags& objSLIKTags, const std::string& strName, std::int32_t lngAccessRights,
+    ISLIKTag* CreateSlikTag(ISLIKTags& objSLIKTags, std::string_view strName, std::int32_t lngAccessRights,
                             const Variant& varValue, std::int16_t intQuality, Date dtmTimestamp);
     std::string_view InternIntervalType(const std::string& strIntervalType);
 

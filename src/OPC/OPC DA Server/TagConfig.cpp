@@ -1,36 +1,62 @@
 #include "OPC/OPC DA Server/TagConfig.h"
 
+#include <algorithm>
+#include <bit>
 #include <functional>
-#include <utility>
 
 #include "Shared Types/RuntimeError.h"
 #include "Shared Types/Text.h"
 
 namespace quelm {
 
-std::size_t TagConfigCollection::NameHash::operator()(std::uint32_t position) const {
-    const FoldedKey key((*tags)[position].OPCTagName);
-    return std::hash<std::string_view>{}(key.view());
-}
-
-bool TagConfigCollection::NameEqual::operator()(std::uint32_t left, std::uint32_t right) const {
-    return left == right || equalsIgnoringCase((*tags)[left].OPCTagName, (*tags)[right].OPCTagName);
-}
-
-TagConfigCollection::TagConfigCollection() : names_(16, NameHash{&tags_}, NameEqual{&tags_}) {}
-
-TagConfig& TagConfigCollection::Add(TagConfig tag) {
+TagConfig& TagConfigCollection::Add(const TagConfig& tag) {
+    makeRoom();
     const auto position = static_cast<std::uint32_t>(tags_.size());
-    tags_.push_back(std::move(tag));
-    if (!names_.insert(position).second) {
-        tags_.pop_back();
-        throw RuntimeError(errors::duplicateKey);
+    names_.emplace_back(tag.OPCTagName);
+    try {
+        tags_.push_back(tag);
+        tags_.back().OPCTagName = names_.back();
+        enter(position);
+    } catch (...) {
+        tags_.resize(position);
+        names_.pop_back();
+        throw;
     }
     return tags_.back();
 }
 
-void TagConfigCollection::Trim() {
+void TagConfigCollection::enter(std::uint32_t position) {
+    const std::string_view name = tags_[position].OPCTagName;
+    const std::size_t mask = index_.size() - 1;
+    std::size_t at = std::hash<std::string_view>{}(FoldedKey(name).view()) & mask;
+    for (; index_[at] != 0; at = (at + 1) & mask) {
+        if (equalsIgnoringCase(tags_[index_[at] - 1].OPCTagName, name)) {
+            throw RuntimeError(errors::duplicateKey);
+        }
+    }
+    index_[at] = position + 1;
+}
+
+// Never more than half full.
+void TagConfigCollection::makeRoom() {
+    if ((tags_.size() + 1) * 2 <= index_.size()) {
+        return;
+    }
+    index_.assign(std::bit_ceil(std::max<std::size_t>(64, (tags_.size() + 1) * 2)), 0);
+    for (std::uint32_t position = 0; position < tags_.size(); ++position) {
+        enter(position);
+    }
+}
+
+void TagConfigCollection::AttachItem(ISLIKTag& item) {
+    tags_.back().SlikTag = &item;
+    tags_.back().OPCTagName = item.Name();
+    names_.pop_back();
+}
+
+void TagConfigCollection::Close() {
     tags_.shrink_to_fit();
+    index_ = {};
 }
 
 }  // namespace quelm

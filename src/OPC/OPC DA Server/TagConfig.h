@@ -4,9 +4,9 @@
 // created; afterwards only the update pass reads it.
 
 #include <cstdint>
+#include <deque>
 #include <string>
 #include <string_view>
-#include <unordered_set>
 #include <vector>
 
 #include "SLIK-DA/ISLIKServer.h"
@@ -16,7 +16,7 @@ namespace quelm {
 
 class TagConfig {
  public:
-    std::string OPCTagName;              // item name, key of the tag in its collection
+    std::string_view OPCTagName;         // item name, key of the tag in its collection, which keeps the text
     std::string_view IntervalType;       // of the PID, kept by the site manager for all its tags; "" for channels
     Variant DefaultValue;                // used when the current value does not convert to the item's type
     ISLIKTag* SlikTag = nullptr;         // nullptr when the control refused the item
@@ -30,36 +30,33 @@ class TagConfig {
     bool IsValueFromPID() const { return PID != 0; }
 };
 
-// Tags in creation order, keyed by name without regard to case. A site may have a hundred thousand of them, so the
-// tags lie side by side in memory and the index holds their positions instead of copies of their names.
+// Tags in creation order, keyed by name without regard to case. A site may have a hundred thousand of them, so they
+// lie side by side in memory, a name is kept once (with its item), and the keys are let go after the last Add.
 class TagConfigCollection {
  public:
-    TagConfigCollection();
+    TagConfigCollection() = default;
     TagConfigCollection(const TagConfigCollection&) = delete;
     TagConfigCollection& operator=(const TagConfigCollection&) = delete;
 
     std::size_t Count() const { return tags_.size(); }
-    // Raises RuntimeError 457 for a name that is taken; the collection is then unchanged. The reference is valid
-    // until the next Add.
-    TagConfig& Add(TagConfig tag);
-    // Gives back memory that was held ready for further tags.
-    void Trim();
+    // Takes a copy of the name. Raises RuntimeError 457 for a name that is taken; the collection is then unchanged.
+    // The reference is valid until the next Add.
+    TagConfig& Add(const TagConfig& tag);
+    // Gives the tag that was added last its item, whose name then serves for the tag's as well.
+    void AttachItem(ISLIKTag& item);
+    // After the last Add: gives back what only further tags would need.
+    void Close();
 
     auto begin() const { return tags_.begin(); }
     auto end() const { return tags_.end(); }
 
  private:
-    struct NameHash {
-        const std::vector<TagConfig>* tags;
-        std::size_t operator()(std::uint32_t position) const;
-    };
-    struct NameEqual {
-        const std::vector<TagConfig>* tags;
-        bool operator()(std::uint32_t left, std::uint32_t right) const;
-    };
+    void enter(std::uint32_t position);
+    void makeRoom();
 
     std::vector<TagConfig> tags_;
-    std::unordered_set<std::uint32_t, NameHash, NameEqual> names_;
+    std::deque<std::string> names_;     // of tags without item
+    std::vector<std::uint32_t> index_;  // open addressing by folded name: position + 1; 0: free
 };
 
 }  // namespace quelm
