@@ -24,7 +24,7 @@ class IntIndex {
 
     // False, with nothing changed, when the key is there already. position: anything but none.
     bool add(std::int32_t key, std::uint32_t position) {
-        if (count_ + 1 > slots_.size() / 5 * 4) {
+        if (count_ + 1 > slots_.size() / 3 * 2) {
             resize(count_ + 1);
         }
         Slot& slot = slots_[slotFor(key)];
@@ -37,7 +37,7 @@ class IntIndex {
     }
 
     void reserve(std::size_t count) {
-        if (count > slots_.size() / 5 * 4) {
+        if (count > slots_.size() / 3 * 2) {
             resize(count);
         }
     }
@@ -54,23 +54,29 @@ class IntIndex {
         std::uint32_t position = none;
     };
 
-    // The slot that holds the key, else the free one where it belongs. IDs mostly come in runs, and items are asked
-    // for in the order of their IDs: keeping neighbours together is what makes a pass cheap. The part of the ID
-    // beyond the table's size is mixed in so that runs that lie a power of two apart do not pile up.
+    // IDs mostly come in runs, and items are asked for in the order of their IDs, so the eight keys of a cache line
+    // stay together. The lines themselves are scattered: long runs laid over each other would fill up the table around
+    // them, and every look-up would wade through all of that.
+    static constexpr unsigned lineBits = 3;
+    static constexpr std::uint32_t inLine = (1U << lineBits) - 1;
+
+    // The slot that holds the key, else the free one where it belongs.
     std::size_t slotFor(std::int32_t key) const noexcept {
         const auto bits = static_cast<std::uint32_t>(key);
         const std::size_t mask = slots_.size() - 1;
-        std::size_t at = (bits + (bits >> shift_) * 0x9E3779B1U) & mask;
+        const std::uint32_t line = (bits >> lineBits) * 0x9E3779B1U >> shift_;
+        std::size_t at = line << lineBits | (bits & inLine);
         while (slots_[at].position != none && slots_[at].key != key) {
             at = (at + 1) & mask;
         }
         return at;
     }
 
+    // Room for count keys and half as many free slots.
     void resize(std::size_t count) {
-        std::vector<Slot> old(std::bit_ceil(count + count / 4 + 8));
+        std::vector<Slot> old(std::bit_ceil(count + count / 2 + 2 * (inLine + 1)));
         old.swap(slots_);
-        shift_ = static_cast<unsigned>(std::countr_zero(slots_.size()));
+        shift_ = 32 + lineBits - static_cast<unsigned>(std::countr_zero(slots_.size()));
         for (const Slot& slot : old) {
             if (slot.position != none) {
                 slots_[slotFor(slot.key)] = slot;
