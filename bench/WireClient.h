@@ -1,0 +1,339 @@
+#pragma once
+
+// The least that an OPC client needs to read a group over the network: blocking sockets, a log-on, an activation, a
+// group with its items. Requests are made beforehand, so that what is measured is the server and the way to it.
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <span>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "DCOM/ndr/Reader.h"
+#include "DCOM/ndr/Writer.h"
+#include "OPC DA/wire/Iids.h"
+#include "Rpc/RpcClient.h"
+
+namespace quelm::bench {
+
+using dcom::Uuid;
+using Bytes = std::vector<std::uint8_t>;
+namespace rpc = dcom::rpc;
+
+inline void expect(bool condition, const char* what) {
+    if (!condition) {
+        throw std::runtime_error(what);
+    }
+}
+
+class Socket {
+ public:
+    explicit Socket(std::uint16_t port) : descriptor_(::socket(AF_INET, SOCK_STREAM, 0)) {
+        const int on = 1;
+        ::setsockopt(descriptor_, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_port = htons(port);
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        expect(::connect(descriptor_, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0, "cannot connect");
+    }
+    Socket(const Socket&) = delete;
+    Socket& operator=(const Socket&) = delete;
+    ~Socket() { ::close(descriptor_); }
+
+    void send(std::span<const std::uint8_t> data) const {
+        while (!data.empty()) {
+            const ssize_t count = ::send(descriptor_, data.data(), data.size(), MSG_NOSIGNAL);
+            expect(count > 0, "the server went away");
+            data = data.subspan(static_cast<std::size_t>(count));
+        }
+    }
+    std::size_t receive(std::span<std::uint8_t> space) const {
+        const ssize_t count = ::recv(descriptor_, space.data(), space.size(), 0);
+        expect(count > 0, "the server went away");
+        return static_cast<std::size_t>(count);
+    }
+
+ private:
+    int descriptor_;
+};
+
+// One connection with one log-on.
+class Connection {
+ public:
+    Connection(std::uint16_t port, unsigned level, std::string_view password, const std::vector<Uuid>& interfaces)
+        : socket_(port), level_(level), logOn_(rpc::test::NtlmLogOn::Kind::V2, "reader", password) {
+        std::vector<rpc::test::Offer> offers;
+        for (const Uuid& interface : interfaces) {
+            offers.push_back({static_cast<std::uint16_t>(offers.size()), interface});
+        }
+        socket_.send(rpc::test::pdu(rpc::PduType::Bind, 3, 1, rpc::test::bindBody(offers, fragmentSize),
+                                    {level_, contextId, logOn_.negotiate()}));
+        const auto answer = rpc::test::splitReplies(receiveReply());
+        expect(answer.size() == 1 && answer[0].type() == rpc::PduType::BindAck, "the server refused to bind");
+        socket_.send(rpc::test::pdu(rpc::PduType::Auth3, 3, 1, Bytes(4),
+                                    {level_, contextId, logOn_.authenticate(answer[0].token())}));
+    }
+
+    // The request's PDUs, protected as the level asks for: in this order they must be sent.
+    Bytes encode(std::uint16_t interface, std::uint16_t opnum, const Uuid* object, std::span<const std::uint8_t> stub) {
+        constexpr std::size_t piece = 5'600;
+        Bytes result;
+        for (std::size_t at = 0; at == 0 || at < stub.size(); at += piece) {
+            const auto part = stub.subspan(at, std::min(piece, stub.size() - at));
+            rpc::test::CallParts call{2, interface, opnum, {part.begin(), part.end()}, 0, std::nullopt};
+            call.flags = (at == 0 ? rpc::flagFirst : 0U) | (at + piece >= stub.size() ? rpc::flagLast : 0U);
+            if (object != nullptr) {
+                call.object = *object;
+            }
+            const Bytes pdu = level_ >= 5 ? rpc::test::protectedRequest(call, level_, contextId, logOn_)
+                                          : rpc::test::request(call, level_, contextId);
+            result.insert(result.end(), pdu.begin(), pdu.end());
+        }
+        return result;
+    }
+
+    // Sends a request and takes the whole reply, without a look at what is in it. Gives its PDUs.
+    std::span<const std::uint8_t> exchange(std::span<const std::uint8_t> request) {
+        socket_.send(request);
+        return receiveReply();
+    }
+
+    // A call before the measurement: the results behind the header that all object calls have.
+    Bytes call(std::uint16_t interface, std::uint16_t opnum, const Uuid* object, std::span<const std::uint8_t> stub) {
+        Bytes results;
+        for (rpc::test::Reply& reply : rpc::test::splitReplies(exchange(encode(interface, opnum, object, stub)))) {
+            expect(reply.type() == rpc::PduType::Response, "a call failed");
+            if (level_ >= 5) {
+                const auto part = rpc::test::openReply(reply, level_, logOn_);
+                expect(part.has_value(), "a reply's protection is wrong");
+                results.insert(results.end(), part->begin(), part->end());
+            } else {
+                const auto size = static_cast<std::ptrdiff_t>(trailerOf(reply.header));
+                results.insert(results.end(), reply.raw.begin() + rpc::callHeaderSize, reply.raw.end() - size);
+            }
+        }
+        return results;
+    }
+
+ private:
+    static constexpr std::uint32_t contextId = 7;
+    static constexpr unsigned fragmentSize = 5'840;
+
+    static std::size_t trailerOf(const rpc::Header& header) {
+        return header.authLength == 0 ? 0 : rpc::trailerSize + header.authLength;
+    }
+
+    std::span<const std::uint8_t> receiveReply() {
+        constexpr std::uint8_t last = rpc::flagLast;
+        std::size_t filled = 0;
+        std::size_t fragment = 0;
+        for (;;) {
+            if (reply_.size() - filled < (256U << 10U)) {
+                reply_.resize(2 * reply_.size() + (1U << 20U));
+            }
+            filled += socket_.receive(std::span(reply_).subspan(filled));
+            while (filled - fragment >= rpc::headerSize) {
+                const std::size_t size = reply_[fragment + 8] + 256U * reply_[fragment + 9];
+                if (filled - fragment < size) {
+                    break;
+                }
+                const bool isLast = (reply_[fragment + 3] & last) != 0;
+                fragment += size;
+                if (isLast) {
+                    return std::span(reply_).first(fragment);
+                }
+            }
+        }
+    }
+
+    Socket socket_;
+    unsigned level_;
+    rpc::test::NtlmLogOn logOn_;
+    Bytes reply_;
+};
+
+// The parameters of an object call behind the header that all of them have.
+class Call {
+ public:
+    Call() : out(bytes) {
+        out.u16(5);
+        out.u16(7);
+        out.u32(0);
+        out.u32(0);
+        out.uuid(Uuid::parse("0A0B0C0D-0102-0304-0506-0708090A0B0C"));
+        out.u32(0);
+    }
+    Call(const Call&) = delete;
+    Call& operator=(const Call&) = delete;
+
+    Bytes bytes;
+    dcom::ndr::Writer out;
+};
+
+// A client's group with items, ready to be read.
+class GroupReader {
+ public:
+    // itemIds: what to put into the group.
+    GroupReader(std::uint16_t activationPort, std::uint16_t objectPort, unsigned level, std::string_view password,
+                const std::vector<std::string>& itemIds)
+        : connection_(objectPort, level, password,
+                      {opcda::wire::iidOpcServer, opcda::wire::iidOpcItemMgt, opcda::wire::iidOpcSyncIo}) {
+        const Uuid server = activate(activationPort, level, password);
+        const Uuid items = makeGroup(server);
+        syncIo_ = otherInterface(server);
+        addItems(items, itemIds);
+    }
+
+    // A cache read of all items. With protection each sending needs a request of its own.
+    Bytes encodeRead() { return connection_.encode(syncIo, readOpnum, &syncIo_, readParameters()); }
+
+    std::span<const std::uint8_t> exchange(std::span<const std::uint8_t> request) {
+        return connection_.exchange(request);
+    }
+
+    // One read with a look at the result: every item must come without an error.
+    void check() {
+        const Bytes results = connection_.call(syncIo, readOpnum, &syncIo_, readParameters());
+        dcom::ndr::Reader in(results);
+        in.bytes(12);  // header, referent
+        expect(in.u32() == handles_.size(), "items are missing");
+        dcom::ndr::Reader end(std::span(results).last(4));
+        expect(end.u32() == 0, "the read failed");
+    }
+
+ private:
+    enum Interface : std::uint16_t { opcServer, itemMgt, syncIo };
+    static constexpr std::uint16_t readOpnum = 3;
+
+    Bytes readParameters() const {
+        Call call;
+        call.out.u16(1);  // from the cache
+        call.out.u32(static_cast<std::uint32_t>(handles_.size()));
+        call.out.u32(static_cast<std::uint32_t>(handles_.size()));
+        for (const std::uint32_t handle : handles_) {
+            call.out.u32(handle);
+        }
+        return call.bytes;
+    }
+
+    static Uuid activate(std::uint16_t port, unsigned level, std::string_view password) {
+        static constexpr Uuid iidActivation = Uuid::parse("4D9F4AB8-7D1C-11CF-861E-0020AF6E7C57");
+        static constexpr Uuid classId = Uuid::parse("43FB6634-CC72-4EE9-A292-BEDF9FF018BD");
+        Connection connection(port, level, password, {iidActivation});
+        Call call;
+        call.out.uuid(classId);
+        call.out.u32(0);
+        call.out.u32(0);
+        call.out.u32(3);
+        call.out.u32(0);
+        call.out.u32(1);
+        call.out.pointer();
+        call.out.u32(1);
+        call.out.uuid(opcda::wire::iidOpcServer);
+        call.out.u16(1);
+        call.out.u32(1);
+        call.out.u16(7);
+        const Bytes results = connection.call(0, 0, nullptr, call.bytes);
+        dcom::ndr::Reader in(results);
+        in.u64();  // extensions
+        in.u64();  // exporter
+        in.u32();
+        in.u32();
+        skipBindings(in);
+        in.uuid();
+        in.u32();
+        in.u32();
+        expect(in.u32() == 0, "the activation failed");
+        in.u32();
+        return readReference(in);
+    }
+
+    static void skipBindings(dcom::ndr::Reader& in) {
+        const std::size_t units = in.u16();
+        in.u16();
+        in.bytes(2 * units);
+        in.align(4);
+    }
+
+    // The interface's identifier out of a marshalled pointer.
+    static Uuid readReference(dcom::ndr::Reader& in) {
+        expect(in.u32() != 0, "an interface pointer is missing");
+        in.u32();
+        in.u32();
+        in.bytes(4 + 4 + 16 + 4 + 4 + 8 + 8);
+        const Uuid ipid = in.uuid();
+        expect(in.good(), "an interface pointer is malformed");
+        return ipid;
+    }
+
+    Uuid makeGroup(const Uuid& server) {
+        Call call;
+        call.out.wideString("Bench");
+        call.out.u32(1);
+        call.out.u32(1000);
+        call.out.u32(5);
+        call.out.nullPointer();
+        call.out.nullPointer();
+        call.out.u32(0x409);
+        call.out.uuid(opcda::wire::iidOpcItemMgt);
+        const Bytes results = connection_.call(opcServer, 3, &server, call.bytes);
+        dcom::ndr::Reader in(results);
+        in.bytes(16);  // header, handle, rate
+        return readReference(in);
+    }
+
+    Uuid otherInterface(const Uuid& server) {
+        Call call;
+        call.out.wideString("Bench");
+        call.out.uuid(opcda::wire::iidOpcSyncIo);
+        const Bytes results = connection_.call(opcServer, 5, &server, call.bytes);
+        dcom::ndr::Reader in(results);
+        in.bytes(8);
+        return readReference(in);
+    }
+
+    void addItems(const Uuid& items, const std::vector<std::string>& itemIds) {
+        Call call;
+        const auto count = static_cast<std::uint32_t>(itemIds.size());
+        call.out.u32(count);
+        call.out.u32(count);
+        for (std::uint32_t i = 0; i < count; ++i) {
+            call.out.pointer();
+            call.out.pointer();
+            call.out.u32(1);
+            call.out.u32(i);
+            call.out.u32(0);
+            call.out.u32(0);
+            call.out.u16(0);
+            call.out.u16(0);
+        }
+        for (const std::string& id : itemIds) {
+            call.out.wideString("");
+            call.out.wideString(id);
+        }
+        const Bytes results = connection_.call(itemMgt, 3, &items, call.bytes);
+        dcom::ndr::Reader in(results);
+        in.bytes(12);  // header, referent
+        handles_.resize(in.count(20));
+        for (std::uint32_t& handle : handles_) {
+            handle = in.u32();
+            in.bytes(16);
+            expect(handle != 0, "an item was refused");
+        }
+        expect(in.good() && handles_.size() == itemIds.size(), "the items are missing");
+    }
+
+    Connection connection_;
+    Uuid syncIo_;
+    std::vector<std::uint32_t> handles_;
+};
+
+}  // namespace quelm::bench

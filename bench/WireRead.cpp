@@ -1,0 +1,176 @@
+// A cache read as a client sees it: the whole way through sockets, log-on, protection, decoding, items, encoding and
+// back. Beside it the least that any server could need: 64 bytes there and back between two blocking sockets.
+
+#include <benchmark/benchmark.h>
+#include <fmt/format.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+
+#include "OPC/Main/OpcNetwork.h"
+#include "Shared Types/TimeSource.h"
+#include "WireClient.h"
+
+namespace quelm::bench {
+namespace {
+
+constexpr std::int32_t itemCount = 10'000;
+constexpr std::string_view password = "bench-1";
+constexpr std::size_t pingSize = 64;
+
+std::uint16_t objectPort = 0;
+std::uint16_t activationPort = 0;
+std::uint16_t pingPort = 0;
+
+std::string itemId(std::int32_t number) {
+    return fmt::format("Plant.Unit{}.Item{:06}", number % 50, number);
+}
+
+int listenAnywhere(std::uint16_t& port) {
+    const int listener = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t size = sizeof address;
+    expect(::bind(listener, reinterpret_cast<sockaddr*>(&address), size) == 0 && ::listen(listener, 4) == 0 &&
+               ::getsockname(listener, reinterpret_cast<sockaddr*>(&address), &size) == 0,
+           "cannot listen");
+    port = ntohs(address.sin_port);
+    return listener;
+}
+
+std::uint16_t freePort() {
+    std::uint16_t port = 0;
+    ::close(listenAnywhere(port));
+    return port;
+}
+
+// Runs in a process of its own until this one ends; ready() tells that clients may come.
+template <class Body>
+void inChild(Body body) {
+    int ready[2];
+    expect(::pipe(ready) == 0, "no pipe");
+    if (::fork() == 0) {
+        ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+        try {
+            body([&ready] { expect(::write(ready[1], "!", 1) == 1, "nobody listens"); });
+        } catch (const std::exception& error) {
+            std::fprintf(stderr, "%s\n", error.what());
+        }
+        std::_Exit(1);
+    }
+    ::close(ready[1]);
+    char sign = 0;
+    expect(::read(ready[0], &sign, 1) == 1, "a server did not start");
+    ::close(ready[0]);
+}
+
+void startPings() {
+    const int listener = listenAnywhere(pingPort);
+    inChild([listener](auto ready) {
+        ready();
+        for (;;) {
+            const int client = ::accept(listener, nullptr, nullptr);
+            const int on = 1;
+            ::setsockopt(client, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+            char ping[pingSize];
+            while (::recv(client, ping, sizeof ping, MSG_WAITALL) == static_cast<ssize_t>(sizeof ping) &&
+                   ::send(client, ping, sizeof ping, MSG_NOSIGNAL) == static_cast<ssize_t>(sizeof ping)) {
+            }
+            ::close(client);
+        }
+    });
+}
+
+void startServer() {
+    activationPort = freePort();
+    objectPort = freePort();
+    inChild([](auto ready) {
+        const auto settings = std::filesystem::temp_directory_path() / fmt::format("quelm-bench-{}.conf", ::getpid());
+        std::ofstream(settings) << fmt::format(
+            "[Listen]\nAddress = 127.0.0.1\nActivationPort = {}\nObjectPort = {}\n"
+            "[Security]\nMinimumLevel = connect\n[Accounts]\nPLANT\\reader = password:{}\n",
+            activationPort, objectPort, password);
+        std::filesystem::permissions(settings, std::filesystem::perms::owner_read);
+        ::setenv("QUELM_DCOM_CONF", settings.c_str(), 1);
+        SLIKServer control;
+        for (std::int32_t number = 0; number < itemCount; ++number) {
+            control.SLIKTags().Add(itemId(number), 1, Variant(20.0F + static_cast<float>(number)), 0xC0, localNow());
+        }
+        AsioLoop loop;
+        const auto trouble = [](std::string_view line) {
+            std::fprintf(stderr, "%.*s\n", static_cast<int>(line.size()), line.data());
+        };
+        OpcNetwork network(control, loop, {[](std::string_view) {}, trouble});
+        network.open();
+        std::filesystem::remove(settings);
+        ready();
+        loop.run();
+    });
+}
+
+// Arguments: items in a call, authentication level.
+void cacheRead(benchmark::State& state) {
+    std::vector<std::string> items;
+    for (std::int32_t number = 0; number < state.range(0); ++number) {
+        items.push_back(itemId(number));
+    }
+    const auto level = static_cast<unsigned>(state.range(1));
+    GroupReader reader(activationPort, objectPort, level, password, items);
+    reader.check();
+    // A protected request is good for one sending only; they are made in advance, off the clock.
+    const std::size_t prepared = level < 5 ? 1 : std::min<std::size_t>(1'000, 2'000'000 / items.size());
+    std::vector<Bytes> requests;
+    std::size_t next = 0;
+    for (auto _ : state) {
+        if (next == requests.size()) {
+            state.PauseTiming();
+            requests.clear();
+            for (std::size_t i = 0; i < prepared; ++i) {
+                requests.push_back(reader.encodeRead());
+            }
+            next = 0;
+            state.ResumeTiming();
+        }
+        benchmark::DoNotOptimize(reader.exchange(requests[next]).data());
+        next = level < 5 ? 0 : next + 1;
+    }
+    // Prepared requests that were not sent leave the signatures' count ahead, but the connection ends here anyway.
+    state.SetItemsProcessed(state.iterations() * state.range(0));
+    state.counters["calls"] = benchmark::Counter(static_cast<double>(state.iterations()), benchmark::Counter::kIsRate);
+}
+
+void pingPong(benchmark::State& state) {
+    const Socket socket(pingPort);
+    std::uint8_t ping[pingSize] = {};
+    for (auto _ : state) {
+        socket.send(ping);
+        std::size_t received = 0;
+        while (received < pingSize) {
+            received += socket.receive(std::span(ping).subspan(received));
+        }
+    }
+    state.counters["calls"] = benchmark::Counter(static_cast<double>(state.iterations()), benchmark::Counter::kIsRate);
+}
+
+BENCHMARK(pingPong)->UseRealTime();
+BENCHMARK(cacheRead)->ArgsProduct({{1, 100, 1'000, 10'000}, {2, 5, 6}})->ArgNames({"items", "level"})->UseRealTime();
+
+}  // namespace
+}  // namespace quelm::bench
+
+int main(int argc, char** argv) {
+    // The children come first, while this process is still small.
+    quelm::bench::startPings();
+    quelm::bench::startServer();
+    benchmark::Initialize(&argc, argv);
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    return 0;
+}
