@@ -577,7 +577,7 @@ void ServerConnection::reportInadmissible(const SecurityContext* context) {
 void ServerConnection::assemble(const Header& header, const Request& request, std::span<const std::uint8_t> stub,
                                 SecurityContext* context) {
     const bool first = (header.flags & flagFirst) != 0;
-    const std::uint32_t securityId = context != nullptr ? context->id : 0;
+    const auto securityId = context != nullptr ? std::optional(context->id) : std::nullopt;
     if (first == assembly_.active) {
         return protocolError(header, "the fragments of a call are out of order");
     }
@@ -596,6 +596,9 @@ void ServerConnection::assemble(const Header& header, const Request& request, st
                request.contextId != assembly_.request.contextId || request.object != assembly_.request.object ||
                securityId != assembly_.securityId) {
         return protocolError(header, "the fragments of different calls are mixed");
+    } else if (!assembly_.dropped && faultBeforeCall(context, request) != 0) {
+        // The log-on that the call began under was taken back meanwhile, by whoever sits between.
+        return protocolError(header, "a log-on changed in the middle of a call");
     }
     const std::size_t limit =
         loggedOn_ ? settings_.maxCallSize : std::min(settings_.maxCallSize, maxCallSizeBeforeLogOn);

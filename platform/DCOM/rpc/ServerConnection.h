@@ -93,7 +93,7 @@ class ServerConnection {
         bool dropped = false;  // answered with a fault already: its further fragments are only checked
         std::uint32_t callId = 0;
         Request request;
-        std::uint32_t securityId = 0;
+        std::optional<std::uint32_t> securityId;  // none: without a log-on
         std::vector<std::uint8_t> stub;
     };
     enum class LogOnStep { Answered, Refused, Rejected };

@@ -313,6 +313,25 @@ TEST_F(RpcFixture, CallAtAnotherLevelThanItsLogOnEndsTheConnection) {
     EXPECT_THAT(handler.calls, IsEmpty());
 }
 
+// Whoever sits between client and server must not put an end of his own to a protected call.
+TEST_F(RpcFixture, ALaterFragmentWithLessProtectionThanTheFirstEndsTheConnection) {
+    for (const bool renegotiated : {false, true}) {
+        reconnect();
+        NtlmLogOn client(Kind::V2, "opc", "secret");
+        logOn(client, 6, 0);
+        EXPECT_THAT(exchange(protectedRequest({.opnum = 3, .stub = hex("01020304"), .flags = flagFirst}, 6, 0, client)),
+                    IsEmpty());
+        Data last = request({.opnum = 3, .stub = hex("05"), .flags = flagLast});
+        if (renegotiated) {
+            exchange(pdu(PduType::AlterContext, 3, 3, bindBody({{0}}), {6, 0, client.negotiate()}));
+            last = request({.opnum = 3, .stub = hex("05"), .flags = flagLast}, 6, 0);
+        }
+        EXPECT_EQ(expectOne(last, PduType::Fault).faultStatus(), faultProtocol);
+        EXPECT_TRUE(connection->closing());
+        EXPECT_THAT(handler.calls, IsEmpty());
+    }
+}
+
 // ---- Messages that make no sense -------------------------------------------------------------------------------
 
 struct Nonsense {
