@@ -67,8 +67,8 @@ Part takePart(std::string_view& rest) {
     return part;
 }
 
-bool isSecret(std::string_view key) {
-    const std::string folded = foldCase(key);
+bool isSecret(std::string_view text) {
+    const std::string folded = foldCase(text);
     for (const std::string_view word : {"pwd", "password", "passwd", "secret", "token"}) {
         if (folded.find(word) != std::string::npos) {
             return true;
@@ -145,7 +145,9 @@ std::string redactConnectionString(std::string_view text) {
         if (!part.hasKey) {
             shown += "***";
         } else {
-            shown.append(part.key).append("=").append(isSecret(part.key) ? "***" : part.value);
+            // In a value too: a brace or quote that was never closed, or a forgotten ";", takes a password in.
+            const bool hidden = isSecret(part.key) || isSecret(part.value);
+            shown.append(part.key).append("=").append(hidden ? "***" : part.value);
         }
     }
     return shown;

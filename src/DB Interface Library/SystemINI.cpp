@@ -6,6 +6,7 @@
 #include <fmt/format.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <charconv>
@@ -20,11 +21,22 @@ namespace quelm {
 
 namespace {
 
+constexpr std::string_view damagedHeading = "[?]";
+
 std::string_view trimSpace(std::string_view text) {
-    constexpr std::string_view space = " \t\r\n";
+    constexpr std::string_view space = " \t\r\n\v\f";
     const std::size_t first = text.find_first_not_of(space);
     return first == std::string_view::npos ? std::string_view()
                                            : text.substr(first, text.find_last_not_of(space) - first + 1);
+}
+
+// What stands in the file as a problem line may show it: short and on one line.
+std::string shown(std::string_view value) {
+    std::string text(leftCharacters(value, 64));
+    const bool isCut = text.size() < value.size();
+    std::replace_if(
+        text.begin(), text.end(), [](unsigned char c) { return c < ' ' || c == 0x7F; }, '?');
+    return isCut ? text + "..." : text;
 }
 
 std::optional<std::int32_t> wholeNumber(std::string_view text) {
@@ -128,10 +140,11 @@ bool SystemINI::ReadINI(std::int32_t, bool blnReport) {
     placements_.clear();
     selected_.reset();
 
-    const std::optional<std::string> contents = readFile(blnReport);
+    std::optional<std::string> contents = readFile(blnReport);
     if (!contents) {
         return false;
     }
+    takeOutDamage(*contents, blnReport);
     File file;
     if (!file.load(*contents)) {
         report(blnReport, "not an INI file");
@@ -173,8 +186,35 @@ std::optional<std::string> SystemINI::readFile(bool blnReport) const {
     return contents;
 }
 
+// The INI library stops at a NUL, and lets the lines under a heading without "]" join the section before, where they
+// would overwrite another site's.
+void SystemINI::takeOutDamage(std::string& contents, bool blnReport) const {
+    std::replace(contents.begin(), contents.end(), '\0', ' ');
+    std::string sound;
+    sound.reserve(contents.size());
+    std::string firstDamaged;
+    std::size_t damaged = 0;
+    for (std::size_t begin = 0; begin < contents.size();) {
+        const std::size_t end = std::min(contents.find_first_of("\r\n", begin), contents.size());
+        const std::string_view line = trimSpace(std::string_view(contents).substr(begin, end - begin));
+        const bool isDamaged = line.starts_with('[') && line.find(']') == std::string_view::npos;
+        if (isDamaged && damaged++ == 0) {
+            firstDamaged = shown(line);
+        }
+        sound.append(isDamaged ? damagedHeading : line).append("\n");
+        begin = end + 1;
+    }
+    contents = std::move(sound);
+    if (damaged > 0) {
+        report(blnReport, fmt::format("'{}': a heading without ] (there are {}); the lines under it are left out",
+                                      firstDamaged, damaged));
+    }
+}
+
 void SystemINI::readEntry(const File& file, const std::string& section, bool blnReport) {
-    const auto problem = [&](std::string_view text) { report(blnReport, fmt::format("[{}]: {}", section, text)); };
+    const auto problem = [&](std::string_view text) {
+        report(blnReport, fmt::format("[{}]: {}", shown(section), text));
+    };
 
     DAHSEntry entry;
     entry.SiteID = file.value(section, "SiteID");
@@ -185,7 +225,7 @@ void SystemINI::readEntry(const File& file, const std::string& section, bool bln
     const std::string number = file.value(section, "DAHSID");
     const std::optional<std::int32_t> dahsID = wholeNumber(number);
     if (!dahsID) {
-        problem(fmt::format("DAHSID '{}' is not a 32-bit whole number; the entry is left out", number));
+        problem(fmt::format("DAHSID '{}' is not a 32-bit whole number; the entry is left out", shown(number)));
         return;
     }
     entry.DAHSID = *dahsID;
@@ -195,7 +235,7 @@ void SystemINI::readEntry(const File& file, const std::string& section, bool bln
     const std::string marked = file.value(section, "Default");
     const std::optional<bool> isDefault = yesOrNo(marked);
     if (!isDefault) {
-        problem(fmt::format("Default '{}' is neither yes nor no; read as no", marked));
+        problem(fmt::format("Default '{}' is neither yes nor no; read as no", shown(marked)));
     }
     entries_.push_back(std::move(entry));
     placements_.push_back(Placement{splitNames(file.value(section, "Computer")), isDefault.value_or(false)});

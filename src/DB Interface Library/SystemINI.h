@@ -45,6 +45,7 @@ class SystemINI final : public ISystemINI {
     class File;
 
     std::optional<std::string> readFile(bool blnReport) const;
+    void takeOutDamage(std::string& contents, bool blnReport) const;
     void readEntry(const File& file, const std::string& section, bool blnReport);
     bool namesThisComputer(const Placement& placement) const;
     void report(bool blnReport, std::string_view text) const;
