@@ -205,7 +205,7 @@ class GroupReader {
         dcom::ndr::Reader in(results);
         in.bytes(12);  // header, referent
         expect(in.u32() == handles_.size(), "items are missing");
-        dcom::ndr::Reader end(std::span(results).last(4));
+        dcom::ndr::Reader end{std::span<const std::uint8_t>(results).last(4)};
         expect(end.u32() == 0, "the read failed");
     }
 
