@@ -1,0 +1,56 @@
+// The DCOM settings file: whatever stands in it, the settings are usable, damage never weakens the protection, and no
+// password gets into what is logged.
+
+#include <algorithm>
+#include <string>
+
+#include "DCOM/DcomSettings.h"
+#include "FuzzInput.h"
+#include "Shared Types/Text.h"
+
+namespace quelm::fuzz {
+namespace {
+
+constexpr std::string_view secret = "Zq7vXk3Rw9";
+
+void checkLine(const std::string& line) {
+    require(line.find(secret) == std::string::npos, "no password in the log");
+    require(std::none_of(line.begin(), line.end(), [](unsigned char c) { return c < ' '; }), "one line each");
+    require(line.size() < 2000, "a line is of a sane length");
+}
+
+void runInput(Input input) {
+    const std::string lastLine = input.text();
+    const std::string host = input.text();
+    const Bytes rest = input.rest();
+    std::string text(rest.begin(), rest.end());
+    if ((lastLine + host + text).find(secret) != std::string::npos) {
+        return;  // the secret counts as one in its own place only
+    }
+    const bool mayBeWeak = text.find('=') != std::string::npos;
+    text += "\n[Accounts]\nfuzz =" + lastLine.substr(0, lastLine.find_first_of("\r\n")) + std::string(secret);
+    const dcom::DcomSettings settings = dcom::parseDcomSettings(text, "dcom.conf", host);
+    require(text.find(secret) == std::string::npos, "the text is wiped");
+    require(!settings.addresses.empty(), "at least one address");
+    require(settings.activationPort != 0, "an activation port");
+    require(!settings.ntlm.computerName.empty() && !settings.ntlm.domainName.empty(), "names to log on with");
+    if (!mayBeWeak) {
+        require(settings.minimumLevel == dcom::SecurityLevel::integrity && !settings.ntlm.allowAnonymous &&
+                    !settings.ntlm.allowNtlmV1Ess,
+                "strict unless told otherwise");
+    }
+    for (const auto& line : settings.problems) {
+        checkLine(line);
+    }
+    for (const auto& line : settings.notices) {
+        checkLine(line);
+    }
+}
+
+}  // namespace
+}  // namespace quelm::fuzz
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    quelm::fuzz::runInput({data, size});
+    return 0;
+}

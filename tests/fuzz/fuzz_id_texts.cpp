@@ -1,0 +1,144 @@
+// The texts in which tag definitions and I/O servers give parameter numbers, channel numbers, numbers and dates, and
+// the text functions that take them apart.
+
+#include <cmath>
+#include <string>
+
+#include "FuzzInput.h"
+#include "OPC/OPC DA Server/IOChannelIDFunctions.h"
+#include "OPC/OPC DA Server/PIDFunctions.h"
+#include "OPC/OPC DA Server/TextConversionFunctions.h"
+#include "OPC/OPC DA Server/UtilityFunctions.h"
+#include "Shared Types/Conversion.h"
+#include "Shared Types/RuntimeError.h"
+#include "Shared Types/Text.h"
+
+namespace quelm::fuzz {
+namespace {
+
+// Runs action; it may raise only the given numbers.
+template <class Action>
+void mayRaise(std::initializer_list<long> numbers, const char* what, Action action) {
+    try {
+        action();
+    } catch (const RuntimeError& error) {
+        require(std::find(numbers.begin(), numbers.end(), error.number()) != numbers.end(), what);
+    }
+}
+
+void checkIds(std::string_view text) {
+    for (const bool bracketed : {false, true}) {
+        const std::int32_t pid = ParsePID(text, bracketed);
+        require(pid == 0 || IsValidPID(Variant(pid)), "a PID that is read is valid");
+        require(pid == 0 || ParsePID(PIDToText(pid), false) == pid, "a PID's text reads as that PID");
+        require(pid == 0 || ParsePID("[" + PIDToText(pid) + "]", true) == pid, "in brackets too");
+        const std::int32_t channel = ParseIOChannelID(text, bracketed);
+        require(channel == 0 || IsValidIOChannelID(Variant(channel)), "a channel number that is read is valid");
+        require(channel == 0 || ParseIOChannelID("[@" + std::to_string(channel) + "]", true) == channel,
+                "a channel number reads back");
+    }
+    IsValidPID(Variant(text));
+    IsValidIOChannelID(Variant(text));
+    mayRaise({errors::overflow}, "overflow and nothing else", [&] { LeadingNumber(text); });
+    std::string_view rest = text;
+    mayRaise({errors::overflow}, "overflow and nothing else", [&] {
+        while (!rest.empty()) {
+            const std::size_t before = rest.size();
+            require(TakeTrailingNumber(rest, 3) >= -1 && rest.size() < before, "every step takes something");
+        }
+    });
+}
+
+void checkPid(std::int32_t pid) {
+    const std::string text = PIDToText(pid);
+    require(text.empty() != IsValidPID(Variant(pid)), "valid PIDs have a text");
+    require(text.empty() || ParsePID(text, false) == pid, "a PID's text reads as that PID");
+    const std::int32_t made =
+        MakePID(GetPIDPart(pid, 1), GetPIDPart(pid, 2), GetPIDPart(pid, 5), GetPIDPart(pid, 4), GetPIDPart(pid, 3));
+    require(made == (text.empty() ? 0 : pid), "a PID's parts make that PID");
+}
+
+void checkConversions(std::string_view text) {
+    const Variant value(text);
+    if (isNumeric(value)) {
+        require(std::isfinite(toDouble(value)), "a number is a number");
+        mayRaise({errors::overflow}, "overflow and nothing else", [&] { toInt32(value); });
+        mayRaise({errors::overflow}, "overflow and nothing else", [&] { toDecimal(value); });
+        mayRaise({errors::overflow}, "overflow and nothing else", [&] { toSingle(value); });
+    }
+    if (const auto date = parseDate(text)) {
+        require(isDateLike(value), "what reads as a date is one");
+        const auto again = parseDate(dateText(*date));
+        require(again && dateText(*again) == dateText(*date), "a date's text reads as that date");
+        require(toDate(value) == *date, "one and the same date");
+    } else {
+        require(!isDateLike(value), "what doesn't read as a date is none");
+    }
+    mayRaise({errors::typeMismatch, errors::overflow}, "mismatch or overflow", [&] { toBoolean(value); });
+    mayRaise({errors::typeMismatch, errors::overflow}, "mismatch or overflow", [&] { toInt16(value); });
+    mayRaise({errors::typeMismatch, errors::overflow, errors::invalidCall}, "mismatch, overflow or a date's range",
+             [&] { toDate(value); });
+}
+
+void checkDouble(double number) {
+    if (!std::isfinite(number)) {
+        return;
+    }
+    NumberToText(Variant(number));
+    const std::string text = VariantToText(Variant(number));
+    require(parseNumber(text).has_value(), "a number's text is a number");
+    if (number >= minDateDays && number < maxDateDays - 1) {
+        const Date date{number};
+        const auto again = parseDate(dateText(date));
+        require(again.has_value(), "a date's text is a date");
+        require(dateText(*again) == dateText(date), "and that one");
+    }
+}
+
+void checkTexts(std::string_view text, Input& input) {
+    const std::string start = input.text();
+    const std::string end = input.text();
+    const auto position = static_cast<std::int16_t>(input.u16());
+    const auto mode = (position & 1) != 0 ? CompareMode::Exact : CompareMode::IgnoreCase;
+    mayRaise({errors::invalidCall}, "a start below 1 and nothing else", [&] {
+        std::int32_t next = 0;
+        std::int32_t found = 0;
+        const std::string between = GetTextBetween(text, start, end, position, mode, next, found);
+        require(text.find(between) != std::string_view::npos, "what stands between stands in the text");
+        require(found >= 0 && next >= 0, "positions are never negative");
+    });
+    const std::int32_t width = position % 1000;
+    for (const bool left : {false, true}) {
+        const std::string padded = PadText(text, width, left, true);
+        if (width >= 0) {
+            require(characterCount(padded) == static_cast<std::size_t>(width), "padded to its width");
+        }
+        require(characterCount(PadText(text, width, left, false)) >= characterCount(text), "nothing is cut");
+    }
+    TruncateText(text, width);
+    StripQuotes(text);
+    require(foldCase(foldCase(text)) == foldCase(text), "folding twice is folding once");
+}
+
+void runInput(Input input) {
+    double number = 0;
+    const Bytes raw = input.bytes(sizeof number);
+    std::memcpy(&number, raw.data(), raw.size());
+    std::int32_t pid = 0;
+    std::memcpy(&pid, raw.data(), std::min(raw.size(), sizeof pid));
+    const Bytes part = input.part();
+    const ExactCopy text(part);
+    checkIds(text.text());
+    checkPid(pid);
+    checkDouble(number);
+    checkConversions(text.text());
+    checkTexts(text.text(), input);
+}
+
+}  // namespace
+}  // namespace quelm::fuzz
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    quelm::fuzz::runInput({data, size});
+    return 0;
+}

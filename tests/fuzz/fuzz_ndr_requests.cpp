@@ -1,0 +1,172 @@
+// The requests of OPC clients, as sequences of calls on every interface of one server object and all that it hands
+// out. Whatever they hold, a known method answers in full, and nothing is left when the client is gone.
+
+#include <algorithm>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "FuzzInput.h"
+#include "OPC DA/wire/Iids.h"
+#include "OPC DA/wire/OpcClassFactory.h"
+#include "OPC DA/wire/OpcGroupObject.h"
+#include "OPC DA/wire/OpcServerObject.h"
+#include "SLIK-DA/SLIKServer.h"
+#include "Shared Types/TimeSource.h"
+
+namespace quelm::fuzz {
+namespace {
+
+namespace orpc = dcom::orpc;
+namespace wire = opcda::wire;
+using dcom::Uuid;
+using Object = std::shared_ptr<orpc::ComObject>;
+
+constexpr Uuid iidUnknown = Uuid::parse("00000000-0000-0000-C000-000000000046");
+constexpr Uuid interfaces[] = {wire::iidOpcServer,         wire::iidOpcBrowseServerAddressSpace,
+                               wire::iidOpcItemProperties, wire::iidOpcCommon,
+                               wire::iidOpcItemIo,         wire::iidOpcGroupStateMgt,
+                               wire::iidOpcItemMgt,        wire::iidOpcSyncIo,
+                               wire::iidOpcAsyncIo2,       wire::iidEnumUnknown,
+                               wire::iidEnumString,        wire::iidEnumOpcItemAttributes};
+
+// A host that fills most of what it is asked for, and at times reports a failure.
+class Host final : public ISLIKServerEvents {
+ public:
+    void SLIKServer1_OnClientDisconnect(std::int32_t remaining) override {
+        require(remaining == 0, "there is one client only");
+    }
+    void SLIKServer1_OnRead(std::int32_t count, const std::vector<ISLIKRequestedItem*>& items,
+                            std::int32_t& error) override {
+        require(count > 0 && items.size() == static_cast<std::size_t>(count), "a read has items");
+        for (std::size_t i = 0; i < items.size() && !items[i]->Name().ends_with("Date"); ++i) {
+            items[i]->SetVQT(Variant("12.5"), 0xC0, localNow());
+        }
+        error = count % 7 == 6 ? SLIKServer::failed : 0;
+    }
+    void SLIKServer1_OnWrite(std::int32_t, std::int32_t& error) override { error = SLIKServer::failed; }
+};
+
+// Keeps what the client was given, as the exporter does: each object once, until the client lets go of it.
+class Client final : public orpc::CallContext {
+ public:
+    dcom::HResult writeInterface(dcom::ndr::Writer& out, const Object& object, const Uuid& iid) override {
+        if (object == nullptr || (iid != iidUnknown && object->queryInterface(iid) == nullptr)) {
+            out.nullPointer();
+            return dcom::E_NOINTERFACE;
+        }
+        hold(object);
+        out.pointer();
+        out.u32(4);
+        out.u32(4);
+        out.u32(0x574F454D);
+        return dcom::S_OK;
+    }
+    const dcom::rpc::Peer& peer() const override { return peer_; }
+    const std::string& account() const override { return account_; }
+
+    void hold(const Object& object) {
+        if (std::find(held_.begin(), held_.end(), object) == held_.end()) {
+            held_.push_back(object);
+        }
+    }
+    // 0 is the last one handed out.
+    Object object(std::size_t number) const {
+        return held_.empty() ? nullptr : held_[held_.size() - 1 - number % held_.size()];
+    }
+    void release(const Object& object) {
+        std::erase(held_, object);
+        object->disconnected();
+    }
+    bool holdsAny() const { return !held_.empty(); }
+
+ private:
+    dcom::rpc::Peer peer_{7, "192.0.2.9:50000", "192.0.2.1", 49200};
+    std::string account_ = "PLANT\\historian";
+    std::vector<Object> held_;
+};
+
+class Plant {
+ public:
+    Plant() {
+        control_.SetEvents(&host_);
+        ItemStore& items = control_.SLIKTags();
+        const Date now = localNow();
+        items.Add("A.Temp", 1, 12.5F, static_cast<std::int16_t>(0x80C0U), now);
+        items.Add("A.B.Count", 3, std::int32_t{7}, 0xC0, now);
+        items.Add("Name", 1, "Ab \xC3\xBC", 0x40, now);
+        items.Add("A.Flow", 2, 0.25, 0x18, Date{});
+        items.Add("Switch", 1, true, 0xC0, now);
+        items.Add("Date", 1, now, 0xC0, now);
+        items.Add("Empty", 1, Variant(), 0, now);
+        dcom::HResult result = dcom::S_OK;
+        client_.hold(wire::OpcClassFactory(application_).create(client_.peer(), client_.account(), result));
+        require(!dcom::failed(result) && control_.InUse(), "a client's object keeps the server in use");
+    }
+    ~Plant() {
+        while (client_.holdsAny()) {
+            client_.release(client_.object(0));
+        }
+        require(!control_.InUse(), "nothing is in use when the client is gone");
+    }
+
+    void step(Input& input) {
+        const std::uint8_t what = input.u8();
+        const std::uint8_t opnum = input.u8();
+        const Object object = client_.object(what >> 4);
+        if (object == nullptr) {
+            return;
+        }
+        const Bytes stub = input.part();
+        if (opnum == 0xFF) {
+            client_.release(object);
+            return;
+        }
+        if (orpc::Interface* target = interfaceOf(*object, what & 15)) {
+            call(*target, opnum, stub);
+        }
+    }
+
+ private:
+    // The number counts the interfaces that the object has.
+    static orpc::Interface* interfaceOf(orpc::ComObject& object, unsigned number) {
+        std::vector<orpc::Interface*> found;
+        for (const Uuid& iid : interfaces) {
+            if (orpc::Interface* one = object.queryInterface(iid)) {
+                found.push_back(one);
+            }
+        }
+        return found.empty() ? nullptr : found[number % found.size()];
+    }
+
+    void call(orpc::Interface& target, std::uint16_t opnum, Bytes stub) {
+        const ExactCopy exact(stub);
+        dcom::ndr::Reader in({reinterpret_cast<const std::uint8_t*>(exact.text().data()), stub.size()});
+        reply_.assign(8, 0);
+        dcom::ndr::Writer out(reply_);
+        const std::uint32_t fault = target.invoke(opnum, in, out, client_);
+        require(fault != 0 || reply_.size() >= 12, "an answer holds a result");
+        require(fault == 0 || fault == dcom::faultBadStubData || fault == dcom::faultOpnumRange, "a known fault");
+        require(reply_.size() < 1000 * (stub.size() + 100), "a reply is of a sane length");
+    }
+
+    SLIKServer control_;
+    Host host_;
+    opcda::Application application_{control_};
+    Client client_;
+    std::vector<std::uint8_t> reply_;
+};
+
+}  // namespace
+}  // namespace quelm::fuzz
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    quelm::ManualTimeSource time(quelm::Date{46348.5});
+    const quelm::ScopedTimeSource scope(time);
+    quelm::fuzz::Input input(data, size);
+    quelm::fuzz::Plant plant;
+    for (int steps = 0; steps < 60 && !input.empty(); ++steps) {
+        plant.step(input);
+    }
+    return 0;
+}

@@ -1,0 +1,140 @@
+// The NTLM messages of clients: as arbitrary bytes, and as a proper log-on that was altered on its way. Nobody gets in
+// without the password, and a message that carries a checksum lets no alteration pass.
+
+#include <algorithm>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "DCOM/ntlm/Messages.h"
+#include "DCOM/ntlm/ServerContext.h"
+#include "FuzzInput.h"
+#include "Ntlm/NtlmClient.h"
+#include "Shared Types/TimeSource.h"
+
+namespace quelm::fuzz {
+namespace {
+
+namespace ntlm = dcom::ntlm;
+using ntlm::test::Buffer;
+
+class OneAccount final : public ntlm::AccountStore {
+ public:
+    std::optional<ntlm::NtHash> find(std::string_view, std::string_view user) const override {
+        static const ntlm::NtHash hash = ntlm::ntHash("secret");
+        return user == "opc" ? std::optional(hash) : std::nullopt;
+    }
+    bool knowsUser(std::string_view user) const override { return user == "opc"; }
+};
+
+bool inside(Bytes part, Bytes whole) {
+    return part.empty() || (part.data() >= whole.data() && part.data() + part.size() <= whole.data() + whole.size());
+}
+
+void parseAlone(Bytes message) {
+    ntlm::messageType(message);
+    ntlm::parseNegotiate(message);
+    ntlm::clientAvFlags(message);
+    if (const auto read = ntlm::parseAuthenticate(message)) {
+        for (const Bytes part : {read->lmResponse, read->ntResponse, read->encryptedSessionKey}) {
+            require(inside(part, message), "what is read lies inside the message");
+        }
+        require(read->user.size() <= 256 && read->domain.size() <= 256, "names are of a sane length");
+    }
+    if (const auto pairs = ntlm::parseAvPairs(message)) {
+        for (const ntlm::AvPair& pair : *pairs) {
+            require(inside(pair.value, message), "what is read lies inside the list");
+        }
+    }
+}
+
+// Takes the last message, and protected messages after it whatever became of the log-on.
+std::string finish(ntlm::ServerContext& context, Bytes last, Bytes traffic) {
+    const std::string reason = context.authenticate(last);
+    require(context.authenticated() == reason.empty(), "either logged on or a reason why not");
+    const std::string& account = context.account();
+    require(std::none_of(account.begin(), account.end(), [](unsigned char c) { return c < ' ' || c == 0x7F; }),
+            "an account's name is one line");
+    require(!context.authenticate(last).empty(), "a log-on is not repeated");
+    ntlm::ServerContext::Signature signature{};
+    context.sign(traffic, signature);
+    const Bytes given = traffic.first(std::min<std::size_t>(16, traffic.size()));
+    const bool verified = context.verify(traffic, given);
+    require(!verified, "no signature by chance");
+    Buffer sealed(traffic.begin(), traffic.end());
+    context.seal(sealed, std::span(sealed).subspan(sealed.size() / 2), signature);
+    if (context.canSeal()) {
+        context.unseal(sealed, std::span(sealed).subspan(sealed.size() / 2), given);
+    }
+    return reason;
+}
+
+void logOnWithBytes(ntlm::ServerContext& context, bool anonymous, Input& input) {
+    ExactCopy first(input.part());
+    ExactCopy last(input.part());
+    parseAlone(first.bytes());
+    parseAlone(last.bytes());
+    const bool begun = context.challenge(first.bytes()).has_value();
+    const std::string reason = finish(context, last.bytes(), input.rest());
+    if (reason.empty()) {
+        require(begun && anonymous && context.account().empty(), "nobody logs on without the password");
+    }
+}
+
+void logOnAltered(ntlm::ServerContext& context, bool anonymous, std::uint8_t mode, Input& input) {
+    const std::uint32_t asked = (mode & 8) != 0 ? ntlm::test::connectFlags : ntlm::test::sealingFlags;
+    const Buffer first = ntlm::test::negotiate(asked);
+    const auto challenge = context.challenge(first);
+    require(challenge.has_value(), "a proper message is answered");
+    ntlm::test::NtlmClient client("PLANT", (mode & 16) != 0 ? "opc" : "nobody", (mode & 32) != 0 ? "secret" : "guess");
+    const bool checksum = (mode & 64) != 0;
+    const bool versionOne = (mode & 128) != 0;
+    const Buffer proper = versionOne ? client.answerV1Ess(*challenge)
+                                     : client.answerV2(*challenge, checksum ? std::optional(first) : std::nullopt);
+    Buffer last = proper;
+    for (unsigned changes = input.u8() % 8; changes > 0; --changes) {
+        const std::size_t at = input.u16() % last.size();
+        last[at] = input.u8();
+    }
+    const std::size_t cut = input.u16();
+    if (cut < last.size()) {
+        last.resize(cut == 0 ? last.size() : cut);
+    }
+    ExactCopy exact(last);
+    const bool loggedOn = finish(context, exact.bytes(), input.rest()).empty();
+    const bool rightPassword = (mode & 48) == 48;
+    if (!anonymous) {
+        require(!loggedOn || rightPassword, "nobody logs on without the password");
+        require(!loggedOn || versionOne || !checksum || last == proper, "an altered message is refused");
+    }
+    if (rightPassword && last == proper && !versionOne) {
+        require(loggedOn, "a proper log-on goes through");
+    }
+}
+
+void runInput(Input input) {
+    const std::uint8_t mode = input.u8();
+    const OneAccount accounts;
+    ntlm::ServerSettings settings;
+    settings.computerName = "SERVER";
+    settings.domainName = "PLANT";
+    settings.dnsDomainName = "plant.example";
+    settings.allowAnonymous = (mode & 2) != 0;
+    settings.allowNtlmV1Ess = (mode & 4) != 0;
+    ntlm::ServerContext context(accounts, settings, std::array<std::uint8_t, 8>{1, 2, 3, 4, 5, 6, 7, 8});
+    if ((mode & 1) == 0) {
+        logOnWithBytes(context, settings.allowAnonymous, input);
+    } else {
+        logOnAltered(context, settings.allowAnonymous, mode, input);
+    }
+}
+
+}  // namespace
+}  // namespace quelm::fuzz
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    quelm::ManualTimeSource time(quelm::Date{46348.5});
+    const quelm::ScopedTimeSource scope(time);
+    quelm::fuzz::runInput({data, size});
+    return 0;
+}
