@@ -100,7 +100,7 @@ void OpcNetwork::open() {
         lines_.trouble(problem);
     }
     for (const std::string& notice : settings.notices) {
-        lines_.notice(notice);
+        lines_.weakened(notice);
     }
     impl_ = std::make_unique<Impl>(control_, loop_, lines_, std::move(settings));
     try {

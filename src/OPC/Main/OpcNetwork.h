@@ -14,11 +14,11 @@ namespace quelm {
 
 class OpcNetwork {
  public:
-    // A plain line for the operator: notice for what is set weaker than the default and for where clients are served,
-    // trouble for damaged settings and refused clients.
+    // Plain lines for the operator.
     struct Lines {
-        std::function<void(std::string_view)> notice;
-        std::function<void(std::string_view)> trouble;
+        std::function<void(std::string_view)> weakened;  // a setting that lets in what the default keeps out
+        std::function<void(std::string_view)> notice;    // where clients are served
+        std::function<void(std::string_view)> trouble;   // damaged settings, refused clients
     };
 
     // control and loop must outlive the network.

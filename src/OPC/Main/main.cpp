@@ -46,7 +46,11 @@ class Program {
  public:
     explicit Program(std::string commandLine)
         : window_(loop_, [this] { loop_.stop(); }),
-          network_(control_, loop_, {printProblem, printProblem}),
+          network_(control_, loop_,
+                   {// Whoever reads the log later must see how open the server was at that time.
+                    .weakened = [this](std::string_view line) { form_.AddMessage(msgtype::notice, line, true); },
+                    .notice = printProblem,
+                    .trouble = printProblem}),
           form_(parts(std::move(commandLine))) {
         control_.setHooks({
             .openNetwork = [this] { network_.open(); },
