@@ -63,6 +63,12 @@ class IRealtimeDB {
     virtual std::shared_ptr<const CurrentIOCollection> ReadCurrentIO(std::string_view strSiteID,
                                                                      bool blnUseImplicitChannels) = 0;
     virtual std::optional<MessageRecord> GetMessageRecord(std::string_view strSiteID, std::string_view strMsgID) = 0;
+    // Writes a command message record for an I/O server: strMsgType is the queue, strMsgData the command element,
+    // strDescription a line for people. strMsgID becomes the new record's ID and stays as it is when there is none.
+    // False when the database took the record without creating it.
+    virtual bool InsertMessage(std::string& strMsgID, std::string_view strSiteID, std::string_view strMsgType,
+                               std::string_view strMsgData, std::string_view strUnused1, std::string_view strUnused2,
+                               std::string_view strDescription) = 0;
     // Fills out with the site's current parameter values; keeps the strings' and vector's memory for reuse.
     virtual void ReadParameterValues(std::string_view strSiteID, std::vector<ParameterValue>& out) = 0;
 };

@@ -36,6 +36,15 @@ class IOSSimpleManager {
     void EnableReadingCurrentIO() { mblnReadingCurrentIOEnabled = true; }
     void DisableReadingCurrentIO() { mblnReadingCurrentIOEnabled = false; }
 
+    // Asks the channel's I/O server, by a command message record, to write a value to the channel; nothing waits for
+    // the answer. strSourceLocation (where the request comes from) and strRequestor (who asks; "" = nobody named) are
+    // for people. Refused, with a message, while reading CurrentIO is disabled, for channels that are not plain I/O
+    // channels, and for values that are Empty or blank (blnAllowEmptyStringWrite lets blank text through). Raises
+    // nothing.
+    void WriteValueToChannel(std::string_view strSourceLocation, std::int32_t lngChannelID, Variant varNewValue,
+                             std::string_view strRequestor = {}, bool blnTimeSensitive = false,
+                             bool blnIsFrequentWrite = false, bool blnIsAutoOutputEnabledRequired = false,
+                             bool blnAllowEmptyStringWrite = false);
     // "" for a channel without definition.
     std::string GetChannelName(std::int32_t lngChannelID);
     // 1 to 5; 0 for a channel without definition.
@@ -46,6 +55,12 @@ class IOSSimpleManager {
     // The channel's value as the I/O server last wrote it; Null when there is none, or when the channel's I/O server
     // has been silent for more than 45 seconds. Failures are reported and give what was found so far.
     Variant GetChannelValue(std::int32_t lngIOChanID);
+    // The values of a multi-value channel as an array of texts, joined from lngNumberOfBlocksToLoad blocks (below 1
+    // means 1) whose channel IDs start at lngIOChanID and lie lngBlockLength apart. Empty when there are none, when
+    // a block is missing or unreadable, or when the I/O servers are silent. lngPIDForMsgs only appears in messages.
+    // Raises nothing.
+    Variant GetMultiValueChannelCSV(std::int32_t lngIOChanID, std::int32_t lngPIDForMsgs,
+                                    std::int32_t lngNumberOfBlocksToLoad = 0, std::int32_t lngBlockLength = 0);
     bool UseImplicitChannels() const { return mblnUseImplicitChannels; }
     void SetUseImplicitChannels(bool blnNewValue) { mblnUseImplicitChannels = blnNewValue; }
 
@@ -56,6 +71,13 @@ class IOSSimpleManager {
     // Whether the site defines channels of that generation; decided at the first question, for the manager's life.
     bool IsIOS5Used();
     bool IsIOS6Used();
+    // Asks every generation in use, by a command message record each, to refresh all its data. strRequestor becomes
+    // the records' description. Raises nothing.
+    void ReadAllData(std::string_view strRequestor);
+    // Asks the I/O server of the list's first channel to refresh the channels of a list, which is passed on unchanged.
+    // True when the request was written; it is then pending until its record is done, and every further one is
+    // refused meanwhile. Raises nothing.
+    bool RefreshSelectedChannels(std::string_view strChannelList, std::string_view strRequestor);
     // Every generation in use has completed a refresh of all its data since the manager started watching.
     bool IsInitialCurrentIOReadComplete();
 

@@ -138,7 +138,10 @@ struct DBIL : IDBIL, IConfigurationReader, IRealtimeDB {
     std::shared_ptr<const ChannelDefCollection> channelDefs = std::make_shared<ChannelDefCollection>();
     std::shared_ptr<const CurrentIOCollection> snapshot;
     std::optional<MessageRecord> messageRecord;
-    Failure testFailure, definitionsFailure, channelDefsFailure, readFailure, messageFailure, terminateFailure;
+    Failure testFailure, definitionsFailure, channelDefsFailure, readFailure, messageFailure, insertFailure,
+        terminateFailure;
+    std::deque<bool> insertResults;  // True when used up
+    int inserted = 0;
     int reads = 0;
     int channelDefLoads = 0;
 
@@ -206,6 +209,18 @@ struct DBIL : IDBIL, IConfigurationReader, IRealtimeDB {
     std::optional<MessageRecord> GetMessageRecord(std::string_view, std::string_view) override {
         raiseIf(messageFailure);
         return messageRecord;
+    }
+    bool InsertMessage(std::string& strMsgID, std::string_view strSiteID, std::string_view strMsgType,
+                       std::string_view strMsgData, std::string_view strUnused1, std::string_view strUnused2,
+                       std::string_view strDescription) override {
+        journal.add(fmt::format("insert '{}' {} {} {} '{}' '{}' '{}'", strMsgID, strSiteID, strMsgType, strMsgData,
+                                strUnused1, strUnused2, strDescription));
+        raiseIf(insertFailure);
+        if (!next(insertResults)) {
+            return false;
+        }
+        strMsgID = fmt::format("M{}", ++inserted);
+        return true;
     }
     void ReadParameterValues(std::string_view, std::vector<ParameterValue>& out) override { out.clear(); }
 };
