@@ -63,7 +63,11 @@ CREATE TABLE IF NOT EXISTS CurrentIO (
     PRIMARY KEY (SiteID, IOID)
 ) WITHOUT ROWID;
 
--- Commands to the I/O servers: written by this server, carried out and marked by them.
+-- Commands to the I/O servers: written by this server, carried out and marked by them. IDs ascend in the order in which
+-- the records were written (unlike Created, which the end of daylight saving sets back by an hour), so an I/O server
+-- takes its commands by
+--   SELECT ... FROM Message WHERE SiteID = ? AND Type = ? AND State = '' ORDER BY ID
+-- and neither that nor a look at one record ever reads more than those records.
 CREATE TABLE IF NOT EXISTS Message (
     ID          TEXT NOT NULL PRIMARY KEY,  -- assigned when the record is written
     SiteID      TEXT NOT NULL,
@@ -74,9 +78,9 @@ CREATE TABLE IF NOT EXISTS Message (
     Description TEXT,                       -- who asked for what
     State       TEXT NOT NULL DEFAULT '',   -- "DONE" once processed
     Response    TEXT,                       -- XML with a Success element
-    Created     TEXT NOT NULL DEFAULT (strftime('%Y-%m-%d %H:%M:%f', 'now', 'localtime'))
+    Created     TEXT NOT NULL DEFAULT (strftime('%Y-%m-%d %H:%M:%f', 'now', 'localtime'))  -- local time
 ) WITHOUT ROWID;
-CREATE INDEX IF NOT EXISTS Message_Queue ON Message (SiteID, Type, State, Created);
+CREATE INDEX IF NOT EXISTS Message_Queue ON Message (SiteID, Type, State, ID);
 
 -- The latest value of each parameter for each of its interval types.
 CREATE TABLE IF NOT EXISTS ParameterValue (

@@ -1,6 +1,12 @@
 #include "DB Interface Library/RealtimeDB.h"
 
+#include <fmt/format.h>
+
 #include <limits>
+#include <utility>
+
+#include "Shared Types/Date.h"
+#include "Shared Types/TimeSource.h"
 
 namespace quelm {
 
@@ -27,6 +33,13 @@ bool readParameter(const ISqlRows& rows, ParameterValue& parameter) {
     return true;
 }
 
+// The present local time, "yyyy-MM-dd HH:mm:ss.fff".
+std::string timeStampText() {
+    const CivilTime now = civilTime(localNow());
+    return fmt::format("{:04}-{:02}-{:02} {:02}:{:02}:{:02}.{:03}", now.year, now.month, now.day, now.hour, now.minute,
+                       now.second, now.millisecond);
+}
+
 }  // namespace
 
 std::shared_ptr<const CurrentIOCollection> RealtimeDB::ReadCurrentIO(std::string_view strSiteID, bool) {
@@ -48,6 +61,23 @@ std::optional<MessageRecord> RealtimeDB::GetMessageRecord(std::string_view strSi
         return std::nullopt;
     }
     return MessageRecord{text(rows->value(0)), text(rows->value(1)), text(rows->value(2))};
+}
+
+bool RealtimeDB::InsertMessage(std::string& strMsgID, std::string_view strSiteID, std::string_view strMsgType,
+                               std::string_view strMsgData, std::string_view strUnused1, std::string_view strUnused2,
+                               std::string_view strDescription) {
+    std::string strNewID = messageIDs_.next();
+    const std::int64_t created =
+        sites_.connection(strSiteID, SiteTable::realtime)
+            .execute(
+                "INSERT INTO Message(ID, SiteID, Type, Data, Text1, Text2, Description, State, Created) "
+                "VALUES (?, ?, ?, ?, ?, ?, ?, '', ?)",
+                {strNewID, strSiteID, strMsgType, strMsgData, strUnused1, strUnused2, strDescription, timeStampText()});
+    if (created == 0) {
+        return false;
+    }
+    strMsgID = std::move(strNewID);
+    return true;
 }
 
 void RealtimeDB::ReadParameterValues(std::string_view strSiteID, std::vector<ParameterValue>& out) {

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "DB Interface Library/IDBIL.h"
+#include "DB Interface Library/MessageIDs.h"
 #include "DB Interface Library/SiteTable.h"
 
 namespace quelm {
@@ -20,6 +21,9 @@ class RealtimeDB final : public IRealtimeDB {
     std::shared_ptr<const CurrentIOCollection> ReadCurrentIO(std::string_view strSiteID,
                                                              bool blnUseImplicitChannels) override;
     std::optional<MessageRecord> GetMessageRecord(std::string_view strSiteID, std::string_view strMsgID) override;
+    bool InsertMessage(std::string& strMsgID, std::string_view strSiteID, std::string_view strMsgType,
+                       std::string_view strMsgData, std::string_view strUnused1, std::string_view strUnused2,
+                       std::string_view strDescription) override;
     void ReadParameterValues(std::string_view strSiteID, std::vector<ParameterValue>& out) override;
     // Lets go of the snapshots' memory.
     void releaseSnapshots() { snapshots_.clear(); }
@@ -27,6 +31,7 @@ class RealtimeDB final : public IRealtimeDB {
  private:
     SiteTable& sites_;
     std::map<std::string, CurrentIOSnapshots, std::less<>> snapshots_;
+    MessageIDs messageIDs_;
 };
 
 }  // namespace quelm
