@@ -20,6 +20,9 @@ INSERT INTO CurrentIO (SiteID, IOID, IsHDR, TStamp, NValue, XValue) VALUES
     ('NORTH', 'C301', 0, '2026-11-16 08:00:00', 48210.6, NULL),
     ('NORTH', 'C302', 0, '2026-11-16 08:00:00', 1, NULL),
     ('NORTH', 'C401', 0, '2026-11-16 08:00:00', NULL, '<Value>7;8;9</Value>'),
+    -- The spectrum as a list, in two blocks ten channel IDs apart.
+    ('NORTH', 'MultiValueC401', 0, '2026-11-16 08:00:00', NULL, '<CSV separator=";">7;8;9</CSV>'),
+    ('NORTH', 'MultiValueC411', 0, '2026-11-16 08:00:00', NULL, '<CSV separator=";">10;11;;13</CSV>'),
     ('NORTH', 'C501', 0, '2026-11-16 08:00:00', NULL, '<Value> 12.75 </Value>'),
     ('SOUTH', 'IOS6.AllCommsOk',     0, '2026-11-16 08:00:00', 1, NULL),
     ('SOUTH', 'IOS6.AllDataRefreshed', 0, '2026-11-16 08:00:00', NULL,

@@ -1,0 +1,118 @@
+#include "CommandQueue.h"
+
+#include <algorithm>
+
+#include "XML DOM/XmlDom.h"
+
+namespace demo {
+
+namespace {
+
+constexpr std::string_view queueOfIOS5 = "Q5IOCOMMAND";
+constexpr std::string_view queueOfIOS6 = "Q6IOCOMMAND";
+
+const std::string success = "<Success>1</Success>";
+
+// reason: plain words without mark-up.
+std::string failure(const std::string& reason) {
+    return "<Success>0</Success><Reason>" + reason + "</Reason>";
+}
+
+std::optional<std::string> attribute(const quelm::XmlNode& element, const std::string& name) {
+    const quelm::XmlNode found = element.selectSingleNode("@" + name);
+    return found.isNothing() ? std::nullopt : std::optional(found.text());
+}
+
+// The channels' keys: every run of digits is a channel ID, whatever stands between.
+std::vector<std::string> ioidsOf(std::string_view list) {
+    constexpr std::string_view digits = "0123456789";
+    std::vector<std::string> ioids;
+    for (std::size_t at = list.find_first_of(digits); at != std::string_view::npos;) {
+        const std::size_t end = std::min(list.find_first_not_of(digits, at), list.size());
+        ioids.push_back("C" + std::string(list.substr(at, end - at)));
+        at = list.find_first_of(digits, end);
+    }
+    return ioids;
+}
+
+}  // namespace
+
+std::optional<Misbehaviour> misbehaviourNamed(std::string_view name) {
+    if (name == "never-answer") {
+        return Misbehaviour::NeverAnswer;
+    }
+    if (name == "broken-xml") {
+        return Misbehaviour::BrokenXml;
+    }
+    if (name == "delete-record") {
+        return Misbehaviour::DeleteRecord;
+    }
+    return std::nullopt;
+}
+
+void CommandQueue::carryOut() {
+    if (misbehaviour_ == Misbehaviour::NeverAnswer) {
+        return;
+    }
+    for (const Command& command : waiting()) {
+        answer(command, responseTo(command));
+    }
+}
+
+std::vector<CommandQueue::Command> CommandQueue::waiting() {
+    std::vector<Command> commands;
+    database_.query(
+        "SELECT ID, SiteID, Type, Data FROM Message WHERE Type IN (?, ?) AND State <> 'DONE' ORDER BY Created, ID",
+        {std::string(queueOfIOS5), std::string(queueOfIOS6)}, [&commands](sqlite3_stmt* row) {
+            commands.push_back({columnText(row, 0), columnText(row, 1), columnText(row, 2), columnText(row, 3)});
+        });
+    return commands;
+}
+
+std::string CommandQueue::responseTo(const Command& command) {
+    quelm::XmlDocument document = quelm::XmlDocument::create();
+    if (!document.loadXML(command.data)) {
+        return failure("the command is not well-formed");
+    }
+    const quelm::XmlNode element = document.documentElement().selectSingleNode("/Command");
+    if (element.isNothing()) {
+        return failure("there is no Command element");
+    }
+    const std::string action = attribute(element, "action").value_or("");
+    const std::optional<std::string> value = attribute(element, "value");
+    if (action == "RefreshAllData") {
+        plant_.refreshAll(command.siteID, command.queue == queueOfIOS5 ? Generation::IOS5 : Generation::IOS6);
+        return success;
+    }
+    if (!value) {
+        return failure("the command has no value, or its action is unknown");
+    }
+    if (action == "WriteToChannel") {
+        return write(command, attribute(element, "id").value_or(""), *value);
+    }
+    return action == "RefreshSelectedChannels" ? refreshSelected(command, *value) : failure("unknown action");
+}
+
+std::string CommandQueue::write(const Command& command, const std::string& ioid, const std::string& value) {
+    const bool isChannel = ioidsOf(ioid) == std::vector{ioid};
+    return isChannel && plant_.write(command.siteID, ioid, value) ? success : failure("no such channel");
+}
+
+std::string CommandQueue::refreshSelected(const Command& command, std::string_view channels) {
+    const std::vector<std::string> ioids = ioidsOf(channels);
+    const auto refreshed = std::count_if(ioids.begin(), ioids.end(),
+                                         [&](const std::string& ioid) { return plant_.refresh(command.siteID, ioid); });
+    return refreshed > 0 ? success : failure("none of the channels is known");
+}
+
+void CommandQueue::answer(const Command& command, const std::string& response) {
+    if (misbehaviour_ == Misbehaviour::DeleteRecord) {
+        database_.run("DELETE FROM Message WHERE SiteID = ? AND ID = ?", {command.siteID, command.id});
+        return;
+    }
+    database_.run(
+        "UPDATE Message SET State = 'DONE', Response = ? WHERE SiteID = ? AND ID = ?",
+        {misbehaviour_ == Misbehaviour::BrokenXml ? "<Success>1</Succ" : response, command.siteID, command.id});
+}
+
+}  // namespace demo

@@ -1,0 +1,54 @@
+#pragma once
+
+// Takes command records from both queues of the Message table, has the plant carry them out and marks them done. On
+// request it does none of that well, so that one can see what a server makes of it.
+
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "Database.h"
+#include "Plant.h"
+
+namespace demo {
+
+enum class Misbehaviour {
+    None,
+    NeverAnswer,   // leaves every record as it is
+    BrokenXml,     // carries commands out, but answers with a response that is not well-formed
+    DeleteRecord,  // carries commands out, but deletes the record instead of answering
+};
+
+// The name as it stands on the command line ("never-answer"); nothing for any other.
+std::optional<Misbehaviour> misbehaviourNamed(std::string_view name);
+
+class CommandQueue {
+ public:
+    // Both must outlive the queue.
+    CommandQueue(Database& database, Plant& plant, Misbehaviour misbehaviour)
+        : database_(database), plant_(plant), misbehaviour_(misbehaviour) {}
+
+    // Every command that waits now, the oldest first. Writes in the caller's transaction.
+    void carryOut();
+
+ private:
+    struct Command {
+        std::string id;
+        std::string siteID;
+        std::string queue;
+        std::string data;
+    };
+
+    std::vector<Command> waiting();
+    std::string responseTo(const Command& command);
+    std::string write(const Command& command, const std::string& ioid, const std::string& value);
+    std::string refreshSelected(const Command& command, std::string_view channels);
+    void answer(const Command& command, const std::string& response);
+
+    Database& database_;
+    Plant& plant_;
+    Misbehaviour misbehaviour_;
+};
+
+}  // namespace demo
