@@ -5,12 +5,16 @@
 #include <algorithm>
 #include <cmath>
 #include <utility>
+#include <vector>
 
+#include "OPC/OPC DA Server/IOCommandConstants.h"
+#include "OPC/OPC DA Server/PIDFunctions.h"
+#include "OPC/OPC DA Server/TextConversionFunctions.h"
 #include "OPC/OPC DA Server/UtilityFunctions.h"
 #include "OPC/OPC DA Server/UtilityXMLDOMFunctions.h"
 #include "Shared Types/Conversion.h"
 #include "Shared Types/RuntimeError.h"
-#include "XML DOM/XmlDom.h"
+#include "Shared Types/Text.h"
 
 namespace quelm {
 namespace {
@@ -61,6 +65,77 @@ Date dateOrZero(const Variant& value) {
     return value.kind() == VariantKind::Date ? value.date() : Date{};
 }
 
+// Of the I/O server that owns channels of that definition type; "" when none does.
+std::string_view queueOfType(std::int32_t lngDefinitionType) {
+    switch (generationOfType(lngDefinitionType)) {
+        case generation5:
+            return iocommand::queueIOS5;
+        case generation6:
+            return iocommand::queueIOS6;
+        default:
+            return {};
+    }
+}
+
+// Why a channel of that definition type cannot be written to; "" when it can.
+std::string_view writeRefusal(std::int32_t lngDefinitionType) {
+    switch (lngDefinitionType) {
+        case 1:
+        case 3:
+            return {};
+        case 2:
+            return "OPC-0146: Can't write to channel; writing to Q5 implicit channel is not allowed ";
+        case 4:
+            return "OPC-0147: Can't write to channel; writing to Q6 multivalue CSV channel is not allowed ";
+        case 5:
+            return "OPC-0148: Can't write to channel; writing to Q6 multivalue UDT channel is not allowed ";
+        default:
+            return "OPC-0149: Can't write to channel; channel is not defined ";
+    }
+}
+
+// The null that passes is deliberate: it is sent as an empty text. Nothing at all never passes.
+bool isWritable(const Variant& varValue, std::string_view strText, bool blnAllowEmptyStringWrite) {
+    const bool blnHasText = blnAllowEmptyStringWrite || !trimBlanks(strText).empty();
+    return (blnHasText && !varValue.isEmpty()) || varValue.isNull();
+}
+
+// Deliberate in every command: values stand in it unescaped, whatever they hold.
+std::string refreshCommand(std::string_view strChannelList) {
+    return fmt::format("<Command action=\"{}\" value=\"{}\" />", iocommand::refreshSelectedChannels, strChannelList);
+}
+
+// The two blanks before each option are deliberate.
+std::string writeCommand(std::int32_t lngChannelID, std::string_view strValue, bool blnTimeSensitive,
+                         bool blnIsFrequentWrite, bool blnIsAutoOutputEnabledRequired) {
+    return fmt::format("<Command action=\"{}\" id=\"C{}\" value=\"{}\" {}{}{}/>", iocommand::writeToChannel,
+                       lngChannelID, strValue, blnTimeSensitive ? " priority=\"high\" " : "",
+                       blnIsFrequentWrite ? " hf=\"1\" " : "",
+                       blnIsAutoOutputEnabledRequired ? " requireAOE=\"1\" " : "");
+}
+
+std::string writeDescription(std::string_view strSourceLocation, std::int32_t lngChannelID,
+                             std::string_view strRequestor, bool blnIsAutoOutputEnabledRequired) {
+    return fmt::format("{} {}>> C{}; {}", strRequestor.empty() ? "OPC WriteValueToChannel" : strRequestor,
+                       blnIsAutoOutputEnabledRequired ? "AOE " : "", lngChannelID, strSourceLocation);
+}
+
+std::string withoutLineBreaks(std::string text) {
+    text.erase(std::remove_if(text.begin(), text.end(), [](char c) { return c == '\r' || c == '\n'; }), text.end());
+    return text;
+}
+
+// Keeps empty pieces.
+std::vector<std::string> split(std::string_view text, std::string_view separator) {
+    std::vector<std::string> pieces;
+    for (std::size_t at = text.find(separator); at != std::string_view::npos; at = text.find(separator)) {
+        pieces.emplace_back(text.substr(0, at));
+        text.remove_prefix(at + separator.size());
+    }
+    pieces.emplace_back(text);
+    return pieces;
+}
+
 }  // namespace
 
 // What differs between the two generations: the keys of their records (IOS5's carry no digit), the codes of their
@@ -76,6 +151,9 @@ struct IOSSimpleManager::Generation {
     std::string_view codePolling;
     std::string_view codePollingFailed;
     std::string_view codeUsedFailed;
+    std::string_view queue;
+    std::string_view codeAllDataAsked;
+    std::string_view codeAllDataNotAsked;
     Date IOSSimpleManager::*dtmAllCommsOkTStamp;
     Variant IOSSimpleManager::*varAllCommsOk;
     std::int32_t IOSSimpleManager::*lngElapsed;
@@ -98,6 +176,9 @@ const IOSSimpleManager::Generation IOSSimpleManager::ios5{
     "OPC-0165",
     "OPC-0166",
     "OPC-0169",
+    iocommand::queueIOS5,
+    "OPC-0171",
+    "OPC-0172",
     &IOSSimpleManager::mdtmIOS5AllCommsOkTStamp,
     &IOSSimpleManager::mvarIOS5AllCommsOk,
     &IOSSimpleManager::mlngIOS5Elapsed,
@@ -120,6 +201,9 @@ const IOSSimpleManager::Generation IOSSimpleManager::ios6{
     "OPC-0167",
     "OPC-0168",
     "OPC-0170",
+    iocommand::queueIOS6,
+    "OPC-0173",
+    "OPC-0174",
     &IOSSimpleManager::mdtmIOS6AllCommsOkTStamp,
     &IOSSimpleManager::mvarIOS6AllCommsOk,
     &IOSSimpleManager::mlngIOS6Elapsed,
@@ -280,7 +364,7 @@ void IOSSimpleManager::CheckPendingRefresh() {
             mstrPendingRefreshMsgID.clear();
             return;
         }
-        if (record->State != "DONE") {
+        if (record->State != iocommand::stateDone) {
             return;
         }
         // The reply and the command are read but not judged: a completed request is complete whatever came of it.
@@ -397,6 +481,212 @@ Variant IOSSimpleManager::GetChannelValue(std::int32_t lngIOChanID) {
         RaiseFailure("OPC-0158: ");
     }
     return varResult;
+}
+
+// ---- multi-value channels
+
+Variant IOSSimpleManager::GetMultiValueChannelCSV(std::int32_t lngIOChanID, std::int32_t lngPIDForMsgs,
+                                                  std::int32_t lngNumberOfBlocksToLoad, std::int32_t lngBlockLength) {
+    try {
+        // The IOS5 counter, although multi-value channels are IOS6's. Deliberate.
+        if (mlngIOS5Elapsed > mlngMaxElapsed) {
+            return {};
+        }
+        std::string strSeparator = ";";
+        std::string strJoined;
+        for (std::int32_t lngBlock = 0; lngBlock < std::max(lngNumberOfBlocksToLoad, 1); ++lngBlock) {
+            const XmlNode objCSV = FindCSV(lngIOChanID, lngPIDForMsgs);
+            if (objCSV.isNothing()) {
+                return {};
+            }
+            if (std::string strOwn = GetAttributeText(objCSV, "separator"); !strOwn.empty()) {
+                strSeparator = std::move(strOwn);
+            }
+            strJoined += withoutLineBreaks((lngBlock == 0 ? std::string() : strSeparator) + objCSV.text());
+            lngIOChanID = addChecked(lngIOChanID, lngBlockLength);
+        }
+        return strJoined.empty() ? Variant() : Variant(split(strJoined, strSeparator));
+    } catch (...) {
+        RaiseFailure("OPC-0163: ");
+        return {};
+    }
+}
+
+// The element with a block's values; Nothing, with a message unless the record is missing, when there is none.
+XmlNode IOSSimpleManager::FindCSV(std::int32_t lngChannelID, std::int32_t lngPIDForMsgs) const {
+    const CurrentIORecord* record = GetCurrentIORecord(fmt::format("MultiValueC{}", lngChannelID));
+    if (record == nullptr) {
+        return {};
+    }
+    const std::string strPID = PIDToText(lngPIDForMsgs);
+    if (record->XValue.empty()) {
+        Raise(msgtype::multiValueError, fmt::format("OPC-0159: Can't process multi-value channel data; can't find XML "
+                                                    "data for channel {} (PID={})",
+                                                    lngChannelID, strPID));
+        return {};
+    }
+    const XmlDocument document = LoadXMLFragment(mobjRaiseMsg, record->XValue);
+    if (document.isNothing()) {
+        Raise(msgtype::multiValueError, fmt::format("OPC-0160: Can't process multi-value channel data; can't parse XML "
+                                                    "data for channel {} (PID={})",
+                                                    lngChannelID, strPID));
+        return {};
+    }
+    const XmlNodeList nodes = document.documentElement().selectNodes("CSV");
+    if (nodes.length() == 0) {
+        Raise(msgtype::multiValueError, fmt::format("OPC-0161: Can't process multi-value channel data; did not find a "
+                                                    "'CSV' node for channel {} (PID={})",
+                                                    lngChannelID, strPID));
+    } else if (nodes.length() > 1) {
+        Raise(msgtype::multiValueError,
+              fmt::format("OPC-0162: Error processing multi-value channel data; found {} 'CSV' nodes but expected 1 "
+                          "node for channel {}; will process the first 'CSV' node only (PID={})",
+                          nodes.length(), lngChannelID, strPID));
+    }
+    return nodes.item(0);
+}
+
+// ---- commands to the I/O servers
+
+// strMsgID and blnCreated are "" and False when no record was created.
+void IOSSimpleManager::WriteMsgRecord(std::string_view strMsgType, std::string_view strMsgData,
+                                      std::string_view strDescription, std::string& strMsgID, bool& blnCreated) {
+    strMsgID.clear();
+    blnCreated = false;
+    try {
+        blnCreated =
+            DBIL().RealtimeDB().InsertMessage(strMsgID, mstrSiteID, strMsgType, strMsgData, {}, {}, strDescription);
+    } catch (...) {
+        RaiseFailure("OPC-0205: ");
+    }
+}
+
+void IOSSimpleManager::WriteValueToChannel(std::string_view strSourceLocation, std::int32_t lngChannelID,
+                                           Variant varNewValue, std::string_view strRequestor, bool blnTimeSensitive,
+                                           bool blnIsFrequentWrite, bool blnIsAutoOutputEnabledRequired,
+                                           bool blnAllowEmptyStringWrite) {
+    const auto request = [&] { return fmt::format("(ChannelID={}, Requestor={})", lngChannelID, strRequestor); };
+    try {
+        if (!mblnReadingCurrentIOEnabled) {
+            Raise(msgtype::error, "OPC-0145: Can't write to channel; reading CurrentIO is not enabled " + request());
+            return;
+        }
+        const std::int32_t lngType = GetChannelDefType(lngChannelID);
+        if (const std::string_view strRefusal = writeRefusal(lngType); !strRefusal.empty()) {
+            Raise(msgtype::error, fmt::format("{}{}", strRefusal, request()));
+            return;
+        }
+        if (varNewValue.kind() == VariantKind::Boolean) {
+            varNewValue = Variant(std::int16_t{varNewValue.boolean()});
+        }
+        const std::string strText = naturalText(varNewValue);
+        if (!isWritable(varNewValue, strText, blnAllowEmptyStringWrite)) {
+            Raise(msgtype::error,
+                  fmt::format("OPC-0151: Will not attempt to write empty/null value to IO channel ({})", lngChannelID));
+            return;
+        }
+        std::string strMsgID;
+        bool blnCreated = false;
+        WriteMsgRecord(queueOfType(lngType),
+                       writeCommand(lngChannelID, VariantToText(varNewValue), blnTimeSensitive, blnIsFrequentWrite,
+                                    blnIsAutoOutputEnabledRequired),
+                       writeDescription(strSourceLocation, lngChannelID, strRequestor, blnIsAutoOutputEnabledRequired),
+                       strMsgID, blnCreated);
+        if (!blnCreated) {
+            Raise(msgtype::error, fmt::format("OPC-0150: Could not write msg record to change channel value ({}={})",
+                                              lngChannelID, strText));
+        }
+    } catch (...) {
+        Raise(msgtype::error, fmt::format("OPC-0152: {} {}", currentError().text(), request()));
+    }
+}
+
+void IOSSimpleManager::ReadAllData(std::string_view strRequestor) {
+    try {
+        if (IsIOS5Used()) {
+            ReadAllDataOf(ios5, strRequestor);
+        }
+        if (IsIOS6Used()) {
+            ReadAllDataOf(ios6, strRequestor);
+        }
+    } catch (...) {
+        RaiseFailure("OPC-0175: ");
+    }
+}
+
+void IOSSimpleManager::ReadAllDataOf(const Generation& generation, std::string_view strRequestor) {
+    std::string strMsgID;
+    bool blnCreated = false;
+    WriteMsgRecord(generation.queue, fmt::format("<Command action=\"{}\" />", iocommand::refreshAllData), strRequestor,
+                   strMsgID, blnCreated);
+    if (blnCreated) {
+        Raise(msgtype::progress, fmt::format("{}: Created msg record to refresh all {} data",
+                                             generation.codeAllDataAsked, generation.label));
+    } else {
+        Raise(msgtype::error, fmt::format("{}: Could not create msg record to refresh all {} data",
+                                          generation.codeAllDataNotAsked, generation.label));
+    }
+}
+
+bool IOSSimpleManager::RefreshSelectedChannels(std::string_view strChannelList, std::string_view strRequestor) {
+    const auto raisePending = [&](std::string_view strCode) {
+        Raise(msgtype::error, fmt::format("{}: RefreshSelectedChannels called while another request is still pending. "
+                                          "This request will be ignored. (Pending={}; New={}; NewRequestor={})",
+                                          strCode, mstrPendingRefreshChannels, strChannelList, strRequestor));
+    };
+    try {
+        if (!IsReadingCurrentIOEnabled()) {
+            // The text of a pending request, although the cause is another. Deliberate.
+            raisePending("OPC-0176");
+            return false;
+        }
+        if (IsRefreshPending()) {
+            raisePending("OPC-0177");
+            return false;
+        }
+        const std::string_view strQueue = RefreshQueue(strChannelList, strRequestor);
+        return !strQueue.empty() && RequestRefresh(strQueue, strChannelList, strRequestor);
+    } catch (...) {
+        RaiseFailure("OPC-0181: ");
+        return false;
+    }
+}
+
+// The queue that a channel list goes to; "", with a message, when that cannot be told. Only a site with both
+// generations or neither has to look at the list, and then at its first channel alone.
+std::string_view IOSSimpleManager::RefreshQueue(std::string_view strChannelList, std::string_view strRequestor) {
+    const bool blnIOS5 = IsIOS5Used();
+    const bool blnIOS6 = IsIOS6Used();
+    if (blnIOS5 != blnIOS6) {
+        return blnIOS5 ? iocommand::queueIOS5 : iocommand::queueIOS6;
+    }
+    const std::int32_t lngChannelID = roundToInt32(LeadingNumber(strChannelList));
+    const std::string_view strQueue = queueOfType(GetChannelDefType(lngChannelID));
+    if (strQueue.empty()) {
+        // The list is missing between the quotation marks. Deliberate.
+        Raise(msgtype::error, fmt::format("OPC-0178: Cannot refresh selected channels ''. Channel {} is not defined. "
+                                          "(Requestor={})",
+                                          lngChannelID, strRequestor));
+    }
+    return strQueue;
+}
+
+// The new record's ID goes straight into the pending field, where the next read ticks look for it.
+bool IOSSimpleManager::RequestRefresh(std::string_view strQueue, std::string_view strChannelList,
+                                      std::string_view strRequestor) {
+    bool blnCreated = false;
+    WriteMsgRecord(strQueue, refreshCommand(strChannelList), strRequestor, mstrPendingRefreshMsgID, blnCreated);
+    if (!blnCreated) {
+        Raise(msgtype::error, fmt::format("OPC-0180: Could not create msg record to refresh channels {} ({})",
+                                          strChannelList, strRequestor));
+        mstrPendingRefreshMsgID.clear();
+        mstrPendingRefreshChannels.clear();
+        return false;
+    }
+    Raise(msgtype::progress,
+          fmt::format("OPC-0179: Created msg record to refresh channels {} ({})", strChannelList, strRequestor));
+    mstrPendingRefreshChannels = strChannelList;
+    return true;
 }
 
 // ---- the I/O servers' health

@@ -14,6 +14,7 @@
 #include "Messages/IRaiseMsg.h"
 #include "Shared Types/Date.h"
 #include "Shared Types/Variant.h"
+#include "XML DOM/XmlDom.h"
 
 namespace quelm {
 
@@ -145,6 +146,14 @@ class IOSSimpleManager {
                                 bool blnHeartbeatChanged, const Variant& varAllCommsOk, Date dtmTStamp,
                                 std::int32_t lngReadCount);
     void CheckPendingRefresh();
+
+    void WriteMsgRecord(std::string_view strMsgType, std::string_view strMsgData, std::string_view strDescription,
+                        std::string& strMsgID, bool& blnCreated);
+    void ReadAllDataOf(const Generation& generation, std::string_view strRequestor);
+    std::string_view RefreshQueue(std::string_view strChannelList, std::string_view strRequestor);
+    bool RequestRefresh(std::string_view strQueue, std::string_view strChannelList, std::string_view strRequestor);
+    XmlNode FindCSV(std::int32_t lngChannelID, std::int32_t lngPIDForMsgs) const;
+
     void LoadChannelDefs();
     std::int32_t SilenceOf(std::int32_t lngChannelID);
 
