@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include <array>
 #include <limits>
 #include <optional>
 
@@ -27,10 +28,6 @@ std::optional<std::int32_t> wholeNumber(const SqlValue& value) {
     return std::nullopt;
 }
 
-std::string text(const SqlValue& value) {
-    return value.type == SqlType::Text && value.text.size() <= maxSqlText ? std::string(value.text) : std::string();
-}
-
 }  // namespace
 
 std::shared_ptr<const OPCDefCollection> ConfigurationReader::LoadOPCDefs(std::string_view strSiteID) {
@@ -42,8 +39,10 @@ std::shared_ptr<const OPCDefCollection> ConfigurationReader::LoadOPCDefs(std::st
                                   "ORDER BY Position, RecordID",
                                   {strSiteID});
         auto definitions = std::make_shared<OPCDefCollection>();
+        std::array<SqlValue, 9> columns;
         while (rows->next()) {
-            const auto column = [&rows](int index) { return sqlVariant(rows->value(index)); };
+            rows->read(columns);
+            const auto column = [&columns](std::size_t index) { return sqlVariant(columns[index]); };
             definitions->emplace_back(OPCDef::Columns{column(0), column(1), column(2), column(3), column(4), column(5),
                                                       column(6), column(7), column(8)});
         }
@@ -64,9 +63,12 @@ std::shared_ptr<const ChannelDefCollection> ConfigurationReader::LoadChannelDefs
                               "ORDER BY ChannelID",
                               {strSiteID});
     auto definitions = std::make_shared<ChannelDefCollection>();
+    std::array<SqlValue, 3> columns;
     while (rows->next()) {
-        if (const auto channel = wholeNumber(rows->value(0))) {
-            definitions->Add(ChannelDef{*channel, text(rows->value(1)), wholeNumber(rows->value(2)).value_or(0)});
+        rows->read(columns);
+        const auto& [id, name, type] = columns;
+        if (const auto channel = wholeNumber(id)) {
+            definitions->Add(ChannelDef{*channel, std::string(sqlText(name)), wholeNumber(type).value_or(0)});
         }
     }
     return definitions;
@@ -77,9 +79,11 @@ std::vector<PIDDefinition> ConfigurationReader::LoadPIDDefinitions(std::string_v
         sites_.connection(strSiteID, SiteTable::configuration)
             .query("SELECT PID, IntervalType FROM PIDDef WHERE DAHSID = ? ORDER BY PID", {std::int64_t{lngDAHSID}});
     std::vector<PIDDefinition> definitions;
+    std::array<SqlValue, 2> columns;
     while (rows->next()) {
-        if (const auto pid = wholeNumber(rows->value(0))) {
-            definitions.push_back(PIDDefinition{*pid, text(rows->value(1))});
+        rows->read(columns);
+        if (const auto pid = wholeNumber(columns[0])) {
+            definitions.push_back(PIDDefinition{*pid, std::string(sqlText(columns[1]))});
         }
     }
     return definitions;
@@ -91,7 +95,9 @@ SiteSettings ConfigurationReader::LoadSiteSettings(std::string_view strSiteID, s
                                  {strSiteID, std::int64_t{lngDAHSID}});
     SiteSettings settings;
     if (rows->next()) {
-        const std::int32_t day = wholeNumber(rows->value(0)).value_or(0);
+        std::array<SqlValue, 1> columns;
+        rows->read(columns);
+        const std::int32_t day = wholeNumber(columns[0]).value_or(0);
         settings.FirstDayOfWeek = day >= 1 && day <= 7 ? day : 0;
     }
     return settings;

@@ -4,6 +4,7 @@
 #include <charconv>
 #include <functional>
 #include <optional>
+#include <span>
 #include <unordered_map>
 
 #include "DB Interface Library/IntIndex.h"
@@ -109,22 +110,38 @@ const CurrentIORecord* CurrentIOCollection::Channel(std::int32_t lngChannelID) c
 
 namespace {
 
-// False when the row has no usable key and takes no record. keyChanged is set when the record had another key.
-bool readRecord(const ISqlRows& rows, SqlDateReader& dates, CurrentIORecord& record, bool& keyChanged) {
-    const SqlValue key = rows.value(0);
-    if (key.type != SqlType::Text || key.text.size() > maxSqlText) {
-        return false;
+// Writes rows over the records of an older snapshot, which mostly holds the same keys in the same order.
+class RecordWriter final : public ISqlRowSink {
+ public:
+    explicit RecordWriter(std::vector<CurrentIORecord>& records) : records_(records) {}
+
+    void take(std::span<const SqlValue> columns) override {
+        const SqlValue& key = columns[0];
+        if (key.type != SqlType::Text || key.text.size() > maxSqlText) {
+            return;
+        }
+        if (count_ == records_.size()) {
+            records_.emplace_back();
+        }
+        CurrentIORecord& record = records_[count_++];
+        if (record.IOID != key.text) {
+            record.IOID = key.text;
+            keyChanged_ = true;
+        }
+        record.TStamp = dates_.read(columns[1]);
+        record.NValue = sqlVariant(columns[2]);
+        record.XValue.assign(sqlText(columns[3]));
     }
-    if (record.IOID != key.text) {
-        record.IOID = key.text;
-        keyChanged = true;
-    }
-    record.TStamp = dates.read(rows.value(1));
-    record.NValue = sqlVariant(rows.value(2));
-    const SqlValue xml = rows.value(3);
-    record.XValue.assign(xml.type == SqlType::Text && xml.text.size() <= maxSqlText ? xml.text : std::string_view());
-    return true;
-}
+
+    std::size_t count() const { return count_; }
+    bool keyChanged() const { return keyChanged_; }
+
+ private:
+    std::vector<CurrentIORecord>& records_;
+    std::size_t count_ = 0;
+    bool keyChanged_ = false;
+    SqlDateReader dates_;
+};
 
 }  // namespace
 
@@ -133,26 +150,17 @@ std::shared_ptr<CurrentIOCollection> CurrentIOSnapshots::takeSpare() {
     return taken != nullptr && taken.use_count() == 1 ? taken : std::make_shared<CurrentIOCollection>();
 }
 
-std::shared_ptr<const CurrentIOCollection> CurrentIOSnapshots::read(ISqlRows& rows) {
+std::shared_ptr<const CurrentIOCollection> CurrentIOSnapshots::read(const std::function<void(ISqlRowSink&)>& scan) {
     const std::shared_ptr<CurrentIOCollection> snapshot = takeSpare();
     std::vector<CurrentIORecord>& records = snapshot->records_;
     if (last_) {
         records.reserve(last_->records_.size());
     }
     const std::size_t countBefore = records.size();
-    SqlDateReader dates;
-    bool keyChanged = snapshot->index_ == nullptr;
-    std::size_t count = 0;
-    while (rows.next()) {
-        if (count == records.size()) {
-            records.emplace_back();
-        }
-        if (readRecord(rows, dates, records[count], keyChanged)) {
-            ++count;
-        }
-    }
-    records.resize(count);
-    if (keyChanged || count != countBefore) {
+    RecordWriter writer(records);
+    scan(writer);
+    records.resize(writer.count());
+    if (!snapshot->index_ || writer.keyChanged() || writer.count() != countBefore) {
         records.shrink_to_fit();
         snapshot->buildIndex(last_.get());
     }

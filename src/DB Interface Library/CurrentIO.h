@@ -4,6 +4,7 @@
 // keyed by IOID. Replaced whole on every read and looked up for every channel item on every update pass.
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -57,7 +58,7 @@ struct CurrentIORecord {
 };
 
 class CurrentIOIndex;
-class ISqlRows;
+class ISqlRowSink;
 
 class CurrentIOCollection {
  public:
@@ -86,9 +87,9 @@ class CurrentIOCollection {
 // soon as nobody holds that any more, so that a steady site allocates nothing.
 class CurrentIOSnapshots {
  public:
-    // rows: the columns IOID, TStamp, NValue, XValue. A row without a text in IOID is left out. Raises what rows
-    // raises; the snapshots given out before stay as they are.
-    std::shared_ptr<const CurrentIOCollection> read(ISqlRows& rows);
+    // scan hands every row to the sink, with the columns IOID, TStamp, NValue, XValue. A row without a text in IOID is
+    // left out. Raises what scan raises; the snapshots given out before stay as they are.
+    std::shared_ptr<const CurrentIOCollection> read(const std::function<void(ISqlRowSink&)>& scan);
 
  private:
     std::shared_ptr<CurrentIOCollection> takeSpare();

@@ -2,7 +2,7 @@
 
 #include <fmt/format.h>
 
-#include <limits>
+#include <array>
 #include <utility>
 
 #include "Shared Types/Date.h"
@@ -12,24 +12,18 @@ namespace quelm {
 
 namespace {
 
-std::string text(const SqlValue& value) {
-    return value.type == SqlType::Text && value.text.size() <= maxSqlText ? std::string(value.text) : std::string();
-}
-
 // False when the row names no parameter and takes no place in the list.
 bool readParameter(const ISqlRows& rows, ParameterValue& parameter) {
-    const SqlValue pid = rows.value(0);
-    if (pid.type != SqlType::Integer || pid.integer < std::numeric_limits<std::int32_t>::min() ||
-        pid.integer > std::numeric_limits<std::int32_t>::max()) {
+    std::array<SqlValue, 4> columns;
+    rows.read(columns);
+    const auto& [pid, intervalType, value, monitorCode] = columns;
+    if (pid.type != SqlType::Integer || !std::in_range<std::int32_t>(pid.integer)) {
         return false;
     }
     parameter.PID = static_cast<std::int32_t>(pid.integer);
-    const SqlValue intervalType = rows.value(1);
-    parameter.IntervalType.assign(intervalType.type == SqlType::Text && intervalType.text.size() <= maxSqlText
-                                      ? intervalType.text
-                                      : std::string_view());
-    parameter.Value = sqlVariant(rows.value(2));
-    parameter.MonitorCode = sqlVariant(rows.value(3));
+    parameter.IntervalType.assign(sqlText(intervalType));
+    parameter.Value = sqlVariant(value);
+    parameter.MonitorCode = sqlVariant(monitorCode);
     return true;
 }
 
@@ -43,14 +37,15 @@ std::string timeStampText() {
 }  // namespace
 
 std::shared_ptr<const CurrentIOCollection> RealtimeDB::ReadCurrentIO(std::string_view strSiteID, bool) {
-    const auto rows =
-        sites_.connection(strSiteID, SiteTable::realtime)
-            .query("SELECT IOID, TStamp, NValue, XValue FROM CurrentIO WHERE SiteID = ? ORDER BY IOID", {strSiteID});
+    ISqlConnection& connection = sites_.connection(strSiteID, SiteTable::realtime);
     auto snapshots = snapshots_.find(strSiteID);
     if (snapshots == snapshots_.end()) {
         snapshots = snapshots_.try_emplace(std::string(strSiteID)).first;
     }
-    return snapshots->second.read(*rows);
+    // The key of the table, site and IOID, is the way in which the rows are found, so they come in its order.
+    return snapshots->second.read([&](ISqlRowSink& sink) {
+        connection.scan("IOID, TStamp, NValue, XValue", "CurrentIO WHERE SiteID = ?", {strSiteID}, sink);
+    });
 }
 
 std::optional<MessageRecord> RealtimeDB::GetMessageRecord(std::string_view strSiteID, std::string_view strMsgID) {
@@ -60,7 +55,10 @@ std::optional<MessageRecord> RealtimeDB::GetMessageRecord(std::string_view strSi
     if (!rows->next()) {
         return std::nullopt;
     }
-    return MessageRecord{text(rows->value(0)), text(rows->value(1)), text(rows->value(2))};
+    std::array<SqlValue, 3> columns;
+    rows->read(columns);
+    const auto& [state, response, data] = columns;
+    return MessageRecord{std::string(sqlText(state)), std::string(sqlText(response)), std::string(sqlText(data))};
 }
 
 bool RealtimeDB::InsertMessage(std::string& strMsgID, std::string_view strSiteID, std::string_view strMsgType,

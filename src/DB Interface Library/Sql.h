@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <initializer_list>
 #include <memory>
+#include <span>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -34,8 +35,15 @@ Variant sqlVariant(const SqlValue& value);
 // Longest text, in bytes, that is taken from a column.
 inline constexpr std::size_t maxSqlText = std::size_t{1} << 20;
 
+// The text of a column; "" for everything else, over-long text included.
+inline std::string_view sqlText(const SqlValue& value) {
+    return value.type == SqlType::Text && value.text.size() <= maxSqlText ? value.text : std::string_view();
+}
+
 using SqlParameter = std::variant<std::monostate, std::int64_t, double, std::string_view>;
 using SqlParameters = std::initializer_list<SqlParameter>;
+
+inline constexpr std::size_t maxScanColumns = 16;
 
 // A forward cursor over a query's rows. The read ends with the cursor's life, so it must not be kept.
 class ISqlRows {
@@ -43,8 +51,16 @@ class ISqlRows {
     virtual ~ISqlRows() = default;
     // Moves to the next row; False behind the last one. Raises RuntimeError with the database's number and text.
     virtual bool next() = 0;
-    // column: from 0, as the statement lists them.
-    virtual SqlValue value(int column) const = 0;
+    // The row's first columns, as the statement lists them: as many as values takes.
+    virtual void read(std::span<SqlValue> values) const = 0;
+};
+
+// Takes the rows of a scan. What it raises ends the scan and reaches the caller.
+class ISqlRowSink {
+ public:
+    virtual ~ISqlRowSink() = default;
+    // Valid until the call returns.
+    virtual void take(std::span<const SqlValue> columns) = 0;
 };
 
 // One database. Connects when it is first used, and again after every failure. Every call takes a bounded time and
@@ -53,6 +69,11 @@ class ISqlConnection {
  public:
     virtual ~ISqlConnection() = default;
     virtual std::unique_ptr<ISqlRows> query(std::string_view sql, SqlParameters parameters) = 0;
+    // Hands every row of "SELECT columns FROM source" to the sink, in the fastest way that the database has: for reads
+    // of a hundred thousand rows. At most maxScanColumns columns; source cannot ask for an order, but the order stays
+    // the same from scan to scan as long as the table's rows do.
+    virtual void scan(std::string_view columns, std::string_view source, SqlParameters parameters,
+                      ISqlRowSink& sink) = 0;
     // The number of rows that the statement changed.
     virtual std::int64_t execute(std::string_view sql, SqlParameters parameters) = 0;
     // Connects and has the database answer a trivial query, whatever tables it holds.

@@ -48,27 +48,30 @@ int fraction(std::string_view text) {
     return microseconds;
 }
 
-// "yyyy-MM-dd HH:mm:ss", with a fraction or not.
-std::optional<Date> fixedForm(std::string_view text) {
-    if (text.size() < 19 || text[4] != '-' || text[7] != '-' || (text[10] != ' ' && text[10] != 'T') ||
-        text[13] != ':' || text[16] != ':' || (text.size() > 19 && text[19] != '.')) {
+// "yyyy-MM-dd", the first ten characters.
+std::optional<std::int64_t> datePart(const char* text) {
+    const int year = digits(text, 4);
+    const int month = digits(text + 5, 2);
+    const int day = digits(text + 8, 2);
+    if (text[4] != '-' || text[7] != '-' || year < 100 || month < 1 || month > 12 || day < 1 ||
+        day > daysInMonth(year, month)) {
         return std::nullopt;
     }
-    const char* at = text.data();
-    const int year = digits(at, 4);
-    const int month = digits(at + 5, 2);
-    const int day = digits(at + 8, 2);
-    const int hour = digits(at + 11, 2);
-    const int minute = digits(at + 14, 2);
-    const int second = digits(at + 17, 2);
-    const int microseconds = text.size() > 19 ? fraction(text.substr(20)) : 0;
-    if (year < 100 || month < 1 || month > 12 || day < 1 || day > daysInMonth(year, month) || hour < 0 || hour > 23 ||
+    return dayNumber(year, month, day);
+}
+
+// "HH:mm:ss", with a fraction or not, as part of a day.
+std::optional<double> timePart(std::string_view text) {
+    const int hour = digits(text.data(), 2);
+    const int minute = digits(text.data() + 3, 2);
+    const int second = digits(text.data() + 6, 2);
+    const int microseconds = text.size() > 8 ? fraction(text.substr(9)) : 0;
+    if (text[2] != ':' || text[5] != ':' || (text.size() > 8 && text[8] != '.') || hour < 0 || hour > 23 ||
         minute < 0 || minute > 59 || second < 0 || second > 59 || microseconds < 0) {
         return std::nullopt;
     }
     const std::int64_t seconds = (hour * 60 + minute) * 60 + second;
-    const auto timeOfDay = static_cast<double>(seconds * microsecondsPerSecond + microseconds);
-    return dateFromLinearDays(dayNumber(year, month, day), timeOfDay / microsecondsPerDay);
+    return static_cast<double>(seconds * microsecondsPerSecond + microseconds) / microsecondsPerDay;
 }
 
 }  // namespace
@@ -98,13 +101,31 @@ Date SqlDateReader::readText(std::string_view text) {
     if (text.size() == lastLength_ && std::memcmp(text.data(), lastText_.data(), text.size()) == 0) {
         return lastDate_;
     }
-    std::optional<Date> date = fixedForm(text);
+    std::optional<Date> date = readFixedForm(text);
     if (!date) {
         date = parseDate(text);
     }
     lastDate_ = date.value_or(Date{});
     lastLength_ = text.copy(lastText_.data(), lastText_.size());
     return lastDate_;
+}
+
+std::optional<Date> SqlDateReader::readFixedForm(std::string_view text) {
+    constexpr std::size_t dateLength = 10;
+    if (text.size() < 19 || (text[dateLength] != ' ' && text[dateLength] != 'T')) {
+        return std::nullopt;
+    }
+    // Of the stamps that differ, nearly all are of the same day.
+    if (std::memcmp(text.data(), lastDay_.data(), dateLength) != 0) {
+        const std::optional<std::int64_t> day = datePart(text.data());
+        if (!day) {
+            return std::nullopt;
+        }
+        lastDayNumber_ = *day;
+        text.copy(lastDay_.data(), dateLength);
+    }
+    const std::optional<double> time = timePart(text.substr(dateLength + 1));
+    return time ? std::optional(dateFromLinearDays(lastDayNumber_, *time)) : std::nullopt;
 }
 
 }  // namespace quelm

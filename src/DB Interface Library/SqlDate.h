@@ -4,6 +4,8 @@
 
 #include <array>
 #include <cstddef>
+#include <cstdint>
+#include <optional>
 #include <string_view>
 
 #include "DB Interface Library/Sql.h"
@@ -20,10 +22,13 @@ class SqlDateReader {
 
  private:
     Date readText(std::string_view text);
+    std::optional<Date> readFixedForm(std::string_view text);
 
     std::array<char, 32> lastText_{};
     std::size_t lastLength_ = 0;
     Date lastDate_;
+    std::array<char, 10> lastDay_{};
+    std::int64_t lastDayNumber_ = 0;
 };
 
 }  // namespace quelm

@@ -4,10 +4,14 @@
 #include <sqlite3.h>
 #include <sys/stat.h>
 
+#include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstring>
+#include <exception>
 #include <map>
 #include <optional>
+#include <utility>
 
 #include "Shared Types/RuntimeError.h"
 #include "Shared Types/Text.h"
@@ -42,6 +46,32 @@ std::optional<FileIdentity> identify(const std::string& path) {
     return FileIdentity{status.st_dev, status.st_ino};
 }
 
+// One look at the column instead of one per question about it. Such a value asks for a program of one thread, as this
+// one is.
+void readColumn(sqlite3_value* source, SqlValue& value) {
+    switch (sqlite3_value_type(source)) {
+        case SQLITE_INTEGER:
+            value.type = SqlType::Integer;
+            value.integer = sqlite3_value_int64(source);
+            return;
+        case SQLITE_FLOAT:
+            value.type = SqlType::Real;
+            value.real = sqlite3_value_double(source);
+            return;
+        case SQLITE_TEXT: {
+            value.type = SqlType::Text;
+            const auto* text = reinterpret_cast<const char*>(sqlite3_value_text(source));
+            value.text = {text == nullptr ? "" : text, static_cast<std::size_t>(sqlite3_value_bytes(source))};
+            return;
+        }
+        case SQLITE_BLOB:
+            value.type = SqlType::Blob;
+            return;
+        default:
+            value.type = SqlType::Null;
+    }
+}
+
 // One open database with its prepared statements; cursors share it, so it closes behind the last of them.
 class Session {
  public:
@@ -61,6 +91,9 @@ class Session {
         // The write-ahead log belongs to the I/O servers, who write; closing here must not clear it away, least of
         // all when the database file has been replaced and the log is already that of the new one.
         sqlite3_db_config(database, SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
+        check(sqlite3_create_function_v2(
+            database, scanFunction, -1, SQLITE_UTF8, this, nullptr, &Session::takeRow, [](sqlite3_context*) {},
+            nullptr));
     }
 
     bool isUsableFor(const std::optional<FileIdentity>& identity) const { return !failed_ && identity == identity_; }
@@ -97,10 +130,36 @@ class Session {
 
     sqlite3* database() const { return database_.get(); }
 
+    // An aggregate function sees every row from inside the database engine, without the hand-over of each row and each
+    // column that a cursor costs: a third of the time of such a read.
+    static constexpr const char* scanFunction = "quelm_take";
+    // The sink that the function hands its rows to, for the time of one scan.
+    void setSink(ISqlRowSink* sink) { sink_ = sink; }
+    void rethrowSinkFailure() {
+        if (sinkFailure_) {
+            std::rethrow_exception(std::exchange(sinkFailure_, nullptr));
+        }
+    }
+
  private:
     struct Closer {
         void operator()(sqlite3* database) const { sqlite3_close_v2(database); }
     };
+
+    static void takeRow(sqlite3_context* context, int count, sqlite3_value** columns) {
+        auto& session = *static_cast<Session*>(sqlite3_user_data(context));
+        const auto used = std::span(session.scanned_).first(std::min(static_cast<std::size_t>(count), maxScanColumns));
+        for (std::size_t i = 0; i < used.size(); ++i) {
+            readColumn(columns[i], used[i]);
+        }
+        try {
+            session.sink_->take(used);
+        } catch (...) {
+            // No exception may cross the database engine; it goes on behind it.
+            session.sinkFailure_ = std::current_exception();
+            sqlite3_result_error_code(context, SQLITE_ABORT);
+        }
+    }
 
     static int isOverdue(void* session) {
         return timeSource().monotonicMilliseconds() > static_cast<Session*>(session)->deadline_ ? 1 : 0;
@@ -119,6 +178,9 @@ class Session {
     std::unique_ptr<sqlite3, Closer> database_;
     std::map<std::string, Statement, std::less<>> statements_;
     std::uint64_t deadline_ = 0;
+    ISqlRowSink* sink_ = nullptr;
+    std::array<SqlValue, maxScanColumns> scanned_;
+    std::exception_ptr sinkFailure_;
     bool failed_ = false;
 };
 
@@ -141,11 +203,6 @@ void bind(Session& session, sqlite3_stmt* statement, SqlParameters parameters) {
     }
 }
 
-std::string_view textOf(sqlite3_stmt* statement, int column) {
-    const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(statement, column));
-    return {text == nullptr ? "" : text, static_cast<std::size_t>(sqlite3_column_bytes(statement, column))};
-}
-
 class SqliteRows final : public ISqlRows {
  public:
     SqliteRows(std::shared_ptr<Session> session, std::string_view sql, SqlParameters parameters)
@@ -162,28 +219,11 @@ class SqliteRows final : public ISqlRows {
         return result == SQLITE_ROW;
     }
 
-    SqlValue value(int column) const override {
-        SqlValue value;
-        switch (sqlite3_column_type(statement_.get(), column)) {
-            case SQLITE_INTEGER:
-                value.type = SqlType::Integer;
-                value.integer = sqlite3_column_int64(statement_.get(), column);
-                break;
-            case SQLITE_FLOAT:
-                value.type = SqlType::Real;
-                value.real = sqlite3_column_double(statement_.get(), column);
-                break;
-            case SQLITE_TEXT:
-                value.type = SqlType::Text;
-                value.text = textOf(statement_.get(), column);
-                break;
-            case SQLITE_BLOB:
-                value.type = SqlType::Blob;
-                break;
-            default:
-                break;
+    void read(std::span<SqlValue> values) const override {
+        int column = 0;
+        for (SqlValue& value : values) {
+            readColumn(sqlite3_column_value(statement_.get(), column++), value);
         }
-        return value;
     }
 
  private:
@@ -197,6 +237,19 @@ class SqliteConnection final : public ISqlConnection {
 
     std::unique_ptr<ISqlRows> query(std::string_view sql, SqlParameters parameters) override {
         return std::make_unique<SqliteRows>(connectedSession(), sql, parameters);
+    }
+
+    void scan(std::string_view columns, std::string_view source, SqlParameters parameters, ISqlRowSink& sink) override {
+        const std::shared_ptr<Session> session = connectedSession();
+        SqliteRows rows(session, fmt::format("SELECT {}({}) FROM {}", Session::scanFunction, columns, source),
+                        parameters);
+        session->setSink(&sink);
+        try {
+            rows.next();
+        } catch (const RuntimeError&) {
+            session->rethrowSinkFailure();
+            throw;
+        }
     }
 
     std::int64_t execute(std::string_view sql, SqlParameters parameters) override {

@@ -1,7 +1,8 @@
 #include "DB Interface Library/SystemINI.h"
 
-// Text is UTF-8 in the file and here.
+// Text is UTF-8 in the file and here, so the library's converters are left out; its code is compiled in right here.
 #define SI_NO_CONVERSION
+#define SI_IMPLEMENTATION
 #include <SimpleIni.h>
 #include <fmt/format.h>
 #include <unistd.h>
