@@ -1,0 +1,214 @@
+#include "DB Interface Library/Sql.h"
+
+#include <gmock/gmock.h>
+
+#include "DB Interface Library/SqlDate.h"
+#include "DB Interface Library/SqliteDriver.h"
+#include "Libraries/TestDatabase.h"
+#include "Shared Types/Conversion.h"
+#include "Shared Types/RuntimeError.h"
+
+namespace quelm {
+namespace {
+
+using test::TemporaryFolder;
+using test::TestDatabase;
+
+TEST(ConnectionStringTest, FindsKeysInAnyCaseAndUnwrapsValues) {
+    const ConnectionString parsed(R"( DRIVER = {SQL}}ite} ;Database='a;b';Pwd="x""y";Empty=;Database=second)");
+    EXPECT_EQ(*parsed.find("driver"), "SQL}ite");
+    EXPECT_EQ(*parsed.find("DATABASE"), "a;b");
+    EXPECT_EQ(*parsed.find("pwd"), "x\"y");
+    EXPECT_EQ(*parsed.find("Empty"), "");
+    EXPECT_EQ(parsed.find("Server"), nullptr);
+}
+
+TEST(ConnectionStringTest, PasswordsNeverShow) {
+    const struct {
+        const char* text;
+        const char* shown;
+    } cases[] = {
+        {"Driver=x;UID=a;PWD=geheim;Server=s", "Driver=x;UID=a;PWD=***;Server=s"},
+        {"password = {geh;eim} ;Server=s", "password=***;Server=s"},
+        {"Pwd={geh;eim", "Pwd=***"},
+        {"PWD='geh;ei''m';Server=s", "PWD=***;Server=s"},
+        {"PWD=geh;eim;Server=s", "PWD=***;***;Server=s"},
+        {"SslPassword=geheim", "SslPassword=***"},
+        {"geheim", "***"},
+        {"", ""},
+        {";;a=b;", "a=b"},
+    };
+    for (const auto& each : cases) {
+        EXPECT_EQ(redactConnectionString(each.text), each.shown);
+        EXPECT_THAT(redactConnectionString(each.text), testing::Not(testing::HasSubstr("eim")));
+    }
+}
+
+template <class Call>
+RuntimeError errorOf(Call call) {
+    try {
+        call();
+    } catch (const RuntimeError& error) {
+        return error;
+    }
+    ADD_FAILURE() << "nothing was raised";
+    return RuntimeError(0);
+}
+
+TEST(SqlDriversTest, SaysWhatIsMissing) {
+    const SqlDrivers drivers = builtInSqlDrivers();
+    const RuntimeError noDriver = errorOf([&] { (void)drivers.connection("DSN=plant;PWD=geheim"); });
+    EXPECT_EQ(noDriver.number(), sqlNoDriver);
+    EXPECT_EQ(noDriver.description(), "Not a SQLite connection string, and no ODBC driver is built in");
+    EXPECT_EQ(errorOf([&] { (void)drivers.connection("driver=sqlite"); }).number(), errors::invalidCall);
+    EXPECT_NO_THROW((void)drivers.connection("driver={SQLite};database=x"));
+}
+
+class SqliteTest : public testing::Test {
+ protected:
+    std::unique_ptr<ISqlConnection> connect(const std::string& path, SqliteTimeouts timeouts = {}) {
+        return SqliteDriver(timeouts).connection(ConnectionString("Driver=SQLite;Database=" + path));
+    }
+    static std::int64_t countOf(ISqlConnection& connection) {
+        std::array<SqlValue, 1> columns;
+        const auto rows = connection.query("SELECT COUNT(*) FROM T", {});
+        rows->next();
+        rows->read(columns);
+        return columns[0].integer;
+    }
+    TemporaryFolder folder_;
+};
+
+TEST_F(SqliteTest, GivesEveryTypeAsItIs) {
+    TestDatabase(folder_.file("a.db")).run("CREATE TABLE T(a, b, c, d, e)");
+    const auto connection = connect(folder_.file("a.db"));
+    EXPECT_EQ(connection->execute("INSERT INTO T VALUES (?, ?, ?, ?, x'00')",
+                                  {std::int64_t{5'000'000'000}, 0.1, std::string_view("\xC3\xA4"), std::monostate()}),
+              1);
+    const auto rows = connection->query("SELECT a, b, c, d, e, 7 FROM T", {});
+    ASSERT_TRUE(rows->next());
+    std::array<SqlValue, 6> columns;
+    rows->read(columns);
+    EXPECT_EQ(toText(sqlVariant(columns[0])), "5000000000");
+    EXPECT_EQ(sqlVariant(columns[1]), Variant(0.1));
+    EXPECT_EQ(sqlVariant(columns[2]), Variant("\xC3\xA4"));
+    EXPECT_TRUE(sqlVariant(columns[3]).isNull());
+    EXPECT_TRUE(sqlVariant(columns[4]).isNull());
+    EXPECT_EQ(sqlVariant(columns[5]), Variant(std::int32_t{7}));
+    EXPECT_FALSE(rows->next());
+}
+
+TEST_F(SqliteTest, FailsClearlyAndNeverMakesAFile) {
+    const auto missing = connect(folder_.file("missing.db"));
+    const RuntimeError error = errorOf([&] { missing->test(); });
+    EXPECT_EQ(error.number(), SQLITE_CANTOPEN);
+    EXPECT_EQ(error.description(),
+              "unable to open database file '" + folder_.file("missing.db") + "': No such file or directory");
+    EXPECT_FALSE(std::filesystem::exists(folder_.file("missing.db")));
+
+    std::ofstream(folder_.file("text.db")) << std::string(5000, 'x');
+    EXPECT_EQ(errorOf([&] { connect(folder_.file("text.db"))->test(); }).number(), SQLITE_NOTADB);
+    EXPECT_THROW(connect(folder_.path())->test(), RuntimeError);
+}
+
+TEST_F(SqliteTest, ComesBackWhenTheFileComesBackOrIsReplaced) {
+    const std::string path = folder_.file("a.db");
+    TestDatabase(path).run("CREATE TABLE T(a); INSERT INTO T VALUES (1)");
+    TestDatabase(folder_.file("restored.db")).run("CREATE TABLE T(a); INSERT INTO T VALUES (1), (2)");
+    const auto connection = connect(path);
+    EXPECT_EQ(countOf(*connection), 1);
+    std::filesystem::rename(folder_.file("restored.db"), path);
+    EXPECT_EQ(countOf(*connection), 2);
+    std::filesystem::rename(path, folder_.file("away.db"));
+    EXPECT_THROW(countOf(*connection), RuntimeError);
+    std::filesystem::rename(folder_.file("away.db"), path);
+    EXPECT_EQ(countOf(*connection), 2);
+    EXPECT_THROW(connection->execute("INSERT INTO Nowhere VALUES (1)", {}), RuntimeError);
+    EXPECT_EQ(countOf(*connection), 2);
+    connection->close();
+    EXPECT_EQ(countOf(*connection), 2);
+}
+
+TEST_F(SqliteTest, ALockCostsOneBoundedCallAndAReadHoldsNoWriter) {
+    TestDatabase writer(folder_.file("a.db"));
+    writer.run("CREATE TABLE T(a)");
+    const auto connection = connect(folder_.file("a.db"), {std::chrono::milliseconds(1), std::chrono::seconds(10)});
+    EXPECT_EQ(countOf(*connection), 0);
+    writer.run("BEGIN EXCLUSIVE; INSERT INTO T VALUES (1)");
+    EXPECT_EQ(errorOf([&] { countOf(*connection); }).number() & 0xFF, SQLITE_BUSY);
+    writer.run("COMMIT");
+    EXPECT_EQ(countOf(*connection), 1);
+    writer.run("INSERT INTO T VALUES (2)");
+    EXPECT_EQ(countOf(*connection), 2);
+}
+
+TEST_F(SqliteTest, ARunawayQueryIsStopped) {
+    TestDatabase(folder_.file("a.db")).run("CREATE TABLE T(a)");
+    const auto connection = connect(folder_.file("a.db"), {std::chrono::milliseconds(1), std::chrono::milliseconds(0)});
+    const RuntimeError error = errorOf([&] {
+        connection->execute("WITH RECURSIVE r(n) AS (SELECT 1 UNION ALL SELECT n + 1 FROM r) SELECT COUNT(*) FROM r",
+                            {});
+    });
+    EXPECT_EQ(error.description(), "the query took longer than 0 ms");
+    EXPECT_EQ(countOf(*connection), 0);
+}
+
+SqlValue textValue(std::string_view text) {
+    SqlValue value;
+    value.type = SqlType::Text;
+    value.text = text;
+    return value;
+}
+
+TEST(SqlDateTest, ReadsEveryFormAndNothingElse) {
+    const Date noon = makeDate(2026, 11, 22, 12, 0, 0);
+    const struct {
+        const char* text;
+        Date date;
+    } cases[] = {
+        {"2026-11-22 12:00:00", noon},
+        {"2026-11-22T12:00:00", noon},
+        {"2026-11-22 12:00:00.000", noon},
+        {"2026-11-22 12:00:00.250", makeDate(CivilTime{2026, 11, 22, 12, 0, 0, 250})},
+        {"2026-11-22 12:00:00.250000000", makeDate(CivilTime{2026, 11, 22, 12, 0, 0, 250})},
+        {"2026-11-22 12:00", noon},
+        {"2026-11-22", makeDate(2026, 11, 22)},
+        {"1850-01-01 06:00:00", makeDate(1850, 1, 1, 6, 0, 0)},
+        {"2024-02-29 00:00:00", makeDate(2024, 2, 29)},
+        {"2026-02-29 00:00:00", {}},
+        {"2026-13-22 12:00:00", {}},
+        {"2026-11-22 24:00:00", {}},
+        {"2026-11-22 12:60:00", {}},
+        {"2026-11-22 12:00:00.", {}},
+        {"2026-11-22 12:00:00.12x", {}},
+        {"2026-11-22 12:00:00.1234567890", {}},
+        {"2026-11-22 12:00:00Z", {}},
+        {"2026-11-22T12:00:00+01:00", {}},
+        {"2026-11-2", makeDate(2026, 11, 2)},
+        {"yesterday at noon, sir", {}},
+        {"", {}},
+        {"2026-11-22 12:00:00.000000000000000000000000", {}},
+    };
+    SqlDateReader reader;
+    for (const auto& each : cases) {
+        EXPECT_DOUBLE_EQ(reader.read(textValue(each.text)).days, each.date.days) << each.text;
+        EXPECT_DOUBLE_EQ(reader.read(textValue(each.text)).days, each.date.days) << each.text << " again";
+    }
+}
+
+TEST(SqlDateTest, ReadsDayNumbersWithinADatesRange) {
+    SqlDateReader reader;
+    const auto real = [&reader](double days) {
+        SqlValue value;
+        value.type = SqlType::Real;
+        value.real = days;
+        return reader.read(value).days;
+    };
+    EXPECT_EQ(real(46348.5), 46348.5);
+    EXPECT_EQ(real(1.7e9), 0);
+    EXPECT_EQ(real(-1e300), 0);
+    EXPECT_EQ(reader.read(SqlValue{}).days, 0);
+}
+
+}  // namespace
+}  // namespace quelm

@@ -1,0 +1,104 @@
+#include "DB Interface Library/SystemINI.h"
+
+#include <gmock/gmock.h>
+
+#include "Libraries/TestDatabase.h"
+#include "Shared Types/RuntimeError.h"
+
+namespace quelm {
+namespace {
+
+using testing::ElementsAre;
+
+class SystemINITest : public testing::Test {
+ protected:
+    SystemINI ini(const std::string& contents, const std::string& computer = "srv1.plant.example") {
+        std::ofstream(path_, std::ios::binary) << contents;
+        return SystemINI(path_, computer, [this](std::string_view text) {
+            EXPECT_TRUE(text.starts_with(path_ + ": ")) << text;
+            problems_.emplace_back(text.substr(path_.size() + 2));
+        });
+    }
+    test::TemporaryFolder folder_;
+    std::string path_ = folder_.file("Quelm.ini");
+    std::vector<std::string> problems_;
+};
+
+TEST_F(SystemINITest, ReadsEntriesInFileOrder) {
+    SystemINI reader =
+        ini("\xEF\xBB\xBF; sites\r\n[System]\r\nlogfolder = C:\\Logs \r\n[DAHS.2]\r\nSiteID=B\r\nDAHSID=-7\r\n"
+            "connection1=Driver={SQLite};Database=/a b.db\r\nConnection5=five\r\n[Other]\r\nSiteID=X\r\n"
+            "[dahs one]\r\nSiteID=A\r\nDAHSID=12\r\nComputer= other , SRV1\r\n");
+    ASSERT_TRUE(reader.ReadINI(0, true));
+    EXPECT_EQ(reader.LogFolder(), "C:\\Logs");
+    ASSERT_EQ(reader.AllDAHS().size(), 2U);
+    EXPECT_EQ(reader.AllDAHS()[0].SiteID, "B");
+    EXPECT_EQ(reader.AllDAHS()[0].DAHSID, -7);
+    EXPECT_EQ(reader.AllDAHS()[0].Connections[0], "Driver={SQLite};Database=/a b.db");
+    EXPECT_EQ(reader.AllDAHS()[0].Connections[1], "");
+    EXPECT_EQ(reader.AllDAHS()[0].Connections[4], "five");
+    EXPECT_THROW(reader.SelectedDAHS(), RuntimeError);
+    ASSERT_TRUE(reader.SelectDAHS(0, true));
+    EXPECT_EQ(reader.SelectedDAHS().SiteID, "A");
+    EXPECT_THAT(problems_, ElementsAre());
+}
+
+TEST_F(SystemINITest, LeavesDamagedEntriesOutAndSaysWhy) {
+    SystemINI reader =
+        ini("[System]\nLogFolder=/l\n[DAHS.1]\nDAHSID=1\n[DAHS.2]\nSiteID=S2\n[DAHS.3]\nSiteID=S3\nDAHSID=2147483648\n"
+            "[DAHS.4]\nSiteID=S4\nDAHSID=1x\n[DAHS.5]\nSiteID=S5\nDAHSID=5\nDefault=perhaps\n");
+    EXPECT_TRUE(reader.ReadINI(0, true));
+    EXPECT_EQ(reader.AllDAHS().size(), 1U);
+    EXPECT_FALSE(reader.SelectDAHS(0, true));
+    EXPECT_THAT(problems_,
+                ElementsAre("[DAHS.1]: SiteID is missing; the entry is left out",
+                            "[DAHS.2]: DAHSID '' is not a 32-bit whole number; the entry is left out",
+                            "[DAHS.3]: DAHSID '2147483648' is not a 32-bit whole number; the entry is left out",
+                            "[DAHS.4]: DAHSID '1x' is not a 32-bit whole number; the entry is left out",
+                            "[DAHS.5]: Default 'perhaps' is neither yes nor no; read as no",
+                            "no DAHS entry names this computer ('srv1.plant.example'), and none is marked as default"));
+}
+
+TEST_F(SystemINITest, SelectsByComputerBeforeDefault) {
+    const struct {
+        const char* computers;
+        const char* thisComputer;
+        bool isNamed;
+    } cases[] = {
+        {"srv1", "SRV1", true},
+        {"srv1", "srv1.plant.example", true},
+        {"srv1.plant.example", "srv1", true},
+        {"Srv1.Plant.Example", "srv1.plant.example", true},
+        {"srv1.other.example", "srv1.plant.example", false},
+        {"a,,b", "B", true},
+        {"srv", "srv1", false},
+        {"", "srv1", false},
+        {"srv1", "", false},
+    };
+    for (const auto& each : cases) {
+        SystemINI reader = ini(std::string("[DAHS.1]\nSiteID=Default\nDAHSID=1\nDefault=Yes\n"
+                                           "[DAHS.2]\nSiteID=Named\nDAHSID=2\nComputer=") +
+                                   each.computers + "\n",
+                               each.thisComputer);
+        EXPECT_TRUE(reader.ReadINI(0, false));
+        EXPECT_TRUE(reader.SelectDAHS(0, false));
+        EXPECT_EQ(reader.SelectedDAHS().SiteID, each.isNamed ? "Named" : "Default") << each.computers;
+    }
+}
+
+TEST_F(SystemINITest, AnUnreadableFileFails) {
+    SystemINI empty = ini("");
+    EXPECT_FALSE(empty.ReadINI(0, true));
+    SystemINI huge = ini(std::string(SystemINI::maxFileSize + 1, ';'));
+    EXPECT_FALSE(huge.ReadINI(0, true));
+    std::filesystem::remove(path_);
+    EXPECT_FALSE(huge.ReadINI(0, true));
+    EXPECT_FALSE(huge.ReadINI(0, false));
+    EXPECT_FALSE(huge.SelectDAHS(0, false));
+    EXPECT_THAT(problems_,
+                ElementsAre("[System]: LogFolder is missing; logs go to the root folder", "no usable DAHS entry",
+                            "larger than 4194304 bytes", "cannot be opened: No such file or directory"));
+}
+
+}  // namespace
+}  // namespace quelm
