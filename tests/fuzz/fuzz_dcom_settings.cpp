@@ -21,7 +21,9 @@ void checkLine(const std::string& line) {
 
 void runInput(Input input) {
     const std::string lastLine = input.text();
-    const std::string host = input.text();
+    std::string host = input.text();
+    std::replace_if(
+        host.begin(), host.end(), [](unsigned char c) { return c < ' '; }, '-');  // no machine's name has any
     const Bytes rest = input.rest();
     std::string text(rest.begin(), rest.end());
     if ((lastLine + host + text).find(secret) != std::string::npos) {
