@@ -58,6 +58,26 @@ class Site:
     def path(self, *names):
         return os.path.join(self.folder, *names)
 
+    def write(self, name, contents):
+        """Replaces one of the site's files; text or bytes."""
+        with open(self.path(name), 'wb') as file:
+            file.write(contents.encode() if isinstance(contents, str) else contents)
+
+    def edit(self, name, *changes):
+        """Replaces pieces of one of the site's files; each must be there."""
+        with open(self.path(name)) as file:
+            text = file.read()
+        for old, new in changes:
+            assert old in text, f'{name} has no {old!r}'
+            text = text.replace(old, new)
+        self.write(name, text)
+
+    def execute(self, name, script):
+        """Runs SQL statements on one of the site's databases."""
+        connection = self.database(name)
+        connection.executescript(script)
+        connection.close()
+
     def database(self, name='realtime.db'):
         connection = sqlite3.connect(self.path(name), timeout=10, isolation_level=None)
         connection.execute('PRAGMA busy_timeout = 10000')
@@ -70,12 +90,13 @@ class Site:
                            (generation + '%.AllCommsOk',))
         connection.close()
 
-    def start(self, *arguments, beat=True, environment=None):
+    def start(self, *arguments, beat=True, environment=None, prefix=()):
+        """prefix: the words of a command that ends in running the server in its own process."""
         if beat:
             self.beat()
         self.stderr_file = open(self.path('stderr.txt'), 'w')
         self.process = subprocess.Popen(
-            [SERVER, *arguments], stdin=subprocess.DEVNULL, stdout=open(self.path('stdout.txt'), 'w'),
+            [*prefix, SERVER, *arguments], stdin=subprocess.DEVNULL, stdout=open(self.path('stdout.txt'), 'w'),
             stderr=self.stderr_file,
             env={**os.environ, 'QUELM_INI': self.path('Quelm.ini'), 'QUELM_DCOM_CONF': self.path('dcom.conf'),
                  **(environment or {})})
@@ -117,6 +138,9 @@ class Site:
 
     def wait_log(self, text, count=1, seconds=30):
         wait_for(f'{count} log line(s) with {text!r}', lambda: len(self.logged(text)) >= count, seconds)
+
+    def wait_error(self, text, count=1, seconds=30):
+        wait_for(f'{count} line(s) with {text!r} on standard error', lambda: self.errors().count(text) >= count, seconds)
 
     def wait_pass(self):
         """Until an update pass that saw an enabled snapshot read has been made."""

@@ -167,10 +167,10 @@ class Interface:
         self.iid = iid
         self.binary = uuidtup_to_bin((iid, '0.0'))
 
-    def call(self, opnum, request):
+    def call(self, opnum, request, ipid=None):
         self.pointer.connect(self.binary)
         connection = self.pointer.get_dce_rpc()
-        connection.call(opnum, bytes(request.data), uuid=self.pointer.get_iPid())
+        connection.call(opnum, bytes(request.data), uuid=ipid or self.pointer.get_iPid())
         return Reader(connection.recv())
 
     def query(self, iid):
@@ -185,9 +185,13 @@ class Interface:
 class Client:
     LEVELS = {'connect': 2, 'integrity': 5, 'privacy': 6}
 
-    def connect(self, address='127.0.0.1', domain='DEMO', user='', password='', level='privacy', **_):
+    def connect(self, address='127.0.0.1', domain='DEMO', user='', password='', level='privacy', objectPort=None, **_):
+        """objectPort: where the objects are called instead of where the server says."""
         self.connection = dcomrt.DCOMConnection(address, user, password, domain, authLevel=self.LEVELS[level])
         pointer = self.connection.CoCreateInstanceEx(string_to_bin(CLASS_ID), string_to_bin(IOPC_SERVER))
+        if objectPort is not None:
+            for binding in pointer.get_cinstance().get_string_bindings():
+                binding['aNetworkAddr'] = f'{address}[{objectPort}]\0'
         self.server = Interface(pointer, IOPC_SERVER)
 
     def status(self):
@@ -308,11 +312,14 @@ class Client:
     def removeGroup(self):
         return self.server.call(7, Writer().u32(self.group_handle).u32(0)).u32()
 
-    def raw(self, opnum, stub, on='server'):
-        """A call with a hand-made stub; gives the reply's length, or the fault as an error."""
+    def raw(self, opnum, stub, on='server', ipid=None):
+        """A call with a hand-made stub; gives the reply's length, or the fault as an error. ipid: of another object."""
         request = Writer()
         request.data += bytes.fromhex(stub)
-        return len(getattr(self, on).call(opnum, request).data)
+        return len(getattr(self, on).call(opnum, request, ipid and bytes.fromhex(ipid)).data)
+
+    def ipid(self, on='server'):
+        return getattr(self, on).pointer.get_iPid().hex()
 
     def close(self):
         for name in ('sync', 'items', 'group', 'server'):
