@@ -82,7 +82,12 @@ std::string OPCDef::ID() const {
 }
 
 std::int32_t OPCDef::TagType() const {
-    return columns_.TagType.kind() == VariantKind::Int32 ? columns_.TagType.int32() : 0;
+    try {
+        return wholeNumber(columns_.TagType);
+    } catch (const RuntimeError&) {
+        // No tag type, and so no OPC DA tag: the server says so and goes on with the next definition.
+        return 0;
+    }
 }
 
 std::int32_t OPCDef::DataType() const {
