@@ -83,7 +83,7 @@ class Session {
         database_.reset(database);
         if (result != SQLITE_OK) {
             throw RuntimeError(database == nullptr ? result : sqlite3_extended_errcode(database),
-                               fmt::format("{} '{}'", sqlite3_errstr(result), path));
+                               fmt::format("{} '{}'", sqlite3_errstr(result), redactValue(path)));
         }
         sqlite3_extended_result_codes(database, 1);
         sqlite3_busy_timeout(database, static_cast<int>(timeouts.lock.count()));
@@ -91,9 +91,10 @@ class Session {
         // The write-ahead log belongs to the I/O servers, who write; closing here must not clear it away, least of
         // all when the database file has been replaced and the log is already that of the new one.
         sqlite3_db_config(database, SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
+        // Direct only: no view of a database may call it, when there is no sink.
         check(sqlite3_create_function_v2(
-            database, scanFunction, -1, SQLITE_UTF8, this, nullptr, &Session::takeRow, [](sqlite3_context*) {},
-            nullptr));
+            database, scanFunction, -1, SQLITE_UTF8 | SQLITE_DIRECTONLY, this, nullptr, &Session::takeRow,
+            [](sqlite3_context*) {}, nullptr));
     }
 
     bool isUsableFor(const std::optional<FileIdentity>& identity) const { return !failed_ && identity == identity_; }
@@ -275,8 +276,8 @@ class SqliteConnection final : public ISqlConnection {
         }
         session_.reset();
         if (!identity) {
-            throw RuntimeError(SQLITE_CANTOPEN, fmt::format("{} '{}': {}", sqlite3_errstr(SQLITE_CANTOPEN), path_,
-                                                            std::strerror(reason)));
+            throw RuntimeError(SQLITE_CANTOPEN, fmt::format("{} '{}': {}", sqlite3_errstr(SQLITE_CANTOPEN),
+                                                            redactValue(path_), std::strerror(reason)));
         }
         session_ = std::make_shared<Session>(path_, *identity, timeouts_);
         return session_;

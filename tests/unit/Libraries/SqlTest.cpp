@@ -2,6 +2,8 @@
 
 #include <gmock/gmock.h>
 
+#include <cmath>
+
 #include "DB Interface Library/SqlDate.h"
 #include "DB Interface Library/SqliteDriver.h"
 #include "Libraries/TestDatabase.h"
@@ -64,6 +66,31 @@ TEST(SqlDriversTest, SaysWhatIsMissing) {
     EXPECT_NO_THROW((void)drivers.connection("driver={SQLite};database=x"));
 }
 
+TEST(SqlValueTest, TakesWholeNumbersFromEveryNumberType) {
+    const auto real = [](double number) {
+        SqlValue value{SqlType::Real, {}, {}};
+        value.real = number;
+        return value;
+    };
+    const struct {
+        SqlValue value;
+        std::optional<std::int32_t> number;
+    } cases[] = {
+        {{SqlType::Integer, {101001234}, {}}, 101001234},
+        {{SqlType::Integer, {-3'000'000'000}, {}}, std::nullopt},
+        {{SqlType::Decimal, {}, "101001234.000"}, 101001234},
+        {{SqlType::Decimal, {}, "1e400"}, std::nullopt},
+        {real(-7), -7},
+        {real(7.5), std::nullopt},
+        {real(std::nan("")), std::nullopt},
+        {{SqlType::Text, {}, "7"}, std::nullopt},
+        {{}, std::nullopt},
+    };
+    for (const auto& each : cases) {
+        EXPECT_EQ(sqlWholeNumber(each.value), each.number);
+    }
+}
+
 class SqliteTest : public testing::Test {
  protected:
     std::unique_ptr<ISqlConnection> connect(const std::string& path, SqliteTimeouts timeouts = {}) {
@@ -111,6 +138,12 @@ TEST_F(SqliteTest, FailsClearlyAndNeverMakesAFile) {
     EXPECT_THROW(connect(folder_.path())->test(), RuntimeError);
 }
 
+TEST_F(SqliteTest, APathThatHasTakenAPasswordInNeverShows) {
+    const auto connection = SqliteDriver().connection(ConnectionString("Driver=SQLite;Database={/nowhere;PWD=geheim"));
+    EXPECT_EQ(errorOf([&] { connection->test(); }).description(),
+              "unable to open database file '***': No such file or directory");
+}
+
 TEST_F(SqliteTest, ComesBackWhenTheFileComesBackOrIsReplaced) {
     const std::string path = folder_.file("a.db");
     TestDatabase(path).run("CREATE TABLE T(a); INSERT INTO T VALUES (1)");
@@ -151,6 +184,39 @@ TEST_F(SqliteTest, ARunawayQueryIsStopped) {
     });
     EXPECT_EQ(error.description(), "the query took longer than 0 ms");
     EXPECT_EQ(countOf(*connection), 0);
+}
+
+class CountingSink final : public ISqlRowSink {
+ public:
+    explicit CountingSink(std::int64_t limit) : limit_(limit) {}
+    void take(std::span<const SqlValue> columns) override {
+        sum += columns[1].integer;
+        if (sum > limit_) {
+            throw RuntimeError(errors::overflow);
+        }
+    }
+    std::int64_t sum = 0;
+
+ private:
+    std::int64_t limit_;
+};
+
+TEST_F(SqliteTest, AScanHandsOverEveryRowAndWhatTheSinkRaisesReachesTheCaller) {
+    TestDatabase(folder_.file("a.db")).run("CREATE TABLE T(a, b); INSERT INTO T VALUES ('x', 1), ('x', 2), ('y', 4)");
+    const auto connection = connect(folder_.file("a.db"));
+    CountingSink all(100);
+    connection->scan("a, b", "T WHERE a = ?", {std::string_view("x")}, all);
+    EXPECT_EQ(all.sum, 3);
+    connection->scan("a, b", "T WHERE a = ?", {std::string_view("none")}, all);
+    EXPECT_EQ(all.sum, 3);
+    CountingSink refusing(1);
+    EXPECT_EQ(errorOf([&] { connection->scan("a, b", "T", {}, refusing); }).number(), errors::overflow);
+    EXPECT_EQ(refusing.sum, 3);
+    EXPECT_EQ(errorOf([&] { connection->scan("a, b", "Nowhere", {}, all); }).description(), "no such table: Nowhere");
+    TestDatabase(folder_.file("a.db")).run("CREATE VIEW V AS SELECT quelm_take(a, b) AS c FROM T");
+    EXPECT_THROW(connection->query("SELECT c FROM V", {})->next(), RuntimeError);
+    connection->scan("a, b", "T", {}, all);
+    EXPECT_EQ(all.sum, 10);
 }
 
 SqlValue textValue(std::string_view text) {
