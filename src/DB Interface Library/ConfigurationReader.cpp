@@ -3,32 +3,10 @@
 #include <fmt/format.h>
 
 #include <array>
-#include <limits>
-#include <optional>
 
 #include "Shared Types/RuntimeError.h"
 
 namespace quelm {
-
-namespace {
-
-std::optional<std::int32_t> wholeNumber(const SqlValue& value) {
-    const Variant number = sqlVariant(value);
-    if (number.kind() == VariantKind::Int32) {
-        return number.int32();
-    }
-    // Databases that keep whole numbers as decimals or doubles.
-    if (number.kind() == VariantKind::Double || number.kind() == VariantKind::Decimal) {
-        const double real = number.kind() == VariantKind::Double ? number.real() : number.decimal().toDouble();
-        if (real >= std::numeric_limits<std::int32_t>::min() && real <= std::numeric_limits<std::int32_t>::max() &&
-            real == static_cast<double>(static_cast<std::int32_t>(real))) {
-            return static_cast<std::int32_t>(real);
-        }
-    }
-    return std::nullopt;
-}
-
-}  // namespace
 
 std::shared_ptr<const OPCDefCollection> ConfigurationReader::LoadOPCDefs(std::string_view strSiteID) {
     try {
@@ -67,8 +45,8 @@ std::shared_ptr<const ChannelDefCollection> ConfigurationReader::LoadChannelDefs
     while (rows->next()) {
         rows->read(columns);
         const auto& [id, name, type] = columns;
-        if (const auto channel = wholeNumber(id)) {
-            definitions->Add(ChannelDef{*channel, std::string(sqlText(name)), wholeNumber(type).value_or(0)});
+        if (const auto channel = sqlWholeNumber(id)) {
+            definitions->Add(ChannelDef{*channel, std::string(sqlText(name)), sqlWholeNumber(type).value_or(0)});
         }
     }
     return definitions;
@@ -82,7 +60,7 @@ std::vector<PIDDefinition> ConfigurationReader::LoadPIDDefinitions(std::string_v
     std::array<SqlValue, 2> columns;
     while (rows->next()) {
         rows->read(columns);
-        if (const auto pid = wholeNumber(columns[0])) {
+        if (const auto pid = sqlWholeNumber(columns[0])) {
             definitions.push_back(PIDDefinition{*pid, std::string(sqlText(columns[1]))});
         }
     }
@@ -97,7 +75,7 @@ SiteSettings ConfigurationReader::LoadSiteSettings(std::string_view strSiteID, s
     if (rows->next()) {
         std::array<SqlValue, 1> columns;
         rows->read(columns);
-        const std::int32_t day = wholeNumber(columns[0]).value_or(0);
+        const std::int32_t day = sqlWholeNumber(columns[0]).value_or(0);
         settings.FirstDayOfWeek = day >= 1 && day <= 7 ? day : 0;
     }
     return settings;

@@ -17,7 +17,8 @@ bool readParameter(const ISqlRows& rows, ParameterValue& parameter) {
     std::array<SqlValue, 4> columns;
     rows.read(columns);
     const auto& [pid, intervalType, value, monitorCode] = columns;
-    if (pid.type != SqlType::Integer || !std::in_range<std::int32_t>(pid.integer)) {
+    const std::optional<std::int32_t> number = sqlWholeNumber(pid);
+    if (!number) {
         return false;
     }
     parameter.PID = static_cast<std::int32_t>(pid.integer);

@@ -3,6 +3,7 @@
 #include <cmath>
 #include <limits>
 #include <optional>
+#include <utility>
 
 #include "DB Interface Library/SqliteDriver.h"
 #include "Shared Types/RuntimeError.h"
@@ -110,6 +111,25 @@ Variant sqlVariant(const SqlValue& value) {
             break;
     }
     return Variant::null();
+}
+
+std::optional<std::int32_t> sqlWholeNumber(const SqlValue& value) {
+    if (value.type == SqlType::Integer) {
+        return std::in_range<std::int32_t>(value.integer) ? std::optional(static_cast<std::int32_t>(value.integer))
+                                                          : std::nullopt;
+    }
+    std::optional<double> number;
+    if (value.type == SqlType::Real) {
+        number = value.real;
+    } else if (value.type == SqlType::Decimal) {
+        number = parseNumber(value.text);
+    }
+    constexpr double low = std::numeric_limits<std::int32_t>::min();
+    constexpr double high = std::numeric_limits<std::int32_t>::max();
+    if (!number || !(*number >= low && *number <= high) || *number != std::trunc(*number)) {
+        return std::nullopt;
+    }
+    return static_cast<std::int32_t>(*number);
 }
 
 ConnectionString::ConnectionString(std::string_view text) : text_(text) {

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <initializer_list>
 #include <memory>
+#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
@@ -39,6 +40,9 @@ inline constexpr std::size_t maxSqlText = std::size_t{1} << 20;
 inline std::string_view sqlText(const SqlValue& value) {
     return value.type == SqlType::Text && value.text.size() <= maxSqlText ? value.text : std::string_view();
 }
+
+// A whole number that fits 32 bits, whichever number type the database keeps it in; nothing for everything else.
+std::optional<std::int32_t> sqlWholeNumber(const SqlValue& value);
 
 using SqlParameter = std::variant<std::monostate, std::int64_t, double, std::string_view>;
 using SqlParameters = std::initializer_list<SqlParameter>;
