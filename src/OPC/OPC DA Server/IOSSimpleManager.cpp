@@ -289,6 +289,9 @@ void IOSSimpleManager::mobjReadCurrentIOInterval_IntervalExpired(std::int32_t, c
 
 void IOSSimpleManager::LogReadOf(const Generation& generation, bool blnHeartbeatChanged) {
     std::int32_t& lngReadCount = this->*generation.lngReadCount;
+    if (!mobjReadCurrentIOInterval) {
+        throw RuntimeError(errors::objectNotSet);
+    }
     lngReadCount = nextReadCount(lngReadCount);
     LogCurrentIOReadStatus(generation.label, this->*generation.lngElapsed, mobjReadCurrentIOInterval->Period(),
                            blnHeartbeatChanged, this->*generation.varAllCommsOk, this->*generation.dtmAllCommsOkTStamp,

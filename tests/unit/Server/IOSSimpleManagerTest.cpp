@@ -187,6 +187,15 @@ TEST_F(Link, StopsWithItsOwner) {
     EXPECT_EQ(clock->fire("IOSManager: read CurrentIO"), 0);
 }
 
+TEST_F(Link, OutlivesATickAfterItsEnd) {
+    dbil->setChannels({{7, 1}});
+    tickWith(health("IOS", localNow()));
+    manager.Shutdown();
+    manager.mobjReadCurrentIOInterval_IntervalExpired(1, Variant(), Date{}, false);
+    EXPECT_TRUE(manager.GetChannelValue(7).isNull());
+    EXPECT_THAT(messages.lines, IsEmpty());
+}
+
 // ---- channel look-ups
 
 TEST_F(Link, ReadsAChannelsValueFromNumberOrXml) {
