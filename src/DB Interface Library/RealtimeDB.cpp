@@ -5,6 +5,7 @@
 #include <array>
 #include <utility>
 
+#include "DB Interface Library/DBRealtimeConstants.h"
 #include "Shared Types/Date.h"
 #include "Shared Types/TimeSource.h"
 
@@ -21,12 +22,16 @@ bool readParameter(const ISqlRows& rows, ParameterValue& parameter) {
     if (!number) {
         return false;
     }
-    parameter.PID = static_cast<std::int32_t>(pid.integer);
+    parameter.PID = *number;
     parameter.IntervalType.assign(sqlText(intervalType));
     parameter.Value = sqlVariant(value);
     parameter.MonitorCode = sqlVariant(monitorCode);
     return true;
 }
+
+const std::string snapshotColumns = fmt::format("{}, {}, {}, {}", realtime::ioIDColumn, realtime::timeStampColumn,
+                                                realtime::nValueColumn, realtime::xValueColumn);
+const std::string snapshotSource = fmt::format("{} WHERE {} = ?", realtime::currentIOTable, realtime::siteIDColumn);
 
 // The present local time, "yyyy-MM-dd HH:mm:ss.fff".
 std::string timeStampText() {
@@ -44,9 +49,8 @@ std::shared_ptr<const CurrentIOCollection> RealtimeDB::ReadCurrentIO(std::string
         snapshots = snapshots_.try_emplace(std::string(strSiteID)).first;
     }
     // The key of the table, site and IOID, is the way in which the rows are found, so they come in its order.
-    return snapshots->second.read([&](ISqlRowSink& sink) {
-        connection.scan("IOID, TStamp, NValue, XValue", "CurrentIO WHERE SiteID = ?", {strSiteID}, sink);
-    });
+    return snapshots->second.read(
+        [&](ISqlRowSink& sink) { connection.scan(snapshotColumns, snapshotSource, {strSiteID}, sink); });
 }
 
 std::optional<MessageRecord> RealtimeDB::GetMessageRecord(std::string_view strSiteID, std::string_view strMsgID) {

@@ -7,6 +7,7 @@
 #include <utility>
 #include <vector>
 
+#include "DB Interface Library/DBRealtimeConstants.h"
 #include "OPC/OPC DA Server/IOCommandConstants.h"
 #include "OPC/OPC DA Server/PIDFunctions.h"
 #include "OPC/OPC DA Server/TextConversionFunctions.h"
@@ -168,8 +169,8 @@ struct IOSSimpleManager::Generation {
 const IOSSimpleManager::Generation IOSSimpleManager::ios5{
     generation5,
     "IOS5",
-    "IOS.AllCommsOk",
-    "IOS.AllDataRefreshed",
+    realtime::ios5AllCommsOkKey,
+    realtime::ios5AllDataRefreshedKey,
     "OPC-0196",
     "OPC-0197",
     "OPC-0199",
@@ -193,8 +194,8 @@ const IOSSimpleManager::Generation IOSSimpleManager::ios5{
 const IOSSimpleManager::Generation IOSSimpleManager::ios6{
     generation6,
     "IOS6",
-    "IOS6.AllCommsOk",
-    "IOS6.AllDataRefreshed",
+    realtime::ios6AllCommsOkKey,
+    realtime::ios6AllDataRefreshedKey,
     "OPC-0200",
     "OPC-0201",
     "OPC-0204",
@@ -288,10 +289,10 @@ void IOSSimpleManager::mobjReadCurrentIOInterval_IntervalExpired(std::int32_t, c
 }
 
 void IOSSimpleManager::LogReadOf(const Generation& generation, bool blnHeartbeatChanged) {
-    std::int32_t& lngReadCount = this->*generation.lngReadCount;
     if (!mobjReadCurrentIOInterval) {
         throw RuntimeError(errors::objectNotSet);
     }
+    std::int32_t& lngReadCount = this->*generation.lngReadCount;
     lngReadCount = nextReadCount(lngReadCount);
     LogCurrentIOReadStatus(generation.label, this->*generation.lngElapsed, mobjReadCurrentIOInterval->Period(),
                            blnHeartbeatChanged, this->*generation.varAllCommsOk, this->*generation.dtmAllCommsOkTStamp,
@@ -517,7 +518,8 @@ Variant IOSSimpleManager::GetMultiValueChannelCSV(std::int32_t lngIOChanID, std:
 
 // The element with a block's values; Nothing, with a message unless the record is missing, when there is none.
 XmlNode IOSSimpleManager::FindCSV(std::int32_t lngChannelID, std::int32_t lngPIDForMsgs) const {
-    const CurrentIORecord* record = GetCurrentIORecord(fmt::format("MultiValueC{}", lngChannelID));
+    const CurrentIORecord* record =
+        GetCurrentIORecord(fmt::format("{}{}", realtime::multiValueChannelKey, lngChannelID));
     if (record == nullptr) {
         return {};
     }

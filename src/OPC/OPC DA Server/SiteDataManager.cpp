@@ -6,6 +6,7 @@
 
 #include "OPC/OPC DA Server/IOChannelIDFunctions.h"
 #include "OPC/OPC DA Server/MonitorProcessCodeFunctions.h"
+#include "OPC/OPC DA Server/OmbrelConstants.h"
 #include "OPC/OPC DA Server/PIDFunctions.h"
 #include "OPC/OPC DA Server/QuelmOpcMappingFunctions.h"
 #include "OPC/OPC DA Server/UtilityFunctions.h"
@@ -15,7 +16,6 @@
 namespace quelm {
 namespace {
 
-constexpr std::int32_t opcDATag = 1;
 constexpr std::int32_t readableOnly = 1;
 constexpr std::int32_t readerPeriodSeconds = 15;
 
@@ -137,7 +137,7 @@ bool SiteDataManager::CreateTag(ISLIKTags& objSLIKTags, const OPCDef& objOPCDef)
 // What the item is fed from and how it is presented. False when there can be no item; every reason has been reported,
 // except that of a definition which isn't an OPC DA tag or has no refresh rate.
 bool SiteDataManager::ResolveTag(const OPCDef& objOPCDef, const std::string& strTagname, TagConfig& objTag) {
-    if (objOPCDef.RefreshRate() <= 0 || objOPCDef.TagType() != opcDATag) {
+    if (objOPCDef.RefreshRate() <= 0 || objOPCDef.TagType() != ombrel::opcDATag) {
         return false;
     }
     objTag.OPCTagName = strTagname;

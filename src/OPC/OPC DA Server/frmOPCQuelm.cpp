@@ -11,7 +11,6 @@
 namespace quelm {
 namespace {
 
-constexpr std::int32_t opcDATag = 1;
 constexpr std::int32_t maxListedMessages = 500;
 constexpr std::int32_t shutdownDelayMilliseconds = 5000;
 constexpr std::int32_t comFailure = static_cast<std::int32_t>(0x80004005);  // E_FAIL
@@ -96,6 +95,10 @@ StartUp frmOPCQuelm::Form_Load() {
     mobjInitializationInterval = NewInterval(refreshPeriodSeconds, 0, "Initialize", refreshTolerance,
                                              &frmOPCQuelm::mobjInitializationInterval_IntervalExpired);
     return StartUp::WaitingForDatabase;
+}
+
+std::string_view frmOPCQuelm::HelpText() {
+    return helpText;
 }
 
 void frmOPCQuelm::ShowHelp() {
@@ -256,7 +259,7 @@ bool frmOPCQuelm::InitializeSite(const std::string& strSiteID, std::int32_t lngD
 void frmOPCQuelm::CreateTags(SiteDataManager& objManager, const OPCDefCollection& colOPCDefs) {
     ISLIKTags& objSLIKTags = SLIKServer1.SLIKTags();
     for (const OPCDef& objOPCDef : colOPCDefs) {
-        if (objOPCDef.TagType() != opcDATag) {
+        if (objOPCDef.TagType() != ombrel::opcDATag) {
             AddMsg(msgtype::error, fmt::format("[OPC-0119] Only OPC DA tags are supported; will not load tag '{}'",
                                                objOPCDef.Tagname()));
         } else if (!objManager.CreateTag(objSLIKTags, objOPCDef)) {

@@ -16,6 +16,7 @@
 #include "DB Interface Library/ISystemINI.h"
 #include "Messages/ILogWriter.h"
 #include "Messages/IRaiseMsg.h"
+#include "OPC/OPC DA Server/OmbrelConstants.h"
 #include "OPC/OPC DA Server/SiteDataManager.h"
 #include "OPC/OPC DA Server/SiteDictionary.h"
 #include "SLIK-DA/ISLIKServer.h"
@@ -52,12 +53,15 @@ enum class StartUp {
 
 class frmOPCQuelm final : public IRaiseMsg, public ISLIKServerEvents {
  public:
-    static constexpr std::string_view applicationTitle = "Quelm 5 OPC DA Server";
-    static constexpr std::string_view executableName = "Q5OPCServer";
+    static constexpr std::string_view applicationTitle = ombrel::applicationTitle;
+    static constexpr std::string_view executableName = ombrel::executableName;
 
     explicit frmOPCQuelm(ServerParts parts);
     frmOPCQuelm(const frmOPCQuelm&) = delete;
     frmOPCQuelm& operator=(const frmOPCQuelm&) = delete;
+
+    // The lines of the help box, separated by CR LF.
+    static std::string_view HelpText();
 
     // The whole start-up. What escapes it (registration refused, the control cannot start) is fatal to the process.
     StartUp Form_Load();
