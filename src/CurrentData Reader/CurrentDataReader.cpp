@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <utility>
 
 #include "Shared Types/RuntimeError.h"
 
@@ -52,11 +53,10 @@ void CurrentDataReader::refresh() noexcept {
     try {
         objReferences_->ICDRReferences_RealtimeDB().ReadParameterValues(objReferences_->ICDRReferences_SiteID(),
                                                                         incoming_);
-        const bool rebuild = !isLaidOutAsBefore();
-        values_.swap(incoming_);
-        if (rebuild) {
-            buildIndex();
+        if (!isLaidOutAsBefore()) {
+            indexIncoming();
         }
+        values_.swap(incoming_);
         missedRefreshes_ = 0;
     } catch (...) {
         reportFailedRefresh();
@@ -73,17 +73,20 @@ bool CurrentDataReader::isLaidOutAsBefore() const {
 
 // Each PID's records are chained in the order of the read. A read that is not ordered by PID is chained all the same,
 // only new records then go in behind the PID's first one.
-void CurrentDataReader::buildIndex() {
-    firstOfPID_.clear();
-    firstOfPID_.reserve(values_.size());
-    nextOfPID_.assign(values_.size(), IntIndex::none);
-    for (std::uint32_t i = 0; i < values_.size(); ++i) {
-        if (!firstOfPID_.add(values_[i].PID, i)) {
-            const std::uint32_t first = firstOfPID_.find(values_[i].PID);
-            nextOfPID_[i] = nextOfPID_[first];
-            nextOfPID_[first] = i;
+// Made whole before it takes the old one's place: when the memory runs out on the way, the old snapshot keeps its own.
+void CurrentDataReader::indexIncoming() {
+    IntIndex firstOfPID;
+    firstOfPID.reserve(incoming_.size());
+    std::vector<std::uint32_t> nextOfPID(incoming_.size(), IntIndex::none);
+    for (std::uint32_t i = 0; i < incoming_.size(); ++i) {
+        if (!firstOfPID.add(incoming_[i].PID, i)) {
+            const std::uint32_t first = firstOfPID.find(incoming_[i].PID);
+            nextOfPID[i] = nextOfPID[first];
+            nextOfPID[first] = i;
         }
     }
+    firstOfPID_ = std::move(firstOfPID);
+    nextOfPID_ = std::move(nextOfPID);
 }
 
 void CurrentDataReader::reportFailedRefresh() {

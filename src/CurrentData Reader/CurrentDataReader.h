@@ -33,7 +33,7 @@ class CurrentDataReader final : public ICurrentDataReader {
  private:
     void refresh() noexcept;
     bool isLaidOutAsBefore() const;
-    void buildIndex();
+    void indexIncoming();
     void reportFailedRefresh();
 
     IRaiseMsg* objRaiseMsg_ = nullptr;
