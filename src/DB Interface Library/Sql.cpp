@@ -165,12 +165,14 @@ std::string redactConnectionString(std::string_view text) {
         if (!part.hasKey) {
             shown += "***";
         } else {
-            // In a value too: a brace or quote that was never closed, or a forgotten ";", takes a password in.
-            const bool hidden = isSecret(part.key) || isSecret(part.value);
-            shown.append(part.key).append("=").append(hidden ? "***" : part.value);
+            shown.append(part.key).append("=").append(isSecret(part.key) ? "***" : redactValue(part.value));
         }
     }
     return shown;
+}
+
+std::string redactValue(std::string_view value) {
+    return isSecret(value) ? "***" : std::string(value);
 }
 
 std::unique_ptr<ISqlConnection> SqlDrivers::connection(std::string_view connectionString) const {

@@ -103,6 +103,9 @@ class ConnectionString {
 // The connection string with every password (PWD, Password and their like) shown as "***": the only form that may
 // get into a message. Parts without a key are hidden too, for they may be the rest of a password.
 std::string redactConnectionString(std::string_view text);
+// One value of it as a message may show it: "***" when it has swallowed a password, as behind a forgotten ";" or an
+// unclosed brace.
+std::string redactValue(std::string_view value);
 
 class ISqlDriver {
  public:
