@@ -9,18 +9,18 @@ namespace {
 std::size_t allocations = 0;
 }
 
-// Counts every allocation of the test program.
-void* operator new(std::size_t size) {
+// Counts every allocation of the test program. Not inlined: the compiler would take the pair for a mismatched one.
+[[gnu::noinline]] void* operator new(std::size_t size) {
     ++allocations;
     if (void* memory = std::malloc(size)) {
         return memory;
     }
     throw std::bad_alloc();
 }
-void operator delete(void* memory) noexcept {
+[[gnu::noinline]] void operator delete(void* memory) noexcept {
     std::free(memory);
 }
-void operator delete(void* memory, std::size_t) noexcept {
+[[gnu::noinline]] void operator delete(void* memory, std::size_t) noexcept {
     std::free(memory);
 }
 
