@@ -3,7 +3,6 @@
 // A flat look-up from a whole number (channel ID, PID) to a position, for the look-ups that every item makes on
 // every update pass: no allocation, usually one cache line.
 
-#include <bit>
 #include <cstddef>
 #include <cstdint>
 #include <vector>
@@ -25,7 +24,7 @@ class IntIndex {
     // False, with nothing changed, when the key is there already. position: anything but none.
     bool add(std::int32_t key, std::uint32_t position) {
         if (count_ + 1 > slots_.size() / 3 * 2) {
-            resize(count_ + 1);
+            resize(count_ + count_ / 2 + 1);
         }
         Slot& slot = slots_[slotFor(key)];
         if (slot.position != none) {
@@ -58,25 +57,25 @@ class IntIndex {
     // stay together. The lines themselves are scattered: long runs laid over each other would fill up the table around
     // them, and every look-up would wade through all of that.
     static constexpr unsigned lineBits = 3;
-    static constexpr std::uint32_t inLine = (1U << lineBits) - 1;
+    static constexpr std::uint32_t lineSize = 1U << lineBits;
 
     // The slot that holds the key, else the free one where it belongs.
     std::size_t slotFor(std::int32_t key) const noexcept {
         const auto bits = static_cast<std::uint32_t>(key);
-        const std::size_t mask = slots_.size() - 1;
-        const std::uint32_t line = (bits >> lineBits) * 0x9E3779B1U >> shift_;
-        std::size_t at = line << lineBits | (bits & inLine);
+        const std::uint64_t scattered = (bits >> lineBits) * 0x9E3779B1U;
+        std::size_t at = (scattered * lines_ >> 32U) * lineSize + bits % lineSize;
         while (slots_[at].position != none && slots_[at].key != key) {
-            at = (at + 1) & mask;
+            at = at + 1 == slots_.size() ? 0 : at + 1;
         }
         return at;
     }
 
     // Room for count keys and half as many free slots.
     void resize(std::size_t count) {
-        std::vector<Slot> old(std::bit_ceil(count + count / 2 + 2 * (inLine + 1)));
+        const std::size_t lines = (count + count / 2) / lineSize + 2;
+        std::vector<Slot> old(lines * lineSize);
+        lines_ = lines;
         old.swap(slots_);
-        shift_ = 32 + lineBits - static_cast<unsigned>(std::countr_zero(slots_.size()));
         for (const Slot& slot : old) {
             if (slot.position != none) {
                 slots_[slotFor(slot.key)] = slot;
@@ -85,8 +84,8 @@ class IntIndex {
     }
 
     std::vector<Slot> slots_;
+    std::size_t lines_ = 0;
     std::size_t count_ = 0;
-    unsigned shift_ = 0;
 };
 
 }  // namespace quelm
