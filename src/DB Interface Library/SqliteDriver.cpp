@@ -87,6 +87,9 @@ class Session {
         }
         sqlite3_extended_result_codes(database, 1);
         sqlite3_busy_timeout(database, static_cast<int>(timeouts.lock.count()));
+        // Pages are read from start to end and the I/O servers change them all the time, so a larger store of them
+        // serves nobody.
+        check(sqlite3_exec(database, "PRAGMA cache_size = -256", nullptr, nullptr, nullptr));
         sqlite3_progress_handler(database, operationsPerCheck, &Session::isOverdue, this);
         // The write-ahead log belongs to the I/O servers, who write; closing here must not clear it away, least of
         // all when the database file has been replaced and the log is already that of the new one.
