@@ -7,8 +7,10 @@
 // Standard error carries what the window or the log cannot show: why libraries refused, and why the process ends.
 
 #include <fmt/format.h>
+#include <malloc.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <exception>
@@ -36,6 +38,10 @@ namespace quelm {
 namespace {
 
 constexpr std::uint64_t secondSignalMilliseconds = 10000;
+// Bytes from which on a table has memory of its own, which goes back to the system with it and leaves no hole.
+constexpr int ownMemorySize = 1 << 20;
+// By then every table has been read once, at the slowest period of 20 seconds.
+constexpr std::chrono::seconds firstReads{25};
 
 void printProblem(std::string_view line) {
     std::fprintf(stderr, "%s: %.*s\n", std::string(frmOPCQuelm::executableName).c_str(), static_cast<int>(line.size()),
@@ -84,6 +90,8 @@ class Program {
             case StartUp::Running:
                 break;
         }
+        giveBackMemory();
+        firstReadsDone_->start(firstReads);
         while (!runHandlers()) {
         }
         return exitCode_;
@@ -121,6 +129,9 @@ class Program {
         }
     }
 
+    // Start-up, and the first read of each table, need as much memory for a moment as what stays.
+    static void giveBackMemory() { malloc_trim(0); }
+
     // False when a handler let a failure out: the loop must go on, or everybody pays for it.
     bool runHandlers() {
         try {
@@ -156,6 +167,7 @@ class Program {
     SLIKServer control_;
     OpcNetwork network_;
     frmOPCQuelm form_;
+    std::unique_ptr<ITimer> firstReadsDone_ = loop_.makeTimer(giveBackMemory);
     std::optional<std::uint64_t> lastSignal_;
     int exitCode_ = 0;
 };
@@ -178,6 +190,7 @@ int main(int argc, char** argv) {
     // Peers that go away and terminals that are closed are no reason to end.
     std::signal(SIGPIPE, SIG_IGN);
     std::signal(SIGHUP, SIG_IGN);
+    mallopt(M_MMAP_THRESHOLD, quelm::ownMemorySize);
     try {
         return quelm::Program(quelm::commandLineText(argc, argv)).run();
     } catch (...) {
