@@ -1,0 +1,143 @@
+// iosctl: an operator's hand on a site's I/O servers, through the server's own link to them.
+
+#include <fmt/format.h>
+
+#include <exception>
+#include <string>
+#include <variant>
+#include <vector>
+
+#include "OPC/Tools/Arguments.h"
+#include "OPC/Tools/Commands.h"
+#include "OPC/Tools/Json.h"
+#include "OPC/Tools/MessageList.h"
+#include "OPC/Tools/SiteLink.h"
+#include "OPC/Tools/Terminal.h"
+#include "SLIK-DA/Identity.h"
+#include "Shared Types/RuntimeError.h"
+
+namespace quelm::tools {
+namespace {
+
+std::string jsonOf(const MessageList::Entry& entry) {
+    const std::vector<json::Field> fields{{"type", std::to_string(entry.type)}, {"text", json::text(entry.text)}};
+    return json::object(fields);
+}
+
+void printAnswer(const Request& request, SiteLink& link, const Outcome& outcome) {
+    for (const std::string& problem : outcome.problems) {
+        showProblem(problem);
+    }
+    if (!request.json) {
+        for (const std::string& line : outcome.lines) {
+            showLine(line);
+        }
+        return;
+    }
+    std::vector<std::string> messages;
+    for (const MessageList::Entry& entry : link.messages().entries()) {
+        messages.push_back(jsonOf(entry));
+    }
+    std::vector<std::string> problems;
+    for (const std::string& problem : outcome.problems) {
+        problems.push_back(json::text(problem));
+    }
+    std::vector<json::Field> fields{{"command", json::text(request.name)},
+                                    {"site", json::text(link.manager().SiteID())},
+                                    {"exitCode", std::to_string(static_cast<int>(outcome.code))}};
+    fields.insert(fields.end(), outcome.fields.begin(), outcome.fields.end());
+    fields.emplace_back("problems", json::array(problems));
+    fields.emplace_back("messages", json::array(messages));
+    showLine(json::object(fields));
+}
+
+ExitCode runOnSite(const Request& request, SiteLink& link) {
+    link.messages().begin(request.verbose);
+    const Outcome outcome = carryOut(request, link);
+    printAnswer(request, link, outcome);
+    return outcome.code;
+}
+
+// True when the request was for words alone.
+bool printedWords(const Request& request) {
+    if (std::holds_alternative<HelpCommand>(request.command)) {
+        showText(helpText());
+        return true;
+    }
+    if (std::holds_alternative<VersionCommand>(request.command)) {
+        showLine(fmt::format("iosctl {}.{}.{}", identity::majorVersion, identity::minorVersion, identity::buildNumber));
+        return true;
+    }
+    return false;
+}
+
+ExitCode runLine(const std::vector<std::string>& words, const Request& shell, SiteLink& link) {
+    try {
+        Request request = parseArguments(words, Origin::ShellLine);
+        request.json |= shell.json;
+        request.yes |= shell.yes;
+        request.verbose |= shell.verbose;
+        return printedWords(request) ? ExitCode::Done : runOnSite(request, link);
+    } catch (const UsageError& error) {
+        showProblem(error.what());
+        return ExitCode::Usage;
+    }
+}
+
+// A line's words; none for a comment, and nothing to run either for a line that cannot be split.
+std::vector<std::string> wordsOf(const std::string& line, ExitCode& code) {
+    try {
+        std::vector<std::string> words = splitLine(line);
+        return !words.empty() && words.front().starts_with('#') ? std::vector<std::string>() : words;
+    } catch (const UsageError& error) {
+        showProblem(error.what());
+        code = ExitCode::Usage;
+        return {};
+    }
+}
+
+ExitCode runShell(const Request& shell, SiteLink& link) {
+    ExitCode first = ExitCode::Done;
+    while (const auto line = nextCommandLine()) {
+        ExitCode code = ExitCode::Done;
+        const std::vector<std::string> words = wordsOf(*line, code);
+        if (words == std::vector<std::string>{"quit"}) {
+            break;
+        }
+        if (!words.empty()) {
+            code = runLine(words, shell, link);
+        }
+        first = first == ExitCode::Done ? code : first;
+    }
+    return first;
+}
+
+ExitCode run(const std::vector<std::string>& arguments) {
+    try {
+        const Request request = parseArguments(arguments, Origin::CommandLine);
+        if (printedWords(request)) {
+            return ExitCode::Done;
+        }
+        MessageList messages;
+        messages.begin(request.verbose);
+        SiteLink link(request.ini, request.site, messages);
+        return std::holds_alternative<ShellCommand>(request.command) ? runShell(request, link)
+                                                                     : runOnSite(request, link);
+    } catch (const UsageError& error) {
+        showProblem(fmt::format("{} (iosctl --help shows how it is used)", error.what()));
+        return ExitCode::Usage;
+    } catch (const SiteTrouble& trouble) {
+        showProblem(trouble.what());
+        return ExitCode::SiteTrouble;
+    } catch (...) {
+        showProblem(currentError().text());
+        return ExitCode::Failed;
+    }
+}
+
+}  // namespace
+}  // namespace quelm::tools
+
+int main(int argc, char** argv) {
+    return static_cast<int>(quelm::tools::run(std::vector<std::string>(argv + 1, argv + argc)));
+}

@@ -1,0 +1,132 @@
+#include "OPC/Tools/Arguments.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace quelm::tools {
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+Request parse(const std::vector<std::string>& words, Origin origin = Origin::CommandLine) {
+    return parseArguments(words, origin);
+}
+
+template <class Which>
+Which parsed(const std::vector<std::string>& words) {
+    return std::get<Which>(parse(words).command);
+}
+
+std::string refused(const std::vector<std::string>& words, Origin origin = Origin::CommandLine) {
+    try {
+        parse(words, origin);
+    } catch (const UsageError& error) {
+        return error.what();
+    }
+    return "(taken)";
+}
+
+TEST(Arguments, TheValueToWriteIsOfTheTypeThatIsAskedForAndNoOther) {
+    const auto value = [](std::vector<std::string> words) {
+        words.insert(words.begin(), {"write", "7"});
+        return parsed<WriteCommand>(words).value;
+    };
+    EXPECT_EQ(value({"12"}), Variant(std::int32_t{12}));
+    EXPECT_EQ(value({"-12"}), Variant(std::int32_t{-12}));
+    EXPECT_EQ(value({"2147483648"}), Variant(2147483648.0));
+    EXPECT_EQ(value({"-0.5"}), Variant(-0.5));
+    EXPECT_EQ(value({"1e3"}), Variant(1000.0));
+    EXPECT_EQ(value({"--type", "text", "12"}), Variant("12"));
+    EXPECT_EQ(value({"--type=text", ""}), Variant(""));
+    EXPECT_EQ(value({"--type=text", "--", "--priority"}), Variant("--priority"));
+    EXPECT_EQ(value({"--type", "bool", "true"}), Variant(true));
+    EXPECT_EQ(value({"0", "--type", "bool"}), Variant(false));
+    EXPECT_EQ(value({"--type", "null"}), Variant::null());
+}
+
+TEST(Arguments, AValueThatCouldMeanSomethingElseIsRefused) {
+    for (const char* text : {"", " 1", "1 ", "+1", "1,5", "1 000", "0x10", "&H10", "12a", "1e999", "inf", "nan", "-"}) {
+        EXPECT_THAT(refused({"write", "7", text}), HasSubstr("is not a number")) << text;
+    }
+    for (const char* text : {"yes", "TRUE", "2", ""}) {
+        EXPECT_THAT(refused({"write", "7", text, "--type", "bool"}), HasSubstr("neither true nor false")) << text;
+    }
+    EXPECT_THAT(refused({"write", "7", "1", "--type", "null"}), HasSubstr("no VALUE"));
+    EXPECT_THAT(refused({"write", "7", "1", "--type", "Number"}), HasSubstr("--type must be"));
+    EXPECT_THAT(refused({"write", "7", "1", "2"}), HasSubstr("CHANNEL and VALUE"));
+}
+
+TEST(Arguments, ChannelsAreWholeNumbersWithOrWithoutTheirLetter) {
+    EXPECT_EQ(parsed<ShowCommand>({"show", "7"}).channel, 7);
+    EXPECT_EQ(parsed<ShowCommand>({"show", "C1999999999"}).channel, 1999999999);
+    for (const char* text : {"0", "-7", "2000000000", "99999999999", "7.0", "C", "CC7", "seven", ""}) {
+        EXPECT_THAT(refused({"show", text}), HasSubstr("CHANNEL must be")) << text;
+    }
+}
+
+TEST(Arguments, OptionsMayStandAnywhere) {
+    const Request request = parse({"--json", "write", "--yes", "7", "--priority", "1", "--site=NORTH", "--frequent",
+                                   "--ini", "a.ini", "--require-aoe", "--requestor", "Shift 2", "--allow-empty"});
+    EXPECT_TRUE(request.json && request.yes && !request.verbose);
+    EXPECT_EQ(request.site, "NORTH");
+    EXPECT_EQ(request.ini, "a.ini");
+    EXPECT_EQ(request.requestor, "Shift 2");
+    const auto& write = std::get<WriteCommand>(request.command);
+    EXPECT_TRUE(write.isTimeSensitive && write.isFrequent && write.requiresAutoOutput && write.allowsEmpty);
+}
+
+TEST(Arguments, WaitTakesTheNumberThatFollows) {
+    EXPECT_EQ(parsed<RefreshCommand>({"refresh", "12"}).waitSeconds, std::nullopt);
+    EXPECT_EQ(parsed<RefreshCommand>({"refresh", "12;13", "--wait"}).waitSeconds, defaultWaitSeconds);
+    EXPECT_EQ(parsed<RefreshCommand>({"refresh", "12", "--wait", "5"}).waitSeconds, 5);
+    EXPECT_EQ(parsed<RefreshCommand>({"refresh", "--wait=5", "12"}).waitSeconds, 5);
+    EXPECT_EQ(parsed<RefreshCommand>({"refresh", "--wait", "12;13"}).channels, "12;13");
+    EXPECT_THAT(refused({"refresh", "--wait", "12"}), HasSubstr("right behind --wait"));
+    for (const char* seconds : {"--wait=0", "--wait=-1", "--wait=1.5", "--wait=", "--wait=86401"}) {
+        EXPECT_THAT(refused({"refresh", "12", seconds}), HasSubstr("--wait must be")) << seconds;
+    }
+}
+
+TEST(Arguments, SeveralBlocksNeedTheirDistance) {
+    const auto list = parsed<ListCommand>({"list", "700", "--blocks", "2", "--block-length", "10"});
+    EXPECT_EQ((std::array{list.channel, list.blocks, list.blockLength, list.pid}), (std::array{700, 2, 10, 0}));
+    EXPECT_EQ(parsed<ListCommand>({"list", "700", "--pid", "1-001-0-01-01"}).pid, 100100101);
+    EXPECT_THAT(refused({"list", "700", "--blocks", "2"}), HasSubstr("--block-length"));
+    EXPECT_THAT(refused({"list", "700", "--blocks", "1001"}), HasSubstr("from 1 to 1000"));
+    EXPECT_THAT(refused({"list", "700", "--pid", "x"}), HasSubstr("not a PID"));
+}
+
+TEST(Arguments, WhatIsNotUnderstoodIsNamed) {
+    const std::vector<std::pair<std::vector<std::string>, std::string>> cases{
+        {{}, "no command"},
+        {{"flush"}, "unknown command 'flush'"},
+        {{"health", "--force"}, "unknown option --force"},
+        {{"health", "--priority"}, "--priority does not belong to health"},
+        {{"health", "now"}, "health takes nothing further"},
+        {{"health", "--json=1"}, "--json takes no value"},
+        {{"health", "--json", "--json"}, "--json is given twice"},
+        {{"health", "--site"}, "--site needs a value"},
+        {{"health", "--site", "--json"}, "--site needs a value"},
+    };
+    for (const auto& [words, reason] : cases) {
+        EXPECT_THAT(refused(words), HasSubstr(reason));
+    }
+}
+
+TEST(Arguments, AShellLineCannotChangeTheSiteOrOpenAnotherShell) {
+    EXPECT_THAT(refused({"health", "--site", "SOUTH"}, Origin::ShellLine), HasSubstr("before shell"));
+    EXPECT_THAT(refused({"shell"}, Origin::ShellLine), HasSubstr("unknown command"));
+    EXPECT_TRUE(std::holds_alternative<ShellCommand>(parse({"shell", "--site", "SOUTH"}).command));
+}
+
+TEST(SplitLine, QuotesHoldWordsTogether) {
+    EXPECT_THAT(splitLine("  write 7\t12.5 \r"), ElementsAre("write", "7", "12.5"));
+    EXPECT_THAT(splitLine(R"(write 7 --type text "a  'b'" 'c"d'e "")"),
+                ElementsAre("write", "7", "--type", "text", "a  'b'", "c\"de", ""));
+    EXPECT_THAT(splitLine(""), ElementsAre());
+    EXPECT_THROW(splitLine("write 7 'a"), UsageError);
+}
+
+}  // namespace
+}  // namespace quelm::tools
