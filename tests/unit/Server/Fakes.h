@@ -438,7 +438,10 @@ struct Host {
         form.emplace(ServerParts{slik, window, std::move(commandLine), 1234,
                                  [this] { return std::make_unique<SystemINI>(ini); }, [this] { return dbil; },
                                  [this]() -> std::shared_ptr<IClock> { return realClock ? realClock : clock; },
-                                 [this] { return std::make_unique<LogWriter>(journal); },
+                                 [this] {
+                                     raiseIf(logFailure);
+                                     return std::make_unique<LogWriter>(journal);
+                                 },
                                  [](std::int32_t type) { return std::to_string(type); },
                                  SiteParts{[this](IDBIL&, std::string_view id) {
                                                return std::make_unique<DataInterface>(journal, sites[std::string(id)]);
@@ -462,6 +465,7 @@ struct Host {
     Window window{journal};
     std::map<std::string, SiteSetUp> sites;
     SiteSetUp reader;
+    Failure logFailure;
     std::optional<frmOPCQuelm> form;
 };
 

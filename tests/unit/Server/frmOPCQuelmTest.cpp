@@ -400,6 +400,17 @@ TEST_F(RunningServer, ClosesTheWindowEvenWhenTearingDownFails) {
     EXPECT_THAT(host.journal.lines, ElementsAre("window: close"));
 }
 
+TEST_F(RunningServer, KeepsTheLogOpenForTheReasonWhenTearingDownStopsHalfWay) {
+    host.dbil->terminateFailure = RuntimeError(21, "bad parameter or other API misuse");
+    EXPECT_TRUE(host.form->Unload());
+    const Lines upToTheFailure(tornDown.begin(), tornDown.begin() + 8);
+    const Lines failed{"log! 4 [OPC-0112] 21, bad parameter or other API misuse", "window: close"};
+    EXPECT_EQ(host.journal.take(), upToTheFailure + failed);
+    EXPECT_TRUE(host.form->LoggingEnabled());
+    EXPECT_TRUE(host.form->Unload());
+    EXPECT_THAT(host.journal.lines, ElementsAre("window: close"));
+}
+
 TEST(Unload, LeavesTheRetryIntervalAlone) {
     Host host;
     host.dbil->connectionResults = {false};
@@ -431,6 +442,15 @@ TEST_F(RunningServer, StartsANewLogAtMidnight) {
     host.journal.take();
     EXPECT_EQ(host.clock->fire("Start new OPC log file"), 1);
     EXPECT_THAT(host.journal.lines, IsEmpty());
+}
+
+TEST_F(RunningServer, LeavesTheLogClosedWhenMidnightCannotOpenANewOne) {
+    host.logFailure = RuntimeError(errors::outOfMemory);
+    EXPECT_EQ(host.clock->fire("Start new OPC log file"), 1);
+    EXPECT_THAT(host.journal.take(),
+                ElementsAre("log [OPC-0135] End of day", "log! 1 [OPC-0134] Stopping log...", "log: close"));
+    EXPECT_EQ(host.window.list.lines.back(), "[OPC-0137]  7, Out of memory");
+    EXPECT_FALSE(host.form->LoggingEnabled());
 }
 
 TEST(MessageList, HoldsFiveHundredMessagesAndTheNotice) {
