@@ -2,6 +2,7 @@
 
 #include <asio/executor_work_guard.hpp>
 #include <asio/io_context.hpp>
+#include <asio/posix/stream_descriptor.hpp>
 #include <asio/post.hpp>
 #include <asio/signal_set.hpp>
 #include <asio/steady_timer.hpp>
@@ -54,6 +55,59 @@ class AsioTimer final : public ITimer {
     std::shared_ptr<TimerState> state_;
 };
 
+// Kept alive by the wait under way, so that a handler may destroy the watch that calls it.
+struct WatchState {
+    WatchState(asio::io_context& context, int watched, std::function<void()> handler)
+        : descriptor(context, watched), onReadable(std::move(handler)) {}
+
+    asio::posix::stream_descriptor descriptor;
+    std::function<void()> onReadable;
+    bool watching = true;
+};
+
+void waitUntilReadable(const std::shared_ptr<WatchState>& state);
+
+// Also after a handler that let a failure out.
+struct WaitAgain {
+    explicit WaitAgain(std::shared_ptr<WatchState> state) : watch(std::move(state)) {}
+    WaitAgain(const WaitAgain&) = delete;
+    WaitAgain& operator=(const WaitAgain&) = delete;
+    ~WaitAgain() {
+        if (watch->watching) {
+            waitUntilReadable(watch);
+        }
+    }
+
+    std::shared_ptr<WatchState> watch;
+};
+
+void waitUntilReadable(const std::shared_ptr<WatchState>& state) {
+    state->descriptor.async_wait(asio::posix::stream_descriptor::wait_read, [state](const asio::error_code& error) {
+        if (error || !state->watching) {
+            return;
+        }
+        const WaitAgain next{state};
+        state->onReadable();
+    });
+}
+
+class DescriptorWatch final : public IDescriptorWatch {
+ public:
+    DescriptorWatch(asio::io_context& context, int descriptor, std::function<void()> onReadable)
+        : state_(std::make_shared<WatchState>(context, descriptor, std::move(onReadable))) {
+        waitUntilReadable(state_);
+    }
+    DescriptorWatch(const DescriptorWatch&) = delete;
+    DescriptorWatch& operator=(const DescriptorWatch&) = delete;
+    ~DescriptorWatch() override {
+        state_->watching = false;
+        state_->descriptor.release();
+    }
+
+ private:
+    std::shared_ptr<WatchState> state_;
+};
+
 }  // namespace
 
 struct AsioLoop::Impl {
@@ -101,6 +155,10 @@ void AsioLoop::onSignal(std::initializer_list<int> signals, std::function<void(i
     }
     impl_->onSignal = std::move(handler);
     impl_->waitForSignal();
+}
+
+std::unique_ptr<IDescriptorWatch> AsioLoop::watch(int descriptor, std::function<void()> onReadable) {
+    return std::make_unique<DescriptorWatch>(impl_->context, descriptor, std::move(onReadable));
 }
 
 asio::io_context& AsioLoop::context() {

@@ -15,6 +15,12 @@ class io_context;
 
 namespace quelm {
 
+// A watch over a file descriptor. Gone with its object: after destruction the handler is never called again.
+class IDescriptorWatch {
+ public:
+    virtual ~IDescriptorWatch() = default;
+};
+
 class AsioLoop final : public IMessageLoop {
  public:
     AsioLoop();
@@ -30,6 +36,11 @@ class AsioLoop final : public IMessageLoop {
     // From now on these signals call the handler, on the loop like any other, with the signal's number. A second
     // call replaces the first one's signals and handler. Throws std::system_error for a signal that cannot be caught.
     void onSignal(std::initializer_list<int> signals, std::function<void(int)> handler);
+
+    // Calls the handler whenever the descriptor has something to read or is at its end. The descriptor stays the
+    // caller's, who closes it after the watch is gone. onReadable may destroy the watch that calls it. Throws
+    // std::system_error for a descriptor that cannot be waited on.
+    std::unique_ptr<IDescriptorWatch> watch(int descriptor, std::function<void()> onReadable);
 
     asio::io_context& context();
 

@@ -1,6 +1,5 @@
 #include "Window/HeadlessWindow.h"
 
-#include <chrono>
 #include <cstdio>
 #include <utility>
 
@@ -50,36 +49,6 @@ void HeadlessWindow::MessageList::Add(std::string_view strText) {
 void HeadlessWindow::MessageList::printRest() {
     for (; printed < lines.size(); ++printed) {
         print(stderr, lines[printed]);
-    }
-}
-
-HeadlessWindow::Timer::Timer(IMessageLoop& loop) : timer_(loop.makeTimer([this] { fire(); })) {}
-
-void HeadlessWindow::Timer::SetEnabled(bool blnEnabled) {
-    if (enabled_ != blnEnabled) {
-        enabled_ = blnEnabled;
-        restart();
-    }
-}
-
-void HeadlessWindow::Timer::SetInterval(std::int32_t lngMilliseconds) {
-    interval_ = lngMilliseconds;
-    restart();
-}
-
-void HeadlessWindow::Timer::restart() {
-    if (enabled_ && interval_ > 0) {
-        timer_->start(std::chrono::milliseconds(interval_));
-    } else {
-        timer_->stop();
-    }
-}
-
-// The next expiry is set first: the handler may stop the timer.
-void HeadlessWindow::Timer::fire() {
-    restart();
-    if (handler_) {
-        handler_();
     }
 }
 

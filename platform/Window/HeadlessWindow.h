@@ -5,13 +5,13 @@
 
 #include <cstdint>
 #include <functional>
-#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "Message Loop/MessageLoop.h"
 #include "Window/IMainWindow.h"
+#include "Window/WindowTimer.h"
 
 namespace quelm {
 
@@ -29,6 +29,9 @@ class HeadlessWindow final : public IMainWindow {
     void ShowInformationBox(std::string_view strTitle, std::string_view strText) override;
     void Close() override;
 
+    // The message list's lines, oldest first.
+    const std::vector<std::string>& lines() const { return list_.lines; }
+
  private:
     struct MessageList final : IMessageList {
         std::int32_t Count() const override { return static_cast<std::int32_t>(lines.size()); }
@@ -40,26 +43,8 @@ class HeadlessWindow final : public IMainWindow {
         bool printing = false;
     };
 
-    // Setting the interval starts the count anew, as does enabling.
-    class Timer final : public IWindowTimer {
-     public:
-        explicit Timer(IMessageLoop& loop);
-        void OnTimer(std::function<void()> handler) override { handler_ = std::move(handler); }
-        void SetEnabled(bool blnEnabled) override;
-        void SetInterval(std::int32_t lngMilliseconds) override;
-
-     private:
-        void restart();
-        void fire();
-
-        std::function<void()> handler_;
-        bool enabled_ = false;
-        std::int32_t interval_ = 0;
-        std::unique_ptr<ITimer> timer_;
-    };
-
     MessageList list_;
-    Timer timer_;
+    WindowTimer timer_;
     std::function<void()> onClose_;
 };
 
