@@ -19,6 +19,8 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 #include "Clock Library/Clock.h"
 #include "CurrentData Reader/CurrentDataReader.h"
@@ -29,10 +31,14 @@
 #include "Messages/LogWriter.h"
 #include "Messages/MessageTypeNames.h"
 #include "OPC/Main/OpcNetwork.h"
+#include "OPC/Main/StandardSwitches.h"
 #include "OPC/OPC DA Server/frmOPCQuelm.h"
 #include "SLIK-DA/SLIKServer.h"
 #include "Shared Types/TimeSource.h"
-#include "Window/HeadlessWindow.h"
+#include "Window/MainWindow.h"
+#ifdef QUELM_WINDOW
+#include "Window/FLTK/FltkWindow.h"
+#endif
 
 namespace quelm {
 namespace {
@@ -48,10 +54,24 @@ void printProblem(std::string_view line) {
                  line.data());
 }
 
+OpenDisplay openDisplay([[maybe_unused]] AsioLoop& loop) {
+#ifdef QUELM_WINDOW
+    return [&loop](const std::vector<std::string>& lines, DisplayEvents events) {
+        return openFltkWindow(loop, lines, std::move(events));
+    };
+#else
+    return {};
+#endif
+}
+
 class Program {
  public:
     explicit Program(std::string commandLine)
-        : window_(loop_, [this] { loop_.stop(); }),
+        : window_(loop_, openDisplay(loop_),
+                  {.closeRequested = [this] { form_.Unload(); },
+                   .closed = [this] { loop_.stop(); },
+                   .noDisplay = printProblem,
+                   .displayLost = [this](std::string_view line) { form_.AddMessage(msgtype::error, line, true); }}),
           network_(control_, loop_,
                    {// Whoever reads the log later must see how open the server was at that time.
                     .weakened = [this](std::string_view line) { form_.AddMessage(msgtype::notice, line, true); },
@@ -80,6 +100,10 @@ class Program {
         loop_.onSignal({SIGTERM, SIGINT}, [this](int) { closeOnSignal(); });
         switch (load()) {
             case StartUp::HelpShown:
+                if (window_.boxOpen()) {
+                    break;
+                }
+                return 0;
             case StartUp::Registered:
                 return 0;
             case StartUp::INIFailed:
@@ -163,7 +187,7 @@ class Program {
     }
 
     AsioLoop loop_;
-    HeadlessWindow window_;
+    MainWindow window_;
     SLIKServer control_;
     OpcNetwork network_;
     frmOPCQuelm form_;
@@ -190,6 +214,9 @@ int main(int argc, char** argv) {
     // Peers that go away and terminals that are closed are no reason to end.
     std::signal(SIGPIPE, SIG_IGN);
     std::signal(SIGHUP, SIG_IGN);
+    if (quelm::answeredStandardSwitch(argc, argv)) {
+        return 0;
+    }
     mallopt(M_MMAP_THRESHOLD, quelm::ownMemorySize);
     try {
         return quelm::Program(quelm::commandLineText(argc, argv)).run();
