@@ -50,22 +50,31 @@ std::optional<Misbehaviour> misbehaviourNamed(std::string_view name) {
     return std::nullopt;
 }
 
+CommandQueue::CommandQueue(Database& database, Plant& plant, Misbehaviour misbehaviour)
+    : database_(database), plant_(plant), misbehaviour_(misbehaviour) {
+    database_.query("SELECT DISTINCT SiteID FROM CurrentIO", {},
+                    [this](sqlite3_stmt* row) { siteIDs_.push_back(columnText(row, 0)); });
+}
+
 void CommandQueue::carryOut() {
     if (misbehaviour_ == Misbehaviour::NeverAnswer) {
         return;
     }
-    for (const Command& command : waiting()) {
-        answer(command, responseTo(command));
+    for (const std::string& siteID : siteIDs_) {
+        for (const std::string_view queue : {queueOfIOS5, queueOfIOS6}) {
+            for (const Command& command : waiting(siteID, queue)) {
+                answer(command, responseTo(command));
+            }
+        }
     }
 }
 
-std::vector<CommandQueue::Command> CommandQueue::waiting() {
+std::vector<CommandQueue::Command> CommandQueue::waiting(const std::string& siteID, std::string_view queue) {
     std::vector<Command> commands;
-    database_.query(
-        "SELECT ID, SiteID, Type, Data FROM Message WHERE Type IN (?, ?) AND State <> 'DONE' ORDER BY Created, ID",
-        {std::string(queueOfIOS5), std::string(queueOfIOS6)}, [&commands](sqlite3_stmt* row) {
-            commands.push_back({columnText(row, 0), columnText(row, 1), columnText(row, 2), columnText(row, 3)});
-        });
+    database_.query("SELECT ID, Data FROM Message WHERE SiteID = ? AND Type = ? AND State = '' ORDER BY ID",
+                    {siteID, std::string(queue)}, [&](sqlite3_stmt* row) {
+                        commands.push_back({columnText(row, 0), siteID, std::string(queue), columnText(row, 1)});
+                    });
     return commands;
 }
 

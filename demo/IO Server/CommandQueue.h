@@ -26,10 +26,9 @@ std::optional<Misbehaviour> misbehaviourNamed(std::string_view name);
 class CommandQueue {
  public:
     // Both must outlive the queue.
-    CommandQueue(Database& database, Plant& plant, Misbehaviour misbehaviour)
-        : database_(database), plant_(plant), misbehaviour_(misbehaviour) {}
+    CommandQueue(Database& database, Plant& plant, Misbehaviour misbehaviour);
 
-    // Every command that waits now, the oldest first. Writes in the caller's transaction.
+    // Every command that waits now, the oldest of each queue first. Writes in the caller's transaction.
     void carryOut();
 
  private:
@@ -40,7 +39,7 @@ class CommandQueue {
         std::string data;
     };
 
-    std::vector<Command> waiting();
+    std::vector<Command> waiting(const std::string& siteID, std::string_view queue);
     std::string responseTo(const Command& command);
     std::string write(const Command& command, const std::string& ioid, const std::string& value);
     std::string refreshSelected(const Command& command, std::string_view channels);
@@ -49,6 +48,7 @@ class CommandQueue {
     Database& database_;
     Plant& plant_;
     Misbehaviour misbehaviour_;
+    std::vector<std::string> siteIDs_;
 };
 
 }  // namespace demo
