@@ -161,7 +161,7 @@ FltkWindow::~FltkWindow() {
 }
 
 void FltkWindow::makeMainWindow(const std::vector<std::string>& lines) {
-    main_ = new DrawnWindow(std::min(scaled(860), Fl::w()), std::min(scaled(480), Fl::h()), windowCaption);
+    main_ = new DrawnWindow(std::min(scaled(940), Fl::w()), std::min(scaled(500), Fl::h()), windowCaption);
     table_ = new MessageTable(0, 0, main_->w(), main_->h(), lines, FL_NORMAL_SIZE);
     main_->end();
     main_->resizable(table_);

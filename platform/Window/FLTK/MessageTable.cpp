@@ -139,28 +139,41 @@ int MessageTable::handle(int event) {
 }
 
 bool MessageTable::handleMouse(int event) {
-    const bool mine = event == FL_PUSH ? Fl::event_inside(tix, tiy, tiw, tih) != 0 : Fl::pushed() == this;
-    if (!mine || rows() == 0 || Fl::event_button() != FL_LEFT_MOUSE) {
-        return mine;
+    const bool pressed = event == FL_PUSH && Fl::event_inside(tix, tiy, tiw, tih) != 0;
+    if (Fl::event_button() != FL_LEFT_MOUSE || !(pressed || dragging_)) {
+        return pressed;
     }
     const std::size_t line = lineUnderMouse();
-    if (event == FL_DRAG) {
-        selection_.extendTo(std::min(line, lines_.size() - 1));
-        makeVisible(*selection_.cursor());
-    } else if (event == FL_PUSH) {
+    if (pressed) {
         take_focus();
-        if (line >= lines_.size()) {
-            selection_.clear();
-        } else if (shiftHeld()) {
-            selection_.extendTo(line);
-        } else if (controlHeld()) {
-            selection_.toggle(line);
-        } else {
-            selection_.only(line);
-        }
+        press(line);
+    } else {
+        dragTo(std::min(line, lines_.size() - 1));
     }
+    dragging_ = dragging_ && event != FL_RELEASE;
     redraw();
     return true;
+}
+
+void MessageTable::press(std::size_t line) {
+    dragging_ = line < lines_.size();
+    if (!dragging_) {
+        selection_.clear();
+    } else if (shiftHeld()) {
+        selection_.extendTo(line);
+    } else if (controlHeld()) {
+        selection_.toggle(line);
+    } else {
+        selection_.only(line);
+    }
+}
+
+// A button that goes up again where it went down leaves what the press did.
+void MessageTable::dragTo(std::size_t line) {
+    if (selection_.cursor() != line) {
+        selection_.extendTo(line);
+        makeVisible(line);
+    }
 }
 
 // Above the list it is the line before the first that is seen, so that dragging scrolls; below the last line, one

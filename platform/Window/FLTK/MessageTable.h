@@ -36,6 +36,8 @@ class MessageTable final : public Fl_Table {
     void drawLine(std::size_t line, int x, int y, int w, int h) const;
 
     bool handleMouse(int event);
+    void press(std::size_t line);
+    void dragTo(std::size_t line);
     std::size_t lineUnderMouse();
     bool handleKey();
     void moveCursor(long by);
@@ -48,6 +50,7 @@ class MessageTable final : public Fl_Table {
     int textSize_;
     int lineHeight_;
     int widest_ = 0;
+    bool dragging_ = false;  // the mouse button went down on a line
 };
 
 }  // namespace quelm
