@@ -36,8 +36,10 @@ ObjectExporter::ObjectExporter(ExporterSettings settings, MillisecondClock clock
       random_(random ? std::move(random) : RandomSource(systemRandom)),
       now_(clock_()),
       pingSets_(*this),
-      oxid_(randomNonZero()),
-      remUnknownIpid_(newIpid()) {}
+      oxid_(randomNonZero()) {
+    // Not among the initialisers: the number is compared with what this member holds.
+    remUnknownIpid_ = newIpid();
+}
 
 ObjectExporter::~ObjectExporter() = default;
 
