@@ -9,6 +9,12 @@ bool ActivationHandler::supports(const Uuid& interfaceId, std::uint16_t versionM
            (interfaceId == iidActivation || interfaceId == iidRemoteScmActivator || interfaceId == iidObjectExporter);
 }
 
+// Clients ask whether the machine is alive, and by which addresses, before they know how to log on, and take a refusal
+// for a machine that is not there.
+bool ActivationHandler::allowsUnauthenticated(const Uuid& interfaceId, std::uint16_t opnum) {
+    return interfaceId == iidObjectExporter && (opnum == opnumServerAlive || opnum == opnumServerAlive2);
+}
+
 std::uint32_t ActivationHandler::call(const rpc::Call& call, ndr::Writer& reply) {
     try {
         return dispatch(call, reply);

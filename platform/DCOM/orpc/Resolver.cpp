@@ -55,12 +55,12 @@ std::uint32_t Resolver::invoke(const rpc::Call& call, ndr::Writer& out) {
             return simplePing(call, out);
         case 2:
             return complexPing(call, out);
-        case 3:  // ServerAlive
+        case opnumServerAlive:
             out.u32(statusOk);
             return 0;
         case 4:
             return resolveOxid(call, out, Form::WithVersion);
-        case 5:
+        case opnumServerAlive2:
             return serverAlive2(call, out);
         default:
             return faultOpnumRange;

@@ -10,6 +10,9 @@
 
 namespace quelm::dcom::orpc {
 
+inline constexpr std::uint16_t opnumServerAlive = 3;
+inline constexpr std::uint16_t opnumServerAlive2 = 5;
+
 class Resolver {
  public:
     // The exporter must outlive the resolver.

@@ -61,6 +61,15 @@ TEST_F(ResolverCalls, ServerAlive) {
     EXPECT_EQ(status, faultOpnumRange);
 }
 
+TEST_F(ResolverCalls, OnlyAskingWhetherTheMachineIsAliveNeedsNoLogOn) {
+    for (const Uuid& interfaceId : {iidObjectExporter, iidActivation, iidRemoteScmActivator}) {
+        for (std::uint16_t opnum = 0; opnum < 8; ++opnum) {
+            const bool alive = interfaceId == iidObjectExporter && (opnum == 3 || opnum == 5);
+            EXPECT_EQ(activation.allowsUnauthenticated(interfaceId, opnum), alive) << opnum;
+        }
+    }
+}
+
 TEST_F(ResolverCalls, TheFirstPingAsTheWireHasIt) {
     activate(peer(1));
     const Bytes request = fromHex(
