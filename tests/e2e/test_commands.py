@@ -48,7 +48,7 @@ class Commands(unittest.TestCase):
             connection.close()
 
     def records(self):
-        return self.query('SELECT SiteID, Type, Data, Description, State, Response FROM Message ORDER BY Created, ID')
+        return self.query('SELECT SiteID, Type, Data, Description, State, Response FROM Message ORDER BY ID')
 
     def environment(self):
         return {**os.environ, 'QUELM_INI': self.site.path('Quelm.ini'), 'LC_ALL': 'de_DE.UTF-8'}
@@ -118,6 +118,8 @@ class Writes(Commands):
         self.assertEqual(record[2], '<Command action="WriteToChannel" id="C302" value="a"<&" />')
         self.assertEqual(record[5], '<Success>0</Success><Reason>the command is not well-formed</Reason>')
         self.assertEqual(self.as_json('show', '302')['value'], 1)
+        _, errors = self.iosctl('write', '302', '--type', 'text', 'a\x01b', '--yes')
+        self.assertIn('probably not understand', ''.join(errors))
 
     def test_refusals_leave_no_record(self):
         tail = ', Requestor=Shift 2)'

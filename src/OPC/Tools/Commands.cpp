@@ -20,6 +20,7 @@
 #include "Shared Types/Conversion.h"
 #include "Shared Types/RuntimeError.h"
 #include "Shared Types/TimeSource.h"
+#include "Shared Types/Utf.h"
 
 namespace quelm::tools {
 
@@ -51,16 +52,18 @@ std::string requestor(const Request& request) {
     return request.requestor.value_or("iosctl " + userName());
 }
 
-// Values travel to the I/O server as they are; these characters break the command that carries them.
+// Values travel to the I/O server as they are; these break the command that carries them.
 bool breaksCommand(std::string_view text) {
-    return text.find_first_of("\"<&") != std::string_view::npos;
+    const bool hasMarkup = text.find_first_of("\"<&") != std::string_view::npos;
+    const bool hasControl = std::any_of(text.begin(), text.end(), [](char c) { return c >= 0 && c < ' '; });
+    return hasMarkup || hasControl || utf16ToUtf8(utf8ToUtf16(text)) != text;
 }
 
 void warnOfBrokenCommand(std::string_view text) {
     if (breaksCommand(text)) {
         showProblem(
-            "Notice the text contains \", < or &, which the command carries as they are: the I/O server will "
-            "probably not understand it");
+            "Notice the text contains \", <, &, a control character or broken UTF-8, which the command carries as they "
+            "are: the I/O server will probably not understand it");
     }
 }
 
@@ -70,11 +73,11 @@ Outcome failed(Outcome outcome, std::string problem) {
     return outcome;
 }
 
-ExitCode codeSince(const MessageList& messages, std::size_t before) {
-    if (messages.hasDatabaseFailureSince(before)) {
+ExitCode codeSince(const MessageList& messages, const MessageList::Counts& before) {
+    if (messages.counts().databaseFailures > before.databaseFailures) {
         return ExitCode::SiteTrouble;
     }
-    return messages.hasErrorSince(before) ? ExitCode::Failed : ExitCode::Done;
+    return messages.counts().errors > before.errors ? ExitCode::Failed : ExitCode::Done;
 }
 
 std::string dateOrNothing(Date date) {
@@ -114,7 +117,7 @@ Outcome run(const WriteCommand& command, const Request& request, SiteLink& link)
     if (std::string reason = refusal(request, link, intent); !reason.empty()) {
         return failed(std::move(outcome), std::move(reason));
     }
-    const std::size_t before = link.messages().entries().size();
+    const MessageList::Counts before = link.messages().counts();
     manager.WriteValueToChannel("iosctl on " + thisComputer(), command.channel, command.value, requestor(request),
                                 command.isTimeSensitive, command.isFrequent, command.requiresAutoOutput,
                                 command.allowsEmpty);
@@ -137,7 +140,7 @@ Outcome run(const RefreshAllCommand&, const Request& request, SiteLink& link) {
     if (manager.IsIOS6Used()) {
         asked.push_back("IOS6");
     }
-    const std::size_t before = link.messages().entries().size();
+    const MessageList::Counts before = link.messages().counts();
     manager.ReadAllData(requestor(request));
     outcome.code = codeSince(link.messages(), before);
     if (asked.empty()) {
@@ -215,7 +218,7 @@ Outcome run(const RefreshCommand& command, const Request& request, SiteLink& lin
     Outcome outcome;
     outcome.fields = {{"channels", json::text(command.channels)}};
     warnOfBrokenCommand(command.channels);
-    const std::size_t before = link.messages().entries().size();
+    const MessageList::Counts before = link.messages().counts();
     if (!manager.RefreshSelectedChannels(command.channels, requestor(request))) {
         outcome.code = std::max(codeSince(link.messages(), before), ExitCode::Failed);
         return outcome;
@@ -357,7 +360,7 @@ Outcome run(const ShowCommand& command, const Request&, SiteLink& link) {
 }
 
 Outcome run(const ListCommand& command, const Request&, SiteLink& link) {
-    const std::size_t before = link.messages().entries().size();
+    const MessageList::Counts before = link.messages().counts();
     const Variant values =
         link.manager().GetMultiValueChannelCSV(command.channel, command.pid, command.blocks, command.blockLength);
     Outcome outcome;
@@ -385,8 +388,9 @@ Outcome run(const Other&, const Request&, SiteLink&) {
 }  // namespace
 
 Outcome carryOut(const Request& request, SiteLink& link) {
+    const MessageList::Counts before = link.messages().counts();
     link.read();
-    if (link.messages().hasDatabaseFailureSince(0)) {
+    if (codeSince(link.messages(), before) == ExitCode::SiteTrouble) {
         return {.code = ExitCode::SiteTrouble, .lines = {}, .problems = {}, .fields = {}};
     }
     return std::visit([&](const auto& command) { return run(command, request, link); }, request.command);

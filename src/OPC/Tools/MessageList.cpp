@@ -13,13 +13,22 @@ namespace {
 // The definitions, the pending record, the snapshot or a new record could not be had from the database.
 constexpr std::array databaseFailures{"OPC-0154: ", "OPC-0186: ", "OPC-0192: ", "OPC-0205: "};
 
+bool isError(std::int32_t type) {
+    return type == msgtype::error || type == msgtype::multiValueError;
+}
+
 bool isProgress(std::int32_t type) {
     return type == msgtype::progress || type == msgtype::information;
 }
 
-bool isDatabaseFailure(const MessageList::Entry& entry) {
+// A notice of silence up to the seconds, which grow from one look to the next.
+std::string_view upToSeconds(std::string_view text) {
+    return text.substr(0, text.find("Elapsed="));
+}
+
+bool isDatabaseFailure(std::string_view text) {
     return std::any_of(databaseFailures.begin(), databaseFailures.end(),
-                       [&](const char* code) { return entry.text.starts_with(code); });
+                       [&](const char* code) { return text.starts_with(code); });
 }
 
 }  // namespace
@@ -31,24 +40,26 @@ void MessageList::begin(bool isVerbose) {
 
 // Must not throw; a message for which there is no memory is lost.
 void MessageList::RaiseMsg(std::int32_t lngMsgType, std::string_view strDescription) {
+    counts_.errors += isError(lngMsgType) ? 1 : 0;
+    counts_.databaseFailures += isDatabaseFailure(strDescription) ? 1 : 0;
     if (isProgress(lngMsgType) && !isVerbose_) {
         return;
     }
     try {
+        if (isRepetition(lngMsgType, strDescription)) {
+            return;
+        }
         showProblem(messageTypeName(lngMsgType) + " " + std::string(strDescription));
         entries_.push_back({lngMsgType, std::string(strDescription)});
     } catch (const std::exception&) {
     }
 }
 
-bool MessageList::hasErrorSince(std::size_t count) const {
-    return std::any_of(entries_.begin() + static_cast<std::ptrdiff_t>(count), entries_.end(), [](const Entry& entry) {
-        return entry.type == msgtype::error || entry.type == msgtype::multiValueError;
+bool MessageList::isRepetition(std::int32_t type, std::string_view text) const {
+    return std::any_of(entries_.begin(), entries_.end(), [&](const Entry& entry) {
+        return entry.type == type &&
+               (entry.text == text || (type == msgtype::notice && upToSeconds(entry.text) == upToSeconds(text)));
     });
-}
-
-bool MessageList::hasDatabaseFailureSince(std::size_t count) const {
-    return std::any_of(entries_.begin() + static_cast<std::ptrdiff_t>(count), entries_.end(), isDatabaseFailure);
 }
 
 }  // namespace quelm::tools

@@ -20,17 +20,25 @@ class MessageList final : public IRaiseMsg {
         std::string text;
     };
 
-    // Progress messages are kept and shown only with isVerbose.
+    struct Counts {
+        std::size_t errors = 0;  // refusals and failures, those of the database included
+        std::size_t databaseFailures = 0;
+    };
+
+    // Forgets the entries so far. Progress messages are kept and shown only with isVerbose. What only repeats, as every
+    // look at a silent I/O server does while a command waits, is kept and shown once.
     void begin(bool isVerbose);
     void RaiseMsg(std::int32_t lngMsgType, std::string_view strDescription) override;
 
     const std::vector<Entry>& entries() const { return entries_; }
-    // What came after the first count entries.
-    bool hasErrorSince(std::size_t count) const;
-    bool hasDatabaseFailureSince(std::size_t count) const;
+    // Since the program's start, repetitions included.
+    const Counts& counts() const { return counts_; }
 
  private:
+    bool isRepetition(std::int32_t type, std::string_view text) const;
+
     std::vector<Entry> entries_;
+    Counts counts_;
     bool isVerbose_ = false;
 };
 

@@ -44,6 +44,10 @@ void showText(std::string_view text) {
     std::fflush(stdout);
 }
 
+bool allShown() {
+    return std::ferror(stdout) == 0;
+}
+
 void showProblem(std::string_view line) {
     std::fprintf(stderr, "iosctl: %s\n", printable(line).c_str());
 }

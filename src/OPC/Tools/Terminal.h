@@ -12,6 +12,8 @@ namespace quelm::tools {
 void showLine(std::string_view line);
 // The program's own words, line breaks and all.
 void showText(std::string_view text);
+// False when standard output did not take all of it.
+bool allShown();
 // On standard error, led by the program's name.
 void showProblem(std::string_view line);
 

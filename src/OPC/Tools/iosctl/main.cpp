@@ -139,5 +139,12 @@ ExitCode run(const std::vector<std::string>& arguments) {
 }  // namespace quelm::tools
 
 int main(int argc, char** argv) {
-    return static_cast<int>(quelm::tools::run(std::vector<std::string>(argv + 1, argv + argc)));
+    using namespace quelm::tools;
+    const ExitCode code = run(std::vector<std::string>(argv + 1, argv + argc));
+    // A script must not take a lost answer for an empty one.
+    if (!allShown() && code == ExitCode::Done) {
+        showProblem("the answer could not be written to standard output");
+        return static_cast<int>(ExitCode::Failed);
+    }
+    return static_cast<int>(code);
 }
