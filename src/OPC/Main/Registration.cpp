@@ -49,6 +49,10 @@ constexpr std::array units{activationUnit, objectUnit, serviceUnit};
                      rights ? "run it as root" : "correct that and run it again"));
 }
 
+bool isUnder(const std::string& folder, std::string_view top) {
+    return folder == top || folder.rfind(std::string(top) + '/', 0) == 0;
+}
+
 // ---- texts of units
 
 // A word in a unit file: quoted, with what systemd would read as its own.
@@ -104,12 +108,23 @@ std::string socketText(const dcom::DcomSettings& settings, std::string_view kind
         identity::description, kind, listen, otherUnit, serviceUnit);
 }
 
-std::string environmentText() {
+// The path as it is once the destination is the root of a machine.
+std::string onTarget(const std::string& path, const std::string& destination) {
+    return !destination.empty() && isUnder(path, destination) ? path.substr(destination.size()) : path;
+}
+
+// Settings that stand elsewhere than usual.
+std::string environmentText(const Registration& registration) {
     std::string text;
-    for (const char* name : {"QUELM_INI", "QUELM_DCOM_CONF"}) {
+    for (const auto& [name, usual] :
+         {std::pair{"QUELM_INI", "/etc/quelm/Quelm.ini"}, std::pair{"QUELM_DCOM_CONF", "/etc/quelm/dcom.conf"}}) {
         const char* const value = std::getenv(name);
-        if (value != nullptr && *value != '\0') {
-            text += fmt::format("Environment={}\n", unitWord(fmt::format("{}={}", name, fs::absolute(value).string())));
+        if (value == nullptr || *value == '\0') {
+            continue;
+        }
+        const std::string path = onTarget(fs::absolute(value).string(), registration.destination);
+        if (path != usual) {
+            text += fmt::format("Environment={}\n", unitWord(fmt::format("{}={}", name, path)));
         }
     }
     return text;
@@ -182,14 +197,10 @@ std::string serviceText(const Registration& registration, const std::set<std::st
         "SystemCallFilter=~@privileged @resources\n"
         "SystemCallErrorNumber=EPERM\n",
         serviceUnit, identity::description, activationUnit, objectUnit, commandWord(registration.program),
-        environmentText(), account, writableText(folders));
+        environmentText(registration), account, writableText(folders));
 }
 
 // ---- what the settings ask for
-
-bool isUnder(const std::string& folder, std::string_view top) {
-    return folder == top || folder.rfind(std::string(top) + '/', 0) == 0;
-}
 
 // The folders that the server writes to: logs, and databases with the files that stand beside them.
 std::set<std::string> writtenFolders(const Registration& registration) {
@@ -302,9 +313,7 @@ Registration thisProgramsRegistration(std::function<void(std::string_view)> say,
         if (result.destination == "/") {
             result.destination.clear();
         }
-        if (isUnder(result.program, result.destination)) {
-            result.program.erase(0, result.destination.size());
-        }
+        result.program = onTarget(result.program, result.destination);
     }
     return result;
 }
