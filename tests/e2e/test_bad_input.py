@@ -149,14 +149,6 @@ class CommandLine(BadInput):
                 self.assertEqual((site.output(), site.errors()), (HELP, ''))
                 self.assertFalse(os.path.exists(site.path('logs')))
 
-    def test_registration_is_refused_in_plain_words(self):
-        for argument in ('regserver', '/unregserver', '-REGSERVER'):
-            with self.subTest(argument):
-                site = self.site()
-                self.assertNotEqual(site.start(argument).exit_code(5), 0)
-                self.assertIn('registered and unregistered by its package', site.errors())
-                self.assertFalse(glob.glob(site.path('logs', '*')))
-
     def test_visible_shows_the_message_list_even_inside_another_word(self):
         site = self.site().start('/INVISIBLE').started()
         site.wait_error('startup complete')

@@ -3,6 +3,7 @@
 import fcntl
 import glob
 import os
+import re
 import shutil
 import socket
 import subprocess
@@ -142,6 +143,7 @@ class Registration(Service):
             self.assertEqual(ended.returncode, 0)
             self.assertIn(said, ended.stderr)
         self.assertEqual(self.written(), {})
+        self.assertFalse(os.path.exists(self.site.path('logs')))
 
     def test_what_cannot_be_done_is_said_and_fails(self):
         self.site.write('taken', '')
@@ -181,6 +183,23 @@ class Package(Service):
                          [])
         with open(f'{folder}/etc/passwd') as file:
             self.assertEqual(file.read(), '')
+
+
+class Guide(unittest.TestCase):
+    def test_explains_every_message_code(self):
+        codes = set()
+        for path in glob.glob(os.path.join(ROOT, 'src', '**', '*.cpp'), recursive=True):
+            with open(path) as file:
+                codes |= set(re.findall(r'(?:OPC|XMLDOM)-\d{4}', file.read()))
+        explained = set()
+        with open(os.path.join(ROOT, 'docs', 'operators-guide.md')) as file:
+            for cell in re.findall(r'(?m)^\| ((?:OPC|XMLDOM)-[^|]*)', file.read()):
+                ends = re.findall(r'\d{4}', cell)
+                if ' to ' in cell:
+                    ends = [f'{number:04}' for number in range(int(ends[0]), int(ends[1]) + 1)]
+                explained |= {cell.split('-')[0] + '-' + end for end in ends}
+        self.assertGreater(len(codes), 100)
+        self.assertEqual(codes - explained, set())
 
 
 if __name__ == '__main__':
