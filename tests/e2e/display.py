@@ -72,13 +72,21 @@ class Display:
         xtest.fake_input(self.connection, X.ButtonRelease, button)
         self.connection.sync()
 
-    def copied(self, window):
-        """What the window copies on the operator's Ctrl+C."""
+    def copied(self, window, all_lines=False):
+        """What the window copies on the operator's Ctrl+C, all lines or those selected."""
         atom = self.connection.intern_atom
         asking = self.root.create_window(0, 0, 1, 1, 0, X.CopyFromParent)
         asking.set_selection_owner(atom('CLIPBOARD'), X.CurrentTime)
-        self.press(window, 'Control_L', 'c')
-        wait_for('copy', lambda: self.connection.get_selection_owner(atom('CLIPBOARD')) != asking)
+
+        def taken():
+            # A window that has only just come up may miss keys, as an operator's would be missed.
+            if all_lines:
+                self.press(window, 'Control_L', 'a')
+            self.press(window, 'Control_L', 'c')
+            time.sleep(0.1)
+            return self.connection.get_selection_owner(atom('CLIPBOARD')) != asking
+
+        wait_for('copy', taken)
         asking.convert_selection(atom('CLIPBOARD'), atom('UTF8_STRING'), Xatom.STRING, X.CurrentTime)
         value = wait_for('copied text', lambda: asking.get_full_property(Xatom.STRING, X.AnyPropertyType))
         asking.destroy()

@@ -36,8 +36,7 @@ class Window(unittest.TestCase):
 
     def listed(self, window):
         """The lines of the list, as the operator copies them."""
-        self.display.press(window, 'Control_L', 'a')
-        text = self.display.copied(window)
+        text = self.display.copied(window, all_lines=True)
         self.assertTrue(text.endswith('\n'))
         return text[:-1].split('\n')
 
