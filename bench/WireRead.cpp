@@ -104,10 +104,11 @@ void startServer() {
             control.SLIKTags().Add(itemId(number), 1, Variant(20.0F + static_cast<float>(number)), 0xC0, localNow());
         }
         AsioLoop loop;
+        const auto silence = [](std::string_view) {};
         const auto trouble = [](std::string_view line) {
             std::fprintf(stderr, "%.*s\n", static_cast<int>(line.size()), line.data());
         };
-        OpcNetwork network(control, loop, {[](std::string_view) {}, trouble});
+        OpcNetwork network(control, loop, {.weakened = silence, .notice = silence, .trouble = trouble});
         network.open();
         std::filesystem::remove(settings);
         ready();

@@ -90,14 +90,14 @@ class Site:
                            (generation + '%.AllCommsOk',))
         connection.close()
 
-    def start(self, *arguments, beat=True, environment=None, prefix=()):
+    def start(self, *arguments, beat=True, environment=None, prefix=(), descriptors=()):
         """prefix: the words of a command that ends in running the server in its own process."""
         if beat:
             self.beat()
         self.stderr_file = open(self.path('stderr.txt'), 'w')
         self.process = subprocess.Popen(
             [*prefix, SERVER, *arguments], stdin=subprocess.DEVNULL, stdout=open(self.path('stdout.txt'), 'w'),
-            stderr=self.stderr_file,
+            stderr=self.stderr_file, pass_fds=descriptors,
             env={**os.environ, 'QUELM_INI': self.path('Quelm.ini'), 'QUELM_DCOM_CONF': self.path('dcom.conf'),
                  **(environment or {})})
         return self

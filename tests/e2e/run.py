@@ -45,6 +45,7 @@ def main():
     parser.add_argument('names', nargs='*')
     options = parser.parse_args()
     harness.SERVER = os.path.abspath(options.server)
+    os.environ.pop('DISPLAY', None)  # windows are for the displays that tests make themselves
     cases = collect(options.names)
     failures = 0
     # The tests mostly wait for the server's 20-second intervals, so many fit side by side.

@@ -1,6 +1,9 @@
 """The operator's window, on a display of its own: the message list, copying, scrolling, closing, losing the display."""
 
 import os
+import signal
+import threading
+import time
 import unittest
 
 from display import Display
@@ -120,6 +123,22 @@ class Window(unittest.TestCase):
         client('close')
         self.assertEqual(self.site.exit_code(), 0)
         self.assertIn('[OPC-0134] Stopping log...', self.site.errors())
+
+    def test_a_display_that_hangs_holds_up_no_client(self):
+        self.start('visible').started()
+        client = self.client()
+        client('watch', items=['North.Stack1.NOx'])
+        window = self.display.window(MAIN)
+        self.display.process.send_signal(signal.SIGSTOP)
+        rescue = threading.Timer(20, self.display.process.send_signal, [signal.SIGCONT])
+        rescue.start()
+        began = time.monotonic()
+        for _ in range(500):  # each writes a line into the list
+            client('read', source='device')
+        self.assertLess(time.monotonic() - began, 15)
+        rescue.cancel()
+        self.display.process.send_signal(signal.SIGCONT)
+        self.assertEqual(self.listed(window)[-1], 'Max messages displayed. See log file.')
 
     def test_visible_without_a_display_prints_the_list(self):
         self.site.start('visible', environment={'DISPLAY': ':4711'}).started()

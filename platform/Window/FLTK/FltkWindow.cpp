@@ -8,6 +8,7 @@
 #include <FL/fl_draw.H>
 #include <FL/x.H>
 #include <X11/Xlib.h>
+#include <poll.h>
 
 #include <algorithm>
 #include <chrono>
@@ -26,6 +27,9 @@ constexpr const char* windowClass = "Q5OPCServer";
 
 // A scroll bar's button that is held down repeats by FLTK's own timers, which need FLTK to be called.
 constexpr std::chrono::milliseconds heldButtonPeriod{25};
+// A display whose connection is full hangs or is far behind: whoever drew on would wait for it, and the OPC clients
+// with it. It is looked at again after this time.
+constexpr std::chrono::milliseconds behindPeriod{250};
 // How long a window that was just shown is waited for, so that it already shows what start-up reports: 40 times 25 ms.
 constexpr int showAttempts = 40;
 constexpr double showAttemptSeconds = 0.025;
@@ -107,6 +111,7 @@ class FltkWindow final : public IWindowDisplay {
     void present(DrawnWindow& window);
     void work();
     void workSoon();
+    bool displayBehind() const;
     void takeNewLines();
     void displayGone();
     static void closeAsked(Fl_Widget*, void* self);
@@ -123,7 +128,7 @@ class FltkWindow final : public IWindowDisplay {
     MessageTable* table_ = nullptr;  // the main window's
     DrawnWindow* box_ = nullptr;
     std::unique_ptr<IDescriptorWatch> watch_;
-    std::unique_ptr<ITimer> heldButton_;
+    std::unique_ptr<ITimer> workAgain_;
 };
 
 FltkWindow::FltkWindow(AsioLoop& loop, Display* display, const std::vector<std::string>& lines, DisplayEvents events)
@@ -131,7 +136,7 @@ FltkWindow::FltkWindow(AsioLoop& loop, Display* display, const std::vector<std::
       display_(display),
       events_(std::move(events)),
       scale_(scaleOf(display)),
-      heldButton_(loop.makeTimer([this] { work(); })) {
+      workAgain_(loop.makeTimer([this] { work(); })) {
     XSetErrorHandler(reportError);
     XSetIOErrorHandler(ignoreLoss);
     XSetIOErrorExitHandler(
@@ -242,6 +247,10 @@ void FltkWindow::work() {
     if (lost_) {
         return;
     }
+    if (displayBehind()) {
+        workAgain_->start(behindPeriod);
+        return;
+    }
     if (linesPending_) {
         takeNewLines();
     }
@@ -253,8 +262,8 @@ void FltkWindow::work() {
     if (XEventsQueued(display_, QueuedAlready) > 0) {
         workSoon();
     }
-    if (Fl::pushed() != nullptr && !heldButton_->pending()) {
-        heldButton_->start(heldButtonPeriod);
+    if (Fl::pushed() != nullptr && !workAgain_->pending()) {
+        workAgain_->start(heldButtonPeriod);
     }
 }
 
@@ -265,6 +274,12 @@ void FltkWindow::workSoon() {
             work();
         });
     }
+}
+
+// A connection takes more only while most of its buffer is free, so one drawing of everything always fits.
+bool FltkWindow::displayBehind() const {
+    pollfd connection{.fd = ConnectionNumber(display_), .events = POLLOUT, .revents = 0};
+    return poll(&connection, 1, 0) == 0;
 }
 
 void FltkWindow::takeNewLines() {
@@ -279,7 +294,7 @@ void FltkWindow::displayGone() {
     }
     loop_.post([this] {
         watch_.reset();
-        heldButton_->stop();
+        workAgain_->stop();
         events_.lost();
     });
 }

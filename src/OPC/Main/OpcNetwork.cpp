@@ -4,6 +4,7 @@
 #include <fmt/ranges.h>
 
 #include <chrono>
+#include <optional>
 #include <string>
 #include <utility>
 
@@ -71,6 +72,33 @@ struct OpcNetwork::Impl {
         timer->start(exporterTick);
     }
 
+    // Clients find the object port by one number, so that all sockets for it must have the same one. Whatever port
+    // the settings say is not what clients reach.
+    void adopt(const systemd::PassedSockets& passed, const Lines& lines) {
+        const dcom::DcomSettings asked = settings;
+        for (const int descriptor : passed.activation) {
+            settings.activationPort = server.adopt(descriptor, activationHandler);
+        }
+        std::optional<std::uint16_t> port;
+        for (const int descriptor : passed.object) {
+            settings.objectPort = server.adopt(descriptor, objectHandler);
+            if (port.value_or(settings.objectPort) != settings.objectPort) {
+                throw dcom::net::ListenError(
+                    fmt::format("The sockets handed over for objects listen on ports {} and {}; give them one", *port,
+                                settings.objectPort));
+            }
+            port = settings.objectPort;
+        }
+        if (asked.activationPort != settings.activationPort || asked.objectPort != settings.objectPort) {
+            lines.trouble(
+                fmt::format("The sockets handed over listen on ports {} and {} and the settings say {} and "
+                            "{}; write the socket units afresh with \"Q5OPCServer regserver\"",
+                            settings.activationPort, settings.objectPort, asked.activationPort, asked.objectPort));
+        }
+        exporter.listenOn(settings.objectPort);
+        timer->start(exporterTick);
+    }
+
     void tick() {
         exporter.tick();
         timer->start(exporterTick);
@@ -87,8 +115,8 @@ struct OpcNetwork::Impl {
     std::unique_ptr<ITimer> timer;
 };
 
-OpcNetwork::OpcNetwork(SLIKServer& control, AsioLoop& loop, Lines lines)
-    : control_(control), loop_(loop), lines_(std::move(lines)) {}
+OpcNetwork::OpcNetwork(SLIKServer& control, AsioLoop& loop, systemd::PassedSockets passed, Lines lines)
+    : control_(control), loop_(loop), passed_(std::move(passed)), lines_(std::move(lines)) {}
 
 OpcNetwork::~OpcNetwork() {
     close();
@@ -104,14 +132,19 @@ void OpcNetwork::open() {
     }
     impl_ = std::make_unique<Impl>(control_, loop_, lines_, std::move(settings));
     try {
-        impl_->listen();
+        if (passed_.any()) {
+            impl_->adopt(std::exchange(passed_, {}), lines_);
+        } else {
+            impl_->listen();
+        }
     } catch (const dcom::net::ListenError& error) {
         impl_.reset();
         throw RuntimeError(errors::invalidCall, error.what());
     }
-    lines_.notice(fmt::format("OPC clients are served on {}: activation on port {}, objects on port {}",
-                              fmt::join(impl_->settings.addresses, ", "), impl_->settings.activationPort,
-                              impl_->settings.objectPort));
+    const std::string where = fmt::format("OPC clients are served on {}: activation on port {}, objects on port {}",
+                                          fmt::join(impl_->settings.addresses, ", "), impl_->settings.activationPort,
+                                          impl_->settings.objectPort);
+    lines_.notice(where);
 }
 
 void OpcNetwork::close() {

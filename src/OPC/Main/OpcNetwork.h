@@ -8,6 +8,7 @@
 #include <string_view>
 
 #include "Message Loop/AsioLoop.h"
+#include "OPC/Main/Systemd.h"
 #include "SLIK-DA/SLIKServer.h"
 
 namespace quelm {
@@ -21,8 +22,9 @@ class OpcNetwork {
         std::function<void(std::string_view)> trouble;   // damaged settings, refused clients
     };
 
-    // control and loop must outlive the network.
-    OpcNetwork(SLIKServer& control, AsioLoop& loop, Lines lines);
+    // passed: sockets to serve clients on in place of the settings' addresses, where there are any. control and loop
+    // must outlive the network.
+    OpcNetwork(SLIKServer& control, AsioLoop& loop, systemd::PassedSockets passed, Lines lines);
     ~OpcNetwork();
     OpcNetwork(const OpcNetwork&) = delete;
     OpcNetwork& operator=(const OpcNetwork&) = delete;
@@ -37,6 +39,7 @@ class OpcNetwork {
     struct Impl;
     SLIKServer& control_;
     AsioLoop& loop_;
+    systemd::PassedSockets passed_;
     Lines lines_;
     std::unique_ptr<Impl> impl_;
 };

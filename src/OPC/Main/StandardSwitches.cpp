@@ -6,6 +6,7 @@
 #include <string>
 #include <string_view>
 
+#include "DCOM/ntlm/Crypto.h"
 #include "OPC/OPC DA Server/frmOPCQuelm.h"
 #include "SLIK-DA/Identity.h"
 
@@ -28,9 +29,11 @@ void printHelp() {
                     "?\n      Show these options in a box, or print them where there is no display\n\n"
                     "--help\n      Print this text\n\n"
                     "--version\n      Print version and identity\n\n"
+                    "--nt-hash\n      Read a password from standard input and print what dcom.conf takes for it\n\n"
                     "Environment\n\n"
                     "QUELM_INI\n      Sites, databases and log folder; otherwise /etc/quelm/Quelm.ini\n\n"
                     "QUELM_DCOM_CONF\n      Addresses, ports, accounts and security; otherwise /etc/quelm/dcom.conf\n\n"
+                    "QUELM_DESTDIR\n      A folder in which regserver and unregserver take the place of /\n\n"
                     "DISPLAY\n      Where a window is shown\n",
                     frmOPCQuelm::executableName, switches));
 }
@@ -45,21 +48,40 @@ void printVersion() {
         frmOPCQuelm::applicationTitle, QUELM_VERSION, identity::progId, identity::classId, identity::applicationId));
 }
 
+// The first line of standard input is the password, which a command line would show to everybody.
+int printNtHash() {
+    constexpr std::size_t longest = 1024;
+    std::string password;
+    for (int c = std::getchar(); c != EOF && c != '\n' && password.size() <= longest; c = std::getchar()) {
+        password += static_cast<char>(c);
+    }
+    if (password.empty() || password.size() > longest) {
+        std::fputs("Give the password, 1 to 1024 bytes, as a line on standard input\n", stderr);
+        return 1;
+    }
+    print(fmt::format("nt:{}\n", dcom::ntlm::ntHashText(password)));
+    dcom::ntlm::wipe(password);
+    return 0;
+}
+
 }  // namespace
 
-bool answeredStandardSwitch(int argc, char** argv) {
+std::optional<int> answerStandardSwitch(int argc, char** argv) {
     for (int i = 1; i < argc; ++i) {
         const std::string_view argument = argv[i];
         if (argument == "--help") {
             printHelp();
-            return true;
+            return 0;
         }
         if (argument == "--version") {
             printVersion();
-            return true;
+            return 0;
+        }
+        if (argument == "--nt-hash") {
+            return printNtHash();
         }
     }
-    return false;
+    return std::nullopt;
 }
 
 }  // namespace quelm

@@ -1,11 +1,14 @@
 #pragma once
 
-// The two switches that every program on this system knows: --help and --version. They are answered before anything
-// else is looked at, and only when an argument is exactly that.
+// The switches that ask for no server: --help and --version, which every program on this system knows, and --nt-hash,
+// with which passwords need not stand in the settings. They are answered before anything else is looked at, and only
+// when an argument is exactly that.
+
+#include <optional>
 
 namespace quelm {
 
-// Whether one of them was given; the answer is then on standard output.
-bool answeredStandardSwitch(int argc, char** argv);
+// The exit code when one of them was given; the answer is then on standard output.
+std::optional<int> answerStandardSwitch(int argc, char** argv);
 
 }  // namespace quelm

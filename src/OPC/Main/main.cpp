@@ -31,7 +31,9 @@
 #include "Messages/LogWriter.h"
 #include "Messages/MessageTypeNames.h"
 #include "OPC/Main/OpcNetwork.h"
+#include "OPC/Main/Registration.h"
 #include "OPC/Main/StandardSwitches.h"
+#include "OPC/Main/Systemd.h"
 #include "OPC/OPC DA Server/frmOPCQuelm.h"
 #include "SLIK-DA/SLIKServer.h"
 #include "Shared Types/TimeSource.h"
@@ -49,9 +51,18 @@ constexpr int ownMemorySize = 1 << 20;
 // By then every table has been read once, at the slowest period of 20 seconds.
 constexpr std::chrono::seconds firstReads{25};
 
+void printLine(systemd::Priority priority, std::string_view line) {
+    const std::string text =
+        fmt::format("{}{}: {}\n", systemd::linePrefix(priority), frmOPCQuelm::executableName, line);
+    std::fwrite(text.data(), 1, text.size(), stderr);
+}
+
 void printProblem(std::string_view line) {
-    std::fprintf(stderr, "%s: %.*s\n", std::string(frmOPCQuelm::executableName).c_str(), static_cast<int>(line.size()),
-                 line.data());
+    printLine(systemd::Priority::error, line);
+}
+
+void printNotice(std::string_view line) {
+    printLine(systemd::Priority::information, line);
 }
 
 OpenDisplay openDisplay([[maybe_unused]] AsioLoop& loop) {
@@ -72,16 +83,20 @@ class Program {
                    .closed = [this] { loop_.stop(); },
                    .noDisplay = printProblem,
                    .displayLost = [this](std::string_view line) { form_.AddMessage(msgtype::error, line, true); }}),
-          network_(control_, loop_,
+          network_(control_, loop_, systemd::takeSockets(),
                    {// Whoever reads the log later must see how open the server was at that time.
                     .weakened = [this](std::string_view line) { form_.AddMessage(msgtype::notice, line, true); },
-                    .notice = printProblem,
+                    .notice =
+                        [](std::string_view line) {
+                            printNotice(line);
+                            systemd::tell(fmt::format("STATUS={}", line));
+                        },
                     .trouble = printProblem}),
           form_(parts(std::move(commandLine))) {
         control_.setHooks({
             .openNetwork = [this] { network_.open(); },
-            .registerServer = {},
-            .unregisterServer = {},
+            .registerServer = [] { registerServer(thisProgramsRegistration(printNotice, printProblem)); },
+            .unregisterServer = [] { unregisterServer(thisProgramsRegistration(printNotice, printProblem)); },
             .requestDisconnect = {},
             .eventFailed =
                 [this](std::string_view event, const ErrorInfo& failure) {
@@ -109,15 +124,20 @@ class Program {
             case StartUp::INIFailed:
             case StartUp::SitesFailed:
                 exitCode_ = 1;
+                systemd::tell("READY=1\nSTATUS=Cannot serve anybody; the messages before this say why");
                 break;
             case StartUp::WaitingForDatabase:
+                systemd::tell("READY=1\nSTATUS=Waiting for the database");
+                break;
             case StartUp::Running:
+                systemd::tell("READY=1");
                 break;
         }
         giveBackMemory();
         firstReadsDone_->start(firstReads);
         while (!runHandlers()) {
         }
+        systemd::tell("STOPPING=1");
         return exitCode_;
     }
 
@@ -214,8 +234,8 @@ int main(int argc, char** argv) {
     // Peers that go away and terminals that are closed are no reason to end.
     std::signal(SIGPIPE, SIG_IGN);
     std::signal(SIGHUP, SIG_IGN);
-    if (quelm::answeredStandardSwitch(argc, argv)) {
-        return 0;
+    if (const auto exitCode = quelm::answerStandardSwitch(argc, argv)) {
+        return *exitCode;
     }
     mallopt(M_MMAP_THRESHOLD, quelm::ownMemorySize);
     try {

@@ -461,10 +461,17 @@ std::int32_t IOSSimpleManager::SilenceOf(std::int32_t lngChannelID) {
     }
 }
 
+bool IOSSimpleManager::IsSilent(std::int32_t lngChannelID) {
+    // Loads them when that is due, also while no I/O server is silent and the pass can do without each channel's.
+    GetChannelDefs();
+    const bool blnAnySilent = std::max(mlngIOS5Elapsed, mlngIOS6Elapsed) > mlngMaxElapsed;
+    return blnAnySilent && SilenceOf(lngChannelID) > mlngMaxElapsed;
+}
+
 Variant IOSSimpleManager::GetChannelValue(std::int32_t lngIOChanID) {
     Variant varResult;
     try {
-        if (SilenceOf(lngIOChanID) > mlngMaxElapsed) {
+        if (IsSilent(lngIOChanID)) {
             return Variant::null();
         }
         const CurrentIORecord* record = mcolCurrentIO ? mcolCurrentIO->Channel(lngIOChanID) : nullptr;

@@ -156,6 +156,8 @@ class IOSSimpleManager {
 
     void LoadChannelDefs();
     std::int32_t SilenceOf(std::int32_t lngChannelID);
+    // Longer than the longest silence in which its values can be trusted.
+    bool IsSilent(std::int32_t lngChannelID);
 
     void UpdateIOS5Health(bool& blnHeartbeatChanged);
     void UpdateIOS6Health(bool& blnHeartbeatChanged);
