@@ -10,16 +10,20 @@ namespace quelm {
 
 std::shared_ptr<const OPCDefCollection> ConfigurationReader::LoadOPCDefs(std::string_view strSiteID) {
     try {
-        const auto rows = sites_.connection(strSiteID, SiteTable::configuration)
-                              .query(
-                                  "SELECT Tagname, ID, TagType, DataType, Write, NullValue, DownIsValid, "
-                                  "UseSubstatus, RefreshRate FROM Q5OPCDEF WHERE SiteID = ? "
-                                  "ORDER BY Position, RecordID",
-                                  {strSiteID});
+        ISqlConnection& connection = sites_.connection(strSiteID, SiteTable::configuration);
+        // The null value is a number or a text; where columns are typed, its text stands in a column of its own.
+        const std::string sql = fmt::format(
+            "SELECT Tagname, ID, TagType, DataType, Write, NullValue, DownIsValid, UseSubstatus, RefreshRate, {} "
+            "FROM Q5OPCDEF WHERE SiteID = ? ORDER BY Position, RecordID",
+            connection.hasTypedColumns() ? "NullValueText" : "NULL");
+        const auto rows = connection.query(sql, {strSiteID});
         auto definitions = std::make_shared<OPCDefCollection>();
-        std::array<SqlValue, 9> columns;
+        std::array<SqlValue, 10> columns;
         while (rows->next()) {
             rows->read(columns);
+            if (columns[5].type == SqlType::Null) {
+                columns[5] = columns[9];
+            }
             const auto column = [&columns](std::size_t index) { return sqlVariant(columns[index]); };
             definitions->emplace_back(OPCDef::Columns{column(0), column(1), column(2), column(3), column(4), column(5),
                                                       column(6), column(7), column(8)});

@@ -13,6 +13,9 @@ inline constexpr std::string_view ioIDColumn = "IOID";
 inline constexpr std::string_view timeStampColumn = "TStamp";
 inline constexpr std::string_view nValueColumn = "NValue";
 inline constexpr std::string_view xValueColumn = "XValue";
+// Returns a site's current values where the database has procedures; its arguments are the site ID and whether implicit
+// channels are wanted (0 or 1).
+inline constexpr std::string_view currentIOProcedure = "csp_GetCurrentIO2";
 
 // A block of a multi-value channel: this and the channel ID.
 inline constexpr std::string_view multiValueChannelKey = "MultiValueC";

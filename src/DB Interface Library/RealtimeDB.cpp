@@ -15,16 +15,16 @@ namespace {
 
 // False when the row names no parameter and takes no place in the list.
 bool readParameter(const ISqlRows& rows, ParameterValue& parameter) {
-    std::array<SqlValue, 4> columns;
+    std::array<SqlValue, 5> columns;
     rows.read(columns);
-    const auto& [pid, intervalType, value, monitorCode] = columns;
+    const auto& [pid, intervalType, value, monitorCode, valueText] = columns;
     const std::optional<std::int32_t> number = sqlWholeNumber(pid);
     if (!number) {
         return false;
     }
     parameter.PID = *number;
     parameter.IntervalType.assign(sqlText(intervalType));
-    parameter.Value = sqlVariant(value);
+    parameter.Value = sqlVariant(value.type == SqlType::Null ? valueText : value);
     parameter.MonitorCode = sqlVariant(monitorCode);
     return true;
 }
@@ -33,24 +33,30 @@ const std::string snapshotColumns = fmt::format("{}, {}, {}, {}", realtime::ioID
                                                 realtime::nValueColumn, realtime::xValueColumn);
 const std::string snapshotSource = fmt::format("{} WHERE {} = ?", realtime::currentIOTable, realtime::siteIDColumn);
 
-// The present local time, "yyyy-MM-dd HH:mm:ss.fff".
-std::string timeStampText() {
-    const CivilTime now = civilTime(localNow());
-    return fmt::format("{:04}-{:02}-{:02} {:02}:{:02}:{:02}.{:03}", now.year, now.month, now.day, now.hour, now.minute,
-                       now.second, now.millisecond);
+// A parameter's value is a number or a text; where columns are typed, its text stands in a column of its own.
+std::string parameterQuery(bool hasTypedColumns) {
+    return fmt::format(
+        "SELECT PID, IntervalType, Value, MonitorCode, {} FROM ParameterValue WHERE SiteID = ? "
+        "ORDER BY PID, IntervalType",
+        hasTypedColumns ? "ValueText" : "NULL");
 }
 
 }  // namespace
 
-std::shared_ptr<const CurrentIOCollection> RealtimeDB::ReadCurrentIO(std::string_view strSiteID, bool) {
+std::shared_ptr<const CurrentIOCollection> RealtimeDB::ReadCurrentIO(std::string_view strSiteID,
+                                                                     bool blnUseImplicitChannels) {
     ISqlConnection& connection = sites_.connection(strSiteID, SiteTable::realtime);
     auto snapshots = snapshots_.find(strSiteID);
     if (snapshots == snapshots_.end()) {
         snapshots = snapshots_.try_emplace(std::string(strSiteID)).first;
     }
-    // The key of the table, site and IOID, is the way in which the rows are found, so they come in its order.
-    return snapshots->second.read(
-        [&](ISqlRowSink& sink) { connection.scan(snapshotColumns, snapshotSource, {strSiteID}, sink); });
+    const std::int64_t implicit = blnUseImplicitChannels ? 1 : 0;
+    return snapshots->second.read([&](ISqlRowSink& sink) {
+        if (!connection.call(snapshotColumns, realtime::currentIOProcedure, {strSiteID, implicit}, sink)) {
+            // The key of the table, site and IOID, is the way in which the rows are found, so they come in its order.
+            connection.scan(snapshotColumns, snapshotSource, {strSiteID}, sink);
+        }
+    });
 }
 
 std::optional<MessageRecord> RealtimeDB::GetMessageRecord(std::string_view strSiteID, std::string_view strMsgID) {
@@ -75,7 +81,7 @@ bool RealtimeDB::InsertMessage(std::string& strMsgID, std::string_view strSiteID
             .execute(
                 "INSERT INTO Message(ID, SiteID, Type, Data, Text1, Text2, Description, State, Created) "
                 "VALUES (?, ?, ?, ?, ?, ?, ?, '', ?)",
-                {strNewID, strSiteID, strMsgType, strMsgData, strUnused1, strUnused2, strDescription, timeStampText()});
+                {strNewID, strSiteID, strMsgType, strMsgData, strUnused1, strUnused2, strDescription, localNow()});
     if (created == 0) {
         return false;
     }
@@ -84,11 +90,9 @@ bool RealtimeDB::InsertMessage(std::string& strMsgID, std::string_view strSiteID
 }
 
 void RealtimeDB::ReadParameterValues(std::string_view strSiteID, std::vector<ParameterValue>& out) {
-    const auto rows = sites_.connection(strSiteID, SiteTable::realtime)
-                          .query(
-                              "SELECT PID, IntervalType, Value, MonitorCode FROM ParameterValue WHERE SiteID = ? "
-                              "ORDER BY PID, IntervalType",
-                              {strSiteID});
+    ISqlConnection& connection = sites_.connection(strSiteID, SiteTable::realtime);
+    static const std::array queries = {parameterQuery(false), parameterQuery(true)};
+    const auto rows = connection.query(queries[connection.hasTypedColumns() ? 1 : 0], {strSiteID});
     std::size_t count = 0;
     while (rows->next()) {
         if (count == out.size()) {

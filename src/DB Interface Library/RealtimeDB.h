@@ -17,7 +17,8 @@ class RealtimeDB final : public IRealtimeDB {
     // sites must outlive this object.
     explicit RealtimeDB(SiteTable& sites) : sites_(sites) {}
 
-    // Implicit channels' records stand in the same table as all others, so the flag changes nothing here.
+    // The flag goes to the database's procedure. Implicit channels' records stand in the same table as all others, so
+    // that it changes nothing in the schemas that are shipped.
     std::shared_ptr<const CurrentIOCollection> ReadCurrentIO(std::string_view strSiteID,
                                                              bool blnUseImplicitChannels) override;
     std::optional<MessageRecord> GetMessageRecord(std::string_view strSiteID, std::string_view strMsgID) override;

@@ -5,6 +5,7 @@
 #include <optional>
 #include <utility>
 
+#include "DB Interface Library/OdbcDriver.h"
 #include "DB Interface Library/SqliteDriver.h"
 #include "Shared Types/RuntimeError.h"
 #include "Shared Types/Text.h"
@@ -151,6 +152,20 @@ const std::string* ConnectionString::find(std::string_view key) const {
     return nullptr;
 }
 
+std::string ConnectionString::withoutPasswords(std::string message) const {
+    constexpr std::string_view hidden = "***";
+    for (const auto& [name, value] : parts_) {
+        if (value.empty() || !isSecret(name)) {
+            continue;
+        }
+        for (std::size_t at = message.find(value); at != std::string::npos; at = message.find(value, at)) {
+            message.replace(at, value.size(), hidden);
+            at += hidden.size();
+        }
+    }
+    return message;
+}
+
 std::string redactConnectionString(std::string_view text) {
     std::string shown;
     std::string_view rest = text;
@@ -182,12 +197,13 @@ std::unique_ptr<ISqlConnection> SqlDrivers::connection(std::string_view connecti
             return driver->connection(parsed);
         }
     }
-    throw RuntimeError(sqlNoDriver, "Not a SQLite connection string, and no ODBC driver is built in");
+    throw RuntimeError(sqlNoDriver, "Not a connection string: nothing in it reads key=value");
 }
 
 SqlDrivers builtInSqlDrivers() {
     SqlDrivers drivers;
     drivers.add(std::make_unique<SqliteDriver>());
+    drivers.add(std::make_unique<OdbcDriver>());
     return drivers;
 }
 

@@ -14,6 +14,7 @@
 #include <variant>
 #include <vector>
 
+#include "Shared Types/Date.h"
 #include "Shared Types/Variant.h"
 
 namespace quelm {
@@ -44,7 +45,8 @@ inline std::string_view sqlText(const SqlValue& value) {
 // A whole number that fits 32 bits, whichever number type the database keeps it in; nothing for everything else.
 std::optional<std::int32_t> sqlWholeNumber(const SqlValue& value);
 
-using SqlParameter = std::variant<std::monostate, std::int64_t, double, std::string_view>;
+// A Date is local time, kept to the millisecond.
+using SqlParameter = std::variant<std::monostate, std::int64_t, double, std::string_view, Date>;
 using SqlParameters = std::initializer_list<SqlParameter>;
 
 inline constexpr std::size_t maxScanColumns = 16;
@@ -78,6 +80,13 @@ class ISqlConnection {
     // the same from scan to scan as long as the table's rows do.
     virtual void scan(std::string_view columns, std::string_view source, SqlParameters parameters,
                       ISqlRowSink& sink) = 0;
+    // The same for the rows that a stored procedure returns, whose first columns are these. False, and nothing is done,
+    // where the database has no procedures.
+    virtual bool call(std::string_view columns, std::string_view procedure, SqlParameters parameters,
+                      ISqlRowSink& sink) = 0;
+    // True where a column takes values of its declared type alone; the schemas then give a column that may hold a
+    // number or a text a second one, of texts.
+    virtual bool hasTypedColumns() const = 0;
     // The number of rows that the statement changed.
     virtual std::int64_t execute(std::string_view sql, SqlParameters parameters) = 0;
     // Connects and has the database answer a trivial query, whatever tables it holds.
@@ -94,6 +103,10 @@ class ConnectionString {
     // nullptr when there is no such key; of two equal keys the first counts.
     const std::string* find(std::string_view key) const;
     const std::string& text() const { return text_; }
+    // False when nothing in it reads "key=value".
+    bool hasKeys() const { return !parts_.empty(); }
+    // What somebody else says about this connection, with every password of it shown as "***".
+    std::string withoutPasswords(std::string message) const;
 
  private:
     std::string text_;

@@ -188,6 +188,18 @@ class Session {
     bool failed_ = false;
 };
 
+// "yyyy-MM-dd HH:mm:ss.fff"; SQLite has no type for dates.
+std::string stampText(Date date) {
+    const CivilTime time = civilTime(date);
+    return fmt::format("{:04}-{:02}-{:02} {:02}:{:02}:{:02}.{:03}", time.year, time.month, time.day, time.hour,
+                       time.minute, time.second, time.millisecond);
+}
+
+int bindText(sqlite3_stmt* statement, int index, std::string_view text) {
+    return sqlite3_bind_text64(statement, index, text.data() == nullptr ? "" : text.data(), text.size(),
+                               SQLITE_TRANSIENT, SQLITE_UTF8);
+}
+
 void bind(Session& session, sqlite3_stmt* statement, SqlParameters parameters) {
     int index = 0;
     for (const SqlParameter& parameter : parameters) {
@@ -198,8 +210,9 @@ void bind(Session& session, sqlite3_stmt* statement, SqlParameters parameters) {
         } else if (const auto* number = std::get_if<double>(&parameter)) {
             result = sqlite3_bind_double(statement, index, *number);
         } else if (const auto* text = std::get_if<std::string_view>(&parameter)) {
-            result = sqlite3_bind_text64(statement, index, text->data() == nullptr ? "" : text->data(), text->size(),
-                                         SQLITE_TRANSIENT, SQLITE_UTF8);
+            result = bindText(statement, index, *text);
+        } else if (const auto* date = std::get_if<Date>(&parameter)) {
+            result = bindText(statement, index, stampText(*date));
         } else {
             result = sqlite3_bind_null(statement, index);
         }
@@ -255,6 +268,10 @@ class SqliteConnection final : public ISqlConnection {
             throw;
         }
     }
+
+    bool call(std::string_view, std::string_view, SqlParameters, ISqlRowSink&) override { return false; }
+
+    bool hasTypedColumns() const override { return false; }
 
     std::int64_t execute(std::string_view sql, SqlParameters parameters) override {
         const std::shared_ptr<Session> session = connectedSession();

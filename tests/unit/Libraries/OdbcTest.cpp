@@ -1,0 +1,353 @@
+// The same reads and writes in SQLite and in PostgreSQL through ODBC, and what a database server's failures cost.
+
+#include "DB Interface Library/OdbcDriver.h"
+
+#include <gmock/gmock.h>
+
+#include "DB Interface Library/DBIL.h"
+#include "DB Interface Library/SqliteDriver.h"
+#include "Libraries/TestServer.h"
+#include "Shared Types/Conversion.h"
+#include "Shared Types/RuntimeError.h"
+#include "Shared Types/Text.h"
+
+namespace quelm {
+namespace {
+
+using test::runOnServer;
+using test::TemporaryFolder;
+using test::TestDatabase;
+using test::TestServer;
+using testing::HasSubstr;
+using testing::Not;
+
+#define NEED_SERVER()                                                                     \
+    if (TestServer::instance() == nullptr) {                                              \
+        GTEST_SKIP() << "PostgreSQL or its ODBC driver is not installed on this machine"; \
+    }                                                                                     \
+    if (!TestServer::instance()->isRunning()) {                                           \
+        ASSERT_TRUE(TestServer::instance()->start());                                     \
+    }
+
+// ---- the readers, over both kinds of database
+
+enum class Kind { Sqlite, PostgreSQL };
+
+class DatabasesTest : public testing::TestWithParam<Kind> {
+ protected:
+    void SetUp() override {
+        if (GetParam() == Kind::Sqlite) {
+            sqlite_.withSchema();
+            setUpSites(sqlite_.connectionString());
+        } else {
+            NEED_SERVER();
+            TestServer::instance()->resetDatabase();
+            setUpSites(TestServer::instance()->connectionString());
+        }
+    }
+    void setUpSites(const std::string& connection) {
+        ASSERT_TRUE(dbil_.SetupSite("S1", connection, connection, "", "", "", true, false));
+        ASSERT_TRUE(dbil_.SetupSite("S2", connection, connection, "", "", "", true, false));
+    }
+    void run(const std::string& sql) {
+        if (GetParam() == Kind::Sqlite) {
+            sqlite_.run(sql);
+        } else {
+            runOnServer(sql);
+        }
+    }
+    // The column that takes a text where a number is usual.
+    std::string textColumn(const std::string& name) const { return GetParam() == Kind::Sqlite ? name : name + "Text"; }
+
+    TemporaryFolder folder_;
+    TestDatabase sqlite_{folder_.file("site.db")};
+    std::vector<std::string> problems_;
+    DBIL dbil_{builtInSqlDrivers(), [this](std::string_view text) { problems_.emplace_back(text); }};
+};
+
+TEST_P(DatabasesTest, GiveCurrentValuesTypedAndInOneOrder) {
+    run("INSERT INTO CurrentIO(SiteID, IOID, TStamp, NValue, XValue) VALUES "
+        "('S1', 'C2', '2026-11-22 10:00:00.250', 12.5, NULL), ('S1', 'C1', NULL, NULL, '<Value>7;\xC3\xA4</Value>'), "
+        "('S1', 'IOS.AllCommsOk', '0098-01-01 00:00:00', 1, ''), ('S2', 'C6', NULL, 1, NULL), "
+        "('s1', 'C7', NULL, 1, NULL)");
+    const auto snapshot = dbil_.RealtimeDB().ReadCurrentIO("S1", false);
+    ASSERT_EQ(snapshot->Count(), 3U);
+    EXPECT_EQ(snapshot->Records()[0].IOID, "C1");
+    EXPECT_EQ(snapshot->Records()[1].IOID, "C2");
+    EXPECT_EQ(snapshot->Channel(2)->NValue, Variant(12.5));
+    EXPECT_DOUBLE_EQ(snapshot->Channel(2)->TStamp.days, makeDate(CivilTime{2026, 11, 22, 10, 0, 0, 250}).days);
+    EXPECT_TRUE(snapshot->Channel(2)->XValue.empty());
+    EXPECT_TRUE(snapshot->Channel(1)->NValue.isNull());
+    EXPECT_EQ(snapshot->Channel(1)->TStamp, Date{});
+    EXPECT_EQ(snapshot->Channel(1)->XValue, "<Value>7;\xC3\xA4</Value>");
+    EXPECT_EQ(snapshot->Item("ios.allcommsok")->TStamp, Date{});
+    EXPECT_EQ(toText(snapshot->Item("IOS.AllCommsOk")->NValue), "1");
+}
+
+TEST_P(DatabasesTest, GiveEveryTextWholeHoweverLong) {
+    const auto text = [](std::size_t length) { return "<Value>" + std::string(length, 'x') + "\xE2\x82\xAC</Value>"; };
+    std::string rows;
+    for (const std::size_t length : {1000, 1024, 8190, 20000, 900000, 1100000}) {
+        rows += (rows.empty() ? "" : ", ") + ("('S1', 'C" + std::to_string(length)) + "', 3, '" + text(length) + "')";
+    }
+    run("INSERT INTO CurrentIO(SiteID, IOID, NValue, XValue) VALUES " + rows);
+    const auto snapshot = dbil_.RealtimeDB().ReadCurrentIO("S1", false);
+    ASSERT_EQ(snapshot->Count(), 6U);
+    for (const std::size_t length : {1000, 1024, 8190, 20000, 900000}) {
+        EXPECT_TRUE(snapshot->Channel(static_cast<std::int32_t>(length))->XValue == text(length)) << length;
+    }
+    EXPECT_TRUE(snapshot->Channel(1100000)->XValue.empty());
+    EXPECT_EQ(toText(snapshot->Channel(1100000)->NValue), "3");
+}
+
+TEST_P(DatabasesTest, GiveMoreRowsThanOneBlock) {
+    run(GetParam() == Kind::Sqlite ? "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 1234) "
+                                     "INSERT INTO CurrentIO(SiteID, IOID, NValue) SELECT 'S1', 'C' || i, i + 0.5 FROM n"
+                                   : "INSERT INTO CurrentIO(SiteID, IOID, NValue) SELECT 'S1', 'C' || i, i + 0.5 FROM "
+                                     "generate_series(1, 1234) i");
+    const auto snapshot = dbil_.RealtimeDB().ReadCurrentIO("S1", false);
+    ASSERT_EQ(snapshot->Count(), 1234U);
+    for (std::int32_t i = 1; i <= 1234; ++i) {
+        ASSERT_EQ(snapshot->Channel(i)->NValue, Variant(i + 0.5));
+    }
+}
+
+TEST_P(DatabasesTest, GiveDefinitionsParametersAndSettings) {
+    run("INSERT INTO Q5OPCDEF(SiteID, Position, Tagname, ID, DataType, Write, NullValue, DownIsValid) VALUES "
+        "('S1', 2, 'Last', '[@7]', 2, -1, -1.5, 1), ('s1', 0, 'Other', '', 1, 1, 0, 0)");
+    run("INSERT INTO Q5OPCDEF(SiteID, Position, Tagname, DataType, " + textColumn("NullValue") +
+        ") VALUES ('S1', 1, 'First', 3, 'none')");
+    run("INSERT INTO IOChannelDef VALUES ('S1', 8, NULL, NULL), ('S1', 7, 'Stack flow', 3)");
+    run("INSERT INTO PIDDef VALUES (12, 101001234, '1H', 'NOx'), (13, 5, 'x', 'x')");
+    run("INSERT INTO SiteSettings VALUES ('S1', 12, 2), ('S1', 13, 8)");
+    run("INSERT INTO ParameterValue(SiteID, PID, IntervalType, Value, MonitorCode) VALUES ('S1', 5, '1H', 12.5, 60)");
+    run("INSERT INTO ParameterValue(SiteID, PID, IntervalType, " + textColumn("Value") +
+        ") VALUES ('S1', 5, '1D', 'Full load')");
+
+    IConfigurationReader& reader = dbil_.ConfigurationReader();
+    const auto definitions = reader.LoadOPCDefs("S1");
+    ASSERT_TRUE(definitions && definitions->size() == 2) << testing::PrintToString(problems_);
+    const OPCDef& first = (*definitions)[0];
+    EXPECT_EQ(first.Tagname(), "First");
+    EXPECT_EQ(first.NullValue(), Variant("none"));
+    EXPECT_EQ(first.RefreshRate(), 20);
+    EXPECT_THROW((void)first.ID(), RuntimeError);
+    const OPCDef& last = (*definitions)[1];
+    EXPECT_EQ(last.NullValue(), Variant(-1.5));
+    EXPECT_TRUE(last.Write());
+    EXPECT_TRUE(last.DownIsValid());
+    EXPECT_EQ(last.DataType(), 2);
+
+    const auto channels = reader.LoadChannelDefs("S1");
+    ASSERT_EQ(channels->Count(), 2U);
+    EXPECT_EQ(channels->Channel(7)->DefinitionType, 3);
+    EXPECT_EQ(channels->Channel(8)->Name, "");
+    EXPECT_EQ(reader.LoadPIDDefinitions("S1", 12).at(0).IntervalType, "1H");
+    EXPECT_EQ(reader.LoadSiteSettings("S1", 12).FirstDayOfWeek, 2);
+    EXPECT_EQ(reader.LoadSiteSettings("S1", 14).FirstDayOfWeek, 0);
+
+    std::vector<ParameterValue> values;
+    dbil_.RealtimeDB().ReadParameterValues("S1", values);
+    ASSERT_EQ(values.size(), 2U);
+    EXPECT_EQ(values[0].Value, Variant("Full load"));
+    EXPECT_TRUE(values[0].MonitorCode.isNull());
+    EXPECT_EQ(values[1].Value, Variant(12.5));
+    EXPECT_EQ(values[1].MonitorCode, Variant(std::int32_t{60}));
+}
+
+TEST_P(DatabasesTest, KeepMessageRecordsAsTheyWereGiven) {
+    IRealtimeDB& realtime = dbil_.RealtimeDB();
+    const std::string data =
+        "<Command value=\"'; DROP TABLE Message; --<&\xC3\xA4\xF0\x9F\x94\xA5?\" />" + std::string(10000, 'x');
+    std::string id;
+    ASSERT_TRUE(realtime.InsertMessage(id, "S1", "Q6IOCOMMAND", data, "", "", "who asked"));
+    const auto record = realtime.GetMessageRecord("S1", id);
+    ASSERT_TRUE(record);
+    EXPECT_EQ(record->MessageData, data);
+    EXPECT_EQ(record->State, "");
+    EXPECT_EQ(record->Response, "");
+    EXPECT_FALSE(realtime.GetMessageRecord("S2", id));
+    run("UPDATE Message SET State = 'DONE', Response = '<Success>1</Success>'");
+    EXPECT_EQ(realtime.GetMessageRecord("S1", id)->State, "DONE");
+    EXPECT_EQ(realtime.GetMessageRecord("S1", id)->Response, "<Success>1</Success>");
+}
+
+TEST_P(DatabasesTest, TellOfAMissingTableAndReadOnOnceItIsBack) {
+    EXPECT_EQ(dbil_.RealtimeDB().ReadCurrentIO("S1", false)->Count(), 0U);
+    run("ALTER TABLE CurrentIO RENAME TO Elsewhere");
+    try {
+        dbil_.RealtimeDB().ReadCurrentIO("S1", false);
+        ADD_FAILURE() << "nothing was raised";
+    } catch (const RuntimeError& error) {
+        EXPECT_THAT(foldCase(error.description()), HasSubstr("currentio"));
+        EXPECT_THAT(error.description(), Not(HasSubstr("\n")));
+    }
+    run("ALTER TABLE Elsewhere RENAME TO CurrentIO");
+    EXPECT_EQ(dbil_.RealtimeDB().ReadCurrentIO("S1", false)->Count(), 0U);
+}
+
+INSTANTIATE_TEST_SUITE_P(Both, DatabasesTest, testing::Values(Kind::Sqlite, Kind::PostgreSQL),
+                         [](const auto& each) { return each.param == Kind::Sqlite ? "Sqlite" : "PostgreSQL"; });
+
+// ---- a server's failures
+
+class OdbcTest : public testing::Test {
+ protected:
+    void SetUp() override { NEED_SERVER(); }
+    void TearDown() override {
+        if (TestServer* server = TestServer::instance()) {
+            server->freeze(false);
+        }
+    }
+    static std::unique_ptr<ISqlConnection> connect(const std::string& text, OdbcTimeouts timeouts = {}) {
+        return OdbcDriver(timeouts).connection(ConnectionString(text));
+    }
+    static std::unique_ptr<ISqlConnection> connect(OdbcTimeouts timeouts = {}) {
+        return connect(TestServer::instance()->connectionString(), timeouts);
+    }
+    static Variant valueOf(ISqlConnection& connection, std::string_view sql, SqlParameters parameters = {}) {
+        const auto rows = connection.query(sql, parameters);
+        EXPECT_TRUE(rows->next());
+        std::array<SqlValue, 1> columns;
+        rows->read(columns);
+        return sqlVariant(columns[0]);
+    }
+    static std::string failureOf(ISqlConnection& connection, std::string_view sql = "SELECT 1") {
+        try {
+            connection.query(sql, {})->next();
+            return "none";
+        } catch (const RuntimeError& error) {
+            return error.description();
+        }
+    }
+    static std::string sessions(ISqlConnection& connection) {
+        return toText(valueOf(connection,
+                              "SELECT count(*) FROM pg_stat_activity WHERE backend_type = 'client backend' "
+                              "AND pid <> pg_backend_pid()"));
+    }
+};
+
+TEST_F(OdbcTest, EveryColumnTypeArrivesAsWhatItIs) {
+    const auto connection = connect();
+    const struct {
+        const char* sql;
+        Variant value;
+    } cases[] = {
+        {"SELECT 7::smallint", Variant(std::int32_t{7})},
+        {"SELECT -5000000000::bigint", Variant(Decimal::fromInteger(-5000000000))},
+        {"SELECT 0.1::double precision", Variant(0.1)},
+        {"SELECT 0.5::real", Variant(0.5)},
+        {"SELECT 12345678901234567.89::numeric(20, 2)", Variant(Decimal::fromText("12345678901234567.89"))},
+        {"SELECT 'NaN'::numeric", Variant::null()},
+        {"SELECT DATE '2026-11-22'", Variant(makeDate(2026, 11, 22))},
+        {"SELECT TIMESTAMP '2026-11-22 06:00:00'", Variant(makeDate(2026, 11, 22, 6, 0, 0))},
+        {"SELECT TIMESTAMP '1850-01-01 06:00:00'", Variant(makeDate(1850, 1, 1, 6, 0, 0))},
+        {"SELECT TIMESTAMP '0098-01-01 06:00:00'", Variant::null()},
+        {"SELECT 'a'::varchar(5)", Variant("a")},
+        {"SELECT ''::text", Variant("")},
+        {"SELECT NULL::text", Variant::null()},
+        {"SELECT NULL::double precision", Variant::null()},
+        {"SELECT '\\x0102'::bytea", Variant::null()},
+    };
+    for (const auto& each : cases) {
+        EXPECT_EQ(valueOf(*connection, each.sql), each.value) << each.sql;
+    }
+    EXPECT_EQ(valueOf(*connection, "SELECT ?::text", {std::string_view("\xE2\x82\xAC'?")}), Variant("\xE2\x82\xAC'?"));
+    EXPECT_EQ(valueOf(*connection, "SELECT ?::double precision", {0.1}), Variant(0.1));
+    EXPECT_EQ(valueOf(*connection, "SELECT ?::bigint", {std::int64_t{-5000000000}}),
+              Variant(Decimal::fromInteger(-5000000000)));
+    EXPECT_TRUE(valueOf(*connection, "SELECT ?::text", {std::monostate{}}).isNull());
+}
+
+TEST_F(OdbcTest, AServerThatRestartsCostsOneCall) {
+    const auto connection = connect();
+    EXPECT_EQ(failureOf(*connection), "none");
+    ASSERT_TRUE(TestServer::instance()->stop());
+    EXPECT_NE(failureOf(*connection), "none");
+    EXPECT_THAT(failureOf(*connection), HasSubstr("refused"));
+    ASSERT_TRUE(TestServer::instance()->start());
+    EXPECT_EQ(failureOf(*connection), "none");
+    const auto other = connect();
+    EXPECT_EQ(sessions(*other), "1");
+    runOnServer(
+        "SELECT pg_terminate_backend(pid) FROM pg_stat_activity WHERE backend_type = 'client backend' AND "
+        "pid <> pg_backend_pid()");
+    EXPECT_NE(failureOf(*connection), "none");
+    EXPECT_EQ(failureOf(*connection), "none");
+}
+
+TEST_F(OdbcTest, AStatementThatTakesTooLongIsStopped) {
+    const auto connection = connect(OdbcTimeouts{.query = std::chrono::seconds(1)});
+    EXPECT_THAT(failureOf(*connection, "SELECT pg_sleep(60)"), HasSubstr("timeout"));
+    EXPECT_EQ(failureOf(*connection), "none");
+}
+
+TEST_F(OdbcTest, AServerThatStopsAnsweringIsLeftInTime) {
+    const OdbcTimeouts shortest{std::chrono::milliseconds(300), std::chrono::milliseconds(300),
+                                std::chrono::milliseconds(100)};
+    const auto connection = connect(shortest);
+    EXPECT_EQ(failureOf(*connection), "none");
+    TestServer::instance()->freeze(true);
+    EXPECT_EQ(failureOf(*connection), "the database did not answer within 300 ms");
+    EXPECT_EQ(failureOf(*connection), "the database did not answer within 300 ms");
+    TestServer::instance()->freeze(false);
+    EXPECT_EQ(failureOf(*connection), "none");
+}
+
+TEST_F(OdbcTest, LockedRowsCostOneCall) {
+    runOnServer("DROP TABLE IF EXISTS L; CREATE TABLE L(a int); INSERT INTO L VALUES (1)");
+    const auto holder = connect();
+    holder->execute("BEGIN", {});
+    holder->execute("UPDATE L SET a = 2", {});
+    const auto connection = connect(OdbcTimeouts{.query = std::chrono::seconds(1)});
+    EXPECT_EQ(valueOf(*connection, "SELECT a FROM L"), Variant(std::int32_t{1}));
+    EXPECT_THAT(failureOf(*connection, "UPDATE L SET a = 3 RETURNING a"), HasSubstr("timeout"));
+    holder->execute("COMMIT", {});
+    EXPECT_EQ(connection->execute("UPDATE L SET a = a + 1", {}), 1);
+    EXPECT_EQ(valueOf(*connection, "SELECT a FROM L"), Variant(std::int32_t{3}));
+    EXPECT_EQ(connection->execute("UPDATE L SET a = 1 WHERE a = 77", {}), 0);
+}
+
+TEST_F(OdbcTest, AWrongPasswordFailsWithoutShowingIt) {
+    runOnServer("DROP ROLE IF EXISTS server; CREATE ROLE server LOGIN PASSWORD 'stack-7'");
+    const auto connection = connect(TestServer::instance()->connectionString("server", "stack-7"));
+    EXPECT_EQ(failureOf(*connection), "none");
+    runOnServer("ALTER ROLE server PASSWORD 'stack-8'");
+    EXPECT_EQ(failureOf(*connection), "none");
+    connection->close();
+    EXPECT_THAT(failureOf(*connection), testing::AllOf(HasSubstr("authentication failed"), Not(HasSubstr("stack-7"))));
+    runOnServer("ALTER ROLE server PASSWORD 'stack-7'");
+    EXPECT_EQ(failureOf(*connection), "none");
+}
+
+TEST_F(OdbcTest, NoSessionIsLeftBehindAndAFullServerIsTriedAgain) {
+    const auto watcher = connect();
+    const auto connection = connect();
+    for (int i = 0; i < 30; ++i) {
+        EXPECT_NE(failureOf(*connection, i % 2 == 0 ? "SELECT * FROM Nowhere"
+                                                    : "SELECT pg_cancel_backend(pg_backend_pid()), pg_sleep(5)"),
+                  "none");
+    }
+    EXPECT_EQ(failureOf(*connection), "none");
+    EXPECT_EQ(sessions(*watcher), "1");
+
+    std::vector<std::unique_ptr<ISqlConnection>> others;
+    for (int i = 0; i < 10; ++i) {
+        others.push_back(connect());
+        EXPECT_EQ(failureOf(*others.back()), "none");
+    }
+    const auto last = connect();
+    EXPECT_THAT(failureOf(*last), HasSubstr("too many clients"));
+    others.clear();
+    EXPECT_EQ(failureOf(*last), "none");
+}
+
+TEST_F(OdbcTest, AConnectionStringThatLeadsNowhereFailsWithTheReason) {
+    EXPECT_THAT(failureOf(*connect("Driver=No such driver;PWD=geheim")), HasSubstr("No such driver"));
+    EXPECT_THAT(failureOf(*connect("DSN=nowhere;PWD=geheim")), Not(HasSubstr("geheim")));
+    EXPECT_NE(failureOf(*connect("=")), "none");
+    EXPECT_EQ(failureOf(*connect(std::string(100000, 'x') + "=1")), "The connection string is longer than ODBC takes");
+}
+
+}  // namespace
+}  // namespace quelm
