@@ -34,7 +34,8 @@ def run_one(case):
     result = unittest.TestResult()
     case.run(result)
     problems = [text for _, text in result.errors + result.failures]
-    return case, problems, time.monotonic() - began
+    skipped = [reason for _, reason in result.skipped]
+    return case, problems, skipped, time.monotonic() - began
 
 
 def main():
@@ -51,8 +52,9 @@ def main():
     # The tests mostly wait for the server's 20-second intervals, so many fit side by side.
     with concurrent.futures.ThreadPoolExecutor(options.jobs) as pool:
         for future in concurrent.futures.as_completed([pool.submit(run_one, case) for case in cases]):
-            case, problems, seconds = future.result()
-            print(f"{'FAILED' if problems else 'ok    '} {case.id()} ({seconds:.1f} s)", flush=True)
+            case, problems, skipped, seconds = future.result()
+            verdict = 'FAILED' if problems else 'skipped' if skipped else 'ok'
+            print(f"{verdict:7} {case.id()} ({seconds:.1f} s)", *skipped, flush=True)
             for problem in problems:
                 print(problem)
             failures += bool(problems)
