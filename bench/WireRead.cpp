@@ -108,7 +108,7 @@ void startServer() {
         const auto trouble = [](std::string_view line) {
             std::fprintf(stderr, "%.*s\n", static_cast<int>(line.size()), line.data());
         };
-        OpcNetwork network(control, loop, {.weakened = silence, .notice = silence, .trouble = trouble});
+        OpcNetwork network(control, loop, {}, {.weakened = silence, .notice = silence, .trouble = trouble});
         network.open();
         std::filesystem::remove(settings);
         ready();
