@@ -36,22 +36,7 @@ std::int32_t ParseIOChannelID(std::string_view strText, bool blnBracketed) {
 }
 
 bool IsValidIOChannelID(const Variant& varValue) {
-    try {
-        switch (varValue.kind()) {
-            case VariantKind::Int16:
-            case VariantKind::Int32:
-            case VariantKind::Single:
-            case VariantKind::Double:
-            case VariantKind::Decimal:
-                return isValidNumber(toInt32(varValue));
-            case VariantKind::Text:
-                return ParseIOChannelID(varValue.text(), false) != 0;
-            default:
-                return false;
-        }
-    } catch (const RuntimeError&) {
-        return false;
-    }
+    return IsValidIdentifier(varValue, isValidNumber, ParseIOChannelID);
 }
 
 }  // namespace quelm

@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <limits>
 
-#include "Shared Types/Conversion.h"
+#include "OPC/OPC DA Server/UtilityFunctions.h"
 #include "Shared Types/RuntimeError.h"
 #include "Shared Types/Text.h"
 
@@ -81,23 +81,7 @@ std::string PIDToText(std::int32_t lngPID) {
 }
 
 bool IsValidPID(const Variant& varValue) {
-    try {
-        switch (varValue.kind()) {
-            case VariantKind::Int16:
-            case VariantKind::Int32:
-            case VariantKind::Single:
-            case VariantKind::Double:
-            case VariantKind::Decimal:
-                return isValidNumber(toInt32(varValue));
-            case VariantKind::Text:
-                return ParsePID(varValue.text(), false) != 0;
-            default:
-                return false;
-        }
-    } catch (const RuntimeError&) {
-        // A number that no 32-bit integer holds is no PID.
-        return false;
-    }
+    return IsValidIdentifier(varValue, isValidNumber, ParsePID);
 }
 
 std::int32_t MakePID(std::int32_t lngA, std::int32_t lngB, std::int32_t lngC, std::int32_t lngD, std::int32_t lngE) {

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 
+#include "Shared Types/Conversion.h"
 #include "Shared Types/RuntimeError.h"
 #include "Shared Types/Text.h"
 #include "Shared Types/TimeSource.h"
@@ -186,6 +187,26 @@ std::string TruncateText(std::string_view strText, std::int32_t lngLength) {
     const std::size_t length = lngLength > 0 ? static_cast<std::size_t>(lngLength) : 0;
     const std::string_view left = leftCharacters(strText, length);
     return left.size() < strText.size() ? std::string(left) + "..." : std::string(strText);
+}
+
+bool IsValidIdentifier(const Variant& varValue, bool (*isValidNumber)(std::int32_t),
+                       std::int32_t (*parse)(std::string_view strText, bool blnBracketed)) {
+    try {
+        switch (varValue.kind()) {
+            case VariantKind::Int16:
+            case VariantKind::Int32:
+            case VariantKind::Single:
+            case VariantKind::Double:
+            case VariantKind::Decimal:
+                return isValidNumber(toInt32(varValue));
+            case VariantKind::Text:
+                return parse(varValue.text(), false) != 0;
+            default:
+                return false;
+        }
+    } catch (const RuntimeError&) {
+        return false;
+    }
 }
 
 }  // namespace quelm

@@ -8,6 +8,7 @@
 #include <string_view>
 
 #include "Shared Types/Date.h"
+#include "Shared Types/Variant.h"
 
 namespace quelm {
 
@@ -54,5 +55,11 @@ std::string PadText(std::string_view strText, std::int32_t lngWidth, bool blnAli
 
 // The first lngLength characters and "..." when the text is longer, else the text itself.
 std::string TruncateText(std::string_view strText, std::int32_t lngLength);
+
+// Whether a value names something by a 32-bit number, as parameters and channels are named: numbers when isValidNumber
+// accepts them rounded half to even, text when parse (called unbracketed) reads something other than 0 from it. Any
+// other kind, and a number that no 32-bit integer holds, names nothing.
+bool IsValidIdentifier(const Variant& varValue, bool (*isValidNumber)(std::int32_t),
+                       std::int32_t (*parse)(std::string_view strText, bool blnBracketed));
 
 }  // namespace quelm
