@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "DB Interface Library/SqlTimeouts.h"
+
 namespace quelm {
 
 struct DAHSEntry {
@@ -29,6 +31,8 @@ class ISystemINI {
     virtual const std::vector<DAHSEntry>& AllDAHS() const = 0;
     // As the file has it; no separator is added or removed.
     virtual std::string LogFolder() const = 0;
+    // Of every site's databases; the defaults where the file says nothing usable.
+    virtual SqlTimeouts DatabaseTimeouts() const = 0;
 };
 
 }  // namespace quelm

@@ -1,5 +1,6 @@
 #include "DB Interface Library/Sql.h"
 
+#include <algorithm>
 #include <cmath>
 #include <limits>
 #include <optional>
@@ -200,10 +201,12 @@ std::unique_ptr<ISqlConnection> SqlDrivers::connection(std::string_view connecti
     throw RuntimeError(sqlNoDriver, "Not a connection string: nothing in it reads key=value");
 }
 
-SqlDrivers builtInSqlDrivers() {
+SqlDrivers builtInSqlDrivers(const SqlTimeouts& timeouts) {
     SqlDrivers drivers;
-    drivers.add(std::make_unique<SqliteDriver>());
-    drivers.add(std::make_unique<OdbcDriver>());
+    SqliteTimeouts file{.query = timeouts.query};
+    file.lock = std::min(file.lock, file.query);
+    drivers.add(std::make_unique<SqliteDriver>(file));
+    drivers.add(std::make_unique<OdbcDriver>(OdbcTimeouts{.connect = timeouts.connect, .query = timeouts.query}));
     return drivers;
 }
 

@@ -14,6 +14,7 @@
 #include <variant>
 #include <vector>
 
+#include "DB Interface Library/SqlTimeouts.h"
 #include "Shared Types/Date.h"
 #include "Shared Types/Variant.h"
 
@@ -143,6 +144,6 @@ class SqlDrivers {
 };
 
 // Every driver of this build.
-SqlDrivers builtInSqlDrivers();
+SqlDrivers builtInSqlDrivers(const SqlTimeouts& timeouts = {});
 
 }  // namespace quelm

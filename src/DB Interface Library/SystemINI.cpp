@@ -23,6 +23,8 @@ namespace quelm {
 namespace {
 
 constexpr std::string_view damagedHeading = "[?]";
+// Seconds: beyond this nobody waits for a display to move on.
+constexpr std::int32_t longestTimeout = 300;
 
 std::string_view trimSpace(std::string_view text) {
     constexpr std::string_view space = " \t\r\n\v\f";
@@ -137,6 +139,7 @@ class SystemINI::File {
 
 bool SystemINI::ReadINI(std::int32_t, bool blnReport) {
     logFolder_.clear();
+    timeouts_ = {};
     entries_.clear();
     placements_.clear();
     selected_.reset();
@@ -154,6 +157,8 @@ bool SystemINI::ReadINI(std::int32_t, bool blnReport) {
     for (const std::string& section : file.sections()) {
         if (equalsIgnoringCase(section, "System")) {
             logFolder_ = file.value(section, "LogFolder");
+            readTimeout(file, section, "ConnectTimeout", timeouts_.connect, blnReport);
+            readTimeout(file, section, "QueryTimeout", timeouts_.query, blnReport);
         } else if (equalsIgnoringCase(std::string_view(section).substr(0, 4), "DAHS")) {
             readEntry(file, section, blnReport);
         }
@@ -210,6 +215,21 @@ void SystemINI::takeOutDamage(std::string& contents, bool blnReport) const {
         report(blnReport, fmt::format("'{}': a heading without ] (there are {}); the lines under it are left out",
                                       firstDamaged, damaged));
     }
+}
+
+void SystemINI::readTimeout(const File& file, const std::string& section, std::string_view key,
+                            std::chrono::milliseconds& timeout, bool blnReport) const {
+    const std::string given = file.value(section, key);
+    if (given.empty()) {
+        return;
+    }
+    const std::optional<std::int32_t> seconds = wholeNumber(given);
+    if (!seconds || *seconds < 1 || *seconds > longestTimeout) {
+        report(blnReport, fmt::format("[System]: {} '{}' is not a number of seconds from 1 to {}; read as {}", key,
+                                      shown(given), longestTimeout, timeout / std::chrono::seconds(1)));
+        return;
+    }
+    timeout = std::chrono::seconds(*seconds);
 }
 
 void SystemINI::readEntry(const File& file, const std::string& section, bool blnReport) {

@@ -4,6 +4,7 @@
 //
 //   [System]            [DAHS.1]  (any section whose name starts with DAHS, in file order)
 //   LogFolder=...       SiteID=, DAHSID=, Computer=name,name, Default=yes, Connection1= to Connection5=
+//   ConnectTimeout=, QueryTimeout= in whole seconds, 1 to 300
 
 #include <cstddef>
 #include <optional>
@@ -32,6 +33,7 @@ class SystemINI final : public ISystemINI {
     const DAHSEntry& SelectedDAHS() const override;
     const std::vector<DAHSEntry>& AllDAHS() const override { return entries_; }
     std::string LogFolder() const override { return logFolder_; }
+    SqlTimeouts DatabaseTimeouts() const override { return timeouts_; }
 
     // A file beyond this size (bytes) is not read.
     static constexpr std::size_t maxFileSize = std::size_t{4} << 20;
@@ -46,6 +48,8 @@ class SystemINI final : public ISystemINI {
 
     std::optional<std::string> readFile(bool blnReport) const;
     void takeOutDamage(std::string& contents, bool blnReport) const;
+    void readTimeout(const File& file, const std::string& section, std::string_view key,
+                     std::chrono::milliseconds& timeout, bool blnReport) const;
     void readEntry(const File& file, const std::string& section, bool blnReport);
     bool namesThisComputer(const Placement& placement) const;
     void report(bool blnReport, std::string_view text) const;
@@ -54,6 +58,7 @@ class SystemINI final : public ISystemINI {
     std::string strComputer_;
     ProblemSink problems_;
     std::string logFolder_;
+    SqlTimeouts timeouts_;
     std::vector<DAHSEntry> entries_;
     std::vector<Placement> placements_;
     std::optional<std::size_t> selected_;

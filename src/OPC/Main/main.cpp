@@ -149,7 +149,10 @@ class Program {
             .CommandLine = std::move(commandLine),
             .InstanceNumber = static_cast<std::int32_t>(getpid()),
             .NewSystemINI = [] { return std::make_unique<SystemINI>(systemIniPath(), thisComputer(), printProblem); },
-            .NewDBIL = [] { return std::make_shared<DBIL>(builtInSqlDrivers(), printProblem); },
+            .NewDBIL =
+                [](const ISystemINI& objSystemINI) {
+                    return std::make_shared<DBIL>(builtInSqlDrivers(objSystemINI.DatabaseTimeouts()), printProblem);
+                },
             .NewClock = [this] { return std::make_shared<Clock>(loop_); },
             .NewLogWriter = [] { return std::make_unique<LogWriter>(); },
             .MessageTypeName = messageTypeName,

@@ -75,7 +75,7 @@ StartUp frmOPCQuelm::Form_Load() {
     StartLog(false);
     AddMsg(msgtype::information, fmt::format("[OPC-0100] Command Line:  {}", parts_.CommandLine));
     AddMessage(msgtype::information, "[OPC-0101] Initializing DBIL...", true);
-    mobjDBIL = parts_.NewDBIL();
+    mobjDBIL = parts_.NewDBIL(*mobjSystemINI);
     // The result isn't looked at: what is wrong shows when the sites are set up.
     mobjDBIL->Initialize(executableName);
     AddMessage(msgtype::information, "[OPC-0102] Loading site IDs and connection strings...", true);

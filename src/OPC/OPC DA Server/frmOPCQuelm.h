@@ -33,7 +33,8 @@ struct ServerParts {
     // Identifies this process in the log file's name.
     std::int32_t InstanceNumber;
     std::function<std::unique_ptr<ISystemINI>()> NewSystemINI;
-    std::function<std::shared_ptr<IDBIL>()> NewDBIL;
+    // The system INI file is read by then.
+    std::function<std::shared_ptr<IDBIL>(const ISystemINI&)> NewDBIL;
     std::function<std::shared_ptr<IClock>()> NewClock;
     std::function<std::unique_ptr<ILogWriter>()> NewLogWriter;
     // The display name of a message type, the first word of every log line.

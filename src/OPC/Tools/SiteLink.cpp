@@ -12,8 +12,7 @@ namespace quelm::tools {
 
 namespace {
 
-DAHSEntry findSite(const std::optional<std::string>& ini, const std::optional<std::string>& site) {
-    SystemINI systemINI(ini.value_or(systemIniPath()), thisComputer(), showProblem);
+DAHSEntry findSite(SystemINI& systemINI, const std::optional<std::string>& site) {
     if (!systemINI.ReadINI(0, true)) {
         throw SiteTrouble("the system INI file cannot be used");
     }
@@ -33,8 +32,8 @@ DAHSEntry findSite(const std::optional<std::string>& ini, const std::optional<st
     throw SiteTrouble(fmt::format("there is no site '{}' in the system INI file (it has {})", *site, known));
 }
 
-std::shared_ptr<IDBIL> connect(const DAHSEntry& entry) {
-    auto dbil = std::make_shared<DBIL>(builtInSqlDrivers(), showProblem);
+std::shared_ptr<IDBIL> connect(const DAHSEntry& entry, const SqlTimeouts& timeouts) {
+    auto dbil = std::make_shared<DBIL>(builtInSqlDrivers(timeouts), showProblem);
     const auto& connections = entry.Connections;
     if (!dbil->Initialize("iosctl") || !dbil->SetupSite(entry.SiteID, connections[0], connections[1], connections[2],
                                                         connections[3], connections[4], true, false)) {
@@ -50,8 +49,9 @@ std::shared_ptr<IDBIL> connect(const DAHSEntry& entry) {
 
 SiteLink::SiteLink(const std::optional<std::string>& ini, const std::optional<std::string>& site, MessageList& messages)
     : messages_(messages) {
-    const DAHSEntry entry = findSite(ini, site);
-    dbil_ = connect(entry);
+    SystemINI systemINI(ini.value_or(systemIniPath()), thisComputer(), showProblem);
+    const DAHSEntry entry = findSite(systemINI, site);
+    dbil_ = connect(entry, systemINI.DatabaseTimeouts());
     manager_.Initialize(&messages_, clock_, dbil_, entry.SiteID);
     manager_.EnableReadingCurrentIO();
 }

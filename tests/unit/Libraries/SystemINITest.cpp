@@ -43,6 +43,35 @@ TEST_F(SystemINITest, ReadsEntriesInFileOrder) {
     EXPECT_THAT(problems_, ElementsAre());
 }
 
+TEST_F(SystemINITest, TakesTimeoutsThatBoundAWait) {
+    const struct {
+        const char* given;
+        int connect;  // seconds
+        int query;
+        std::vector<std::string> problems;
+    } cases[] = {
+        {"", 5, 10, {}},
+        {"ConnectTimeout=\nquerytimeout = 300", 5, 300, {}},
+        {"ConnectTimeout=1\nQueryTimeout=301",
+         1,
+         10,
+         {"[System]: QueryTimeout '301' is not a number of seconds from 1 to 300; read as 10"}},
+        {"ConnectTimeout=0\nQueryTimeout=2.5",
+         5,
+         10,
+         {"[System]: ConnectTimeout '0' is not a number of seconds from 1 to 300; read as 5",
+          "[System]: QueryTimeout '2.5' is not a number of seconds from 1 to 300; read as 10"}},
+    };
+    for (const auto& each : cases) {
+        problems_.clear();
+        SystemINI reader = ini(std::string("[System]\nLogFolder=/l\n") + each.given + "\n[DAHS]\nSiteID=S\nDAHSID=1\n");
+        EXPECT_TRUE(reader.ReadINI(0, true));
+        EXPECT_EQ(reader.DatabaseTimeouts().connect, std::chrono::seconds(each.connect)) << each.given;
+        EXPECT_EQ(reader.DatabaseTimeouts().query, std::chrono::seconds(each.query)) << each.given;
+        EXPECT_EQ(problems_, each.problems);
+    }
+}
+
 TEST_F(SystemINITest, LeavesDamagedEntriesOutAndSaysWhy) {
     SystemINI reader =
         ini("[System]\nLogFolder=/l\n[DAHS.1]\nDAHSID=1\n[DAHS.2]\nSiteID=S2\n[DAHS.3]\nSiteID=S3\nDAHSID=2147483648\n"

@@ -237,6 +237,7 @@ struct SystemINI : ISystemINI {
     const DAHSEntry& SelectedDAHS() const override { return selected; }
     const std::vector<DAHSEntry>& AllDAHS() const override { return entries; }
     std::string LogFolder() const override { return folder; }
+    SqlTimeouts DatabaseTimeouts() const override { return {}; }
 };
 
 // ---- data interface and current-data reader
@@ -436,7 +437,8 @@ struct Host {
         ini.selected = site("A", 1);
         ini.entries = {ini.selected};
         form.emplace(ServerParts{slik, window, std::move(commandLine), 1234,
-                                 [this] { return std::make_unique<SystemINI>(ini); }, [this] { return dbil; },
+                                 [this] { return std::make_unique<SystemINI>(ini); },
+                                 [this](const ISystemINI&) { return dbil; },
                                  [this]() -> std::shared_ptr<IClock> { return realClock ? realClock : clock; },
                                  [this] {
                                      raiseIf(logFailure);
