@@ -1,8 +1,10 @@
 // A site's snapshot of current values, replaced whole: from rows in memory, beside a loop that only copies their
-// values; and out of an SQLite file, beside a loop that steps over the same rows and takes nothing.
+// values; out of an SQLite file, beside a loop that steps over the same rows and takes nothing; and out of a PostgreSQL
+// server through ODBC, beside the fetch of the same rows by the server's own client library in binary form.
 
 #include <benchmark/benchmark.h>
 #include <fmt/format.h>
+#include <libpq-fe.h>
 #include <sqlite3.h>
 #include <unistd.h>
 
@@ -26,6 +28,8 @@ namespace quelm {
 namespace {
 
 constexpr std::int32_t recordCount = 100'000;
+// A site of its own for each size.
+constexpr std::int32_t serverSizes[] = {1'000, 10'000, 100'000};
 constexpr const char* query = "SELECT IOID, TStamp, NValue, XValue FROM CurrentIO WHERE SiteID = ? ORDER BY IOID";
 
 struct Row {
@@ -182,6 +186,114 @@ void sqliteFloor(benchmark::State& state) {
     perRecord(state);
 }
 
+// The folder of the server's socket; the server is there for this run alone.
+std::string serverFolder() {
+    const char* folder = std::getenv("QUELM_POSTGRES");
+    return folder == nullptr ? std::string() : folder;
+}
+
+struct PostgresCloser {
+    void operator()(PGconn* connection) const { PQfinish(connection); }
+    void operator()(PGresult* result) const { PQclear(result); }
+};
+using PostgresResult = std::unique_ptr<PGresult, PostgresCloser>;
+
+class PostgresClient {
+ public:
+    PostgresClient() : connection_(PQconnectdb(("host=" + serverFolder() + " user=quelm dbname=postgres").c_str())) {}
+    PGconn* get() const { return connection_.get(); }
+
+    void run(const std::string& sql) const {
+        const PostgresResult result(PQexec(get(), sql.c_str()));
+        if (PQresultStatus(result.get()) != PGRES_COMMAND_OK) {
+            throw std::runtime_error(PQerrorMessage(get()));
+        }
+    }
+
+ private:
+    std::unique_ptr<PGconn, PostgresCloser> connection_;
+};
+
+std::string siteOf(std::int64_t size) {
+    return fmt::format("PLANT{}", size);
+}
+
+// The plant's database as the product's own schema makes it, filled once for the whole run.
+void fillServer() {
+    static const bool filled = [] {
+        const PostgresClient client;
+        std::ifstream schema(QUELM_SERVER_SCHEMA);
+        std::stringstream sql;
+        sql << "SET client_min_messages = warning;" << schema.rdbuf() << "TRUNCATE CurrentIO;";
+        client.run(sql.str());
+        for (const std::int32_t size : serverSizes) {
+            client.run(
+                fmt::format("INSERT INTO CurrentIO(SiteID, IOID, TStamp, NValue) SELECT '{}', 'C' || i, timestamp "
+                            "'2026-11-16 08:25:00' + i / 10000 * interval '1 second' + i / 100 % 10 * interval '100 "
+                            "milliseconds', 20 + i * 0.013::double precision FROM generate_series(1, {}) i",
+                            siteOf(size), size));
+        }
+        client.run("ANALYZE CurrentIO");
+        return true;
+    }();
+    benchmark::DoNotOptimize(filled);
+}
+
+void postgresSnapshot(benchmark::State& state) {
+    if (serverFolder().empty()) {
+        state.SkipWithError("QUELM_POSTGRES names no server");
+        return;
+    }
+    fillServer();
+    SiteTable sites(builtInSqlDrivers());
+    const std::string site = siteOf(state.range(0));
+    const std::string connection =
+        "Driver=PostgreSQL Unicode;Server=" + serverFolder() + ";Database=postgres;UID=quelm";
+    sites.setUp(site, {connection, connection, "", "", ""});
+    RealtimeDB realtime(sites);
+    std::shared_ptr<const CurrentIOCollection> published = realtime.ReadCurrentIO(site, true);
+    published = realtime.ReadCurrentIO(site, true);
+    for (auto _ : state) {
+        published = realtime.ReadCurrentIO(site, true);
+    }
+    if (published->Count() != static_cast<std::size_t>(state.range(0))) {
+        state.SkipWithError("records are missing");
+    }
+    state.SetItemsProcessed(state.iterations() * state.range(0));
+}
+
+void postgresFloor(benchmark::State& state) {
+    if (serverFolder().empty()) {
+        state.SkipWithError("QUELM_POSTGRES names no server");
+        return;
+    }
+    fillServer();
+    const PostgresClient client;
+    const PostgresResult prepared(PQprepare(
+        client.get(), "read", "SELECT IOID, TStamp, NValue, XValue FROM csp_GetCurrentIO2($1, 1)", 1, nullptr));
+    const std::string site = siteOf(state.range(0));
+    const char* parameters[] = {site.c_str()};
+    int rows = 0;
+    for (auto _ : state) {
+        const PostgresResult result(PQexecPrepared(client.get(), "read", 1, parameters, nullptr, nullptr, 1));
+        rows = PQntuples(result.get());
+    }
+    if (rows != state.range(0)) {
+        state.SkipWithError("rows are missing");
+    }
+    state.SetItemsProcessed(state.iterations() * state.range(0));
+}
+
+void serverRows(benchmark::internal::Benchmark* benchmark) {
+    for (const std::int32_t size : serverSizes) {
+        benchmark->Arg(size);
+    }
+    // Most of the time is the server's, in a process of its own.
+    benchmark->UseRealTime()->Unit(benchmark::kMillisecond);
+}
+
+BENCHMARK(postgresSnapshot)->Apply(serverRows);
+BENCHMARK(postgresFloor)->Apply(serverRows);
 BENCHMARK(memorySnapshot)->Unit(benchmark::kMillisecond);
 BENCHMARK(memoryFloor)->Unit(benchmark::kMillisecond);
 BENCHMARK(sqliteSnapshot)->Unit(benchmark::kMillisecond);

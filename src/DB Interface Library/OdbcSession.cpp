@@ -1,0 +1,191 @@
+#include "DB Interface Library/OdbcSession.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <utility>
+
+#include "DB Interface Library/OdbcStatement.h"
+#include "Shared Types/RuntimeError.h"
+#include "Shared Types/Text.h"
+#include "Shared Types/Utf.h"
+
+namespace quelm {
+
+namespace {
+
+// Each keeps its block of rows.
+constexpr std::size_t maxKeptStatements = 16;
+
+// The messages of drivers run over several lines.
+std::string onOneLine(std::string text) {
+    std::string line;
+    for (const char c : text) {
+        const bool isBlank = static_cast<unsigned char>(c) <= ' ';
+        if (!isBlank) {
+            line += c;
+        } else if (!line.empty() && line.back() != ' ') {
+            line += ' ';
+        }
+    }
+    return std::string(trimBlanks(line));
+}
+
+struct Diagnosis {
+    std::string state;  // five characters; "" when the driver says nothing
+    long number = 0;
+    std::string text;
+};
+
+Diagnosis diagnose(SQLSMALLINT type, SQLHANDLE handle) {
+    std::u16string state(6, u'\0');
+    std::u16string text(2048, u'\0');
+    SQLINTEGER number = 0;
+    SQLSMALLINT length = 0;
+    if (!SQL_SUCCEEDED(SQLGetDiagRecW(type, handle, 1, odbcText(state), &number, odbcText(text),
+                                      static_cast<SQLSMALLINT>(text.size()), &length))) {
+        return {"", 0, "the ODBC driver gives no reason"};
+    }
+    const std::size_t shown = std::min(static_cast<std::size_t>(std::max<SQLSMALLINT>(length, 0)), text.size() - 1);
+    return {utf16ToUtf8(std::u16string_view(state).substr(0, 5)), number,
+            onOneLine(utf16ToUtf8(text.substr(0, shown)))};
+}
+
+// The mistake is in this one statement or its values; the connection is as good as before.
+bool leavesConnectionGood(std::string_view state) {
+    return state.starts_with("22") || state.starts_with("23") || state.starts_with("42");
+}
+
+std::vector<std::string_view> splitList(std::string_view list) {
+    std::vector<std::string_view> parts;
+    while (!list.empty()) {
+        const std::size_t comma = std::min(list.find(','), list.size());
+        parts.push_back(trimBlanks(list.substr(0, comma)));
+        list.remove_prefix(std::min(comma + 1, list.size()));
+    }
+    return parts;
+}
+
+}  // namespace
+
+std::size_t wholeSeconds(std::chrono::milliseconds time) {
+    return static_cast<std::size_t>(std::max<std::int64_t>((time.count() + 999) / 1000, 1));
+}
+
+OdbcSession::OdbcSession(const ConnectionString& connectionString, const OdbcTimeouts& timeouts)
+    : connectionString_(connectionString), timeouts_(timeouts), environment_(nullptr) {
+    SQLSetEnvAttr(environment_.get(), SQL_ATTR_ODBC_VERSION, odbcNumber(SQL_OV_ODBC3), 0);
+    connection_.emplace(environment_.get());
+    if (connection_->get() == nullptr) {
+        throw RuntimeError(errors::outOfMemory);
+    }
+    connect();
+    readAbilities();
+}
+
+OdbcSession::~OdbcSession() {
+    statements_.clear();
+    const StallGuard guard = closingGuard();
+    SQLDisconnect(connection_->get());
+}
+
+void OdbcSession::fail(SQLSMALLINT type, SQLHANDLE handle, bool hasCut, std::chrono::milliseconds limit) {
+    const Diagnosis diagnosis = diagnose(type, handle);
+    failed_ = failed_ || hasCut || !leavesConnectionGood(diagnosis.state);
+    throw RuntimeError(diagnosis.number, hasCut ? fmt::format("the database did not answer within {} ms", limit.count())
+                                                : connectionString_.withoutPasswords(diagnosis.text));
+}
+
+void OdbcSession::connect() {
+    SQLHANDLE handle = connection_->get();
+    const std::size_t seconds = wholeSeconds(timeouts_.connect);
+    SQLSetConnectAttrW(handle, SQL_ATTR_LOGIN_TIMEOUT, odbcNumber(seconds), SQL_IS_UINTEGER);
+    std::u16string text = utf8ToUtf16(connectionString_.text());
+    if (!std::in_range<SQLSMALLINT>(text.size())) {
+        throw RuntimeError(errors::invalidCall, "The connection string is longer than ODBC takes");
+    }
+    const SocketWatch watch;
+    const StallGuard guard(timeouts_.connect + timeouts_.grace, watch);
+    const SQLRETURN result = SQLDriverConnectW(handle, nullptr, odbcText(text), static_cast<SQLSMALLINT>(text.size()),
+                                               nullptr, 0, nullptr, SQL_DRIVER_NOPROMPT);
+    if (!SQL_SUCCEEDED(result)) {
+        fail(SQL_HANDLE_DBC, handle, guard.hasCut(), timeouts_.connect);
+    }
+    sockets_ = watch.opened();
+}
+
+void OdbcSession::readAbilities() {
+    const StallGuard guard(timeouts_.query + timeouts_.grace, sockets_);
+    SQLUINTEGER abilities = 0;
+    SQLGetInfoW(connection_->get(), SQL_GETDATA_EXTENSIONS, &abilities, sizeof abilities, nullptr);
+    constexpr SQLUINTEGER needed = SQL_GD_BLOCK | SQL_GD_BOUND | SQL_GD_ANY_COLUMN;
+    readsInsideBlocks_ = (abilities & needed) == needed;
+    const bool isPostgreSQL = equalsIgnoringCase(infoText(SQL_DBMS_NAME), "PostgreSQL");
+    dialect_ = {.hasProcedures = isPostgreSQL || infoText(SQL_PROCEDURES) == "Y",
+                .selectsFromProcedures = isPostgreSQL,
+                .sendsDatesAsText = isPostgreSQL};
+}
+
+std::string OdbcSession::infoText(SQLUSMALLINT which) const {
+    std::u16string text(128, u'\0');
+    SQLSMALLINT bytes = 0;
+    if (!SQL_SUCCEEDED(SQLGetInfoW(connection_->get(), which, text.data(),
+                                   static_cast<SQLSMALLINT>(text.size() * sizeof(char16_t)), &bytes))) {
+        return {};
+    }
+    return utf16ToUtf8(text.substr(0, text.find(u'\0')));
+}
+
+std::unique_ptr<OdbcStatement> OdbcSession::take(std::string_view sql) {
+    if (const auto kept = statements_.find(sql); kept != statements_.end()) {
+        return std::move(statements_.extract(kept).mapped());
+    }
+    return std::make_unique<OdbcStatement>(*this, std::string(sql));
+}
+
+void OdbcSession::giveBack(std::unique_ptr<OdbcStatement> statement) {
+    if (isUsable() && statement->isPrepared() && statements_.size() < maxKeptStatements && statement->close()) {
+        std::string sql = statement->sql();
+        statements_.insert_or_assign(std::move(sql), std::move(statement));
+    }
+}
+
+const OdbcScan& OdbcSession::scan(std::string_view columns, std::string_view source) {
+    std::string plain = fmt::format("SELECT {} FROM {}", columns, source);
+    if (const auto known = scans_.find(plain); known != scans_.end()) {
+        return known->second;
+    }
+    OdbcScan scan = dialect_.sendsDatesAsText ? withDatesAsNumbers(columns, source) : OdbcScan{plain, {}};
+    return scans_.emplace(std::move(plain), std::move(scan)).first->second;
+}
+
+OdbcScan OdbcSession::withDatesAsNumbers(std::string_view columns, std::string_view source) {
+    OdbcScan plain{fmt::format("SELECT {} FROM {}", columns, source), {}};
+    const std::vector<SQLSMALLINT> types = OdbcStatement(*this, plain.sql).types();
+    std::vector<std::string_view> names = splitList(columns);
+    std::string list;
+    std::vector<bool> isMilliseconds;
+    for (std::size_t i = 0; i < names.size(); ++i) {
+        isMilliseconds.push_back(i < types.size() && types[i] == SQL_TYPE_TIMESTAMP);
+        list += i == 0 ? "" : ", ";
+        // A date without end would make the whole read fail.
+        list += isMilliseconds.back() ? fmt::format(
+                                            "CASE WHEN isfinite({0}) THEN "
+                                            "CAST(date_part('epoch', CAST({0} AS TIMESTAMP)) * 1000 AS BIGINT) END",
+                                            names[i])
+                                      : std::string(names[i]);
+    }
+    OdbcScan scan{fmt::format("SELECT {} FROM {}", list, source), std::move(isMilliseconds)};
+    try {
+        (void)OdbcStatement(*this, scan.sql).types();
+        return scan;
+    } catch (const RuntimeError&) {
+        if (!isUsable()) {
+            throw;
+        }
+        // Others speak the same protocol but lack these functions; they send dates as they are.
+        return plain;
+    }
+}
+
+}  // namespace quelm

@@ -1,0 +1,129 @@
+#pragma once
+
+// One open ODBC connection, and the statements that stay prepared on it.
+
+#include <sql.h>
+#include <sqlext.h>
+#include <sqlucode.h>
+
+#include <chrono>
+#include <cstddef>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "DB Interface Library/OdbcDriver.h"
+#include "DB Interface Library/StallGuard.h"
+
+namespace quelm {
+
+class OdbcStatement;
+
+inline SQLWCHAR* odbcText(std::u16string& text) {
+    return reinterpret_cast<SQLWCHAR*>(text.data());
+}
+
+inline SQLPOINTER odbcNumber(std::size_t number) {
+    return reinterpret_cast<SQLPOINTER>(number);
+}
+
+// At least one: nought would mean no limit at all.
+std::size_t wholeSeconds(std::chrono::milliseconds time);
+
+template <SQLSMALLINT type>
+class OdbcHandle {
+ public:
+    explicit OdbcHandle(SQLHANDLE parent) { SQLAllocHandle(type, parent, &handle_); }
+    OdbcHandle(const OdbcHandle&) = delete;
+    OdbcHandle& operator=(const OdbcHandle&) = delete;
+    ~OdbcHandle() {
+        if (handle_ != nullptr) {
+            SQLFreeHandle(type, handle_);
+        }
+    }
+    SQLHANDLE get() const { return handle_; }
+
+ private:
+    SQLHANDLE handle_ = nullptr;
+};
+
+// What one kind of database wants differently, decided by the name it gives itself.
+struct OdbcDialect {
+    bool hasProcedures = false;
+    // Procedures that return rows are functions here, to be selected from.
+    bool selectsFromProcedures = false;
+    // Its ODBC driver takes dates apart as text, which costs more than everything else of a row: as whole milliseconds
+    // they come in a third of the time.
+    bool sendsDatesAsText = false;
+};
+
+// A read of many rows as it is sent to the database.
+struct OdbcScan {
+    std::string sql;
+    // Of each column, whether it comes as milliseconds since 1970 and not as the date that it is; may be shorter.
+    std::vector<bool> isMilliseconds;
+};
+
+// Connects when it is made. Everything here takes a bounded time and raises RuntimeError with the database's own number
+// and text.
+class OdbcSession {
+ public:
+    OdbcSession(const ConnectionString& connectionString, const OdbcTimeouts& timeouts);
+    OdbcSession(const OdbcSession&) = delete;
+    OdbcSession& operator=(const OdbcSession&) = delete;
+    ~OdbcSession();
+
+    // False once a failure has left the connection in doubt.
+    bool isUsable() const { return !failed_; }
+    SQLHANDLE connection() const { return connection_->get(); }
+    const OdbcDialect& dialect() const { return dialect_; }
+    // Columns of a row inside a block can be read again, piece by piece.
+    bool readsInsideBlocks() const { return readsInsideBlocks_; }
+    const OdbcTimeouts& timeouts() const { return timeouts_; }
+
+    // Runs one step of a statement within the statement's time; True for a success, False for "no data".
+    template <class Step>
+    bool run(SQLHANDLE statement, Step step) {
+        const StallGuard guard(timeouts_.query + timeouts_.grace, sockets_);
+        const SQLRETURN result = step();
+        if (result == SQL_NO_DATA) {
+            return false;
+        }
+        if (!SQL_SUCCEEDED(result)) {
+            fail(SQL_HANDLE_STMT, statement, guard.hasCut(), timeouts_.query);
+        }
+        return true;
+    }
+    // Bounds what tells the database that something is over.
+    StallGuard closingGuard() const { return StallGuard(timeouts_.grace, sockets_); }
+    [[noreturn]] void fail(SQLSMALLINT type, SQLHANDLE handle, bool hasCut, std::chrono::milliseconds limit);
+
+    // A statement for this text, prepared already where it was used before.
+    std::unique_ptr<OdbcStatement> take(std::string_view sql);
+    // Takes it back when its rows are read.
+    void giveBack(std::unique_ptr<OdbcStatement> statement);
+    // The fastest way to read these columns, which the database is asked for once.
+    const OdbcScan& scan(std::string_view columns, std::string_view source);
+
+ private:
+    void connect();
+    void readAbilities();
+    std::string infoText(SQLUSMALLINT which) const;
+    OdbcScan withDatesAsNumbers(std::string_view columns, std::string_view source);
+
+    ConnectionString connectionString_;
+    OdbcTimeouts timeouts_;
+    OdbcHandle<SQL_HANDLE_ENV> environment_;
+    std::optional<OdbcHandle<SQL_HANDLE_DBC>> connection_;
+    std::vector<int> sockets_;
+    OdbcDialect dialect_;
+    bool readsInsideBlocks_ = false;
+    bool failed_ = false;
+    std::map<std::string, std::unique_ptr<OdbcStatement>, std::less<>> statements_;
+    std::map<std::string, OdbcScan, std::less<>> scans_;
+};
+
+}  // namespace quelm
