@@ -1,7 +1,9 @@
 #include "CommandQueue.h"
 
 #include <algorithm>
+#include <array>
 
+#include "Shared Types/RuntimeError.h"
 #include "XML DOM/XmlDom.h"
 
 namespace demo {
@@ -50,10 +52,14 @@ std::optional<Misbehaviour> misbehaviourNamed(std::string_view name) {
     return std::nullopt;
 }
 
-CommandQueue::CommandQueue(Database& database, Plant& plant, Misbehaviour misbehaviour)
+CommandQueue::CommandQueue(quelm::ISqlConnection& database, Plant& plant, Misbehaviour misbehaviour)
     : database_(database), plant_(plant), misbehaviour_(misbehaviour) {
-    database_.query("SELECT DISTINCT SiteID FROM CurrentIO", {},
-                    [this](sqlite3_stmt* row) { siteIDs_.push_back(columnText(row, 0)); });
+    const auto rows = database_.query("SELECT DISTINCT SiteID FROM CurrentIO", {});
+    while (rows->next()) {
+        std::array<quelm::SqlValue, 1> siteID;
+        rows->read(siteID);
+        siteIDs_.emplace_back(sqlText(siteID[0]));
+    }
 }
 
 void CommandQueue::carryOut() {
@@ -63,18 +69,36 @@ void CommandQueue::carryOut() {
     for (const std::string& siteID : siteIDs_) {
         for (const std::string_view queue : {queueOfIOS5, queueOfIOS6}) {
             for (const Command& command : waiting(siteID, queue)) {
-                answer(command, responseTo(command));
+                process(command);
             }
         }
     }
 }
 
+void CommandQueue::process(const Command& command) {
+    if (failedIDs_.contains(command.id)) {
+        answer(command, failure("the database failed"));
+        return;
+    }
+    try {
+        answer(command, responseTo(command));
+    } catch (const quelm::RuntimeError&) {
+        // Whatever the database does not take must not hold up the heartbeats of all cycles to come.
+        failedIDs_.insert(command.id);
+        throw;
+    }
+}
+
 std::vector<CommandQueue::Command> CommandQueue::waiting(const std::string& siteID, std::string_view queue) {
     std::vector<Command> commands;
-    database_.query("SELECT ID, Data FROM Message WHERE SiteID = ? AND Type = ? AND State = '' ORDER BY ID",
-                    {siteID, std::string(queue)}, [&](sqlite3_stmt* row) {
-                        commands.push_back({columnText(row, 0), siteID, std::string(queue), columnText(row, 1)});
-                    });
+    const auto rows = database_.query(
+        "SELECT ID, Data FROM Message WHERE SiteID = ? AND Type = ? AND State = '' ORDER BY ID", {siteID, queue});
+    while (rows->next()) {
+        std::array<quelm::SqlValue, 2> columns;
+        rows->read(columns);
+        commands.push_back(
+            {std::string(sqlText(columns[0])), siteID, std::string(queue), std::string(sqlText(columns[1]))});
+    }
     return commands;
 }
 
@@ -116,12 +140,12 @@ std::string CommandQueue::refreshSelected(const Command& command, std::string_vi
 
 void CommandQueue::answer(const Command& command, const std::string& response) {
     if (misbehaviour_ == Misbehaviour::DeleteRecord) {
-        database_.run("DELETE FROM Message WHERE SiteID = ? AND ID = ?", {command.siteID, command.id});
+        database_.execute("DELETE FROM Message WHERE SiteID = ? AND ID = ?", {command.siteID, command.id});
         return;
     }
-    database_.run(
-        "UPDATE Message SET State = 'DONE', Response = ? WHERE SiteID = ? AND ID = ?",
-        {misbehaviour_ == Misbehaviour::BrokenXml ? "<Success>1</Succ" : response, command.siteID, command.id});
+    database_.execute("UPDATE Message SET State = 'DONE', Response = ? WHERE SiteID = ? AND ID = ?",
+                      {misbehaviour_ == Misbehaviour::BrokenXml ? "<Success>1</Succ" : std::string_view(response),
+                       command.siteID, command.id});
 }
 
 }  // namespace demo

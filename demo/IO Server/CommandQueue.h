@@ -4,11 +4,12 @@
 // request it does none of that well, so that one can see what a server makes of it.
 
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
 
-#include "Database.h"
+#include "DB Interface Library/Sql.h"
 #include "Plant.h"
 
 namespace demo {
@@ -25,10 +26,11 @@ std::optional<Misbehaviour> misbehaviourNamed(std::string_view name);
 
 class CommandQueue {
  public:
-    // Both must outlive the queue.
-    CommandQueue(Database& database, Plant& plant, Misbehaviour misbehaviour);
+    // Both must outlive the queue. Raises RuntimeError when the database fails, as carryOut does.
+    CommandQueue(quelm::ISqlConnection& database, Plant& plant, Misbehaviour misbehaviour);
 
-    // Every command that waits now, the oldest of each queue first. Writes in the caller's transaction.
+    // Every command that waits now, the oldest of each queue first. Writes in the caller's transaction. A command at
+    // which the database fails is tried once; from the next call on it is turned down.
     void carryOut();
 
  private:
@@ -39,16 +41,18 @@ class CommandQueue {
         std::string data;
     };
 
+    void process(const Command& command);
     std::vector<Command> waiting(const std::string& siteID, std::string_view queue);
     std::string responseTo(const Command& command);
     std::string write(const Command& command, const std::string& ioid, const std::string& value);
     std::string refreshSelected(const Command& command, std::string_view channels);
     void answer(const Command& command, const std::string& response);
 
-    Database& database_;
+    quelm::ISqlConnection& database_;
     Plant& plant_;
     Misbehaviour misbehaviour_;
     std::vector<std::string> siteIDs_;
+    std::set<std::string> failedIDs_;
 };
 
 }  // namespace demo

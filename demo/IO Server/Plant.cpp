@@ -2,19 +2,51 @@
 
 #include <fmt/format.h>
 
+#include <array>
 #include <charconv>
 #include <cmath>
 
+#include "Shared Types/Conversion.h"
+#include "Shared Types/TimeSource.h"
+
 namespace demo {
+
+using quelm::Date;
+using quelm::SqlParameter;
+using quelm::SqlType;
+using quelm::SqlValue;
 
 namespace {
 
 constexpr long cyclesPerRefresh = 60;
+// Monitor codes and switches, the smaller whole numbers, stay as they are.
+constexpr double countersAbove = 1000;
 
-bool isNumber(const std::string& text) {
-    double number = 0;
+// 0, which does not move, for what is no number.
+double numberOf(const SqlValue& value) {
+    const bool isNumber =
+        value.type == SqlType::Integer || value.type == SqlType::Real || value.type == SqlType::Decimal;
+    return isNumber ? quelm::toDouble(quelm::sqlVariant(value)) : 0;
+}
+
+bool isFraction(double number) {
+    return number != std::trunc(number);
+}
+
+template <class Number>
+bool readWhole(const std::string& text, Number& number) {
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-    return error == std::errc() && end == text.data() + text.size() && std::isfinite(number);
+    return error == std::errc() && end == text.data() + text.size();
+}
+
+// The number that the whole text is; NULL for any other text.
+SqlParameter numberIn(const std::string& text) {
+    std::int64_t whole = 0;
+    double number = 0;
+    if (readWhole(text, whole)) {
+        return whole;
+    }
+    return readWhole(text, number) && std::isfinite(number) ? SqlParameter(number) : SqlParameter();
 }
 
 std::string escaped(const std::string& text) {
@@ -37,97 +69,119 @@ std::string escaped(const std::string& text) {
     return out;
 }
 
+std::string isoText(Date date) {
+    const quelm::CivilTime time = quelm::civilTime(date);
+    return fmt::format("{:04}-{:02}-{:02}T{:02}:{:02}:{:02}.{:03}", time.year, time.month, time.day, time.hour,
+                       time.minute, time.second, time.millisecond);
+}
+
+std::string refreshXml(Date start, Date finish) {
+    return fmt::format("<Start>{}</Start><Finish>{}</Finish>", isoText(start), isoText(finish));
+}
+
 }  // namespace
 
-// Only counters are above 1000; monitor codes and switches, the smaller whole numbers, stay as they are.
-Plant::Plant(Database& database)
-    : database_(database),
-      channels_(moving("SELECT SiteID, IOID, NValue FROM CurrentIO WHERE typeof(NValue) = 'real'")),
-      counters_(
-          moving("SELECT SiteID, IOID, NValue FROM CurrentIO WHERE typeof(NValue) = 'integer' AND NValue > 1000")),
-      parameters_(moving("SELECT SiteID, PID, Value FROM ParameterValue WHERE typeof(Value) = 'real'")) {}
+Plant::Plant(quelm::ISqlConnection& database) : database_(database) {
+    findChannels();
+    findParameters();
+}
 
-std::vector<Plant::Moving> Plant::moving(const std::string& sql) {
-    std::vector<Moving> found;
-    database_.query(sql, {}, [&found](sqlite3_stmt* row) {
-        found.push_back({columnText(row, 0), columnText(row, 1), sqlite3_column_double(row, 2)});
-    });
-    return found;
+void Plant::findChannels() {
+    const auto rows = database_.query("SELECT SiteID, IOID, NValue FROM CurrentIO", {});
+    while (rows->next()) {
+        std::array<SqlValue, 3> columns;
+        rows->read(columns);
+        const double value = numberOf(columns[2]);
+        const Channel channel{std::string(sqlText(columns[0])), std::string(sqlText(columns[1])), value};
+        if (isFraction(value)) {
+            channels_.push_back(channel);
+        } else if (value > countersAbove) {
+            counters_.push_back(channel);
+        }
+    }
+}
+
+void Plant::findParameters() {
+    const auto rows = database_.query("SELECT SiteID, PID, IntervalType, Value FROM ParameterValue", {});
+    while (rows->next()) {
+        std::array<SqlValue, 4> columns;
+        rows->read(columns);
+        const auto& [siteID, pid, intervalType, value] = columns;
+        if (isFraction(numberOf(value))) {
+            parameters_.push_back({std::string(sqlText(siteID)), sqlWholeNumber(pid).value_or(0),
+                                   std::string(sqlText(intervalType)), numberOf(value)});
+        }
+    }
 }
 
 void Plant::cycle() {
-    const std::string now = localStamp(' ');
+    const Date now = quelm::localNow();
+    beat(now);
     for (std::size_t i = 0; i < channels_.size(); ++i) {
-        database_.run("UPDATE CurrentIO SET TStamp = ?, NValue = CAST(? AS REAL) WHERE SiteID = ? AND IOID = ?",
-                      {now, swung(channels_[i], i), channels_[i].siteID, channels_[i].key});
+        database_.execute("UPDATE CurrentIO SET TStamp = ?, NValue = ? WHERE SiteID = ? AND IOID = ?",
+                          {now, swung(channels_[i].middle, i), channels_[i].siteID, channels_[i].ioid});
     }
-    for (const Moving& counter : counters_) {
-        database_.run("UPDATE CurrentIO SET TStamp = ?, NValue = NValue + 1 WHERE SiteID = ? AND IOID = ?",
-                      {now, counter.siteID, counter.key});
+    for (const Channel& counter : counters_) {
+        database_.execute("UPDATE CurrentIO SET TStamp = ?, NValue = NValue + 1 WHERE SiteID = ? AND IOID = ?",
+                          {now, counter.siteID, counter.ioid});
     }
     for (std::size_t i = 0; i < parameters_.size(); ++i) {
-        database_.run("UPDATE ParameterValue SET TStamp = ?, Value = CAST(? AS REAL) WHERE SiteID = ? AND PID = ?",
-                      {now, swung(parameters_[i], i + 50), parameters_[i].siteID, parameters_[i].key});
+        const Parameter& parameter = parameters_[i];
+        database_.execute(
+            "UPDATE ParameterValue SET TStamp = ?, Value = ? WHERE SiteID = ? AND PID = ? AND IntervalType = ?",
+            {now, swung(parameter.middle, i + 50), parameter.siteID, parameter.pid, parameter.intervalType});
     }
-    beat(now);
-    if (cycles_++ % cyclesPerRefresh == 0) {
+    if (cycles_ % cyclesPerRefresh == 0) {
         completeRefresh(now);
     }
+    ++cycles_;
 }
 
-void Plant::beat(const std::string& now) {
-    database_.run("UPDATE CurrentIO SET TStamp = ?, NValue = 1 WHERE IOID IN ('IOS.AllCommsOk', 'IOS6.AllCommsOk')",
-                  {now});
+void Plant::beat(Date now) {
+    database_.execute("UPDATE CurrentIO SET TStamp = ?, NValue = 1 WHERE IOID IN ('IOS.AllCommsOk', 'IOS6.AllCommsOk')",
+                      {now});
 }
 
-void Plant::completeRefresh(const std::string& now) {
-    const std::string finish = localStamp('T');
-    database_.run(
-        "UPDATE CurrentIO SET TStamp = ?, XValue = '<Start>' || ? || '</Start><Finish>' || ? || '</Finish>' "
-        "WHERE IOID IN ('IOS.AllDataRefreshed', 'IOS6.AllDataRefreshed')",
-        {now, lastRefresh_.empty() ? finish : lastRefresh_, finish});
-    lastRefresh_ = finish;
+void Plant::completeRefresh(Date now) {
+    database_.execute(
+        "UPDATE CurrentIO SET TStamp = ?, XValue = ? WHERE IOID IN ('IOS.AllDataRefreshed', 'IOS6.AllDataRefreshed')",
+        {now, refreshXml(lastRefresh_.isZero() ? now : lastRefresh_, now)});
+    lastRefresh_ = now;
 }
 
-std::string Plant::swung(const Moving& value, std::size_t phase) const {
+double Plant::swung(double middle, std::size_t phase) const {
     const double swing = std::sin(static_cast<double>(cycles_) / 11.0 + static_cast<double>(phase));
-    return fmt::format("{:.3f}", value.middle * (1 + 0.04 * swing));
+    return std::round(middle * (1 + 0.04 * swing) * 1000) / 1000;
 }
 
 bool Plant::write(const std::string& siteID, const std::string& ioid, const std::string& value) {
     hold(siteID, ioid);
-    const std::string now = localStamp(' ');
-    if (isNumber(value)) {
-        const std::string type = value.find_first_not_of("-0123456789") == std::string::npos ? "INTEGER" : "REAL";
-        database_.run("UPDATE CurrentIO SET TStamp = ?, NValue = CAST(? AS " + type +
-                          "), XValue = NULL WHERE SiteID = ? AND IOID = ?",
-                      {now, value, siteID, ioid});
-    } else {
-        database_.run("UPDATE CurrentIO SET TStamp = ?, NValue = NULL, XValue = ? WHERE SiteID = ? AND IOID = ?",
-                      {now, "<Value>" + escaped(value) + "</Value>", siteID, ioid});
-    }
-    return database_.changes() > 0;
+    const SqlParameter number = numberIn(value);
+    const bool isNumber = !std::holds_alternative<std::monostate>(number);
+    const std::string xml = "<Value>" + escaped(value) + "</Value>";
+    return database_.execute("UPDATE CurrentIO SET TStamp = ?, NValue = ?, XValue = ? WHERE SiteID = ? AND IOID = ?",
+                             {quelm::localNow(), number, isNumber ? SqlParameter() : SqlParameter(xml), siteID, ioid}) >
+           0;
 }
 
 bool Plant::refresh(const std::string& siteID, const std::string& ioid) {
-    database_.run("UPDATE CurrentIO SET TStamp = ? WHERE SiteID = ? AND IOID = ?", {localStamp(' '), siteID, ioid});
-    return database_.changes() > 0;
+    return database_.execute("UPDATE CurrentIO SET TStamp = ? WHERE SiteID = ? AND IOID = ?",
+                             {quelm::localNow(), siteID, ioid}) > 0;
 }
 
 void Plant::refreshAll(const std::string& siteID, Generation generation) {
-    const std::string start = localStamp('T');
-    database_.run(
-        "UPDATE CurrentIO SET TStamp = ? WHERE SiteID = ? AND (IOID GLOB 'C[0-9]*' OR IOID GLOB 'MultiValueC*')",
-        {localStamp(' '), siteID});
-    database_.run(
-        "UPDATE CurrentIO SET TStamp = ?, XValue = '<Start>' || ? || '</Start><Finish>' || ? || '</Finish>' "
-        "WHERE SiteID = ? AND IOID = ?",
-        {localStamp(' '), start, localStamp('T'), siteID,
-         generation == Generation::IOS5 ? "IOS.AllDataRefreshed" : "IOS6.AllDataRefreshed"});
+    const Date start = quelm::localNow();
+    database_.execute(
+        "UPDATE CurrentIO SET TStamp = ? WHERE SiteID = ? AND (IOID LIKE 'C%' OR IOID LIKE 'MultiValueC%')",
+        {start, siteID});
+    const Date finish = quelm::localNow();
+    database_.execute("UPDATE CurrentIO SET TStamp = ?, XValue = ? WHERE SiteID = ? AND IOID = ?",
+                      {finish, refreshXml(start, finish), siteID,
+                       generation == Generation::IOS5 ? "IOS.AllDataRefreshed" : "IOS6.AllDataRefreshed"});
 }
 
 void Plant::hold(std::string_view siteID, std::string_view ioid) {
-    const auto isHeld = [&](const Moving& value) { return value.siteID == siteID && value.key == ioid; };
+    const auto isHeld = [&](const Channel& channel) { return channel.siteID == siteID && channel.ioid == ioid; };
     std::erase_if(channels_, isHeld);
     std::erase_if(counters_, isHeld);
 }

@@ -3,11 +3,13 @@
 // The demo plant in motion: heartbeats, refreshes of all data, measured values that swing, counters that count.
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 #include <string_view>
 #include <vector>
 
-#include "Database.h"
+#include "DB Interface Library/Sql.h"
+#include "Shared Types/Date.h"
 
 namespace demo {
 
@@ -15,10 +17,12 @@ enum class Generation { IOS5, IOS6 };
 
 class Plant {
  public:
-    // database must outlive the plant. What its tables hold now is what the values swing around.
-    explicit Plant(Database& database);
+    // database must outlive the plant. What its tables hold now is what the values swing around. Raises RuntimeError
+    // when the database fails, as every operation here does.
+    explicit Plant(quelm::ISqlConnection& database);
 
-    // One cycle of the I/O servers. Every operation writes in the caller's transaction.
+    // One cycle of the I/O servers, which begins with a write whatever the tables hold. Every operation writes in the
+    // caller's transaction.
     void cycle();
 
     // Puts a value in and leaves the channel alone from then on. A text that is a number becomes one; any other stands
@@ -30,24 +34,31 @@ class Plant {
     void refreshAll(const std::string& siteID, Generation generation);
 
  private:
-    // A value that moves, from where it was when the program started.
-    struct Moving {
+    // What moves, from where it was when the program started.
+    struct Channel {
         std::string siteID;
-        std::string key;  // IOID, or PID
+        std::string ioid;
+        double middle;
+    };
+    struct Parameter {
+        std::string siteID;
+        std::int64_t pid;
+        std::string intervalType;
         double middle;
     };
 
-    std::vector<Moving> moving(const std::string& sql);
-    std::string swung(const Moving& value, std::size_t phase) const;
-    void beat(const std::string& now);
-    void completeRefresh(const std::string& now);
+    void findChannels();
+    void findParameters();
+    double swung(double middle, std::size_t phase) const;
+    void beat(quelm::Date now);
+    void completeRefresh(quelm::Date now);
     void hold(std::string_view siteID, std::string_view ioid);
 
-    Database& database_;
-    std::vector<Moving> channels_;
-    std::vector<Moving> counters_;
-    std::vector<Moving> parameters_;
-    std::string lastRefresh_;
+    quelm::ISqlConnection& database_;
+    std::vector<Channel> channels_;
+    std::vector<Channel> counters_;
+    std::vector<Parameter> parameters_;
+    quelm::Date lastRefresh_;  // zero date before the first
     long cycles_ = 0;
 };
 

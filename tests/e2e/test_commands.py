@@ -1,5 +1,6 @@
 """The operator tool and the demo I/O server: commands go as records through the database, and what comes back."""
 
+import csv
 import json
 import os
 import pty
@@ -26,13 +27,14 @@ class Commands(unittest.TestCase):
         self.site = Site()
         self.addCleanup(self.site.remove)
         self.io_server = None
+        self.database = ('--database', self.site.path('realtime.db'))
 
-    def start_io_server(self, *options):
-        self.io_server = subprocess.Popen([program('DemoIOServer'), '--database', self.site.path('realtime.db'),
-                                           '--period', '100', *options])
+    def start_io_server(self, *options, **streams):
+        self.io_server = subprocess.Popen([program('DemoIOServer'), *self.database, '--period', '100', *options],
+                                          **streams)
         self.addCleanup(self.stop_io_server)
         wait_for('heartbeat of the I/O server', lambda: self.query(
-            "SELECT 1 FROM CurrentIO WHERE IOID = 'IOS6.AllCommsOk' AND TStamp > '2026-11-16 09'"))
+            "SELECT 1 FROM CurrentIO WHERE IOID = 'IOS6.AllCommsOk' AND TStamp > '2026-11-16 09:00'"))
 
     def stop_io_server(self):
         if self.io_server:
@@ -120,6 +122,16 @@ class Writes(Commands):
         self.assertEqual(self.as_json('show', '302')['value'], 1)
         _, errors = self.iosctl('write', '302', '--type', 'text', 'a\x01b', '--yes')
         self.assertIn('probably not understand', ''.join(errors))
+
+    def test_a_command_that_the_database_does_not_take_holds_up_no_other(self):
+        self.site.execute('realtime.db', "CREATE TRIGGER Refusal BEFORE UPDATE ON CurrentIO WHEN NEW.IOID = 'C302' "
+                                         "BEGIN SELECT RAISE(ABORT, 'no'); END")
+        self.start_io_server(stderr=subprocess.DEVNULL)
+        for channel in ('302', '302', '301'):
+            self.iosctl('write', channel, '0', '--yes')
+        wait_for('carried out', lambda: all(record[4] == 'DONE' for record in self.records()))
+        refused = '<Success>0</Success><Reason>the database failed</Reason>'
+        self.assertEqual([record[5] for record in self.records()], [refused, refused, '<Success>1</Success>'])
 
     def test_refusals_leave_no_record(self):
         tail = ', Requestor=Shift 2)'
@@ -246,6 +258,43 @@ class Answers(Commands):
         self.iosctl('show', '101', code=SITE_TROUBLE)
         os.remove(self.site.path('configuration.db'))
         self.iosctl('health', code=SITE_TROUBLE)
+
+
+class OverPostgreSQL(Commands):
+    def setUp(self):
+        super().setUp()
+        beside = subprocess.Popen([os.path.join(harness.ROOT, 'scripts', 'with-postgres'), 'sh', '-c',
+                                   'echo "$QUELM_POSTGRES"; exec cat'], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                                  text=True)
+        self.addCleanup(beside.communicate)
+        folder = beside.stdout.readline().strip()
+        self.psql = f'host={folder} user=quelm dbname=postgres'
+        subprocess.run([os.path.join(harness.ROOT, 'scripts', 'load-schema'), self.psql], check=True)
+        connection = f'Driver=PostgreSQL Unicode;Server={folder};Database=postgres;UID=quelm'
+        self.site.edit('Quelm.ini', *((f'Driver=SQLite;Database={self.site.path(name)}', connection)
+                                      for name in ('configuration.db', 'realtime.db')))
+        self.database = ('--connection', connection)
+
+    def query(self, sql):
+        output = subprocess.run(['psql', '--no-psqlrc', '--csv', '--tuples-only', '--dbname', self.psql, '--command', sql],
+                                capture_output=True, text=True, check=True).stdout
+        return [tuple(row) for row in csv.reader(output.splitlines())]
+
+    test_texts = Writes.test_texts_booleans_and_nothing_arrive_as_they_were_given
+    test_refresh = Refreshes.test_refresh_all_asks_every_generation_in_use
+
+    def test_the_io_server_outlives_its_connections(self):
+        def said():
+            with open(self.site.path('said.txt')) as file:
+                return file.readlines()
+        with open(self.site.path('said.txt'), 'w') as file:
+            self.start_io_server(stderr=file)
+        for outage in (1, 2):
+            self.query("SELECT pg_terminate_backend(pid) FROM pg_stat_activity WHERE backend_type = 'client backend' "
+                       'AND pid <> pg_backend_pid()')
+            wait_for('a line about the outage and one about its end', lambda: len(said()) == 2 * outage)
+        self.assertEqual([line == 'DemoIOServer: the database is back\n' for line in said()], [False, True] * 2, said())
+        self.iosctl('refresh', '202', '--wait', '20')
 
 
 if __name__ == '__main__':
