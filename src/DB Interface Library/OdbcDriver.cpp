@@ -8,31 +8,10 @@
 
 #include "DB Interface Library/OdbcSession.h"
 #include "DB Interface Library/OdbcStatement.h"
-#include "Shared Types/Date.h"
 
 namespace quelm {
 
 namespace {
-
-// Turns milliseconds since 1970 into a date; into Null for one that the product's dates do not reach.
-void makeDate(SqlValue& value) {
-    if (value.type != SqlType::Integer) {
-        return;
-    }
-    constexpr std::int64_t perDay = 86'400'000;
-    static const std::int64_t epoch = dayNumber(1970, 1, 1);
-    static const std::int64_t first = dayNumber(100, 1, 1);
-    static const std::int64_t last = dayNumber(9999, 12, 31);
-    std::int64_t day = value.integer / perDay;
-    std::int64_t rest = value.integer % perDay;
-    if (rest < 0) {
-        rest += perDay;
-        --day;
-    }
-    day += epoch;
-    value.type = day >= first && day <= last ? SqlType::Date : SqlType::Null;
-    value.real = dateFromLinearDays(day, static_cast<double>(rest) / perDay).days;
-}
 
 class OdbcRows final : public ISqlRows {
  public:
@@ -77,7 +56,12 @@ class OdbcConnection final : public ISqlConnection {
     }
 
     void scan(std::string_view columns, std::string_view source, SqlParameters parameters, ISqlRowSink& sink) override {
-        handOver(connectedSession()->scan(columns, source), columns, parameters, sink);
+        const OdbcScan& scan = connectedSession()->scan(columns, source);
+        if (scan.packed) {
+            handOver(scan.packed->sql(), &*scan.packed, columns, parameters, sink);
+        } else {
+            handOver(scan.plain, nullptr, columns, parameters, sink);
+        }
     }
 
     bool call(std::string_view columns, std::string_view procedure, SqlParameters parameters,
@@ -90,7 +74,7 @@ class OdbcConnection final : public ISqlConnection {
         if (dialect.selectsFromProcedures) {
             scan(columns, text, parameters, sink);
         } else {
-            handOver(OdbcScan{fmt::format("{{call {}}}", text), {}}, columns, parameters, sink);
+            handOver(fmt::format("{{call {}}}", text), nullptr, columns, parameters, sink);
         }
         return true;
     }
@@ -106,17 +90,20 @@ class OdbcConnection final : public ISqlConnection {
     void close() override { session_.reset(); }
 
  private:
-    void handOver(const OdbcScan& scan, std::string_view columns, SqlParameters parameters, ISqlRowSink& sink) {
-        OdbcRows rows(connectedSession(), scan.sql, parameters);
-        std::array<SqlValue, maxScanColumns> values;
+    void handOver(std::string_view sql, const PackedRows* packed, std::string_view columns, SqlParameters parameters,
+                  ISqlRowSink& sink) {
+        OdbcRows rows(connectedSession(), sql, parameters);
         const auto count = static_cast<std::size_t>(std::count(columns.begin(), columns.end(), ',')) + 1;
+        std::array<SqlValue, maxScanColumns> values;
         const auto used = std::span(values).first(std::min(count, maxScanColumns));
+        std::array<SqlValue, maxScanColumns> packedValues;
+        const auto packedUsed = std::span(packedValues).first(packed != nullptr ? packed->width() : 0);
         while (rows.next()) {
-            rows.read(used);
-            for (std::size_t i = 0; i < std::min(used.size(), scan.isMilliseconds.size()); ++i) {
-                if (scan.isMilliseconds[i]) {
-                    makeDate(used[i]);
-                }
+            if (packed != nullptr) {
+                rows.read(packedUsed);
+                packed->unpack(packedUsed, used);
+            } else {
+                rows.read(used);
             }
             sink.take(used);
         }

@@ -56,16 +56,6 @@ bool leavesConnectionGood(std::string_view state) {
     return state.starts_with("22") || state.starts_with("23") || state.starts_with("42");
 }
 
-std::vector<std::string_view> splitList(std::string_view list) {
-    std::vector<std::string_view> parts;
-    while (!list.empty()) {
-        const std::size_t comma = std::min(list.find(','), list.size());
-        parts.push_back(trimBlanks(list.substr(0, comma)));
-        list.remove_prefix(std::min(comma + 1, list.size()));
-    }
-    return parts;
-}
-
 }  // namespace
 
 std::size_t wholeSeconds(std::chrono::milliseconds time) {
@@ -123,7 +113,7 @@ void OdbcSession::readAbilities() {
     const bool isPostgreSQL = equalsIgnoringCase(infoText(SQL_DBMS_NAME), "PostgreSQL");
     dialect_ = {.hasProcedures = isPostgreSQL || infoText(SQL_PROCEDURES) == "Y",
                 .selectsFromProcedures = isPostgreSQL,
-                .sendsDatesAsText = isPostgreSQL};
+                .fieldsTravelAsText = isPostgreSQL};
 }
 
 std::string OdbcSession::infoText(SQLUSMALLINT which) const {
@@ -152,40 +142,29 @@ void OdbcSession::giveBack(std::unique_ptr<OdbcStatement> statement) {
 
 const OdbcScan& OdbcSession::scan(std::string_view columns, std::string_view source) {
     std::string plain = fmt::format("SELECT {} FROM {}", columns, source);
-    if (const auto known = scans_.find(plain); known != scans_.end()) {
-        return known->second;
+    auto known = scans_.find(plain);
+    if (known == scans_.end()) {
+        OdbcScan scan{plain, dialect_.fieldsTravelAsText ? packed(columns, source, plain) : std::nullopt};
+        known = scans_.emplace(std::move(plain), std::move(scan)).first;
     }
-    OdbcScan scan = dialect_.sendsDatesAsText ? withDatesAsNumbers(columns, source) : OdbcScan{plain, {}};
-    return scans_.emplace(std::move(plain), std::move(scan)).first->second;
+    return known->second;
 }
 
-OdbcScan OdbcSession::withDatesAsNumbers(std::string_view columns, std::string_view source) {
-    OdbcScan plain{fmt::format("SELECT {} FROM {}", columns, source), {}};
-    const std::vector<SQLSMALLINT> types = OdbcStatement(*this, plain.sql).types();
-    std::vector<std::string_view> names = splitList(columns);
-    std::string list;
-    std::vector<bool> isMilliseconds;
-    for (std::size_t i = 0; i < names.size(); ++i) {
-        isMilliseconds.push_back(i < types.size() && types[i] == SQL_TYPE_TIMESTAMP);
-        list += i == 0 ? "" : ", ";
-        // A date without end would make the whole read fail.
-        list += isMilliseconds.back() ? fmt::format(
-                                            "CASE WHEN isfinite({0}) THEN "
-                                            "CAST(date_part('epoch', CAST({0} AS TIMESTAMP)) * 1000 AS BIGINT) END",
-                                            names[i])
-                                      : std::string(names[i]);
-    }
-    OdbcScan scan{fmt::format("SELECT {} FROM {}", list, source), std::move(isMilliseconds)};
-    try {
-        (void)OdbcStatement(*this, scan.sql).types();
-        return scan;
-    } catch (const RuntimeError&) {
-        if (!isUsable()) {
-            throw;
+std::optional<PackedRows> OdbcSession::packed(std::string_view columns, std::string_view source,
+                                              const std::string& plain) {
+    std::optional<PackedRows> rows = PackedRows::make(columns, source, OdbcStatement(*this, plain).types());
+    if (rows) {
+        try {
+            (void)OdbcStatement(*this, rows->sql()).types();
+        } catch (const RuntimeError&) {
+            if (!isUsable()) {
+                throw;
+            }
+            // Others speak the same protocol but lack these functions.
+            rows.reset();
         }
-        // Others speak the same protocol but lack these functions; they send dates as they are.
-        return plain;
     }
+    return rows;
 }
 
 }  // namespace quelm

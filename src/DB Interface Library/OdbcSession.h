@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "DB Interface Library/OdbcDriver.h"
+#include "DB Interface Library/PackedRows.h"
 #include "DB Interface Library/StallGuard.h"
 
 namespace quelm {
@@ -55,16 +56,14 @@ struct OdbcDialect {
     bool hasProcedures = false;
     // Procedures that return rows are functions here, to be selected from.
     bool selectsFromProcedures = false;
-    // Its ODBC driver takes dates apart as text, which costs more than everything else of a row: as whole milliseconds
-    // they come in a third of the time.
-    bool sendsDatesAsText = false;
+    // Every field travels as text, so that rows come faster packed.
+    bool fieldsTravelAsText = false;
 };
 
-// A read of many rows as it is sent to the database.
+// A read of many rows.
 struct OdbcScan {
-    std::string sql;
-    // Of each column, whether it comes as milliseconds since 1970 and not as the date that it is; may be shorter.
-    std::vector<bool> isMilliseconds;
+    std::string plain;                 // the statement as it was asked for
+    std::optional<PackedRows> packed;  // and how it is done where that is faster
 };
 
 // Connects when it is made. Everything here takes a bounded time and raises RuntimeError with the database's own number
@@ -112,7 +111,7 @@ class OdbcSession {
     void connect();
     void readAbilities();
     std::string infoText(SQLUSMALLINT which) const;
-    OdbcScan withDatesAsNumbers(std::string_view columns, std::string_view source);
+    std::optional<PackedRows> packed(std::string_view columns, std::string_view source, const std::string& plain);
 
     ConnectionString connectionString_;
     OdbcTimeouts timeouts_;

@@ -15,10 +15,12 @@ namespace quelm {
 namespace {
 
 // Rows that are fetched at once, and the memory (bytes) that they may take.
-constexpr std::size_t blockRows = 500;
+constexpr std::size_t blockRows = 128;
 constexpr std::size_t blockMemory = std::size_t{2} << 20;
 // Longest text, in UTF-16 units, that has its place in the block; a longer one is read by itself.
 constexpr std::size_t blockText = 1024;
+// Longest binary data, in bytes, that has its place in the block: a packed row with the key of a channel.
+constexpr std::size_t blockBytes = 256;
 // Digits of a decimal that have their place in the block: more than any database counts with exactly.
 constexpr std::size_t blockDigits = 128;
 // Texts beyond this many units go to the database as long texts.
@@ -64,8 +66,8 @@ OdbcColumn columnOf(SQLSMALLINT sqlType, SQLULEN size) {
         case SQL_BINARY:
         case SQL_VARBINARY:
         case SQL_LONGVARBINARY:
-            // Nobody reads the bytes; only that they are there counts.
-            setType(column, SqlType::Blob, SQL_C_BINARY, 8);
+            column.mayBeLonger = true;
+            setType(column, SqlType::Blob, SQL_C_BINARY, blockBytes);
             break;
         default: {
             column.mayBeLonger = size == 0 || size > blockText;
@@ -356,15 +358,15 @@ bool OdbcStatement::fetchBlock() {
 
 void OdbcStatement::readColumn(std::size_t index) {
     OdbcColumn& column = columns_[index];
-    if (index >= boundColumns_ && !isText(column)) {
+    if (index >= boundColumns_ && !column.mayBeLonger) {
         column.indicators[0] = SQL_NULL_DATA;
         run([&] {
             return SQLGetData(handle_->get(), static_cast<SQLUSMALLINT>(index + 1), column.cType, place(column, 0),
                               static_cast<SQLLEN>(column.width), column.indicators.data());
         });
     }
-    if (index >= boundColumns_ && isText(column)) {
-        readLongText(index);
+    if (index >= boundColumns_ && column.mayBeLonger) {
+        readLong(index);
     } else if (const SQLLEN bytes = column.indicators[row_]; bytes == SQL_NULL_DATA) {
         column.value.type = SqlType::Null;
     } else {
@@ -375,6 +377,15 @@ void OdbcStatement::readColumn(std::size_t index) {
 void OdbcStatement::readPlace(std::size_t index, SQLLEN bytes) {
     OdbcColumn& column = columns_[index];
     const std::byte* source = place(column, row_);
+    const std::size_t room = column.width - (isText(column) ? sizeof(char16_t) : 0);
+    if (column.type != SqlType::Decimal && (bytes < 0 || static_cast<std::size_t>(bytes) > room)) {
+        run([&] {
+            return SQLSetPos(handle_->get(), static_cast<SQLSETPOSIROW>(row_ + 1), SQL_POSITION, SQL_LOCK_NO_CHANGE);
+        });
+        readLong(index);
+        return;
+    }
+    const std::size_t size = std::min(static_cast<std::size_t>(std::max<SQLLEN>(bytes, 0)), room);
     column.value.type = column.type;
     switch (column.type) {
         case SqlType::Integer:
@@ -390,50 +401,61 @@ void OdbcStatement::readPlace(std::size_t index, SQLLEN bytes) {
             break;
         }
         case SqlType::Decimal:
-            column.value.text = {reinterpret_cast<const char*>(source),
-                                 bytes >= 0 ? std::min(static_cast<std::size_t>(bytes), column.width - 1) : 0};
+            column.value.text = {reinterpret_cast<const char*>(source), std::min(size, room - 1)};
+            break;
+        case SqlType::Blob:
+            column.value.text = {reinterpret_cast<const char*>(source), size};
             break;
         case SqlType::Text:
-            if (bytes < 0 || static_cast<std::size_t>(bytes) > column.width - sizeof(char16_t)) {
-                run([&] {
-                    return SQLSetPos(handle_->get(), static_cast<SQLSETPOSIROW>(row_ + 1), SQL_POSITION,
-                                     SQL_LOCK_NO_CHANGE);
-                });
-                readLongText(index);
-            } else {
-                assignUtf8(column.text, fromWide(source, static_cast<std::size_t>(bytes) / sizeof(char16_t)));
-                column.value.text = column.text;
-            }
+            assignUtf8(column.text, fromWide(source, size / sizeof(char16_t)));
+            column.value.text = column.text;
             break;
         case SqlType::Null:
-        case SqlType::Blob:
             break;
     }
 }
 
-// Piece by piece. A text beyond what is taken from a column counts as binary data, which nobody reads.
-void OdbcStatement::readLongText(std::size_t index) {
-    OdbcColumn& column = columns_[index];
-    std::u16string text;
-    std::u16string piece(8192, u'\0');
-    const std::size_t capacity = (piece.size() - 1) * sizeof(char16_t);
+// Reads a field of the row piece by piece, up to what is taken from a column and one piece more; False for NULL.
+template <class Unit>
+bool OdbcStatement::readPieces(std::size_t index, std::basic_string<Unit>& all) {
+    const SQLSMALLINT cType = columns_[index].cType;
+    std::basic_string<Unit> piece(8192, Unit());
+    // Behind a text stands a NUL.
+    const std::size_t capacity = (piece.size() - (cType == SQL_C_WCHAR ? 1 : 0)) * sizeof(Unit);
     SQLLEN bytes = 0;
-    while (text.size() <= maxSqlText && run([&] {
-               return SQLGetData(handle_->get(), static_cast<SQLUSMALLINT>(index + 1), SQL_C_WCHAR, piece.data(),
-                                 static_cast<SQLLEN>(piece.size() * sizeof(char16_t)), &bytes);
+    while (all.size() <= maxSqlText && run([&] {
+               return SQLGetData(handle_->get(), static_cast<SQLUSMALLINT>(index + 1), cType, piece.data(),
+                                 static_cast<SQLLEN>(piece.size() * sizeof(Unit)), &bytes);
            })) {
         if (bytes == SQL_NULL_DATA) {
-            column.value.type = SqlType::Null;
-            return;
+            return false;
         }
         const bool isLast = bytes >= 0 && static_cast<std::size_t>(bytes) <= capacity;
-        text.append(piece, 0, (isLast ? static_cast<std::size_t>(bytes) : capacity) / sizeof(char16_t));
+        all.append(piece, 0, (isLast ? static_cast<std::size_t>(bytes) : capacity) / sizeof(Unit));
         if (isLast) {
             break;
         }
     }
-    column.value.type = text.size() <= maxSqlText ? SqlType::Text : SqlType::Blob;
-    assignUtf8(column.text, text);
+    return true;
+}
+
+// What is longer than is taken from a column counts as binary data of no length, which nobody reads.
+void OdbcStatement::readLong(std::size_t index) {
+    OdbcColumn& column = columns_[index];
+    bool isThere = true;
+    if (isText(column)) {
+        std::u16string text;
+        isThere = readPieces(index, text);
+        assignUtf8(column.text, text);
+    } else {
+        column.text.clear();
+        isThere = readPieces(index, column.text);
+    }
+    column.value.type = isThere ? column.type : SqlType::Null;
+    if (column.text.size() > maxSqlText) {
+        column.text.clear();
+        column.value.type = SqlType::Blob;
+    }
     column.value.text = column.text;
 }
 

@@ -85,7 +85,9 @@ class OdbcStatement {
     }
     void readColumn(std::size_t index);
     void readPlace(std::size_t index, SQLLEN bytes);
-    void readLongText(std::size_t index);
+    template <class Unit>
+    bool readPieces(std::size_t index, std::basic_string<Unit>& all);
+    void readLong(std::size_t index);
 
     OdbcSession& session_;
     std::string sql_;
