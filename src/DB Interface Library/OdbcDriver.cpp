@@ -4,10 +4,14 @@
 
 #include <algorithm>
 #include <array>
+#include <cstdint>
+#include <optional>
 #include <utility>
 
 #include "DB Interface Library/OdbcSession.h"
 #include "DB Interface Library/OdbcStatement.h"
+#include "Shared Types/RuntimeError.h"
+#include "Shared Types/TimeSource.h"
 
 namespace quelm {
 
@@ -87,7 +91,10 @@ class OdbcConnection final : public ISqlConnection {
 
     void test() override { query("SELECT 1", {})->next(); }
 
-    void close() override { session_.reset(); }
+    void close() override {
+        session_.reset();
+        failure_.reset();
+    }
 
  private:
     void handOver(std::string_view sql, const PackedRows* packed, std::string_view columns, SqlParameters parameters,
@@ -112,14 +119,31 @@ class OdbcConnection final : public ISqlConnection {
     const std::shared_ptr<OdbcSession>& connectedSession() {
         if (!session_ || !session_->isUsable()) {
             session_.reset();
-            session_ = std::make_shared<OdbcSession>(connectionString_, timeouts_);
+            connect();
         }
         return session_;
+    }
+
+    void connect() {
+        const auto holdOff = static_cast<std::uint64_t>(timeouts_.holdOff.count());
+        if (failure_ && timeSource().monotonicMilliseconds() - failedAt_ < holdOff) {
+            throw RuntimeError(*failure_);
+        }
+        failure_.reset();
+        try {
+            session_ = std::make_shared<OdbcSession>(connectionString_, timeouts_);
+        } catch (const RuntimeError& failure) {
+            failure_ = failure;
+            failedAt_ = timeSource().monotonicMilliseconds();
+            throw;
+        }
     }
 
     ConnectionString connectionString_;
     OdbcTimeouts timeouts_;
     std::shared_ptr<OdbcSession> session_;
+    std::optional<RuntimeError> failure_;
+    std::uint64_t failedAt_ = 0;  // milliseconds of the monotonic clock
 };
 
 }  // namespace

@@ -17,6 +17,9 @@ struct OdbcTimeouts {
     std::chrono::milliseconds query{10'000};
     // What a database gets beyond that to say so itself, before its connection is cut.
     std::chrono::milliseconds grace{1'000};
+    // For so long after a connection that failed the next calls fail at once, for the same reason: all that is due in
+    // one tick waits for a dead database once. Much shorter than a tick, so that the next one connects again.
+    std::chrono::milliseconds holdOff{1'000};
 };
 
 class OdbcDriver final : public ISqlDriver {

@@ -12,15 +12,15 @@ void SiteTable::setUp(std::string_view strSiteID,
     for (std::size_t i = 0; i < connectionCount; ++i) {
         site[i].text = connectionStrings[i];
     }
-    site[configuration].open = drivers_.connection(site[configuration].text);
-    site[realtime].open = drivers_.connection(site[realtime].text);
+    site[configuration].open = connectionTo(site[configuration].text);
+    site[realtime].open = connectionTo(site[realtime].text);
     sites_.insert_or_assign(std::string(strSiteID), std::move(site));
 }
 
 ISqlConnection& SiteTable::connection(std::string_view strSiteID, std::size_t which) {
     Connection& connection = site(strSiteID)[which];
     if (!connection.open) {
-        connection.open = drivers_.connection(connection.text);
+        connection.open = connectionTo(connection.text);
     }
     return *connection.open;
 }
@@ -43,6 +43,16 @@ void SiteTable::closeAll() {
             }
         }
     }
+}
+
+std::shared_ptr<ISqlConnection> SiteTable::connectionTo(const std::string& text) {
+    std::weak_ptr<ISqlConnection>& known = connections_[text];
+    std::shared_ptr<ISqlConnection> connection = known.lock();
+    if (!connection) {
+        connection = drivers_.connection(text);
+        known = connection;
+    }
+    return connection;
 }
 
 SiteTable::Site& SiteTable::site(std::string_view strSiteID) {

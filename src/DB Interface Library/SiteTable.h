@@ -35,13 +35,17 @@ class SiteTable {
  private:
     struct Connection {
         std::string text;
-        std::unique_ptr<ISqlConnection> open;
+        std::shared_ptr<ISqlConnection> open;
     };
     using Site = std::array<Connection, connectionCount>;
 
     Site& site(std::string_view strSiteID);
+    std::shared_ptr<ISqlConnection> connectionTo(const std::string& text);
 
     SqlDrivers drivers_;
+    // Sites of one database share its connection: each more is a session of the database's, and a wait of its own when
+    // the database is gone.
+    std::map<std::string, std::weak_ptr<ISqlConnection>> connections_;
     std::map<std::string, Site, std::less<>> sites_;
 };
 

@@ -14,6 +14,7 @@
 #include "Shared Types/Conversion.h"
 #include "Shared Types/RuntimeError.h"
 #include "Shared Types/Text.h"
+#include "Shared Types/TimeSource.h"
 
 namespace quelm {
 namespace {
@@ -204,6 +205,7 @@ class OdbcTest : public testing::Test {
         }
     }
     static std::unique_ptr<ISqlConnection> connect(const std::string& text, OdbcTimeouts timeouts = {}) {
+        timeouts.holdOff = {};
         return OdbcDriver(timeouts).connection(ConnectionString(text));
     }
     static std::unique_ptr<ISqlConnection> connect(OdbcTimeouts timeouts = {}) {
@@ -329,6 +331,28 @@ TEST_F(OdbcTest, AServerThatRestartsCostsOneCall) {
         "pid <> pg_backend_pid()");
     EXPECT_NE(failureOf(*connection), "none");
     EXPECT_EQ(failureOf(*connection), "none");
+}
+
+TEST_F(OdbcTest, AllThatIsDueAtOnceWaitsForADeadServerOnce) {
+    ManualTimeSource time(makeDate(2026, 11, 22));
+    const ScopedTimeSource inForce(time);
+    const std::string text = TestServer::instance()->connectionString();
+    DBIL dbil(builtInSqlDrivers(), {});
+    ASSERT_TRUE(dbil.SetupSite("S1", text, text, "", "", "", true, false));
+    ASSERT_TRUE(dbil.SetupSite("S2", text, text, "", "", "", true, false));
+    const auto works = [&](const char* site) {
+        return dbil.TestConnections(site, true, true, false, false, false, false);
+    };
+    EXPECT_TRUE(works(""));
+    EXPECT_EQ(sessions(*connect()), "1");
+    ASSERT_TRUE(TestServer::instance()->stop());
+    EXPECT_FALSE(works("S1"));
+    ASSERT_TRUE(TestServer::instance()->start());
+    EXPECT_FALSE(works("S1"));
+    EXPECT_FALSE(works("S2"));
+    time.advanceMilliseconds(1'000);
+    EXPECT_TRUE(works("S2"));
+    EXPECT_TRUE(works("S1"));
 }
 
 TEST_F(OdbcTest, AStatementThatTakesTooLongIsStopped) {
