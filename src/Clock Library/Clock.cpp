@@ -156,32 +156,40 @@ std::shared_ptr<IInterval> Clock::CreateInterval(std::int32_t lngPeriod, std::in
 }
 
 void Clock::tick() {
+    if (due_.empty()) {
+        collectDue();
+    }
+    std::shared_ptr<Interval> interval;
+    std::int64_t boundary = 0;
+    while (!interval && !due_.empty()) {
+        interval = due_.front().interval.lock();
+        boundary = due_.front().boundary;
+        due_.pop_front();
+    }
+    startTimer(readTime());
+    if (interval) {
+        interval->expire(boundary);
+    }
+}
+
+void Clock::collectDue() {
     const Reading now = readTime();
     const std::int64_t elapsed = now.monotonic - lastReading_.monotonic;
     const bool timeWasSet = std::abs(now.utc - lastReading_.utc - elapsed) >= setThreshold;
     lastReading_ = now;
 
-    struct Due {
-        std::int64_t boundary;
-        std::shared_ptr<Interval> interval;
-    };
-    std::vector<Due> due;
     std::erase_if(intervals_, [&](const std::weak_ptr<Interval>& reference) {
         const std::shared_ptr<Interval> interval = reference.lock();
         if (!interval || interval->isCancelled()) {
             return true;
         }
         if (const auto boundary = interval->advance(now, timeWasSet)) {
-            due.push_back({*boundary, interval});
+            due_.push_back({*boundary, interval});
         }
         return false;
     });
-    std::stable_sort(due.begin(), due.end(),
+    std::stable_sort(due_.begin(), due_.end(),
                      [](const Due& left, const Due& right) { return left.boundary < right.boundary; });
-    startTimer(now);
-    for (const Due& each : due) {
-        each.interval->expire(each.boundary);
-    }
 }
 
 void Clock::startTimer(const Reading& now) {
@@ -189,7 +197,7 @@ void Clock::startTimer(const Reading& now) {
         timer_->stop();
         return;
     }
-    std::int64_t wait = second;
+    std::int64_t wait = due_.empty() ? second : 0;
     for (const std::weak_ptr<Interval>& reference : intervals_) {
         if (const std::shared_ptr<Interval> interval = reference.lock()) {
             wait = std::min(wait, interval->due() - now.local);

@@ -4,6 +4,7 @@
 // boundary for long when the system's clock is set or daylight saving begins or ends.
 
 #include <cstdint>
+#include <deque>
 #include <memory>
 #include <vector>
 
@@ -36,7 +37,7 @@ class IntervalBoundaries {
 //   seconds must not pause for an hour. Only a boundary that has expired less than one period of elapsed time ago
 //   does not: midnight is one midnight, though the clock may show it twice.
 // - Intervals due together expire in the order of their boundaries, and for the same boundary in the order of their
-//   creation.
+//   creation. Between two of them the loop serves whoever waits: a client need not wait for all sites' reads.
 class Clock final : public IClock {
  public:
     // loop must outlive the clock. Intervals may outlive it; they then expire no more.
@@ -56,12 +57,18 @@ class Clock final : public IClock {
     };
     static Reading readTime();
 
+    struct Due {
+        std::int64_t boundary;
+        std::weak_ptr<Interval> interval;
+    };
     void tick();
+    void collectDue();
     void startTimer(const Reading& now);
 
     std::unique_ptr<ITimer> timer_;
     // An interval lives as long as its owner keeps it.
     std::vector<std::weak_ptr<Interval>> intervals_;
+    std::deque<Due> due_;
     Reading lastReading_;
     std::int32_t lastID_ = 0;
 };
