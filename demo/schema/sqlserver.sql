@@ -11,7 +11,7 @@
 
 -- One record per OPC item. Items are made in the order of Position, then RecordID.
 CREATE TABLE Q5OPCDEF (
-    RecordID                INT IDENTITY PRIMARY KEY,
+    RecordID                INT IDENTITY(1, 1) PRIMARY KEY,
     SiteID                  NVARCHAR(64) COLLATE Latin1_General_BIN2 NOT NULL,
     Position                INT NOT NULL DEFAULT 0,
     Tagname                 NVARCHAR(1000),          -- the OPC item's name
