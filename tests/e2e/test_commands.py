@@ -8,24 +8,15 @@ import signal
 import subprocess
 import unittest
 
-import harness
-from harness import ImpacketClient, Site, wait_for
+from harness import SiteTest, program, wait_for
 
-LOGON = {'user': 'operator', 'password': 'stack-7'}
 DONE, FAILED, USAGE, SITE_TROUBLE, TIMED_OUT = 0, 1, 2, 3, 4
 STILL_PENDING = 'RefreshSelectedChannels called while another request is still pending. This request will be ignored. '
 
 
-def program(name):
-    return os.path.join(os.path.dirname(harness.SERVER), name)
-
-
-class Commands(unittest.TestCase):
-    maxDiff = None
-
+class Commands(SiteTest):
     def setUp(self):
-        self.site = Site()
-        self.addCleanup(self.site.remove)
+        super().setUp()
         self.io_server = None
         self.database = ('--database', self.site.path('realtime.db'))
 
@@ -83,9 +74,7 @@ class Writes(Commands):
     def test_a_written_value_reaches_the_opc_client(self):
         self.start_io_server()
         self.site.start().started()
-        client = ImpacketClient()
-        self.addCleanup(client.end)
-        client('connect', address=self.site.address, **LOGON)
+        client = self.client()
         client('watch', items=['North.Stack1.NOx.Raw', 'North.Stack2.Flow'])
         output, errors = self.iosctl('write', '101', '987.25', '--yes', '--requestor', 'Shift 2')
         self.assertEqual(output, ["Command left for the I/O server: channel 101 (NOx analyser) to '987.25'"])
