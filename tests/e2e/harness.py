@@ -8,13 +8,16 @@ import re
 import shutil
 import signal
 import sqlite3
-import struct
 import subprocess
 import sys
 import tempfile
 import threading
 import time
 import unittest
+from concurrent.futures import ThreadPoolExecutor
+from contextlib import contextmanager
+
+from plant import EXPECTED, precise
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 ROOT = os.path.dirname(os.path.dirname(HERE))
@@ -22,7 +25,6 @@ SERVER = None  # path of the server under test, set by run.py
 
 OPEN = 'MinimumLevel = connect\nAllowNTLMv1 = yes\n'
 LOGON = {'user': 'operator', 'password': 'stack-7'}
-R4, I4, BSTR, BOOL, DATE = 4, 3, 8, 11, 7
 
 # Every site listens on a loopback address of its own, so that tests run side by side.
 _addresses = itertools.count(11)
@@ -62,6 +64,7 @@ class Site:
                        stdout=subprocess.DEVNULL)
         if not weak:
             self.edit('dcom.conf', (OPEN, ''))
+        self.logs = self.path('logs')
         self.process = None
 
     def path(self, *names):
@@ -100,10 +103,11 @@ class Site:
         self.execute(name, "UPDATE CurrentIO SET TStamp = strftime('%Y-%m-%d %H:%M:%f', 'now', 'localtime') "
                            "WHERE IOID LIKE 'IOS%.AllCommsOk'")
 
-    def start(self, *arguments, beat=True, environment=None, prefix=(), descriptors=()):
-        """prefix: the words of a command that ends in running the server in its own process."""
-        if beat:
-            self.beat()
+    def start(self, *arguments, beat=('realtime.db',), environment=None, prefix=(), descriptors=()):
+        """beat: the databases whose I/O servers live; prefix: the words of a command that ends in running the server in
+        its own process."""
+        for name in beat:
+            self.beat(name)
         with open(self.path('stdout.txt'), 'w') as output, open(self.path('stderr.txt'), 'w') as errors:
             self.process = subprocess.Popen(
                 [*prefix, SERVER, *arguments], stdin=subprocess.DEVNULL, stdout=output, stderr=errors,
@@ -133,9 +137,10 @@ class Site:
         return self.read('stdout.txt')
 
     def log(self):
-        """The lines of the log, without their time stamps."""
+        """The lines that the process has logged, without their time stamps."""
         return [re.sub(r'^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} ', '', line)
-                for name in sorted(glob.glob(self.path('logs', '*.log'))) for line in self.read(name).splitlines()]
+                for name in sorted(glob.glob(f'{self.logs}/*.{self.process.pid:05}*.log'))
+                for line in self.read(name).splitlines()]
 
     def logged(self, text):
         return [line for line in self.log() if text in line]
@@ -207,33 +212,28 @@ class ImpacketClient(Client):
         super().__init__([sys.executable, os.path.join(HERE, 'impacket_session.py')])
 
 
-class Steady(threading.Thread):
-    """A good client that reads all the time; what it met is looked at when it stops."""
+class Steady:
+    """A good client that reads all the time."""
 
     def __init__(self, client):
-        super().__init__(daemon=True)
-        self.client, self.stop, self.failure = client, threading.Event(), None
-        self.reads, self.longest = 0, 0.0
-        self.client('watch', items=['North.Stack1.NOx', 'South.Boiler.Steam'])
-        self.start()
+        self.client, self.stop = client, threading.Event()
+        self.times = []
+        self.reading = ThreadPoolExecutor(1).submit(self.read)
 
-    def run(self):
-        try:
-            while not self.stop.wait(0.02):
-                began = time.monotonic()
-                answer = self.client('read')
-                assert answer['errors'] == [0, 0], answer
-                self.longest = max(self.longest, time.monotonic() - began)
-                self.reads += 1
-        except Exception as failure:  # whatever it is, the test tells
-            self.failure = failure
+    def read(self):
+        while not self.stop.wait(0.02):
+            began = time.monotonic()
+            answer = self.client('read')
+            assert answer['errors'] == [0, 0], answer
+            self.times.append(time.monotonic() - began)
 
-
-def precise(kind, value):
-    """A value in the digits that its type has."""
-    if isinstance(value, float):
-        return round(struct.unpack('f', struct.pack('f', value))[0] if kind == R4 else value, 9)
-    return value
+    def longest_read(self):
+        """In seconds, once it has read on for a while; raises what it met."""
+        before = len(self.times)
+        wait_for('further reads', lambda: self.reading.done() or len(self.times) > before + 5)
+        self.stop.set()
+        self.reading.result()
+        return max(self.times)
 
 
 class SiteTest(unittest.TestCase):
@@ -245,29 +245,35 @@ class SiteTest(unittest.TestCase):
         self.site = Site(self.weak)
         self.addCleanup(self.site.remove)
 
-    def new_client(self, kind=ImpacketClient):
+    def client(self, kind=ImpacketClient, items=(), **logon):
+        """A client that has logged on and watches these items."""
         client = kind()
         self.addCleanup(client.kill)
+        client('connect', address=self.site.address, **{**LOGON, **logon})
+        if items:
+            client('watch', items=list(items))
         return client
 
-    def client(self, kind=ImpacketClient, **logon):
-        client = self.new_client(kind)
-        client('connect', address=self.site.address, **{**LOGON, **logon})
+    def assert_serves(self):
+        client = self.client()
+        self.assertEqual(sorted(client('browse')), sorted(EXPECTED))
         return client
+
+    @contextmanager
+    def refused(self, *words):
+        """One client is refused meanwhile, which one plain line tells with these words."""
+        def refusals():
+            return [line for line in self.site.errors().splitlines() if 'Refused OPC client' in line]
+        before = len(refusals())
+        yield
+        line, = wait_for('refusal line', lambda: refusals()[before:])
+        for word in (*words, '; remedy: '):
+            self.assertIn(word, line)
 
     def steady(self):
-        reader = Steady(self.client())
+        reader = Steady(self.client(items=['North.Stack1.NOx', 'South.Boiler.Steam']))
         self.addCleanup(reader.stop.set)
         return reader
-
-    def assert_went_on(self, reader, longest):
-        """The reader reads on, and no read took longer than so many seconds."""
-        before = reader.reads
-        wait_for('further reads', lambda: reader.failure or reader.reads > before + 5)
-        reader.stop.set()
-        reader.join()
-        self.assertIsNone(reader.failure)
-        self.assertLess(reader.longest, longest)
 
     def assert_values(self, client, expected):
         """What the client reads of these items, to the digit; gives the readings by item."""

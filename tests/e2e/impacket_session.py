@@ -21,8 +21,7 @@ IOPC_ITEM_MGT = '39C13A54' + OPC
 IOPC_ITEM_PROPERTIES = '39C13A72' + OPC
 IENUM_STRING = '00000101-0000-0000-C000-000000000046'
 
-BRANCHES, LEAVES, FLAT = 1, 2, 3
-UP, DOWN = 1, 2
+FLAT = 3
 CACHE, DEVICE = 1, 2
 VT_EMPTY, VT_I2, VT_I4, VT_R4, VT_R8, VT_DATE, VT_BSTR, VT_BOOL = 0, 2, 3, 4, 5, 7, 8, 11
 FORMS = {VT_I2: 'h', VT_I4: 'i', VT_R4: 'f', VT_R8: 'd', VT_DATE: 'd', VT_BOOL: 'h'}
@@ -57,10 +56,6 @@ class Writer:
         self.u32(len(units) // 2, 0, len(units) // 2)
         self.data += units
         return self
-
-    def double_variant(self, value):
-        self.put('Q', 4)
-        return self.u16(VT_R8, 0, 0, 0).u32(VT_R8, 0).put('d', value)
 
 
 class Reader:
@@ -166,9 +161,9 @@ class Client:
         reply.raw(8)  # version
         return {'state': state, 'groups': groups, 'vendor': reply.string() if reply.u32() else None}
 
-    def names(self, browser, kind):
-        """All strings of the enumerator that browsing gives."""
-        reply = browser.call(5, Writer().u16(kind).string('').u16(0).u32(0))
+    def browse(self):
+        browser = self.server.query(IOPC_BROWSE)
+        reply = browser.call(5, Writer().u16(FLAT).string('').u16(0).u32(0))
         enumerator = browser.wrap(reply.interface(), IENUM_STRING)
         texts, result = [], 0
         while result == 0:
@@ -178,25 +173,6 @@ class Client:
             texts += [part.string() for pointer in pointers if pointer]
             _, result = part.u32(), part.u32()
         return texts
-
-    def browse(self):
-        return self.names(self.server.query(IOPC_BROWSE), FLAT)
-
-    def browseTree(self):
-        browser = self.server.query(IOPC_BROWSE)
-
-        def level():
-            tree = {}
-            for leaf in self.names(browser, LEAVES):
-                reply = browser.call(6, Writer().string(leaf))
-                tree[leaf] = reply.string() if reply.u32() else None
-            for branch in self.names(browser, BRANCHES):
-                browser.call(4, Writer().u16(DOWN).string(branch))
-                tree[branch + '/'] = level()
-                browser.call(4, Writer().u16(UP).string(''))
-            return tree
-
-        return level()
 
     def watch(self, items, types=None):
         request = Writer().string('e2e').u32(1, 1000, 7, 1, 0, 2).put('f', 0.0).u32(0x409).guid(IOPC_GROUP_STATE)
@@ -230,13 +206,6 @@ class Client:
         return {'result': result, 'errors': errors, 'items': [
             {'itemID': item, 'value': value, 'type': kind, 'quality': quality, 'filetime': stamp, 'error': error}
             for item, (kind, value), (_, stamp, quality, _, _), error in zip(items, values, states, errors)]}
-
-    def write(self, items, value=1.0):
-        request = Writer().u32(len(items)).handles([self.handles[name] for name in items])
-        request.u32(len(items), *[0x72657355 for _ in items])
-        for _ in items:
-            request.double_variant(value)
-        return self.sync.call(4, request).hresults()
 
     def properties(self, item):
         reply = self.server.query(IOPC_ITEM_PROPERTIES).call(4, Writer().string(item).u32(6).handles([1, 2, 3, 4, 5, 6]))

@@ -4,9 +4,8 @@ import os
 import shutil
 import unittest
 
-from harness import BOOL, BSTR, DATE, I4, R4, SiteTest
-
-from test_demo_site import EXPECTED
+from harness import SiteTest
+from plant import BOOL, BSTR, DATE, EXPECTED, I4, R4
 
 NORTH = {name: value for name, value in EXPECTED.items() if name.startswith('North.')}
 SOUTH = {name: value for name, value in EXPECTED.items() if name.startswith('South.')}
@@ -20,29 +19,27 @@ class Databases(SiteTest):
 
     def separate_files(self, *names):
         """Gives the sites of these names databases of their own."""
-        ini = '[System]\nLogFolder = {0}/logs\n'
-        for number, name in enumerate(names, 1):
+        folder = self.site.folder
+        ini = f'[System]\nLogFolder = {folder}/logs\n'
+        for name in names:
             for database in ('configuration.db', 'realtime.db'):
-                shutil.copy(self.site.path(database), self.site.path(f'{name}-{database}'))
-            ini += (f'[DAHS.{name}]\nSiteID = {name}\nDAHSID = {number}\nDefault = {"yes" if number == 1 else "no"}\n'
-                    f'Connection1 = Driver=SQLite;Database={{0}}/{name}-configuration.db\n'
-                    f'Connection2 = Driver=SQLite;Database={{0}}/{name}-realtime.db\n')
-        self.site.write('Quelm.ini', ini.format(self.site.folder))
+                shutil.copy(f'{folder}/{database}', f'{folder}/{name}-{database}')
+            number = '1\nDefault = yes' if name == 'NORTH' else '2'
+            ini += (f'[DAHS.{name}]\nSiteID = {name}\nDAHSID = {number}\n'
+                    f'Connection1 = Driver=SQLite;Database={folder}/{name}-configuration.db\n'
+                    f'Connection2 = Driver=SQLite;Database={folder}/{name}-realtime.db\n')
+        self.site.write('Quelm.ini', ini)
 
     def started_client(self, *realtime):
         """A client of all items of the server, which is started on the databases of these names."""
-        for name in realtime:
-            self.site.beat(name)
-        self.site.start(beat=False).started()
-        client = self.client()
-        client('watch', items=list(EXPECTED))
-        return client
+        self.site.start(beat=realtime).started()
+        return self.client(items=EXPECTED)
 
 
 class Away(Databases):
     def test_away_at_start_the_server_waits_and_then_serves(self):
         self.give('realtime.db', 'away.db')
-        self.site.start(beat=False)
+        self.site.start(beat=())
         before = self.site.wait_log('[OPC-0226]')
         log = self.site.log()
         self.assertEqual(log[log.index('Information [OPC-0223] Testing database connections...'):],
@@ -61,8 +58,7 @@ class Away(Databases):
         codes = [line.split('[OPC-')[1][:4] for line in self.site.log()[before:] if '[OPC-' in line]
         self.assertEqual(codes[:6], ['0225', '0104', '0212', '0213', '0214', '0215'])
         self.assertEqual(codes[-4:], ['0105', '0106', '0107', '0108'])
-        client = self.client()
-        client('watch', items=list(EXPECTED))
+        client = self.client(items=EXPECTED)
         self.site.beat()
         self.site.wait_pass()
         self.assert_values(client, EXPECTED)
@@ -99,27 +95,18 @@ class Away(Databases):
 
 class Incomplete(Databases):
     def test_each_site_pays_for_its_own_database_alone(self):
-        # Sites whose database lacks one table each; the item names must differ for the items to be made.
+        # Sites like SOUTH whose databases lack one table each; their item names must differ for the items to be made.
         damaged = {'DEFS': 'Q5OPCDEF', 'PIDS': 'PIDDef', 'CHANNELS': 'IOChannelDef', 'VALUES': 'ParameterValue',
                    'SETTINGS': 'SiteSettings', 'NOTHING': None}
         self.separate_files('NORTH', *damaged)
-        for number, (name, table) in enumerate(damaged.items(), 2):
-            configuration, realtime = f'{name}-configuration.db', f'{name}-realtime.db'
-            self.site.execute(configuration, f"""
-                UPDATE Q5OPCDEF SET SiteID = '{name}', Tagname = '{name}.' || Tagname,
-                    ID = CASE WHEN ID LIKE '2-%' THEN '{number}' || substr(ID, 2) ELSE ID END WHERE SiteID = 'SOUTH';
-                UPDATE IOChannelDef SET SiteID = '{name}' WHERE SiteID = 'SOUTH';
-                UPDATE SiteSettings SET SiteID = '{name}', DAHSID = {number} WHERE SiteID = 'SOUTH';
-                UPDATE PIDDef SET DAHSID = {number}, PID = PID + {number - 2}00000000 WHERE DAHSID = 2;""")
-            self.site.execute(realtime, f"""
-                UPDATE CurrentIO SET SiteID = '{name}' WHERE SiteID = 'SOUTH';
-                UPDATE ParameterValue SET SiteID = '{name}', PID = PID + {number - 2}00000000
-                    WHERE SiteID = 'SOUTH';""")
-            self.site.execute(realtime if table == 'ParameterValue' else configuration,
-                              f'DROP TABLE {table}' if table else 'DELETE FROM Q5OPCDEF')
-            self.site.beat(realtime)
-        self.site.beat('NORTH-realtime.db')
-        self.site.start(beat=False).started()
+        for name, table in damaged.items():
+            script = f"UPDATE Q5OPCDEF SET Tagname = '{name}.' || Tagname;" + ''.join(
+                f"UPDATE {each} SET SiteID = '{name}' WHERE SiteID = 'SOUTH';"
+                for each in ('Q5OPCDEF', 'IOChannelDef', 'SiteSettings', 'CurrentIO', 'ParameterValue'))
+            for database in ('configuration', 'realtime'):
+                self.site.execute(f'{name}-{database}.db',
+                                  script + (f'DROP TABLE {table}' if table else 'DELETE FROM Q5OPCDEF'))
+        self.site.start(beat=[f'{name}-realtime.db' for name in ('NORTH', *damaged)]).started()
         client = self.client()
         served = {f'{site}.{name}': value for site in ('CHANNELS', 'VALUES') for name, value in SOUTH.items()}
         served.update(NORTH)
@@ -161,7 +148,7 @@ class Incomplete(Databases):
             at = self.site.wait_log(text, at)
         self.assert_values(client, EXPECTED)
         # Two reads of the locked database, each given up after three seconds.
-        self.assert_went_on(reader, longest=8)
+        self.assertLess(reader.longest_read(), 8)
 
         connection.rollback()
         connection.close()
