@@ -219,6 +219,9 @@ class Client:
         request.data += bytes.fromhex(stub)
         return len(getattr(self, on).call(opnum, request, ipid and bytes.fromhex(ipid)).data)
 
+    def query(self, on, iid):
+        getattr(self, on).query(iid)
+
     def ipid(self, on):
         return getattr(self, on).pointer.get_iPid().hex()
 

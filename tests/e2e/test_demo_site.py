@@ -9,6 +9,9 @@ from plant import BSTR, EXPECTED, I4, R4, precise
 
 E_FAIL = 0x80004005
 VT_R8 = 5
+# Those that the clients here never use: IOPCCommon, IOPCItemIO, IOPCAsyncIO2.
+INTERFACES = (('server', 'F31DFDE2-07B6-11D2-B2D8-0060083BA1FB'), ('server', '85C0B427-2893-4CBC-BD78-E5FC5146F08F'),
+              ('group', '39C13A71-011E-11D0-9675-0020AFD8ADB3'))
 
 START_UP = [
     'Information [OPC-0100] Command Line:  ',
@@ -139,6 +142,8 @@ class WholeRoad(SiteTest):
         kind, value, quality, _, *rights_and_rate = properties['values']
         self.assertEqual((kind, precise(R4, value), quality & 0xFFFF), (R4, precise(R4, 34.5), 0x80C0))
         self.assertEqual(rights_and_rate, [1, 20000.0])
+        for on, iid in INTERFACES:
+            first('query', on=on, iid=iid)
         self.assertEqual(first('status'), {'state': 1, 'groups': 1, 'vendor': 'Ombrel'})
 
         # The clients leave one by one, and five seconds after the last one the server is gone.

@@ -10,6 +10,7 @@ import socket
 import subprocess
 import tempfile
 import unittest
+from pathlib import Path
 
 import harness
 from harness import ROOT, SiteTest
@@ -146,23 +147,18 @@ class Package(SiteTest):
         run(scratch, 'purge', folder)
         self.assertEqual([name for _, _, names in os.walk(folder) for name in names if 'uelm' in name or 'OPC' in name],
                          [])
-        with open(f'{folder}/etc/passwd') as file:
-            self.assertEqual(file.read(), '')
+        self.assertEqual(Path(folder, 'etc', 'passwd').read_text(), '')
 
 
 class Guide(unittest.TestCase):
     def test_explains_every_message_code(self):
-        codes = set()
-        for path in glob.glob(os.path.join(ROOT, 'src', '**', '*.cpp'), recursive=True):
-            with open(path) as file:
-                codes |= set(re.findall(r'(?:OPC|XMLDOM)-\d{4}', file.read()))
+        codes = {code for path in Path(ROOT, 'src').rglob('*.cpp')
+                 for code in re.findall(r'(?:OPC|XMLDOM)-\d{4}', path.read_text())}
         explained = set()
-        with open(os.path.join(ROOT, 'docs', 'operators-guide.md')) as file:
-            for cell in re.findall(r'(?m)^\| ((?:OPC|XMLDOM)-[^|]*)', file.read()):
-                ends = re.findall(r'\d{4}', cell)
-                if ' to ' in cell:
-                    ends = [f'{number:04}' for number in range(int(ends[0]), int(ends[1]) + 1)]
-                explained |= {cell.split('-')[0] + '-' + end for end in ends}
+        guide = Path(ROOT, 'docs', 'operators-guide.md').read_text()
+        for kind, numbers in re.findall(r'(?m)^\| (OPC|XMLDOM)-([^|]*)', guide):
+            ends = [int(number) for number in re.findall(r'\d{4}', numbers)]
+            explained |= {f'{kind}-{number:04}' for number in (range(ends[0], ends[1] + 1) if ' to ' in numbers else ends)}
         self.assertGreater(len(codes), 100)
         self.assertEqual(codes - explained, set())
 

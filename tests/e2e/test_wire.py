@@ -32,11 +32,11 @@ def pdu(kind, body=b'', flags=FIRST | LAST, call=1, length=None, auth=0, version
                        16 + len(body) if length is None else length, auth, call) + body
 
 
-def bind(*interfaces, kind=BIND, call=1):
+def bind(*interfaces, kind=BIND):
     body = struct.pack('<HHIBBH', 5840, 5840, 0, len(interfaces), 0, 0)
     for context, interface in enumerate(interfaces):
         body += struct.pack('<HBB', context, 1, 0) + uuid.UUID(interface).bytes_le + struct.pack('<I', 0) + NDR
-    return pdu(kind, body, call=call)
+    return pdu(kind, body)
 
 
 def request(opnum, stub=b'', context=0, flags=FIRST | LAST, call=2, target=None):
@@ -191,7 +191,7 @@ class BadMessages(Wire):
         connection.send(request(0, flags=LAST))
         self.assertEqual([connection.receive()[2] for _ in range(2)], [BIND_ACK, FAULT])
         self.assertLess(self.memory() - memory, 1024)
-        with self.refused("account 'DEMO\\operator'", too_large), self.assertRaises(ClientError):
+        with self.refused(too_large), self.assertRaises(ClientError):
             self.client(level='integrity')('raw', on='server', opnum=6, stub='00' * (17 << 20))
         wait_for('memory given back', lambda: self.memory() - memory < 2048)
         self.assert_good_client_went_on()
@@ -248,14 +248,6 @@ def stripped(message):
 
 
 class Tampering(Wire):
-    def through(self, level):
-        """A logged-on client behind a device that can tamper with its calls."""
-        device = Between(self.site.address, OBJECTS)
-        self.addCleanup(device.close)
-        client = self.client(items=['North.Stack1.NOx'], level=level, objectPort=device.port)
-        client('read')
-        return client, device
-
     def test_repeated_and_altered_calls_end_their_connection(self):
         own_object, stub, signature = 24 + 3, 24 + 16 + 5, -3
         wrong = "a message's signature is wrong"
@@ -265,7 +257,10 @@ class Tampering(Wire):
                     ('object altered', altered(own_object), wrong), ('signature altered', altered(signature), wrong),
                     ('unprotected', stripped, 'a call lacks the protection that its log-on promised')):
                 with self.subTest(level=level, case=name), self.refused(f"'DEMO\\operator', level {level}: {reason}"):
-                    client, device = self.through(level)
+                    device = Between(self.site.address, OBJECTS)
+                    self.addCleanup(device.close)
+                    client = self.client(items=['North.Stack1.NOx'], level=level, objectPort=device.port)
+                    client('read')
                     device.tamper = tamper
                     if name == 'repeated':
                         self.assertEqual(client('read')['errors'], [0], 'once it is a call like any other')
@@ -274,16 +269,6 @@ class Tampering(Wire):
                             client('read')
                     if reason == wrong:
                         self.assertTrue(device.closed_by_server.wait(10))
-        self.assert_good_client_went_on()
-
-    def test_a_line_cut_in_the_middle_of_a_call(self):
-        client, device = self.through('privacy')
-        before = self.descriptors()
-        device.tamper = lambda message: message[:len(message) // 2]
-        client.send('read')
-        wait_for('half the call sent', lambda: device.tamper is None)
-        client.kill()
-        wait_for('connection given back', lambda: self.descriptors() < before)
         self.assert_good_client_went_on()
 
 
@@ -330,7 +315,7 @@ class Crowds(Wire):
             wait_for('the limit reached', lambda: self.descriptors() >= MAX_CONNECTIONS)
             newcomer = self.client()  # who can log on is let in all the same
             self.assertEqual(newcomer('status')['state'], 1)
-            newcomer.kill()
+            newcomer('close')
         finally:
             for one in connections:
                 one.close()
@@ -361,17 +346,6 @@ class Crowds(Wire):
         for connection in deaf:
             connection.close()
         wait_for('descriptors given back', lambda: self.descriptors() <= descriptors)
-        self.assert_good_client_went_on()
-
-    def test_log_ons_without_end_leave_nothing_behind(self):
-        before = self.descriptors()
-        for round_trip in range(12):
-            client = self.client(items=['North.Stack1.NOx'])
-            if round_trip % 2:
-                client('close')
-            client.kill()
-        wait_for('descriptors given back', lambda: self.descriptors() <= before)
-        self.site.wait_log('[OPC-0113] Client disconnecting:  remaining clients=1')
         self.assert_good_client_went_on()
 
 
