@@ -208,7 +208,8 @@ class Client:
             for item, (kind, value), (_, stamp, quality, _, _), error in zip(items, values, states, errors)]}
 
     def properties(self, item):
-        reply = self.server.query(IOPC_ITEM_PROPERTIES).call(4, Writer().string(item).u32(6).handles([1, 2, 3, 4, 5, 6]))
+        request = Writer().string(item).u32(6).handles(range(1, 7))
+        reply = self.server.query(IOPC_ITEM_PROPERTIES).call(4, request)
         # an array of VARIANT structures by pointer: referents first, then the bodies
         values = [reply.variant()[1] for pointer in reply.array(reply.u32) if pointer]
         return {'values': values, 'errors': reply.hresults(), 'result': reply.u32()}

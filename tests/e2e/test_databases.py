@@ -212,7 +212,8 @@ OVERFLOWING = [
 
 class WrongValues(Databases):
     def define(self, name, columns, channel=110):
-        row = {'SiteID': "'NORTH'", 'Position': '100', 'Tagname': f"'{name}'", 'ID': "'[@{0}]'", 'DataType': '1', **columns}
+        row = {'SiteID': "'NORTH'", 'Position': '100', 'Tagname': f"'{name}'", 'ID': "'[@{0}]'", 'DataType': '1',
+               **columns}
         return (f"INSERT INTO Q5OPCDEF ({', '.join(row)}) VALUES ({', '.join(row.values())});"
                 .replace('{0}', str(channel)))
 

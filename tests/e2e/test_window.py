@@ -80,7 +80,8 @@ class Window(SiteTest):
         os.remove(self.site.path('Quelm.ini'))
         self.start()
         window = self.display.window(MAIN)
-        self.assertEqual(self.listed(window), ['[OPC-0129] Cannot read INI file', '[OPC-0130] Cannot select DAHS entry in INI file'])
+        self.assertEqual(self.listed(window), ['[OPC-0129] Cannot read INI file',
+                                               '[OPC-0130] Cannot select DAHS entry in INI file'])
         self.display.close(window)
         self.assertEqual(self.site.exit_code(5), 1)
 
