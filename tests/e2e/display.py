@@ -1,9 +1,8 @@
 """An X display of its own for a test: looks at the windows on it and acts as the operator at it."""
 
-import struct
 import subprocess
 import time
-import zlib
+from dataclasses import dataclass
 
 from Xlib import X, XK, Xatom
 from Xlib.display import Display as Connection
@@ -14,9 +13,9 @@ from harness import wait_for
 
 
 class Display:
-    def __init__(self, size='1100x700', dots_per_inch=96):
+    def __init__(self):
         self.process = subprocess.Popen(
-            ['Xvfb', '-displayfd', '1', '-screen', '0', size + 'x24', '-dpi', str(dots_per_inch), '-nolisten', 'tcp'],
+            ['Xvfb', '-displayfd', '1', '-screen', '0', '1100x700x24', '-dpi', '96', '-nolisten', 'tcp'],
             stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True)
         self.name = ':' + self.process.stdout.readline().strip()
         self.environment = {'DISPLAY': self.name, 'XAUTHORITY': '/dev/null'}
@@ -40,10 +39,6 @@ class Display:
                 if window.get_attributes().map_state == X.IsViewable and window.get_wm_name():
                     found[window.get_wm_name()] = window
         return found
-
-    def managed(self):
-        """Whether a window manager has taken over."""
-        return self.root.get_full_property(self.connection.intern_atom('_NET_SUPPORTING_WM_CHECK'), X.AnyPropertyType)
 
     def window(self, caption):
         return wait_for(f'window {caption!r}', lambda: self.windows().get(caption))
@@ -110,23 +105,8 @@ class Display:
         raise AssertionError('the window never settles')
 
 
+@dataclass
 class Picture:
-    def __init__(self, width, height, pixels):
-        self.width, self.height, self.pixels = width, height, pixels
-
-    def __eq__(self, other):
-        return (self.width, self.height, self.pixels) == (other.width, other.height, other.pixels)
-
-    def save(self, name):
-        """As PNG."""
-        rows = b''
-        for y in range(self.height):
-            row = self.pixels[4 * self.width * y:4 * self.width * (y + 1)]
-            rgb = bytearray(3 * self.width)
-            rgb[0::3], rgb[1::3], rgb[2::3] = row[2::4], row[1::4], row[0::4]
-            rows += b'\0' + rgb
-        with open(name, 'wb') as file:
-            file.write(b'\x89PNG\r\n\x1a\n')
-            for kind, data in ((b'IHDR', struct.pack('>IIBBBBB', self.width, self.height, 8, 2, 0, 0, 0)),
-                               (b'IDAT', zlib.compress(rows, 9)), (b'IEND', b'')):
-                file.write(struct.pack('>I', len(data)) + kind + data + struct.pack('>I', zlib.crc32(kind + data)))
+    width: int
+    height: int
+    pixels: bytes

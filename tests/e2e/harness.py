@@ -13,10 +13,18 @@ import sys
 import tempfile
 import threading
 import time
+import unittest
+from concurrent.futures import ThreadPoolExecutor
+from contextlib import contextmanager
+
+from plant import EXPECTED, precise
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 ROOT = os.path.dirname(os.path.dirname(HERE))
 SERVER = None  # path of the server under test, set by run.py
+
+OPEN = 'MinimumLevel = connect\nAllowNTLMv1 = yes\n'
+LOGON = {'user': 'operator', 'password': 'stack-7'}
 
 # Every site listens on a loopback address of its own, so that tests run side by side.
 _addresses = itertools.count(11)
@@ -26,6 +34,11 @@ _address_lock = threading.Lock()
 def next_address():
     with _address_lock:
         return f'127.0.1.{next(_addresses)}'
+
+
+def program(name):
+    """A program that was built beside the server."""
+    return os.path.join(os.path.dirname(SERVER), name)
 
 
 def wait_for(what, condition, seconds=30):
@@ -43,20 +56,23 @@ def wait_for(what, condition, seconds=30):
 class Site:
     """A demo site in a folder of its own: INI, DCOM settings, databases, logs; and the server process on it."""
 
-    def __init__(self, dcom='', accounts='DEMO\\operator = password:stack-7'):
+    def __init__(self, weak=False):
+        """weak: lets in the display client, which neither signs nor knows NTLMv2."""
         self.folder = tempfile.mkdtemp(prefix='quelm-e2e-')
         self.address = next_address()
         subprocess.run([os.path.join(ROOT, 'demo', 'make-site'), self.folder, self.address], check=True,
                        stdout=subprocess.DEVNULL)
-        if dcom or accounts:
-            with open(self.path('dcom.conf'), 'w') as file:
-                os.chmod(file.fileno(), 0o600)
-                file.write(f'[Listen]\nAddress = {self.address}\n[Security]\n{dcom}\n[Accounts]\n{accounts}\n')
+        if not weak:
+            self.edit('dcom.conf', (OPEN, ''))
+        self.logs = self.path('logs')
         self.process = None
-        self.stderr = ''
 
     def path(self, *names):
         return os.path.join(self.folder, *names)
+
+    def read(self, name):
+        with open(self.path(name)) as file:
+            return file.read()
 
     def write(self, name, contents):
         """Replaces one of the site's files; text or bytes."""
@@ -65,12 +81,16 @@ class Site:
 
     def edit(self, name, *changes):
         """Replaces pieces of one of the site's files; each must be there."""
-        with open(self.path(name)) as file:
-            text = file.read()
+        text = self.read(name)
         for old, new in changes:
             assert old in text, f'{name} has no {old!r}'
             text = text.replace(old, new)
         self.write(name, text)
+
+    def database(self, name='realtime.db'):
+        connection = sqlite3.connect(self.path(name), timeout=10, isolation_level=None)
+        connection.execute('PRAGMA busy_timeout = 10000')
+        return connection
 
     def execute(self, name, script):
         """Runs SQL statements on one of the site's databases."""
@@ -78,28 +98,21 @@ class Site:
         connection.executescript(script)
         connection.close()
 
-    def database(self, name='realtime.db'):
-        connection = sqlite3.connect(self.path(name), timeout=10, isolation_level=None)
-        connection.execute('PRAGMA busy_timeout = 10000')
-        return connection
+    def beat(self, name='realtime.db'):
+        """The I/O servers' heartbeats: now."""
+        self.execute(name, "UPDATE CurrentIO SET TStamp = strftime('%Y-%m-%d %H:%M:%f', 'now', 'localtime') "
+                           "WHERE IOID LIKE 'IOS%.AllCommsOk'")
 
-    def beat(self, generation='IOS'):
-        """The I/O server's heartbeat: now."""
-        connection = self.database()
-        connection.execute("UPDATE CurrentIO SET TStamp = strftime('%Y-%m-%d %H:%M:%f', 'now', 'localtime') WHERE IOID LIKE ?",
-                           (generation + '%.AllCommsOk',))
-        connection.close()
-
-    def start(self, *arguments, beat=True, environment=None, prefix=(), descriptors=()):
-        """prefix: the words of a command that ends in running the server in its own process."""
-        if beat:
-            self.beat()
-        self.stderr_file = open(self.path('stderr.txt'), 'w')
-        self.process = subprocess.Popen(
-            [*prefix, SERVER, *arguments], stdin=subprocess.DEVNULL, stdout=open(self.path('stdout.txt'), 'w'),
-            stderr=self.stderr_file, pass_fds=descriptors,
-            env={**os.environ, 'QUELM_INI': self.path('Quelm.ini'), 'QUELM_DCOM_CONF': self.path('dcom.conf'),
-                 **(environment or {})})
+    def start(self, *arguments, beat=('realtime.db',), environment=None, prefix=(), descriptors=()):
+        """beat: the databases whose I/O servers live; prefix: the words of a command that ends in running the server in
+        its own process."""
+        for name in beat:
+            self.beat(name)
+        with open(self.path('stdout.txt'), 'w') as output, open(self.path('stderr.txt'), 'w') as errors:
+            self.process = subprocess.Popen(
+                [*prefix, SERVER, *arguments], stdin=subprocess.DEVNULL, stdout=output, stderr=errors,
+                pass_fds=descriptors, env={**os.environ, 'QUELM_INI': self.path('Quelm.ini'),
+                                           'QUELM_DCOM_CONF': self.path('dcom.conf'), **(environment or {})})
         return self
 
     def started(self):
@@ -118,38 +131,31 @@ class Site:
             raise AssertionError(f'server still runs after {seconds} s') from None
 
     def errors(self):
-        with open(self.path('stderr.txt')) as file:
-            return file.read()
+        return self.read('stderr.txt')
 
     def output(self):
-        with open(self.path('stdout.txt')) as file:
-            return file.read()
+        return self.read('stdout.txt')
 
     def log(self):
-        """The lines of the log, without their time stamps."""
-        lines = []
-        for name in sorted(glob.glob(self.path('logs', '*.log'))):
-            with open(name) as file:
-                lines += [re.sub(r'^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} ', '', line.rstrip('\n')) for line in file]
-        return lines
+        """The lines that the process has logged, without their time stamps."""
+        return [re.sub(r'^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} ', '', line)
+                for name in sorted(glob.glob(f'{self.logs}/*.{self.process.pid:05}*.log'))
+                for line in self.read(name).splitlines()]
 
     def logged(self, text):
         return [line for line in self.log() if text in line]
 
-    def wait_log(self, text, count=1, seconds=30):
-        wait_for(f'{count} log line(s) with {text!r}', lambda: len(self.logged(text)) >= count, seconds)
+    def wait_log(self, text, after=0, seconds=45):
+        """The number of the first log line from a given one on that has the text."""
+        return wait_for(f'log line with {text!r}', lambda: next(
+            (i + 1 for i, line in enumerate(self.log()) if i >= after and text in line), None), seconds)
 
-    def wait_error(self, text, count=1, seconds=30):
-        wait_for(f'{count} line(s) with {text!r} on standard error', lambda: self.errors().count(text) >= count, seconds)
+    def wait_error(self, text):
+        wait_for(f'{text!r} on standard error', lambda: text in self.errors())
 
-    def wait_pass(self):
-        """Until an update pass that saw an enabled snapshot read has been made."""
-        def complete():
-            lines = self.log()
-            reads = [i for i, line in enumerate(lines) if 'CurrentIO' in line and 'OPC-018' in line]
-            return reads and any('[OPC-0127]' in line for line in lines[reads[0]:])
-        wait_for('first update pass after a read', complete, 60)
-        time.sleep(0.2)  # the line is written before the items are
+    def wait_pass(self, after=0):
+        """Until an update pass has been made of what was read after a given log line; the number of its line."""
+        return self.wait_log('[OPC-0127]', self.wait_log('[OPC-0183]', after))
 
     def terminate(self):
         self.process.send_signal(signal.SIGTERM)
@@ -176,24 +182,19 @@ class Client:
         return answer['ok']
 
     def raw(self, operation, **arguments):
-        self.process.stdin.write(json.dumps({'do': operation, **arguments}) + '\n')
-        self.process.stdin.flush()
+        self.send(operation, **arguments)
         line = self.process.stdout.readline()
         if not line:
             raise ClientError('client process ended')
         return json.loads(line)
 
+    def send(self, operation, **arguments):
+        self.process.stdin.write(json.dumps({'do': operation, **arguments}) + '\n')
+        self.process.stdin.flush()
+
     def kill(self):
         self.process.kill()
         self.process.wait()
-
-    def end(self):
-        self.process.stdin.close()
-        try:
-            self.process.wait(10)
-        except subprocess.TimeoutExpired:
-            self.kill()
-        self.process.stdout.close()
 
 
 class ClientError(Exception):
@@ -209,3 +210,76 @@ class NodeClient(Client):
 class ImpacketClient(Client):
     def __init__(self):
         super().__init__([sys.executable, os.path.join(HERE, 'impacket_session.py')])
+
+
+class Steady:
+    """A good client that reads all the time."""
+
+    def __init__(self, client):
+        self.client, self.stop = client, threading.Event()
+        self.times = []
+        self.reading = ThreadPoolExecutor(1).submit(self.read)
+
+    def read(self):
+        while not self.stop.wait(0.02):
+            began = time.monotonic()
+            answer = self.client('read')
+            assert answer['errors'] == [0, 0], answer
+            self.times.append(time.monotonic() - began)
+
+    def longest_read(self):
+        """In seconds, once it has read on for a while; raises what it met."""
+        before = len(self.times)
+        wait_for('further reads', lambda: self.reading.done() or len(self.times) > before + 5)
+        self.stop.set()
+        self.reading.result()
+        return max(self.times)
+
+
+class SiteTest(unittest.TestCase):
+    """A test on a site of its own."""
+    maxDiff = None
+    weak = False
+
+    def setUp(self):
+        self.site = Site(self.weak)
+        self.addCleanup(self.site.remove)
+
+    def client(self, kind=ImpacketClient, items=(), **logon):
+        """A client that has logged on and watches these items."""
+        client = kind()
+        self.addCleanup(client.kill)
+        client('connect', address=self.site.address, **{**LOGON, **logon})
+        if items:
+            client('watch', items=list(items))
+        return client
+
+    def assert_serves(self):
+        client = self.client()
+        self.assertEqual(sorted(client('browse')), sorted(EXPECTED))
+        return client
+
+    @contextmanager
+    def refused(self, *words):
+        """One client is refused meanwhile, which one plain line tells with these words."""
+        def refusals():
+            return [line for line in self.site.errors().splitlines() if 'Refused OPC client' in line]
+        before = len(refusals())
+        yield
+        line, = wait_for('refusal line', lambda: refusals()[before:])
+        for word in (*words, '; remedy: '):
+            self.assertIn(word, line)
+
+    def steady(self):
+        reader = Steady(self.client(items=['North.Stack1.NOx', 'South.Boiler.Steam']))
+        self.addCleanup(reader.stop.set)
+        return reader
+
+    def assert_values(self, client, expected):
+        """What the client reads of these items, to the digit; gives the readings by item."""
+        readings = {r['itemID']: r for r in client('read', items=list(expected))['items']}
+        self.assertEqual({name: (precise(expected[name][0], r['value']), f"{r['quality']:#06x}", r['error'])
+                          for name, r in readings.items()},
+                         {name: (precise(kind, value), f'{quality:#06x}', 0)
+                          for name, (kind, value, quality) in expected.items()})
+        return readings

@@ -18,13 +18,13 @@ IOPC_BROWSE = '39C13A4F' + OPC
 IOPC_GROUP_STATE = '39C13A50' + OPC
 IOPC_SYNC_IO = '39C13A52' + OPC
 IOPC_ITEM_MGT = '39C13A54' + OPC
-IOPC_ASYNC_IO2 = '39C13A71' + OPC
 IOPC_ITEM_PROPERTIES = '39C13A72' + OPC
-IOPC_ITEM_IO = '85C0B427-2893-4CBC-BD78-E5FC5146F08F'
-IOPC_COMMON = 'F31DFDE2-07B6-11D2-B2D8-0060083BA1FB'
 IENUM_STRING = '00000101-0000-0000-C000-000000000046'
 
-VT_EMPTY, VT_NULL, VT_I2, VT_I4, VT_R4, VT_R8, VT_CY, VT_DATE, VT_BSTR, VT_ERROR, VT_BOOL = 0, 1, 2, 3, 4, 5, 6, 7, 8, 10, 11
+FLAT = 3
+CACHE, DEVICE = 1, 2
+VT_EMPTY, VT_I2, VT_I4, VT_R4, VT_R8, VT_DATE, VT_BSTR, VT_BOOL = 0, 2, 3, 4, 5, 7, 8, 11
+FORMS = {VT_I2: 'h', VT_I4: 'i', VT_R4: 'f', VT_R8: 'd', VT_DATE: 'd', VT_BOOL: 'h'}
 
 
 class Writer:
@@ -32,46 +32,29 @@ class Writer:
         # ORPCTHIS: version 5.7, flags, reserved, causality id, no extensions
         self.data = bytearray(struct.pack('<HHII', 5, 7, 0, 0) + uuid.uuid4().bytes_le + b'\0\0\0\0')
 
-    def align(self, size):
-        self.data += b'\0' * (-len(self.data) % size)
-
-    def put(self, form, value):
-        self.align(struct.calcsize(form))
-        self.data += struct.pack('<' + form, value)
+    def put(self, form, *values):
+        size = struct.calcsize(form)
+        for value in values:
+            self.data += b'\0' * (-len(self.data) % size) + struct.pack('<' + form, value)
         return self
 
-    def u16(self, value):
-        return self.put('H', value)
+    def u16(self, *values):
+        return self.put('H', *values)
 
-    def u32(self, value):
-        return self.put('I', value & 0xFFFFFFFF)
+    def u32(self, *values):
+        return self.put('I', *values)
 
-    def f32(self, value):
-        return self.put('f', value)
-
-    def f64(self, value):
-        return self.put('d', value)
+    def handles(self, values):
+        return self.u32(len(values), *values)
 
     def guid(self, text):
-        self.align(4)
         self.data += uuid.UUID(text).bytes_le
         return self
 
     def string(self, text):
         units = (text + '\0').encode('utf-16le')
-        self.u32(len(units) // 2).u32(0).u32(len(units) // 2)
+        self.u32(len(units) // 2, 0, len(units) // 2)
         self.data += units
-        return self
-
-    def handles(self, values):
-        self.u32(len(values))
-        for value in values:
-            self.u32(value)
-        return self
-
-    def double_variant(self, value):
-        self.align(8)
-        self.data += struct.pack('<IIHHHHIId', 4, 0, VT_R8, 0, 0, 0, VT_R8, 0, value)
         return self
 
 
@@ -83,14 +66,10 @@ class Reader:
         if self.u32():
             raise ValueError('unexpected ORPC extensions')
 
-    def align(self, size):
-        self.at += -self.at % size
-
     def get(self, form):
         size = struct.calcsize(form)
-        self.align(size)
-        value, = struct.unpack_from('<' + form, self.data, self.at)
-        self.at += size
+        self.at += -self.at % size
+        value, = struct.unpack('<' + form, self.raw(size))
         return value
 
     def u16(self):
@@ -98,9 +77,6 @@ class Reader:
 
     def u32(self):
         return self.get('I')
-
-    def u64(self):
-        return self.get('Q')
 
     def filetime(self):
         low, high = self.u32(), self.u32()
@@ -123,40 +99,25 @@ class Reader:
     def interface(self):
         if not self.u32():
             return None
-        size = self.u32()
-        self.u32()
+        size, _ = self.u32(), self.u32()
         return bytes(self.raw(size))
 
     def variant(self):
-        self.align(8)
+        """Type and value."""
+        self.at += -self.at % 8
         self.u32(), self.u32()
         kind = self.u16()
         self.raw(6)
         self.u32()
         if kind == VT_EMPTY:
-            value = None
-        elif kind == VT_I2:
-            value = self.get('h')
-        elif kind in (VT_I4, VT_ERROR):
-            value = self.get('i')
-        elif kind == VT_R4:
-            value = self.get('f')
-        elif kind in (VT_R8, VT_DATE):
-            value = self.get('d')
-        elif kind == VT_CY:
-            value = self.get('q') / 10000
-        elif kind == VT_BOOL:
-            value = self.get('h') != 0
-        elif kind == VT_BSTR:
-            value = None
-            if self.u32():
-                self.u32()
-                size = self.u32()
-                self.u32()
-                value = self.raw(size).decode('utf-16le')
-        else:
-            raise ValueError(f'VARIANT of type {kind}')
-        return kind, value
+            return kind, None
+        if kind != VT_BSTR:
+            value = self.get(FORMS[kind])
+            return kind, value != 0 if kind == VT_BOOL else value
+        if not self.u32():
+            return kind, None
+        _, size, _ = self.u32(), self.u32(), self.u32()
+        return kind, self.raw(size).decode('utf-16le')
 
 
 class Interface:
@@ -164,7 +125,6 @@ class Interface:
 
     def __init__(self, pointer, iid):
         self.pointer = pointer
-        self.iid = iid
         self.binary = uuidtup_to_bin((iid, '0.0'))
 
     def call(self, opnum, request, ipid=None):
@@ -185,7 +145,7 @@ class Interface:
 class Client:
     LEVELS = {'connect': 2, 'integrity': 5, 'privacy': 6}
 
-    def connect(self, address='127.0.0.1', domain='DEMO', user='', password='', level='privacy', objectPort=None, **_):
+    def connect(self, address, user, password, domain='DEMO', level='privacy', objectPort=None):
         """objectPort: where the objects are called instead of where the server says."""
         self.connection = dcomrt.DCOMConnection(address, user, password, domain, authLevel=self.LEVELS[level])
         pointer = self.connection.CoCreateInstanceEx(string_to_bin(CLASS_ID), string_to_bin(IOPC_SERVER))
@@ -196,63 +156,36 @@ class Client:
 
     def status(self):
         reply = self.server.call(6, Writer())
-        reply.u32()
-        start, now, update = reply.filetime(), reply.filetime(), reply.filetime()
-        state, groups, bandwidth = reply.u16(), reply.u32(), reply.u32()
-        version = [reply.u16() for _ in range(4)]
-        vendor = reply.string() if reply.u32() else None
-        return {'start': start, 'now': now, 'update': update, 'state': state, 'groups': groups,
-                'bandwidth': bandwidth, 'version': version[:3], 'vendor': vendor, 'result': reply.u32()}
+        reply.raw(28)  # the pointer, and when it was started, asked and updated
+        state, groups, _ = reply.u16(), reply.u32(), reply.u32()
+        reply.raw(8)  # version
+        return {'state': state, 'groups': groups, 'vendor': reply.string() if reply.u32() else None}
 
-    def strings(self, reply, owner):
-        """All strings of the enumerator that a reply returns."""
-        enumerator = owner.wrap(reply.interface(), IENUM_STRING)
-        texts = []
-        while True:
+    def browse(self):
+        browser = self.server.query(IOPC_BROWSE)
+        reply = browser.call(5, Writer().u16(FLAT).string('').u16(0).u32(0))
+        enumerator = browser.wrap(reply.interface(), IENUM_STRING)
+        texts, result = [], 0
+        while result == 0:
             part = enumerator.call(3, Writer().u32(10))
             part.u32(), part.u32()
             pointers = [part.u32() for _ in range(part.u32())]
             texts += [part.string() for pointer in pointers if pointer]
-            fetched, result = part.u32(), part.u32()
-            if fetched < 10 or result != 0:
-                return texts
-
-    def browse(self, kind=3):
-        """kind: 1 branches, 2 leaves, 3 flat."""
-        browser = self.server.query(IOPC_BROWSE)
-        reply = browser.call(5, Writer().u16(kind).string('').u16(0).u32(0))
-        return self.strings(reply, browser)
-
-    def browseTree(self, path=''):
-        browser = self.server.query(IOPC_BROWSE)
-
-        def level():
-            leaves = {}
-            for leaf in self.strings(browser.call(5, Writer().u16(2).string('').u16(0).u32(0)), browser):
-                reply = browser.call(6, Writer().string(leaf))
-                leaves[leaf] = reply.string() if reply.u32() else None
-            for branch in self.strings(browser.call(5, Writer().u16(1).string('').u16(0).u32(0)), browser):
-                browser.call(4, Writer().u16(2).string(branch))
-                leaves[branch + '/'] = level()
-                browser.call(4, Writer().u16(1).string(''))
-            return leaves
-
-        return level()
+            _, result = part.u32(), part.u32()
+        return texts
 
     def watch(self, items, types=None):
-        request = Writer().string('e2e').u32(1).u32(1000).u32(7)
-        request.u32(1).u32(0).u32(2).f32(0.0).u32(0x409).guid(IOPC_GROUP_STATE)
+        request = Writer().string('e2e').u32(1, 1000, 7, 1, 0, 2).put('f', 0.0).u32(0x409).guid(IOPC_GROUP_STATE)
         reply = self.server.call(3, request)
-        self.group_handle, rate = reply.u32(), reply.u32()
+        reply.u32(), reply.u32()
         self.group = self.server.wrap(reply.interface(), IOPC_GROUP_STATE)
         if reply.u32() & 0x80000000:
             raise ValueError('AddGroup failed')
         self.items = self.group.query(IOPC_ITEM_MGT)
         self.sync = self.group.query(IOPC_SYNC_IO)
-        request = Writer().u32(len(items)).u32(len(items))
+        request = Writer().u32(len(items), len(items))
         for index in range(len(items)):
-            wanted = types[index] if types else 0
-            request.u32(0).u32(0x20000 + 4 * index).u32(1).u32(index).u32(0).u32(0).u16(wanted).u16(0)
+            request.u32(0, 0x20000 + 4 * index, 1, index, 0, 0).u16(types[index] if types else 0, 0)
         for item in items:
             request.string(item)
         reply = self.items.call(3, request)
@@ -262,55 +195,24 @@ class Client:
         return [{'itemID': name, 'error': error, 'dataType': result[1], 'accessRights': result[3]}
                 for name, result, error in zip(items, found, errors)]
 
-    def read(self, source='cache', items=None, handles=None):
-        names = list(self.handles) if items is None else items
-        wanted = handles if handles is not None else [self.handles[name] for name in names]
-        reply = self.sync.call(3, Writer().u16(2 if source == 'device' else 1).u32(len(wanted)).handles(wanted))
+    def read(self, source='cache', items=None):
+        """items: names of those watched, or handles."""
+        items = items or list(self.handles)
+        request = Writer().u16(DEVICE if source == 'device' else CACHE).u32(len(items))
+        reply = self.sync.call(3, request.handles([self.handles.get(item, item) for item in items]))
         states = reply.array(lambda: (reply.u32(), reply.filetime(), reply.u16(), reply.u16(), reply.u32()))
-        values = [reply.variant() if state[4] else (None, None) for state in states]
+        values = [reply.variant() if pointer else (None, None) for *_, pointer in states]
         errors, result = reply.hresults(), reply.u32()
-        return {'result': result, 'items': [
-            {'itemID': names[i] if handles is None else None, 'value': values[i][1], 'type': values[i][0],
-             'quality': states[i][2], 'filetime': states[i][1], 'error': errors[i]} for i in range(len(states))],
-            'errors': errors}
-
-    def write(self, items, value=1.0):
-        request = Writer().u32(len(items)).handles([self.handles[name] for name in items])
-        request.u32(len(items))
-        for _ in items:
-            request.u32(0x72657355)
-        for _ in items:
-            request.double_variant(value)
-        reply = self.sync.call(4, request)
-        return {'errors': reply.hresults(), 'result': reply.u32()}
-
-    def errorString(self, code):
-        reply = self.server.call(4, Writer().u32(code).u32(0x409))
-        return reply.string() if reply.u32() else None
+        return {'result': result, 'errors': errors, 'items': [
+            {'itemID': item, 'value': value, 'type': kind, 'quality': quality, 'filetime': stamp, 'error': error}
+            for item, (kind, value), (_, stamp, quality, _, _), error in zip(items, values, states, errors)]}
 
     def properties(self, item):
-        reply = self.server.query(IOPC_ITEM_PROPERTIES).call(4, Writer().string(item).u32(6).handles([1, 2, 3, 4, 5, 6]))
-        pointers = []
-        if reply.u32():
-            count = reply.u32()
-            # an array of VARIANT structures by pointer: referents first, then the bodies
-            pointers = [reply.u32() for _ in range(count)]
-        values = [reply.variant() for pointer in pointers if pointer]
-        return {'values': [value for _, value in values], 'types': [kind for kind, _ in values],
-                'errors': reply.hresults(), 'result': reply.u32()}
-
-    def interfaces(self):
-        """Which interfaces the server object and its group hand out."""
-        found = {}
-        for owner, iids in ((self.server, (IOPC_COMMON, IOPC_BROWSE, IOPC_ITEM_PROPERTIES, IOPC_ITEM_IO)),
-                            (self.group, (IOPC_GROUP_STATE, IOPC_ITEM_MGT, IOPC_SYNC_IO, IOPC_ASYNC_IO2))):
-            for iid in iids:
-                owner.query(iid)
-                found[iid] = True
-        return len(found)
-
-    def removeGroup(self):
-        return self.server.call(7, Writer().u32(self.group_handle).u32(0)).u32()
+        request = Writer().string(item).u32(6).handles(range(1, 7))
+        reply = self.server.query(IOPC_ITEM_PROPERTIES).call(4, request)
+        # an array of VARIANT structures by pointer: referents first, then the bodies
+        values = [reply.variant()[1] for pointer in reply.array(reply.u32) if pointer]
+        return {'values': values, 'errors': reply.hresults(), 'result': reply.u32()}
 
     def raw(self, opnum, stub, on='server', ipid=None):
         """A call with a hand-made stub; gives the reply's length, or the fault as an error. ipid: of another object."""
@@ -318,14 +220,16 @@ class Client:
         request.data += bytes.fromhex(stub)
         return len(getattr(self, on).call(opnum, request, ipid and bytes.fromhex(ipid)).data)
 
-    def ipid(self, on='server'):
+    def query(self, on, iid):
+        getattr(self, on).query(iid)
+
+    def ipid(self, on):
         return getattr(self, on).pointer.get_iPid().hex()
 
     def close(self):
         for name in ('sync', 'items', 'group', 'server'):
-            pointer = getattr(self, name, None)
-            if pointer is not None:
-                pointer.pointer.RemRelease()
+            if hasattr(self, name):
+                getattr(self, name).pointer.RemRelease()
         self.connection.disconnect()
 
 

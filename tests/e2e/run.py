@@ -33,7 +33,7 @@ def run_one(case):
     began = time.monotonic()
     result = unittest.TestResult()
     case.run(result)
-    problems = [text for _, text in result.errors + result.failures]
+    problems = [f'{part}\n{text}' for part, text in result.errors + result.failures]
     skipped = [reason for _, reason in result.skipped]
     return case, problems, skipped, time.monotonic() - began
 
@@ -48,6 +48,7 @@ def main():
     harness.SERVER = os.path.abspath(options.server)
     os.environ.pop('DISPLAY', None)  # windows are for the displays that tests make themselves
     cases = collect(options.names)
+    cases.sort(key=lambda case: 'test_databases' not in case.id())  # they wait longest
     failures = 0
     # The tests mostly wait for the server's 20-second intervals, so many fit side by side.
     with concurrent.futures.ThreadPoolExecutor(options.jobs) as pool:

@@ -1,6 +1,9 @@
 #include "Messages/LogWriter.h"
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
+
+#include <csignal>
 
 #include "Libraries/TestDatabase.h"
 #include "Messages/MessageTypeNames.h"
@@ -56,13 +59,22 @@ TEST_F(LogWriterTest, TriesAgainAfterASecondAndTellsWhatWasLost) {
               "2026-11-22 08:05:04.007 (2 lines before this could not be written)\nkept\nkept too\n");
 }
 
-TEST_F(LogWriterTest, AFullDiskCostsLinesOnly) {
-    ASSERT_TRUE(writer_.Open("/dev/full", "", false, true));
-    for (int i = 0; i < 3; ++i) {
-        writer_.WriteEntry("line", true);
-        time_.advanceMilliseconds(2000);
+TEST_F(LogWriterTest, AFullDiskMayTearALineAndCostsLinesOnly) {
+    const std::string path = folder_.file("a.log");
+    ASSERT_TRUE(writer_.Open(path, "", false, false));
+    std::signal(SIGXFSZ, SIG_IGN);
+    rlimit normal{};
+    ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &normal), 0);
+    const rlimit full{11, normal.rlim_max};
+    ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &full), 0);
+    for (const char* line : {"kept 1", "torn", "lost"}) {
+        writer_.WriteEntry(line, true);
     }
-    writer_.Close();
+    ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &normal), 0);
+    time_.advanceMilliseconds(1000);
+    writer_.WriteEntry("kept 2", true);
+    EXPECT_EQ(test::contentsOf(path),
+              "kept 1\ntorn\n2026-11-22 08:05:04.007 (2 lines before this could not be written)\nkept 2\n");
 }
 
 TEST(MessageTypeNamesTest, NamesTypes) {
