@@ -6,7 +6,10 @@
 #include <array>
 #include <cstdint>
 #include <optional>
+#include <span>
+#include <string>
 #include <utility>
+#include <vector>
 
 #include "DB Interface Library/OdbcSession.h"
 #include "DB Interface Library/OdbcStatement.h"
@@ -35,6 +38,7 @@ class OdbcRows final : public ISqlRows {
         }
     }
 
+    std::vector<SQLSMALLINT> types() const { return statement_->types(); }
     std::int64_t changedRows() { return statement_->changedRows(); }
 
  private:
@@ -60,12 +64,22 @@ class OdbcConnection final : public ISqlConnection {
     }
 
     void scan(std::string_view columns, std::string_view source, SqlParameters parameters, ISqlRowSink& sink) override {
-        const OdbcScan& scan = connectedSession()->scan(columns, source);
-        if (scan.packed) {
-            handOver(scan.packed->sql(), &*scan.packed, columns, parameters, sink);
-        } else {
-            handOver(scan.plain, nullptr, columns, parameters, sink);
+        const std::shared_ptr<OdbcSession> session = connectedSession();
+        const std::string plain = fmt::format("SELECT {} FROM {}", columns, source);
+        auto& packedRows = session->packedRows();
+        const auto known = packedRows.find(plain);
+        if (known != packedRows.end() && known->second &&
+            scanPacked(session, *known->second, columns, parameters, sink)) {
+            return;
         }
+        OdbcRows rows(session, plain, parameters);
+        if (known != packedRows.end()) {
+            // Others speak the same protocol but lack the functions for it.
+            known->second.reset();
+        } else if (session->dialect().fieldsTravelAsText) {
+            packedRows.emplace(plain, PackedRows::make(columns, source, rows.types()));
+        }
+        handOver(rows, columns, sink);
     }
 
     bool call(std::string_view columns, std::string_view procedure, SqlParameters parameters,
@@ -78,7 +92,8 @@ class OdbcConnection final : public ISqlConnection {
         if (dialect.selectsFromProcedures) {
             scan(columns, text, parameters, sink);
         } else {
-            handOver(fmt::format("{{call {}}}", text), nullptr, columns, parameters, sink);
+            OdbcRows rows(connectedSession(), fmt::format("{{call {}}}", text), parameters);
+            handOver(rows, columns, sink);
         }
         return true;
     }
@@ -97,23 +112,44 @@ class OdbcConnection final : public ISqlConnection {
     }
 
  private:
-    void handOver(std::string_view sql, const PackedRows* packed, std::string_view columns, SqlParameters parameters,
-                  ISqlRowSink& sink) {
-        OdbcRows rows(connectedSession(), sql, parameters);
+    using Row = std::array<SqlValue, maxScanColumns>;
+
+    static std::span<SqlValue> asked(Row& row, std::string_view columns) {
         const auto count = static_cast<std::size_t>(std::count(columns.begin(), columns.end(), ',')) + 1;
-        std::array<SqlValue, maxScanColumns> values;
-        const auto used = std::span(values).first(std::min(count, maxScanColumns));
-        std::array<SqlValue, maxScanColumns> packedValues;
-        const auto packedUsed = std::span(packedValues).first(packed != nullptr ? packed->width() : 0);
+        return std::span(row).first(std::min(count, maxScanColumns));
+    }
+
+    static void handOver(OdbcRows& rows, std::string_view columns, ISqlRowSink& sink) {
+        Row row;
+        const auto used = asked(row, columns);
         while (rows.next()) {
-            if (packed != nullptr) {
-                rows.read(packedUsed);
-                packed->unpack(packedUsed, used);
-            } else {
-                rows.read(used);
-            }
+            rows.read(used);
             sink.take(used);
         }
+    }
+
+    // False, and nothing is handed over, when the database does not know how.
+    static bool scanPacked(const std::shared_ptr<OdbcSession>& session, const PackedRows& packed,
+                           std::string_view columns, SqlParameters parameters, ISqlRowSink& sink) {
+        std::optional<OdbcRows> rows;
+        try {
+            rows.emplace(session, packed.sql(), parameters);
+        } catch (const RuntimeError&) {
+            if (!session->isUsable()) {
+                throw;
+            }
+            return false;
+        }
+        Row packedRow;
+        const auto read = std::span(packedRow).first(packed.width());
+        Row row;
+        const auto used = asked(row, columns);
+        while (rows->next()) {
+            rows->read(read);
+            packed.unpack(read, used);
+            sink.take(used);
+        }
+        return true;
     }
 
     const std::shared_ptr<OdbcSession>& connectedSession() {

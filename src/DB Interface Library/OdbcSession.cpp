@@ -140,31 +140,4 @@ void OdbcSession::giveBack(std::unique_ptr<OdbcStatement> statement) {
     }
 }
 
-const OdbcScan& OdbcSession::scan(std::string_view columns, std::string_view source) {
-    std::string plain = fmt::format("SELECT {} FROM {}", columns, source);
-    auto known = scans_.find(plain);
-    if (known == scans_.end()) {
-        OdbcScan scan{plain, dialect_.fieldsTravelAsText ? packed(columns, source, plain) : std::nullopt};
-        known = scans_.emplace(std::move(plain), std::move(scan)).first;
-    }
-    return known->second;
-}
-
-std::optional<PackedRows> OdbcSession::packed(std::string_view columns, std::string_view source,
-                                              const std::string& plain) {
-    std::optional<PackedRows> rows = PackedRows::make(columns, source, OdbcStatement(*this, plain).types());
-    if (rows) {
-        try {
-            (void)OdbcStatement(*this, rows->sql()).types();
-        } catch (const RuntimeError&) {
-            if (!isUsable()) {
-                throw;
-            }
-            // Others speak the same protocol but lack these functions.
-            rows.reset();
-        }
-    }
-    return rows;
-}
-
 }  // namespace quelm

@@ -60,12 +60,6 @@ struct OdbcDialect {
     bool fieldsTravelAsText = false;
 };
 
-// A read of many rows.
-struct OdbcScan {
-    std::string plain;                 // the statement as it was asked for
-    std::optional<PackedRows> packed;  // and how it is done where that is faster
-};
-
 // Connects when it is made. Everything here takes a bounded time and raises RuntimeError with the database's own number
 // and text.
 class OdbcSession {
@@ -104,14 +98,14 @@ class OdbcSession {
     std::unique_ptr<OdbcStatement> take(std::string_view sql);
     // Takes it back when its rows are read.
     void giveBack(std::unique_ptr<OdbcStatement> statement);
-    // The fastest way to read these columns, which the database is asked for once.
-    const OdbcScan& scan(std::string_view columns, std::string_view source);
+    // How a read of many rows is done where there is a faster way than its own statement, by that statement. It is
+    // known once the statement has run.
+    std::map<std::string, std::optional<PackedRows>, std::less<>>& packedRows() { return packedRows_; }
 
  private:
     void connect();
     void readAbilities();
     std::string infoText(SQLUSMALLINT which) const;
-    std::optional<PackedRows> packed(std::string_view columns, std::string_view source, const std::string& plain);
 
     ConnectionString connectionString_;
     OdbcTimeouts timeouts_;
@@ -122,7 +116,7 @@ class OdbcSession {
     bool readsInsideBlocks_ = false;
     bool failed_ = false;
     std::map<std::string, std::unique_ptr<OdbcStatement>, std::less<>> statements_;
-    std::map<std::string, OdbcScan, std::less<>> scans_;
+    std::map<std::string, std::optional<PackedRows>, std::less<>> packedRows_;
 };
 
 }  // namespace quelm

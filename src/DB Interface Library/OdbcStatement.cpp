@@ -42,6 +42,7 @@ void setType(OdbcColumn& column, SqlType type, SQLSMALLINT cType, std::size_t wi
 
 OdbcColumn columnOf(SQLSMALLINT sqlType, SQLULEN size) {
     OdbcColumn column;
+    column.sqlType = sqlType;
     switch (sqlType) {
         case SQL_BIT:
         case SQL_TINYINT:
@@ -209,6 +210,8 @@ OdbcStatement::OdbcStatement(OdbcSession& session, std::string sql) : session_(s
 
 OdbcStatement::~OdbcStatement() {
     const StallGuard guard = session_.closingGuard();
+    // Some drivers lose memory when a statement that failed goes without this.
+    SQLFreeStmt(handle_->get(), SQL_CLOSE);
     handle_.reset();
 }
 
@@ -216,15 +219,6 @@ void OdbcStatement::prepare() {
     std::u16string text = utf8ToUtf16(sql_);
     run([&] { return SQLPrepareW(handle_->get(), odbcText(text), static_cast<SQLINTEGER>(text.size())); });
     prepared_ = true;
-}
-
-std::vector<SQLSMALLINT> OdbcStatement::types() {
-    prepare();
-    std::vector<SQLSMALLINT> types;
-    for (const Description& column : describe()) {
-        types.push_back(column.type);
-    }
-    return types;
 }
 
 void OdbcStatement::execute(SqlParameters parameters) {
@@ -259,6 +253,14 @@ bool OdbcStatement::next() {
     return true;
 }
 
+std::vector<SQLSMALLINT> OdbcStatement::types() const {
+    std::vector<SQLSMALLINT> types;
+    for (const OdbcColumn& column : columns_) {
+        types.push_back(column.sqlType);
+    }
+    return types;
+}
+
 std::int64_t OdbcStatement::changedRows() {
     SQLLEN count = 0;
     run([&] { return SQLRowCount(handle_->get(), &count); });
@@ -272,28 +274,22 @@ bool OdbcStatement::close() {
 
 // ---- its rows
 
-std::vector<OdbcStatement::Description> OdbcStatement::describe() {
+void OdbcStatement::prepareBlock() {
     SQLSMALLINT count = 0;
     run([&] { return SQLNumResultCols(handle_->get(), &count); });
-    std::vector<Description> found(static_cast<std::size_t>(std::max<SQLSMALLINT>(count, 0)));
-    SQLUSMALLINT number = 0;
-    for (Description& column : found) {
-        ++number;
+    for (SQLSMALLINT i = 1; i <= count; ++i) {
         SQLSMALLINT nameLength = 0;
+        SQLSMALLINT type = 0;
+        SQLULEN size = 0;
         SQLSMALLINT digits = 0;
         SQLSMALLINT nullable = 0;
         std::array<SQLWCHAR, 128> name{};
         run([&] {
-            return SQLDescribeColW(handle_->get(), number, name.data(), static_cast<SQLSMALLINT>(name.size()),
-                                   &nameLength, &column.type, &column.size, &digits, &nullable);
+            return SQLDescribeColW(handle_->get(), static_cast<SQLUSMALLINT>(i), name.data(),
+                                   static_cast<SQLSMALLINT>(name.size()), &nameLength, &type, &size, &digits,
+                                   &nullable);
         });
-    }
-    return found;
-}
-
-void OdbcStatement::prepareBlock() {
-    for (const Description& column : describe()) {
-        columns_.push_back(columnOf(column.type, column.size));
+        columns_.push_back(columnOf(type, size));
     }
     if (columns_.empty()) {
         return;

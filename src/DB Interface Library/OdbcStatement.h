@@ -32,6 +32,7 @@ class OdbcParameters {
 
 // A column of a block.
 struct OdbcColumn {
+    SQLSMALLINT sqlType = SQL_UNKNOWN_TYPE;
     SqlType type = SqlType::Text;
     SQLSMALLINT cType = SQL_C_WCHAR;
     std::size_t width = 0;  // bytes of one row's place in the block
@@ -52,15 +53,14 @@ class OdbcStatement {
 
     const std::string& sql() const { return sql_; }
     bool isPrepared() const { return prepared_; }
-    // The SQL types of its columns, before it is run.
-    std::vector<SQLSMALLINT> types();
-
     // Prepares a statement that has parameters; one without is taken as a text that may hold several statements.
     void execute(SqlParameters parameters);
     // Moves to the next row; False behind the last one.
     bool next();
     // Column of the row, counted from 0; a Null beyond the last column. Its text is valid until the next row.
     SqlValue value(std::size_t index) const { return index < columns_.size() ? columns_[index].value : SqlValue{}; }
+    // The SQL types of its columns.
+    std::vector<SQLSMALLINT> types() const;
     std::int64_t changedRows();
     // Lets go of the rows, so that it can be run again. False when it cannot.
     bool close();
@@ -70,12 +70,7 @@ class OdbcStatement {
     bool run(Step step) {
         return session_.run(handle_->get(), step);
     }
-    struct Description {
-        SQLSMALLINT type = 0;
-        SQLULEN size = 0;
-    };
     void prepare();
-    std::vector<Description> describe();
     void prepareBlock();
     void placeColumns();
     void bindColumns();
