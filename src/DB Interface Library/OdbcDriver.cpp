@@ -38,7 +38,8 @@ class OdbcRows final : public ISqlRows {
         }
     }
 
-    std::vector<SQLSMALLINT> types() const { return statement_->types(); }
+    std::vector<SQLSMALLINT> types() { return statement_->types(); }
+    std::string_view binaryValue() { return statement_->binaryValue(); }
     std::int64_t changedRows() { return statement_->changedRows(); }
 
  private:
@@ -68,15 +69,14 @@ class OdbcConnection final : public ISqlConnection {
         const std::string plain = fmt::format("SELECT {} FROM {}", columns, source);
         auto& packedRows = session->packedRows();
         const auto known = packedRows.find(plain);
-        if (known != packedRows.end() && known->second &&
-            scanPacked(session, *known->second, columns, parameters, sink)) {
+        if (known != packedRows.end() && known->second && scanPacked(session, *known->second, parameters, sink)) {
             return;
         }
         OdbcRows rows(session, plain, parameters);
         if (known != packedRows.end()) {
             // Others speak the same protocol but lack the functions for it.
             known->second.reset();
-        } else if (session->dialect().fieldsTravelAsText) {
+        } else if (session->dialect().fieldsTravelAsText && speaksUtf8(session)) {
             packedRows.emplace(plain, PackedRows::make(columns, source, rows.types()));
         }
         handOver(rows, columns, sink);
@@ -112,16 +112,14 @@ class OdbcConnection final : public ISqlConnection {
     }
 
  private:
-    using Row = std::array<SqlValue, maxScanColumns>;
-
-    static std::span<SqlValue> asked(Row& row, std::string_view columns) {
-        const auto count = static_cast<std::size_t>(std::count(columns.begin(), columns.end(), ',')) + 1;
-        return std::span(row).first(std::min(count, maxScanColumns));
+    static bool speaksUtf8(const std::shared_ptr<OdbcSession>& session) {
+        return OdbcRows(session, "SELECT 1 WHERE pg_client_encoding() = 'UTF8'", {}).next();
     }
 
     static void handOver(OdbcRows& rows, std::string_view columns, ISqlRowSink& sink) {
-        Row row;
-        const auto used = asked(row, columns);
+        const auto count = static_cast<std::size_t>(std::count(columns.begin(), columns.end(), ',')) + 1;
+        std::array<SqlValue, maxScanColumns> values;
+        const auto used = std::span(values).first(std::min(count, maxScanColumns));
         while (rows.next()) {
             rows.read(used);
             sink.take(used);
@@ -130,7 +128,7 @@ class OdbcConnection final : public ISqlConnection {
 
     // False, and nothing is handed over, when the database does not know how.
     static bool scanPacked(const std::shared_ptr<OdbcSession>& session, const PackedRows& packed,
-                           std::string_view columns, SqlParameters parameters, ISqlRowSink& sink) {
+                           SqlParameters parameters, ISqlRowSink& sink) {
         std::optional<OdbcRows> rows;
         try {
             rows.emplace(session, packed.sql(), parameters);
@@ -140,15 +138,7 @@ class OdbcConnection final : public ISqlConnection {
             }
             return false;
         }
-        Row packedRow;
-        const auto read = std::span(packedRow).first(packed.width());
-        Row row;
-        const auto used = asked(row, columns);
-        while (rows->next()) {
-            rows->read(read);
-            packed.unpack(read, used);
-            sink.take(used);
-        }
+        packed.unpack(rows->binaryValue(), sink);
         return true;
     }
 

@@ -19,8 +19,9 @@ constexpr std::size_t blockRows = 128;
 constexpr std::size_t blockMemory = std::size_t{2} << 20;
 // Longest text, in UTF-16 units, that has its place in the block; a longer one is read by itself.
 constexpr std::size_t blockText = 1024;
-// Longest binary data, in bytes, that has its place in the block: a packed row with the key of a channel.
-constexpr std::size_t blockBytes = 256;
+// Bytes that are taken of a binary value at once, and of it as a whole: more than the database can make of it.
+constexpr std::size_t binaryPiece = std::size_t{1} << 16;
+constexpr std::size_t longestBinary = std::size_t{1} << 30;
 // Digits of a decimal that have their place in the block: more than any database counts with exactly.
 constexpr std::size_t blockDigits = 128;
 // Texts beyond this many units go to the database as long texts.
@@ -67,8 +68,8 @@ OdbcColumn columnOf(SQLSMALLINT sqlType, SQLULEN size) {
         case SQL_BINARY:
         case SQL_VARBINARY:
         case SQL_LONGVARBINARY:
-            column.mayBeLonger = true;
-            setType(column, SqlType::Blob, SQL_C_BINARY, blockBytes);
+            // Nobody reads the bytes; only that they are there counts.
+            setType(column, SqlType::Blob, SQL_C_BINARY, 8);
             break;
         default: {
             column.mayBeLonger = size == 0 || size > blockText;
@@ -232,15 +233,16 @@ void OdbcStatement::execute(SqlParameters parameters) {
         }
         run([&] { return SQLExecute(handle_->get()); });
     }
-    if (columns_.empty()) {
-        prepareBlock();
-    }
     row_ = 0;
     fetched_ = 0;
-    atEnd_ = columns_.empty();
+    atEnd_ = false;
 }
 
 bool OdbcStatement::next() {
+    if (columns_.empty()) {
+        prepareBlock();
+        atEnd_ = columns_.empty();
+    }
     if (!atEnd_ && ++row_ >= fetched_) {
         atEnd_ = !fetchBlock();
     }
@@ -253,7 +255,40 @@ bool OdbcStatement::next() {
     return true;
 }
 
-std::vector<SQLSMALLINT> OdbcStatement::types() const {
+std::string_view OdbcStatement::binaryValue() {
+    binary_.resize(std::max(binary_.capacity(), binaryPiece));
+    std::size_t used = 0;
+    SQLLEN bytes = 0;
+    bool isThere = run([&] { return SQLFetch(handle_->get()); });
+    while (isThere) {
+        const std::size_t room = binary_.size() - used;
+        bytes = 0;
+        isThere = run([&] {
+            return SQLGetData(handle_->get(), 1, SQL_C_BINARY, binary_.data() + used, static_cast<SQLLEN>(room),
+                              &bytes);
+        });
+        if (!isThere || bytes == SQL_NULL_DATA) {
+            break;
+        }
+        // What was left before this piece, or that it is not known.
+        if (bytes >= 0 && static_cast<std::size_t>(bytes) <= room) {
+            used += static_cast<std::size_t>(bytes);
+            break;
+        }
+        used = binary_.size();
+        const std::size_t left = bytes > 0 ? static_cast<std::size_t>(bytes) - room : binaryPiece;
+        if (left > longestBinary - used) {
+            throw RuntimeError(errors::outOfMemory);
+        }
+        binary_.resize(used + left);
+    }
+    return std::string_view(binary_).substr(0, used);
+}
+
+std::vector<SQLSMALLINT> OdbcStatement::types() {
+    if (columns_.empty()) {
+        prepareBlock();
+    }
     std::vector<SQLSMALLINT> types;
     for (const OdbcColumn& column : columns_) {
         types.push_back(column.sqlType);
@@ -354,15 +389,15 @@ bool OdbcStatement::fetchBlock() {
 
 void OdbcStatement::readColumn(std::size_t index) {
     OdbcColumn& column = columns_[index];
-    if (index >= boundColumns_ && !column.mayBeLonger) {
+    if (index >= boundColumns_ && !isText(column)) {
         column.indicators[0] = SQL_NULL_DATA;
         run([&] {
             return SQLGetData(handle_->get(), static_cast<SQLUSMALLINT>(index + 1), column.cType, place(column, 0),
                               static_cast<SQLLEN>(column.width), column.indicators.data());
         });
     }
-    if (index >= boundColumns_ && column.mayBeLonger) {
-        readLong(index);
+    if (index >= boundColumns_ && isText(column)) {
+        readLongText(index);
     } else if (const SQLLEN bytes = column.indicators[row_]; bytes == SQL_NULL_DATA) {
         column.value.type = SqlType::Null;
     } else {
@@ -373,15 +408,6 @@ void OdbcStatement::readColumn(std::size_t index) {
 void OdbcStatement::readPlace(std::size_t index, SQLLEN bytes) {
     OdbcColumn& column = columns_[index];
     const std::byte* source = place(column, row_);
-    const std::size_t room = column.width - (isText(column) ? sizeof(char16_t) : 0);
-    if (column.type != SqlType::Decimal && (bytes < 0 || static_cast<std::size_t>(bytes) > room)) {
-        run([&] {
-            return SQLSetPos(handle_->get(), static_cast<SQLSETPOSIROW>(row_ + 1), SQL_POSITION, SQL_LOCK_NO_CHANGE);
-        });
-        readLong(index);
-        return;
-    }
-    const std::size_t size = std::min(static_cast<std::size_t>(std::max<SQLLEN>(bytes, 0)), room);
     column.value.type = column.type;
     switch (column.type) {
         case SqlType::Integer:
@@ -397,61 +423,50 @@ void OdbcStatement::readPlace(std::size_t index, SQLLEN bytes) {
             break;
         }
         case SqlType::Decimal:
-            column.value.text = {reinterpret_cast<const char*>(source), std::min(size, room - 1)};
-            break;
-        case SqlType::Blob:
-            column.value.text = {reinterpret_cast<const char*>(source), size};
+            column.value.text = {reinterpret_cast<const char*>(source),
+                                 bytes >= 0 ? std::min(static_cast<std::size_t>(bytes), column.width - 1) : 0};
             break;
         case SqlType::Text:
-            assignUtf8(column.text, fromWide(source, size / sizeof(char16_t)));
-            column.value.text = column.text;
+            if (bytes < 0 || static_cast<std::size_t>(bytes) > column.width - sizeof(char16_t)) {
+                run([&] {
+                    return SQLSetPos(handle_->get(), static_cast<SQLSETPOSIROW>(row_ + 1), SQL_POSITION,
+                                     SQL_LOCK_NO_CHANGE);
+                });
+                readLongText(index);
+            } else {
+                assignUtf8(column.text, fromWide(source, static_cast<std::size_t>(bytes) / sizeof(char16_t)));
+                column.value.text = column.text;
+            }
             break;
         case SqlType::Null:
+        case SqlType::Blob:
             break;
     }
 }
 
-// Reads a field of the row piece by piece, up to what is taken from a column and one piece more; False for NULL.
-template <class Unit>
-bool OdbcStatement::readPieces(std::size_t index, std::basic_string<Unit>& all) {
-    const SQLSMALLINT cType = columns_[index].cType;
-    std::basic_string<Unit> piece(8192, Unit());
-    // Behind a text stands a NUL.
-    const std::size_t capacity = (piece.size() - (cType == SQL_C_WCHAR ? 1 : 0)) * sizeof(Unit);
+// Piece by piece. A text beyond what is taken from a column counts as binary data, which nobody reads.
+void OdbcStatement::readLongText(std::size_t index) {
+    OdbcColumn& column = columns_[index];
+    std::u16string text;
+    std::u16string piece(8192, u'\0');
+    const std::size_t capacity = (piece.size() - 1) * sizeof(char16_t);
     SQLLEN bytes = 0;
-    while (all.size() <= maxSqlText && run([&] {
-               return SQLGetData(handle_->get(), static_cast<SQLUSMALLINT>(index + 1), cType, piece.data(),
-                                 static_cast<SQLLEN>(piece.size() * sizeof(Unit)), &bytes);
+    while (text.size() <= maxSqlText && run([&] {
+               return SQLGetData(handle_->get(), static_cast<SQLUSMALLINT>(index + 1), SQL_C_WCHAR, piece.data(),
+                                 static_cast<SQLLEN>(piece.size() * sizeof(char16_t)), &bytes);
            })) {
         if (bytes == SQL_NULL_DATA) {
-            return false;
+            column.value.type = SqlType::Null;
+            return;
         }
         const bool isLast = bytes >= 0 && static_cast<std::size_t>(bytes) <= capacity;
-        all.append(piece, 0, (isLast ? static_cast<std::size_t>(bytes) : capacity) / sizeof(Unit));
+        text.append(piece, 0, (isLast ? static_cast<std::size_t>(bytes) : capacity) / sizeof(char16_t));
         if (isLast) {
             break;
         }
     }
-    return true;
-}
-
-// What is longer than is taken from a column counts as binary data of no length, which nobody reads.
-void OdbcStatement::readLong(std::size_t index) {
-    OdbcColumn& column = columns_[index];
-    bool isThere = true;
-    if (isText(column)) {
-        std::u16string text;
-        isThere = readPieces(index, text);
-        assignUtf8(column.text, text);
-    } else {
-        column.text.clear();
-        isThere = readPieces(index, column.text);
-    }
-    column.value.type = isThere ? column.type : SqlType::Null;
-    if (column.text.size() > maxSqlText) {
-        column.text.clear();
-        column.value.type = SqlType::Blob;
-    }
+    column.value.type = text.size() <= maxSqlText ? SqlType::Text : SqlType::Blob;
+    assignUtf8(column.text, text);
     column.value.text = column.text;
 }
 

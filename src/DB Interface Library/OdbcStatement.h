@@ -60,7 +60,10 @@ class OdbcStatement {
     // Column of the row, counted from 0; a Null beyond the last column. Its text is valid until the next row.
     SqlValue value(std::size_t index) const { return index < columns_.size() ? columns_[index].value : SqlValue{}; }
     // The SQL types of its columns.
-    std::vector<SQLSMALLINT> types() const;
+    std::vector<SQLSMALLINT> types();
+    // The value of a statement that gives one binary value, read whole; "" for NULL. Valid until the next one. Instead
+    // of next(), never beside it.
+    std::string_view binaryValue();
     std::int64_t changedRows();
     // Lets go of the rows, so that it can be run again. False when it cannot.
     bool close();
@@ -80,9 +83,7 @@ class OdbcStatement {
     }
     void readColumn(std::size_t index);
     void readPlace(std::size_t index, SQLLEN bytes);
-    template <class Unit>
-    bool readPieces(std::size_t index, std::basic_string<Unit>& all);
-    void readLong(std::size_t index);
+    void readLongText(std::size_t index);
 
     OdbcSession& session_;
     std::string sql_;
@@ -96,6 +97,7 @@ class OdbcStatement {
     SQLULEN fetched_ = 0;
     std::size_t row_ = 0;
     bool atEnd_ = true;
+    std::string binary_;
     // The driver knows all that stands above.
     std::optional<OdbcHandle<SQL_HANDLE_STMT>> handle_;
 };

@@ -1,14 +1,18 @@
 #include "DB Interface Library/PackedRows.h"
 
+#include <endian.h>
 #include <fmt/format.h>
 #include <sqlext.h>
 #include <sqlucode.h>
 
 #include <algorithm>
+#include <array>
 #include <bit>
+#include <cstring>
 #include <limits>
 
 #include "Shared Types/Date.h"
+#include "Shared Types/RuntimeError.h"
 #include "Shared Types/Text.h"
 
 namespace quelm {
@@ -25,55 +29,38 @@ const std::int64_t epoch = dayNumber(2000, 1, 1);
 const std::int64_t firstDay = dayNumber(100, 1, 1);
 const std::int64_t lastDay = dayNumber(9999, 12, 31);
 
-bool isText(SQLSMALLINT type) {
-    return type == SQL_VARCHAR || type == SQL_LONGVARCHAR || type == SQL_WVARCHAR || type == SQL_WLONGVARCHAR;
-}
-
-bool isReal(SQLSMALLINT type) {
-    return type == SQL_DOUBLE || type == SQL_FLOAT;
-}
-
-std::uint64_t bigEndian(std::string_view bytes) {
+std::uint64_t bigEndian(const char* bytes) {
     std::uint64_t number = 0;
-    for (const char byte : bytes.substr(0, numberSize)) {
-        number = number << 8 | static_cast<unsigned char>(byte);
-    }
-    return number;
+    std::memcpy(&number, bytes, numberSize);
+    return be64toh(number);
 }
 
-SqlValue realValue(std::uint64_t bits) {
-    SqlValue value;
-    if (bits != noNumber) {
-        value.type = SqlType::Real;
-        value.real = std::bit_cast<double>(bits);
-    }
-    return value;
+void readReal(std::uint64_t bits, SqlValue& value) {
+    value.type = bits != noNumber ? SqlType::Real : SqlType::Null;
+    value.real = std::bit_cast<double>(bits);
 }
 
 // From microseconds since 2000. Null for a date that the product's dates do not reach; so are those without end.
-SqlValue dateValue(std::int64_t microseconds) {
+void readDate(std::int64_t microseconds, SqlValue& value) {
     constexpr std::int64_t perDay = 86'400'000'000;
-    std::int64_t day = epoch + microseconds / perDay;
-    std::int64_t rest = microseconds % perDay;
+    std::int64_t day = microseconds / perDay;
+    std::int64_t rest = microseconds - day * perDay;
     if (rest < 0) {
         rest += perDay;
         --day;
     }
-    SqlValue value;
-    if (day >= firstDay && day <= lastDay) {
-        value.type = SqlType::Date;
-        value.real = dateFromLinearDays(day, static_cast<double>(rest) / static_cast<double>(perDay)).days;
+    day += epoch;
+    if (day < firstDay || day > lastDay) {
+        value.type = SqlType::Null;
+        return;
     }
-    return value;
+    value.type = SqlType::Date;
+    value.real = dateFromLinearDays(day, static_cast<double>(rest) / static_cast<double>(perDay)).days;
 }
 
-SqlValue textValue(std::string_view text) {
-    SqlValue value;
-    if (!text.starts_with(noText)) {
-        value.type = SqlType::Text;
-        value.text = text;
-    }
-    return value;
+void readText(std::string_view text, SqlValue& value) {
+    value.type = text.starts_with(noText) ? SqlType::Null : SqlType::Text;
+    value.text = text;
 }
 
 std::vector<std::string_view> splitList(std::string_view list) {
@@ -95,49 +82,59 @@ std::optional<PackedRows> PackedRows::make(std::string_view columns, std::string
         return std::nullopt;
     }
     PackedRows rows;
-    std::string packed;
-    std::string others;
-    std::size_t numbers = 0;
-    std::optional<std::size_t> key;
+    std::string row;
     for (std::size_t i = 0; i < names.size(); ++i) {
-        if (types[i] == SQL_TYPE_TIMESTAMP || isReal(types[i])) {
-            const bool isDate = types[i] == SQL_TYPE_TIMESTAMP;
-            rows.places_.push_back({isDate ? Kind::Date : Kind::Real, numberSize * numbers++});
-            packed += isDate
-                          ? fmt::format("coalesce(timestamp_send(CAST({} AS TIMESTAMP)), decode('{:016x}', 'hex')) || ",
-                                        names[i], static_cast<std::uint64_t>(noDate))
-                          : fmt::format("coalesce(float8send({}), decode('{:016x}', 'hex')) || ", names[i], noNumber);
-        } else if (isText(types[i]) && !key) {
-            key = i;
-            rows.places_.push_back({Kind::Text, 0});
-        } else {
-            rows.places_.push_back({Kind::OwnColumn, rows.width_++});
-            others.append(", ").append(names[i]);
+        row += i == 0 ? "" : " || ";
+        switch (types[i]) {
+            case SQL_TYPE_TIMESTAMP:
+                rows.kinds_.push_back(Kind::Date);
+                row += fmt::format("coalesce(timestamp_send(CAST({} AS TIMESTAMP)), decode('{:016x}', 'hex'))",
+                                   names[i], static_cast<std::uint64_t>(noDate));
+                break;
+            case SQL_DOUBLE:
+            case SQL_FLOAT:
+                rows.kinds_.push_back(Kind::Real);
+                row += fmt::format("coalesce(float8send({}), decode('{:016x}', 'hex'))", names[i], noNumber);
+                break;
+            case SQL_VARCHAR:
+            case SQL_LONGVARCHAR:
+            case SQL_WVARCHAR:
+            case SQL_WLONGVARCHAR:
+                rows.kinds_.push_back(Kind::Text);
+                row += fmt::format(
+                    "coalesce(textsend(CAST({} AS TEXT)) || decode('00', 'hex'), decode('{:02x}00', 'hex'))", names[i],
+                    static_cast<unsigned char>(noText));
+                break;
+            default:
+                return std::nullopt;
         }
     }
-    if (numbers == 0 || !key) {
-        return std::nullopt;
-    }
-    // Its length is what is left.
-    rows.places_[*key].at = numberSize * numbers;
-    rows.sql_ = fmt::format("SELECT {}coalesce(textsend(CAST({} AS TEXT)), decode('{:02x}', 'hex')){} FROM {}", packed,
-                            names[*key], static_cast<unsigned char>(noText), others, source);
+    rows.sql_ = fmt::format("SELECT string_agg({}, '') FROM {}", row, source);
     return rows;
 }
 
-void PackedRows::unpack(std::span<const SqlValue> packed, std::span<SqlValue> columns) const {
-    const std::string_view bytes = packed[0].type == SqlType::Blob ? packed[0].text : std::string_view();
-    for (std::size_t i = 0; i < columns.size(); ++i) {
-        const auto [kind, at] = i < places_.size() ? places_[i] : Place{Kind::OwnColumn, packed.size()};
-        columns[i] = SqlValue{};
-        if (kind == Kind::OwnColumn) {
-            columns[i] = at < packed.size() ? packed[at] : SqlValue{};
-        } else if (kind == Kind::Text) {
-            columns[i] = bytes.size() >= at ? textValue(bytes.substr(at)) : SqlValue{};
-        } else if (bytes.size() >= at + numberSize) {
-            const std::uint64_t bits = bigEndian(bytes.substr(at));
-            columns[i] = kind == Kind::Real ? realValue(bits) : dateValue(static_cast<std::int64_t>(bits));
+void PackedRows::unpack(std::string_view packed, ISqlRowSink& sink) const {
+    std::array<SqlValue, maxScanColumns> values;
+    const auto columns = std::span(values).first(kinds_.size());
+    while (!packed.empty()) {
+        for (std::size_t i = 0; i < columns.size(); ++i) {
+            // A text ends with a NUL, which no text of the database holds.
+            const bool isText = kinds_[i] == Kind::Text;
+            const std::size_t size = isText ? packed.find('\0') : numberSize;
+            const std::size_t end = isText ? size + 1 : size;
+            if (size == std::string_view::npos || end > packed.size()) {
+                throw RuntimeError(errors::typeMismatch, "The database's packed rows are damaged");
+            }
+            if (isText) {
+                readText(packed.substr(0, size), columns[i]);
+            } else if (kinds_[i] == Kind::Real) {
+                readReal(bigEndian(packed.data()), columns[i]);
+            } else {
+                readDate(static_cast<std::int64_t>(bigEndian(packed.data())), columns[i]);
+            }
+            packed.remove_prefix(end);
         }
+        sink.take(columns);
     }
 }
 

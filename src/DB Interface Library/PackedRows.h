@@ -1,7 +1,7 @@
 #pragma once
 
-// PostgreSQL's ODBC driver takes every field of a row apart as text, which costs more than all the rest of a read. In a
-// packed row the dates, the numbers and the key stand in one field, in the database's own binary form.
+// PostgreSQL's ODBC driver takes every field of every row apart as text, which costs more than all the rest of a read.
+// Here the database packs all rows into one binary value, in its own binary form.
 
 #include <sql.h>
 
@@ -18,27 +18,22 @@ namespace quelm {
 
 class PackedRows {
  public:
-    // The columns of "SELECT columns FROM source", with their SQL types. Nothing when packing them gains nothing.
+    // The rows of "SELECT columns FROM source", whose columns have these SQL types. Nothing where there are others
+    // than dates, double precision numbers and texts.
     static std::optional<PackedRows> make(std::string_view columns, std::string_view source,
                                           std::span<const SQLSMALLINT> types);
 
-    // The statement that reads the rows packed.
+    // The statement whose one value, NULL without rows, are the rows packed. Texts come in the client's encoding, which
+    // must be UTF-8.
     const std::string& sql() const { return sql_; }
-    // The columns of that statement.
-    std::size_t width() const { return width_; }
-    // The row as it was asked for; a field that cannot be read is Null. Texts are valid as long as those of packed.
-    void unpack(std::span<const SqlValue> packed, std::span<SqlValue> columns) const;
+    // Raises RuntimeError 13 when these are not such rows; those before the damage have been handed over.
+    void unpack(std::string_view packed, ISqlRowSink& sink) const;
 
  private:
-    enum class Kind : std::uint8_t { Date, Real, Text, OwnColumn };
-    struct Place {
-        Kind kind;
-        std::size_t at;  // the byte in the packed field, or the column of the statement
-    };
+    enum class Kind : std::uint8_t { Date, Real, Text };
 
     std::string sql_;
-    std::size_t width_ = 1;
-    std::vector<Place> places_;
+    std::vector<Kind> kinds_;
 };
 
 }  // namespace quelm
