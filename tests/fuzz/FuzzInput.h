@@ -1,7 +1,7 @@
 #pragma once
 
-// What the fuzz targets share: an input taken apart into the numbers and byte strings that a target wants, and a check
-// that ends the run with its reason.
+// What the fuzz targets share: the way in, with the time standing still, an input taken apart into the numbers and byte
+// strings that a target wants, and checks that end the run with their reason. A target defines runInput().
 
 #include <algorithm>
 #include <cstdint>
@@ -13,9 +13,15 @@
 #include <string_view>
 #include <vector>
 
+#include "Shared Types/RuntimeError.h"
+#include "Shared Types/TimeSource.h"
+
 namespace quelm::fuzz {
 
 using Bytes = std::span<const std::uint8_t>;
+
+// What must not be seen in any log.
+constexpr std::string_view secret = "Zq7vXk3Rw9";
 
 // Stops the run: the input that it runs is then written out as a finding.
 inline void require(bool holds, const char* what) {
@@ -23,6 +29,21 @@ inline void require(bool holds, const char* what) {
         std::fprintf(stderr, "broken promise: %s\n", what);
         std::abort();
     }
+}
+
+// Runs action; it may raise only the given numbers.
+template <class Action>
+void mayRaise(std::initializer_list<long> numbers, const char* what, Action action) {
+    try {
+        action();
+    } catch (const RuntimeError& error) {
+        require(std::find(numbers.begin(), numbers.end(), error.number()) != numbers.end(), what);
+    }
+}
+
+inline void requireOneLine(std::string_view text) {
+    require(std::none_of(text.begin(), text.end(), [](unsigned char c) { return c < ' '; }), "one line");
+    require(text.size() < 2000, "a line is of a sane length");
 }
 
 // Takes an input apart from its front. Behind the end every number is 0 and every part empty.
@@ -77,4 +98,13 @@ class ExactCopy {
     std::size_t size_;
 };
 
+void runInput(Input input);
+
 }  // namespace quelm::fuzz
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    quelm::ManualTimeSource time(quelm::Date{46348.5});
+    const quelm::ScopedTimeSource scope(time);
+    quelm::fuzz::runInput({data, size});
+    return 0;
+}

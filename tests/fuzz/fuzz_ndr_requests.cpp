@@ -1,18 +1,13 @@
 // The requests of OPC clients, as sequences of calls on every interface of one server object and all that it hands
 // out. Whatever they hold, a known method answers in full, and nothing is left when the client is gone.
 
-#include <algorithm>
-#include <memory>
-#include <string>
-#include <vector>
-
 #include "FuzzInput.h"
 #include "OPC DA/wire/Iids.h"
 #include "OPC DA/wire/OpcClassFactory.h"
 #include "OPC DA/wire/OpcGroupObject.h"
 #include "OPC DA/wire/OpcServerObject.h"
 #include "SLIK-DA/SLIKServer.h"
-#include "Shared Types/TimeSource.h"
+#include "Wire/FakeContext.h"
 
 namespace quelm::fuzz {
 namespace {
@@ -22,7 +17,6 @@ namespace wire = opcda::wire;
 using dcom::Uuid;
 using Object = std::shared_ptr<orpc::ComObject>;
 
-constexpr Uuid iidUnknown = Uuid::parse("00000000-0000-0000-C000-000000000046");
 constexpr Uuid interfaces[] = {wire::iidOpcServer,         wire::iidOpcBrowseServerAddressSpace,
                                wire::iidOpcItemProperties, wire::iidOpcCommon,
                                wire::iidOpcItemIo,         wire::iidOpcGroupStateMgt,
@@ -48,22 +42,15 @@ class Host final : public ISLIKServerEvents {
 };
 
 // Keeps what the client was given, as the exporter does: each object once, until the client lets go of it.
-class Client final : public orpc::CallContext {
+class Client final : public wire::test::FakeContext {
  public:
     dcom::HResult writeInterface(dcom::ndr::Writer& out, const Object& object, const Uuid& iid) override {
-        if (object == nullptr || (iid != iidUnknown && object->queryInterface(iid) == nullptr)) {
-            out.nullPointer();
-            return dcom::E_NOINTERFACE;
+        const dcom::HResult result = FakeContext::writeInterface(out, object, iid);
+        for (const Object& one : std::exchange(written, {})) {
+            hold(one);
         }
-        hold(object);
-        out.pointer();
-        out.u32(4);
-        out.u32(4);
-        out.u32(0x574F454D);
-        return dcom::S_OK;
+        return result;
     }
-    const dcom::rpc::Peer& peer() const override { return peer_; }
-    const std::string& account() const override { return account_; }
 
     void hold(const Object& object) {
         if (std::find(held_.begin(), held_.end(), object) == held_.end()) {
@@ -81,8 +68,6 @@ class Client final : public orpc::CallContext {
     bool holdsAny() const { return !held_.empty(); }
 
  private:
-    dcom::rpc::Peer peer_{7, "192.0.2.9:50000", "192.0.2.1", 49200};
-    std::string account_ = "PLANT\\historian";
     std::vector<Object> held_;
 };
 
@@ -158,15 +143,12 @@ class Plant {
 };
 
 }  // namespace
-}  // namespace quelm::fuzz
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    quelm::ManualTimeSource time(quelm::Date{46348.5});
-    const quelm::ScopedTimeSource scope(time);
-    quelm::fuzz::Input input(data, size);
-    quelm::fuzz::Plant plant;
+void runInput(Input input) {
+    Plant plant;
     for (int steps = 0; steps < 60 && !input.empty(); ++steps) {
         plant.step(input);
     }
-    return 0;
 }
+
+}  // namespace quelm::fuzz

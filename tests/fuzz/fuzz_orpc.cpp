@@ -2,9 +2,8 @@
 // all is over, no object is left behind.
 
 #include <memory>
-#include <string>
-#include <vector>
 
+#include "Bytes.h"
 #include "DCOM/orpc/ActivationHandler.h"
 #include "DCOM/orpc/ObjectExporter.h"
 #include "DCOM/orpc/OrpcHandler.h"
@@ -105,7 +104,7 @@ class Plant {
     }
 
  private:
-    using Data = std::vector<std::uint8_t>;
+    using Data = test::Bytes;
 
     // The identifiers count up, so that an input can name them.
     Uuid objectOf(std::uint8_t opnum) const {
@@ -118,20 +117,14 @@ class Plant {
 
     // Most calls begin with a right header, and the one IPID that a parameter begins with is one that exists.
     Data withHeader(std::uint8_t choice, Input& input) {
-        Data stub;
+        test::Builder stub;
         if ((choice & 128) == 0) {
-            dcom::ndr::Writer writer(stub);
-            writer.u16(orpc::comMajorVersion);
-            writer.u16(orpc::comMinorVersion);
-            writer.bytes(Data(28));
+            stub.u16(orpc::comMajorVersion).u16(orpc::comMinorVersion).add(Data(28));
         }
         if ((choice & 64) != 0) {
-            const Uuid object = objectOf(static_cast<std::uint8_t>(1 + (input.u8() & 3)) << 4 & 0xFF);
-            stub.insert(stub.end(), object.bytes.begin(), object.bytes.end());
+            stub.add(objectOf(static_cast<std::uint8_t>(1 + (input.u8() & 3)) << 4 & 0xFF).bytes);
         }
-        const Bytes part = input.part();
-        stub.insert(stub.end(), part.begin(), part.end());
-        return stub;
+        return stub.add(input.part()).data();
     }
 
     void call(rpc::CallHandler& handler, std::size_t client, std::uint8_t choice, std::uint8_t opnum,
@@ -189,16 +182,15 @@ class Plant {
 };
 
 }  // namespace
-}  // namespace quelm::fuzz
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    quelm::fuzz::Input input(data, size);
+void runInput(Input input) {
     {
-        quelm::fuzz::Plant plant;
+        Plant plant;
         for (int steps = 0; steps < 100 && !input.empty(); ++steps) {
             plant.step(input);
         }
     }
-    quelm::fuzz::require(quelm::fuzz::Dummy::alive == 0, "no object outlives the exporter");
-    return 0;
+    require(Dummy::alive == 0, "no object outlives the exporter");
 }
+
+}  // namespace quelm::fuzz

@@ -2,33 +2,21 @@
 // wherever the network cuts it, the same calls are carried out, the same replies are sent, and no call gets through
 // below the minimum level.
 
-#include <optional>
-#include <string>
-#include <vector>
-
 #include "DCOM/HResult.h"
+#include "DCOM/ntlm/AccountTable.h"
 #include "DCOM/rpc/ServerConnection.h"
 #include "FuzzInput.h"
 #include "Rpc/RpcClient.h"
-#include "Shared Types/TimeSource.h"
 
 namespace quelm::fuzz {
 namespace {
 
 namespace rpc = dcom::rpc;
 namespace ntlm = dcom::ntlm;
-using rpc::test::Data;
-using Kind = rpc::test::NtlmLogOn::Kind;
+using namespace rpc::test;
+using Kind = NtlmLogOn::Kind;
 
 constexpr std::uint16_t openOpnum = 5;  // needs no log-on
-
-class OneAccount final : public ntlm::AccountStore {
- public:
-    std::optional<ntlm::NtHash> find(std::string_view, std::string_view user) const override {
-        static const ntlm::NtHash hash = ntlm::ntHash("secret");
-        return user == "opc" ? std::optional(hash) : std::nullopt;
-    }
-};
 
 // Replies with what it got, once or many times over, and writes down what it was asked.
 class Handler final : public rpc::CallHandler {
@@ -36,7 +24,7 @@ class Handler final : public rpc::CallHandler {
     explicit Handler(rpc::AuthLevel minimum) : minimum_(minimum) {}
 
     bool supports(const dcom::Uuid& interfaceId, std::uint16_t, std::uint16_t) override {
-        return interfaceId == rpc::test::interfaceA || interfaceId == rpc::test::interfaceB;
+        return interfaceId == interfaceA || interfaceId == interfaceB;
     }
     bool allowsUnauthenticated(const dcom::Uuid&, std::uint16_t opnum) override { return opnum == openOpnum; }
     std::uint32_t call(const rpc::Call& call, dcom::ndr::Writer& reply) override {
@@ -62,79 +50,65 @@ class Handler final : public rpc::CallHandler {
     rpc::AuthLevel minimum_;
 };
 
-struct Outcome {
-    Data calls;
-    Data output;
-    bool closing = false;
-
-    bool operator==(const Outcome&) const = default;
-};
-
 class Session {
  public:
-    explicit Session(rpc::AuthLevel minimum) : settings_{accounts_, {}, minimum, 20'000, 30'000, {}, {}} {
+    explicit Session(rpc::AuthLevel minimum)
+        : settings_{accounts_, {}, minimum, 20'000, 30'000, {}, {}}, handler_(minimum) {
+        accounts_.add("*", "opc", ntlm::ntHash("secret"));
         settings_.logOn.computerName = "SERVER";
         settings_.logOn.domainName = "PLANT";
         settings_.challenge = {1, 2, 3, 4, 5, 6, 7, 8};
-        settings_.onRefused = [](const rpc::Refusal& refusal) {
-            const std::string line = refusal.line();
-            require(line.size() < 1000, "a refusal's line is of a sane length");
-            require(std::none_of(line.begin(), line.end(), [](unsigned char c) { return c < ' '; }),
-                    "a refusal is one line");
-        };
-        handler_.emplace(minimum);
-        connection_.emplace(settings_, *handler_, rpc::Peer{1, "192.0.2.7:51234", "192.0.2.1", 135});
+        settings_.onRefused = [](const rpc::Refusal& refusal) { requireOneLine(refusal.line()); };
     }
 
     // Feeds everything, however little is taken at a time, and takes the output away.
     void feed(Bytes data) {
         ExactCopy copy(data);
         Bytes left = copy.bytes();
-        while (!connection_->closing()) {
-            const std::size_t taken = connection_->feed(left);
+        while (!connection_.closing()) {
+            const std::size_t taken = connection_.feed(left);
             left = left.subspan(taken);
             drain();
             if (left.empty()) {
                 break;
             }
-            require(taken > 0 || connection_->closing(), "input is taken once the output is gone");
+            require(taken > 0 || connection_.closing(), "input is taken once the output is gone");
         }
     }
 
     // The challenge's token when the log-on went through so far.
     Data feedForToken(const Data& pdu) {
-        const std::size_t before = outcome_.output.size();
+        const std::size_t before = output_.size();
         feed(pdu);
-        const auto replies = rpc::test::splitReplies(std::span(outcome_.output).subspan(before));
+        const auto replies = splitReplies(std::span(output_).subspan(before));
         return replies.size() == 1 && replies[0].header.authLength > 48 ? replies[0].token() : Data{};
     }
 
-    Outcome finish() {
-        outcome_.calls = handler_->calls;
-        outcome_.closing = connection_->closing();
-        for (const auto& reply : rpc::test::splitReplies(outcome_.output)) {
+    // All that became of it.
+    Data finish() const {
+        for (const auto& reply : splitReplies(output_)) {
             require(!reply.raw.empty(), "the output is a row of whole PDUs");
         }
-        return outcome_;
+        return Builder().add(handler_.calls).add(output_).u8(connection_.closing()).data();
     }
 
  private:
     void drain() {
         do {
-            const auto output = connection_->output();
-            outcome_.output.insert(outcome_.output.end(), output.begin(), output.end());
-            connection_->sent(output.size());
-            if (connection_->waiting()) {
-                connection_->process();
+            const auto output = connection_.output();
+            output_.insert(output_.end(), output.begin(), output.end());
+            connection_.sent(output.size());
+            if (connection_.waiting()) {
+                connection_.process();
             }
-        } while (!connection_->output().empty());
+        } while (!connection_.output().empty());
     }
 
-    OneAccount accounts_;
+    ntlm::AccountTable accounts_;
     rpc::ServerSettings settings_;
-    std::optional<Handler> handler_;
-    std::optional<rpc::ServerConnection> connection_;
-    Outcome outcome_;
+    Handler handler_;
+    rpc::ServerConnection connection_{settings_, handler_, rpc::Peer{1, "192.0.2.7:51234", "192.0.2.1", 135}};
+    Data output_;
 };
 
 struct LogOn {
@@ -143,20 +117,19 @@ struct LogOn {
     std::uint32_t securityId;
 };
 
-bool logOn(Session& session, rpc::test::NtlmLogOn& client, const LogOn& how, rpc::PduType type) {
-    const std::vector<rpc::test::Offer> offers{{0, rpc::test::interfaceA}, {1, rpc::test::interfaceB}};
-    const Data challenge = session.feedForToken(
-        rpc::test::pdu(type, 3, 1, rpc::test::bindBody(offers, 2000), {how.level, how.securityId, client.negotiate()}));
+bool logOn(Session& session, NtlmLogOn& client, const LogOn& how, rpc::PduType type) {
+    const std::vector<Offer> offers{{0, interfaceA}, {1, interfaceB}};
+    const Data challenge =
+        session.feedForToken(pdu(type, 3, 1, bindBody(offers, 2000), {how.level, how.securityId, client.negotiate()}));
     if (challenge.empty()) {
         return false;
     }
-    session.feed(rpc::test::pdu(rpc::PduType::Auth3, 3, 1, Data(4),
-                                {how.level, how.securityId, client.authenticate(challenge)}));
+    session.feed(pdu(rpc::PduType::Auth3, 3, 1, Data(4), {how.level, how.securityId, client.authenticate(challenge)}));
     return true;
 }
 
 // Raw bytes as they stand.
-Outcome runStream(rpc::AuthLevel minimum, Bytes stream, unsigned cut) {
+Data runStream(rpc::AuthLevel minimum, Bytes stream, unsigned cut) {
     Session session(minimum);
     for (std::size_t at = 0; at < stream.size();) {
         const std::size_t size = cut == 0 ? stream.size() : std::min<std::size_t>(stream.size() - at, 1 + at % cut);
@@ -169,7 +142,7 @@ Outcome runStream(rpc::AuthLevel minimum, Bytes stream, unsigned cut) {
 // Behind a bind and log-on: PDUs with a right header, rightly protected calls, log-ons, raw bytes.
 void runSession(rpc::AuthLevel minimum, const LogOn& how, Input& input) {
     Session session(minimum);
-    rpc::test::NtlmLogOn client(how.kind, "opc", "secret");
+    NtlmLogOn client(how.kind, "opc", "secret");
     if (!logOn(session, client, how, rpc::PduType::Bind)) {
         return;
     }
@@ -178,34 +151,31 @@ void runSession(rpc::AuthLevel minimum, const LogOn& how, Input& input) {
         const unsigned flags = input.u8();
         const std::uint8_t choice = input.u8();
         const Bytes part = input.part();
-        rpc::test::CallParts call{};
-        call.callId = 2;
+        CallParts call{.callId = 2, .opnum = static_cast<std::uint16_t>(choice & 15), .flags = flags};
         call.contextId = choice >> 4;
-        call.opnum = choice & 15;
-        call.flags = flags;
         call.stub.assign(part.begin(), part.end());
         if ((flags & rpc::flagObject) != 0) {
-            call.object = rpc::test::interfaceA;
+            call.object = interfaceA;
         }
         switch (kind) {
             case 0:
                 session.feed(part);
                 break;
             case 1:
-                session.feed(rpc::test::pdu(static_cast<rpc::PduType>(choice), flags, 2, Data(part.begin(), part.end()),
-                                            {flags >> 4U & 7U, how.securityId, Data(16)}));
+                session.feed(pdu(static_cast<rpc::PduType>(choice), flags, 2, Data(part.begin(), part.end()),
+                                 {flags >> 4U & 7U, how.securityId, Data(16)}));
                 break;
             case 2:
                 if (how.kind == Kind::V2) {
-                    session.feed(rpc::test::protectedRequest(call, how.level, how.securityId, client));
+                    session.feed(protectedRequest(call, how.level, how.securityId, client));
                     break;
                 }
                 [[fallthrough]];
             case 3:
-                session.feed(rpc::test::request(call, how.kind == Kind::V1 ? how.level : 0, how.securityId));
+                session.feed(request(call, how.kind == Kind::V1 ? how.level : 0, how.securityId));
                 break;
             default: {
-                rpc::test::NtlmLogOn other(Kind::V2, (choice & 1) != 0 ? "opc" : "nobody", "secret");
+                NtlmLogOn other(Kind::V2, (choice & 1) != 0 ? "opc" : "nobody", "secret");
                 const std::uint32_t id = (choice & 2) != 0 ? how.securityId : 8;
                 logOn(session, other, {5U + (choice >> 2U & 1U), Kind::V2, id}, rpc::PduType::AlterContext);
                 break;
@@ -214,6 +184,8 @@ void runSession(rpc::AuthLevel minimum, const LogOn& how, Input& input) {
     }
     session.finish();
 }
+
+}  // namespace
 
 void runInput(Input input) {
     const std::uint8_t mode = input.u8();
@@ -229,12 +201,4 @@ void runInput(Input input) {
     runSession(minimum, ways[variant % std::size(ways)], input);
 }
 
-}  // namespace
 }  // namespace quelm::fuzz
-
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    quelm::ManualTimeSource time(quelm::Date{46348.5});
-    const quelm::ScopedTimeSource scope(time);
-    quelm::fuzz::runInput({data, size});
-    return 0;
-}

@@ -1,15 +1,10 @@
 // The system INI file. Damage costs the entry that it stands in: entries before and behind it are read as they are.
 
+#include <sys/mman.h>
 #include <unistd.h>
-
-#include <algorithm>
-#include <cstdio>
-#include <string>
-#include <vector>
 
 #include "DB Interface Library/SystemINI.h"
 #include "FuzzInput.h"
-#include "Shared Types/RuntimeError.h"
 
 namespace quelm::fuzz {
 namespace {
@@ -19,24 +14,15 @@ constexpr std::string_view before =
 constexpr std::string_view behind = "\n[DAHS.Xk3]\nSiteID=last\nDAHSID=2\nComputer=quelm01\nConnection2=x;y=\"z\"\n";
 
 // In memory, and of this process only.
-class TemporaryFile {
- public:
-    TemporaryFile() : path_("/dev/shm/quelm_fuzz_ini_" + std::to_string(getpid())) {}
-    ~TemporaryFile() { std::remove(path_.c_str()); }
-    TemporaryFile(const TemporaryFile&) = delete;
-    TemporaryFile& operator=(const TemporaryFile&) = delete;
+int file() {
+    static const int descriptor = memfd_create("system_ini", MFD_CLOEXEC);
+    return descriptor;
+}
 
-    const std::string& path() const { return path_; }
-    void write(const std::string& text) const {
-        std::FILE* file = std::fopen(path_.c_str(), "wb");
-        require(file != nullptr, "a file to write to");
-        require(std::fwrite(text.data(), 1, text.size(), file) == text.size(), "room for the file");
-        std::fclose(file);
-    }
-
- private:
-    std::string path_;
-};
+void write(const std::string& text) {
+    require(ftruncate(file(), 0) == 0, "a file to write to");
+    require(pwrite(file(), text.data(), text.size(), 0) == static_cast<ssize_t>(text.size()), "room for the file");
+}
 
 const DAHSEntry* entryOf(const SystemINI& ini, std::string_view site) {
     for (const DAHSEntry& entry : ini.AllDAHS()) {
@@ -52,13 +38,11 @@ void readAlone(SystemINI& ini) {
     for (const DAHSEntry& entry : ini.AllDAHS()) {
         require(!entry.SiteID.empty(), "every entry has a site");
     }
-    try {
+    mayRaise({errors::objectNotSet}, "nothing selected and nothing else", [&] {
         const bool selected = ini.SelectDAHS(0, true);
         const DAHSEntry& entry = ini.SelectedDAHS();
         require(selected && entryOf(ini, entry.SiteID) != nullptr, "what is selected is an entry");
-    } catch (const RuntimeError& error) {
-        require(error.number() == errors::objectNotSet, "nothing selected and nothing else");
-    }
+    });
 }
 
 void readBetweenSoundEntries(SystemINI& ini) {
@@ -78,30 +62,25 @@ bool mentions(const std::string& text, std::initializer_list<std::string_view> w
                        [&text](std::string_view word) { return text.find(word) != std::string::npos; });
 }
 
+}  // namespace
+
 void runInput(Input input) {
-    static const TemporaryFile file;
     const Bytes rest = input.rest();
     const std::string text(rest.begin(), rest.end());
-    SystemINI ini(file.path(), "quelm01.plant.example", [](std::string_view line) {
+    SystemINI ini("/proc/self/fd/" + std::to_string(file()), "quelm01.plant.example", [](std::string_view line) {
         require(line.find_first_of("\r\n") == std::string_view::npos, "a problem is one line");
         require(line.size() < 2000, "a problem is of a sane length");
     });
-    file.write(text);
+    write(text);
     readAlone(ini);
     // Between two sound entries, as a damaged one of its own.
     std::string folded = text;
     std::transform(folded.begin(), folded.end(), folded.begin(),
                    [](unsigned char c) { return static_cast<char>(c >= 'A' && c <= 'Z' ? c + 32 : c); });
     if (text.starts_with('[') && !mentions(folded, {"system", "zq7", "xk3", "first", "last"})) {
-        file.write(std::string(before) + text + std::string(behind));
+        write(std::string(before) + text + std::string(behind));
         readBetweenSoundEntries(ini);
     }
 }
 
-}  // namespace
 }  // namespace quelm::fuzz
-
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    quelm::fuzz::runInput({data, size});
-    return 0;
-}

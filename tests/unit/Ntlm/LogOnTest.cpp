@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <cstring>
+
 #include "DCOM/ntlm/AccountTable.h"
 #include "DCOM/ntlm/ServerContext.h"
 #include "NtlmClient.h"
@@ -8,14 +10,7 @@
 namespace quelm::dcom::ntlm {
 namespace {
 
-using test::Buffer;
-using test::connectFlags;
-using test::fromHex;
-using test::negotiate;
-using test::NtlmClient;
-using test::sealingFlags;
-using test::toHex;
-using test::Type3;
+using namespace test;
 
 class LogOn : public ::testing::Test {
  protected:
@@ -54,42 +49,22 @@ class LogOn : public ::testing::Test {
     ServerSettings settings{"ROUTER7", "WORKGROUP", "router7.plant.example", "plant.example", false, false};
     ServerContext server{accounts, settings, Nonce{1, 2, 3, 4, 5, 6, 7, 8}};
     Buffer type1;
+    NtlmClient historian{"PLANT", "Historian", "Secret 1"};
 };
 
-TEST_F(LogOn, ChallengeNamesTheServerAndTheTime) {
-    EXPECT_EQ(toHex(challenged()),
-              "4e544c4d53535000"
-              "02000000"
-              "0e000e0038000000"
-              "35828ae0"
-              "0102030405060708"
-              "0000000000000000"
-              "8400840046000000"
-              "060100000000000f"
-              "52004f0055005400450052003700"
-              "02001200"
-              "57004f0052004b00470052004f0055005000"
-              "01000e00"
-              "52004f0055005400450052003700"
-              "04001a00"
-              "70006c0061006e0074002e006500780061006d0070006c006500"
-              "03002a00"
-              "72006f00750074006500720037002e0070006c0061006e0074002e006500780061006d0070006c006500"
-              "07000800"
-              "00a0f6ff787add01"
-              "00000000");
-}
-
-TEST_F(LogOn, GrantsWhatIsAskedAndAlwaysExtendedSessionSecurity) {
-    struct Case {
-        std::uint32_t asked;
-        const char* granted;  // as they stand in the message
-    };
-    for (const Case& c :
-         {Case{sealingFlags, "35828ae0"}, Case{connectFlags, "05828aa0"}, Case{flags::unicode, "05828a00"},
-          Case{flags::unicode | flags::version, "05828a02"}, Case{flags::unicode | 0x40 | 0x80, "05828a00"}}) {
-        EXPECT_EQ(toHex(Bytes(challenged(c.asked)).subspan(20, 4)), c.granted);
-    }
+TEST_F(LogOn, ChallengeNamesTheServerAndTheTimeAndGrantsWhatIsAsked) {
+    EXPECT_HEX(challenged(),
+               "4E544C4D53535000 02000000 0E000E0038000000 35828AE0 0102030405060708 0000000000000000"
+               "8400840046000000 060100000000000F 52004F0055005400450052003700"
+               "0200 1200 57004F0052004B00470052004F0055005000"
+               "0100 0E00 52004F0055005400450052003700"
+               "0400 1A00 70006C0061006E0074002E006500780061006D0070006C006500"
+               "0300 2A00 72006F00750074006500720037002E0070006C0061006E0074002E006500780061006D0070006C006500"
+               "0700 0800 00A0F6FF787ADD01"
+               "0000 0000");
+    EXPECT_HEX(Bytes(challenged(connectFlags)).subspan(20, 4), "05828AA0");
+    // Extended session security is always on, keys for LM never.
+    EXPECT_HEX(Bytes(challenged(flags::unicode | flags::version | 0x40 | 0x80)).subspan(20, 4), "05828A02");
 }
 
 TEST_F(LogOn, EveryLogOnHasAChallengeOfItsOwn) {
@@ -143,33 +118,30 @@ TEST_F(LogOn, NtlmV1WithExtendedSessionSecurityOnlyWhereAllowed) {
 
 TEST_F(LogOn, AnonymousOnlyWhereAllowed) {
     for (const std::size_t lmSize : {0U, 1U}) {
-        settings.allowAnonymous = false;
         const Buffer answer = encode(Type3{connectFlags, Buffer(lmSize), {}, "", "", {}, false});
-        challenged(connectFlags);
-        EXPECT_EQ(server.authenticate(answer), "anonymous access is not allowed");
-        EXPECT_FALSE(server.authenticated());
-        settings.allowAnonymous = true;
-        challenged(connectFlags);
-        EXPECT_EQ(server.authenticate(answer), "");
-        EXPECT_TRUE(server.authenticated());
-        EXPECT_EQ(server.account(), "");
+        for (const bool allowed : {false, true}) {
+            settings.allowAnonymous = allowed;
+            challenged(connectFlags);
+            EXPECT_EQ(server.authenticate(answer), allowed ? "" : "anonymous access is not allowed");
+            EXPECT_EQ(server.authenticated(), allowed);
+            EXPECT_EQ(server.account(), "");
+        }
     }
 }
 
 TEST_F(LogOn, NamesTheReasonOfARefusal) {
     settings.allowNtlmV1Ess = true;
-    struct Case {
+    const struct {
         const char* domain;
         const char* user;
         const char* password;
         const char* reason;
+    } cases[] = {
+        {"PLANT", "Historian", "Secret 2", "wrong password"}, {"", "Historian", "Secret 1", "wrong domain"},
+        {"OFFICE", "historian", "Secret 1", "wrong domain"},  {"*", "Historian", "Secret 1", "wrong domain"},
+        {"PLANT", "Historia", "Secret 1", "unknown account"}, {"", "Display", "Secret 2", ""},
     };
-    for (const Case& c :
-         {Case{"PLANT", "Historian", "Secret 2", "wrong password"}, Case{"PLANT", "Historian", "", "wrong password"},
-          Case{"", "Historian", "Secret 1", "wrong domain"}, Case{"OFFICE", "historian", "Secret 1", "wrong domain"},
-          Case{"PLANT", "Historia", "Secret 1", "unknown account"}, Case{"*", "Historian", "Secret 1", "wrong domain"},
-          Case{"OFFICE", "Display", "Secret 1", "wrong password"}, Case{"OFFICE", "Display", "Secret 2", ""},
-          Case{"", "Display", "Secret 2", ""}}) {
+    for (const auto& c : cases) {
         NtlmClient client(c.domain, c.user, c.password);
         EXPECT_EQ(server.authenticate(client.answerV2(challenged())), c.reason) << c.domain << c.user;
         EXPECT_EQ(server.authenticated(), *c.reason == '\0');
@@ -184,48 +156,59 @@ TEST_F(LogOn, NeverAcceptsWhatIsWeakerThanTheSettingsCanAllow) {
     const Buffer key(16, 0x33);
     Buffer nonce = fromHex("aaaaaaaaaaaaaaaa");
     nonce.resize(24);
-    struct Case {
+    const char* never = "plain NTLMv1 is never allowed";
+    const char* lmOnly = "LM and LMv2 are never allowed";
+    const char* malformed = "malformed message";
+    const struct {
         Type3 message;
         const char* reason;
+    } cases[] = {
+        {{agreed, answer24, answer24, "PLANT", "Historian", key}, never},
+        {{agreed & ~flags::extendedSessionSecurity, nonce, answer24, "PLANT", "Historian", key}, never},
+        {{agreed, {}, answer24, "PLANT", "Historian", key}, never},
+        {{agreed, answer24, {}, "PLANT", "Historian", key}, lmOnly},
+        {{agreed, {}, {}, "PLANT", "Historian", key}, lmOnly},
+        {{agreed, answer24, {}, "PLANT", "", key}, lmOnly},
+        {{agreed, nonce, answer24, "PLANT", "Historian", key}, "wrong password"},
+        {{agreed & ~flags::unicode, nonce, answer24, "PLANT", "Historian", key}, malformed},
+        {{agreed, {}, Buffer(43, 1), "PLANT", "Historian", key}, malformed},
+        {{agreed, {}, Buffer(44, 1), "PLANT", "Historian", key}, "wrong password"},
+        {{agreed, {}, Buffer(47, 1), "PLANT", "Historian", key}, malformed},
+        {{agreed, {}, Buffer(60, 1), "PLANT", "Historian", key}, malformed},
+        {{agreed, nonce, answer24, "PLANT", std::string(257, 'u'), key}, malformed},
     };
-    for (const Case& c : {
-             Case{{agreed, answer24, answer24, "PLANT", "Historian", key}, "plain NTLMv1 is never allowed"},
-             Case{{agreed & ~flags::extendedSessionSecurity, nonce, answer24, "PLANT", "Historian", key},
-                  "plain NTLMv1 is never allowed"},
-             Case{{agreed, {}, answer24, "PLANT", "Historian", key}, "plain NTLMv1 is never allowed"},
-             Case{{agreed, answer24, {}, "PLANT", "Historian", key}, "LM and LMv2 are never allowed"},
-             Case{{agreed, {}, {}, "PLANT", "Historian", key}, "LM and LMv2 are never allowed"},
-             Case{{agreed, answer24, {}, "PLANT", "", key}, "LM and LMv2 are never allowed"},
-             Case{{agreed, nonce, answer24, "PLANT", "Historian", key}, "wrong password"},
-             Case{{agreed & ~flags::unicode, nonce, answer24, "PLANT", "Historian", key}, "malformed message"},
-             Case{{agreed, {}, Buffer(43, 1), "PLANT", "Historian", key}, "malformed message"},
-             Case{{agreed, {}, Buffer(44, 1), "PLANT", "Historian", key}, "wrong password"},
-             Case{{agreed, {}, Buffer(47, 1), "PLANT", "Historian", key}, "malformed message"},
-             Case{{agreed, {}, Buffer(60, 1), "PLANT", "Historian", key}, "malformed message"},
-             Case{{agreed, nonce, answer24, "PLANT", std::string(257, 'u'), key}, "malformed message"},
-         }) {
+    for (const auto& c : cases) {
         challenged();
         EXPECT_EQ(server.authenticate(encode(c.message)), c.reason);
         EXPECT_FALSE(server.authenticated() || server.canSign() || server.canSeal());
     }
 }
 
-TEST_F(LogOn, ACutAnswerNeverLogsOn) {
-    NtlmClient client("PLANT", "Historian", "Secret 1");
-    const Buffer challenge = challenged();
-    const Buffer whole = client.answerV2(challenge, type1);
-    for (std::size_t size = 0; size < whole.size(); ++size) {
+TEST_F(LogOn, CutAnswersAndPlacesOutsideThemAreMalformed) {
+    const Buffer whole = historian.answerV2(challenged(), type1);
+    const auto expectMalformed = [this](const Buffer& bad, std::size_t where) {
         challenged();
+        EXPECT_EQ(server.authenticate(bad), "malformed message") << where;
+    };
+    for (std::size_t size = 0; size < whole.size(); ++size) {
         // An own allocation of just that size, so that a read beyond its end is noticed.
-        const Buffer cut(whole.begin(), whole.begin() + static_cast<std::ptrdiff_t>(size));
-        EXPECT_EQ(server.authenticate(cut), "malformed message") << size;
+        expectMalformed(Buffer(whole.begin(), whole.begin() + static_cast<std::ptrdiff_t>(size)), size);
+    }
+    for (const std::size_t field : {12U, 20U, 28U, 36U, 44U, 52U}) {
+        for (const std::uint32_t offset : {0U, 0x3FU, 0xFFFFFFFFU, 0xFFFFFFF0U, 0x1000U}) {
+            Buffer bad = whole;
+            std::memcpy(&bad[field + 4], &offset, sizeof offset);
+            expectMalformed(bad, field);
+        }
+        Buffer bad = whole;
+        bad[field] = bad[field + 1] = 0xFF;
+        expectMalformed(bad, field);
     }
 }
 
 TEST_F(LogOn, AnyChangedBitIsNoticed) {
-    NtlmClient client("PLANT", "Historian", "Secret 1");
     const Buffer challenge = challenged();
-    const Buffer whole = client.answerV2(challenge, type1);
+    const Buffer whole = historian.answerV2(challenge, type1);
     for (std::size_t at = 0; at < whole.size(); ++at) {
         challenged();
         Buffer altered = whole;
@@ -242,76 +225,56 @@ TEST_F(LogOn, AnyChangedBitIsNoticed) {
     EXPECT_NE(server.authenticate(whole), "");
 }
 
-TEST_F(LogOn, PlacesOutsideTheMessageAreMalformed) {
-    NtlmClient client("PLANT", "Historian", "Secret 1");
-    const Buffer whole = client.answerV2(challenged());
-    for (const std::size_t field : {12U, 20U, 28U, 36U, 44U, 52U}) {
-        for (const char* offset : {"00000000", "3f000000", "ffffffff", "f0ffffff", "00100000"}) {
-            Buffer bad = whole;
-            const Buffer bytes = fromHex(offset);
-            std::copy(bytes.begin(), bytes.end(), bad.begin() + static_cast<std::ptrdiff_t>(field) + 4);
-            challenged();
-            EXPECT_EQ(server.authenticate(bad), "malformed message") << field << ' ' << offset;
-        }
-        Buffer bad = whole;
-        bad[field] = bad[field + 1] = 0xff;
-        challenged();
-        EXPECT_EQ(server.authenticate(bad), "malformed message") << field;
-    }
-}
-
 TEST_F(LogOn, EachChallengeTakesOneAnswer) {
-    NtlmClient good("PLANT", "Historian", "Secret 1");
     NtlmClient wrong("PLANT", "Historian", "guess");
     EXPECT_EQ(server.authenticate(fromHex("4e544c4d53535000 03000000")), "message out of turn");
     const Buffer challenge = challenged();
     EXPECT_EQ(server.authenticate(wrong.answerV2(challenge)), "wrong password");
-    EXPECT_EQ(server.authenticate(good.answerV2(challenge)), "message out of turn");
+    EXPECT_EQ(server.authenticate(historian.answerV2(challenge)), "message out of turn");
     EXPECT_FALSE(server.authenticated());
-    EXPECT_EQ(server.authenticate(good.answerV2(challenged())), "");
+    EXPECT_EQ(server.authenticate(historian.answerV2(challenged())), "");
     // A stray answer after the log-on changes nothing.
-    EXPECT_EQ(server.authenticate(good.answerV2(challenge)), "message out of turn");
+    EXPECT_EQ(server.authenticate(historian.answerV2(challenge)), "message out of turn");
     EXPECT_TRUE(server.authenticated());
 }
 
 TEST_F(LogOn, AlteredRepeatedOrSwappedMessagesDoNotVerify) {
+    const auto logOn = [&] { ASSERT_EQ(server.authenticate(historian.answerV2(challenged())), ""); };
+    logOn();
     const Buffer text = fromHex("0102030405060708");
-    for (const int fault : {0, 1, 2, 3, 4}) {
-        NtlmClient client("PLANT", "Historian", "Secret 1");
-        ASSERT_EQ(server.authenticate(client.answerV2(challenged())), "");
-        Buffer message = text;
-        ServerContext::Signature signature;
-        ServerContext::Signature second;
-        client.security().sign(message, signature);
-        client.security().sign(message, second);
-        if (fault == 0) {
-            message[3] ^= 1;
-        } else if (fault == 1) {
-            signature[5] ^= 1;
-        } else if (fault == 2) {
-            signature[12] ^= 1;
-        } else if (fault == 3) {
-            signature = second;
-        } else {
-            EXPECT_TRUE(server.verify(message, signature));
-        }
-        EXPECT_FALSE(server.verify(message, signature)) << fault;
-        EXPECT_FALSE(server.verify(message, Bytes(signature).first(15)));
+    Buffer altered = text;
+    altered[3] ^= 1;
+    ServerContext::Signature first;
+    ServerContext::Signature second;
+    historian.security().sign(text, first);
+    historian.security().sign(text, second);
+    ServerContext::Signature otherChecksum = first;
+    otherChecksum[5] ^= 1;
+    ServerContext::Signature otherNumber = first;
+    otherNumber[12] ^= 1;
+    for (const auto& [message, signature] :
+         {std::pair{altered, first}, {text, otherChecksum}, {text, otherNumber}, {text, second}}) {
+        logOn();
+        EXPECT_FALSE(server.verify(message, signature));
     }
+    logOn();
+    EXPECT_FALSE(server.verify(text, Bytes(first).first(15)));
+    logOn();
+    EXPECT_TRUE(server.verify(text, first));
+    EXPECT_FALSE(server.verify(text, first));
 }
 
 TEST_F(LogOn, WithoutKeysNothingVerifiesAndNothingLeaves) {
     settings.allowNtlmV1Ess = true;
-    NtlmClient client("PLANT", "Historian", "Secret 1");
-    ASSERT_EQ(server.authenticate(client.answerV1Ess(challenged(connectFlags))), "");
+    ASSERT_EQ(server.authenticate(historian.answerV1Ess(challenged(connectFlags))), "");
     Buffer message = fromHex("0102030405060708");
     ServerContext::Signature signature;
     server.sign(message, signature);
-    EXPECT_EQ(toHex(signature), "01000000000000000000000000000000");
+    EXPECT_HEX(signature, "01000000000000000000000000000000");
     EXPECT_FALSE(server.verify(message, signature));
     EXPECT_FALSE(server.unseal(message, message, signature));
     server.seal(message, std::span(message).subspan(4), signature);
-    EXPECT_EQ(toHex(message), "0102030400000000");
+    EXPECT_HEX(message, "0102030400000000");
 }
 
 TEST_F(LogOn, ARefusedNameCannotWriteLogLines) {

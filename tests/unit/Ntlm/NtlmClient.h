@@ -8,47 +8,20 @@
 #include <string>
 #include <vector>
 
+#include "Bytes.h"
 #include "DCOM/ntlm/Crypto.h"
 #include "DCOM/ntlm/MessageSecurity.h"
 #include "Shared Types/Utf.h"
 
 namespace quelm::dcom::ntlm::test {
 
-using Buffer = std::vector<std::uint8_t>;
-
-inline Buffer fromHex(std::string_view hex) {
-    Buffer bytes;
-    std::string digits;
-    for (const char c : hex) {
-        if (c != ' ' && (digits += c).size() == 2) {
-            bytes.push_back(static_cast<std::uint8_t>(std::stoi(digits, nullptr, 16)));
-            digits.clear();
-        }
-    }
-    return bytes;
-}
-
-inline std::string toHex(Bytes bytes) {
-    std::string hex;
-    for (const std::uint8_t byte : bytes) {
-        hex += "0123456789abcdef"[byte >> 4];
-        hex += "0123456789abcdef"[byte & 15];
-    }
-    return hex;
-}
+using Buffer = quelm::test::Bytes;
+using quelm::test::Builder;
+using quelm::test::fromHex;
+using quelm::test::toHex;
 
 inline Buffer utf16(std::string_view text) {
     return littleEndian(utf8ToUtf16(text));
-}
-
-inline void put(Buffer& out, std::uint64_t value, int bytes) {
-    for (int i = 0; i < bytes; ++i) {
-        out.push_back(static_cast<std::uint8_t>(value >> 8 * i));
-    }
-}
-
-inline void put(Buffer& out, Bytes bytes) {
-    out.insert(out.end(), bytes.begin(), bytes.end());
 }
 
 // What a signing and sealing client on NTLMv2 asks for, and what one on CONNECT level with NTLMv1 asks for.
@@ -56,10 +29,7 @@ inline constexpr std::uint32_t sealingFlags = 0xE0888235;
 inline constexpr std::uint32_t connectFlags = 0xA0088207;
 
 inline Buffer negotiate(std::uint32_t asked) {
-    Buffer out = fromHex("4e544c4d53535000 01000000");
-    put(out, asked, 4);
-    put(out, fromHex("0000000000000000 0000000000000000"));
-    return out;
+    return Builder().hex("4E544C4D53535000 01000000").u32(asked).add(Buffer(16)).data();
 }
 
 struct Type3 {
@@ -71,43 +41,37 @@ struct Type3 {
 };
 
 inline Buffer encode(const Type3& message) {
-    Buffer out = fromHex("4e544c4d53535000 03000000");
-    Buffer payload;
+    Builder fields;
+    Builder payload;
     const std::size_t fixedSize = message.roomForMic ? micOffset + micSize : 64;
     for (const Buffer& part :
          {message.lm, message.nt, utf16(message.domain), utf16(message.user), utf16("STATION"), message.sessionKey}) {
-        put(out, part.size(), 2);
-        put(out, part.size(), 2);
-        put(out, fixedSize + payload.size(), 4);
-        put(payload, part);
+        fields.u16(part.size()).u16(part.size()).u32(fixedSize + payload.data().size());
+        payload.add(part);
     }
-    put(out, message.flags, 4);
-    out.resize(fixedSize);
-    put(out, payload);
-    return out;
+    Builder out;
+    out.hex("4E544C4D53535000 03000000").add(fields.data()).u32(message.flags).add(Buffer(fixedSize - 64));
+    return out.add(payload.data()).data();
 }
 
 class NtlmClient {
  public:
-    NtlmClient(std::string domain, std::string user, std::string password)
+    NtlmClient(std::string domain, std::string user, std::string_view password)
         : domain_(std::move(domain)), user_(std::move(user)), hash_(ntHash(password)) {}
 
     // NTLMv2 with the server's own AV pairs. type1 is needed for the MIC only.
     Buffer answerV2(Bytes challenge, std::optional<Buffer> type1 = std::nullopt) {
         readChallenge(challenge);
-        Buffer data = fromHex("0101000000000000 0090d336b734c301 aaaaaaaaaaaaaaaa 00000000");
         const std::size_t infoSize = challenge[40] + 256U * challenge[41];
         const std::size_t infoAt = challenge[44] + 256U * challenge[45];
-        put(data, challenge.subspan(infoAt, infoSize - 4));
-        if (type1) {
-            put(data, fromHex("06000400 02000000"));
-        }
-        put(data, fromHex("00000000 00000000"));
+        Builder data;
+        data.hex("0101000000000000 0090D336B734C301 AAAAAAAAAAAAAAAA 00000000");
+        data.add(challenge.subspan(infoAt, infoSize - 4)).hex(type1 ? "06000400 02000000" : "");
+        data.hex("00000000 00000000");
         const Key responseKey = responseKeyV2(hash_, utf8ToUtf16(user_), utf8ToUtf16(domain_));
-        const Key proof = proofV2(responseKey, serverChallenge_, data);
-        Buffer nt(proof.begin(), proof.end());
-        put(nt, data);
-        Buffer message = finish(sessionBaseKeyV2(responseKey, proof), Buffer(24, 0x11), nt, type1.has_value());
+        const Key proof = proofV2(responseKey, serverChallenge_, data.data());
+        Buffer message = finish(sessionBaseKeyV2(responseKey, proof), Buffer(24, 0x11),
+                                Builder().add(proof).add(data.data()).data(), type1.has_value());
         if (type1) {
             const Key mic = hmacMd5(exported_, {*type1, challenge, message});
             std::copy(mic.begin(), mic.end(), message.begin() + micOffset);
@@ -127,6 +91,12 @@ class NtlmClient {
     // Drops flags from what the server offers before the answer is made.
     void without(std::uint32_t dropped) { dropped_ = dropped; }
     MessageSecurity& security() { return *security_; }
+    // The first signature of the session, made without moving on.
+    MessageSecurity::Signature firstSignature(Bytes text) const {
+        MessageSecurity::Signature signature{};
+        MessageSecurity(exported_, flags_, Side::client).sign(text, signature);
+        return signature;
+    }
 
  private:
     void readChallenge(Bytes challenge) {

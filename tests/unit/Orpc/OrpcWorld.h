@@ -9,48 +9,22 @@
 #include <algorithm>
 #include <functional>
 #include <memory>
-#include <string>
-#include <vector>
 
 #include "DCOM/orpc/ActivationHandler.h"
 #include "DCOM/orpc/OrpcHandler.h"
+#include "Parameters.h"
 
 namespace quelm::dcom::orpc::test {
 
-using Bytes = std::vector<std::uint8_t>;
+using quelm::test::Bytes;
+using quelm::test::fromHex;
+using quelm::test::Parameters;
 
 inline constexpr Uuid iidServer = Uuid::parse("39C13A4D-011E-11D0-9675-0020AFD8ADB3");
 inline constexpr Uuid iidBrowse = Uuid::parse("39C13A4F-011E-11D0-9675-0020AFD8ADB3");
 inline constexpr Uuid iidNobody = Uuid::parse("DEADBEEF-0000-0000-0000-000000000001");
 inline constexpr Uuid classTest = Uuid::parse("11111111-2222-3333-4444-555555555555");
 inline constexpr Uuid classUnknown = Uuid::parse("99999999-2222-3333-4444-555555555555");
-
-inline Bytes fromHex(std::string_view text) {
-    Bytes bytes;
-    int high = -1;
-    for (const char c : text) {
-        const auto digit = std::string_view("0123456789abcdef").find(static_cast<char>(std::tolower(c)));
-        if (digit == std::string_view::npos) {
-            continue;
-        }
-        if (high < 0) {
-            high = static_cast<int>(digit);
-        } else {
-            bytes.push_back(static_cast<std::uint8_t>(high * 16 + static_cast<int>(digit)));
-            high = -1;
-        }
-    }
-    return bytes;
-}
-
-inline std::string toHex(std::span<const std::uint8_t> bytes) {
-    std::string text;
-    for (const std::uint8_t byte : bytes) {
-        text += "0123456789abcdef"[byte >> 4];
-        text += "0123456789abcdef"[byte & 15];
-    }
-    return text;
-}
 
 // Opnum 3 hands out the object's child, opnum 4 throws, opnum 5 runs the script, opnum 6 echoes a number.
 class TestObject final : public ComObject, public Interface {
@@ -120,20 +94,10 @@ class TestFactory final : public ClassFactory {
     int made_ = 0;
 };
 
-// The request's parameters behind the header that all object calls have.
-class Request {
- public:
-    Request() : out(bytes) {
-        out.u16(5);
-        out.u16(4);
-        out.u32(0);
-        out.u32(0);
-        out.uuid(Uuid::parse("0A0B0C0D-0102-0304-0506-0708090A0B0C"));
-        out.u32(0);
-    }
-    Bytes bytes;
-    ndr::Writer out;
-};
+// Parameters behind the header that all object calls have.
+inline Parameters request() {
+    return Parameters().hex("05000400 00000000 00000000 0D0C0B0A020104030506070809 0A0B0C 00000000");
+}
 
 struct WireReference {
     std::uint32_t flags = 0;
@@ -158,40 +122,24 @@ inline WireReference readReference(ndr::Reader& in) {
     return reference;
 }
 
-// The string bindings of a DUALSTRINGARRAY, the counts of which must fit.
-inline std::vector<std::string> readBindings(ndr::Reader& in) {
-    std::vector<std::string> entries;
-    const std::uint16_t units = in.u16();
-    const std::uint16_t security = in.u16();
-    const std::size_t begin = in.position();
-    while (in.u16() == 7) {
-        std::string text;
-        for (std::uint16_t c = in.u16(); c != 0; c = in.u16()) {
-            text += static_cast<char>(c);
+// Where a port is found, and the one log-on service, NTLM: size, place of the services, addresses. port: "[49200]".
+inline Parameters bindings(const std::string& port = "") {
+    Parameters units;
+    for (const char* host : {"192.0.2.1", "localhost", "192.0.2.1"}) {
+        units.u16(7);
+        for (const char c : host + port) {
+            units.u16(static_cast<std::uint8_t>(c));
         }
-        entries.push_back(text);
+        units.u16(0);
     }
-    EXPECT_EQ(in.position(), begin + 2U * security);
-    EXPECT_EQ(in.u16(), 10);
-    EXPECT_EQ(in.u16(), 0xFFFF);
-    EXPECT_EQ(in.u16(), 0);
-    EXPECT_EQ(in.u16(), 0);
-    EXPECT_EQ(in.position(), begin + 2U * units);
-    return entries;
+    const auto services = static_cast<std::uint16_t>(units.u16(0).bytes().size() / 2);
+    return Parameters().u16(services + 4).u16(services).add(units).hex("0A00 FFFF 0000 0000");
 }
 
-// An interface pointer behind its referent; both lengths must be exact.
-inline WireReference readObjectPointer(ndr::Reader& in, const Uuid& iid) {
-    const std::uint32_t size = in.u32();
-    EXPECT_EQ(in.u32(), size);
-    const std::size_t begin = in.position();
-    EXPECT_EQ(in.u32(), 0x574F454DU);
-    EXPECT_EQ(in.u32(), 1U);
-    EXPECT_EQ(in.uuid(), iid);
-    const WireReference reference = readReference(in);
-    EXPECT_EQ(readBindings(in), (std::vector<std::string>{"192.0.2.1", "localhost", "192.0.2.1"}));
-    EXPECT_EQ(in.position(), begin + size);
-    return reference;
+// The same behind its conformance.
+inline Parameters conformantBindings(const std::string& port) {
+    const Parameters all = bindings(port);
+    return Parameters().u32((all.bytes().size() - 4) / 2).add(all);
 }
 
 class World : public testing::Test {
@@ -242,9 +190,22 @@ class World : public testing::Test {
         return ndr::Reader(reply);
     }
 
+    // The marshalled references in the latest reply.
+    std::vector<WireReference> references() const {
+        std::vector<WireReference> found;
+        const Bytes standard = fromHex("4D454F57 01000000");
+        auto at = std::search(reply.begin(), reply.end(), standard.begin(), standard.end());
+        while (at != reply.end()) {
+            ndr::Reader in(std::span(at + 24, reply.end()));
+            found.push_back(readReference(in));
+            at = std::search(at + 1, reply.end(), standard.begin(), standard.end());
+        }
+        return found;
+    }
+
     // Calls a method of an object; the reader stands behind ORPCTHAT.
-    ndr::Reader callObject(const rpc::Peer& from, const Uuid& ipid, std::uint16_t opnum, const Bytes& stub,
-                           const Uuid& iid = iidServer) {
+    ndr::Reader callObject(const rpc::Peer& from, const Uuid& ipid, std::uint16_t opnum,
+                           std::span<const std::uint8_t> stub, const Uuid& iid = iidServer) {
         ndr::Reader in = send(objects, from, iid, &ipid, opnum, stub);
         in.u32();
         in.u32();
@@ -252,9 +213,7 @@ class World : public testing::Test {
     }
 
     bool alive(const rpc::Peer& from, const Uuid& ipid) {
-        Request request;
-        request.out.u32(42);
-        callObject(from, ipid, 6, request.bytes);
+        callObject(from, ipid, 6, request().u32(42));
         return status == 0;
     }
 
@@ -264,31 +223,19 @@ class World : public testing::Test {
         std::uint32_t privateCount = 0;
     };
 
-    static Bytes changes(const std::vector<Change>& list) {
-        Request request;
-        request.out.u16(static_cast<std::uint16_t>(list.size()));
-        request.out.u32(static_cast<std::uint32_t>(list.size()));
+    static Parameters changes(const std::vector<Change>& list) {
+        Parameters all = request().u16(static_cast<std::uint16_t>(list.size())).u32(list.size());
         for (const Change& change : list) {
-            request.out.uuid(change.ipid);
-            request.out.u32(change.publicCount);
-            request.out.u32(change.privateCount);
+            all.uuid(change.ipid).u32(change.publicCount).u32(change.privateCount);
         }
-        return request.bytes;
+        return all;
     }
 
-    static Bytes query(const Uuid& ipid, std::uint32_t references, const std::vector<Uuid>& iids) {
-        Request request;
-        request.out.uuid(ipid);
-        request.out.u32(references);
-        request.out.u16(static_cast<std::uint16_t>(iids.size()));
-        request.out.u32(static_cast<std::uint32_t>(iids.size()));
-        for (const Uuid& iid : iids) {
-            request.out.uuid(iid);
-        }
-        return request.bytes;
+    static Parameters query(const Uuid& ipid, std::uint32_t references, const std::vector<Uuid>& iids) {
+        return request().uuid(ipid).u32(references).u16(static_cast<std::uint16_t>(iids.size())).array(iids);
     }
 
-    ndr::Reader remUnknown(const rpc::Peer& from, std::uint16_t opnum, const Bytes& stub) {
+    ndr::Reader remUnknown(const rpc::Peer& from, std::uint16_t opnum, std::span<const std::uint8_t> stub) {
         return callObject(from, exporter.remUnknownIpid(), opnum, stub, iidRemUnknown);
     }
 
@@ -311,90 +258,57 @@ class World : public testing::Test {
 
     // The request of the older form of activation as it is seen on the wire: the protocol count is written as
     // 32 bits, and ten bytes of no meaning follow the one protocol.
-    static Bytes activationRequest(const Uuid& classId, const std::vector<Uuid>& iids, std::uint32_t mode = 0) {
-        Request request;
-        ndr::Writer& out = request.out;
-        out.uuid(classId);
-        out.u32(0);
-        out.u32(0);
-        out.u32(3);
-        out.u32(mode);
-        out.u32(static_cast<std::uint32_t>(iids.size()));
-        out.u32(0x72657355);
-        out.u32(static_cast<std::uint32_t>(iids.size()));
-        for (const Uuid& iid : iids) {
-            out.uuid(iid);
-        }
-        out.u32(1);
-        out.u32(1);
-        out.u16(7);
-        for (const std::uint16_t junk : {127, 0, 0, 1, 0}) {
-            out.u16(junk);
-        }
-        return request.bytes;
+    static Parameters activationRequest(const Uuid& classId, const std::vector<Uuid>& iids, std::uint32_t mode = 0) {
+        Parameters all = request().uuid(classId).u32(0).u32(0).u32(3).u32(mode).u32(iids.size()).u32(0x72657355);
+        return all.array(iids).u32(1).u32(1).hex("0700 7F00 0000 0000 0100 0000");
+    }
+
+    void activateOlderForm(const Uuid& classId, const std::vector<Uuid>& iids, std::uint32_t mode = 0,
+                           const rpc::Peer& from = peer(1)) {
+        send(activation, from, iidActivation, nullptr, 0, activationRequest(classId, iids, mode));
+        activation.connectionClosed(from, false);
+        EXPECT_EQ(status, 0U);
     }
 
     // Activates a test object over a connection that is closed at once. Gives the IPID.
-    Uuid activate(const rpc::Peer& from) {
-        ndr::Reader in = send(activation, from, iidActivation, nullptr, 0, activationRequest(classTest, {iidServer}));
-        activation.connectionClosed(from, false);
-        in.u32();
-        in.u32();
-        in.u64();
-        in.u32();
-        in.u32();
-        readBindings(in);
-        in.uuid();
-        in.u32();
-        in.u32();
-        EXPECT_EQ(in.u32(), S_OK);
-        in.u32();
-        in.u32();
-        const WireReference reference = readObjectPointer(in, iidServer);
-        EXPECT_TRUE(in.good());
+    Uuid activate(const rpc::Peer& from = peer(1)) {
+        activateOlderForm(classTest, {iidServer}, 0, from);
+        const WireReference reference = references().at(0);
         lastOid = reference.oid;
         return reference.ipid;
     }
 
-    static Bytes complexPing(std::uint64_t setId, std::uint16_t sequence, const std::vector<std::uint64_t>& add,
-                             const std::vector<std::uint64_t>& remove) {
-        Bytes bytes;
-        ndr::Writer out(bytes);
-        out.u64(setId);
-        out.u16(sequence);
-        out.u16(static_cast<std::uint16_t>(add.size()));
-        out.u16(static_cast<std::uint16_t>(remove.size()));
+    static Parameters complexPing(std::uint64_t setId, std::uint16_t sequence, const std::vector<std::uint64_t>& add,
+                                  const std::vector<std::uint64_t>& remove) {
+        Parameters all;
+        all.u64(setId).u16(sequence).u16(static_cast<std::uint16_t>(add.size()));
+        all.u16(static_cast<std::uint16_t>(remove.size()));
         for (const auto* list : {&add, &remove}) {
-            if (list->empty()) {
-                out.nullPointer();
-                continue;
+            all.u32(list->empty() ? 0 : 0x72657355);
+            if (!list->empty()) {
+                all.u32(list->size());
             }
-            out.pointer();
-            out.u32(static_cast<std::uint32_t>(list->size()));
             for (const std::uint64_t oid : *list) {
-                out.u64(oid);
+                all.u64(oid);
             }
         }
-        return bytes;
+        return all;
     }
 
     // Gives the set's id.
     std::uint64_t pingComplex(std::uint64_t setId, std::uint16_t sequence, const std::vector<std::uint64_t>& add,
                               const std::vector<std::uint64_t>& remove, std::uint32_t expected = 0) {
-        ndr::Reader in =
-            send(activation, peer(900), iidObjectExporter, nullptr, 2, complexPing(setId, sequence, add, remove));
+        const Parameters ping = complexPing(setId, sequence, add, remove);
+        ndr::Reader in = send(activation, peer(900), iidObjectExporter, nullptr, 2, ping);
         const std::uint64_t result = in.u64();
         EXPECT_EQ(in.u16(), 0);
         EXPECT_EQ(in.u32(), expected);
         EXPECT_EQ(in.remaining(), 0U);
-        EXPECT_TRUE(in.good());
         return result;
     }
 
     std::uint32_t pingSimple(std::uint64_t setId) {
-        Bytes bytes;
-        ndr::Writer(bytes).u64(setId);
-        return send(activation, peer(901), iidObjectExporter, nullptr, 1, bytes).u32();
+        return send(activation, peer(901), iidObjectExporter, nullptr, 1, Parameters().u64(setId)).u32();
     }
 
     std::uint64_t lastOid = 0;

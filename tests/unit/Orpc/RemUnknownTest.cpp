@@ -6,36 +6,22 @@ namespace quelm::dcom::orpc::test {
 
 using RemUnknownCalls = World;
 
-TEST_F(RemUnknownCalls, QueryInterfaceAsTheWireHasIt) {
-    const Uuid ipid = activate(peer(1));
-    Bytes request = query(ipid, 5, {iidBrowse});
-    request.resize(request.size() + 4);  // clients leave zeros behind their parameters
-    remUnknown(peer(2), 3, request);
-    EXPECT_EQ(status, 0U);
-    EXPECT_EQ(toHex(reply),
-              "0000000000000000"                  // ORPCTHAT
-              "0400020001000000"                  // pointer, one result
-              "0000000000000000"                  // S_OK, gap
-              "0000000005000000"                  // flags, references
-              "a100000000000000a400000000000000"  // OXID, OID
-              "a700000000000000a800000000000000"  // IPID
-              "00000000");                        // S_OK
-}
-
 TEST_F(RemUnknownCalls, QueryInterfaceGivesOneResultForEachInterface) {
-    const Uuid ipid = activate(peer(1));
+    const Uuid ipid = activate();
     const struct {
+        Uuid object;
         std::vector<Uuid> iids;
         std::vector<HResult> results;
         HResult overall;
     } cases[] = {
-        {{}, {}, S_OK},
-        {{iidNobody}, {E_NOINTERFACE}, E_NOINTERFACE},
-        {{iidUnknown}, {S_OK}, S_OK},
-        {{iidBrowse, iidNobody, iidUnknown}, {S_OK, E_NOINTERFACE, S_OK}, S_FALSE},
+        {ipid, {}, {}, S_OK},
+        {ipid, {iidNobody}, {E_NOINTERFACE}, E_NOINTERFACE},
+        {ipid, {iidUnknown}, {S_OK}, S_OK},
+        {ipid, {iidBrowse, iidNobody, iidUnknown}, {S_OK, E_NOINTERFACE, S_OK}, S_FALSE},
+        {iidNobody, {iidServer}, {faultDisconnected}, E_NOINTERFACE},  // an object that is gone
     };
     for (const auto& entry : cases) {
-        ndr::Reader in = remUnknown(peer(2), 3, query(ipid, 1, entry.iids));
+        ndr::Reader in = remUnknown(peer(2), 3, query(entry.object, 1, entry.iids));
         EXPECT_EQ(status, 0U);
         EXPECT_NE(in.u32(), 0U);
         ASSERT_EQ(in.u32(), entry.results.size());
@@ -53,57 +39,26 @@ TEST_F(RemUnknownCalls, QueryInterfaceGivesOneResultForEachInterface) {
     }
 }
 
-TEST_F(RemUnknownCalls, QueryInterfaceOfADeadObjectAnswersInFull) {
-    ndr::Reader in = remUnknown(peer(2), 3, query(iidNobody, 5, {iidServer}));
-    EXPECT_EQ(status, 0U);
-    in.u32();
-    EXPECT_EQ(in.u32(), 1U);
-    EXPECT_EQ(in.u32(), 0x80010108U);
-    in.align(8);
-    EXPECT_TRUE(readReference(in).ipid.isNull());
-    EXPECT_EQ(in.u32(), E_NOINTERFACE);
-}
-
 TEST_F(RemUnknownCalls, TheYoungerQueryAnswersWithInterfacePointers) {
-    const Uuid ipid = activate(peer(1));
-    Request request;
-    request.out.uuid(ipid);
-    request.out.u16(2);
-    request.out.u32(2);
-    request.out.uuid(iidNobody);
-    request.out.uuid(iidServer);
-    ndr::Reader in = remUnknown(peer(2), 6, request.bytes);
-    EXPECT_EQ(in.u32(), 2U);
-    EXPECT_EQ(in.u32(), E_NOINTERFACE);
-    EXPECT_EQ(in.u32(), S_OK);
-    EXPECT_EQ(in.u32(), 2U);
-    EXPECT_EQ(in.u32(), 0U);
-    EXPECT_NE(in.u32(), 0U);
-    EXPECT_EQ(readObjectPointer(in, iidServer).ipid, ipid);
-    EXPECT_EQ(in.u32(), S_FALSE);
-    EXPECT_EQ(in.remaining(), 0U);
+    const Uuid ipid = activate();
+    remUnknown(peer(2), 6, request().uuid(ipid).u16(2).array(std::vector{iidNobody, iidServer}));
+    Parameters expected;
+    expected.hex("0000000000000000 02000000 02400080 00000000 02000000 00000000 04000200 90000000 90000000");
+    expected.hex("4D454F57 01000000").uuid(iidServer).hex("00000000 05000000 A100000000000000 A400000000000000");
+    EXPECT_HEX(reply, expected.uuid(ipid).add(bindings()).align(4).u32(S_FALSE));
 }
 
 TEST_F(RemUnknownCalls, AddRefAnswersForEachReference) {
-    const Uuid ipid = activate(peer(1));
-    remUnknown(peer(2), 4, changes({{ipid, 5}}));
-    EXPECT_EQ(toHex(reply),
-              "0000000000000000"
-              "01000000"
-              "00000000"
-              "00000000");
-    remUnknown(peer(2), 4, changes({{iidNobody, 5}, {ipid, 0}}));
-    EXPECT_EQ(toHex(reply),
-              "0000000000000000"
-              "02000000"
-              "57000780"
-              "00000000"
-              "57000780");
-    remUnknown(peer(2), 4, changes({}));
-    EXPECT_EQ(toHex(reply),
-              "0000000000000000"
-              "00000000"
-              "00000000");
+    const Uuid ipid = activate();
+    const std::pair<std::vector<Change>, const char*> cases[] = {
+        {{{ipid, 5}}, "01000000 00000000 00000000"},
+        {{{iidNobody, 5}, {ipid, 0}}, "02000000 57000780 00000000 57000780"},
+        {{}, "00000000 00000000"},
+    };
+    for (const auto& [list, results] : cases) {
+        remUnknown(peer(2), 4, changes(list));
+        EXPECT_HEX(reply, std::string("0000000000000000") + results);
+    }
 }
 
 // The references of a client after activation (5) and one RemAddRef(5) each row begins with.
@@ -133,7 +88,7 @@ TEST_F(RemUnknownCalls, ReferencesAreCountedPerObject) {
         SCOPED_TRACE(row.what);
         events.clear();
         const rpc::Peer client = peer(++connection);
-        const Uuid ipid = activate(peer(1));
+        const Uuid ipid = activate();
         remUnknown(client, 4, changes({{ipid, 5}}));
         const Uuid browseIpid = queryOne(client, ipid, iidBrowse).ipid;
         for (auto list : row.releases) {
@@ -152,7 +107,7 @@ TEST_F(RemUnknownCalls, ReferencesAreCountedPerObject) {
 }
 
 TEST_F(RemUnknownCalls, CountsThatDoNotFitTheParametersAreRefused) {
-    const Uuid ipid = activate(peer(1));
+    const Uuid ipid = activate();
     const struct {
         std::uint16_t opnum;
         std::uint16_t stated;
@@ -162,30 +117,26 @@ TEST_F(RemUnknownCalls, CountsThatDoNotFitTheParametersAreRefused) {
         {4, 0xFFFF, 0xFFFF}, {5, 1, 0xFFFFFFFF}, {5, 1, 0x0AAAAAAB}, {6, 0xFFFF, 0xFFFF},
     };
     for (const auto& entry : cases) {
-        Request request;
+        Parameters stub = request();
         if (entry.opnum == 3 || entry.opnum == 6) {
-            request.out.uuid(ipid);
+            stub.uuid(ipid);
         }
         if (entry.opnum == 3) {
-            request.out.u32(5);
+            stub.u32(5);
         }
-        request.out.u16(entry.stated);
-        request.out.u32(entry.conformance);
-        request.out.uuid(ipid);
-        request.out.u64(5);
-        remUnknown(peer(2), entry.opnum, request.bytes);
+        stub.u16(entry.stated).u32(entry.conformance).uuid(ipid).u64(5);
+        remUnknown(peer(2), entry.opnum, stub);
         EXPECT_EQ(status, faultBadStubData) << entry.opnum << ' ' << entry.stated << ' ' << entry.conformance;
     }
     EXPECT_TRUE(alive(peer(2), ipid));
 }
 
 TEST_F(RemUnknownCalls, AnObjectThatDiesTakesOthersAlong) {
-    const Uuid ipid = activate(peer(1));
+    const Uuid ipid = activate();
     const auto server = factory->latest;
     server->child = std::make_shared<TestObject>("group", events);
-    ndr::Reader in = callObject(peer(2), ipid, 3, Request().bytes);
-    in.u32();
-    const Uuid group = readObjectPointer(in, iidServer).ipid;
+    callObject(peer(2), ipid, 3, request());
+    const Uuid group = references().at(0).ipid;
     server->onDisconnected = [this] { exporter.revokeAll(); };
     release(peer(2), {{ipid, 5}});
     EXPECT_THAT(events, testing::ElementsAre("server1", "group"));

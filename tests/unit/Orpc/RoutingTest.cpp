@@ -29,18 +29,16 @@ namespace quelm::dcom::orpc::test {
 using Routing = World;
 
 TEST_F(Routing, AMethodIsCalledByIpidWhateverInterfaceTheBindingNames) {
-    const Uuid ipid = activate(peer(1));
-    Request request;
-    request.out.u32(77);
+    const Uuid ipid = activate();
     for (const Uuid& iid : {iidServer, iidBrowse}) {
-        callObject(peer(2), ipid, 6, request.bytes, iid);
+        callObject(peer(2), ipid, 6, request().u32(77), iid);
         EXPECT_EQ(status, 0U);
-        EXPECT_EQ(toHex(reply), "00000000000000004d000000");
+        EXPECT_HEX(reply, "0000000000000000 4D000000");
     }
 }
 
 TEST_F(Routing, WhatCannotBeCalledGivesAFaultOfItsKind) {
-    const Uuid ipid = activate(peer(1));
+    const Uuid ipid = activate();
     const Uuid unknownIpid = queryOne(peer(2), ipid, iidUnknown).ipid;
     const struct {
         Uuid ipid;
@@ -58,16 +56,16 @@ TEST_F(Routing, WhatCannotBeCalledGivesAFaultOfItsKind) {
         {exporter.remUnknownIpid(), iidRemUnknown2, 7, faultOpnumRange},
     };
     for (const auto& entry : cases) {
-        callObject(peer(2), entry.ipid, entry.opnum, Request().bytes, entry.iid);
+        callObject(peer(2), entry.ipid, entry.opnum, request(), entry.iid);
         EXPECT_EQ(status, entry.fault) << entry.ipid.toText() << ' ' << entry.opnum;
     }
-    send(objects, peer(2), iidRemUnknown, nullptr, 3, Request().bytes);
+    send(objects, peer(2), iidRemUnknown, nullptr, 3, request());
     EXPECT_EQ(status, faultDisconnected);
 }
 
 TEST_F(Routing, AnExceptionBecomesAFaultWithALineAndTheNextCallWorks) {
-    const Uuid ipid = activate(peer(1));
-    callObject(peer(2), ipid, 4, Request().bytes);
+    const Uuid ipid = activate();
+    callObject(peer(2), ipid, 4, request());
     EXPECT_EQ(status, faultServer);
     EXPECT_THAT(log, testing::ElementsAre("Method 4 of interface 39c13a4d-011e-11d0-9675-0020afd8adb3 failed, called "
                                           "by 192.0.2.7:50002 (PLANT\\reader): the field bus is on fire"));
@@ -75,93 +73,69 @@ TEST_F(Routing, AnExceptionBecomesAFaultWithALineAndTheNextCallWorks) {
 }
 
 TEST_F(Routing, VersionsAndExtensionsOfTheCallHeader) {
-    const Uuid ipid = activate(peer(1));
-    const std::string rest = "00000000 00000000 0d0c0b0a020104030506 0708090a0b0c";
-    const std::string extensions =
-        "00000200 01000000 00000000 04000200"  // pointer; one extension, reserved, pointer to the slots
-        "02000000 08000200 00000000"           // two slots, the second one empty
-        "08000000 000102030405060708090a0b0c0d0e0f 05000000 6162636465000000";
-    const struct {
-        std::string header;
-        std::uint32_t fault;
-    } cases[] = {
-        {"0500 0100" + rest + "00000000", 0},
-        {"0500 0700" + rest + "00000000", 0},
-        {"0500 0700" + rest + extensions, 0},
+    const Uuid ipid = activate();
+    const std::string rest = "00000000 00000000 0D0C0B0A020104030506 0708090A0B0C";
+    const std::string none = rest + "00000000";
+    const std::string one = rest + "00000200 01000000 00000000 04000200";  // extension, reserved, pointer to the slots
+    const std::string head = "08000200 08000000 000102030405060708090A0B0C0D0E0F ";
+    const std::pair<std::string, std::uint32_t> cases[] = {
+        {"0500 0100" + none, 0},
+        {"0500 0700" + none, 0},
+        {"0500 0700" + one +
+             "02000000 08000200 00000000 08000000 000102030405060708090A0B0C0D0E0F 05000000 6162636465000000",
+         0},
         {"0500 0700" + rest + "00000200 00000000 00000000 00000000", 0},
-        {"0500 0000" + rest + "00000000", faultVersionMismatch},
-        {"0500 0800" + rest + "00000000", faultVersionMismatch},
-        {"0600 0100" + rest + "00000000", faultVersionMismatch},
+        {"0500 0000" + none, faultVersionMismatch},
+        {"0500 0800" + none, faultVersionMismatch},
+        {"0600 0100" + none, faultVersionMismatch},
         // More slots than there are bytes, and an extension longer than its own array.
-        {"0500 0700" + rest + "00000200 01000000 00000000 04000200 ffffffff", faultBadStubData},
-        {"0500 0700" + rest +
-             "00000200 01000000 00000000 04000200 01000000 08000200 08000000 000102030405060708090a0b0c0d0e0f "
-             "09000000 6162636465000000",
-         faultBadStubData},
+        {"0500 0700" + one + "FFFFFFFF", faultBadStubData},
+        {"0500 0700" + one + "01000000" + head + "09000000 6162636465000000", faultBadStubData},
     };
-    for (const auto& entry : cases) {
-        Bytes stub = fromHex(entry.header);
-        const Bytes parameter = fromHex("2a000000");
-        stub.insert(stub.end(), parameter.begin(), parameter.end());
-        ndr::Reader in = callObject(peer(2), ipid, 6, stub);
-        EXPECT_EQ(status, entry.fault) << entry.header;
-        if (entry.fault == 0) {
-            EXPECT_EQ(in.u32(), 42U) << entry.header;
-        }
+    for (const auto& [header, fault] : cases) {
+        ndr::Reader in = callObject(peer(2), ipid, 6, Parameters().hex(header).u32(42));
+        EXPECT_EQ(status, fault) << header;
+        EXPECT_EQ(in.u32(), fault == 0 ? 42U : 0U) << header;
     }
 }
 
 TEST_F(Routing, BindingIsPossibleToWhatAClassKnowsAndToComItself) {
-    const struct {
-        Uuid iid;
-        std::uint16_t major;
-        bool onObjects;
-        bool onActivation;
-    } cases[] = {
-        {iidServer, 0, true, false},         {iidServer, 1, false, false},
-        {iidNobody, 0, false, false},        {iidUnknown, 0, true, false},
-        {iidRemUnknown, 0, true, false},     {iidRemUnknown2, 0, true, false},
-        {iidActivation, 0, false, true},     {iidRemoteScmActivator, 0, false, true},
-        {iidObjectExporter, 0, false, true}, {iidObjectExporter, 1, false, false},
-    };
-    for (const auto& entry : cases) {
-        EXPECT_EQ(objects.supports(entry.iid, entry.major, 0), entry.onObjects) << entry.iid.toText();
-        EXPECT_EQ(activation.supports(entry.iid, entry.major, 0), entry.onActivation) << entry.iid.toText();
+    for (const Uuid& iid : {iidServer, iidUnknown, iidRemUnknown, iidRemUnknown2, iidClassFactory}) {
+        EXPECT_TRUE(objects.supports(iid, 0, 0) && !objects.supports(iid, 1, 0)) << iid.toText();
+        EXPECT_FALSE(activation.supports(iid, 0, 0)) << iid.toText();
     }
+    for (const Uuid& iid : {iidActivation, iidRemoteScmActivator, iidObjectExporter}) {
+        EXPECT_TRUE(activation.supports(iid, 0, 0) && !activation.supports(iid, 1, 0)) << iid.toText();
+        EXPECT_FALSE(objects.supports(iid, 0, 0)) << iid.toText();
+    }
+    EXPECT_FALSE(objects.supports(iidNobody, 0, 0));
 }
 
 TEST_F(Routing, ACallAllocatesNothingOnItsWayToTheObject) {
-    const Uuid ipid = activate(peer(1));
+    const Uuid ipid = activate();
     const rpc::Peer client = peer(2);
-    Request request;
-    request.out.u32(77);
-    callObject(client, ipid, 6, request.bytes);
+    const Bytes stub = request().u32(77).bytes();
+    callObject(client, ipid, 6, stub);
     const std::size_t before = allocations;
     for (int i = 0; i < 10; ++i) {
-        callObject(client, ipid, 6, request.bytes);
+        callObject(client, ipid, 6, stub);
     }
     EXPECT_EQ(allocations, before);
 }
 
 TEST_F(Routing, AMethodHandsOutAnObjectAsAnInterfacePointer) {
-    const Uuid ipid = activate(peer(1));
+    const Uuid ipid = activate();
     factory->latest->child = std::make_shared<TestObject>("group", events);
-    ndr::Reader in = callObject(peer(2), ipid, 3, Request().bytes);
-    EXPECT_NE(in.u32(), 0U);
-    const WireReference group = readObjectPointer(in, iidServer);
-    EXPECT_EQ(in.u32(), S_OK);
-    EXPECT_EQ(in.remaining(), 0U);
-    EXPECT_EQ(group.flags, 0U);
+    callObject(peer(2), ipid, 3, request());
+    const WireReference group = references().at(0);
     EXPECT_EQ(group.count, 5U);
     EXPECT_EQ(group.oxid, exporter.oxid());
-    EXPECT_NE(group.ipid, ipid);
     EXPECT_TRUE(alive(peer(2), group.ipid));
     EXPECT_EQ(exporter.objectCount(), 2U);
 
     // Handed out again it is the same object and the same interface, with five references more.
-    in = callObject(peer(2), ipid, 3, Request().bytes);
-    in.u32();
-    const WireReference again = readObjectPointer(in, iidServer);
+    callObject(peer(2), ipid, 3, request());
+    const WireReference again = references().at(0);
     EXPECT_EQ(again.ipid, group.ipid);
     EXPECT_EQ(again.oid, group.oid);
     release(peer(2), {{group.ipid, 9}});
@@ -171,16 +145,16 @@ TEST_F(Routing, AMethodHandsOutAnObjectAsAnInterfacePointer) {
     EXPECT_THAT(events, testing::ElementsAre("group"));
 
     factory->latest->child = nullptr;
-    callObject(peer(2), ipid, 3, Request().bytes);
-    EXPECT_EQ(toHex(reply), "00000000000000000000000002400080");
+    callObject(peer(2), ipid, 3, request());
+    EXPECT_HEX(reply, "0000000000000000 00000000 02400080");
 }
 
 TEST_F(Routing, AnObjectMayLoseItsLastClientWhileItRuns) {
-    const Uuid ipid = activate(peer(1));
+    const Uuid ipid = activate();
     std::weak_ptr<TestObject> object = factory->latest;
     factory->latest->script = [this] { exporter.revokeAll(); };
     factory->latest = nullptr;
-    callObject(peer(2), ipid, 5, Request().bytes);
+    callObject(peer(2), ipid, 5, request());
     EXPECT_EQ(status, 0U);
     EXPECT_TRUE(object.expired());
     EXPECT_THAT(events, testing::ElementsAre("server1"));

@@ -11,7 +11,7 @@ using testing::IsEmpty;
 constexpr std::uint64_t timeout = 360;
 
 TEST_F(Rundown, AClientThatNeverCameBackIsGivenThreePingPeriods) {
-    activate(peer(1));
+    activate();
     pass(timeout - 1);
     EXPECT_THAT(events, IsEmpty());
     EXPECT_EQ(exporter.clientCount(), 1U);
@@ -23,8 +23,8 @@ TEST_F(Rundown, AClientThatNeverCameBackIsGivenThreePingPeriods) {
 }
 
 TEST_F(Rundown, CallsAreSignsOfLifeForAllThatTheClientHolds) {
-    const Uuid ipid = activate(peer(1));
-    const Uuid other = activate(peer(1));
+    const Uuid ipid = activate();
+    const Uuid other = activate();
     EXPECT_TRUE(alive(peer(2), ipid));
     EXPECT_TRUE(alive(peer(2), other));
     for (int i = 0; i < 5; ++i) {
@@ -38,7 +38,7 @@ TEST_F(Rundown, CallsAreSignsOfLifeForAllThatTheClientHolds) {
 }
 
 TEST_F(Rundown, PingsKeepASilentClientForAsLongAsTheyCome) {
-    const Uuid ipid = activate(peer(1));
+    const Uuid ipid = activate();
     EXPECT_TRUE(alive(peer(2), ipid));
     pass(120);
     const std::uint64_t set = pingComplex(0, 0, {lastOid}, {});
@@ -75,7 +75,7 @@ TEST_F(Rundown, TheEndOfTheLastConnection) {
     for (const auto& entry : cases) {
         SCOPED_TRACE(entry.what);
         events.clear();
-        const Uuid ipid = activate(peer(1));
+        const Uuid ipid = activate();
         std::vector<rpc::Peer> connections;
         for (std::size_t i = 0; i < entry.ends.size(); ++i) {
             connections.push_back(peer(++connection));
@@ -99,7 +99,7 @@ TEST_F(Rundown, TheEndOfTheLastConnection) {
 }
 
 TEST_F(Rundown, AResetConnectionIsForgottenOnceTheClientCallsOverAnother) {
-    const Uuid ipid = activate(peer(1));
+    const Uuid ipid = activate();
     EXPECT_TRUE(alive(peer(2), ipid));
     EXPECT_TRUE(alive(peer(3), ipid));
     objects.connectionClosed(peer(2), true);
@@ -110,7 +110,7 @@ TEST_F(Rundown, AResetConnectionIsForgottenOnceTheClientCallsOverAnother) {
 }
 
 TEST_F(Rundown, AClientThatComesBackWithinTheGraceKeepsItsObjects) {
-    const Uuid ipid = activate(peer(1));
+    const Uuid ipid = activate();
     EXPECT_TRUE(alive(peer(2), ipid));
     objects.connectionClosed(peer(2), false);
     pass(9);
@@ -120,8 +120,8 @@ TEST_F(Rundown, AClientThatComesBackWithinTheGraceKeepsItsObjects) {
 }
 
 TEST_F(Rundown, ClientsOfOneHostAreKeptApart) {
-    const Uuid first = activate(peer(1));
-    const Uuid second = activate(peer(1));
+    const Uuid first = activate();
+    const Uuid second = activate();
     EXPECT_TRUE(alive(peer(2), first));
     EXPECT_TRUE(alive(peer(3), second));
     objects.connectionClosed(peer(2), true);
@@ -132,8 +132,8 @@ TEST_F(Rundown, ClientsOfOneHostAreKeptApart) {
 }
 
 TEST_F(Rundown, OneConnectionThatUsesTwoActivationsIsOneClient) {
-    const Uuid first = activate(peer(1));
-    const Uuid second = activate(peer(1));
+    const Uuid first = activate();
+    const Uuid second = activate();
     EXPECT_TRUE(alive(peer(2), first));
     EXPECT_TRUE(alive(peer(3), second));
     EXPECT_TRUE(alive(peer(2), second));
@@ -146,7 +146,7 @@ TEST_F(Rundown, OneConnectionThatUsesTwoActivationsIsOneClient) {
 }
 
 TEST_F(Rundown, AnObjectHandedToAnotherProcessOutlivesTheFirst) {
-    const Uuid ipid = activate(peer(1));
+    const Uuid ipid = activate();
     EXPECT_TRUE(alive(peer(2), ipid));
     EXPECT_TRUE(alive(peer(3, "192.0.2.99"), ipid));
     objects.connectionClosed(peer(2), true);
@@ -162,9 +162,8 @@ TEST_F(Rundown, OneObjectHeldByTwoClientsLivesAsLongAsEither) {
         const rpc::Peer client = peer(id, "192.0.2." + std::to_string(id));
         const Uuid server = activate(peer(1, "192.0.2." + std::to_string(id)));
         factory->latest->child = shared;
-        ndr::Reader in = callObject(client, server, 3, Request().bytes);
-        in.u32();
-        ipid = readObjectPointer(in, iidServer).ipid;
+        callObject(client, server, 3, request());
+        ipid = references().at(0).ipid;
     }
     release(peer(2, "192.0.2.2"), {{ipid, 99}});  // takes only its own
     EXPECT_TRUE(alive(peer(3, "192.0.2.3"), ipid));
@@ -174,9 +173,9 @@ TEST_F(Rundown, OneObjectHeldByTwoClientsLivesAsLongAsEither) {
 }
 
 TEST_F(Rundown, AnObjectTakenOutOfItsPingSetGoesAlone) {
-    const Uuid first = activate(peer(1));
+    const Uuid first = activate();
     const std::uint64_t firstOid = lastOid;
-    const Uuid second = activate(peer(1));
+    const Uuid second = activate();
     EXPECT_TRUE(alive(peer(2), first));
     EXPECT_TRUE(alive(peer(2), second));
     const std::uint64_t set = pingComplex(0, 0, {firstOid, lastOid}, {});
@@ -191,7 +190,7 @@ TEST_F(Rundown, AnObjectTakenOutOfItsPingSetGoesAlone) {
 }
 
 TEST_F(Rundown, AStandstillOfTheServerIsNotHeldAgainstTheClients) {
-    activate(peer(1));
+    activate();
     const std::uint64_t set = pingComplex(0, 0, {lastOid}, {});
     time += 3'600'000;
     exporter.tick();
@@ -200,22 +199,22 @@ TEST_F(Rundown, AStandstillOfTheServerIsNotHeldAgainstTheClients) {
 }
 
 TEST_F(Rundown, RevokingAllTellsEveryObjectOnceAndTheServerGoesOn) {
-    const Uuid ipid = activate(peer(1));
+    const Uuid ipid = activate();
     EXPECT_TRUE(alive(peer(2), ipid));
-    activate(peer(1));
+    activate();
     exporter.revokeAll();
     EXPECT_THAT(events, ElementsAre("server2", "server1"));
     exporter.revokeAll();
     pass(timeout);
     objects.connectionClosed(peer(2), true);
     EXPECT_EQ(events.size(), 2U);
-    EXPECT_TRUE(alive(peer(2), activate(peer(1))));
+    EXPECT_TRUE(alive(peer(2), activate()));
 }
 
 TEST_F(Rundown, AnObjectThatFailsToTakeItsLeaveDoesNotStopTheOthers) {
-    const Uuid ipid = activate(peer(1));
+    const Uuid ipid = activate();
     factory->latest->onDisconnected = [] { throw std::runtime_error("still busy"); };
-    const Uuid second = activate(peer(1));
+    const Uuid second = activate();
     release(peer(2), {{ipid, 5}, {second, 5}});
     EXPECT_THAT(events, ElementsAre("server1", "server2"));
     EXPECT_THAT(log, ElementsAre("An object failed while its last client let go of it: still busy"));

@@ -3,7 +3,6 @@
 #include <csignal>
 
 #include "Message Loop/AsioLoop.h"
-#include "Message Loop/VirtualLoop.h"
 
 namespace quelm {
 namespace {
@@ -52,34 +51,6 @@ TEST(AsioLoop, RunsOnAfterAHandlerThrew) {
     loop.post([&] { loop.stop(); });
     EXPECT_THROW(loop.run(), std::runtime_error);
     loop.run();
-}
-
-TEST(VirtualLoop, RunsTimersOnTheirDueTimes) {
-    VirtualLoop loop;
-    std::vector<std::string> events;
-    const auto note = [&](const char* what) { events.push_back(what + std::to_string(loop.now().count())); };
-    std::unique_ptr<ITimer> periodic;
-    std::unique_ptr<ITimer> other;
-    periodic = loop.makeTimer([&] {
-        note("tick ");
-        periodic->start(15s);
-        loop.post([&] { note("posted "); });
-    });
-    other = loop.makeTimer([&] {
-        note("other ");
-        other.reset();
-    });
-    periodic->start(15s);
-    other->start(15s);
-    other->start(20s);
-    EXPECT_EQ(loop.pendingTimers(), 2U);
-    loop.advance(14'999);
-    EXPECT_THAT(events, testing::IsEmpty());
-    loop.advance(15'001);
-    EXPECT_THAT(events, ElementsAre("tick 15000", "posted 15000", "other 20000", "tick 30000", "posted 30000"));
-    EXPECT_EQ(loop.pendingTimers(), 1U);
-    periodic.reset();
-    EXPECT_EQ(loop.pendingTimers(), 0U);
 }
 
 }  // namespace

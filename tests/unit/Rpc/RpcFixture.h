@@ -5,24 +5,13 @@
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 
-#include <optional>
-#include <string>
-#include <utility>
-#include <vector>
-
 #include "DCOM/HResult.h"
 #include "DCOM/ndr/Reader.h"
+#include "DCOM/ntlm/AccountTable.h"
 #include "DCOM/rpc/ServerConnection.h"
 #include "RpcClient.h"
 
 namespace quelm::dcom::rpc::test {
-
-class OneAccount : public ntlm::AccountStore {
- public:
-    std::optional<ntlm::NtHash> find(std::string_view, std::string_view user) const override {
-        return user == "opc" ? std::optional(ntlm::ntHash("secret")) : std::nullopt;
-    }
-};
 
 // opnum 3 echoes, 4 replies as many bytes as the stub's first number says, 5 faults, 6 needs no log-on.
 class RecordingHandler : public CallHandler {
@@ -62,6 +51,7 @@ class RpcFixture : public testing::Test {
     using Kind = NtlmLogOn::Kind;
 
     RpcFixture() {
+        accounts.add("*", "opc", ntlm::ntHash("secret"));
         settings.logOn.computerName = "SERVER";
         settings.logOn.domainName = "PLANT";
         settings.onRefused = [this](const Refusal& refusal) { refusals.push_back(refusal.line()); };
@@ -70,7 +60,16 @@ class RpcFixture : public testing::Test {
 
     static Peer peer() { return {1, "192.0.2.7:51234", "192.0.2.1", 135}; }
 
-    void reconnect() { connection.emplace(settings, handler, peer()); }
+    void reconnect() {
+        connection.emplace(settings, handler, peer());
+        handler.calls.clear();
+        refusals.clear();
+    }
+    // A connection on which calls need no log-on.
+    void bindWithoutLogOn() {
+        settings.minimumLevel = AuthLevel::None;
+        expectOne(pdu(PduType::Bind, 3, 0, bindBody({{0}})), PduType::BindAck);
+    }
 
     // Feeds and gives the replies that came.
     std::vector<Reply> exchange(std::span<const std::uint8_t> data) {
@@ -108,7 +107,7 @@ class RpcFixture : public testing::Test {
         return stub ? toHex(*stub) : "wrong signature";
     }
 
-    OneAccount accounts;
+    ntlm::AccountTable accounts;
     ServerSettings settings{.accounts = accounts,
                             .logOn = {},
                             .minimumLevel = AuthLevel::Connect,

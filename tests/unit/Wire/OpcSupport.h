@@ -3,18 +3,27 @@
 // A control with a handful of items and one client's server object, as the interfaces' tests need them.
 // The time stands still at 2026-01-02 03:04:05 UTC, which is 80 00 40 74 94 7B DC 01 on the wire.
 
-#include <utility>
-#include <vector>
+#include <gtest/gtest.h>
 
+#include <cstring>
+
+#include "FakeContext.h"
 #include "OPC DA/wire/Iids.h"
 #include "OPC DA/wire/OpcServerObject.h"
+#include "Parameters.h"
 #include "SLIK-DA/SLIKServer.h"
 #include "Shared Types/TimeSource.h"
-#include "WireSupport.h"
 
 namespace quelm::opcda::wire::test {
 
+using quelm::test::Bytes;
+using quelm::test::fromHex;
+using quelm::test::Parameters;
+using Object = std::shared_ptr<dcom::orpc::ComObject>;
+using Handles = std::vector<std::uint32_t>;
+
 #define STAMP "80 00 40 74 94 7B DC 01"
+inline const std::string interfacePointer = "04000200 04000000 04000000 4D454F57";
 
 class HostEvents final : public ISLIKServerEvents {
  public:
@@ -44,6 +53,21 @@ class HostEvents final : public ISLIKServerEvents {
     SLIKServer& control_;
 };
 
+// The reply to one call: the fault status, the bytes, and a reader over them.
+struct Reply {
+    std::uint32_t fault = 0;
+    Bytes bytes;
+    dcom::ndr::Reader reader() const { return dcom::ndr::Reader(bytes); }
+    // The last four bytes.
+    dcom::HResult result() const {
+        dcom::HResult value = 0xDEADBEEF;
+        if (bytes.size() >= 4) {
+            std::memcpy(&value, bytes.data() + bytes.size() - 4, 4);
+        }
+        return value;
+    }
+};
+
 class OpcWire : public ::testing::Test {
  protected:
     OpcWire() {
@@ -58,32 +82,42 @@ class OpcWire : public ::testing::Test {
         server_ = std::make_shared<OpcServerObject>(application_);
     }
 
-    Reply call(dcom::orpc::ComObject& object, const dcom::Uuid& iid, std::uint16_t opnum, const Request& request) {
-        return invoke(object, iid, opnum, request, context_);
+    Reply call(dcom::orpc::ComObject& object, const dcom::Uuid& iid, std::uint16_t opnum,
+               std::span<const std::uint8_t> stub) {
+        Reply reply;
+        dcom::ndr::Reader in(stub);
+        // ORPCTHAT is 8 bytes long, so that alignment from here is alignment in the whole reply.
+        dcom::ndr::Writer out(reply.bytes);
+        dcom::orpc::Interface* const target = object.queryInterface(iid);
+        if (target == nullptr) {
+            ADD_FAILURE() << "no interface " << iid.toText();
+            return reply;
+        }
+        reply.fault = target->invoke(opnum, in, out, context_);
+        return reply;
     }
-    Reply call(const dcom::Uuid& iid, std::uint16_t opnum, const Request& request) {
-        return call(*server_, iid, opnum, request);
+    // To the server's object, or to the latest group.
+    Reply call(const dcom::Uuid& iid, std::uint16_t opnum, std::span<const std::uint8_t> stub) {
+        const bool isGroups = group_ && group_->queryInterface(iid) != nullptr;
+        return call(isGroups ? *group_ : *server_, iid, opnum, stub);
     }
 
-    // A group as a client gets it, and its server handle.
-    std::pair<std::shared_ptr<dcom::orpc::ComObject>, std::uint32_t> addGroup(std::string_view name,
-                                                                              bool active = true) {
-        Request request;
-        request.text(name).u32(active ? 1 : 0).u32(1000).u32(5).u32(0).u32(0).u32(0x409).uuid(iidOpcItemMgt);
+    // Adds a group as a client does, and gives its server handle.
+    std::uint32_t addGroup(std::string_view name) {
+        Parameters request;
+        request.text(name).u32(1).u32(1000).u32(5).u32(0).u32(0).u32(0x409).uuid(iidOpcItemMgt);
         const Reply reply = call(iidOpcServer, 3, request);
         EXPECT_EQ(reply.result(), S_OK);
-        return {context_.written.back().object, reply.reader().u32()};
+        group_ = context_.written.back();
+        return reply.reader().u32();
     }
 
     // Adds items with client handles 100, 101, ... and gives their server handles (0: refused).
-    std::vector<std::uint32_t> addItems(dcom::orpc::ComObject& group, const std::vector<std::string>& ids,
-                                        VarType type = VT_EMPTY) {
-        Request request;
-        writeDefinitions(request, ids, type);
-        const Reply reply = call(group, iidOpcItemMgt, 3, request);
+    Handles addItems(const std::vector<std::string>& ids) {
+        const Reply reply = call(iidOpcItemMgt, 3, definitions(ids));
         dcom::ndr::Reader in = reply.reader();
         in.u32();
-        std::vector<std::uint32_t> handles(in.count(20));
+        Handles handles(in.count(20));
         for (std::uint32_t& handle : handles) {
             handle = in.u32();
             in.bytes(16);
@@ -93,15 +127,16 @@ class OpcWire : public ::testing::Test {
     }
 
     // OPCITEMDEFs as a library that always sends an (empty) access path writes them.
-    static void writeDefinitions(Request& request, const std::vector<std::string>& ids, VarType type = VT_EMPTY) {
-        const auto count = static_cast<std::uint32_t>(ids.size());
-        request.u32(count).u32(count);
-        for (std::uint32_t i = 0; i < count; ++i) {
-            request.u32(0x72657355).u32(0x72657355).u32(1).u32(100 + i).u32(0).u32(0).u16(type).u16(0);
+    static Parameters definitions(const std::vector<std::string>& ids) {
+        Parameters all;
+        all.u32(ids.size()).u32(ids.size());
+        for (std::uint32_t i = 0; i < ids.size(); ++i) {
+            all.u32(0x72657355).u32(0x72657355).u32(1).u32(100 + i).u32(0).u32(0).u16(0).u16(0);
         }
         for (const std::string& id : ids) {
-            request.text("").text(id);
+            all.text("").text(id);
         }
+        return all;
     }
 
     ManualTimeSource time_{makeDate(2026, 1, 2, 3, 4, 5)};
@@ -111,6 +146,7 @@ class OpcWire : public ::testing::Test {
     Application application_{control_};
     FakeContext context_;
     std::shared_ptr<OpcServerObject> server_;
+    Object group_;
 };
 
 }  // namespace quelm::opcda::wire::test

@@ -33,12 +33,11 @@ long raisedBy(const XmlNode& node, const std::string& xpath) {
 }
 
 TEST(XmlDomTest, ReadsTextsByXPath) {
-    struct Case {
+    const struct {
         const char* xml;
         const char* xpath;
         const char* text;
-    };
-    const Case cases[] = {
+    } cases[] = {
         {"<a><b> 12.5 \r\n</b></a>", "b", "12.5"},
         {"<a>x<b>1</b>\n <b>2</b>y</a>", ".", "x12y"},
         {"<a>1<!-- no --><?p no?>2</a>", ".", "12"},
@@ -56,7 +55,7 @@ TEST(XmlDomTest, ReadsTextsByXPath) {
         {"<a><b>1</b></a>", "/a/b/ancestor::*", "1"},
         {"<a>\u00A01\u00A0</a>", ".", "\u00A01\u00A0"},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         EXPECT_EQ(textOf(c.xml, c.xpath), c.text) << c.xml << ' ' << c.xpath;
     }
 }
@@ -77,30 +76,16 @@ TEST(XmlDomTest, RefusesWithoutAWord) {
     const std::string laughs =
         "<!DOCTYPE a [<!ENTITY l 'ha'><!ENTITY m '&l;&l;&l;&l;&l;&l;&l;&l;'><!ENTITY n '&m;&m;&m;&m;&m;&m;&m;&m;'>]>"
         "<a>&n;</a>";
-    const std::string texts[] = {
-        "",
-        " ",
-        "a",
-        "<a>",
-        "<a></b>",
-        "<a/><b/>",
-        "<a x=1/>",
-        "<a x='1' x='2'/>",
-        "<a>&nbsp;</a>",
-        "<a>&#0;</a>",
-        "<a>\xFF\xFE</a>",
-        "<a>\xC3</a>",
-        "<a>1 < 2</a>",
-        " <?xml version='1.0'?><a/>",
-        "<!DOCTYPE a><a/>",
-        "<!DOCTYPE a SYSTEM 'file:///etc/hostname'><a/>",
-        "<!DOCTYPE a [<!ENTITY x SYSTEM 'file:///etc/hostname'>]><a>&x;</a>",
-        "<?xml version='1.0'?><!-- c --><!DOCTYPE a []><a/>",
-        laughs,
-        deep,
-        std::string("<a/>\0<b/>", 9),
-        "<a>" + std::string(11'000'000, 'x') + "</a>",
-    };
+    std::vector<std::string> texts{laughs, deep, std::string("<a/>\0<b/>", 9),
+                                   "<a>" + std::string(11'000'000, 'x') + "</a>"};
+    for (const char* text :
+         {"", " ", "a", "<a>", "<a></b>", "<a/><b/>", "<a x=1/>", "<a x='1' x='2'/>", "<a>&nbsp;</a>", "<a>&#0;</a>",
+          "<a>\xFF\xFE</a>", "<a>\xC3</a>", "<a>1 < 2</a>", " <?xml version='1.0'?><a/>", "<!DOCTYPE a><a/>",
+          "<!DOCTYPE a SYSTEM 'file:///etc/hostname'><a/>",
+          "<!DOCTYPE a [<!ENTITY x SYSTEM 'file:///etc/hostname'>]><a>&x;</a>",
+          "<?xml version='1.0'?><!-- c --><!DOCTYPE a []><a/>"}) {
+        texts.emplace_back(text);
+    }
     testing::internal::CaptureStderr();
     testing::internal::CaptureStdout();
     std::string accepted;
@@ -111,18 +96,15 @@ TEST(XmlDomTest, RefusesWithoutAWord) {
             accepted += text.substr(0, 60) + '\n';
         }
     }
-    EXPECT_EQ(raisedBy(rootOf("<a/>"), "b["), errors::invalidCall);
-    EXPECT_EQ(raisedBy(rootOf("<a/>"), "nofunction()"), errors::invalidCall);
+    for (const char* xpath : {"", "b[", "//", "p:b", "nofunction()", "1 + 1", "'text'", "true()", "a b"}) {
+        EXPECT_EQ(raisedBy(rootOf("<a/>"), xpath), errors::invalidCall) << xpath;
+    }
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
     EXPECT_EQ(accepted, "");
 }
 
-TEST(XmlDomTest, InvalidSelectionsRaise) {
-    const XmlNode root = rootOf("<a/>");
-    for (const char* xpath : {"", "b[", "//", "p:b", "nofunction()", "1 + 1", "'text'", "true()", "a b"}) {
-        EXPECT_EQ(raisedBy(root, xpath), errors::invalidCall) << xpath;
-    }
+TEST(XmlDomTest, NothingHasNoContents) {
     EXPECT_EQ(raisedBy(XmlNode(), "b"), errors::objectNotSet);
     EXPECT_THROW(XmlNode().text(), RuntimeError);
     EXPECT_THROW(XmlDocument().documentElement(), RuntimeError);
@@ -137,9 +119,7 @@ TEST(XmlDomTest, ListsKeepDocumentOrderAndTheirDocument) {
         ASSERT_TRUE(document.loadXML("<other/>"));
     }
     ASSERT_EQ(list.length(), 3U);
-    EXPECT_EQ(list.item(0).text(), "1");
-    EXPECT_EQ(list.item(1).text(), "2");
-    EXPECT_EQ(list.item(2).text(), "3");
+    EXPECT_EQ(list.item(0).text() + list.item(1).text() + list.item(2).text(), "123");
     EXPECT_TRUE(list.item(3).isNothing());
     EXPECT_EQ(rootOf("<a/>").selectNodes("b").length(), 0U);
 }
@@ -148,7 +128,6 @@ TEST(XmlDomTest, Settings) {
     XmlDocument document = XmlDocument::create();
     ASSERT_TRUE(document.loadXML("<a> <b/> </a>"));
     EXPECT_EQ(document.documentElement().text(), "  ") << "a new document keeps white space";
-    document.setAsync(false);
     document.setProperty("NewParser", true);
     document.setProperty("NormalizeAttributeValues", true);
     EXPECT_THROW(document.setAsync(true), RuntimeError);
