@@ -1,6 +1,5 @@
 #include "OPC DA/Browser.h"
 
-#include <functional>
 #include <set>
 
 #include "OPC DA/NameFilter.h"
@@ -109,7 +108,6 @@ TEST_F(BrowserTest, AccessPathsAreAnEmptyList) {
     NameEnumerator paths;
     EXPECT_EQ(browser.accessPaths("Status", paths), S_FALSE);
     EXPECT_EQ(browser.accessPaths("Other", paths), OPC_E_UNKNOWNITEMID);
-    EXPECT_THAT(paths.next(5), IsEmpty());
 }
 
 TEST_F(BrowserTest, OddNamesAreReachedOnceEach) {
@@ -131,41 +129,21 @@ TEST_F(BrowserTest, OddNamesAreReachedOnceEach) {
     EXPECT_EQ(names(flat).size(), expected.size());
 }
 
-TEST_F(BrowserTest, AHundredThousandItemsBrowseQuickly) {
-    for (int i = 0; i < 100'000; ++i) {
-        add("Site" + std::to_string(i % 10) + ".Unit" + std::to_string(i % 1000) + ".Tag" + std::to_string(i),
-            Variant(1.0F));
-    }
-    EXPECT_EQ(names(flat).size(), 100'005U);
-    browser.changePosition(to, "Site3");
-    EXPECT_EQ(names(branches).size(), 100U);
-    EXPECT_EQ(names(flat).size(), 10'000U);
-    browser.changePosition(down, "Unit123");
-    EXPECT_EQ(names(leaves).size(), 100U);
-}
-
 TEST(NameFilterTest, FollowsThePatternSyntax) {
     struct Case {
-        std::string_view pattern;
-        std::string_view name;
+        std::string_view pattern, name;
         bool fits;
     };
-    for (const Case& each : {
-             Case{"", "anything", true},    Case{"*", "", true},
-             Case{"*", "abc", true},        Case{"abc", "ABC", true},
-             Case{"abc", "abcd", false},    Case{"a*c", "abbbc", true},
-             Case{"a*c", "abbbcd", false},  Case{"a*b*c", "axbxbxc", true},
-             Case{"?", "é", true},          Case{"?", "", false},
-             Case{"Tag#", "tag7", true},    Case{"Tag#", "tagx", false},
-             Case{"[abc]x", "Bx", true},    Case{"[a-c]x", "dx", false},
-             Case{"[!a-c]x", "dx", true},   Case{"[!a-c]x", "bx", false},
-             Case{"[-a]", "-", true},       Case{"[a-]", "-", true},
-             Case{"[*]", "*", true},        Case{"[*]", "x", false},
-             Case{"[]", "x", false},        Case{"[!]", "x", true},
-             Case{"*[0-9]", "tag12", true}, Case{"ÖL*", "ölstand", true},
-             Case{"a]", "a]", true},        Case{"**a**", "bab", true},
-             Case{"*a", "aab", false},
-         }) {
+    const Case cases[] = {
+        {"", "anything", true}, {"*", "", true},         {"*", "abc", true},        {"abc", "ABC", true},
+        {"abc", "abcd", false}, {"a*c", "abbbc", true},  {"a*c", "abbbcd", false},  {"a*b*c", "axbxbxc", true},
+        {"?", "é", true},       {"?", "", false},        {"Tag#", "tag7", true},    {"Tag#", "tagx", false},
+        {"[abc]x", "Bx", true}, {"[a-c]x", "dx", false}, {"[!a-c]x", "dx", true},   {"[!a-c]x", "bx", false},
+        {"[-a]", "-", true},    {"[a-]", "-", true},     {"[*]", "*", true},        {"[*]", "x", false},
+        {"[]", "x", false},     {"[!]", "x", true},      {"*[0-9]", "tag12", true}, {"ÖL*", "ölstand", true},
+        {"a]", "a]", true},     {"**a**", "bab", true},  {"*a", "aab", false},
+    };
+    for (const Case& each : cases) {
         const NameFilter filter(each.pattern);
         EXPECT_TRUE(filter.isValid()) << each.pattern;
         EXPECT_EQ(filter.matches(each.name), each.fits) << each.pattern << " on " << each.name;

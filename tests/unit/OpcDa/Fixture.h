@@ -22,26 +22,23 @@ class RecordingEvents : public ISLIKServerEvents {
     explicit RecordingEvents(SLIKServer& control) : control_(&control) {}
 
     void SLIKServer1_OnClientDisconnect(std::int32_t lngRemainingClients) override {
-        log.push_back("disconnect " + std::to_string(lngRemainingClients) + (control_->InUse() ? " in use" : ""));
-        throwIfTold();
+        add("disconnect " + std::to_string(lngRemainingClients) + (control_->InUse() ? " in use" : ""));
     }
     void SLIKServer1_OnRead(std::int32_t lngCount, const std::vector<ISLIKRequestedItem*>& objItems,
                             std::int32_t& lngError) override {
         std::string line = "read " + std::to_string(lngCount);
-        for (ISLIKRequestedItem* item : objItems) {
-            line += " " + item->Name();
+        for (std::size_t i = 0; i < objItems.size(); ++i) {
+            line += " " + objItems[i]->Name();
+            if (i < answered) {
+                const ISLIKTag& tag = control_->SLIKTags().Item(objItems[i]->Name());
+                objItems[i]->SetVQT(tag.Value(), tag.Quality(), tag.Timestamp());
+            }
         }
-        log.push_back(line);
-        for (std::size_t i = 0; i < objItems.size() && i < answered; ++i) {
-            const ISLIKTag& tag = control_->SLIKTags().Item(objItems[i]->Name());
-            objItems[i]->SetVQT(tag.Value(), tag.Quality(), tag.Timestamp());
-        }
-        throwIfTold();
+        add(line);
         lngError = readError;
     }
     void SLIKServer1_OnWrite(std::int32_t lngCount, std::int32_t& lngError) override {
-        log.push_back("write " + std::to_string(lngCount));
-        throwIfTold();
+        add("write " + std::to_string(lngCount));
         lngError = SLIKServer::failed;
     }
 
@@ -51,7 +48,8 @@ class RecordingEvents : public ISLIKServerEvents {
     bool throws = false;
 
  private:
-    void throwIfTold() const {
+    void add(const std::string& line) {
+        log.push_back(line);
         if (throws) {
             throw RuntimeError(errors::overflow);
         }
@@ -61,11 +59,11 @@ class RecordingEvents : public ISLIKServerEvents {
 
 // One item of a read as the wire would take it.
 struct Seen {
-    HResult error;
-    std::uint32_t clientHandle;
-    std::uint16_t quality;
-    VarType type;
-    double number;  // of a numeric type
+    HResult error = S_OK;
+    std::uint32_t clientHandle = 0;
+    std::uint16_t quality = 0;
+    VarType type = VT_EMPTY;
+    double number = 0;  // of a numeric type
     bool operator==(const Seen&) const = default;
     friend void PrintTo(const Seen& seen, std::ostream* out) {
         *out << std::hex << "{error " << seen.error << " client " << seen.clientHandle << " quality " << seen.quality
@@ -77,11 +75,10 @@ class Recorder {
  public:
     void operator()(const ItemReading& reading) {
         const OpcValue& value = reading.value;
-        const double number = value.type == VT_EMPTY  ? 0
-                              : value.type == VT_R4   ? static_cast<double>(value.single)
-                              : value.type == VT_R8   ? value.real
-                              : value.type == VT_BSTR ? 0
-                                                      : static_cast<double>(value.integer);
+        double number = value.type == VT_R4 ? static_cast<double>(value.single) : value.real;
+        if (value.type != VT_R4 && value.type != VT_R8) {
+            number = value.type == VT_EMPTY || value.type == VT_BSTR ? 0 : static_cast<double>(value.integer);
+        }
         seen.push_back({reading.error, reading.clientHandle, reading.quality, value.type, number});
         fileTimes.push_back(reading.fileTime);
     }

@@ -2,21 +2,15 @@
 
 #include "OpcDa/Fixture.h"
 #include "Shared Types/Text.h"
+#include "SharedTypes/Raised.h"
 
 namespace quelm {
 namespace {
 
+using test::raisedBy;
+
 class ItemStoreTest : public testing::Test {
  protected:
-    long numberRaised(const std::function<void()>& action) {
-        try {
-            action();
-        } catch (const RuntimeError& error) {
-            return error.number();
-        }
-        return 0;
-    }
-
     const Date noon = makeDate(2026, 7, 1, 12);
     ManualTimeSource clock{noon, 120};
     ScopedTimeSource inForce{clock};
@@ -25,11 +19,11 @@ class ItemStoreTest : public testing::Test {
 
 TEST_F(ItemStoreTest, NamesAreUniqueWithoutRegardToCase) {
     SLIKTag& first = store.Add("Ölstand", 1, Variant(1.5F), 0x18, noon);
-    EXPECT_EQ(numberRaised([&] { store.Add("ÖLSTAND", 1, Variant(), 0, noon); }), 457);
-    EXPECT_EQ(numberRaised([&] { store.Add("", 1, Variant(), 0, noon); }), 5);
-    EXPECT_EQ(numberRaised([&] { store.Item("Other"); }), 5);
+    EXPECT_EQ(raisedBy([&] { store.Add("ÖLSTAND", 1, Variant(), 0, noon); }), 457);
+    EXPECT_EQ(raisedBy([&] { store.Add("", 1, Variant(), 0, noon); }), 5);
+    EXPECT_EQ(raisedBy([&] { store.Item("Other"); }), 5);
     const Variant object(std::shared_ptr<VariantObject>{});
-    EXPECT_EQ(numberRaised([&] { store.Add("Object", 1, object, 0, noon); }), 13);
+    EXPECT_EQ(raisedBy([&] { store.Add("Object", 1, object, 0, noon); }), 13);
     EXPECT_EQ(store.Count(), 1U);
     EXPECT_EQ(&store.Item("ölSTAND"), &first);
     EXPECT_EQ(first.Name(), "Ölstand");
@@ -41,10 +35,9 @@ TEST_F(ItemStoreTest, TheTypeIsTheInitialValuesForGood) {
     tag.SetVQT(Variant(std::int16_t{3}), static_cast<std::int16_t>(0x80C0), noon);
     EXPECT_EQ(tag.DataType(), 4);
     EXPECT_EQ(tag.qualityWord(), 0x80C0);
-    EXPECT_EQ(tag.Quality(), -32576);
     EXPECT_EQ(tag.changes(), 1U);
     const Variant object(std::shared_ptr<VariantObject>{});
-    EXPECT_EQ(numberRaised([&] { tag.SetVQT(object, 0, noon); }), 13);
+    EXPECT_EQ(raisedBy([&] { tag.SetVQT(object, 0, noon); }), 13);
     EXPECT_EQ(tag.Value(), Variant(std::int16_t{3}));
     EXPECT_EQ(store.Add("B", 1, Variant(), 0, noon).DataType(), 0);
 }
@@ -52,13 +45,9 @@ TEST_F(ItemStoreTest, TheTypeIsTheInitialValuesForGood) {
 TEST_F(ItemStoreTest, StampsBecomeUtc) {
     SLIKTag& tag = store.Add("A", 1, Variant(), 0, noon);
     EXPECT_EQ(tag.fileTime(), clock.fileTimeNow());
-    struct Case {
-        double days;
-        std::int64_t fileTime;
-    };
-    for (const Case& each : {Case{0, 0}, Case{1e300, 0}, Case{-1e9, 0}, Case{std::nan(""), 0}, Case{-200000, 0}}) {
-        tag.SetVQT(Variant(), 0, Date{each.days});
-        EXPECT_EQ(tag.fileTime(), each.fileTime) << each.days;
+    for (const double none : {0.0, 1e300, -1e9, std::nan(""), -200000.0}) {
+        tag.SetVQT(Variant(), 0, Date{none});
+        EXPECT_EQ(tag.fileTime(), 0) << none;
     }
     tag.SetVQT(Variant(), 0, noon);
     EXPECT_EQ(tag.fileTime(), clock.fileTimeNow());
@@ -79,18 +68,17 @@ TEST_F(ItemStoreTest, AHundredThousandItemsAreFoundAtTheirAddresses) {
 }
 
 TEST_F(ItemStoreTest, TheBrowseOrderIsThatOfTheComparison) {
+    std::vector<std::string> ordered;
     for (const char* name : {"b", "a.b", "A-b", "a b", "Ä.x", "ä", "a..b", "a", "\xFF\xFE.x", "\x01", "z\x7F", "Z."}) {
         store.Add(name, 1, Variant(), 0, noon);
+        ordered.push_back(foldCase(name));
+        ASSERT_EQ(store.browseOrder().size(), store.Count());
     }
-    const auto& order = store.browseOrder();
-    ASSERT_EQ(order.size(), store.Count());
-    for (std::size_t i = 1; i < order.size(); ++i) {
-        const std::string before = foldCase(store.at(order[i - 1]).Name());
-        const std::string after = foldCase(store.at(order[i]).Name());
-        EXPECT_LT(compareBrowseOrder(before, after), 0) << before << " / " << after;
+    std::sort(ordered.begin(), ordered.end(),
+              [](const auto& a, const auto& b) { return compareBrowseOrder(a, b) < 0; });
+    for (std::size_t i = 0; i < ordered.size(); ++i) {
+        EXPECT_EQ(foldCase(store.at(store.browseOrder()[i]).Name()), ordered[i]);
     }
-    store.Add("c", 1, Variant(), 0, noon);
-    EXPECT_EQ(store.browseOrder().size(), store.Count());
 }
 
 TEST(BrowseOrder, DotComesFirst) {
