@@ -3,11 +3,12 @@
 #include <gmock/gmock.h>
 
 #include "Libraries/TestDatabase.h"
-#include "Shared Types/RuntimeError.h"
+#include "SharedTypes/Raised.h"
 
 namespace quelm {
 namespace {
 
+using test::raisedBy;
 using test::TemporaryFolder;
 using test::TestDatabase;
 using testing::ElementsAre;
@@ -16,9 +17,9 @@ class DBILTest : public testing::Test {
  protected:
     DBILTest() { database_.withSchema(); }
 
-    void setUpSite() {
-        ASSERT_TRUE(
-            dbil_.SetupSite("S1", database_.connectionString(), database_.connectionString(), "", "", "", true, false));
+    void setUpSite() { ASSERT_TRUE(setUp("S1", database_.connectionString(), database_.connectionString())); }
+    bool setUp(const char* site, const std::string& configuration, const std::string& realtime) {
+        return dbil_.SetupSite(site, configuration, realtime, "", "", "", true, false);
     }
 
     TemporaryFolder folder_;
@@ -28,8 +29,8 @@ class DBILTest : public testing::Test {
 };
 
 TEST_F(DBILTest, RefusesASiteWithoutTwoUsableConnections) {
-    EXPECT_FALSE(dbil_.SetupSite("S1", database_.connectionString(), "DSN;geheim", "", "", "", true, false));
-    EXPECT_FALSE(dbil_.SetupSite("S1", "", "", "", "", "", true, false));
+    EXPECT_FALSE(setUp("S1", database_.connectionString(), "DSN;geheim"));
+    EXPECT_FALSE(setUp("S1", "", ""));
     EXPECT_EQ(problems_[0], "Site 'S1': connection 1 (Driver=SQLite;Database=" + folder_.file("site.db") +
                                 ") or 2 (***;***) is not usable: 3706, Not a connection string: nothing in it reads "
                                 "key=value");
@@ -44,7 +45,7 @@ TEST_F(DBILTest, TestsTheChosenConnectionsOfEverySite) {
     EXPECT_THAT(problems_, ElementsAre());
 
     const std::string missing = "Driver=SQLite;Password=geheim;Database=" + folder_.file("missing.db");
-    ASSERT_TRUE(dbil_.SetupSite("S2", database_.connectionString(), missing, "", "", "", true, false));
+    ASSERT_TRUE(setUp("S2", database_.connectionString(), missing));
     EXPECT_FALSE(dbil_.TestConnections("", true, true, false, false, false, true));
     EXPECT_TRUE(dbil_.TestConnections("S2", true, false, false, false, false, true));
     EXPECT_THAT(problems_, ElementsAre("Site 'S2': connection 2 (Driver=SQLite;Password=***;Database=" +
@@ -56,10 +57,11 @@ TEST_F(DBILTest, TestsTheChosenConnectionsOfEverySite) {
 
 TEST_F(DBILTest, TerminateMayBeRepeatedAndAReadConnectsAgain) {
     setUpSite();
-    EXPECT_EQ(dbil_.RealtimeDB().ReadCurrentIO("S1", false)->Count(), 0U);
-    dbil_.Terminate();
-    dbil_.Terminate();
-    EXPECT_EQ(dbil_.RealtimeDB().ReadCurrentIO("S1", false)->Count(), 0U);
+    for (int i = 0; i < 2; ++i) {
+        EXPECT_EQ(dbil_.RealtimeDB().ReadCurrentIO("S1", false)->Count(), 0U);
+        dbil_.Terminate();
+        dbil_.Terminate();
+    }
 }
 
 TEST_F(DBILTest, ReadsItemDefinitionsInOrderAndKeepsDamageToItsField) {
@@ -74,22 +76,13 @@ TEST_F(DBILTest, ReadsItemDefinitionsInOrderAndKeepsDamageToItsField) {
     const auto definitions = dbil_.ConfigurationReader().LoadOPCDefs("S1");
     ASSERT_EQ(definitions->size(), 3U);
     const OPCDef& damaged = (*definitions)[0];
-    EXPECT_EQ(damaged.Tagname(), "Damaged");
     EXPECT_EQ(damaged.TagType(), 0);
     EXPECT_TRUE(damaged.NullValue().isNull());
-    const auto numberOf = [](auto read) -> long {
-        try {
-            (void)read();
-        } catch (const RuntimeError& error) {
-            return error.number();
-        }
-        return 0;
-    };
-    EXPECT_EQ(numberOf([&] { return damaged.ID(); }), errors::invalidUseOfNull);
-    EXPECT_EQ(numberOf([&] { return damaged.DownIsValid(); }), errors::invalidUseOfNull);
-    EXPECT_EQ(numberOf([&] { return damaged.Write(); }), errors::typeMismatch);
-    EXPECT_EQ(numberOf([&] { return damaged.UseSubstatus(); }), errors::typeMismatch);
-    EXPECT_EQ(numberOf([&] { return damaged.RefreshRate(); }), errors::typeMismatch);
+    EXPECT_EQ(raisedBy([&] { (void)damaged.ID(); }), errors::invalidUseOfNull);
+    EXPECT_EQ(raisedBy([&] { (void)damaged.DownIsValid(); }), errors::invalidUseOfNull);
+    EXPECT_EQ(raisedBy([&] { (void)damaged.Write(); }), errors::typeMismatch);
+    EXPECT_EQ(raisedBy([&] { (void)damaged.UseSubstatus(); }), errors::typeMismatch);
+    EXPECT_EQ(raisedBy([&] { (void)damaged.RefreshRate(); }), errors::typeMismatch);
 
     const OPCDef& odd = (*definitions)[1];
     EXPECT_EQ(odd.Tagname(), "");
@@ -97,21 +90,33 @@ TEST_F(DBILTest, ReadsItemDefinitionsInOrderAndKeepsDamageToItsField) {
     EXPECT_EQ(odd.TagType(), 2);
     EXPECT_TRUE(odd.Write());
     EXPECT_EQ(odd.NullValue(), Variant("none"));
-    EXPECT_EQ(numberOf([&] { return odd.RefreshRate(); }), errors::overflow);
+    EXPECT_EQ(raisedBy([&] { (void)odd.RefreshRate(); }), errors::overflow);
 
     const OPCDef& last = (*definitions)[2];
-    EXPECT_EQ(last.Tagname(), "Last");
     EXPECT_TRUE(last.DownIsValid());
     EXPECT_FALSE(last.UseSubstatus());
     EXPECT_EQ(last.NullValue(), Variant(-1.5));
     EXPECT_EQ(last.RefreshRate(), 20);
-}
 
-TEST_F(DBILTest, AMissingTableIsNothingWithAReason) {
-    setUpSite();
     database_.run("DROP TABLE Q5OPCDEF");
     EXPECT_EQ(dbil_.ConfigurationReader().LoadOPCDefs("S1"), nullptr);
     EXPECT_THAT(problems_, ElementsAre("Site 'S1': cannot read the OPC item definitions: 1, no such table: Q5OPCDEF"));
+}
+
+TEST(OPCDef, TakesWholeNumbersInEveryFormThatADatabaseDelivers) {
+    const std::pair<Variant, std::int32_t> cases[] = {{Variant(std::int32_t{1}), 1},
+                                                      {Variant(std::int16_t{1}), 1},
+                                                      {Variant(1.0), 1},
+                                                      {Variant(Decimal::fromText("1")), 1},
+                                                      {Variant(1.5), 0},
+                                                      {Variant(3e9), 0},
+                                                      {Variant("1"), 0},
+                                                      {Variant::null(), 0}};
+    for (const auto& [column, tagType] : cases) {
+        OPCDef::Columns columns;
+        columns.TagType = column;
+        EXPECT_EQ(OPCDef(columns).TagType(), tagType);
+    }
 }
 
 TEST_F(DBILTest, ReadsChannelsParametersAndSettings) {
@@ -192,23 +197,13 @@ TEST_F(DBILTest, SnapshotsStayAsTheyWereWhileLaterOnesAreRead) {
     EXPECT_EQ(realtime.ReadCurrentIO("S1", false)->Channel(2), nullptr);
 }
 
-TEST_F(DBILTest, ReadsMessageRecordsAndParameterValues) {
+TEST_F(DBILTest, ReadsParameterValues) {
     database_.run(R"(
-        INSERT INTO Message(ID, SiteID, Type, Data, State, Response)
-        VALUES ('M1', 'S1', 'Q6IOCOMMAND', '<Command />', 'DONE', NULL);
         INSERT INTO ParameterValue VALUES ('S1', 5, '1H', 12.5, 60, NULL), ('S1', 5, '1D', 'text', NULL, 'x'),
                                           ('S1', 'five', '1H', 1, 1, NULL), ('S2', 6, '1H', 1, 1, NULL))");
     setUpSite();
-    IRealtimeDB& realtime = dbil_.RealtimeDB();
-    const auto message = realtime.GetMessageRecord("S1", "M1");
-    ASSERT_TRUE(message);
-    EXPECT_EQ(message->State, "DONE");
-    EXPECT_EQ(message->Response, "");
-    EXPECT_EQ(message->MessageData, "<Command />");
-    EXPECT_FALSE(realtime.GetMessageRecord("S1", "m1"));
-
     std::vector<ParameterValue> values(7);
-    realtime.ReadParameterValues("S1", values);
+    dbil_.RealtimeDB().ReadParameterValues("S1", values);
     ASSERT_EQ(values.size(), 2U);
     EXPECT_EQ(values[0].IntervalType, "1D");
     EXPECT_EQ(values[0].Value, Variant("text"));

@@ -5,14 +5,6 @@
 namespace quelm::tools {
 namespace {
 
-std::vector<std::string> texts(const MessageList& messages) {
-    std::vector<std::string> found;
-    for (const auto& entry : messages.entries()) {
-        found.push_back(entry.text);
-    }
-    return found;
-}
-
 TEST(MessageList, KeepsWhatIsNewAndProgressOnRequest) {
     MessageList messages;
     const auto raiseAll = [&] {
@@ -28,7 +20,10 @@ TEST(MessageList, KeepsWhatIsNewAndProgressOnRequest) {
                                         "OPC-0162: found 2 for channel 411"};
     messages.begin(false);
     raiseAll();
-    EXPECT_EQ(texts(messages), kept);
+    ASSERT_EQ(messages.entries().size(), kept.size());
+    for (std::size_t i = 0; i < kept.size(); ++i) {
+        EXPECT_EQ(messages.entries()[i].text, kept[i]);
+    }
     messages.begin(true);
     raiseAll();
     EXPECT_EQ(messages.entries().size(), kept.size() + 1);
