@@ -81,22 +81,12 @@ TEST(PIDFunctionsTest, TextsAndOddSelectors) {
 }
 
 TEST(PIDFunctionsTest, TakesTrailingGroups) {
-    struct Case {
-        const char* text;
-        std::int32_t digits;
-        std::int32_t value;
-        const char* rest;
-    };
-    const Case cases[] = {
-        {"12345", 2, 45, "123"}, {"12-34", 2, 34, "12-"}, {"12-3", 2, 3, "12"},
-        {"12--", 2, 12, ""},     {"12 -", 1, 2, "1"},     {"", 2, -1, ""},
-        {"abc", 2, -1, ""},      {"a007", 3, 7, "a"},     {"7", 9, 7, ""},
-    };
-    for (const Case& c : cases) {
-        std::string_view text = c.text;
-        EXPECT_EQ(TakeTrailingNumber(text, c.digits), c.value) << c.text;
-        EXPECT_EQ(text, c.rest) << c.text;
-    }
+    std::string_view text = "a12345--";
+    EXPECT_EQ(TakeTrailingNumber(text, 2), 45);
+    EXPECT_EQ(text, "a123");
+    EXPECT_EQ(TakeTrailingNumber(text, 9), 123);
+    EXPECT_EQ(text, "");
+    EXPECT_EQ(TakeTrailingNumber(text, 2), -1);
     std::string_view huge = "2147483648";
     EXPECT_THROW(TakeTrailingNumber(huge, 10), RuntimeError);
 }

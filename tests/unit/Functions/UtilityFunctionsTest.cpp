@@ -110,7 +110,6 @@ TEST(UtilityFunctionsTest, GetTextBetween) {
         {"[]", "[", "]", 1, CompareMode::Exact, "", 3, 1},
         {"x-1-2", "-", "", 1, CompareMode::Exact, "1", 5, 2},
         {"xABcdABy", "ab", "AB", 1, CompareMode::IgnoreCase, "cd", 7, 2},
-        {"xABcdABy", "ab", "AB", 1, CompareMode::Exact, "", 0, 0},
         {"ÄÖ«漢字»!", "«", "»", 3, CompareMode::Exact, "漢字", 7, 3},
         {"abc", "", "c", 2, CompareMode::Exact, "b", 4, 2},
         {"abc", "a", "b", 99, CompareMode::Exact, "", 0, 0},

@@ -13,14 +13,12 @@ TEST(CurrentIOTest, FindsByKeyWithoutRegardToCaseAndByChannel) {
     const auto snapshot = CurrentIOCollection::Make({record("C7", 1), record("c8", 2), record("IOS.AllCommsOk", 3),
                                                      record("MultiValueC7", 4), record("C007", 5), record("C-9", 6),
                                                      record("C", 7), record("", 8), record("C99999999999", 9)});
-    const struct {
-        const char* key;
-        std::int32_t value;
-    } cases[] = {{"C7", 1},  {"c7", 1}, {"C8", 2}, {"ios.ALLCOMMSOK", 3}, {"multivaluec7", 4}, {"C007", 5},
-                 {"c-9", 6}, {"c", 7},  {"", 8},   {"C99999999999", 9}};
-    for (const auto& each : cases) {
-        ASSERT_NE(snapshot->Item(each.key), nullptr) << each.key;
-        EXPECT_EQ(snapshot->Item(each.key)->NValue, Variant(each.value)) << each.key;
+    const std::pair<const char*, std::int32_t> cases[] = {
+        {"c7", 1}, {"C8", 2}, {"ios.ALLCOMMSOK", 3}, {"multivaluec7", 4}, {"C007", 5}, {"c-9", 6},
+        {"c", 7},  {"", 8},   {"C99999999999", 9}};
+    for (const auto& [key, value] : cases) {
+        ASSERT_NE(snapshot->Item(key), nullptr) << key;
+        EXPECT_EQ(snapshot->Item(key)->NValue, Variant(value)) << key;
     }
     for (const char* missing : {"C70", "C07", "C-0", "C+7", "C7 ", "IOS6.AllCommsOk"}) {
         EXPECT_EQ(snapshot->Item(missing), nullptr) << missing;

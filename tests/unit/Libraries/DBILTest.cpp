@@ -1,5 +1,6 @@
 #include "DB Interface Library/DBIL.h"
 
+#include <fmt/format.h>
 #include <gmock/gmock.h>
 
 #include "Libraries/TestDatabase.h"
@@ -174,18 +175,15 @@ TEST_F(DBILTest, SnapshotsStayAsTheyWereWhileLaterOnesAreRead) {
         "INSERT INTO CurrentIO(SiteID, IOID, NValue, XValue) VALUES ('S1', 'C1', 0, 'a'), ('S1', 'C2', 0, '')");
     std::vector<std::shared_ptr<const CurrentIOCollection>> kept;
     for (std::int32_t i = 1; i <= 6; ++i) {
-        database_.run("UPDATE CurrentIO SET NValue = " + std::to_string(i) + ", XValue = 'x" + std::to_string(i) + "'");
+        database_.run(fmt::format("UPDATE CurrentIO SET NValue = {0}, XValue = 'x{0}'", i));
         auto snapshot = realtime.ReadCurrentIO("S1", false);
         EXPECT_EQ(snapshot->Channel(2)->NValue, Variant(i));
-        if (i % 2 == 0) {
-            kept.push_back(std::move(snapshot));
-        }
+        kept.push_back(i % 2 == 0 ? std::move(snapshot) : nullptr);
     }
-    for (std::size_t i = 0; i < kept.size(); ++i) {
-        EXPECT_EQ(kept[i]->Channel(1)->NValue, Variant(static_cast<std::int32_t>(i * 2 + 2)));
-        EXPECT_EQ(kept[i]->Channel(1)->XValue, "x" + std::to_string(i * 2 + 2));
+    for (std::int32_t i : {2, 4, 6}) {
+        EXPECT_EQ(kept[i - 1]->Channel(1)->NValue, Variant(i));
+        EXPECT_EQ(kept[i - 1]->Channel(1)->XValue, fmt::format("x{}", i));
     }
-
     database_.run("DELETE FROM CurrentIO WHERE IOID = 'C1'; INSERT INTO CurrentIO(SiteID, IOID) VALUES ('S1', 'A')");
     for (int i = 0; i < 3; ++i) {
         const auto snapshot = realtime.ReadCurrentIO("S1", false);

@@ -78,13 +78,11 @@ TEST_F(LogWriterTest, AFullDiskMayTearALineAndCostsLinesOnly) {
 }
 
 TEST(MessageTypeNamesTest, NamesTypes) {
-    const struct {
-        std::int32_t type;
-        const char* name;
-    } cases[] = {{0, "Progress"}, {1, "Information"},           {2, "Notice"}, {3, "3"},
-                 {4, "Error"},    {20484, "Multi-value error"}, {-5, "-5"}};
-    for (const auto& each : cases) {
-        EXPECT_EQ(messageTypeName(each.type), each.name);
+    const std::pair<std::int32_t, const char*> cases[] = {
+        {0, "Progress"}, {1, "Information"},           {2, "Notice"}, {3, "3"},
+        {4, "Error"},    {20484, "Multi-value error"}, {-5, "-5"}};
+    for (const auto& [type, name] : cases) {
+        EXPECT_EQ(messageTypeName(type), name);
     }
 }
 

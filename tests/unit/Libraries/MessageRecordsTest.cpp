@@ -48,12 +48,9 @@ TEST(MessageIDsTest, AreUuidsThatAscendWhateverTheClockDoes) {
 TEST(MessageIDsTest, DifferBetweenProgramsAtTheSameInstant) {
     ManualTimeSource time(makeDate(1960, 1, 1));  // before the epoch: the time part is 0
     const ScopedTimeSource inForce(time);
-    std::set<std::string> made;
-    for (int i = 0; i < 100; ++i) {
-        made.insert(MessageIDs().next());
-    }
-    EXPECT_EQ(made.size(), 100U);
-    EXPECT_TRUE(made.begin()->starts_with("00000000-0000-7"));
+    const std::string made = MessageIDs().next();
+    EXPECT_TRUE(made.starts_with("00000000-0000-7"));
+    EXPECT_NE(MessageIDs().next(), made);
 }
 
 // ---- records

@@ -75,10 +75,7 @@ TEST(SqlValueTest, TakesWholeNumbersFromEveryNumberType) {
         value.real = number;
         return value;
     };
-    const struct {
-        SqlValue value;
-        std::optional<std::int32_t> number;
-    } cases[] = {
+    const std::pair<SqlValue, std::optional<std::int32_t>> cases[] = {
         {{SqlType::Integer, {101001234}, {}}, 101001234},
         {{SqlType::Integer, {-3'000'000'000}, {}}, std::nullopt},
         {{SqlType::Decimal, {}, "101001234.000"}, 101001234},
@@ -89,14 +86,14 @@ TEST(SqlValueTest, TakesWholeNumbersFromEveryNumberType) {
         {{SqlType::Text, {}, "7"}, std::nullopt},
         {{}, std::nullopt},
     };
-    for (const auto& each : cases) {
-        EXPECT_EQ(sqlWholeNumber(each.value), each.number);
+    for (const auto& [value, number] : cases) {
+        EXPECT_EQ(sqlWholeNumber(value), number);
     }
 }
 
 class SqliteTest : public testing::Test {
  protected:
-    std::unique_ptr<ISqlConnection> connect(const std::string& path, SqliteTimeouts timeouts = {}) {
+    static std::unique_ptr<ISqlConnection> connect(const std::string& path, SqliteTimeouts timeouts = {}) {
         return SqliteDriver(timeouts).connection(ConnectionString("Driver=SQLite;Database=" + path));
     }
     static std::int64_t countOf(ISqlConnection& connection) {
@@ -106,16 +103,20 @@ class SqliteTest : public testing::Test {
         rows->read(columns);
         return columns[0].integer;
     }
+
     TemporaryFolder folder_;
+    const std::string path_ = folder_.file("a.db");
+    TestDatabase plant_{path_};
+    std::unique_ptr<ISqlConnection> connection_ =
+        connect(path_, {std::chrono::milliseconds(1), std::chrono::seconds(10)});
 };
 
 TEST_F(SqliteTest, GivesEveryTypeAsItIs) {
-    TestDatabase(folder_.file("a.db")).run("CREATE TABLE T(a, b, c, d, e)");
-    const auto connection = connect(folder_.file("a.db"));
-    EXPECT_EQ(connection->execute("INSERT INTO T VALUES (?, ?, ?, ?, x'00')",
-                                  {std::int64_t{5'000'000'000}, 0.1, std::string_view("\xC3\xA4"), std::monostate()}),
+    plant_.run("CREATE TABLE T(a, b, c, d, e)");
+    EXPECT_EQ(connection_->execute("INSERT INTO T VALUES (?, ?, ?, ?, x'00')",
+                                   {std::int64_t{5'000'000'000}, 0.1, std::string_view("\xC3\xA4"), std::monostate()}),
               1);
-    const auto rows = connection->query("SELECT a, b, c, d, e, 7 FROM T", {});
+    const auto rows = connection_->query("SELECT a, b, c, d, e, 7 FROM T", {});
     ASSERT_TRUE(rows->next());
     std::array<SqlValue, 6> columns;
     rows->read(columns);
@@ -145,45 +146,40 @@ TEST_F(SqliteTest, FailsClearlyAndNeverMakesAFile) {
 }
 
 TEST_F(SqliteTest, ComesBackWhenTheFileComesBackOrIsReplaced) {
-    const std::string path = folder_.file("a.db");
-    TestDatabase(path).run("CREATE TABLE T(a); INSERT INTO T VALUES (1)");
+    plant_.run("CREATE TABLE T(a); INSERT INTO T VALUES (1)");
     TestDatabase(folder_.file("restored.db")).run("CREATE TABLE T(a); INSERT INTO T VALUES (1), (2)");
-    const auto connection = connect(path);
-    EXPECT_EQ(countOf(*connection), 1);
-    std::filesystem::rename(folder_.file("restored.db"), path);
-    EXPECT_EQ(countOf(*connection), 2);
-    std::filesystem::rename(path, folder_.file("away.db"));
-    EXPECT_THROW(countOf(*connection), RuntimeError);
-    std::filesystem::rename(folder_.file("away.db"), path);
-    EXPECT_EQ(countOf(*connection), 2);
-    EXPECT_THROW(connection->execute("INSERT INTO Nowhere VALUES (1)", {}), RuntimeError);
-    EXPECT_EQ(countOf(*connection), 2);
-    connection->close();
-    EXPECT_EQ(countOf(*connection), 2);
+    EXPECT_EQ(countOf(*connection_), 1);
+    std::filesystem::rename(folder_.file("restored.db"), path_);
+    EXPECT_EQ(countOf(*connection_), 2);
+    std::filesystem::rename(path_, folder_.file("away.db"));
+    EXPECT_THROW(countOf(*connection_), RuntimeError);
+    std::filesystem::rename(folder_.file("away.db"), path_);
+    EXPECT_EQ(countOf(*connection_), 2);
+    EXPECT_THROW(connection_->execute("INSERT INTO Nowhere VALUES (1)", {}), RuntimeError);
+    EXPECT_EQ(countOf(*connection_), 2);
+    connection_->close();
+    EXPECT_EQ(countOf(*connection_), 2);
 }
 
 TEST_F(SqliteTest, ALockCostsOneBoundedCallAndAReadHoldsNoWriter) {
-    TestDatabase writer(folder_.file("a.db"));
-    writer.run("CREATE TABLE T(a)");
-    const auto connection = connect(folder_.file("a.db"), {std::chrono::milliseconds(1), std::chrono::seconds(10)});
-    EXPECT_EQ(countOf(*connection), 0);
-    writer.run("BEGIN EXCLUSIVE; INSERT INTO T VALUES (1)");
-    EXPECT_EQ(errorOf([&] { countOf(*connection); }).number() & 0xFF, SQLITE_BUSY);
-    writer.run("COMMIT");
-    EXPECT_EQ(countOf(*connection), 1);
-    writer.run("INSERT INTO T VALUES (2)");
-    EXPECT_EQ(countOf(*connection), 2);
+    plant_.run("CREATE TABLE T(a)");
+    EXPECT_EQ(countOf(*connection_), 0);
+    plant_.run("BEGIN EXCLUSIVE; INSERT INTO T VALUES (1)");
+    EXPECT_EQ(errorOf([&] { countOf(*connection_); }).number() & 0xFF, SQLITE_BUSY);
+    plant_.run("COMMIT");
+    EXPECT_EQ(countOf(*connection_), 1);
+    plant_.run("INSERT INTO T VALUES (2)");
+    EXPECT_EQ(countOf(*connection_), 2);
 }
 
 TEST_F(SqliteTest, ARunawayQueryIsStopped) {
-    TestDatabase(folder_.file("a.db")).run("CREATE TABLE T(a)");
-    const auto connection = connect(folder_.file("a.db"), {std::chrono::milliseconds(1), std::chrono::milliseconds(0)});
+    const auto hasty = connect(path_, {std::chrono::milliseconds(1), std::chrono::milliseconds(0)});
     const RuntimeError error = errorOf([&] {
-        connection->execute("WITH RECURSIVE r(n) AS (SELECT 1 UNION ALL SELECT n + 1 FROM r) SELECT COUNT(*) FROM r",
-                            {});
+        hasty->execute("WITH RECURSIVE r(n) AS (SELECT 1 UNION ALL SELECT n + 1 FROM r) SELECT COUNT(*) FROM r", {});
     });
     EXPECT_EQ(error.description(), "the query took longer than 0 ms");
-    EXPECT_EQ(countOf(*connection), 0);
+    plant_.run("CREATE TABLE T(a)");
+    EXPECT_EQ(countOf(*hasty), 0);
 }
 
 class CountingSink final : public ISqlRowSink {
@@ -202,20 +198,18 @@ class CountingSink final : public ISqlRowSink {
 };
 
 TEST_F(SqliteTest, AScanHandsOverEveryRowAndWhatTheSinkRaisesReachesTheCaller) {
-    TestDatabase(folder_.file("a.db")).run("CREATE TABLE T(a, b); INSERT INTO T VALUES ('x', 1), ('x', 2), ('y', 4)");
-    const auto connection = connect(folder_.file("a.db"));
+    plant_.run("CREATE TABLE T(a, b); INSERT INTO T VALUES ('x', 1), ('x', 2), ('y', 4)");
     CountingSink all(100);
-    connection->scan("a, b", "T WHERE a = ?", {std::string_view("x")}, all);
-    EXPECT_EQ(all.sum, 3);
-    connection->scan("a, b", "T WHERE a = ?", {std::string_view("none")}, all);
+    connection_->scan("a, b", "T WHERE a = ?", {std::string_view("x")}, all);
+    connection_->scan("a, b", "T WHERE a = ?", {std::string_view("none")}, all);
     EXPECT_EQ(all.sum, 3);
     CountingSink refusing(1);
-    EXPECT_EQ(errorOf([&] { connection->scan("a, b", "T", {}, refusing); }).number(), errors::overflow);
+    EXPECT_EQ(errorOf([&] { connection_->scan("a, b", "T", {}, refusing); }).number(), errors::overflow);
     EXPECT_EQ(refusing.sum, 3);
-    EXPECT_EQ(errorOf([&] { connection->scan("a, b", "Nowhere", {}, all); }).description(), "no such table: Nowhere");
-    TestDatabase(folder_.file("a.db")).run("CREATE VIEW V AS SELECT quelm_take(a, b) AS c FROM T");
-    EXPECT_THROW(connection->query("SELECT c FROM V", {})->next(), RuntimeError);
-    connection->scan("a, b", "T", {}, all);
+    EXPECT_EQ(errorOf([&] { connection_->scan("a, b", "Nowhere", {}, all); }).description(), "no such table: Nowhere");
+    plant_.run("CREATE VIEW V AS SELECT quelm_take(a, b) AS c FROM T");
+    EXPECT_THROW(connection_->query("SELECT c FROM V", {})->next(), RuntimeError);
+    connection_->scan("a, b", "T", {}, all);
     EXPECT_EQ(all.sum, 10);
 }
 
@@ -236,23 +230,18 @@ TEST(SqlDateTest, ReadsEveryFormAndNothingElse) {
         {"2026-11-22 12:00", noon},
         {"2026-11-22", makeDate(2026, 11, 22)},
         {"1850-01-01 06:00:00", makeDate(1850, 1, 1, 6, 0, 0)},
-        {"2026-02-29 00:00:00", {}},
-        {"2026-13-22 12:00:00", {}},
-        {"yesterday at noon, sir", {}},
-        {"2026-11-22 24:00:00", {}},
-        {"2026-11-22 12:60:00", {}},
-        {"2026-11-22 12:00:00.12x", {}},
-        {"2026-11-22 12:00:00.1234567890", {}},
-        {"2026-11-22 12:00:00Z", {}},
-        {"2026-11-22T12:00:00+01:00", {}},
         {"2026-11-2", makeDate(2026, 11, 2)},
-        {"", {}},
-        {"2026-11-22 12:00:00.000000000000000000000000", {}},
     };
     SqlDateReader reader;
     for (const auto& [text, date] : cases) {
         EXPECT_DOUBLE_EQ(reader.read(textValue(text)).days, date.days) << text;
         EXPECT_DOUBLE_EQ(reader.read(textValue(text)).days, date.days) << text << " again";
+    }
+    for (const char* none :
+         {"", "2026-02-29 00:00:00", "2026-13-22 12:00:00", "yesterday at noon, sir", "2026-11-22 24:00:00",
+          "2026-11-22 12:60:00", "2026-11-22 12:00:00.12x", "2026-11-22 12:00:00.1234567890", "2026-11-22 12:00:00Z",
+          "2026-11-22T12:00:00+01:00", "2026-11-22 12:00:00.000000000000000000000000"}) {
+        EXPECT_EQ(reader.read(textValue(none)).days, 0) << none;
     }
 }
 

@@ -44,23 +44,20 @@ TEST_F(SystemINITest, ReadsEntriesInFileOrder) {
 }
 
 TEST_F(SystemINITest, TakesTimeoutsThatBoundAWait) {
-    const struct {
+    struct Case {
         const char* given;
-        int connect;  // seconds
-        int query;
+        int connect, query;  // seconds
         std::vector<std::string> problems;
-    } cases[] = {
+    };
+    const std::string noNumber = " is not a number of seconds from 1 to 300; read as ";
+    const Case cases[] = {
         {"", 5, 10, {}},
         {"ConnectTimeout=\nquerytimeout = 300", 5, 300, {}},
-        {"ConnectTimeout=1\nQueryTimeout=301",
-         1,
-         10,
-         {"[System]: QueryTimeout '301' is not a number of seconds from 1 to 300; read as 10"}},
+        {"ConnectTimeout=1\nQueryTimeout=301", 1, 10, {"[System]: QueryTimeout '301'" + noNumber + "10"}},
         {"ConnectTimeout=0\nQueryTimeout=2.5",
          5,
          10,
-         {"[System]: ConnectTimeout '0' is not a number of seconds from 1 to 300; read as 5",
-          "[System]: QueryTimeout '2.5' is not a number of seconds from 1 to 300; read as 10"}},
+         {"[System]: ConnectTimeout '0'" + noNumber + "5", "[System]: QueryTimeout '2.5'" + noNumber + "10"}},
     };
     for (const auto& each : cases) {
         problems_.clear();
@@ -96,11 +93,11 @@ TEST_F(SystemINITest, LeavesDamagedEntriesOutAndSaysWhy) {
 }
 
 TEST_F(SystemINITest, SelectsByComputerBeforeDefault) {
-    const struct {
-        const char* computers;
-        const char* thisComputer;
+    struct Case {
+        const char *computers, *thisComputer;
         bool isNamed;
-    } cases[] = {
+    };
+    const Case cases[] = {
         {"srv1", "SRV1", true},
         {"srv1", "srv1.plant.example", true},
         {"Srv1.Plant.Example", "srv1.plant.example", true},
@@ -127,7 +124,7 @@ TEST_F(SystemINITest, AnUnreadableFileFails) {
     EXPECT_FALSE(huge.ReadINI(0, true));
     std::filesystem::remove(path_);
     EXPECT_FALSE(huge.ReadINI(0, true));
-    EXPECT_FALSE(huge.ReadINI(0, false));
+    EXPECT_FALSE(huge.ReadINI(0, false)) << "and nothing is said";
     EXPECT_FALSE(huge.SelectDAHS(0, false));
     EXPECT_THAT(problems_,
                 ElementsAre("[System]: LogFolder is missing; logs go to the root folder", "no usable DAHS entry",

@@ -104,12 +104,6 @@ TEST_F(BrowserTest, FiltersByNameTypeAndRights) {
     EXPECT_EQ(result, OPC_E_INVALIDFILTER);
 }
 
-TEST_F(BrowserTest, AccessPathsAreAnEmptyList) {
-    NameEnumerator paths;
-    EXPECT_EQ(browser.accessPaths("Status", paths), S_FALSE);
-    EXPECT_EQ(browser.accessPaths("Other", paths), OPC_E_UNKNOWNITEMID);
-}
-
 TEST_F(BrowserTest, OddNamesAreReachedOnceEach) {
     const std::vector<std::string> odd{"a",    "a.",   "a..",    "a..b", "a.b",  "A.b.c", "a...c", ".x",       "..y",
                                        ".",    "..",   ".x.y",   "a-b",  "a b",  "a.b-c", "a.b d", "A..B.",    "a.b.",

@@ -6,13 +6,10 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-class PropertiesTest : public OpcDaTest {
- protected:
+TEST_F(OpcDaTest, EveryItemHasTheSixPropertiesOfTheStandard) {
     Properties properties{application.items()};
-};
-
-TEST_F(PropertiesTest, EveryItemHasTheSixOfTheStandard) {
     std::vector<PropertyDescription> available;
+    EXPECT_EQ(properties.available("", available), OPC_E_INVALIDITEMID);
     EXPECT_EQ(properties.available("plant.stack1.count", available), S_OK);
     ASSERT_EQ(available.size(), 6U);
     std::vector<PropertyValue> values;
@@ -29,19 +26,6 @@ TEST_F(PropertiesTest, EveryItemHasTheSixOfTheStandard) {
     EXPECT_NEAR(values[3].value.date().days, noon.days - 1.0 / 24, 1e-9);
     EXPECT_EQ(values[6].error, OPC_E_INVALID_PID);
     EXPECT_EQ(values[7].error, OPC_E_INVALID_PID);
-}
-
-TEST_F(PropertiesTest, WrongItemsAndPropertiesAreRefused) {
-    std::vector<PropertyDescription> available;
-    std::vector<PropertyValue> values;
-    std::vector<HResult> errors;
-    const std::vector<std::uint32_t> ids{2, 7};
-    EXPECT_EQ(properties.available("", available), OPC_E_INVALIDITEMID);
-    EXPECT_EQ(properties.values("Other", ids, values), OPC_E_UNKNOWNITEMID);
-    EXPECT_EQ(properties.values("Status", {}, values), E_INVALIDARG);
-    EXPECT_EQ(properties.lookupItemIds("Other", ids, errors), OPC_E_UNKNOWNITEMID);
-    EXPECT_EQ(properties.lookupItemIds("Status", ids, errors), S_FALSE);
-    EXPECT_THAT(errors, ElementsAre(E_FAIL, OPC_E_INVALID_PID));
 }
 
 class ItemIOTest : public OpcDaTest {

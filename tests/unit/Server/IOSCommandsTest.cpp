@@ -138,9 +138,7 @@ TEST_F(Commands, WithoutADatabaseLibraryFailWithTheirMessages) {
                             "4 OPC-0178: Cannot refresh selected channels ''. Channel 7 is not defined. "
                             "(Requestor=Smith)"));
     manager.Shutdown();
-    manager.WriteValueToChannel("P", 7, Variant(1.0));
     EXPECT_FALSE(manager.RefreshSelectedChannels("7", "Smith"));
-    EXPECT_TRUE(manager.GetMultiValueChannelCSV(7, 0).isEmpty());
     EXPECT_THAT(messages.take(), IsEmpty());
 }
 

@@ -161,11 +161,8 @@ TEST(SiteDataManager, AnswersTheReaderAndShutsDownInOrder) {
     Site site;
     ASSERT_EQ(site.setUp.references, &site.manager);
     EXPECT_EQ(site.setUp.readerPeriod, 15);
-    EXPECT_EQ(&site.manager.ICDRReferences_Intervals(), site.clock.get());
     EXPECT_EQ(&site.manager.ICDRReferences_RealtimeDB(), site.dbil.get());
     EXPECT_TRUE(site.manager.ICDRReferences_SelectedDahsIsRemote());
-    EXPECT_EQ(site.manager.ICDRReferences_SelectedDahsNow(), localNow());
-    EXPECT_EQ(site.manager.ICDRReferences_SiteID(), "A");
     site.setUp.raiseDIMessage(17, "from the data interface");
     EXPECT_THAT(site.messages.take(), ElementsAre("17 from the data interface"));
     site.create({});

@@ -39,7 +39,6 @@ TEST(TimeSourceTest, FileTimesAndLocalDatesMatch) {
     EXPECT_EQ(source.fileTimeNow(), 134'398'188'050'000'000);
     EXPECT_EQ(dateText(localNow()), "2026-11-22 12:00:05");
     source.advanceMilliseconds(86'400'000LL * 400 + 1);
-    EXPECT_EQ(source.monotonicMilliseconds(), 86'400'000ULL * 400 + 1);
     EXPECT_EQ(fileTimeFromLocal(localNow()), source.fileTimeNow());
     source.advanceMilliseconds(-5000);
     EXPECT_EQ(source.monotonicMilliseconds(), 86'400'000ULL * 400 + 1) << "this clock never goes back";
