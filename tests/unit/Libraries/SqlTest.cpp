@@ -37,6 +37,7 @@ TEST(ConnectionStringTest, PasswordsNeverShow) {
         {"Driver=SQLite;Database={a b.db;PWD=geheim", "Driver=SQLite;Database=***"},
         {"Database=a.db Password=geheim;Driver=SQLite", "Database=***;Driver=SQLite"},
         {"", ""},
+        {";;a=b;", "a=b"},
     };
     for (const auto& [text, shown] : cases) {
         EXPECT_EQ(redactConnectionString(text), shown);

@@ -100,11 +100,13 @@ TEST_F(SystemINITest, SelectsByComputerBeforeDefault) {
     const Case cases[] = {
         {"srv1", "SRV1", true},
         {"srv1", "srv1.plant.example", true},
+        {"srv1.plant.example", "srv1", true},
         {"Srv1.Plant.Example", "srv1.plant.example", true},
         {"srv1.other.example", "srv1.plant.example", false},
         {"a,,b", "B", true},
         {"srv", "srv1", false},
         {"", "srv1", false},
+        {"srv1", "", false},
     };
     for (const auto& each : cases) {
         SystemINI reader = ini(std::string("[DAHS.1]\nSiteID=Default\nDAHSID=1\nDefault=Yes\n"

@@ -125,6 +125,7 @@ TEST(Coercion, FloatingTypesCurrencyDecimalAndDates) {
            {Variant(0.1), {{VT_DECIMAL, "0.1"}}},
            {Variant(Currency{-12500}), {{VT_DECIMAL, "-1.25"}, {VT_R8, "-1.25"}}},
            {Variant(Decimal::fromText("79228162514264337593543950335")), {{VT_CY, "overflow"}}},
+           {Variant(Decimal::fromText("-1.5")), {{VT_R4, "-1.5"}}},
            {Variant(46000.5), {{VT_DATE, "46000.5"}}},
            {Variant(2958466.0), {{VT_DATE, "overflow"}}},
            {Variant(Date{46000.5}), {{VT_R8, "46000.5"}, {VT_CY, "460005000"}, {VT_BOOL, "-1"}, {VT_I4, "46000"}}}});
