@@ -76,6 +76,7 @@ TEST(UtilityXMLDOMFunctionsTest, NodeAndAttributeTexts) {
 TEST(UtilityXMLDOMFunctionsTest, Dates) {
     const std::pair<const char*, const char*> cases[] = {
         {"2013-04-05T06:07:08.5", "2013-04-05 06:07:08"},
+        {"2013.04.05T06:07:08.5", "2013-04-05 06:07:08"},
         {"2013-04-05T06:07:08.123+02:00", "2013-04-05 06:07:08"},
         {"2013-04-05T06:07:08", "2013-04-05 06:07:08"},
         {"2013-04-05 06:07:08", "2013-04-05 06:07:08"},
