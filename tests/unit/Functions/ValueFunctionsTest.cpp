@@ -116,6 +116,7 @@ TEST(TextConversionFunctionsTest, VariantTexts) {
         {Variant(1E+30), "1E+30"},
         {Variant(std::numeric_limits<double>::infinity()), "INF"},
         {Variant(0.1F), "0.1"},
+        {Variant(1E-30F), "0"},
         {Variant(Currency{-5'000}), "-0.5"},
         {Variant(Decimal::fromText("79228162514264337593543950335")), "79228162514264337593543950335"},
         {Variant(makeDate(2013, 4, 5, 6, 7, 8)), "2013-04-05 06:07:08"},

@@ -97,6 +97,9 @@ TEST_F(CurrentDataReaderTest, WithdrawsItsValuesAfterThreeMissedRefreshes) {
     advanceSeconds(15);
     EXPECT_EQ(valueOf(5, "1H"), Variant(1.0));
     EXPECT_THAT(messages.take(), IsEmpty());
+    dbil->readFailure = RuntimeError(5, "database is locked");
+    advanceSeconds(30);
+    EXPECT_EQ(valueOf(5, "1H"), Variant(1.0)) << "the count began anew";
 }
 
 TEST(DataInterfaceTest, HoldsDefinitionsFromLoadToTearDownOrToALoadThatFails) {

@@ -184,11 +184,11 @@ TEST_F(DBILTest, SnapshotsStayAsTheyWereWhileLaterOnesAreRead) {
         EXPECT_EQ(kept[i - 1]->Channel(1)->NValue, Variant(i));
         EXPECT_EQ(kept[i - 1]->Channel(1)->XValue, fmt::format("x{}", i));
     }
-    database_.run("DELETE FROM CurrentIO WHERE IOID = 'C1'; INSERT INTO CurrentIO(SiteID, IOID) VALUES ('S1', 'A')");
+    database_.run("DELETE FROM CurrentIO WHERE IOID = 'C1'; INSERT INTO CurrentIO(SiteID, IOID) VALUES ('S1', 'A1')");
     for (int i = 0; i < 3; ++i) {
         const auto snapshot = realtime.ReadCurrentIO("S1", false);
         EXPECT_EQ(snapshot->Channel(1), nullptr);
-        EXPECT_NE(snapshot->Item("a"), nullptr);
+        EXPECT_NE(snapshot->Item("a1"), nullptr);
         EXPECT_NE(snapshot->Channel(2), nullptr);
     }
     database_.run("DELETE FROM CurrentIO WHERE IOID = 'C2'");

@@ -112,6 +112,7 @@ TEST(Coercion, TrueIsMinusOneOrAllBits) {
            {Variant(0.1), {{VT_BOOL, "-1"}}},
            {Variant(0.0), {{VT_BOOL, "0"}}},
            {Variant(" fALSE "), {{VT_BOOL, "0"}}},
+           {Variant("#true#"), {{VT_BOOL, "-1"}}},
            {Variant("12"), {{VT_BOOL, "-1"}}},
            {Variant("yes"), {{VT_BOOL, "mismatch"}}}});
 }
@@ -128,6 +129,7 @@ TEST(Coercion, FloatingTypesCurrencyDecimalAndDates) {
            {Variant(Decimal::fromText("-1.5")), {{VT_R4, "-1.5"}}},
            {Variant(46000.5), {{VT_DATE, "46000.5"}}},
            {Variant(2958466.0), {{VT_DATE, "overflow"}}},
+           {Variant(-657435.0), {{VT_DATE, "overflow"}}},
            {Variant(Date{46000.5}), {{VT_R8, "46000.5"}, {VT_CY, "460005000"}, {VT_BOOL, "-1"}, {VT_I4, "46000"}}}});
 }
 

@@ -47,13 +47,13 @@ class ItemIOTest : public OpcDaTest {
 TEST_F(ItemIOTest, OnlyWhatIsTooOldIsAskedFor) {
     clock.advanceMilliseconds(20'000);
     EXPECT_EQ(
-        read({"Status", "Plant.Stack1.NOx", "Plant.Stack1.Count", "Plant.Stack2.NOx"}, {0, 19'999, 20'000, 0xFFFFFFFF}),
+        read({"Plant.Stack1.Count", "Status", "Plant.Stack1.NOx", "Plant.Stack2.NOx"}, {20'000, 0, 19'999, 0xFFFFFFFF}),
         S_OK);
     EXPECT_THAT(events.log, ElementsAre("read 2 Status Plant.Stack1.NOx"));
-    EXPECT_EQ(readings[1].value, Variant(12.5F));
-    EXPECT_EQ(readings[2].value, Variant(std::int32_t{70000}));
-    EXPECT_EQ(readings[2].quality, 0xC0);
-    EXPECT_EQ(readings[2].fileTime, readings[1].fileTime);
+    EXPECT_EQ(readings[0].value, Variant(std::int32_t{70000}));
+    EXPECT_EQ(readings[0].quality, 0xC0);
+    EXPECT_EQ(readings[2].value, Variant(12.5F));
+    EXPECT_EQ(readings[2].fileTime, readings[0].fileTime);
 }
 
 TEST_F(ItemIOTest, EachItemHasItsOwnError) {
@@ -61,6 +61,10 @@ TEST_F(ItemIOTest, EachItemHasItsOwnError) {
     EXPECT_EQ(read({"Status", "Other", "", "Plant.Stack1.NOx"}, {0, 0, 0, 0xFFFFFFFF}), S_FALSE);
     EXPECT_THAT(errors, ElementsAre(E_FAIL, OPC_E_UNKNOWNITEMID, OPC_E_INVALIDITEMID, S_OK));
     EXPECT_THAT(events.log, ElementsAre("read 1 Status"));
+    events.readError = 0;
+    events.answered = 0;
+    EXPECT_EQ(read({"Status"}, {0}), S_FALSE);
+    EXPECT_THAT(errors, ElementsAre(E_FAIL));
     EXPECT_EQ(read({}, {}), E_INVALIDARG);
     EXPECT_EQ(read({"Status"}, {}), E_INVALIDARG);
 
