@@ -24,10 +24,7 @@ std::string shown(const Variant& value) {
 
 TEST(CommandLineFunctionsTest, SwitchesAndPlainValues) {
     struct Case {
-        const char* commandLine;
-        const char* name;
-        const char* plain;
-        const char* asText;
+        const char *commandLine, *name, *plain, *asText;
     };
     const Case cases[] = {
         {"", "visible", "null", "null"},

@@ -16,8 +16,7 @@ namespace {
 TEST(PIDFunctionsTest, ParsesTexts) {
     struct Case {
         const char* text;
-        std::int32_t plain;
-        std::int32_t bracketed;
+        std::int32_t plain, bracketed;
     };
     const Case cases[] = {
         {"1-010-0-12-34", 101001234, 0},
@@ -123,8 +122,7 @@ TEST(IdentifierFunctionsTest, ValidityByKind) {
 TEST(IOChannelIDFunctionsTest, ParsesTexts) {
     struct Case {
         const char* text;
-        std::int32_t plain;
-        std::int32_t bracketed;
+        std::int32_t plain, bracketed;
     };
     const Case cases[] = {
         {"[@1234]", 0, 1234},  {"[ @1234 ]", 0, 1234}, {"[1234]", 0, 0},

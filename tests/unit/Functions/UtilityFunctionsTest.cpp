@@ -18,8 +18,7 @@ TEST(UtilityFunctionsTest, DateAddEx) {
     struct Case {
         const char* unit;
         double amount;
-        const char* date;
-        const char* result;
+        const char *date, *result;
     };
     const Case cases[] = {
         {"yyyy", 1, "2024-02-29 12:00", "2025-02-28 12:00:00"},
@@ -66,8 +65,7 @@ TEST(UtilityFunctionsTest, StartOfInterval) {
     struct Case {
         const char* date;
         std::int32_t seconds;
-        const char* start;
-        const char* previous;
+        const char *start, *previous;
     };
     const Case cases[] = {
         {"2026-11-22 10:20:30", 3600, "2026-11-22 10:00:00", "2026-11-22 09:00:00"},

@@ -28,9 +28,7 @@ TEST(UtilityXMLDOMFunctionsTest, DocumentsThatDoNotParse) {
 
 TEST(UtilityXMLDOMFunctionsTest, Fragments) {
     struct Case {
-        const char* fragment;
-        const char* xpath;
-        const char* text;
+        const char *fragment, *xpath, *text;
     };
     const Case cases[] = {
         {"", ".", ""},

@@ -23,8 +23,7 @@ TEST(QuelmOpcMappingFunctionsTest, VarTypes) {
 TEST(QuelmOpcMappingFunctionsTest, Conversions) {
     struct Case {
         std::int16_t type;
-        Variant value;
-        Variant defaultValue;
+        Variant value, defaultValue;
         bool converted;
         Variant result;
     };

@@ -13,6 +13,7 @@ TEST_F(OpcDaTest, EveryItemHasTheSixPropertiesOfTheStandard) {
     EXPECT_EQ(properties.available("plant.stack1.count", available), S_OK);
     ASSERT_EQ(available.size(), 6U);
     std::vector<PropertyValue> values;
+    EXPECT_EQ(properties.values("Status", {}, values), E_INVALIDARG);
     EXPECT_EQ(properties.values("Plant.Stack1.Count", std::vector<std::uint32_t>{1, 2, 3, 4, 5, 6, 7, 0}, values),
               S_FALSE);
     const Variant expected[] = {Variant(std::int16_t{3}), Variant(std::int32_t{70000}), Variant(std::int16_t{0xC0}),

@@ -34,13 +34,6 @@ TEST_F(ServerTest, AnEventHandlersFailureIsReportedAndHurtsNobody) {
     EXPECT_THAT(reports, ElementsAre("OnWrite: 6, Overflow", "OnClientDisconnect: 6, Overflow"));
 }
 
-TEST_F(ServerTest, AControlWithoutANetworkRefusesWhatNeedsOne) {
-    EXPECT_THROW(control.RegisterServer(), RuntimeError);
-    EXPECT_THROW(control.UnregisterServer(), RuntimeError);
-    EXPECT_THROW(control.StartServer(), RuntimeError);
-    control.RequestDisconnect("nobody is told");
-}
-
 TEST_F(ServerTest, AddGroupRevisesRefusesAndNames) {
     EXPECT_EQ(server.addGroup({"Fast", true, 0, 1, -120, 2.5F, 0x409}, group), OPC_S_UNSUPPORTEDRATE);
     EXPECT_EQ(group->state().updateRate, 100U);

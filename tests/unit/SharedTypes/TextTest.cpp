@@ -11,9 +11,7 @@ namespace {
 
 TEST(TextTest, FoldsEveryScript) {
     struct Case {
-        const char* text;
-        const char* folded;
-        const char* upper;
+        const char *text, *folded, *upper;
     };
     const Case cases[] = {
         {"Kessel 1", "kessel 1", "KESSEL 1"},

@@ -49,9 +49,7 @@ TEST(TimeSourceTest, FileTimesAndLocalDatesMatch) {
 
 TEST(TimeSourceTest, DaylightSavingSideBySide) {
     struct Case {
-        Date utcNow;
-        Date local;
-        Date utc;
+        Date utcNow, local, utc;
     };
     const Date summer = makeDate(2026, 7, 1);
     const Date winter = makeDate(2026, 12, 1);

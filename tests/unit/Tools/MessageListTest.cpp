@@ -9,12 +9,12 @@ TEST(MessageList, KeepsWhatIsNewAndProgressOnRequest) {
     MessageList messages;
     const auto raiseAll = [&] {
         messages.RaiseMsg(msgtype::progress, "IOS5 CurrentIO [OPC-0183]");
-        messages.RaiseMsg(msgtype::notice, "IOS5; Elapsed=46");
-        messages.RaiseMsg(msgtype::notice, "IOS5; Elapsed=105");
-        messages.RaiseMsg(msgtype::notice, "IOS6; Elapsed=105");
-        messages.RaiseMsg(msgtype::error, "OPC-0162: found 2 for channel 401");
-        messages.RaiseMsg(msgtype::error, "OPC-0162: found 2 for channel 401");
-        messages.RaiseMsg(msgtype::error, "OPC-0162: found 2 for channel 411");
+        for (const char* silence : {"IOS5; Elapsed=46", "IOS5; Elapsed=105", "IOS6; Elapsed=105"}) {
+            messages.RaiseMsg(msgtype::notice, silence);
+        }
+        for (const char* channel : {"401", "401", "411"}) {
+            messages.RaiseMsg(msgtype::error, std::string("OPC-0162: found 2 for channel ") + channel);
+        }
     };
     const std::vector<std::string> kept{"IOS5; Elapsed=46", "IOS6; Elapsed=105", "OPC-0162: found 2 for channel 401",
                                         "OPC-0162: found 2 for channel 411"};
