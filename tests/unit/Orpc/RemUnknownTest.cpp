@@ -108,25 +108,20 @@ TEST_F(RemUnknownCalls, ReferencesAreCountedPerObject) {
 
 TEST_F(RemUnknownCalls, CountsThatDoNotFitTheParametersAreRefused) {
     const Uuid ipid = activate();
-    const struct {
-        std::uint16_t opnum;
-        std::uint16_t stated;
-        std::uint32_t conformance;
-    } cases[] = {
-        {3, 0xFFFF, 0xFFFF}, {3, 1, 0xFFFFFFFF}, {3, 0, 1},          {3, 2, 1},
-        {4, 0xFFFF, 0xFFFF}, {5, 1, 0xFFFFFFFF}, {5, 1, 0x0AAAAAAB}, {6, 0xFFFF, 0xFFFF},
+    const Parameters query = request().uuid(ipid).u32(5);
+    const std::tuple<std::uint16_t, Parameters, std::uint16_t, std::uint32_t> cases[] = {
+        {3, query, 0xFFFF, 0xFFFF},
+        {3, query, 1, 0xFFFFFFFF},
+        {3, query, 0, 1},
+        {3, query, 2, 1},
+        {4, request(), 0xFFFF, 0xFFFF},
+        {5, request(), 1, 0xFFFFFFFF},
+        {5, request(), 1, 0x0AAAAAAB},
+        {6, request().uuid(ipid), 0xFFFF, 0xFFFF},
     };
-    for (const auto& entry : cases) {
-        Parameters stub = request();
-        if (entry.opnum == 3 || entry.opnum == 6) {
-            stub.uuid(ipid);
-        }
-        if (entry.opnum == 3) {
-            stub.u32(5);
-        }
-        stub.u16(entry.stated).u32(entry.conformance).uuid(ipid).u64(5);
-        remUnknown(peer(2), entry.opnum, stub);
-        EXPECT_EQ(status, faultBadStubData) << entry.opnum << ' ' << entry.stated << ' ' << entry.conformance;
+    for (const auto& [opnum, begin, stated, conformance] : cases) {
+        remUnknown(peer(2), opnum, Parameters(begin).u16(stated).u32(conformance).uuid(ipid).u64(5));
+        EXPECT_EQ(status, faultBadStubData) << opnum << ' ' << stated << ' ' << conformance;
     }
     EXPECT_TRUE(alive(peer(2), ipid));
 }

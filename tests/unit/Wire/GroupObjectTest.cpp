@@ -7,20 +7,6 @@ namespace {
 
 // --- IOPCItemMgt ---
 
-TEST_F(OpcWire, AddItemsAnswersResultsAndErrors) {
-    addGroup("g");
-    const Reply reply = call(iidOpcItemMgt, 3, definitions({"A.Temp", "none"}).hex("00000000 00000000"));
-    dcom::ndr::Reader in = reply.reader();
-    in.bytes(8);
-    Parameters expected;
-    expected.hex("04000200 02000000").u32(in.u32());  // the server's handle is its own business
-    expected.hex(
-        "0400 0000 01000000 00000000 00000000"
-        "00000000 0000 0000 00000000 00000000 00000000"
-        "08000200 02000000 00000000 070004C0 01000000");
-    EXPECT_HEX(reply.bytes, expected);
-}
-
 // Access path null or without NUL, item IDs null, without NUL, blobs present.
 TEST_F(OpcWire, AddItemsTakesEveryFormOfADefinition) {
     addGroup("g");

@@ -115,20 +115,9 @@ TEST_F(OpcWire, TheClientCountsUntilItLetsGoOfTheServer) {
 
 // --- IOPCBrowseServerAddressSpace ---
 
-TEST_F(OpcWire, BrowsesLevelByLevel) {
-    const dcom::Uuid& iid = iidOpcBrowseServerAddressSpace;
-    EXPECT_HEX(call(iid, 3, {}).bytes, "0100 0000 00000000");
-    EXPECT_EQ(call(iid, 4, Parameters().u16(2).text("A").hex("0000 0000")).result(), S_OK);
-    EXPECT_EQ(call(iid, 5, Parameters().u16(2).text("").u16(0).u32(0)).result(), S_OK);
-    EXPECT_HEX(call(iid, 6, Parameters().text("Temp")).bytes,
-               "04000200 07000000 00000000 07000000 4100 2E00 5400 6500 6D00 7000 0000 0000 00000000");
-    EXPECT_HEX(call(iid, 6, Parameters().text("none")).bytes, "00000000 57000780");
-    EXPECT_HEX(call(iid, 4, Parameters().u16(3).text("", false)).bytes, "00000000");
-    EXPECT_HEX(call(iid, 4, Parameters().u16(1).text("")).bytes, "05400080");
-}
-
 TEST_F(OpcWire, BrowsingNothingGivesAnEmptyEnumerator) {
     const dcom::Uuid& iid = iidOpcBrowseServerAddressSpace;
+    EXPECT_HEX(call(iid, 3, {}).bytes, "0100 0000 00000000");  // a tree
     const std::string empty = interfacePointer + "01000000";
     EXPECT_HEX(call(iid, 5, Parameters().u16(3).text("none*").u16(0).u32(0)).bytes, empty);
     EXPECT_HEX(call(iid, 5, Parameters().u16(3).text("*").u16(VT_CY).u32(0)).bytes, empty);
