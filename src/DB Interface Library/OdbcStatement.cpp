@@ -210,6 +210,8 @@ OdbcStatement::OdbcStatement(OdbcSession& session, std::string sql) : session_(s
 }
 
 OdbcStatement::~OdbcStatement() {
+    // Without this PostgreSQL's driver keeps for ever what it knows of the columns of a statement that was never run.
+    close();
     const StallGuard guard = session_.closingGuard();
     // Some drivers lose memory when a statement that failed goes without this.
     SQLFreeStmt(handle_->get(), SQL_CLOSE);
