@@ -237,6 +237,8 @@ int main(int argc, char** argv) {
     // Peers that go away and terminals that are closed are no reason to end.
     std::signal(SIGPIPE, SIG_IGN);
     std::signal(SIGHUP, SIG_IGN);
+    // A file that may not grow any further costs what was to be written to it.
+    std::signal(SIGXFSZ, SIG_IGN);
     if (const auto exitCode = quelm::answerStandardSwitch(argc, argv)) {
         return *exitCode;
     }
