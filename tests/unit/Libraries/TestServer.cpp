@@ -52,7 +52,9 @@ const char* serverUser() {
     return geteuid() == 0 ? "postgres" : nullptr;
 }
 
-std::vector<pid_t> serverProcesses(pid_t postmaster) {
+std::vector<pid_t> serverProcesses(const std::string& folder) {
+    pid_t postmaster = 0;
+    std::ifstream(folder + "/data/postmaster.pid") >> postmaster;
     std::vector<pid_t> found{postmaster};
     std::ifstream children(fmt::format("/proc/{0}/task/{0}/children", postmaster));
     for (pid_t child = 0; children >> child;) {
@@ -108,10 +110,16 @@ bool TestServer::stop() {
 }
 
 void TestServer::freeze(bool frozen) {
-    pid_t postmaster = 0;
-    std::ifstream(folder_.file("data/postmaster.pid")) >> postmaster;
-    for (const pid_t process : serverProcesses(postmaster)) {
+    for (const pid_t process : serverProcesses(folder_.path())) {
         kill(process, frozen ? SIGSTOP : SIGCONT);
+    }
+}
+
+void TestServer::limitFiles(rlim_t bytes) {
+    const std::string limit = bytes == RLIM_INFINITY ? "unlimited" : std::to_string(bytes);
+    for (const pid_t process : serverProcesses(folder_.path())) {
+        // A session may have ended meanwhile.
+        EXPECT_TRUE(asServerUser(fmt::format("prlimit --fsize={}: --pid {}", limit, process)) || kill(process, 0) != 0);
     }
 }
 

@@ -3,6 +3,7 @@
 // A PostgreSQL server of the tests' own: a new cluster in a temporary folder, reached through ODBC, gone at the end.
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
 #include <memory>
 #include <string>
@@ -27,9 +28,11 @@ class TestServer {
     bool start();
     // Ends all sessions at once.
     bool stop();
-    bool isRunning() const { return running_; }
     // Freezes every process of the server, as a machine that has stopped answering, or lets it go on.
     void freeze(bool frozen);
+    // Bytes beyond which none of its files can grow, as on a full disk; RLIM_INFINITY for no limit. At least the 16 MB
+    // of its own logs.
+    void limitFiles(rlim_t bytes);
 
     // A connection string for the plant's database; user "server" (with this password) is an ordinary user.
     std::string connectionString(const std::string& user = "quelm", const std::string& password = "") const;
