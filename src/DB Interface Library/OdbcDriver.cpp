@@ -39,7 +39,7 @@ class OdbcRows final : public ISqlRows {
     }
 
     std::vector<SQLSMALLINT> types() { return statement_->types(); }
-    std::string_view binaryValue() { return statement_->binaryValue(); }
+    std::vector<std::optional<std::string_view>> binaryRow(std::size_t count) { return statement_->binaryRow(count); }
     std::int64_t changedRows() { return statement_->changedRows(); }
 
  private:
@@ -138,7 +138,7 @@ class OdbcConnection final : public ISqlConnection {
             }
             return false;
         }
-        packed.unpack(rows->binaryValue(), sink);
+        packed.unpack(rows->binaryRow(packed.width()), sink);
         return true;
     }
 

@@ -257,34 +257,44 @@ bool OdbcStatement::next() {
     return true;
 }
 
-std::string_view OdbcStatement::binaryValue() {
-    binary_.resize(std::max(binary_.capacity(), binaryPiece));
+std::vector<std::optional<std::string_view>> OdbcStatement::binaryRow(std::size_t count) {
+    std::vector<std::optional<std::string_view>> row(count);
+    binaries_.resize(count);
+    if (run([&] { return SQLFetch(handle_->get()); })) {
+        for (std::size_t i = 0; i < count; ++i) {
+            row[i] = readBinary(i);
+        }
+    }
+    return row;
+}
+
+std::optional<std::string_view> OdbcStatement::readBinary(std::size_t index) {
+    std::string& binary = binaries_[index];
+    binary.resize(std::max(binary.capacity(), binaryPiece));
     std::size_t used = 0;
     SQLLEN bytes = 0;
-    bool isThere = run([&] { return SQLFetch(handle_->get()); });
-    while (isThere) {
-        const std::size_t room = binary_.size() - used;
+    while (run([&] {
         bytes = 0;
-        isThere = run([&] {
-            return SQLGetData(handle_->get(), 1, SQL_C_BINARY, binary_.data() + used, static_cast<SQLLEN>(room),
-                              &bytes);
-        });
-        if (!isThere || bytes == SQL_NULL_DATA) {
-            break;
+        return SQLGetData(handle_->get(), static_cast<SQLUSMALLINT>(index + 1), SQL_C_BINARY, binary.data() + used,
+                          static_cast<SQLLEN>(binary.size() - used), &bytes);
+    })) {
+        if (bytes == SQL_NULL_DATA) {
+            return std::nullopt;
         }
         // What was left before this piece, or that it is not known.
+        const std::size_t room = binary.size() - used;
         if (bytes >= 0 && static_cast<std::size_t>(bytes) <= room) {
             used += static_cast<std::size_t>(bytes);
             break;
         }
-        used = binary_.size();
+        used = binary.size();
         const std::size_t left = bytes > 0 ? static_cast<std::size_t>(bytes) - room : binaryPiece;
         if (left > longestBinary - used) {
             throw RuntimeError(errors::outOfMemory);
         }
-        binary_.resize(used + left);
+        binary.resize(used + left);
     }
-    return std::string_view(binary_).substr(0, used);
+    return std::string_view(binary).substr(0, used);
 }
 
 std::vector<SQLSMALLINT> OdbcStatement::types() {

@@ -61,9 +61,9 @@ class OdbcStatement {
     SqlValue value(std::size_t index) const { return index < columns_.size() ? columns_[index].value : SqlValue{}; }
     // The SQL types of its columns.
     std::vector<SQLSMALLINT> types();
-    // The value of a statement that gives one binary value, read whole; "" for NULL. Valid until the next one. Instead
-    // of next(), never beside it.
-    std::string_view binaryValue();
+    // The first columns of the one row that the statement gives, binary values read whole; nothing for NULL, and for a
+    // row that is not there. Valid until the next one. Instead of next(), never beside it.
+    std::vector<std::optional<std::string_view>> binaryRow(std::size_t count);
     std::int64_t changedRows();
     // Lets go of the rows, so that it can be run again. False when it cannot.
     bool close();
@@ -74,6 +74,7 @@ class OdbcStatement {
         return session_.run(handle_->get(), step);
     }
     void prepare();
+    std::optional<std::string_view> readBinary(std::size_t index);
     void prepareBlock();
     void placeColumns();
     void bindColumns();
@@ -97,7 +98,7 @@ class OdbcStatement {
     SQLULEN fetched_ = 0;
     std::size_t row_ = 0;
     bool atEnd_ = true;
-    std::string binary_;
+    std::vector<std::string> binaries_;
     // The driver knows all that stands above.
     std::optional<OdbcHandle<SQL_HANDLE_STMT>> handle_;
 };

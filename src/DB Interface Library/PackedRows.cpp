@@ -82,57 +82,81 @@ std::optional<PackedRows> PackedRows::make(std::string_view columns, std::string
         return std::nullopt;
     }
     PackedRows rows;
-    std::string row;
+    std::string list;
     for (std::size_t i = 0; i < names.size(); ++i) {
-        row += i == 0 ? "" : " || ";
+        list += i == 0 ? "" : ", ";
         switch (types[i]) {
             case SQL_TYPE_TIMESTAMP:
                 rows.kinds_.push_back(Kind::Date);
-                row += fmt::format("coalesce(timestamp_send(CAST({} AS TIMESTAMP)), decode('{:016x}', 'hex'))",
-                                   names[i], static_cast<std::uint64_t>(noDate));
+                list += fmt::format(
+                    "string_agg(coalesce(timestamp_send(CAST({} AS TIMESTAMP)), decode('{:016x}', 'hex')), '')",
+                    names[i], static_cast<std::uint64_t>(noDate));
                 break;
             case SQL_DOUBLE:
             case SQL_FLOAT:
                 rows.kinds_.push_back(Kind::Real);
-                row += fmt::format("coalesce(float8send({}), decode('{:016x}', 'hex'))", names[i], noNumber);
+                list += fmt::format("string_agg(coalesce(float8send({}), decode('{:016x}', 'hex')), '')", names[i],
+                                    noNumber);
                 break;
             case SQL_VARCHAR:
             case SQL_LONGVARCHAR:
             case SQL_WVARCHAR:
             case SQL_WLONGVARCHAR:
                 rows.kinds_.push_back(Kind::Text);
-                row += fmt::format(
-                    "coalesce(textsend(CAST({} AS TEXT)) || decode('00', 'hex'), decode('{:02x}00', 'hex'))", names[i],
-                    static_cast<unsigned char>(noText));
+                list += fmt::format(
+                    "string_agg(coalesce(textsend(CAST({} AS TEXT)), decode('{:02x}', 'hex')), decode('00', 'hex'))",
+                    names[i], static_cast<unsigned char>(noText));
                 break;
             default:
                 return std::nullopt;
         }
     }
-    rows.sql_ = fmt::format("SELECT string_agg({}, '') FROM {}", row, source);
+    rows.sql_ = fmt::format("SELECT {} FROM {}", list, source);
     return rows;
 }
 
-void PackedRows::unpack(std::string_view packed, ISqlRowSink& sink) const {
+std::size_t PackedRows::countRows(std::string_view firstColumn) const {
+    return kinds_[0] == Kind::Text
+               ? static_cast<std::size_t>(std::count(firstColumn.begin(), firstColumn.end(), '\0')) + 1
+               : firstColumn.size() / numberSize;
+}
+
+void PackedRows::unpack(std::span<const std::optional<std::string_view>> packed, ISqlRowSink& sink) const {
+    const auto isThere = [](const auto& column) { return column.has_value(); };
+    if (std::none_of(packed.begin(), packed.end(), isThere)) {
+        return;
+    }
+    const auto damaged = [] { throw RuntimeError(errors::typeMismatch, "The database's packed rows are damaged"); };
+    if (packed.size() != kinds_.size() || !std::all_of(packed.begin(), packed.end(), isThere)) {
+        damaged();
+    }
+    std::array<std::string_view, maxScanColumns> rests;
+    std::transform(packed.begin(), packed.end(), rests.begin(), [](const auto& column) { return *column; });
     std::array<SqlValue, maxScanColumns> values;
     const auto columns = std::span(values).first(kinds_.size());
-    while (!packed.empty()) {
+    for (std::size_t left = countRows(rests[0]); left > 0; --left) {
         for (std::size_t i = 0; i < columns.size(); ++i) {
-            // A text ends with a NUL, which no text of the database holds.
-            const bool isText = kinds_[i] == Kind::Text;
-            const std::size_t size = isText ? packed.find('\0') : numberSize;
-            const std::size_t end = isText ? size + 1 : size;
-            if (size == std::string_view::npos || end > packed.size()) {
-                throw RuntimeError(errors::typeMismatch, "The database's packed rows are damaged");
+            std::string_view& rest = rests[i];
+            if (kinds_[i] == Kind::Text) {
+                // Between two texts stands a NUL, which no text of the database holds.
+                const std::size_t end = rest.find('\0');
+                if ((end == std::string_view::npos) != (left == 1)) {
+                    damaged();
+                }
+                readText(rest.substr(0, end), columns[i]);
+                rest.remove_prefix(left == 1 ? rest.size() : end + 1);
+                continue;
             }
-            if (isText) {
-                readText(packed.substr(0, size), columns[i]);
-            } else if (kinds_[i] == Kind::Real) {
-                readReal(bigEndian(packed.data()), columns[i]);
+            if (rest.size() < numberSize || (left == 1 && rest.size() > numberSize)) {
+                damaged();
+            }
+            const std::uint64_t bits = bigEndian(rest.data());
+            if (kinds_[i] == Kind::Real) {
+                readReal(bits, columns[i]);
             } else {
-                readDate(static_cast<std::int64_t>(bigEndian(packed.data())), columns[i]);
+                readDate(static_cast<std::int64_t>(bits), columns[i]);
             }
-            packed.remove_prefix(end);
+            rest.remove_prefix(numberSize);
         }
         sink.take(columns);
     }
