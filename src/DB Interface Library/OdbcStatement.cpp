@@ -210,11 +210,9 @@ OdbcStatement::OdbcStatement(OdbcSession& session, std::string sql) : session_(s
 }
 
 OdbcStatement::~OdbcStatement() {
-    // Without this PostgreSQL's driver keeps for ever what it knows of the columns of a statement that was never run.
+    // Without this PostgreSQL's driver keeps for ever what it knows of the columns of a statement that has failed.
     close();
     const StallGuard guard = session_.closingGuard();
-    // Some drivers lose memory when a statement that failed goes without this.
-    SQLFreeStmt(handle_->get(), SQL_CLOSE);
     handle_.reset();
 }
 

@@ -18,8 +18,6 @@ class ClassRegistry {
  public:
     // Replaces an earlier factory of the same class.
     void add(std::shared_ptr<ClassFactory> factory);
-    // Clients that ask for the class from now on hear that it isn't registered. Unknown classes are no error.
-    void remove(const Uuid& classId) { factories_.erase(classId); }
     // nullptr when there is no such class.
     std::shared_ptr<ClassFactory> find(const Uuid& classId) const;
 
