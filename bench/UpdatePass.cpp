@@ -43,7 +43,9 @@ class Site {
     Site() { manager_.Initialize(&silence_, clock_, database_, "PLANT", 1); }
 
     void addItem(std::int32_t number, const std::string& id) {
-        manager_.CreateTag(items_, fakes::definition(fmt::format("Plant.Unit{}.Item{:06}", number % 50, number), id));
+        const fakes::Definition definition{.id = id,
+                                           .name = fmt::format("Plant.Unit{}.Item{:06}", number % 50, number)};
+        manager_.CreateTag(items_, definition);
     }
     void finish() {
         manager_.FinishTagCreation();
