@@ -28,7 +28,7 @@ class Schemas(unittest.TestCase):
     def test_all_databases_have_the_same_tables(self):
         all_shapes = {}
         for dialect in ('sqlite', 'postgresql', 'sqlserver'):
-            with open(os.path.join(ROOT, 'demo', 'schema', f'{dialect}.sql'), encoding='utf-8') as file:
+            with open(os.path.join(ROOT, 'schema', f'{dialect}.sql'), encoding='utf-8') as file:
                 all_shapes[dialect] = shapes(file.read())
         self.assertIn('CurrentIO', all_shapes['sqlite'])
         self.assertEqual(all_shapes['postgresql'], all_shapes['sqlserver'])

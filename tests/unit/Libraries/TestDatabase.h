@@ -50,8 +50,7 @@ class TestDatabase {
     ~TestDatabase() { sqlite3_close(database_); }
 
     TestDatabase& withSchema() {
-        const auto schema = std::filesystem::path(__FILE__).parent_path() / "../../../demo/schema/sqlite.sql";
-        return run(contentsOf(schema.string()));
+        return run(contentsOf("schema/sqlite.sql"));  // tests run at the top of the source tree
     }
     TestDatabase& run(const std::string& sql) {
         char* error = nullptr;

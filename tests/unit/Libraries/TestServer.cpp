@@ -129,9 +129,8 @@ std::string TestServer::connectionString(const std::string& user, const std::str
 }
 
 void TestServer::resetDatabase() {
-    const auto schema = std::filesystem::path(__FILE__).parent_path() / "../../../demo/schema/postgresql.sql";
     runOnServer("DROP SCHEMA public CASCADE; CREATE SCHEMA public; GRANT ALL ON SCHEMA public TO PUBLIC; " +
-                contentsOf(schema.string()));
+                contentsOf("schema/postgresql.sql"));
 }
 
 bool TestServer::asServerUser(const std::string& command) const {
