@@ -19,27 +19,53 @@ if(QUELM_FUZZ)
   target_compile_options(quelm_settings INTERFACE -fsanitize=fuzzer-no-link)
 endif()
 
-# quelm_room(target folders libraries...): one static library from the .cpp files that stand directly in the folders.
-function(quelm_room target folders)
+# The rooms and their doors, for scripts/check-doors: which folders a room has, whose doors it may go through, in which
+# rooms it may look at everything, and which of its own headers are its door.
+file(WRITE "${PROJECT_BINARY_DIR}/doors.txt" "")
+
+function(quelm_note_doors target folders)
+  list(TRANSFORM ARGN REPLACE "^(SEES|INSIDE|DOOR)$" "\n\\1" OUTPUT_VARIABLE words)
+  string(REPLACE ";" "\t" words "${words}")
+  string(REPLACE "\t\n" "\n" words "${words}")
+  string(REPLACE ";" "\t" folders "${folders}")
+  file(APPEND "${PROJECT_BINARY_DIR}/doors.txt" "ROOM\t${target}\nFOLDERS\t${folders}${words}\n")
+endfunction()
+
+function(quelm_sources result folders)
   set(sources)
   foreach(folder IN LISTS folders)
-    file(GLOB found CONFIGURE_DEPENDS "${PROJECT_SOURCE_DIR}/${folder}/*.cpp")
+    file(GLOB found CONFIGURE_DEPENDS "${PROJECT_SOURCE_DIR}/${folder}/*.cpp" "${PROJECT_SOURCE_DIR}/${folder}/*.h")
+    if(NOT found)
+      message(FATAL_ERROR "There are no sources in ${folder}")
+    endif()
     list(APPEND sources ${found})
   endforeach()
-  if(sources)
+  set(${result} ${sources} PARENT_SCOPE)
+endfunction()
+
+# quelm_room(target folders [DOOR headers...] [SEES rooms...] [INSIDE rooms...] [USES libraries...]): one static library
+# from what stands directly in the folders.
+#   DOOR: the headers that other rooms may include, patterns allowed (default: all of them)
+#   SEES: rooms whose doors it may go through; INSIDE: rooms of which it may include everything
+#   USES: libraries from elsewhere
+function(quelm_room target folders)
+  cmake_parse_arguments(PARSE_ARGV 2 room "" "" "DOOR;SEES;INSIDE;USES")
+  quelm_sources(sources "${folders}")
+  quelm_note_doors(${target} "${folders}" DOOR ${room_DOOR} SEES ${room_SEES} INSIDE ${room_INSIDE})
+  if(sources MATCHES "\\.cpp(;|$)")
     add_library(${target} STATIC ${sources})
-    target_link_libraries(${target} PUBLIC quelm_settings ${ARGN})
+    target_link_libraries(${target} PUBLIC quelm_settings ${room_SEES} ${room_INSIDE} ${room_USES})
   else()
     add_library(${target} INTERFACE)
-    target_link_libraries(${target} INTERFACE quelm_settings ${ARGN})
+    target_link_libraries(${target} INTERFACE quelm_settings ${room_SEES} ${room_INSIDE} ${room_USES})
   endif()
 endfunction()
 
-# quelm_program(target folder libraries...): one executable from a folder, if it holds sources.
+# quelm_program(target folder [SEES rooms...] [INSIDE rooms...] [USES libraries...]): one executable from a folder.
 function(quelm_program target folder)
-  file(GLOB sources CONFIGURE_DEPENDS "${PROJECT_SOURCE_DIR}/${folder}/*.cpp")
-  if(sources)
-    add_executable(${target} ${sources})
-    target_link_libraries(${target} PRIVATE quelm_settings ${ARGN})
-  endif()
+  cmake_parse_arguments(PARSE_ARGV 2 room "" "" "SEES;INSIDE;USES")
+  quelm_sources(sources "${folder}")
+  quelm_note_doors(${target} "${folder}" SEES ${room_SEES} INSIDE ${room_INSIDE})
+  add_executable(${target} ${sources})
+  target_link_libraries(${target} PRIVATE quelm_settings ${room_SEES} ${room_INSIDE} ${room_USES})
 endfunction()
