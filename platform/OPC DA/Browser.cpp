@@ -56,11 +56,21 @@ class Walk {
     }
 
     // The first of a part that does not begin with the (folded) prefix, when what comes before it does or is less.
+    // Looked for in growing steps, as most branches are small beside the plant.
     Order::iterator endOf(const std::string& prefix, Order part) const {
-        return std::partition_point(part.begin(), part.end(), [&](std::uint32_t index) {
+        const auto isBefore = [&](std::uint32_t index) {
             const FoldedKey name(items_->at(index).Name());
             return compareBrowseOrder(name.view(), prefix) < 0 || name.view().starts_with(prefix);
-        });
+        };
+        std::size_t passed = 0;
+        std::size_t step = 1;
+        while (passed + step <= part.size() && isBefore(part[passed + step - 1])) {
+            passed += step;
+            step *= 2;
+        }
+        const Order left = part.subspan(passed, std::min(step, part.size() - passed));
+        return part.begin() + (std::partition_point(left.begin(), left.end(), isBefore) - left.begin()) +
+               static_cast<std::ptrdiff_t>(passed);
     }
 
  private:

@@ -7,35 +7,56 @@
 
 namespace quelm::opcda {
 
+namespace {
+
+template <class States>
+void setBit(States& states, std::size_t number) {
+    states[number / 64] |= std::uint64_t{1} << number % 64;
+}
+
+template <class States>
+bool hasBit(const States& states, std::size_t number) {
+    return (states[number / 64] >> number % 64 & 1) != 0;
+}
+
+}  // namespace
+
 NameFilter::NameFilter(std::string_view pattern) {
+    if (characterCount(pattern) > longest) {
+        valid_ = false;
+        return;
+    }
     for (std::size_t position = 0; position < pattern.size() && valid_;) {
-        Element element;
-        element.character = foldCase(nextCodePoint(pattern, position));
-        switch (element.character) {
+        const char32_t character = foldCase(nextCodePoint(pattern, position));
+        switch (character) {
             case U'*':
-                element.kind = Element::Kind::anyRun;
+                setBit(staying_, elements_.size());
                 break;
             case U'?':
-                element.kind = Element::Kind::any;
+                elements_.push_back({{}, true});
                 break;
             case U'#':
-                element.kind = Element::Kind::digit;
+                elements_.push_back({{{U'0', U'9'}}, false});
                 break;
             case U'[':
-                valid_ = readList(pattern, position, element);
+                elements_.push_back(readList(pattern, position, valid_));
                 break;
             default:
+                elements_.push_back({{{character, character}}, false});
                 break;
         }
-        elements_.push_back(std::move(element));
+    }
+    for (char32_t character = 0; character < plainCharacters; ++character) {
+        plain_.push_back(takenBy(character));
     }
 }
 
 // A "]" directly behind the opening closes an empty list, which fits no character; with "!" it fits every one.
-bool NameFilter::readList(std::string_view pattern, std::size_t& position, Element& element) {
-    const bool negated = position < pattern.size() && pattern[position] == '!';
-    position += negated ? 1 : 0;
-    element.kind = negated ? Element::Kind::listNot : Element::Kind::list;
+NameFilter::Element NameFilter::readList(std::string_view pattern, std::size_t& position, bool& closed) {
+    Element element;
+    element.others = position < pattern.size() && pattern[position] == '!';
+    position += element.others ? 1 : 0;
+    std::vector<Range> listed;
     while (position < pattern.size() && pattern[position] != ']') {
         const char32_t first = foldCase(nextCodePoint(pattern, position));
         char32_t last = first;
@@ -43,66 +64,76 @@ bool NameFilter::readList(std::string_view pattern, std::size_t& position, Eleme
             ++position;
             last = foldCase(nextCodePoint(pattern, position));
         }
-        element.ranges.push_back({first, last});
+        if (first <= last) {
+            listed.push_back({first, last});
+        }
     }
-    if (position >= pattern.size()) {
-        return false;
-    }
+    closed = position < pattern.size();
     ++position;
-    return true;
-}
-
-bool NameFilter::fits(const Element& element, char32_t character) {
-    const auto isListed = [&element, character] {
-        return std::any_of(element.ranges.begin(), element.ranges.end(), [character](const Range& range) {
-            return character >= range.first && character <= range.last;
-        });
-    };
-    switch (element.kind) {
-        case Element::Kind::character:
-            return element.character == character;
-        case Element::Kind::digit:
-            return character >= U'0' && character <= U'9';
-        case Element::Kind::list:
-            return isListed();
-        case Element::Kind::listNot:
-            return !isListed();
-        default:
-            return true;
+    std::sort(listed.begin(), listed.end(),
+              [](const Range& left, const Range& right) { return left.first < right.first; });
+    for (const Range& range : listed) {
+        if (!element.ranges.empty() && range.first <= element.ranges.back().last + 1) {
+            element.ranges.back().last = std::max(element.ranges.back().last, range.last);
+        } else {
+            element.ranges.push_back(range);
+        }
     }
+    return element;
 }
 
-// Only the last "*" met is ever gone back to, so that no pattern of a client takes more than length times length.
+bool NameFilter::Element::takes(char32_t character) const {
+    const auto behind = std::upper_bound(ranges.begin(), ranges.end(), character,
+                                         [](char32_t wanted, const Range& range) { return wanted < range.first; });
+    const bool listed = behind != ranges.begin() && character <= std::prev(behind)->last;
+    return listed != others;
+}
+
+NameFilter::States NameFilter::takenBy(char32_t character) const {
+    States states{};
+    for (std::size_t i = 0; i < elements_.size(); ++i) {
+        if (elements_[i].takes(character)) {
+            setBit(states, i);
+        }
+    }
+    return states;
+}
+
+const NameFilter::States& NameFilter::statesThatTake(char32_t character) const {
+    if (character < plainCharacters) {
+        return plain_[character];
+    }
+    const auto known = others_.find(character);
+    return known != others_.end() ? known->second : others_.emplace(character, takenBy(character)).first->second;
+}
+
+// All ways in which the pattern may fit are followed at once, a bit for each.
 bool NameFilter::matches(std::string_view name) const {
-    if (elements_.empty()) {
+    const std::size_t all = elements_.size();
+    const std::size_t words = all / 64 + 1;
+    const bool anyEnd = hasBit(staying_, all);
+    if (all == 0) {
         return true;
     }
-    std::size_t at = 0;
-    std::size_t position = 0;
-    std::size_t afterRun = elements_.size() + 1;
-    std::size_t runPosition = 0;
-    while (position < name.size()) {
-        if (at < elements_.size() && elements_[at].kind == Element::Kind::anyRun) {
-            afterRun = ++at;
-            runPosition = position;
-            continue;
+    States states{1};
+    for (std::size_t position = 0; position < name.size();) {
+        const States& taking = statesThatTake(foldCase(nextCodePoint(name, position)));
+        std::uint64_t carry = 0;
+        std::uint64_t any = 0;
+        for (std::size_t i = 0; i < words; ++i) {
+            const std::uint64_t taken = states[i] & taking[i];
+            states[i] = (states[i] & staying_[i]) | taken << 1 | carry;
+            carry = taken >> 63;
+            any |= states[i];
         }
-        std::size_t next = position;
-        const char32_t character = foldCase(nextCodePoint(name, next));
-        if (at < elements_.size() && fits(elements_[at], character)) {
-            ++at;
-            position = next;
-            continue;
-        }
-        if (afterRun > elements_.size()) {
+        if (any == 0) {
             return false;
         }
-        nextCodePoint(name, runPosition);
-        position = runPosition;
-        at = afterRun;
+        if (anyEnd && hasBit(states, all)) {
+            return true;
+        }
     }
-    return std::all_of(elements_.begin() + static_cast<std::ptrdiff_t>(at), elements_.end(),
-                       [](const Element& element) { return element.kind == Element::Kind::anyRun; });
+    return hasBit(states, all);
 }
 
 }  // namespace quelm::opcda

@@ -1,5 +1,7 @@
 #include "OPC DA/Browser.h"
 
+#include <algorithm>
+#include <random>
 #include <set>
 
 #include "OPC DA/NameFilter.h"
@@ -145,8 +147,36 @@ TEST(NameFilterTest, FollowsThePatternSyntax) {
     for (const std::string_view bad : {"[", "[a", "a[!", "[a-"}) {
         EXPECT_FALSE(NameFilter(bad).isValid()) << bad;
     }
-    const std::string many(2000, 'a');
-    EXPECT_FALSE(NameFilter("*a*a*a*a*a*a*a*a*a*a*b").matches(many));
+    EXPECT_TRUE(NameFilter(std::string(NameFilter::longest, '?')).matches(std::string(NameFilter::longest, 'x')));
+    EXPECT_FALSE(NameFilter(std::string(NameFilter::longest + 1, '*')).isValid());
+}
+
+// The same by trying every way in which a "*" may fit.
+bool fitsByTrying(std::string_view pattern, std::string_view name) {
+    if (pattern.empty() || name.empty()) {
+        return name.empty() && pattern.find_first_not_of('*') == std::string_view::npos;
+    }
+    if (pattern[0] == '*') {
+        return fitsByTrying(pattern.substr(1), name) || fitsByTrying(pattern, name.substr(1));
+    }
+    return (pattern[0] == '?' || pattern[0] == name[0]) && fitsByTrying(pattern.substr(1), name.substr(1));
+}
+
+TEST(NameFilterTest, FindsWhatTryingEveryWayFinds) {
+    std::minstd_rand random(7);  // NOLINT(cert-msc32-c,cert-msc51-cpp): the same every time
+    const auto text = [&random](std::string_view letters, std::size_t most) {
+        std::string made(1 + random() % most, ' ');
+        std::generate(made.begin(), made.end(), [&] { return letters[random() % letters.size()]; });
+        return made;
+    };
+    for (int i = 0; i < 3000; ++i) {
+        const std::string pattern = text("ab*?", 9);
+        const std::string name = text("ab", 12);
+        // Longer than 64 elements too: the states then take several words.
+        const std::string padding(i % 3 == 0 ? 63 : 0, 'c');
+        EXPECT_EQ(NameFilter(padding + pattern).matches(padding + name), fitsByTrying(pattern, name))
+            << pattern << " on " << name;
+    }
 }
 
 }  // namespace
