@@ -12,8 +12,11 @@ constexpr std::array<std::uint8_t, 8> magic = {'N', 'T', 'L', 'M', 'S', 'S', 'P'
 constexpr std::size_t negotiateFixedSize = 16;     // magic, type, flags; older clients stop here
 constexpr std::size_t challengeFixedSize = 56;     // up to and including the version
 constexpr std::size_t authenticateFixedSize = 64;  // up to and including the flags
+constexpr std::size_t leastChallengeSize = 48;     // up to and including the target info; older servers stop here
 constexpr std::size_t ntlmV2FixedSize = 16 + 28;   // proof and the client's data before its AV pairs
 constexpr std::size_t longestName = 256;
+// Version 6.1, build 0, NTLM revision 15: the other end only logs it.
+constexpr std::uint64_t versionField = 0x0F00000000000106;
 
 std::uint16_t load16(Bytes data, std::size_t at) {
     return static_cast<std::uint16_t>(data[at] | data[at + 1] << 8);
@@ -60,14 +63,8 @@ void appendPayload(std::vector<std::uint8_t>& out, std::size_t length, std::size
     append(out, offset, 4);
 }
 
-void appendPair(std::vector<std::uint8_t>& out, AvId id, Bytes value) {
-    append(out, static_cast<std::uint16_t>(id), 2);
-    append(out, value.size(), 2);
-    out.insert(out.end(), value.begin(), value.end());
-}
-
 void appendName(std::vector<std::uint8_t>& out, AvId id, std::string_view name) {
-    appendPair(out, id, littleEndian(utf8ToUtf16(name)));
+    appendAvPair(out, id, littleEndian(utf8ToUtf16(name)));
 }
 
 std::vector<std::uint8_t> targetInfo(const ChallengeMessage& message) {
@@ -82,8 +79,8 @@ std::vector<std::uint8_t> targetInfo(const ChallengeMessage& message) {
     }
     std::vector<std::uint8_t> time;
     append(time, message.fileTime, 8);
-    appendPair(out, AvId::timestamp, time);
-    appendPair(out, AvId::endOfList, {});
+    appendAvPair(out, AvId::timestamp, time);
+    appendAvPair(out, AvId::endOfList, {});
     return out;
 }
 
@@ -122,10 +119,57 @@ std::vector<std::uint8_t> encodeChallenge(const ChallengeMessage& message) {
     out.insert(out.end(), message.challenge.begin(), message.challenge.end());
     append(out, 0, 8);
     appendPayload(out, info.size(), challengeFixedSize + name.size());
-    // Version 6.1, build 0, NTLM revision 15: clients only log it.
-    append(out, 0x0F00000000000106, 8);
+    append(out, versionField, 8);
     out.insert(out.end(), name.begin(), name.end());
     out.insert(out.end(), info.begin(), info.end());
+    return out;
+}
+
+std::optional<OfferedChallenge> parseChallenge(Bytes message) {
+    if (messageType(message) != 2 || message.size() < leastChallengeSize) {
+        return std::nullopt;
+    }
+    OfferedChallenge offered;
+    offered.flags = load32(message, 20);
+    std::copy_n(message.begin() + 24, offered.challenge.size(), offered.challenge.begin());
+    if ((offered.flags & flags::targetInfo) != 0) {
+        const auto info = payload(message, 40, leastChallengeSize);
+        if (!info) {
+            return std::nullopt;
+        }
+        offered.targetInfo = *info;
+    }
+    return offered;
+}
+
+std::vector<std::uint8_t> encodeNegotiate(std::uint32_t flags) {
+    std::vector<std::uint8_t> out(magic.begin(), magic.end());
+    append(out, 1, 4);
+    append(out, flags, 4);
+    append(out, 0, 8);  // no domain
+    append(out, 0, 8);  // no workstation
+    append(out, versionField, 8);
+    return out;
+}
+
+std::vector<std::uint8_t> encodeAuthenticate(const AnswerMessage& message) {
+    const std::array<std::vector<std::uint8_t>, 3> names{littleEndian(message.domain), littleEndian(message.user),
+                                                         littleEndian(message.workstation)};
+    const std::array<Bytes, 6> parts{message.lmResponse, message.ntResponse, names[0],
+                                     names[1],           names[2],           message.encryptedSessionKey};
+    std::vector<std::uint8_t> out(magic.begin(), magic.end());
+    append(out, 3, 4);
+    std::size_t offset = micOffset + micSize;
+    for (const Bytes part : parts) {
+        appendPayload(out, part.size(), offset);
+        offset += part.size();
+    }
+    append(out, message.flags, 4);
+    append(out, versionField, 8);
+    out.resize(micOffset + micSize);
+    for (const Bytes part : parts) {
+        out.insert(out.end(), part.begin(), part.end());
+    }
     return out;
 }
 
@@ -164,6 +208,12 @@ std::optional<std::vector<AvPair>> parseAvPairs(Bytes list) {
         list = list.subspan(4 + length);
     }
     return pairs.empty() ? std::optional(pairs) : std::nullopt;
+}
+
+void appendAvPair(std::vector<std::uint8_t>& out, AvId id, Bytes value) {
+    append(out, static_cast<std::uint16_t>(id), 2);
+    append(out, value.size(), 2);
+    out.insert(out.end(), value.begin(), value.end());
 }
 
 std::optional<std::uint32_t> clientAvFlags(Bytes ntlmV2Response) {

@@ -1,7 +1,7 @@
 #pragma once
 
-// The three NTLM messages as bytes: what the server reads of the client's NEGOTIATE (1) and AUTHENTICATE (3),
-// and how it writes its CHALLENGE (2). Nothing that a message says about its own sizes is believed unchecked.
+// The three NTLM messages as bytes, NEGOTIATE (1), CHALLENGE (2) and AUTHENTICATE (3), as either end reads and writes
+// them. Nothing that a message says about its own sizes is believed unchecked.
 
 #include <array>
 #include <cstdint>
@@ -69,6 +69,30 @@ struct ChallengeMessage {
 };
 std::vector<std::uint8_t> encodeChallenge(const ChallengeMessage& message);
 
+// What a client reads of a CHALLENGE; a view into the message, which must outlive it.
+struct OfferedChallenge {
+    std::uint32_t flags = 0;
+    Nonce challenge{};
+    Bytes targetInfo;  // AV pairs, the end of the list included; empty when there are none
+};
+std::optional<OfferedChallenge> parseChallenge(Bytes message);
+
+// The client's first message, without names.
+std::vector<std::uint8_t> encodeNegotiate(std::uint32_t flags);
+
+// The client's answer. The names are UTF-16.
+struct AnswerMessage {
+    std::uint32_t flags = 0;
+    Bytes lmResponse;
+    Bytes ntResponse;
+    Bytes encryptedSessionKey;
+    std::u16string_view domain;
+    std::u16string_view user;
+    std::u16string_view workstation;
+};
+// With room for a MIC, at first all zeros.
+std::vector<std::uint8_t> encodeAuthenticate(const AnswerMessage& message);
+
 // Views into the message that it was read from, which must outlive it.
 struct AuthenticateMessage {
     std::uint32_t flags = 0;
@@ -87,6 +111,7 @@ inline constexpr std::size_t micSize = 16;
 
 // Reads pairs up to the end-of-list mark, which must be there unless the list is empty.
 std::optional<std::vector<AvPair>> parseAvPairs(Bytes list);
+void appendAvPair(std::vector<std::uint8_t>& out, AvId id, Bytes value);
 
 // The client's AvId::flags of an NTLMv2 response, 0 when it sends none; nothing when its list is malformed.
 std::optional<std::uint32_t> clientAvFlags(Bytes ntlmV2Response);
