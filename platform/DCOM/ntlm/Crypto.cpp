@@ -1,15 +1,13 @@
 #include "DCOM/ntlm/Crypto.h"
 
 #include <fmt/format.h>
-#include <nettle/arcfour.h>
-#include <nettle/des.h>
-#include <nettle/hmac.h>
-#include <nettle/md4.h>
-#include <nettle/md5.h>
-#include <nettle/memops.h>
+#include <openssl/crypto.h>
+#include <openssl/des.h>
+#include <openssl/md4.h>
 #include <string.h>
 
 #include <algorithm>
+#include <functional>
 
 #include "Shared Types/Text.h"
 #include "Shared Types/Utf.h"
@@ -33,14 +31,27 @@ void encryptThird(const std::uint8_t* key7, const std::uint8_t* block, std::uint
     for (int i = 0; i < 7; ++i) {
         bits = bits << 8 | key7[i];
     }
-    std::array<std::uint8_t, DES_KEY_SIZE> key{};
+    DES_cblock key;
     for (int i = 0; i < 8; ++i) {
-        key[static_cast<std::size_t>(i)] = static_cast<std::uint8_t>((bits >> (49 - 7 * i) & 0x7F) << 1);
+        key[i] = static_cast<std::uint8_t>((bits >> (49 - 7 * i) & 0x7F) << 1);
     }
-    Wiped<des_ctx> context;
-    des_set_key(&context, key.data());
-    des_encrypt(&context, DES_BLOCK_SIZE, out, block);
+    DES_cblock clear;
+    std::copy_n(block, sizeof clear, clear);
+    DES_cblock encrypted;
+    Wiped<DES_key_schedule> schedule;
+    DES_set_key_unchecked(&key, &schedule);
+    DES_ecb_encrypt(&clear, &encrypted, &schedule, DES_ENCRYPT);
+    std::copy_n(encrypted, sizeof encrypted, out);
     wipe(key);
+}
+
+Key finishMd5(MD5_CTX& context, std::initializer_list<Bytes> parts) {
+    Key digest;
+    for (const Bytes part : parts) {
+        MD5_Update(&context, part.data(), part.size());
+    }
+    MD5_Final(digest.data(), &context);
+    return digest;
 }
 
 // The published constants end with a NUL that counts.
@@ -52,46 +63,69 @@ Bytes constant(const char (&text)[Size]) {
 }  // namespace
 
 Key md4(Bytes data) {
-    Wiped<md4_ctx> context;
+    Wiped<MD4_CTX> context;
     Key digest;
-    md4_init(&context);
-    md4_update(&context, data.size(), data.data());
-    md4_digest(&context, digest.size(), digest.data());
+    MD4_Init(&context);
+    MD4_Update(&context, data.data(), data.size());
+    MD4_Final(digest.data(), &context);
     return digest;
 }
 
 Key md5(std::initializer_list<Bytes> parts) {
-    Wiped<md5_ctx> context;
-    Key digest;
-    md5_init(&context);
-    for (const Bytes part : parts) {
-        md5_update(&context, part.size(), part.data());
-    }
-    md5_digest(&context, digest.size(), digest.data());
-    return digest;
+    Wiped<MD5_CTX> context;
+    MD5_Init(&context);
+    return finishMd5(context, parts);
 }
 
-Key hmacMd5(Bytes key, std::initializer_list<Bytes> parts) {
-    Wiped<hmac_md5_ctx> context;
-    Key digest;
-    hmac_md5_set_key(&context, key.size(), key.data());
-    for (const Bytes part : parts) {
-        hmac_md5_update(&context, part.size(), part.data());
-    }
-    hmac_md5_digest(&context, digest.size(), digest.data());
-    return digest;
+HmacMd5::HmacMd5(const Key& key) {
+    const auto begin = [&key](MD5_CTX& context, std::uint8_t pad) {
+        std::array<std::uint8_t, MD5_CBLOCK> block;
+        block.fill(pad);
+        std::transform(key.begin(), key.end(), block.begin(), block.begin(), std::bit_xor<std::uint8_t>());
+        MD5_Init(&context);
+        MD5_Update(&context, block.data(), block.size());
+        wipe(block);
+    };
+    begin(inner_, 0x36);
+    begin(outer_, 0x5C);
+}
+
+HmacMd5::~HmacMd5() {
+    explicit_bzero(&inner_, sizeof inner_);
+    explicit_bzero(&outer_, sizeof outer_);
+}
+
+Key HmacMd5::operator()(std::initializer_list<Bytes> parts) const {
+    MD5_CTX context = inner_;
+    const Key digest = finishMd5(context, parts);
+    context = outer_;
+    return finishMd5(context, {digest});
+}
+
+Key hmacMd5(const Key& key, std::initializer_list<Bytes> parts) {
+    return HmacMd5(key)(parts);
+}
+
+Rc4::Rc4(const Key& key) {
+    RC4_set_key(&state_, static_cast<int>(key.size()), key.data());
+}
+
+Rc4::~Rc4() {
+    explicit_bzero(&state_, sizeof state_);
+}
+
+void Rc4::apply(std::span<std::uint8_t> data) {
+    RC4(&state_, data.size(), data.data(), data.data());
 }
 
 Key rc4(const Key& key, const Key& block) {
-    Wiped<arcfour_ctx> context;
-    Key out;
-    arcfour_set_key(&context, key.size(), key.data());
-    arcfour_crypt(&context, block.size(), out.data(), block.data());
+    Key out = block;
+    Rc4(key).apply(out);
     return out;
 }
 
 bool sameSecret(Bytes left, Bytes right) {
-    return left.size() == right.size() && memeql_sec(left.data(), right.data(), left.size()) != 0;
+    return left.size() == right.size() && CRYPTO_memcmp(left.data(), right.data(), left.size()) == 0;
 }
 
 void wipe(std::span<std::uint8_t> secret) {

@@ -2,6 +2,11 @@
 
 // The computations of an NTLM log-on, as MS-NLMP publishes them: password hashes, responses, session keys.
 // Pure functions over bytes; what is secret is wiped from the scratch memory before it is given back.
+// libcrypto's plain functions and no providers: MD4 and RC4 must work, since every client's log-on needs them, however
+// the machine's openssl.cnf is hardened, and a message costs no look-up and no allocation.
+
+#include <openssl/md5.h>
+#include <openssl/rc4.h>
 
 #include <array>
 #include <cstdint>
@@ -20,9 +25,39 @@ using Key = std::array<std::uint8_t, 16>;
 // The end of the connection that sends a message; each direction has keys of its own.
 enum class Side { client, server };
 
+// HMAC-MD5 under one key, which is worked in once for all messages.
+class HmacMd5 {
+ public:
+    explicit HmacMd5(const Key& key);
+    ~HmacMd5();
+    HmacMd5(const HmacMd5&) = delete;
+    HmacMd5& operator=(const HmacMd5&) = delete;
+
+    Key operator()(std::initializer_list<Bytes> parts) const;
+
+ private:
+    MD5_CTX inner_;
+    MD5_CTX outer_;
+};
+
+// A running cipher. A copy goes on from the same place.
+class Rc4 {
+ public:
+    explicit Rc4(const Key& key);
+    ~Rc4();
+    Rc4(const Rc4&) = default;
+    Rc4& operator=(const Rc4&) = default;
+
+    // Encrypts or decrypts in place.
+    void apply(std::span<std::uint8_t> data);
+
+ private:
+    RC4_KEY state_;
+};
+
 Key md4(Bytes data);
 Key md5(std::initializer_list<Bytes> parts);
-Key hmacMd5(Bytes key, std::initializer_list<Bytes> parts);
+Key hmacMd5(const Key& key, std::initializer_list<Bytes> parts);
 Key rc4(const Key& key, const Key& block);
 // True when both are the same; takes the same time wherever they differ.
 bool sameSecret(Bytes left, Bytes right);

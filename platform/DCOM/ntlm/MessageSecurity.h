@@ -3,9 +3,6 @@
 // Signing and sealing of one NTLM session with extended session security: two independent directions, each with its
 // keys, its running cipher and its message counter. Both ends must see every message, in order.
 
-#include <nettle/arcfour.h>
-#include <nettle/hmac.h>
-
 #include <cstdint>
 #include <span>
 
@@ -19,9 +16,6 @@ class MessageSecurity {
 
     // own: the end that this object stands at.
     MessageSecurity(const Key& exportedSessionKey, std::uint32_t negotiatedFlags, Side own);
-    ~MessageSecurity();
-    MessageSecurity(const MessageSecurity&) = delete;
-    MessageSecurity& operator=(const MessageSecurity&) = delete;
 
     void sign(Bytes message, Signature& signature);
     // sealed is a part of message and encrypted in place, after the signature has been made over the clear text.
@@ -35,12 +29,13 @@ class MessageSecurity {
 
  private:
     struct Direction {
-        hmac_md5_ctx mac;
-        arcfour_ctx cipher;
+        Direction(Key signing, Key sealing);
+        Key checksum(Bytes message) const;
+
+        HmacMd5 mac;
+        Rc4 cipher;
         std::uint32_t sequence = 0;
     };
-    static void start(Direction& direction, const Key& exportedSessionKey, std::uint32_t negotiatedFlags, Side sender);
-    static Key checksum(Direction& direction, Bytes message);
     Signature finish(Direction& direction, const Key& checksum) const;
 
     bool encryptsChecksum_;
