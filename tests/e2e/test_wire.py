@@ -17,10 +17,11 @@ ACTIVATION, OBJECTS = 135, 49200
 REQUEST, RESPONSE, FAULT, BIND, BIND_ACK, BIND_NAK, ALTER_CONTEXT, AUTH3 = 0, 2, 3, 11, 12, 13, 14, 16
 FIRST, LAST, OBJECT = 1, 2, 0x80
 ACCESS_DENIED = 5
-SERVER_ALIVE = 3  # with its newer form 5 the only call without log-on
+SERVER_ALIVE = 3
 
 NDR = uuid.UUID('8A885D04-1CEB-11C9-9FE8-08002B104860').bytes_le + struct.pack('<I', 2)
-OBJECT_EXPORTER = '99FCFEC4-5260-101B-BBCB-00AA0021347A'
+OBJECT_EXPORTER = '99FCFEC4-5260-101B-BBCB-00AA0021347A'  # its calls need no log-on
+ACTIVATOR = '4D9F4AB8-7D1C-11CF-861E-0020AF6E7C57'
 REM_UNKNOWN = '00000131-0000-0000-C000-000000000046'
 INTERFACE = {ACTIVATION: OBJECT_EXPORTER, OBJECTS: REM_UNKNOWN}
 
@@ -185,7 +186,7 @@ class BadMessages(Wire):
                                          + request(SERVER_ALIVE, part, flags=0) * 15)
             self.assertEqual([answer[2] for answer in connection.messages], [BIND_ACK, FAULT])
         # A call that is refused anyhow is not kept, however large.
-        connection = self.raw().send(bind(OBJECT_EXPORTER) + request(0, part, flags=FIRST))
+        connection = self.raw().send(bind(ACTIVATOR) + request(0, part, flags=FIRST))
         for _ in range(4000):
             connection.send(request(0, part, flags=0))
         connection.send(request(0, flags=LAST))
@@ -196,7 +197,7 @@ class BadMessages(Wire):
         wait_for('memory given back', lambda: self.memory() - memory < 2048)
         self.assert_good_client_went_on()
 
-    def test_a_message_in_pieces_is_understood_and_nothing_but_a_sign_of_life_is_given_without_log_on(self):
+    def test_a_message_in_pieces_is_understood_and_nothing_but_what_machines_ask_is_answered_without_log_on(self):
         connection = self.raw()
         connection.socket.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
         for byte in bind(OBJECT_EXPORTER) + request(SERVER_ALIVE):
@@ -204,12 +205,14 @@ class BadMessages(Wire):
         self.assertEqual(connection.receive()[2], BIND_ACK)
         answer = connection.receive()
         self.assertEqual((answer[2], answer[24:]), (RESPONSE, bytes(4)))
-        for opnum in (0, 1, 2, 4):
+        for opnum, status in ((0, 1910), (1, 1912), (2, 0), (4, 1910), (5, 0)):  # unknown exporter, unknown ping set
             answer = connection.send(request(opnum, bytes(24))).receive()
-            self.assertEqual((answer[2], status_of(answer)), (FAULT, ACCESS_DENIED))
-        connection = self.raw(OBJECTS).send(bind(REM_UNKNOWN) + request(3, target=uuid.uuid4()))
-        self.assertEqual(connection.receive()[2], BIND_ACK)
-        self.assertEqual(status_of(connection.receive()), ACCESS_DENIED)
+            self.assertEqual((answer[2], struct.unpack('<I', answer[-4:])[0]), (RESPONSE, status))
+        self.assertNotIn('Refused', self.site.errors())
+        for port, interface in ((OBJECTS, REM_UNKNOWN), (ACTIVATION, ACTIVATOR)):
+            connection = self.raw(port).send(bind(interface) + request(0, target=uuid.uuid4()))
+            self.assertEqual(connection.receive()[2], BIND_ACK)
+            self.assertEqual(status_of(connection.receive()), ACCESS_DENIED)
         self.assert_good_client_went_on()
 
     def test_cut_and_mangled_messages(self):

@@ -16,20 +16,18 @@ namespace ntlm = dcom::ntlm;
 using namespace rpc::test;
 using Kind = NtlmLogOn::Kind;
 
-constexpr std::uint16_t openOpnum = 5;  // needs no log-on
-
 // Replies with what it got, once or many times over, and writes down what it was asked.
 class Handler final : public rpc::CallHandler {
  public:
     explicit Handler(rpc::AuthLevel minimum) : minimum_(minimum) {}
 
     bool supports(const dcom::Uuid& interfaceId, std::uint16_t, std::uint16_t) override {
-        return interfaceId == interfaceA || interfaceId == interfaceB;
+        return interfaceId == interfaceA || interfaceId == interfaceOpen;
     }
-    bool allowsUnauthenticated(const dcom::Uuid&, std::uint16_t opnum) override { return opnum == openOpnum; }
+    bool isOpenToAll(const dcom::Uuid& interfaceId) override { return interfaceId == interfaceOpen; }
     std::uint32_t call(const rpc::Call& call, dcom::ndr::Writer& reply) override {
         require(supports(call.interfaceId, 0, 0), "a call goes to an interface that exists");
-        if (call.opnum != openOpnum) {
+        if (call.interfaceId != interfaceOpen) {
             require(call.level >= minimum_, "no call below the minimum level");
             require(!call.account.empty(), "no call without an account");
         }
@@ -118,7 +116,7 @@ struct LogOn {
 };
 
 bool logOn(Session& session, NtlmLogOn& client, const LogOn& how, rpc::PduType type) {
-    const std::vector<Offer> offers{{0, interfaceA}, {1, interfaceB}};
+    const std::vector<Offer> offers{{0, interfaceA}, {1, interfaceOpen}};
     const Data challenge =
         session.feedForToken(pdu(type, 3, 1, bindBody(offers, 2000), {how.level, how.securityId, client.negotiate()}));
     if (challenge.empty()) {

@@ -318,7 +318,9 @@ class TcpServer::Impl::Connection : public std::enable_shared_from_this<Connecti
     void onTimeout() {
         const auto self = shared_from_this();
         const auto seconds = [](std::chrono::milliseconds time) { return static_cast<double>(time.count()) / 1000; };
-        if (phase_ == Phase::Reading) {
+        if (phase_ == Phase::Reading && protocol_.served()) {
+            // A machine that pings without a log-on and keeps its connection for the next time; it will come anew.
+        } else if (phase_ == Phase::Reading) {
             server_.trouble(
                 fmt::format("Dropped OPC client {}: no log-on within {} s; remedy: check which program "
                             "connects to this port",

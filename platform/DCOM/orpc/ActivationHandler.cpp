@@ -9,10 +9,10 @@ bool ActivationHandler::supports(const Uuid& interfaceId, std::uint16_t versionM
            (interfaceId == iidActivation || interfaceId == iidRemoteScmActivator || interfaceId == iidObjectExporter);
 }
 
-// Clients ask whether the machine is alive, and by which addresses, before they know how to log on, and take a refusal
-// for a machine that is not there.
-bool ActivationHandler::allowsUnauthenticated(const Uuid& interfaceId, std::uint16_t opnum) {
-    return interfaceId == iidObjectExporter && (opnum == opnumServerAlive || opnum == opnumServerAlive2);
+// Clients ask whether the machine is alive, and by which addresses, before they know how to log on. Pings come from
+// the client's machine, whose own account is unknown here, and objects must not die over that.
+bool ActivationHandler::isOpenToAll(const Uuid& interfaceId) {
+    return interfaceId == iidObjectExporter;
 }
 
 std::uint32_t ActivationHandler::call(const rpc::Call& call, ndr::Writer& reply) {

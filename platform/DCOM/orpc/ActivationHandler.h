@@ -17,7 +17,7 @@ class ActivationHandler final : public rpc::CallHandler {
         : exporter_(exporter), activation_(exporter, classes), resolver_(exporter) {}
 
     bool supports(const Uuid& interfaceId, std::uint16_t versionMajor, std::uint16_t versionMinor) override;
-    bool allowsUnauthenticated(const Uuid& interfaceId, std::uint16_t opnum) override;
+    bool isOpenToAll(const Uuid& interfaceId) override;
     std::uint32_t call(const rpc::Call& call, ndr::Writer& reply) override;
     // No client is judged by these connections: most of them close right after the one answer that they are for.
     void connectionClosed(const rpc::Peer& peer, bool abrupt) override;

@@ -21,10 +21,6 @@ std::string hostOf(const rpc::Peer& peer) {
     return peer.remoteAddress.substr(0, peer.remoteAddress.rfind(':'));
 }
 
-std::string pingOwner(const rpc::Peer& peer, const std::string& account) {
-    return hostOf(peer) + ' ' + account;
-}
-
 // The well-known port is left out of addresses, as clients expect.
 constexpr std::uint16_t wellKnownPort = 135;
 
@@ -401,14 +397,14 @@ void ObjectExporter::revokeAll() {
 
 // --- signs of life ---
 
-bool ObjectExporter::ping(std::uint64_t setId, const rpc::Peer& peer, const std::string& account) {
-    return pingSets_.ping(setId, pingOwner(peer, account), now_);
+bool ObjectExporter::ping(std::uint64_t setId, const rpc::Peer& peer) {
+    return pingSets_.ping(setId, hostOf(peer), now_);
 }
 
-PingSets::Change ObjectExporter::changePingSet(std::uint64_t& setId, const rpc::Peer& peer, const std::string& account,
-                                               std::uint16_t sequence, std::span<const std::uint64_t> add,
+PingSets::Change ObjectExporter::changePingSet(std::uint64_t& setId, const rpc::Peer& peer, std::uint16_t sequence,
+                                               std::span<const std::uint64_t> add,
                                                std::span<const std::uint64_t> remove) {
-    return pingSets_.change(setId, pingOwner(peer, account), sequence, add, remove, now_);
+    return pingSets_.change(setId, hostOf(peer), sequence, add, remove, now_);
 }
 
 bool ObjectExporter::pinged(std::uint64_t oid) {

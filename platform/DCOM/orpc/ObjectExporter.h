@@ -113,10 +113,9 @@ class ObjectExporter final : private PingSets::Listener {
     // --- signs of life ---
 
     void connectionClosed(const rpc::Peer& peer, bool abrupt);
-    bool ping(std::uint64_t setId, const rpc::Peer& peer, const std::string& account);
-    PingSets::Change changePingSet(std::uint64_t& setId, const rpc::Peer& peer, const std::string& account,
-                                   std::uint16_t sequence, std::span<const std::uint64_t> add,
-                                   std::span<const std::uint64_t> remove);
+    bool ping(std::uint64_t setId, const rpc::Peer& peer);
+    PingSets::Change changePingSet(std::uint64_t& setId, const rpc::Peer& peer, std::uint16_t sequence,
+                                   std::span<const std::uint64_t> add, std::span<const std::uint64_t> remove);
 
  private:
     struct Object;

@@ -13,13 +13,13 @@ bool isOlder(std::uint16_t sequence, std::uint16_t last) {
 
 }  // namespace
 
-PingSets::Set* PingSets::find(std::uint64_t setId, const std::string& owner) {
+PingSets::Set* PingSets::find(std::uint64_t setId, const std::string& host) {
     const auto found = sets_.find(setId);
-    return found == sets_.end() || found->second.owner != owner ? nullptr : &found->second;
+    return found == sets_.end() || found->second.host != host ? nullptr : &found->second;
 }
 
-bool PingSets::ping(std::uint64_t setId, const std::string& owner, std::uint64_t now) {
-    Set* set = find(setId, owner);
+bool PingSets::ping(std::uint64_t setId, const std::string& host, std::uint64_t now) {
+    Set* set = find(setId, host);
     if (set == nullptr) {
         return false;
     }
@@ -27,7 +27,7 @@ bool PingSets::ping(std::uint64_t setId, const std::string& owner, std::uint64_t
     return true;
 }
 
-PingSets::Change PingSets::change(std::uint64_t& setId, const std::string& owner, std::uint16_t sequence,
+PingSets::Change PingSets::change(std::uint64_t& setId, const std::string& host, std::uint16_t sequence,
                                   std::span<const std::uint64_t> add, std::span<const std::uint64_t> remove,
                                   std::uint64_t now) {
     Set* set = nullptr;
@@ -37,9 +37,9 @@ PingSets::Change PingSets::change(std::uint64_t& setId, const std::string& owner
         }
         setId = ++lastId_;
         set = &sets_[setId];
-        set->owner = owner;
+        set->host = host;
         set->sequence = sequence;
-    } else if (set = find(setId, owner); set == nullptr) {
+    } else if (set = find(setId, host); set == nullptr) {
         return Change::UnknownSet;
     }
     if (!isOlder(sequence, set->sequence)) {

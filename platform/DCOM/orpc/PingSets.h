@@ -25,14 +25,14 @@ class PingSets {
 
     explicit PingSets(Listener& listener) : listener_(listener) {}
 
-    // Pings all members. False when the owner has no such set. The owner is "host account"; one client's set is
-    // out of reach of the others. now in milliseconds.
-    bool ping(std::uint64_t setId, const std::string& owner, std::uint64_t now);
+    // Pings all members. False when the host has no such set; one host's set is out of reach of the others. Which
+    // account it pings with doesn't matter, as it may well be none. now in milliseconds.
+    bool ping(std::uint64_t setId, const std::string& host, std::uint64_t now);
 
     // Makes a set (setId 0 on entry, its id afterwards) or changes one, then pings its members. A change with an
     // older sequence number than the last one arrived late and counts as a mere ping.
     enum class Change { Done, UnknownSet, TooManySets };
-    Change change(std::uint64_t& setId, const std::string& owner, std::uint16_t sequence,
+    Change change(std::uint64_t& setId, const std::string& host, std::uint16_t sequence,
                   std::span<const std::uint64_t> add, std::span<const std::uint64_t> remove, std::uint64_t now);
 
     // Forgets sets that were not pinged for longer than timeout milliseconds.
@@ -45,13 +45,13 @@ class PingSets {
 
  private:
     struct Set {
-        std::string owner;
+        std::string host;
         std::uint16_t sequence = 0;
         std::uint64_t lastPing = 0;
         std::unordered_set<std::uint64_t> members;
     };
 
-    Set* find(std::uint64_t setId, const std::string& owner);
+    Set* find(std::uint64_t setId, const std::string& host);
     void pingMembers(Set& set, std::uint64_t now);
     void apply(Set& set, std::span<const std::uint64_t> add, std::span<const std::uint64_t> remove);
 

@@ -55,12 +55,12 @@ std::uint32_t Resolver::invoke(const rpc::Call& call, ndr::Writer& out) {
             return simplePing(call, out);
         case 2:
             return complexPing(call, out);
-        case opnumServerAlive:
+        case 3:  // is the machine alive?
             out.u32(statusOk);
             return 0;
         case 4:
             return resolveOxid(call, out, Form::WithVersion);
-        case opnumServerAlive2:
+        case 5:
             return serverAlive2(call, out);
         default:
             return faultOpnumRange;
@@ -97,7 +97,7 @@ std::uint32_t Resolver::simplePing(const rpc::Call& call, ndr::Writer& out) {
     if (!in.good()) {
         return faultBadStubData;
     }
-    out.u32(exporter_.ping(setId, call.peer, call.account) ? statusOk : statusInvalidSet);
+    out.u32(exporter_.ping(setId, call.peer) ? statusOk : statusInvalidSet);
     return 0;
 }
 
@@ -114,7 +114,7 @@ std::uint32_t Resolver::complexPing(const rpc::Call& call, ndr::Writer& out) {
     if (!in.good()) {
         return faultBadStubData;
     }
-    const auto change = exporter_.changePingSet(setId, call.peer, call.account, sequence, add, remove);
+    const auto change = exporter_.changePingSet(setId, call.peer, sequence, add, remove);
     out.u64(setId);
     out.u16(0);  // no wish for pings further apart
     out.u32(statusOf(change));

@@ -1,7 +1,8 @@
 #pragma once
 
 // Answers the questions of client machines about the exporter as a whole: is it alive, where are its objects
-// called, and "these objects are still in use". Plain RPC, without the headers of object calls.
+// called, and "these objects are still in use". Plain RPC, without the headers of object calls, and for whoever asks:
+// machines ask with their own accounts or with none.
 
 #include <cstdint>
 
@@ -9,9 +10,6 @@
 #include "DCOM/rpc/CallHandler.h"
 
 namespace quelm::dcom::orpc {
-
-inline constexpr std::uint16_t opnumServerAlive = 3;
-inline constexpr std::uint16_t opnumServerAlive2 = 5;
 
 class Resolver {
  public:

@@ -41,11 +41,10 @@ class CallHandler {
     // Whether a client may bind to this interface on this listener.
     virtual bool supports(const Uuid& interfaceId, std::uint16_t versionMajor, std::uint16_t versionMinor) = 0;
 
-    // Whether this call may be made without a log-on whatever the minimum level is (asking whether the machine is
-    // alive, before a client knows how to log on).
-    virtual bool allowsUnauthenticated(const Uuid& interfaceId, std::uint16_t opnum) {
+    // Whether this interface is for whoever asks, at any level and without a log-on: client machines ask and ping with
+    // their own accounts, which are unknown here, or with none.
+    virtual bool isOpenToAll(const Uuid& interfaceId) {
         static_cast<void>(interfaceId);
-        static_cast<void>(opnum);
         return false;
     }
 

@@ -457,8 +457,20 @@ ServerConnection::LogOnStep ServerConnection::finishLogOn(SecurityContext& conte
 
 ServerConnection::LogOnStep ServerConnection::refuseLogOn(SecurityContext& context, std::string_view reason) {
     context.state = SecurityContext::State::Refused;
-    refuse(context.logOn.account(), context.level, reason, remedyForLogOn(reason));
+    if (!isMachineAsking(context.logOn.account())) {
+        refuse(context.logOn.account(), context.level, reason, remedyForLogOn(reason));
+    }
     return LogOnStep::Refused;
+}
+
+// A client's machine pings with its own account (its name ends in $) or as nobody, and when that fails without any
+// log-on. There is nothing to mend about that. Any other account is one that somebody tries.
+bool ServerConnection::isMachineAsking(std::string_view account) const {
+    const bool asksOnly = !presentations_.empty() &&
+                          std::all_of(presentations_.begin(), presentations_.end(), [this](const Presentation& entry) {
+                              return handler_.isOpenToAll(entry.interfaceId);
+                          });
+    return asksOnly && (account.empty() || account.back() == '\\' || account.back() == '$');
 }
 
 ServerConnection::SecurityContext* ServerConnection::findSecurity(std::uint32_t id) {
@@ -540,22 +552,24 @@ std::uint32_t ServerConnection::faultBeforeCall(const SecurityContext* context, 
     if (interfaceId == nullptr) {
         return faultUnknownInterface;
     }
-    if (!admits(context, *interfaceId, request.opnum)) {
-        reportInadmissible(context);
+    if (!admits(context, *interfaceId)) {
+        if (!handler_.isOpenToAll(*interfaceId)) {
+            reportInadmissible(context);
+        }
         return faultAccessDenied;
     }
     return 0;
 }
 
-bool ServerConnection::admits(const SecurityContext* context, const Uuid& interfaceId, std::uint16_t opnum) {
+bool ServerConnection::admits(const SecurityContext* context, const Uuid& interfaceId) {
     const AuthLevel minimum = effectiveMinimum(settings_.minimumLevel);
     if (context == nullptr) {
-        return minimum <= AuthLevel::None || handler_.allowsUnauthenticated(interfaceId, opnum);
+        return minimum <= AuthLevel::None || handler_.isOpenToAll(interfaceId);
     }
     if (context->state != SecurityContext::State::LoggedOn) {
         return false;
     }
-    return context->level >= minimum || handler_.allowsUnauthenticated(interfaceId, opnum);
+    return context->level >= minimum || handler_.isOpenToAll(interfaceId);
 }
 
 void ServerConnection::reportInadmissible(const SecurityContext* context) {
@@ -629,6 +643,7 @@ void ServerConnection::onOrphaned(const Header& header) {
 // The handler writes its reply right where it is sent from, behind the header of the first fragment.
 void ServerConnection::perform(std::uint32_t callId, const Request& request, std::span<const std::uint8_t> stub,
                                SecurityContext* context) {
+    served_ = true;
     const std::size_t start = output_.size();
     output_.resize(start + callHeaderSize);
     ndr::Writer reply(output_);

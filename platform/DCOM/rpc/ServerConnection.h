@@ -68,6 +68,8 @@ class ServerConnection {
     bool closing() const { return closing_; }
     // Whether any log-on of this connection succeeded.
     bool loggedOn() const { return loggedOn_; }
+    // Whether any call was carried out, be it without a log-on.
+    bool served() const { return served_; }
     const Peer& peer() const { return peer_; }
 
  private:
@@ -121,12 +123,13 @@ class ServerConnection {
     SecurityContext& addSecurity(const AuthTrailer& trailer, SecurityContext::State state, ntlm::ServerContext logOn);
     LogOnStep finishLogOn(SecurityContext& context, std::span<const std::uint8_t> message);
     LogOnStep refuseLogOn(SecurityContext& context, std::string_view reason);
+    bool isMachineAsking(std::string_view account) const;
     SecurityContext* findSecurity(std::uint32_t id);
     SecurityContext* unsignedSecurity();
 
     bool unprotect(SecurityContext& context, std::span<std::uint8_t> pdu, std::size_t stubOffset,
                    const AuthTrailer& trailer);
-    bool admits(const SecurityContext* context, const Uuid& interfaceId, std::uint16_t opnum);
+    bool admits(const SecurityContext* context, const Uuid& interfaceId);
     void reportInadmissible(const SecurityContext* context);
     std::uint32_t faultBeforeCall(const SecurityContext* context, const Request& request);
     void assemble(const Header& header, const Request& request, std::span<const std::uint8_t> stub,
@@ -151,6 +154,7 @@ class ServerConnection {
 
     bool bound_ = false;
     bool loggedOn_ = false;
+    bool served_ = false;
     bool closing_ = false;
     bool waiting_ = false;
     bool refusalReported_ = false;

@@ -30,13 +30,11 @@ TEST_F(ResolverCalls, ServerAlive) {
     EXPECT_EQ(status, faultOpnumRange);
 }
 
-TEST_F(ResolverCalls, OnlyAskingWhetherTheMachineIsAliveNeedsNoLogOn) {
+TEST_F(ResolverCalls, OnlyWhatMachinesAskNeedsNoLogOn) {
     for (const Uuid& interfaceId : {iidObjectExporter, iidActivation, iidRemoteScmActivator}) {
-        for (std::uint16_t opnum = 0; opnum < 8; ++opnum) {
-            const bool alive = interfaceId == iidObjectExporter && (opnum == 3 || opnum == 5);
-            EXPECT_EQ(activation.allowsUnauthenticated(interfaceId, opnum), alive) << opnum;
-        }
+        EXPECT_EQ(activation.isOpenToAll(interfaceId), interfaceId == iidObjectExporter);
     }
+    EXPECT_FALSE(objects.isOpenToAll(iidRemUnknown));
 }
 
 TEST_F(ResolverCalls, UnknownSetsAndForeignSetsAreToldByStatus) {
@@ -45,8 +43,11 @@ TEST_F(ResolverCalls, UnknownSetsAndForeignSetsAreToldByStatus) {
     EXPECT_EQ(pingSimple(0), 1912U);
     EXPECT_EQ(pingSimple(set + 1), 1912U);
     EXPECT_EQ(pingComplex(set + 1, 1, {lastOid}, {}, 1912), set + 1);
-    account = "PLANT\\other";
-    EXPECT_EQ(pingSimple(set), 1912U);
+    EXPECT_EQ(send(activation, peer(902, "192.0.2.8"), iidObjectExporter, nullptr, 1, Parameters().u64(set)).u32(),
+              1912U);
+    account = "";  // without a log-on, as client machines come
+    level = rpc::AuthLevel::None;
+    EXPECT_EQ(pingSimple(set), 0U);
 }
 
 TEST_F(ResolverCalls, AChangeThatArrivesLateOnlyPings) {

@@ -21,6 +21,7 @@ using quelm::test::toHex;
 
 inline constexpr Uuid interfaceA = "39C13A4D-011E-11D0-9675-0020AFD8ADB3"_uuid;
 inline constexpr Uuid interfaceB = "00000131-0000-0000-C000-000000000046"_uuid;
+inline constexpr Uuid interfaceOpen = "99FCFEC4-5260-101B-BBCB-00AA0021347A"_uuid;  // needs no log-on
 inline constexpr Uuid interfaceUnknown = "11111111-2222-3333-4444-555555555555"_uuid;
 inline constexpr Uuid ndrTransfer = "8A885D04-1CEB-11C9-9FE8-08002B104860"_uuid;
 

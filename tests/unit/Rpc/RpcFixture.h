@@ -13,16 +13,20 @@
 
 namespace quelm::dcom::rpc::test {
 
-// opnum 3 echoes, 4 replies as many bytes as the stub's first number says, 5 faults, 6 needs no log-on.
+// opnum 3 echoes, 4 replies as many bytes as the stub's first number says, 5 faults.
 class RecordingHandler : public CallHandler {
  public:
     bool supports(const Uuid& interfaceId, std::uint16_t, std::uint16_t) override {
-        return interfaceId == interfaceA || interfaceId == interfaceB;
+        return interfaceId == interfaceA || interfaceId == interfaceB || interfaceId == interfaceOpen;
     }
-    bool allowsUnauthenticated(const Uuid&, std::uint16_t opnum) override { return opnum == 6; }
+    bool isOpenToAll(const Uuid& interfaceId) override { return interfaceId == interfaceOpen; }
     std::uint32_t call(const Call& call, ndr::Writer& reply) override {
-        calls.push_back(fmt::format("{} {} {} '{}' {}{}", call.interfaceId == interfaceA ? "A" : "B", call.opnum,
-                                    levelName(call.level), call.account, call.stub.size() > 32 ? "" : toHex(call.stub),
+        calls.push_back(fmt::format("{} {} {} '{}' {}{}",
+                                    call.interfaceId == interfaceA   ? "A"
+                                    : call.interfaceId == interfaceB ? "B"
+                                                                     : "open",
+                                    call.opnum, levelName(call.level), call.account,
+                                    call.stub.size() > 32 ? "" : toHex(call.stub),
                                     call.hasObject ? " " + call.object.toText().substr(0, 8) : ""));
         if (call.opnum == 4) {
             ndr::Reader in(call.stub);

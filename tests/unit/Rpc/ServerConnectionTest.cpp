@@ -225,16 +225,37 @@ TEST_F(RpcFixture, RefusedLogOnsFaultEachCallAndAreSaidOnce) {
 }
 
 TEST_F(RpcFixture, WithoutLogOnOnlyTheAllowedCallsAreMade) {
-    exchange(pdu(PduType::Bind, 3, 0, bindBody({{0}})));
-    expectOne(request({.opnum = 6, .stub = fromHex("01")}), PduType::Response);
+    exchange(pdu(PduType::Bind, 3, 0, bindBody({{0}, {1, interfaceOpen}})));
+    expectOne(request({.contextId = 1, .opnum = 6, .stub = fromHex("01")}), PduType::Response);
     EXPECT_EQ(expectOne(request({.opnum = 3}), PduType::Fault).faultStatus(), faultAccessDenied);
     // All fragments of a refused call get one fault between them.
     EXPECT_EQ(exchange(request({.opnum = 3, .flags = flagFirst})).size(), 1U);
     EXPECT_THAT(exchange(request({.opnum = 3, .flags = flagLast})), IsEmpty());
-    EXPECT_THAT(handler.calls, ElementsAre("A 6 none '' 01"));
+    EXPECT_THAT(handler.calls, ElementsAre("open 6 none '' 01"));
     EXPECT_THAT(refusals, ElementsAre("Refused OPC client 192.0.2.7:51234: no account, level none: the client did not "
                                       "log on; remedy: let the client log on with an account of the DCOM settings"));
     EXPECT_FALSE(connection->closing());
+}
+
+// A machine's own account is unknown here; the machine then asks again without any. Whoever tries another account is
+// told of in the log, whatever it is that is asked.
+TEST_F(RpcFixture, AMachineThatAsksWithItsOwnAccountIsNoRefusedClient) {
+    settings.minimumLevel = AuthLevel::Integrity;
+    const std::tuple<const char*, Uuid, std::size_t> cases[] = {
+        {"PC1$", interfaceOpen, 0}, {"PC1$", interfaceA, 1}, {"operator", interfaceOpen, 1}};
+    for (const auto& [user, interfaceId, lines] : cases) {
+        reconnect();
+        NtlmLogOn client(Kind::V2, user);
+        logOn(client, 5, 1, {{0, interfaceId}});
+        const Data call = request({.callId = 2, .opnum = 3, .stub = fromHex("01")}, 5, 1);
+        EXPECT_EQ(expectOne(call, PduType::Fault).faultStatus(), faultAccessDenied);
+        EXPECT_EQ(refusals.size(), lines) << user;
+    }
+    reconnect();
+    NtlmLogOn known;
+    logOn(known, 2, 1, {{0, interfaceOpen}});  // below the minimum
+    expectOne(request({.callId = 2, .opnum = 3, .stub = fromHex("01")}, 2, 1), PduType::Response);
+    EXPECT_THAT(refusals, IsEmpty());
 }
 
 TEST_F(RpcFixture, ChangedOrRepeatedMessagesEndTheConnection) {
