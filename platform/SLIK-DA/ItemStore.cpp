@@ -41,12 +41,13 @@ bool isNamed(std::string_view name, std::string_view folded) {
     return name.size() == folded.size();
 }
 
-// "." first, then the others as they are.
-unsigned rank(char c) {
-    return c == '.' ? 0U : static_cast<unsigned char>(c) + 1U;
+// "." first, then the other bytes in their order.
+unsigned char rank(char c) {
+    const auto byte = static_cast<unsigned char>(c);
+    return c == '.' ? 0 : static_cast<unsigned char>(byte < '.' ? byte + 1 : byte);
 }
 
-// A text whose plain byte order is the browse order. Folded text is sound UTF-8, which has no byte 0xFF.
+// A text whose plain byte order is the browse order.
 std::string sortKey(std::string_view name) {
     std::string key = foldCase(name);
     std::transform(key.begin(), key.end(), key.begin(), [](char c) { return static_cast<char>(rank(c)); });

@@ -1,3 +1,4 @@
+#include <libxml/SAX2.h>
 #include <libxml/parser.h>
 #include <libxml/tree.h>
 #include <libxml/xpath.h>
@@ -14,6 +15,8 @@ namespace quelm {
 namespace {
 
 constexpr std::size_t maxDocumentBytes = std::size_t{64} * 1024 * 1024;
+// Elements within elements; far beyond what an I/O server writes, and what the stack bears in any case.
+constexpr int maxDepth = 256;
 constexpr const char* whiteSpace = " \t\r\n";
 
 template <auto Free>
@@ -40,23 +43,57 @@ struct XmlTree {
 
 namespace {
 
+// Since the last use of the library on this thread began.
+thread_local bool ranOutOfMemory = false;
+
 extern "C" {
-// What the library would print; the caller's own message tells the operator instead.
-static void ignoreError(void*, xmlErrorPtr) {}
+// What the library would print; the caller's own message tells the operator instead. Out of memory is kept, as the
+// errors that follow from it hide it from who asks later.
+static void noteError(void*, xmlErrorPtr error) {
+    ranOutOfMemory = ranOutOfMemory || error->code == XML_ERR_NO_MEMORY;
+}
 static void ignoreText(void*, const char*, ...) {}
 
-// A document type declaration ends the parse before the library reads any entity out of it.
-static void refuseDocumentType(void* context, const xmlChar*, const xmlChar*, const xmlChar*) {
+static void refuseDocument(void* context) {
     auto* const parser = static_cast<xmlParserCtxtPtr>(context);
     parser->wellFormed = 0;
     xmlStopParser(parser);
 }
+
+// A document type declaration ends the parse before the library reads any entity out of it.
+static void refuseDocumentType(void* context, const xmlChar*, const xmlChar*, const xmlChar*) {
+    refuseDocument(context);
 }
 
+// The library's own limits on a text's length and on the depth go together, so that the depth is watched here.
+static void startElement(void* context, const xmlChar* name, const xmlChar* prefix, const xmlChar* uri,
+                         int namespaceCount, const xmlChar** namespaces, int attributeCount, int defaultedCount,
+                         const xmlChar** attributes) {
+    if (static_cast<xmlParserCtxtPtr>(context)->nodeNr >= maxDepth) {
+        refuseDocument(context);
+        return;
+    }
+    xmlSAX2StartElementNs(context, name, prefix, uri, namespaceCount, namespaces, attributeCount, defaultedCount,
+                          attributes);
+}
+}
+
+// For one use of the library: what ran out of memory raises, as the library itself goes on with what it has got.
+class MemoryWatch {
+ public:
+    MemoryWatch() { ranOutOfMemory = false; }
+    void check() const {
+        if (ranOutOfMemory) {
+            throw std::bad_alloc();
+        }
+    }
+};
+
+// The library keeps its error functions by thread.
 void prepareLibraryOnce() {
-    static const bool prepared = [] {
+    thread_local const bool prepared = [] {
         xmlInitParser();
-        xmlSetStructuredErrorFunc(nullptr, ignoreError);
+        xmlSetStructuredErrorFunc(nullptr, noteError);
         xmlSetGenericErrorFunc(nullptr, ignoreText);
         return true;
     }();
@@ -79,7 +116,7 @@ bool isBlankText(const xmlNode* node) {
     return node->type == XML_TEXT_NODE && viewOf(node->content).find_first_not_of(whiteSpace) == std::string_view::npos;
 }
 
-// Depth is bounded by the parser's own limit on nesting.
+// Depth is bounded by the limit on nesting.
 void dropBlankTexts(xmlNodePtr parent) {
     for (xmlNodePtr node = parent->children; node != nullptr;) {
         const xmlNodePtr next = node->next;
@@ -115,8 +152,10 @@ std::string XmlNode::text() const {
     if (isNothing()) {
         throw RuntimeError(errors::objectNotSet);
     }
+    const MemoryWatch memory;
     const std::unique_ptr<xmlChar, decltype(xmlFree)> content(xmlNodeGetContent(static_cast<xmlNodePtr>(node_)),
                                                               xmlFree);
+    memory.check();
     const std::string_view all = viewOf(content.get());
     return std::string(tree_->preserveWhiteSpace ? all : trimWhiteSpace(all));
 }
@@ -126,10 +165,12 @@ std::vector<void*> XmlNode::evaluate(std::string_view xpath) const {
         throw RuntimeError(errors::objectNotSet);
     }
     const XPathContext context = required(XPathContext(xmlXPathNewContext(tree_->document.get())));
-    context->error = ignoreError;
+    context->error = noteError;
     context->node = static_cast<xmlNodePtr>(node_);
     const std::string expression(xpath);
+    const MemoryWatch memory;
     const XPathResult result(xmlXPathEval(reinterpret_cast<const xmlChar*>(expression.c_str()), context.get()));
+    memory.check();
     if (!result || result->type != XPATH_NODESET) {
         raiseInvalidXPath(xpath);
     }
@@ -203,14 +244,14 @@ bool XmlDocument::loadXML(std::string_view text) {
     }
     const ParserContext parser = required(ParserContext(xmlNewParserCtxt()));
     parser->sax->internalSubset = refuseDocumentType;
-    constexpr int options =
-        XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING | XML_PARSE_IGNORE_ENC | XML_PARSE_COMPACT;
+    parser->sax->startElementNs = startElement;
+    constexpr int options = XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING | XML_PARSE_IGNORE_ENC |
+                            XML_PARSE_COMPACT | XML_PARSE_HUGE;
+    const MemoryWatch memory;
     ParsedDocument parsed(
         xmlCtxtReadMemory(parser.get(), text.data(), static_cast<int>(text.size()), nullptr, "UTF-8", options));
+    memory.check();
     if (!parsed) {
-        if (parser->lastError.code == XML_ERR_NO_MEMORY) {
-            throw std::bad_alloc();
-        }
         return false;
     }
     if (!mine.preserveWhiteSpace) {

@@ -69,7 +69,8 @@ class XmlDocument {
 
     // Parses UTF-8 text, whatever encoding its declaration names. False, and the document is empty, for text that is
     // not well-formed, has a document type declaration (nobody sends one but an attacker), is nested deeper than 256
-    // elements or longer than 64 MiB.
+    // elements or longer than 64 MiB. Raises std::bad_alloc, and the document is empty, when memory runs out: there is
+    // never a half document.
     bool loadXML(std::string_view text);
 
     // The outermost element; Nothing in an empty document. Raises RuntimeError 91 on Nothing.

@@ -9,6 +9,7 @@
 #include <string_view>
 
 #include "Shared Types/Date.h"
+#include "Shared Types/DateText.h"
 #include "Shared Types/Variant.h"
 
 namespace quelm {
@@ -35,13 +36,5 @@ std::string naturalText(const Variant& value);
 
 // Rounds half to even; raises 6 when the result does not fit.
 std::int32_t roundToInt32(double value);
-
-// The general date-time text: "yyyy-MM-dd HH:mm:ss"; the time left out at exactly midnight, the date when the value
-// has no date part.
-std::string dateText(Date date);
-
-// Reads "yyyy-MM-dd", "yyyy-MM-dd HH:mm", "yyyy-MM-dd HH:mm:ss", a time of day alone, and "/" or "." separated forms
-// that leave no doubt. Nothing for any other text.
-std::optional<Date> parseDate(std::string_view text);
 
 }  // namespace quelm

@@ -1,5 +1,6 @@
 #include "Shared Types/Date.h"
 
+#include <algorithm>
 #include <cmath>
 
 #include "Shared Types/RuntimeError.h"
@@ -112,7 +113,9 @@ CivilTime civilTimeSeconds(Date date) {
     const std::int64_t milliseconds = linearMilliseconds(date);
     const std::int64_t shifted = milliseconds + 500;
     const std::int64_t seconds = shifted / 1000 - (shifted % 1000 < 0 ? 1 : 0);
-    return civilFromMilliseconds(seconds * 1000);
+    // The last half second of the range has no second to be rounded up to.
+    constexpr auto lastSecond = static_cast<std::int64_t>(maxDateDays) * (millisecondsPerDay / 1000) - 1;
+    return civilFromMilliseconds(std::min(seconds, lastSecond) * 1000);
 }
 
 }  // namespace quelm

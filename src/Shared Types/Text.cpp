@@ -44,12 +44,28 @@ char32_t toUpperCodePoint(char32_t codePoint) {
     return codePoint;
 }
 
+// A byte that is no part of sound UTF-8 stands for itself above all code points, so that texts that differ only in
+// such bytes stay apart.
+constexpr char32_t strayByte = 0x110000;
+
+char32_t nextCharacter(std::string_view text, std::size_t& position) {
+    const auto first = static_cast<unsigned char>(text[position]);
+    const std::size_t start = position;
+    const char32_t codePoint = nextCodePoint(text, position);
+    return first >= 0x80 && position == start + 1 ? strayByte + first : codePoint;
+}
+
 template <class Map>
 std::string mapCodePoints(std::string_view text, Map map) {
     std::string out;
     out.reserve(text.size());
     for (std::size_t position = 0; position < text.size();) {
-        appendUtf8(out, map(nextCodePoint(text, position)));
+        const char32_t character = nextCharacter(text, position);
+        if (character >= strayByte) {
+            out += static_cast<char>(static_cast<unsigned char>(character - strayByte));
+        } else {
+            appendUtf8(out, map(character));
+        }
     }
     return out;
 }
@@ -130,7 +146,7 @@ bool equalsIgnoringCase(std::string_view left, std::string_view right) {
     std::size_t leftAt = 0;
     std::size_t rightAt = 0;
     while (leftAt < left.size() && rightAt < right.size()) {
-        if (foldCase(nextCodePoint(left, leftAt)) != foldCase(nextCodePoint(right, rightAt))) {
+        if (foldCase(nextCharacter(left, leftAt)) != foldCase(nextCharacter(right, rightAt))) {
             return false;
         }
     }

@@ -10,7 +10,7 @@
 
 namespace quelm {
 
-// Simple Unicode case folding, code point by code point.
+// Simple Unicode case folding, code point by code point; bytes that are no UTF-8 stay as they are.
 std::string foldCase(std::string_view text);
 char32_t foldCase(char32_t codePoint);
 std::string toUpperCase(std::string_view text);

@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include <cmath>
 #include <utility>
 
 #include "OPC/OPC DA Server/IOChannelIDFunctions.h"
@@ -104,8 +105,8 @@ void SiteDataManager::Shutdown() {
 bool SiteDataManager::CreateTag(ISLIKTags& objSLIKTags, const OPCDef& objOPCDef) {
     std::string strTagname;
     try {
-        const Date dtmNow = CurrentTime();
         strTagname = objOPCDef.Tagname();
+        const Date dtmNow = CurrentTime();
         TagConfig objNewTag;
         if (!ResolveTag(objOPCDef, strTagname, objNewTag)) {
             return false;
@@ -318,6 +319,9 @@ std::int16_t SiteDataManager::ChannelQuality(const TagConfig& objTag) {
     const Variant varCode = mobjIOSManager->GetChannelValue(objTag.IOChannelID_MC);
     if (!isNumeric(varCode)) {
         return qualityUncertain;
+    }
+    if (!(std::fabs(toDouble(varCode)) <= MaxMonitorCode() + 1)) {
+        return qualityBad;
     }
     const std::int32_t lngCode = toInt32(varCode);
     return IsRankedMonitorCode(lngCode) ? GetOPCQuality(lngCode, objTag.DownIsInvalid, objTag.UseSubStatus)

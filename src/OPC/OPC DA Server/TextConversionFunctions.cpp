@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <cmath>
 #include <cstdint>
 #include <iterator>
 #include <optional>
@@ -64,6 +65,16 @@ std::string decimalPrefix(std::string_view text) {
     return number;
 }
 
+// The parts that the date has itself: rounding to the second may carry its time into a day that it does not have.
+DatePattern patternOf(Date date) {
+    constexpr double secondsPerDay = 86'400;
+    const double day = std::trunc(date.days);
+    if (day == 0) {
+        return DatePattern::time;
+    }
+    return std::round(std::fabs(date.days - day) * secondsPerDay) == 0 ? DatePattern::date : DatePattern::dateAndTime;
+}
+
 }  // namespace
 
 std::string VariantToText(const Variant& varValue) {
@@ -75,6 +86,8 @@ std::string VariantToText(const Variant& varValue) {
             return NumberToText(varValue);
         case VariantKind::Boolean:
             return varValue.boolean() ? "1" : "0";
+        case VariantKind::Date:
+            return dateText(varValue.date(), patternOf(varValue.date()));
         default:
             return toText(varValue);
     }

@@ -77,6 +77,18 @@ TEST(CreateTag, ReportsWhatIsWrongWithADefinitionInFull) {
     }
 }
 
+TEST(CreateTag, NamesTheTagEvenWhenTheTimeCannotBeHad) {
+    struct BrokenTime : ManualTimeSource {
+        using ManualTimeSource::ManualTimeSource;
+        std::int64_t fileTimeNow() const override { throw RuntimeError(errors::invalidCall, "no clock"); }
+    };
+    Site site;
+    BrokenTime broken{makeDate(2026, 11, 16)};
+    const ScopedTimeSource inForce{broken};
+    EXPECT_FALSE(site.create({}));
+    EXPECT_THAT(site.messages.lines, ElementsAre("4 [OPC-0141] Could not initialize OPC tag 'T'; 5, no clock"));
+}
+
 TEST(CreateTag, StartsItemsReadOnlyWithCommunicationFailure) {
     struct Case {
         std::int32_t dataType;
@@ -240,6 +252,9 @@ TEST(UpdateTagValues, GivesAChannelItsValueAndItsMonitorCodeChannelsQuality) {
         {"unranked", Variant(12.5), code(5), coded, Variant(12.5F), 0x00},
         {"sub-status", Variant(12.5), code(14), sub, Variant(12.5F), 0x50},
         {"down", Variant(12.5), code(60), coded, Variant(12.5F), 0x80C0},
+        {"beyond 32 bits", Variant(12.5), Variant(3e9), coded, Variant(12.5F), 0x00},
+        {"beyond 32 bits as text", Variant(12.5), Variant("-4294967296"), coded, Variant(12.5F), 0x00},
+        {"halfway between good codes", Variant(12.5), Variant(84.5), coded, Variant(12.5F), 0xC0},
         {"Empty counts as 0", Variant(), code(0), coded, Variant(0.0F), 0xC0},
         {"no value", null, code(0), coded, Variant(0.0F), 0x00},
         {"default", null, null, {.nullValue = Variant(7.0)}, Variant(7.0F), 0xC0},

@@ -35,6 +35,11 @@ TEST(TextTest, FoldsEveryScript) {
     }
     EXPECT_FALSE(equalsIgnoringCase("a", "ab"));
     EXPECT_FALSE(equalsIgnoringCase("ä", "a"));
+    EXPECT_EQ(foldCase("\xFFÄ\xC3"), "\xFFä\xC3") << "a byte that is no UTF-8 stays as it is";
+    EXPECT_TRUE(equalsIgnoringCase("A\xFF", "a\xFF"));
+    for (const char* other : {"a\xFE", "a\uFFFD", "aÿ"}) {
+        EXPECT_FALSE(equalsIgnoringCase("a\xFF", other)) << other;
+    }
 }
 
 TEST(TextTest, FoldingIsStable) {

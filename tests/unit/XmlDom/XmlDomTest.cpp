@@ -1,6 +1,12 @@
 #include "XML DOM/XmlDom.h"
 
 #include <gtest/gtest.h>
+#include <libxml/xmlmemory.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <limits>
+#include <new>
 
 #include "Shared Types/RuntimeError.h"
 
@@ -77,7 +83,7 @@ TEST(XmlDomTest, RefusesWithoutAWord) {
         "<!DOCTYPE a [<!ENTITY l 'ha'><!ENTITY m '&l;&l;&l;&l;&l;&l;&l;&l;'><!ENTITY n '&m;&m;&m;&m;&m;&m;&m;&m;'>]>"
         "<a>&n;</a>";
     std::vector<std::string> texts{laughs, deep, std::string("<a/>\0<b/>", 9),
-                                   "<a>" + std::string(11'000'000, 'x') + "</a>"};
+                                   "<a>" + std::string(64 * 1024 * 1024, 'x') + "</a>"};
     for (const char* text :
          {"", " ", "a", "<a>", "<a></b>", "<a/><b/>", "<a x=1/>", "<a x='1' x='2'/>", "<a>&nbsp;</a>", "<a>&#0;</a>",
           "<a>\xFF\xFE</a>", "<a>\xC3</a>", "<a>1 < 2</a>", " <?xml version='1.0'?><a/>", "<!DOCTYPE a><a/>",
@@ -102,6 +108,66 @@ TEST(XmlDomTest, RefusesWithoutAWord) {
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
     EXPECT_EQ(accepted, "");
+}
+
+TEST(XmlDomTest, TakesLongTextsAndDeepNests) {
+    const std::string text(std::size_t{30} * 1024 * 1024, 'x');
+    EXPECT_TRUE(textOf("<a><b>" + text + "</b></a>", "b") == text);
+    EXPECT_TRUE(textOf("<a x='" + text + "'/>", "@x") == text);
+    const auto nest = [](int depth) {
+        std::string xml = "1";
+        for (int i = 0; i < depth; ++i) {
+            xml.insert(0, "<a>").append("</a>");
+        }
+        return rootOf(xml);
+    };
+    EXPECT_EQ(nest(256).text(), "1");
+    EXPECT_TRUE(nest(257).isNothing());
+}
+
+// Stand-ins for the library's allocation functions that fail from the so-manieth call on.
+long allocationsLeft = std::numeric_limits<long>::max();
+
+bool mayAllocate() {
+    return --allocationsLeft > 0;
+}
+void* scarceMalloc(std::size_t size) {
+    return mayAllocate() ? std::malloc(size) : nullptr;
+}
+void* scarceRealloc(void* memory, std::size_t size) {
+    return mayAllocate() ? std::realloc(memory, size) : nullptr;
+}
+char* scarceStrdup(const char* text) {
+    return mayAllocate() ? strdup(text) : nullptr;
+}
+
+TEST(XmlDomTest, NeverGivesAHalfDocumentWhenMemoryRunsOut) {
+    std::string xml = "<?xml version='1.0'?><list kind='" + std::string(300, 'k') + "'>";
+    for (int i = 0; i < 40; ++i) {
+        xml += "<row n" + std::to_string(i) + "='v'><b>text &lt; " + std::string(200, 'x') + "</b><![CDATA[y]]></row>";
+    }
+    xml += "</list>";
+    // The library's own XPath stumbles when memory is gone, so that the test does without it.
+    const auto contents = [&xml] {
+        const XmlNode root = rootOf(xml);
+        return root.isNothing() ? "(refused)" : root.text();
+    };
+    const std::string whole = contents();
+    ASSERT_EQ(xmlMemSetup(std::free, scarceMalloc, scarceRealloc, scarceStrdup), 0);
+    int raised = 0;
+    bool isReached = true;
+    for (long failing = 1; isReached; ++failing) {
+        allocationsLeft = failing;
+        try {
+            EXPECT_TRUE(contents() == whole) << failing;
+        } catch (const std::bad_alloc&) {
+            ++raised;
+        }
+        isReached = allocationsLeft <= 0;
+    }
+    EXPECT_GT(raised, 300) << "the library's allocations go through the stand-ins";
+    allocationsLeft = std::numeric_limits<long>::max();
+    EXPECT_EQ(xmlMemSetup(std::free, std::malloc, std::realloc, strdup), 0);
 }
 
 TEST(XmlDomTest, NothingHasNoContents) {
