@@ -9,6 +9,9 @@ as_root() {
     fi
 }
 
+# Another installation on this machine is waited for, in seconds.
+patiently=(-o DPkg::Lock::Timeout=300)
+
 # need_packages package...: installs those that are not there yet.
 need_packages() {
     local missing=()
@@ -20,8 +23,8 @@ need_packages() {
     done
     if [ ${#missing[@]} -gt 0 ]; then
         echo "Installing: ${missing[*]}"
-        as_root apt-get update -qq
-        as_root env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+        as_root apt-get "${patiently[@]}" update -qq
+        as_root env DEBIAN_FRONTEND=noninteractive apt-get "${patiently[@]}" install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
     fi
 }
 

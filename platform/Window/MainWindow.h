@@ -40,6 +40,8 @@ class MainWindow final : public IMainWindow {
     void ShowInformationBox(std::string_view strTitle, std::string_view strText) override;
     void Close() override;
 
+    // Whether the operator sees it, and can close it.
+    bool onDisplay() const { return shown_ && displayUsable_; }
     // Whether a box waits for the operator.
     bool boxOpen() const { return boxOpen_; }
 

@@ -160,6 +160,9 @@ class Site:
     def terminate(self):
         self.process.send_signal(signal.SIGTERM)
 
+    def interrupt(self):
+        self.process.send_signal(signal.SIGINT)
+
     def remove(self):
         if self.process and not self.exited():
             self.process.kill()

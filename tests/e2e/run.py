@@ -48,6 +48,8 @@ def main():
     harness.SERVER = os.path.abspath(options.server)
     os.environ.pop('DISPLAY', None)  # windows are for the displays that tests make themselves
     cases = collect(options.names)
+    if not cases:
+        parser.error(f"no test has {' or '.join(map(repr, options.names))} in its name")
     cases.sort(key=lambda case: 'test_databases' not in case.id())  # they wait longest
     failures = 0
     # The tests mostly wait for the server's 20-second intervals, so many fit side by side.

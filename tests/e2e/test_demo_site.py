@@ -169,7 +169,7 @@ class Lifetime(SiteTest):
         brief('close')
         self.site.wait_log('[OPC-0114]')
         again = self.client(NodeClient, ['North.Stack1.NOx'])  # within the five seconds of the shutdown timer
-        self.site.terminate()
+        self.site.interrupt()
         self.site.wait_log('[OPC-0110]')
         self.assertEqual(again('status')['serverState'], 1)
         again.kill()
@@ -197,7 +197,7 @@ class Refusals(SiteTest):
         self.assertNotIn('stack-7', self.site.errors())
 
         self.site.terminate()
-        self.site.wait_error('a second signal within ten seconds ends it')
+        self.site.wait_error('they have 8 seconds to leave')
         self.site.terminate()
         self.assertEqual(self.site.exit_code(5), 1)
 

@@ -32,6 +32,10 @@ class Activation(SiteTest):
             self.addCleanup(os.close, descriptor)
         self.site.write('stderr.txt', '')
         status = os.stat(self.site.path('stderr.txt'))
+        self.news = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+        self.addCleanup(self.news.close)
+        self.news.bind(self.site.path('notify'))
+        self.news.settimeout(30)
         self.environment = {'JOURNAL_STREAM': f'{status.st_dev}:{status.st_ino}'}
 
     def hand_over(self, descriptors, names='activation:object', **environment):
@@ -40,10 +44,7 @@ class Activation(SiteTest):
             'LISTEN_FDNAMES': names, **self.environment, **environment})
 
     def test_a_client_starts_it_again_and_again_and_it_tells_of_itself(self):
-        news = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
-        self.addCleanup(news.close)
-        news.bind(self.site.path('notify'))
-        news.settimeout(30)
+        news = self.news
         for _ in range(2):
             # The client is there before the server.
             connected = socket.create_connection((self.site.address, 135))
@@ -60,6 +61,30 @@ class Activation(SiteTest):
             self.assertEqual(news.recv(4096), b'STOPPING=1')
             for one in self.sockets:  # neither closed nor shut down for the next start
                 self.assertEqual(one.getsockopt(socket.SOL_SOCKET, socket.SO_ACCEPTCONN), 1)
+
+    def test_a_stop_ends_in_order_and_a_broken_configuration_is_a_failure(self):
+        notify = {'NOTIFY_SOCKET': self.site.path('notify'), 'QUELM_STOP_WAIT': '1'}
+        self.site.edit('dcom.conf', (f'Address = {self.site.address}', 'Address = 10.1.2.3'))
+        self.hand_over(self.descriptors, **notify).started()
+        self.assertIn(f'not those of the settings: clients are served on {self.site.address}: activation on port 135, '
+                      'objects on port 49200, and the settings ask for 10.1.2.3: ', self.site.errors())
+        client = self.assert_serves()
+        self.site.terminate()
+        self.site.wait_log('[OPC-0110]')
+        self.assertEqual(client('status')['state'], 1)
+        self.assertEqual(self.site.exit_code(5), 0)
+        self.assertEqual([line.split('] ')[0][-4:] for line in self.site.log()[-7:]],
+                         ['0109', '0110', '0113', '0114', '0109', '0111', '0134'])
+
+        self.site.edit('Quelm.ini', (';Database=', ';Base='))
+        self.hand_over(self.descriptors, **notify)
+        self.assertEqual(self.site.exit_code(10), 1)
+        self.news.setblocking(False)
+        told = b''
+        with self.assertRaises(BlockingIOError):
+            while True:
+                told = self.news.recv(4096)
+        self.assertTrue(told.startswith(b'STATUS=Cannot serve anybody'), told)
 
     def test_wrong_sockets_are_refused_with_the_reason(self):
         with socket.socket() as plain:

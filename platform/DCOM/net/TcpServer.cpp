@@ -139,7 +139,7 @@ struct TcpServer::Impl {
             settings.onTrouble(line);
         }
     }
-    std::uint16_t addListener(int descriptor, rpc::CallHandler& handler);
+    Listening addListener(int descriptor, rpc::CallHandler& handler);
     void admit(int descriptor, rpc::CallHandler& handler, const Endpoint& remote);
     bool makeRoom();
     void forget(std::uint64_t id);
@@ -409,12 +409,12 @@ class TcpServer::Impl::Listener : public std::enable_shared_from_this<Listener> 
     bool troubled_ = false;
 };
 
-std::uint16_t TcpServer::Impl::addListener(int descriptor, rpc::CallHandler& handler) {
+TcpServer::Listening TcpServer::Impl::addListener(int descriptor, rpc::CallHandler& handler) {
     Endpoint own;
     ::getsockname(descriptor, own.raw(), &own.size);
     listeners.push_back(std::make_shared<Listener>(*this, descriptor, handler));
     listeners.back()->wait();
-    return own.port();
+    return {own.host(), own.port()};
 }
 
 void TcpServer::Impl::admit(int descriptor, rpc::CallHandler& handler, const Endpoint& remote) {
@@ -491,10 +491,10 @@ std::uint16_t TcpServer::listen(const std::string& address, std::uint16_t port, 
         ::close(descriptor);
         failListen(where, port, error);
     }
-    return impl_->addListener(descriptor, handler);
+    return impl_->addListener(descriptor, handler).port;
 }
 
-std::uint16_t TcpServer::adopt(int descriptor, rpc::CallHandler& handler) {
+TcpServer::Listening TcpServer::adopt(int descriptor, rpc::CallHandler& handler) {
     int listening = 0;
     socklen_t size = sizeof listening;
     Endpoint own;

@@ -33,6 +33,11 @@ struct TcpSettings {
 
 class TcpServer {
  public:
+    struct Listening {
+        std::string address;  // numeric
+        std::uint16_t port;
+    };
+
     // Sockets live on the loop, time-outs on timers (the same loop, but in tests). Loops and protocol settings must
     // outlive the server.
     TcpServer(AsioLoop& loop, IMessageLoop& timers, const rpc::ServerSettings& protocol, TcpSettings settings);
@@ -43,8 +48,9 @@ class TcpServer {
     // Listens on a numeric address ("127.0.0.1", "::", ...); port 0 takes any that is free. Gives the port. The
     // handler, which must outlive the server, serves the connections of this listener. Throws ListenError.
     std::uint16_t listen(const std::string& address, std::uint16_t port, rpc::CallHandler& handler);
-    // The same for a TCP socket that is listening already; takes over the descriptor. Throws ListenError.
-    std::uint16_t adopt(int descriptor, rpc::CallHandler& handler);
+    // The same for a TCP socket that is listening already; takes over the descriptor. Gives where it listens, which
+    // its maker chose. Throws ListenError.
+    Listening adopt(int descriptor, rpc::CallHandler& handler);
 
     // Stops listening and closes all connections, telling the handlers of an orderly end.
     void close();

@@ -3,10 +3,12 @@
 #include <fmt/format.h>
 #include <fmt/ranges.h>
 
+#include <algorithm>
 #include <chrono>
 #include <optional>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "DCOM/DcomSettings.h"
 #include "DCOM/net/TcpServer.h"
@@ -72,31 +74,45 @@ struct OpcNetwork::Impl {
         timer->start(exporterTick);
     }
 
-    // Clients find the object port by one number, so that all sockets for it must have the same one. Whatever port
-    // the settings say is not what clients reach.
+    // Clients reach the sockets that were handed over, whatever the settings say.
     void adopt(const systemd::PassedSockets& passed, const Lines& lines) {
-        const dcom::DcomSettings asked = settings;
-        for (const int descriptor : passed.activation) {
-            settings.activationPort = server.adopt(descriptor, activationHandler);
-        }
-        std::optional<std::uint16_t> port;
-        for (const int descriptor : passed.object) {
-            settings.objectPort = server.adopt(descriptor, objectHandler);
-            if (port.value_or(settings.objectPort) != settings.objectPort) {
-                throw dcom::net::ListenError(
-                    fmt::format("The sockets handed over for objects listen on ports {} and {}; give them one", *port,
-                                settings.objectPort));
-            }
-            port = settings.objectPort;
-        }
-        if (asked.activationPort != settings.activationPort || asked.objectPort != settings.objectPort) {
+        const std::string asked = listening();
+        settings.addresses.clear();
+        adopt(passed.activation, activationHandler, settings.activationPort);
+        adopt(passed.object, objectHandler, settings.objectPort);
+        if (const std::string real = listening(); asked != real) {
             lines.trouble(
-                fmt::format("The sockets handed over listen on ports {} and {} and the settings say {} and "
-                            "{}; write the socket units afresh with \"Q5OPCServer regserver\"",
-                            settings.activationPort, settings.objectPort, asked.activationPort, asked.objectPort));
+                fmt::format("The sockets handed over are not those of the settings: clients are served on {}, and the "
+                            "settings ask for {}; to have what the settings say, run \"Q5OPCServer regserver\" as root",
+                            real, asked));
         }
         exporter.listenOn(settings.objectPort);
         timer->start(exporterTick);
+    }
+
+    // Clients find the object port by one number, so that all sockets of a kind must have the same one.
+    void adopt(const std::vector<int>& descriptors, dcom::rpc::CallHandler& handler, std::uint16_t& port) {
+        std::optional<std::uint16_t> first;
+        for (const int descriptor : descriptors) {
+            const auto socket = server.adopt(descriptor, handler);
+            if (first.value_or(socket.port) != socket.port) {
+                throw dcom::net::ListenError(
+                    fmt::format("Sockets handed over for one purpose listen on ports {} and {}; give them one", *first,
+                                socket.port));
+            }
+            first = port = socket.port;
+            if (std::find(settings.addresses.begin(), settings.addresses.end(), socket.address) ==
+                settings.addresses.end()) {
+                settings.addresses.push_back(socket.address);
+            }
+        }
+    }
+
+    std::string listening() const {
+        std::vector<std::string> addresses = settings.addresses;
+        std::sort(addresses.begin(), addresses.end());
+        return fmt::format("{}: activation on port {}, objects on port {}", fmt::join(addresses, ", "),
+                           settings.activationPort, settings.objectPort);
     }
 
     void tick() {
@@ -141,10 +157,7 @@ void OpcNetwork::open() {
         impl_.reset();
         throw RuntimeError(errors::invalidCall, error.what());
     }
-    const std::string where = fmt::format("OPC clients are served on {}: activation on port {}, objects on port {}",
-                                          fmt::join(impl_->settings.addresses, ", "), impl_->settings.activationPort,
-                                          impl_->settings.objectPort);
-    lines_.notice(where);
+    lines_.notice("OPC clients are served on " + impl_->listening());
 }
 
 void OpcNetwork::close() {

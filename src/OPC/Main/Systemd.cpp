@@ -126,6 +126,10 @@ void tell(std::string_view news) {
     ::close(descriptor);
 }
 
+bool supervised() {
+    return !environment("NOTIFY_SOCKET").empty();
+}
+
 std::string linePrefix(Priority priority) {
     static const bool journal = [] {
         struct stat status {};

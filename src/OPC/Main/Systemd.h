@@ -29,6 +29,9 @@ PassedSockets takeSockets();
 // Tells the service manager ("READY=1", "STATUS=..."; several with a line break between them).
 void tell(std::string_view news);
 
+// Whether a service manager waits for such news. It closes the server in the operator's place.
+bool supervised();
+
 // syslog's numbers.
 enum class Priority : char { error = '3', notice = '5', information = '6' };
 

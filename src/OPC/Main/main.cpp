@@ -10,9 +10,11 @@
 #include <malloc.h>
 #include <unistd.h>
 
+#include <charconv>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <exception>
 #include <functional>
 #include <memory>
@@ -45,6 +47,10 @@
 namespace quelm {
 namespace {
 
+// How long clients get to leave when the process is told to end; the longest fits into what a service manager allows.
+constexpr const char* stopWaitVariable = "QUELM_STOP_WAIT";
+constexpr std::chrono::seconds usualStopWait{8};
+constexpr int longestStopWaitSeconds = 3600;
 constexpr std::uint64_t secondSignalMilliseconds = 10000;
 // Bytes from which on a table has memory of its own, which goes back to the system with it and leaves no hole.
 constexpr int ownMemorySize = 1 << 20;
@@ -59,6 +65,23 @@ void printLine(systemd::Priority priority, std::string_view line) {
 
 void printProblem(std::string_view line) {
     printLine(systemd::Priority::error, line);
+}
+
+// Out of the environment, for the unit that sets it also says how long a stop may take.
+std::chrono::seconds stopWait() {
+    const char* const value = std::getenv(stopWaitVariable);
+    const std::string_view text = value != nullptr ? value : "";
+    int seconds = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), seconds);
+    if (error == std::errc() && end == text.data() + text.size() && seconds >= 0 && seconds <= longestStopWaitSeconds) {
+        return std::chrono::seconds(seconds);
+    }
+    if (!text.empty()) {
+        printProblem(
+            fmt::format("{} = \"{:.40}\" is no number of seconds from 0 to {}; clients get {} seconds to leave",
+                        stopWaitVariable, text, longestStopWaitSeconds, usualStopWait.count()));
+    }
+    return usualStopWait;
 }
 
 void printNotice(std::string_view line) {
@@ -94,7 +117,7 @@ class Program {
                     .trouble = printProblem}),
           form_(parts(std::move(commandLine))) {
         control_.setHooks({
-            .openNetwork = [this] { network_.open(); },
+            .openNetwork = [this] { openNetwork(); },
             .registerServer = [] { registerServer(thisProgramsRegistration(printNotice, printProblem)); },
             .unregisterServer = [] { unregisterServer(thisProgramsRegistration(printNotice, printProblem)); },
             .requestDisconnect = {},
@@ -112,7 +135,7 @@ class Program {
     }
 
     int run() {
-        loop_.onSignal({SIGTERM, SIGINT}, [this](int) { closeOnSignal(); });
+        loop_.onSignal({SIGTERM, SIGINT}, [this](int signal) { closeOnSignal(signal); });
         switch (load()) {
             case StartUp::HelpShown:
                 if (window_.boxOpen()) {
@@ -124,7 +147,12 @@ class Program {
             case StartUp::INIFailed:
             case StartUp::SitesFailed:
                 exitCode_ = 1;
-                systemd::tell("READY=1\nSTATUS=Cannot serve anybody; the messages before this say why");
+                systemd::tell("STATUS=Cannot serve anybody; the messages before this say why");
+                // Nobody sees this window, and a service that idles unseen would pass for one that works.
+                if (systemd::supervised() && !window_.onDisplay()) {
+                    form_.Unload();
+                    return exitCode_;
+                }
                 break;
             case StartUp::WaitingForDatabase:
                 systemd::tell("READY=1\nSTATUS=Waiting for the database");
@@ -164,6 +192,19 @@ class Program {
         };
     }
 
+    // Once the database is there the start-up goes on, and whoever started the server no longer waits for its end.
+    void openNetwork() {
+        try {
+            network_.open();
+        } catch (...) {
+            if (systemd::supervised()) {
+                exitCode_ = 1;
+                loop_.post([this] { form_.Unload(); });
+            }
+            throw;
+        }
+    }
+
     // A start-up that fails for good leaves its reason in the log, if one is open, and on standard error.
     StartUp load() {
         try {
@@ -192,8 +233,9 @@ class Program {
         }
     }
 
-    // A signal asks to close the window; clients may refuse. Whoever signals twice within ten seconds means it.
-    void closeOnSignal() {
+    // A signal asks to close the window; clients may refuse. SIGTERM does not leave it at that: they get a while to go.
+    // Whoever signals twice within ten seconds wants the end at once.
+    void closeOnSignal(int signal) {
         const std::uint64_t now = timeSource().monotonicMilliseconds();
         if (lastSignal_ && now - *lastSignal_ <= secondSignalMilliseconds) {
             printProblem("Second signal: ending at once");
@@ -203,10 +245,23 @@ class Program {
             return;
         }
         lastSignal_ = now;
-        if (!form_.Unload()) {
+        if (form_.Unload()) {
+            return;
+        }
+        if (signal == SIGTERM) {
+            printNotice(fmt::format("Clients still use the server; they have {} seconds to leave, then it ends",
+                                    stopWait_.count()));
+            stopTimer_->start(stopWait_);
+        } else {
             printProblem(
                 "Clients still use the server, so it keeps running; a second signal within ten seconds ends it");
         }
+    }
+
+    // Without clients nothing keeps the window from being closed.
+    void endWithoutClients() {
+        network_.close();
+        form_.Unload();
     }
 
     AsioLoop loop_;
@@ -215,6 +270,8 @@ class Program {
     OpcNetwork network_;
     frmOPCQuelm form_;
     std::unique_ptr<ITimer> firstReadsDone_ = loop_.makeTimer(giveBackMemory);
+    const std::chrono::seconds stopWait_ = stopWait();
+    std::unique_ptr<ITimer> stopTimer_ = loop_.makeTimer([this] { endWithoutClients(); });
     std::optional<std::uint64_t> lastSignal_;
     int exitCode_ = 0;
 };
