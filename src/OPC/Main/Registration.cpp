@@ -140,9 +140,9 @@ std::string writableText(const std::set<std::string>& folders) {
 }
 
 std::string serviceText(const Registration& registration, const std::set<std::string>& folders) {
-    // Why some lines are as they are: systemd's first SIGTERM would be the last word to clients that are connected, so
-    // they are asked to leave first and get eight seconds. The limit on starts is off, for a server that cannot start
-    // now shall serve again as soon as it can. The sockets come from systemd, so that no right over ports is needed.
+    // Why some lines are as they are: on SIGTERM clients get eight seconds to leave, and the end in order some more.
+    // The limit on starts is off, for a server that cannot start now shall serve again as soon as it can. The sockets
+    // come from systemd, so that no right over ports is needed.
     return fmt::format(
         "# Written by \"Q5OPCServer regserver\" after Quelm.ini and dcom.conf; run that again when folders, "
         "databases,\n"
@@ -157,9 +157,7 @@ std::string serviceText(const Registration& registration, const std::set<std::st
         "[Service]\n"
         "Type=notify\n"
         "ExecStart={4}\n"
-        "ExecStop=/bin/kill -s TERM $MAINPID\n"
-        "ExecStop=-/usr/bin/timeout 8 /usr/bin/tail --pid=$MAINPID -f /dev/null\n"
-        "TimeoutStopSec=15\n"
+        "TimeoutStopSec=20\n"
         "Sockets={2} {3}\n"
         "Restart=on-failure\n"
         "RestartSec=5\n"
