@@ -36,12 +36,12 @@ void parseAlone(Bytes message) {
     }
 }
 
-// Takes the last message, and protected messages after it whatever became of the log-on.
-std::string finish(ntlm::ServerContext& context, Bytes last, Bytes traffic) {
-    const std::string reason = context.authenticate(last);
-    require(context.authenticated() == reason.empty(), "either logged on or a reason why not");
+// Takes the last message, and protected messages after it whatever became of the log-on. Whether it succeeded.
+bool finish(ntlm::ServerContext& context, Bytes last, Bytes traffic) {
+    const bool loggedOn = context.authenticate(last) == dcom::RefusalReason::None;
+    require(context.authenticated() == loggedOn, "either logged on or a reason why not");
     requireOneLine(context.account());
-    require(!context.authenticate(last).empty(), "a log-on is not repeated");
+    require(context.authenticate(last) != dcom::RefusalReason::None, "a log-on is not repeated");
     ntlm::ServerContext::Signature signature{};
     context.sign(traffic, signature);
     const Bytes given = traffic.first(std::min<std::size_t>(16, traffic.size()));
@@ -51,7 +51,7 @@ std::string finish(ntlm::ServerContext& context, Bytes last, Bytes traffic) {
     if (context.canSeal()) {
         context.unseal(sealed, std::span(sealed).subspan(sealed.size() / 2), given);
     }
-    return reason;
+    return loggedOn;
 }
 
 void logOnWithBytes(ntlm::ServerContext& context, bool anonymous, Input& input) {
@@ -60,8 +60,7 @@ void logOnWithBytes(ntlm::ServerContext& context, bool anonymous, Input& input) 
     parseAlone(first.bytes());
     parseAlone(last.bytes());
     const bool begun = context.challenge(first.bytes()).has_value();
-    const std::string reason = finish(context, last.bytes(), input.rest());
-    if (reason.empty()) {
+    if (finish(context, last.bytes(), input.rest())) {
         require(begun && anonymous && context.account().empty(), "nobody logs on without the password");
     }
 }
@@ -86,7 +85,7 @@ void logOnAltered(ntlm::ServerContext& context, bool anonymous, std::uint8_t mod
         last.resize(cut == 0 ? last.size() : cut);
     }
     ExactCopy exact(last);
-    const bool loggedOn = finish(context, exact.bytes(), input.rest()).empty();
+    const bool loggedOn = finish(context, exact.bytes(), input.rest());
     const bool rightPassword = (mode & 48) == 48;
     if (!anonymous) {
         require(!loggedOn || rightPassword, "nobody logs on without the password");

@@ -7,21 +7,16 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <stdexcept>
 #include <string>
 #include <string_view>
 
+#include "DCOM/net/Sockets.h"
 #include "DCOM/rpc/CallHandler.h"
 #include "DCOM/rpc/ServerConnection.h"
 #include "Message Loop/AsioLoop.h"
 #include "Message Loop/MessageLoop.h"
 
 namespace quelm::dcom::net {
-
-// Names address and port, the reason and what to do about it.
-class ListenError : public std::runtime_error {
-    using runtime_error::runtime_error;
-};
 
 struct TcpSettings {
     std::size_t maxConnections = 512;

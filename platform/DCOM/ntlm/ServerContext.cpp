@@ -14,20 +14,6 @@ namespace quelm::dcom::ntlm {
 
 namespace {
 
-namespace refusal {
-constexpr const char* malformed = "malformed message";
-constexpr const char* outOfTurn = "message out of turn";
-constexpr const char* unknownAccount = "unknown account";
-constexpr const char* wrongDomain = "wrong domain";
-constexpr const char* wrongPassword = "wrong password";
-constexpr const char* altered = "message altered on its way";
-constexpr const char* ntlmV1 = "NTLMv1 is not allowed";
-constexpr const char* plainNtlmV1 = "plain NTLMv1 is never allowed";
-constexpr const char* lmOnly = "LM and LMv2 are never allowed";
-constexpr const char* anonymous = "anonymous access is not allowed";
-constexpr const char* none = "";
-}  // namespace refusal
-
 constexpr std::size_t v1ResponseSize = 24;
 
 // What the server offers to every client: extended session security even to one that did not ask for it, since
@@ -63,12 +49,12 @@ struct ServerContext::Impl {
     Impl(const AccountStore& accounts, const ServerSettings& serverSettings, std::optional<Nonce> fixed)
         : store(accounts), settings(serverSettings), fixedChallenge(fixed) {}
 
-    std::string_view logOn(Bytes token);
-    std::string_view logOnAnonymous(const AuthenticateMessage& message);
-    std::string_view logOnV1(const AuthenticateMessage& message, const NtHash& hash);
-    std::string_view logOnV2(const AuthenticateMessage& message, const NtHash& hash, Bytes token);
-    std::string_view notAcceptedKind(const AuthenticateMessage& message) const;
-    std::string_view missingAccount(std::string_view user) const;
+    RefusalReason logOn(Bytes token);
+    RefusalReason logOnAnonymous(const AuthenticateMessage& message);
+    RefusalReason logOnV1(const AuthenticateMessage& message, const NtHash& hash);
+    RefusalReason logOnV2(const AuthenticateMessage& message, const NtHash& hash, Bytes token);
+    RefusalReason notAcceptedKind(const AuthenticateMessage& message) const;
+    RefusalReason missingAccount(std::string_view user) const;
     bool exchangeKeys(const AuthenticateMessage& message, const Key& keyExchangeKey, Key& exported) const;
     bool micFits(Bytes token, const Key& exported) const;
     bool protects() const;
@@ -122,19 +108,19 @@ std::optional<std::vector<std::uint8_t>> ServerContext::challenge(std::span<cons
     return self.challengeMessage;
 }
 
-std::string ServerContext::authenticate(std::span<const std::uint8_t> authenticateMessage) {
+RefusalReason ServerContext::authenticate(std::span<const std::uint8_t> authenticateMessage) {
     if (impl_->stage != Impl::Stage::challenged) {
-        return refusal::outOfTurn;
+        return RefusalReason::LogOnOutOfTurn;
     }
     // One answer per challenge: a second guess needs a new one.
     impl_->stage = Impl::Stage::refused;
-    return std::string(impl_->logOn(authenticateMessage));
+    return impl_->logOn(authenticateMessage);
 }
 
-std::string_view ServerContext::Impl::logOn(Bytes token) {
+RefusalReason ServerContext::Impl::logOn(Bytes token) {
     const auto message = parseAuthenticate(token);
     if (!message || (message->flags & flags::unicode) == 0) {
-        return refusal::malformed;
+        return RefusalReason::MalformedLogOn;
     }
     agreed &= message->flags;
     const std::string domain = utf16ToUtf8(message->domain);
@@ -143,65 +129,65 @@ std::string_view ServerContext::Impl::logOn(Bytes token) {
         return logOnAnonymous(*message);
     }
     account = printable(domain.empty() ? user : domain + '\\' + user);
-    if (const std::string_view reason = notAcceptedKind(*message); !reason.empty()) {
+    if (const RefusalReason reason = notAcceptedKind(*message); reason != RefusalReason::None) {
         return reason;
     }
     std::optional<NtHash> hash = store.find(domain, user);
     if (!hash) {
         return missingAccount(user);
     }
-    const std::string_view reason =
+    const RefusalReason reason =
         message->ntResponse.size() == v1ResponseSize ? logOnV1(*message, *hash) : logOnV2(*message, *hash, token);
     wipe(*hash);
     return reason;
 }
 
-std::string_view ServerContext::Impl::notAcceptedKind(const AuthenticateMessage& message) const {
+RefusalReason ServerContext::Impl::notAcceptedKind(const AuthenticateMessage& message) const {
     if (message.ntResponse.empty()) {
-        return refusal::lmOnly;
+        return RefusalReason::LmOnly;
     }
     if (message.ntResponse.size() != v1ResponseSize) {
-        return refusal::none;
+        return RefusalReason::None;
     }
     if (!hasEssNonce(message, agreed)) {
-        return refusal::plainNtlmV1;
+        return RefusalReason::PlainNtlmV1;
     }
-    return settings.allowNtlmV1Ess ? refusal::none : refusal::ntlmV1;
+    return settings.allowNtlmV1Ess ? RefusalReason::None : RefusalReason::NtlmV1;
 }
 
-std::string_view ServerContext::Impl::missingAccount(std::string_view user) const {
-    return store.knowsUser(user) ? refusal::wrongDomain : refusal::unknownAccount;
+RefusalReason ServerContext::Impl::missingAccount(std::string_view user) const {
+    return store.knowsUser(user) ? RefusalReason::WrongDomain : RefusalReason::UnknownAccount;
 }
 
-std::string_view ServerContext::Impl::logOnAnonymous(const AuthenticateMessage& message) {
+RefusalReason ServerContext::Impl::logOnAnonymous(const AuthenticateMessage& message) {
     if (!settings.allowAnonymous) {
-        return refusal::anonymous;
+        return RefusalReason::Anonymous;
     }
     Key exported;
     if (!exchangeKeys(message, Key{}, exported)) {
-        return refusal::malformed;
+        return RefusalReason::MalformedLogOn;
     }
     enter(exported);
-    return refusal::none;
+    return RefusalReason::None;
 }
 
-std::string_view ServerContext::Impl::logOnV1(const AuthenticateMessage& message, const NtHash& hash) {
+RefusalReason ServerContext::Impl::logOnV1(const AuthenticateMessage& message, const NtHash& hash) {
     const Bytes clientNonce = message.lmResponse.first(8);
     if (!sameSecret(responseV1Ess(hash, serverChallenge, clientNonce), message.ntResponse)) {
-        return refusal::wrongPassword;
+        return RefusalReason::WrongPassword;
     }
     Key exported;
     if (!exchangeKeys(message, keyExchangeKeyV1Ess(hash, serverChallenge, clientNonce), exported)) {
-        return refusal::malformed;
+        return RefusalReason::MalformedLogOn;
     }
     enter(exported);
-    return refusal::none;
+    return RefusalReason::None;
 }
 
-std::string_view ServerContext::Impl::logOnV2(const AuthenticateMessage& message, const NtHash& hash, Bytes token) {
+RefusalReason ServerContext::Impl::logOnV2(const AuthenticateMessage& message, const NtHash& hash, Bytes token) {
     const auto avFlags = clientAvFlags(message.ntResponse);
     if (!avFlags) {
-        return refusal::malformed;
+        return RefusalReason::MalformedLogOn;
     }
     const Bytes proof = message.ntResponse.first(16);
     Key responseKey = responseKeyV2(hash, message.user, message.domain);
@@ -212,16 +198,16 @@ std::string_view ServerContext::Impl::logOnV2(const AuthenticateMessage& message
     wipe(responseKey);
     wipe(baseKey);
     if (!fits) {
-        return refusal::wrongPassword;
+        return RefusalReason::WrongPassword;
     }
     if (!complete) {
-        return refusal::malformed;
+        return RefusalReason::MalformedLogOn;
     }
     if ((*avFlags & avFlagMicPresent) != 0 && !micFits(token, exported)) {
-        return refusal::altered;
+        return RefusalReason::AlteredLogOn;
     }
     enter(exported);
-    return refusal::none;
+    return RefusalReason::None;
 }
 
 bool ServerContext::Impl::protects() const {

@@ -12,6 +12,9 @@
 #include <string_view>
 #include <vector>
 
+#include "DCOM/RefusalReason.h"
+#include "DCOM/ntlm/MessageProtection.h"
+
 namespace quelm::dcom::ntlm {
 
 using NtHash = std::array<std::uint8_t, 16>;
@@ -36,12 +39,12 @@ struct ServerSettings {
     bool allowAnonymous = false;  // accept a type 3 message without user, as the empty account
 };
 
-class ServerContext {
+class ServerContext final : public MessageProtection {
  public:
     // store and settings must outlive the context. challenge: 8 random bytes, given by tests only.
     ServerContext(const AccountStore& store, const ServerSettings& settings,
                   std::optional<std::array<std::uint8_t, 8>> challenge = std::nullopt);
-    ~ServerContext();
+    ~ServerContext() override;
     ServerContext(ServerContext&&) noexcept;
     ServerContext& operator=(ServerContext&&) noexcept;
 
@@ -52,11 +55,8 @@ class ServerContext {
     // whatever went before. The answer's time stamp comes from the time source in force.
     std::optional<std::vector<std::uint8_t>> challenge(std::span<const std::uint8_t> negotiate);
 
-    // Takes the client's type 3 message, once after each challenge. Empty: logged on. Otherwise the reason why not, as
-    // plain words for the operator, without secrets: "malformed message", "unknown account", "wrong domain",
-    // "wrong password", "NTLMv1 is not allowed", "plain NTLMv1 is never allowed", "LM and LMv2 are never allowed",
-    // "anonymous access is not allowed", "message altered on its way", "message out of turn".
-    std::string authenticate(std::span<const std::uint8_t> authenticateMessage);
+    // Takes the client's type 3 message, once after each challenge. None: logged on. Otherwise why not.
+    RefusalReason authenticate(std::span<const std::uint8_t> authenticateMessage);
 
     bool authenticated() const;
     // "DOMAIN\\user" as the client gave it (also after a refusal, for the refusal's line), "user" when it gave no
@@ -66,21 +66,15 @@ class ServerContext {
     bool canSign() const;
     bool canSeal() const;
 
-    static constexpr std::size_t signatureSize = 16;
-    using Signature = std::array<std::uint8_t, signatureSize>;
-
-    // Outgoing: signature over message; without canSign() the dummy signature, which protects nothing. The context
-    // counts the messages.
-    void sign(std::span<const std::uint8_t> message, Signature& signature);
-    // Outgoing: encrypts sealed (a part of message, in place) after signing message in the clear. Without canSeal()
-    // sealed is filled with zeros: a caller's mistake must not send plant data in the clear.
-    void seal(std::span<std::uint8_t> message, std::span<std::uint8_t> sealed, Signature& signature);
-    // Incoming: true when signature is right for message; the message counter moves on either way. Without canSign()
-    // never true. After a false nothing that follows can be right: the connection is to be closed.
-    bool verify(std::span<const std::uint8_t> message, std::span<const std::uint8_t> signature);
-    // Incoming: decrypts sealed (a part of message, in place) and then verifies as above. Needs canSeal().
+    // Without canSign() the dummy signature, which protects nothing.
+    void sign(std::span<const std::uint8_t> message, Signature& signature) override;
+    // Without canSeal() sealed is filled with zeros: a caller's mistake must not send plant data in the clear.
+    void seal(std::span<std::uint8_t> message, std::span<std::uint8_t> sealed, Signature& signature) override;
+    // Without canSign() never true.
+    bool verify(std::span<const std::uint8_t> message, std::span<const std::uint8_t> signature) override;
+    // Without canSeal() never true.
     bool unseal(std::span<std::uint8_t> message, std::span<std::uint8_t> sealed,
-                std::span<const std::uint8_t> signature);
+                std::span<const std::uint8_t> signature) override;
     // The exchange of signatures that ends a negotiation, before the first message: the client's over text is checked
     // and answered with one of our own. False, and no signature, when the client's is wrong. Needs canSign().
     bool exchangeSignatures(std::span<const std::uint8_t> text, std::span<const std::uint8_t> clientSignature,

@@ -8,11 +8,9 @@
 
 #include "DCOM/Uuid.h"
 #include "DCOM/ndr/Writer.h"
+#include "DCOM/rpc/AuthLevel.h"
 
 namespace quelm::dcom::rpc {
-
-// Authentication levels of the RPC protocol.
-enum class AuthLevel : std::uint8_t { None = 1, Connect = 2, Call = 3, Packet = 4, Integrity = 5, Privacy = 6 };
 
 // One client connection, for as long as it lasts. Layers above may key their books by id.
 struct Peer {

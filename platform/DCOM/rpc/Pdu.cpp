@@ -54,23 +54,23 @@ void writeSyntax(ndr::Writer& out, const Syntax& syntax) {
 
 }  // namespace
 
-std::string_view parseHeader(std::span<const std::uint8_t> raw, Header& header) {
+RefusalReason parseHeader(std::span<const std::uint8_t> raw, Header& header) {
     header.type = static_cast<PduType>(raw[2]);
     header.flags = raw[3];
     header.fragmentLength = get<std::uint16_t>(raw, 8);
     header.authLength = get<std::uint16_t>(raw, 10);
     header.callId = get<std::uint32_t>(raw, 12);
     if (raw[0] != protocolVersion || raw[1] > newestMinorVersion) {
-        return "what it sent is not RPC version 5";
+        return RefusalReason::NotRpc;
     }
     // Only the first byte tells how numbers and characters are coded; the rest is the floating-point form (IEEE).
     if (raw[4] != 0x10 || raw[5] != 0) {
-        return "its data representation is not little endian, ASCII and IEEE";
+        return RefusalReason::NotLittleEndian;
     }
     if (header.fragmentLength < headerSize || header.fragmentLength > ownMaxFragment) {
-        return "a message's length is out of range";
+        return RefusalReason::LengthOutOfRange;
     }
-    return {};
+    return RefusalReason::None;
 }
 
 bool parseTrailer(std::span<const std::uint8_t> pdu, const Header& header, std::size_t bodyOffset,
@@ -178,12 +178,16 @@ void appendFault(std::vector<std::uint8_t>& out, std::uint32_t callId, std::uint
     put(at + 24, status);
 }
 
-void putResponseHeader(std::uint8_t* at, std::uint8_t flags, std::size_t fragmentLength, std::size_t authLength,
-                       std::uint32_t callId, std::size_t allocHint, std::uint16_t contextId) {
-    putHeader(at, PduType::Response, flags, fragmentLength, authLength, callId);
+void putCallHeader(std::uint8_t* at, const CallHeader& header, std::uint8_t flags, std::size_t fragmentLength,
+                   std::size_t authLength, std::size_t allocHint) {
+    const std::uint8_t objectFlag = header.object ? flagObject : 0;
+    putHeader(at, header.type, flags | objectFlag, fragmentLength, authLength, header.callId);
     put(at + 16, static_cast<std::uint32_t>(allocHint));
-    put(at + 20, contextId);
-    put(at + 22, std::uint16_t{0});  // cancel count and a reserved byte
+    put(at + 20, header.contextId);
+    put(at + 22, header.opnum);  // of a response: cancel count and a reserved byte
+    if (header.object) {
+        std::memcpy(at + callHeaderSize, header.object->bytes.data(), header.object->bytes.size());
+    }
 }
 
 void putTrailer(std::uint8_t* at, std::uint8_t type, std::uint8_t level, std::size_t padLength,

@@ -10,6 +10,7 @@
 #include <string_view>
 #include <vector>
 
+#include "DCOM/RefusalReason.h"
 #include "DCOM/Uuid.h"
 
 namespace quelm::dcom::rpc {
@@ -50,9 +51,8 @@ struct Header {
     std::uint32_t callId = 0;
 };
 
-// Takes the first headerSize bytes. Empty: usable, and fragmentLength is from headerSize to ownMaxFragment.
-// Otherwise what is wrong with it, in words for the operator.
-std::string_view parseHeader(std::span<const std::uint8_t> raw, Header& header);
+// Takes the first headerSize bytes. None: usable, and fragmentLength is from headerSize to ownMaxFragment.
+RefusalReason parseHeader(std::span<const std::uint8_t> raw, Header& header);
 
 struct AuthTrailer {
     std::uint8_t type = 0;
@@ -139,9 +139,21 @@ void appendBindNak(std::vector<std::uint8_t>& out, std::uint32_t callId, std::ui
 void appendFault(std::vector<std::uint8_t>& out, std::uint32_t callId, std::uint16_t contextId, std::uint32_t status,
                  std::uint8_t flags);
 
-// Fills in the callHeaderSize bytes of a RESPONSE. allocHint: stub bytes of this and all later fragments.
-void putResponseHeader(std::uint8_t* at, std::uint8_t flags, std::size_t fragmentLength, std::size_t authLength,
-                       std::uint32_t callId, std::size_t allocHint, std::uint16_t contextId);
+// What the headers of all fragments of one REQUEST or RESPONSE have in common.
+struct CallHeader {
+    PduType type = PduType::Response;
+    std::uint32_t callId = 0;
+    std::uint16_t contextId = 0;
+    std::uint16_t opnum = 0;          // of a request only
+    std::optional<Uuid> object = {};  // of a request only
+
+    std::size_t size() const { return object ? callHeaderSize + sizeof object->bytes : callHeaderSize; }
+};
+
+// Fills in header.size() bytes. flags: in addition to that of an object. allocHint: stub bytes of this and all later
+// fragments.
+void putCallHeader(std::uint8_t* at, const CallHeader& header, std::uint8_t flags, std::size_t fragmentLength,
+                   std::size_t authLength, std::size_t allocHint);
 // Fills in trailerSize bytes.
 void putTrailer(std::uint8_t* at, std::uint8_t type, std::uint8_t level, std::size_t padLength,
                 std::uint32_t contextId);

@@ -7,19 +7,17 @@ namespace quelm::dcom::rpc::test {
 namespace {
 
 TEST(PduHeader, TellsWhatIsWrong) {
-    const char* version = "what it sent is not RPC version 5";
-    const char* representation = "its data representation is not little endian, ASCII and IEEE";
-    const char* length = "a message's length is out of range";
-    const std::pair<const char*, const char*> cases[] = {
-        {"05000B03 10000000 10000000 01000000", ""},
-        {"05010B03 10000000 D0160000 01000000", ""},
-        {"04000B03 10000000 10000000 01000000", version},
-        {"05020B03 10000000 10000000 01000000", version},
-        {"05000B03 00000000 00480000 00000001", representation},
-        {"05000B03 11000000 10000000 01000000", representation},
-        {"05000B03 10010000 10000000 01000000", representation},
-        {"05000B03 10000000 0F000000 01000000", length},
-        {"05000B03 10000000 D1160000 01000000", length},
+    using enum RefusalReason;
+    const std::pair<const char*, RefusalReason> cases[] = {
+        {"05000B03 10000000 10000000 01000000", None},
+        {"05010B03 10000000 D0160000 01000000", None},
+        {"04000B03 10000000 10000000 01000000", NotRpc},
+        {"05020B03 10000000 10000000 01000000", NotRpc},
+        {"05000B03 00000000 00480000 00000001", NotLittleEndian},
+        {"05000B03 11000000 10000000 01000000", NotLittleEndian},
+        {"05000B03 10010000 10000000 01000000", NotLittleEndian},
+        {"05000B03 10000000 0F000000 01000000", LengthOutOfRange},
+        {"05000B03 10000000 D1160000 01000000", LengthOutOfRange},
     };
     for (const auto& [wire, wrong] : cases) {
         Header header;
@@ -46,7 +44,7 @@ TEST(PduTrailer, MustFitBehindTheBody) {
         raw[raw.size() - 22] = static_cast<std::uint8_t>(entry.padLength);
         raw[10] = static_cast<std::uint8_t>(entry.authLength);
         Header header;
-        ASSERT_EQ(parseHeader(raw, header), "");
+        ASSERT_EQ(parseHeader(raw, header), RefusalReason::None);
         AuthTrailer trailer;
         EXPECT_EQ(parseTrailer(raw, header, headerSize, trailer), entry.good) << entry.name;
     }

@@ -83,7 +83,7 @@ inline std::vector<Reply> splitReplies(std::span<const std::uint8_t> output) {
     std::vector<Reply> replies;
     while (output.size() >= headerSize) {
         Reply reply;
-        if (!parseHeader(output, reply.header).empty() || reply.header.fragmentLength > output.size()) {
+        if (parseHeader(output, reply.header) != RefusalReason::None || reply.header.fragmentLength > output.size()) {
             break;
         }
         reply.raw.assign(output.begin(), output.begin() + reply.header.fragmentLength);

@@ -1,0 +1,44 @@
+#pragma once
+
+// What the TCP server needs of the system's sockets: addresses as text, listening, and the options of connections.
+
+#include <sys/socket.h>
+
+#include <cstdint>
+#include <stdexcept>
+#include <string>
+
+namespace quelm::dcom::net {
+
+// Names address and port, the reason and what to do about it.
+class ListenError : public std::runtime_error {
+    using runtime_error::runtime_error;
+};
+
+// A socket address, IPv4 or IPv6.
+struct Endpoint {
+    sockaddr_storage address{};
+    socklen_t size = sizeof(sockaddr_storage);
+
+    // Of this socket's own end.
+    static Endpoint ownOf(int descriptor);
+
+    sockaddr* raw() { return reinterpret_cast<sockaddr*>(&address); }
+    std::uint16_t port() const;
+    // Numeric; that of an IPv4 client on an IPv6 socket is its IPv4 address.
+    std::string host() const;
+    // "192.0.2.7:51234" or "[2001:db8::1]:51234".
+    std::string text() const;
+};
+
+// A socket that listens on a numeric address. Throws ListenError.
+int openListener(const std::string& address, std::uint16_t port);
+// Throws ListenError unless the descriptor is a TCP socket that is listening already.
+void checkListener(int descriptor);
+
+// Without delays, and with a watch on dead machines: they are noticed after two minutes.
+void setClientOptions(int descriptor);
+// Sends the acknowledgement of what came now rather than with the next data.
+void acknowledgeAtOnce(int descriptor);
+
+}  // namespace quelm::dcom::net
