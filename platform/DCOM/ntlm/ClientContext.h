@@ -23,7 +23,7 @@ struct ClientAccount {
     std::string workstation;  // NetBIOS name of this computer, for the other end's log; may be empty
 };
 
-class ClientContext {
+class ClientContext final : public MessageProtection {
  public:
     // account must outlive the context. seals: whether messages are to be encrypted as well as signed. nonces: the
     // client's challenge and the session's key, given by tests only; else random.
@@ -32,7 +32,7 @@ class ClientContext {
         std::array<std::uint8_t, 16> sessionKey{};
     };
     ClientContext(const ClientAccount& account, bool seals, std::optional<Nonces> nonces = std::nullopt);
-    ~ClientContext();
+    ~ClientContext() override;
     ClientContext(ClientContext&&) noexcept;
     ClientContext& operator=(ClientContext&&) noexcept;
 
@@ -48,13 +48,12 @@ class ClientContext {
     // Whether the log-on's messages are complete. That the other end took them shows in its first right signature.
     bool ready() const;
 
-    using Signature = ServerContext::Signature;
-    // As in ServerContext; before ready() nothing verifies and what is to be sealed is wiped.
-    void sign(std::span<const std::uint8_t> message, Signature& signature);
-    void seal(std::span<std::uint8_t> message, std::span<std::uint8_t> sealed, Signature& signature);
-    bool verify(std::span<const std::uint8_t> message, std::span<const std::uint8_t> signature);
+    // Before ready() nothing verifies and what is to be sealed is wiped.
+    void sign(std::span<const std::uint8_t> message, Signature& signature) override;
+    void seal(std::span<std::uint8_t> message, std::span<std::uint8_t> sealed, Signature& signature) override;
+    bool verify(std::span<const std::uint8_t> message, std::span<const std::uint8_t> signature) override;
     bool unseal(std::span<std::uint8_t> message, std::span<std::uint8_t> sealed,
-                std::span<const std::uint8_t> signature);
+                std::span<const std::uint8_t> signature) override;
 
  private:
     struct Impl;

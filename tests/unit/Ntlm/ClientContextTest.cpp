@@ -30,7 +30,7 @@ TEST_F(ClientContextTest, LogsOnWithMicAndProtectsBothWays) {
         const auto challenge = server_.challenge(client.negotiate().value());
         const auto answer = client.authenticate(challenge.value());
         ASSERT_TRUE(answer);
-        EXPECT_EQ(server_.authenticate(*answer), "");
+        EXPECT_EQ(server_.authenticate(*answer), RefusalReason::None);
         EXPECT_EQ(server_.account(), "PLANT\\callback");
         EXPECT_EQ(server_.canSeal(), seals);
 
@@ -57,14 +57,14 @@ TEST_F(ClientContextTest, TheMicShowsAnyChangeOnTheWay) {
     ClientContext client(account_, true);
     auto challenge = server_.challenge(client.negotiate().value()).value();
     challenge[20] ^= 0x04;  // a flag of the offer that nobody needs
-    EXPECT_EQ(server_.authenticate(client.authenticate(challenge).value()), "message altered on its way");
+    EXPECT_EQ(server_.authenticate(client.authenticate(challenge).value()), RefusalReason::AlteredLogOn);
 }
 
 TEST_F(ClientContextTest, WrongSecretIsRefusedByTheOtherEnd) {
     account_.hash = ntHash("stack-8");
     ClientContext client(account_, false);
     const auto challenge = server_.challenge(client.negotiate().value());
-    EXPECT_EQ(server_.authenticate(client.authenticate(challenge.value()).value()), "wrong password");
+    EXPECT_EQ(server_.authenticate(client.authenticate(challenge.value()).value()), RefusalReason::WrongPassword);
 }
 
 TEST_F(ClientContextTest, TakesNoOfferThatIsCutWeakOrOutOfTurn) {
