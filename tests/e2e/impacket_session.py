@@ -48,7 +48,7 @@ class Writer:
         return self.u32(len(values), *values)
 
     def guid(self, text):
-        self.data += uuid.UUID(text).bytes_le
+        self.data += b'\0' * (-len(self.data) % 4) + uuid.UUID(text).bytes_le
         return self
 
     def string(self, text):

@@ -12,68 +12,14 @@ import uuid
 from contextlib import suppress
 
 from harness import ClientError, SiteTest, wait_for
+from raw_rpc import (ACCESS_DENIED, ACTIVATION, ACTIVATOR, ALTER_CONTEXT, AUTH3, BIND, BIND_ACK, BIND_NAK, FAULT, FIRST, LAST,
+                     OBJECT, OBJECT_EXPORTER, OBJECTS, REM_UNKNOWN, REQUEST, RESPONSE, Raw, bind, messages, pdu, request,
+                     status_of)
 
-ACTIVATION, OBJECTS = 135, 49200
-REQUEST, RESPONSE, FAULT, BIND, BIND_ACK, BIND_NAK, ALTER_CONTEXT, AUTH3 = 0, 2, 3, 11, 12, 13, 14, 16
-FIRST, LAST, OBJECT = 1, 2, 0x80
-ACCESS_DENIED = 5
 SERVER_ALIVE = 3
-
-NDR = uuid.UUID('8A885D04-1CEB-11C9-9FE8-08002B104860').bytes_le + struct.pack('<I', 2)
-OBJECT_EXPORTER = '99FCFEC4-5260-101B-BBCB-00AA0021347A'  # its calls need no log-on
-ACTIVATOR = '4D9F4AB8-7D1C-11CF-861E-0020AF6E7C57'
-REM_UNKNOWN = '00000131-0000-0000-C000-000000000046'
 INTERFACE = {ACTIVATION: OBJECT_EXPORTER, OBJECTS: REM_UNKNOWN}
 
 MAX_CONNECTIONS = 512
-
-
-def pdu(kind, body=b'', flags=FIRST | LAST, call=1, length=None, auth=0, version=5, representation=0x10):
-    return struct.pack('<BBBBIHHI', version, 0, kind, flags, representation,
-                       16 + len(body) if length is None else length, auth, call) + body
-
-
-def bind(*interfaces, kind=BIND):
-    body = struct.pack('<HHIBBH', 5840, 5840, 0, len(interfaces), 0, 0)
-    for context, interface in enumerate(interfaces):
-        body += struct.pack('<HBB', context, 1, 0) + uuid.UUID(interface).bytes_le + struct.pack('<I', 0) + NDR
-    return pdu(kind, body)
-
-
-def request(opnum, stub=b'', context=0, flags=FIRST | LAST, call=2, target=None):
-    body = struct.pack('<IHH', len(stub), context, opnum) + (target.bytes_le if target else b'') + stub
-    return pdu(REQUEST, body, flags | (OBJECT if target else 0), call)
-
-
-def messages(connection):
-    """The PDUs that arrive, up to the connection's end."""
-    arriving = connection.makefile('rb')
-    with suppress(ConnectionError):
-        while len(header := arriving.read(16)) == 16:
-            yield header + arriving.read(struct.unpack_from('<H', header, 8)[0] - 16)
-
-
-def status_of(fault):
-    return struct.unpack_from('<I', fault, 24)[0]
-
-
-class Raw:
-    """A bare connection."""
-
-    def __init__(self, address, port):
-        self.socket = socket.create_connection((address, port), timeout=10)
-        self.messages = messages(self.socket)
-
-    def send(self, data):
-        self.socket.sendall(data)
-        return self
-
-    def receive(self):
-        return next(self.messages)
-
-    def close(self):
-        self.messages.close()
-        self.socket.close()
 
 
 class Between(threading.Thread):
