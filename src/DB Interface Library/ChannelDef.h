@@ -12,12 +12,20 @@
 
 namespace quelm {
 
+// What a channel is, and whose: IOS5's (Q5) or IOS6's (Q6).
+namespace definitiontype {
+inline constexpr std::int32_t none = 0;  // nothing usable in the database; reads like a channel without definition
+inline constexpr std::int32_t ios5Channel = 1;
+inline constexpr std::int32_t ios5Implicit = 2;
+inline constexpr std::int32_t ios6Channel = 3;
+inline constexpr std::int32_t ios6MultiValueCSV = 4;
+inline constexpr std::int32_t ios6MultiValueUDT = 5;
+}  // namespace definitiontype
+
 struct ChannelDef {
     std::int32_t ID = 0;
     std::string Name;
-    // 1 Q5 I/O, 2 Q5 implicit, 3 Q6 I/O, 4 Q6 multivalue CSV, 5 Q6 multivalue UDT channel; 0 when the database
-    // holds nothing usable, which reads like a channel without definition.
-    std::int32_t DefinitionType = 0;
+    std::int32_t DefinitionType = definitiontype::none;  // of those above, or any other number
 };
 
 class ChannelDefCollection {

@@ -18,12 +18,12 @@
 
 namespace quelm {
 
-class IOSSimpleManager {
+class IOSSimpleManager final {
  public:
     IOSSimpleManager() = default;
     IOSSimpleManager(const IOSSimpleManager&) = delete;
     IOSSimpleManager& operator=(const IOSSimpleManager&) = delete;
-    virtual ~IOSSimpleManager() = default;
+    ~IOSSimpleManager() = default;
 
     // Called once, right after creation. The read interval runs from then on, but its ticks do nothing before
     // EnableReadingCurrentIO. What CreateInterval raises reaches the caller.
@@ -87,11 +87,13 @@ class IOSSimpleManager {
     // nullptr for a channel without definition.
     const ChannelDef* GetChannelDef(std::int32_t lngChannelID);
     bool IsRefreshPending() const { return !mstrPendingRefreshMsgID.empty(); }
+    // The pending request's message record; "" when none is pending.
+    const std::string& PendingRefreshMsgID() const { return mstrPendingRefreshMsgID; }
 
     void mobjReadCurrentIOInterval_IntervalExpired(std::int32_t lngIntervalID, const Variant& varActionData,
                                                    Date dtmScheduledExpireTime, bool blnSystemTimeChanged);
 
- protected:
+ private:
     // Seconds of silence after which an I/O server's values count as stale.
     std::int32_t mlngMaxElapsed = 0;
     std::string mstrSiteID;
@@ -130,7 +132,6 @@ class IOSSimpleManager {
     bool mblnIOS5LastPolling = false;
     bool mblnIOS6LastPolling = false;
 
- private:
     struct Generation;
     static const Generation ios5;
     static const Generation ios6;

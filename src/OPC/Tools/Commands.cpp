@@ -214,7 +214,7 @@ Reply replyTo(SiteLink& link, const std::string& id) {
 }
 
 Outcome run(const RefreshCommand& command, const Request& request, SiteLink& link) {
-    WatchedManager& manager = link.manager();
+    IOSSimpleManager& manager = link.manager();
     Outcome outcome;
     outcome.fields = {{"channels", json::text(command.channels)}};
     warnOfBrokenCommand(command.channels);

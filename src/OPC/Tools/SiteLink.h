@@ -20,12 +20,6 @@ class SiteTrouble : public std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-class WatchedManager final : public IOSSimpleManager {
- public:
-    // "" when no refresh is pending.
-    const std::string& PendingRefreshMsgID() const { return mstrPendingRefreshMsgID; }
-};
-
 class SiteLink {
  public:
     // ini: the file, or nothing for where the server looks for it. site: a SiteID, or nothing for this computer's own
@@ -39,7 +33,7 @@ class SiteLink {
     // Reads the site's values and health now, and looks whether a pending refresh is done.
     void read() { clock_.expire(); }
 
-    WatchedManager& manager() { return manager_; }
+    IOSSimpleManager& manager() { return manager_; }
     MessageList& messages() { return messages_; }
     // Raises RuntimeError with the database's own number and text.
     std::optional<MessageRecord> record(const std::string& id);
@@ -48,7 +42,7 @@ class SiteLink {
     MessageList& messages_;
     OnDemandClock clock_;
     std::shared_ptr<IDBIL> dbil_;
-    WatchedManager manager_;
+    IOSSimpleManager manager_;
 };
 
 }  // namespace quelm::tools

@@ -154,8 +154,9 @@ TEST_F(Commands, ReadAllDataAsksEveryGenerationInUse) {
     EXPECT_FALSE(manager.IsRefreshPending());
 
     // Neither disabled reads nor a pending refresh stand in its way, and one failure not in the other's.
+    EXPECT_TRUE(manager.RefreshSelectedChannels("7", ""));
+    messages.take();
     manager.DisableReadingCurrentIO();
-    manager.mstrPendingRefreshMsgID = "pending";
     const std::string not5 = "4 OPC-0172: Could not create msg record to refresh all IOS5 data";
     dbil->insertsThatFail = 1;
     manager.ReadAllData("");
@@ -164,7 +165,7 @@ TEST_F(Commands, ReadAllDataAsksEveryGenerationInUse) {
     manager.ReadAllData("");
     EXPECT_THAT(messages.take(),
                 ElementsAre(full, not5, full, "4 OPC-0174: Could not create msg record to refresh all IOS6 data"));
-    EXPECT_EQ(manager.mstrPendingRefreshMsgID, "pending");
+    EXPECT_TRUE(manager.IsRefreshPending());
 }
 
 // ---- refreshing channels
@@ -177,26 +178,28 @@ TEST_F(Commands, RefreshStaysPendingUntilItsRecordIsGone) {
     EXPECT_THAT(messages.take(), ElementsAre("0 OPC-0179: Created msg record to refresh channels 7,8\"< (Smith)"));
     EXPECT_THAT(journal.take(), ElementsAre("insert '' A Q5IOCOMMAND <Command action=\"RefreshSelectedChannels\" "
                                             "value=\"7,8\"<\" /> '' '' 'Smith'"));
-    EXPECT_EQ(manager.mstrPendingRefreshMsgID, "M1");
+    EXPECT_EQ(manager.PendingRefreshMsgID(), "M1");
     EXPECT_FALSE(manager.RefreshSelectedChannels("9", "Jones"));
     EXPECT_THAT(messages.take(),
                 ElementsAre("4 OPC-0177: " + stillPending + "(Pending=7,8\"<; New=9; NewRequestor=Jones)"));
     EXPECT_THAT(journal.take(), IsEmpty());
     tickWith({record("C7", Variant(1.0))});
     EXPECT_TRUE(manager.RefreshSelectedChannels("9", ""));
-    EXPECT_EQ(manager.mstrPendingRefreshMsgID, "M2");
+    EXPECT_EQ(manager.PendingRefreshMsgID(), "M2");
 }
 
 TEST_F(Commands, RefreshWithReadsDisabledSpeaksOfAPendingRequest) {
     manager.DisableReadingCurrentIO();
     EXPECT_FALSE(manager.RefreshSelectedChannels("7", "Smith"));
-    manager.mstrPendingRefreshMsgID = "pending";
-    manager.mstrPendingRefreshChannels = "1";
+    EXPECT_THAT(messages.take(), ElementsAre("4 OPC-0176: " + stillPending + "(Pending=; New=7; NewRequestor=Smith)"));
+    manager.EnableReadingCurrentIO();
+    EXPECT_TRUE(manager.RefreshSelectedChannels("8", ""));
+    manager.DisableReadingCurrentIO();
+    messages.take();
     EXPECT_FALSE(manager.RefreshSelectedChannels("x", ""));
-    EXPECT_THAT(messages.take(), ElementsAre("4 OPC-0176: " + stillPending + "(Pending=; New=7; NewRequestor=Smith)",
-                                             "4 OPC-0176: " + stillPending + "(Pending=1; New=x; NewRequestor=)"));
-    EXPECT_EQ(manager.mstrPendingRefreshMsgID, "pending");
-    EXPECT_THAT(journal.lines, IsEmpty());
+    EXPECT_THAT(messages.take(), ElementsAre("4 OPC-0176: " + stillPending + "(Pending=8; New=x; NewRequestor=)"));
+    EXPECT_EQ(manager.PendingRefreshMsgID(), "M1");
+    EXPECT_EQ(journal.lines.size(), 1U);
 }
 
 TEST_F(Commands, ASiteWithOneGenerationOrNoneIsAskedAccordingly) {
@@ -237,10 +240,10 @@ TEST_F(Commands, RefreshOfASiteWithBothGenerationsGoesByTheFirstChannel) {
         {"&HA", "Q6IOCOMMAND"},     {"12", nullptr, 12},    {"-7", nullptr, -7},
         {"", nullptr, 0},           {"C7", nullptr, 0},
     };
+    std::string pending;
     for (const Case& c : cases) {
         SCOPED_TRACE(c.list);
-        manager.mstrPendingRefreshMsgID.clear();
-        manager.mstrPendingRefreshChannels = "kept";
+        tick();  // forgets the pending request, whose record is not there, but not its channels
         EXPECT_EQ(manager.RefreshSelectedChannels(c.list, "Smith"), c.queue != nullptr);
         if (c.queue != nullptr) {
             EXPECT_THAT(journal.take(), ElementsAre(HasSubstr(fmt::format(" A {} <", c.queue))));
@@ -250,7 +253,8 @@ TEST_F(Commands, RefreshOfASiteWithBothGenerationsGoesByTheFirstChannel) {
                                                                  "Channel {} is not defined. (Requestor=Smith)",
                                                                  c.refused)));
         }
-        EXPECT_EQ(manager.mstrPendingRefreshChannels, c.queue != nullptr ? c.list : "kept");
+        pending = c.queue != nullptr ? c.list : pending;
+        EXPECT_EQ(pendingChannels(), pending);
     }
     for (const char* overflowing : {"2147483648", "1E999"}) {
         EXPECT_FALSE(manager.RefreshSelectedChannels(overflowing, "Smith"));
@@ -261,11 +265,13 @@ TEST_F(Commands, RefreshOfASiteWithBothGenerationsGoesByTheFirstChannel) {
 
 TEST_F(Commands, RefreshThatIsNotCreatedLeavesNothingPending) {
     const std::string notCreated = "4 OPC-0180: Could not create msg record to refresh channels 7 (Smith)";
-    manager.mstrPendingRefreshChannels = "of a record that is gone";
+    EXPECT_TRUE(manager.RefreshSelectedChannels("9", ""));
+    tick();  // its record is gone
+    EXPECT_EQ(pendingChannels(), "9");
     dbil->insertsThatFail = 1;
     EXPECT_FALSE(manager.RefreshSelectedChannels("7", "Smith"));
     EXPECT_THAT(messages.take(), ElementsAre(notCreated));
-    EXPECT_EQ(manager.mstrPendingRefreshChannels, "");
+    EXPECT_EQ(pendingChannels(), "");
     dbil->insertFailure = RuntimeError(13, "database or disk is full");
     EXPECT_FALSE(manager.RefreshSelectedChannels("7", "Smith"));
     EXPECT_THAT(messages.take(), ElementsAre(full, notCreated));
@@ -293,24 +299,24 @@ class CommandsOnDatabase : public fakes::LinkFixture {
 
 TEST_F(CommandsOnDatabase, RefreshFollowsItsRecordThroughEveryState) {
     requestRefresh();
-    const std::string id = manager.mstrPendingRefreshMsgID;
+    const std::string id = manager.PendingRefreshMsgID();
     for (const char* state : {"''", "'SENT'", "'done'", "'DONE '", "1", "x'444F4E45'"}) {
         database.run(std::string("UPDATE Message SET State = ") + state);
         EXPECT_THAT(tick().back(), HasSubstr(" [OPC-018")) << state;  // nothing is said behind the tick's own line
-        EXPECT_EQ(manager.mstrPendingRefreshMsgID, id) << state;
-        EXPECT_EQ(manager.mstrPendingRefreshChannels, "9,7") << state;
+        EXPECT_EQ(manager.PendingRefreshMsgID(), id) << state;
+        EXPECT_EQ(pendingChannels(), "9,7") << state;
     }
     for (const char* response : {"NULL", "'<Success>0</Success>'", "'<Success>', Data = '<'", "x'00', Data = ''"}) {
         database.run(std::string("UPDATE Message SET State = 'DONE', Response = ") + response);
         EXPECT_THAT(tick().back(), HasSubstr(" [OPC-018")) << response;
         EXPECT_FALSE(manager.IsRefreshPending()) << response;
-        EXPECT_EQ(manager.mstrPendingRefreshChannels, "") << response;
+        EXPECT_EQ(pendingChannels(), "") << response;
         requestRefresh();
     }
     database.run("UPDATE Message SET SiteID = 'B'");
     tick();
     EXPECT_FALSE(manager.IsRefreshPending());
-    EXPECT_EQ(manager.mstrPendingRefreshChannels, "9,7");
+    EXPECT_EQ(pendingChannels(), "9,7");
 }
 
 TEST_F(CommandsOnDatabase, RefreshOutlivesATableThatIsGoneForAWhile) {

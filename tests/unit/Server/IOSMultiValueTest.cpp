@@ -14,13 +14,13 @@ using Texts = std::vector<std::string>;
 
 class MultiValue : public fakes::LinkFixture {
  protected:
-    // Blocks of channel 700, ten channel IDs apart.
-    void publish(const Texts& blocks) {
-        std::vector<CurrentIORecord> records{record("C700", Variant(1.0))};
+    // Blocks of channel 700, ten channel IDs apart, beside other records.
+    void publish(const Texts& blocks, std::int32_t secondsGone = 20, std::vector<CurrentIORecord> records = {}) {
+        records.push_back(record("C700", Variant(1.0)));
         for (std::size_t i = 0; i < blocks.size(); ++i) {
             records.push_back(record(fmt::format("MultiValueC{}", 700 + 10 * i), Variant::null(), blocks[i]));
         }
-        tickWith(std::move(records));
+        tickAfter(secondsGone, std::move(records));
     }
     Variant read(std::size_t blocks) {
         return manager.GetMultiValueChannelCSV(700, 101001234, static_cast<std::int32_t>(blocks), 10);
@@ -108,12 +108,16 @@ TEST_F(MultiValue, FailsWhenTheChannelIDOverflows) {
 
 TEST_F(MultiValue, GoesByTheSilenceOfIOS5Alone) {
     EXPECT_TRUE(read(1).isEmpty()) << "before the first read";
-    publish({"<CSV>1</CSV>", "no XML <"});
-    manager.mlngIOS6Elapsed = 60;
-    manager.mlngIOS5Elapsed = 45;
+    dbil->setChannels({{7, 1}, {8, 3}});
+    const Texts blocks{"<CSV>1</CSV>", "no XML <"};
+    std::vector<CurrentIORecord> beats{record("IOS.AllCommsOk", Variant(1.0), {}, localNow()),
+                                       record("IOS.AllDataRefreshed", Variant::null())};
+    publish(blocks, 15, beats);
+    publish(blocks, 45, beats);
     EXPECT_EQ(read(1), Variant(Texts{"1"}));
-    manager.mlngIOS5Elapsed = 46;
-    manager.mlngIOS6Elapsed = 0;
+    beats.push_back(record("IOS6.AllCommsOk", Variant(1.0), {}, localNow()));
+    beats.push_back(record("IOS6.AllDataRefreshed", Variant::null()));
+    publish(blocks, 1, beats);
     EXPECT_TRUE(read(2).isEmpty());
     EXPECT_THAT(messages.take(), IsEmpty());
 }

@@ -2,6 +2,7 @@
 
 #include <limits>
 
+#include "OPC/OPC DA Server/IOSGeneration.h"
 #include "Server/LinkFixture.h"
 
 namespace quelm {
@@ -78,13 +79,15 @@ TEST_F(Link, CountsTheSilenceAndDistrustsValuesFromTheThirdSilentTick) {
 
 TEST_F(Link, TrustsValuesUpToExactlyFortyFiveSeconds) {
     dbil->setChannels({{7, 1}, {8, 4}});
-    tickWith({record("C7", Variant(1.0)), record("C8", Variant(2.0))});
-    manager.mlngIOS5Elapsed = 45;
-    manager.mlngIOS6Elapsed = 46;
+    const Records values{record("C7", Variant(1.0)), record("C8", Variant(2.0))};
+    const Records beating5 = health("IOS", localNow());
+    tickAfter(1, both(beating5, values));
+    tickAfter(45, both(beating5, values));
     EXPECT_EQ(manager.GetChannelValue(7), Variant(1.0));
     EXPECT_TRUE(manager.GetChannelValue(8).isNull());
-    manager.mlngIOS5Elapsed = 46;
-    manager.mlngIOS6Elapsed = 45;
+    const Records beating6 = both(beating5, health("IOS6", localNow()));
+    tickAfter(1, both(beating6, values));
+    tickAfter(45, both(beating6, values));
     EXPECT_TRUE(manager.GetChannelValue(7).isNull());
     EXPECT_EQ(manager.GetChannelValue(8), Variant(2.0));
 }
@@ -124,12 +127,9 @@ TEST_F(Link, GoesOnWithThePreviousSnapshotWhenAReadFails) {
 
 TEST_F(Link, RestartsTheReadCountAndFailsOnAnElapsedOverflow) {
     dbil->setChannels({{7, 1}});
-    manager.lngIOS5ReadCount = 1073741823;
-    tickWith({record("C7", Variant(1.0))});
-    EXPECT_EQ(manager.lngIOS5ReadCount, 1073741824);
-    tick();
-    EXPECT_EQ(manager.lngIOS5ReadCount, 1000);
-    manager.mlngIOS5Elapsed = std::numeric_limits<std::int32_t>::max() - 19;
+    EXPECT_EQ(nextReadCount(1073741823), 1073741824);
+    EXPECT_EQ(nextReadCount(1073741824), 1000);
+    tickAfter(std::numeric_limits<std::int32_t>::max() - 19, {record("C7", Variant(1.0))});
     EXPECT_EQ(tick().back(), "4 OPC-0182: 6, Overflow");
     EXPECT_EQ(tickWith(health("IOS", localNow())), Lines{beat5});
 }
@@ -213,8 +213,7 @@ TEST_F(Link, DecidesOnceWhichGenerationsAreUsed) {
         for (int i = 0; i < 2; ++i) {
             EXPECT_EQ(fresh.IsIOS5Used(), c.ios5);
             EXPECT_EQ(fresh.IsIOS6Used(), c.ios6);
-            dbil->setChannels({{1, 1}, {2, 3}});
-            fresh.mcolChannelDefs = nullptr;
+            fresh.Shutdown();
         }
     }
 }
@@ -224,7 +223,6 @@ TEST_F(Link, DecidesOnceWhichGenerationsAreUsed) {
 TEST_F(Link, TakesAFirstHeartbeatInOnlyWithinFortyFiveSeconds) {
     dbil->setChannels({{7, 1}});
     for (const int age : {46, -46, 45}) {
-        manager.mlngIOS5Elapsed = 0;
         EXPECT_EQ(tickWith(health("IOS", secondsFromNow(-age)))[0] == beat5, age == 45) << age;
     }
     // A record with a zero stamp is taken in without a heartbeat; the next one is a first sighting again.
@@ -239,8 +237,8 @@ TEST_F(Link, TakesTheCommsStateInEvenWithoutAHeartbeat) {
     const Date stamp = localNow();
     tickWith(health("IOS", stamp));
     EXPECT_TRUE(manager.AllDevicesArePolling());
-    tickWith(health("IOS", stamp, "", Variant(std::int32_t{0})));
-    EXPECT_EQ(manager.mlngIOS5Elapsed, 20);
+    EXPECT_THAT(tickWith(health("IOS", stamp, "", Variant(std::int32_t{0}))),
+                ElementsAre(HasSubstr("IOS5 CurrentIO  Elapsed=20;")));
     EXPECT_FALSE(manager.AllDevicesArePolling());
 }
 
@@ -257,18 +255,18 @@ TEST_F(Link, ReportsMissingHealthRecordsOnEveryRead) {
     }
     Records records = health("IOS", localNow());
     records.pop_back();
-    EXPECT_EQ(tickWith(records)[0], missing[1]);
-    EXPECT_EQ(manager.mlngIOS5Elapsed, 60);
+    const Lines lines = tickWith(records);
+    EXPECT_EQ(lines[0], missing[1]);
+    EXPECT_THAT(lines, testing::Contains(HasSubstr("IOS5 CurrentIO  Elapsed=60;")));
 }
 
-TEST_F(Link, MarksTheFirstIOS5RefreshAndStoresItAtTheNextRead) {
+TEST_F(Link, TakesIOS5RefreshesInWithoutAWord) {
     dbil->setChannels({{7, 1}});
-    const std::string first = refresh("08:00:00.000", "08:00:05.5");
-    tickWith(health("IOS", localNow(), first));
-    EXPECT_TRUE(manager.IsInitialCurrentIOReadComplete());
-    EXPECT_TRUE(manager.mdtmIOS5AllDataRefreshedStart.isZero());
-    EXPECT_EQ(tickWith(health("IOS", localNow(), first)), Lines{beat5});
-    EXPECT_EQ(manager.mdtmIOS5AllDataRefreshedStart, makeDate(2026, 11, 16, 8, 0, 0));
+    EXPECT_FALSE(manager.IsInitialCurrentIOReadComplete());
+    for (const std::string& each : {refresh("08:00:00.000", "08:00:05.5"), refresh("09:00:00.0", "09:00:05.0")}) {
+        EXPECT_EQ(tickWith(health("IOS", localNow(), each)), Lines{beat5});
+        EXPECT_TRUE(manager.IsInitialCurrentIOReadComplete());
+    }
 }
 
 TEST_F(Link, AnnouncesLaterIOS6RefreshesWhenBothTimesChanged) {
@@ -295,8 +293,10 @@ TEST_F(Link, WritesALineWheneverPollingChanges) {
     dbil->setChannels({{7, 1}, {8, 3}});
     EXPECT_FALSE(manager.AllDevicesArePolling());
     EXPECT_THAT(messages.take(), IsEmpty());
-    tickWith(both(health("IOS", localNow()), health("IOS6", localNow(), "", Variant("True"))));
-    manager.mlngIOS5Elapsed = 45;
+    const Records ios5Beat = health("IOS", localNow());
+    const auto withIOS6Beat = [&] { return both(ios5Beat, health("IOS6", localNow(), "", Variant("True"))); };
+    tickWith(withIOS6Beat());
+    tickAfter(45, withIOS6Beat());
     for (int i = 0; i < 2; ++i) {
         EXPECT_TRUE(manager.AllDevicesArePolling());
     }
@@ -304,28 +304,27 @@ TEST_F(Link, WritesALineWheneverPollingChanges) {
     const std::string ios6 = "4 OPC-0167: (IOS6) AllDevicesArePolling=";
     // The IOS6 line shows the IOS5 counter.
     EXPECT_THAT(messages.take(), ElementsAre(ios5 + "1; AllCommsOk=1, TS=2026-11-16 08:00:00; Elapsed=45, Max=45",
-                                             ios6 + "1; AllCommsOk=True, TS=2026-11-16 08:00:00; Elapsed=45, Max=45"));
-    manager.mlngIOS5Elapsed = 46;
+                                             ios6 + "1; AllCommsOk=True, TS=2026-11-16 08:00:20; Elapsed=45, Max=45"));
+    const Records last = withIOS6Beat();
+    tickAfter(1, last);
     EXPECT_FALSE(manager.AllDevicesArePolling());
-    manager.mlngIOS6Elapsed = 46;
+    EXPECT_THAT(messages.take(), ElementsAre(ios5 + "0; AllCommsOk=1, TS=2026-11-16 08:00:00; Elapsed=46, Max=45"));
+    tickAfter(46, last);
     EXPECT_FALSE(manager.AllDevicesArePolling_IOS6());
-    EXPECT_THAT(messages.take(), ElementsAre(ios5 + "0; AllCommsOk=1, TS=2026-11-16 08:00:00; Elapsed=46, Max=45",
-                                             ios6 + "0; AllCommsOk=True, TS=2026-11-16 08:00:00; Elapsed=46, Max=45"));
+    EXPECT_THAT(messages.take(), ElementsAre(ios6 + "0; AllCommsOk=True, TS=2026-11-16 08:00:40; Elapsed=92, Max=45"));
 }
 
 TEST_F(Link, ShowsANullCommsStateAsNothingAndAZeroStampAsZero) {
     dbil->setChannels({{7, 1}});
     tickWith(health("IOS", localNow()));
     EXPECT_TRUE(manager.AllDevicesArePolling_IOS5());
-    tickWith({record("C7", Variant(1.0))});
-    manager.mvarIOS5AllCommsOk = Variant::null();
-    messages.take();
+    tickWith(health("IOS", Date{}, "", Variant::null()));
     EXPECT_FALSE(manager.AllDevicesArePolling_IOS5());
-    manager.mvarIOS5AllCommsOk = Variant("fine");
+    EXPECT_THAT(messages.take(), ElementsAre("4 OPC-0165: (IOS5) AllDevicesArePolling=0; AllCommsOk=, TS=zero; "
+                                             "Elapsed=20, Max=45"));
+    tickWith(health("IOS", localNow(), "", Variant("fine")));
     EXPECT_FALSE(manager.AllDevicesArePolling_IOS5());
-    EXPECT_THAT(messages.take(),
-                ElementsAre("4 OPC-0165: (IOS5) AllDevicesArePolling=0; AllCommsOk=, TS=zero; Elapsed=20, Max=45",
-                            "4 OPC-0166: 'AllDevicesArePolling' error; 13, Type mismatch"));
+    EXPECT_THAT(messages.take(), ElementsAre("4 OPC-0166: 'AllDevicesArePolling' error; 13, Type mismatch"));
 }
 
 TEST_F(Link, CountsAnUnusedGenerationAsPollingAndComplete) {

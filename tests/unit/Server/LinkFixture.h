@@ -4,22 +4,14 @@
 
 #include <gmock/gmock.h>
 
+#include <utility>
+
 #include "OPC/OPC DA Server/IOSSimpleManager.h"
 #include "Server/LibraryFakes.h"
 
 namespace quelm::fakes {
 
-// Opens the state that hours or years of running would bring about.
-struct Manager : IOSSimpleManager {
-    using IOSSimpleManager::lngIOS5ReadCount;
-    using IOSSimpleManager::mcolChannelDefs;
-    using IOSSimpleManager::mdtmIOS5AllDataRefreshedStart;
-    using IOSSimpleManager::mlngIOS5Elapsed;
-    using IOSSimpleManager::mlngIOS6Elapsed;
-    using IOSSimpleManager::mstrPendingRefreshChannels;
-    using IOSSimpleManager::mstrPendingRefreshMsgID;
-    using IOSSimpleManager::mvarIOS5AllCommsOk;
-};
+using Manager = IOSSimpleManager;
 
 class LinkFixture : public testing::Test, protected World {
  protected:
@@ -39,6 +31,24 @@ class LinkFixture : public testing::Test, protected World {
     Lines tickWith(std::vector<CurrentIORecord> records) {
         dbil->setSnapshot(std::move(records));
         return tick();
+    }
+    // The same, so many seconds after the tick before it.
+    Lines tickAfter(std::int32_t seconds, std::vector<CurrentIORecord> records) {
+        const auto interval = clock->intervals.front().lock();
+        const std::int32_t usual = std::exchange(interval->period, seconds);
+        Lines lines = tickWith(std::move(records));
+        interval->period = usual;
+        return lines;
+    }
+    // The channel list that a refused request is told of.
+    std::string pendingChannels() {
+        manager.DisableReadingCurrentIO();
+        messages.take();
+        EXPECT_FALSE(manager.RefreshSelectedChannels("?", ""));
+        const std::string line = messages.take().at(0);
+        manager.EnableReadingCurrentIO();
+        const std::size_t begin = line.find("(Pending=") + 9;
+        return line.substr(begin, line.find("; New=") - begin);
     }
 
     Manager manager;
