@@ -4,7 +4,7 @@ add_library(quelm_settings INTERFACE)
 target_include_directories(quelm_settings INTERFACE "${PROJECT_SOURCE_DIR}/src" "${PROJECT_SOURCE_DIR}/platform")
 target_compile_options(quelm_settings INTERFACE
   -Wall -Wextra -Wpedantic -Werror -Wshadow -Wnon-virtual-dtor -Woverloaded-virtual -Wcast-align -Wimplicit-fallthrough)
-target_compile_definitions(quelm_settings INTERFACE ASIO_STANDALONE ASIO_NO_DEPRECATED ASIO_DISABLE_THREADS)
+target_compile_definitions(quelm_settings INTERFACE ASIO_STANDALONE ASIO_NO_DEPRECATED)
 if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
   # g++ 12 reports reads that its own optimiser invented in standard containers.
   target_compile_options(quelm_settings INTERFACE -Wno-maybe-uninitialized -Wno-restrict -Wno-stringop-overflow -Wno-array-bounds -Wno-stringop-overread)

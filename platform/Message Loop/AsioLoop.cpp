@@ -139,8 +139,19 @@ void AsioLoop::post(std::function<void()> task) {
 }
 
 void AsioLoop::run() {
-    impl_->context.run();
+    runAfter();
+    while (impl_->context.run_one() != 0) {
+        runAfter();
+    }
     impl_->context.restart();
+}
+
+void AsioLoop::runAfter() {
+    while (!after_.empty()) {
+        const auto task = std::move(after_.front());
+        after_.erase(after_.begin());
+        task();
+    }
 }
 
 void AsioLoop::stop() {

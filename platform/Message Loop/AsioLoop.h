@@ -1,11 +1,12 @@
 #pragma once
 
-// The message loop of the running program, over one asio io_context. Sockets share the context; everybody else
+// A message loop of the running program, over one asio io_context. Sockets share the context; everybody else
 // sees only IMessageLoop.
 
 #include <functional>
 #include <initializer_list>
 #include <memory>
+#include <vector>
 
 #include "Message Loop/MessageLoop.h"
 
@@ -28,10 +29,13 @@ class AsioLoop final : public IMessageLoop {
 
     std::unique_ptr<ITimer> makeTimer(std::function<void()> onExpiry) override;
     void post(std::function<void()> task) override;
+    void afterHandler(std::function<void()> task) override { after_.push_back(std::move(task)); }
 
-    // Runs handlers until stop(). What a handler throws leaves run(), which may then be called again.
+    // Runs handlers until stop(), on the calling thread. What a handler throws leaves run(), which may then be called
+    // again.
     void run();
-    // Lets run() return after the handler that is running now; a stop() before run() counts too.
+    // Lets run() return after the handler that is running now; a stop() before run() counts too. May be called from
+    // another thread.
     void stop();
     // From now on these signals call the handler, on the loop like any other, with the signal's number. A second
     // call replaces the first one's signals and handler. Throws std::system_error for a signal that cannot be caught.
@@ -45,8 +49,11 @@ class AsioLoop final : public IMessageLoop {
     asio::io_context& context();
 
  private:
+    void runAfter();
+
     struct Impl;
     std::unique_ptr<Impl> impl_;
+    std::vector<std::function<void()>> after_;
 };
 
 }  // namespace quelm

@@ -1,7 +1,8 @@
 #pragma once
 
-// The one message loop that everything runs on: clock intervals, sockets, window events and signals are all
-// handlers called by it, one after the other, on the main thread. Nothing here may be used from elsewhere.
+// A message loop, which one thread runs on: timers, sockets, window events, signals and what other threads post are all
+// handlers called by it, one after the other. The plant has one (the main thread), the network another. Nothing here
+// but post() may be used from another thread.
 
 #include <chrono>
 #include <functional>
@@ -29,7 +30,11 @@ class IMessageLoop {
     // timer that calls it.
     virtual std::unique_ptr<ITimer> makeTimer(std::function<void()> onExpiry) = 0;
     // Calls task once, after the handler that is running now and everything posted before.
+    // From another thread that is the only way in.
     virtual void post(std::function<void()> task) = 0;
+    // Calls task once, right after the handler that is running now and before any other; also when the handler lets a
+    // failure out.
+    virtual void afterHandler(std::function<void()> task) = 0;
 };
 
 }  // namespace quelm

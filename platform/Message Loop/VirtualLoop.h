@@ -23,6 +23,8 @@ class VirtualLoop final : public IMessageLoop {
     }
 
     void post(std::function<void()> task) override { posted_.push_back(std::move(task)); }
+    // What was called from outside any handler ends with the next drain() or advance().
+    void afterHandler(std::function<void()> task) override { after_.push_back(std::move(task)); }
 
     // Time since the loop was made.
     std::chrono::milliseconds now() const { return now_; }
@@ -31,10 +33,12 @@ class VirtualLoop final : public IMessageLoop {
 
     // Runs what was posted, and what that posts.
     void drain() {
+        runAfter();
         while (!posted_.empty()) {
             const auto task = std::move(posted_.front());
             posted_.pop_front();
             task();
+            runAfter();
         }
     }
 
@@ -56,6 +60,14 @@ class VirtualLoop final : public IMessageLoop {
     void advance(std::int64_t milliseconds) { advance(std::chrono::milliseconds(milliseconds)); }
 
  private:
+    void runAfter() {
+        while (!after_.empty()) {
+            const auto task = std::move(after_.front());
+            after_.pop_front();
+            task();
+        }
+    }
+
     using Due = std::pair<std::chrono::milliseconds, std::uint64_t>;
 
     struct State {
@@ -97,6 +109,7 @@ class VirtualLoop final : public IMessageLoop {
     std::uint64_t starts_ = 0;
     std::map<Due, std::shared_ptr<State>> due_;
     std::deque<std::function<void()>> posted_;
+    std::deque<std::function<void()>> after_;
 };
 
 }  // namespace quelm

@@ -34,10 +34,12 @@ class SystemTimeSource final : public TimeSource {
         return static_cast<std::uint64_t>(now.tv_sec) * 1000 + static_cast<std::uint64_t>(now.tv_nsec) / 1'000'000;
     }
 
-    // No time zone changes its offset inside a quarter of an hour, so one look-up per quarter serves.
+    // No time zone changes its offset inside a quarter of an hour, so one look-up per quarter serves. Each thread keeps
+    // its own.
     int utcOffsetMinutes(std::int64_t fileTime) const override {
         const std::int64_t quarter = floorDivide(fileTime, 15 * unitsPerMinute);
-        Entry& entry = entries_[static_cast<std::uint64_t>(quarter) % entries_.size()];
+        static thread_local std::array<Entry, 16> entries;
+        Entry& entry = entries[static_cast<std::uint64_t>(quarter) % entries.size()];
         if (!entry.known || entry.quarter != quarter) {
             entry = Entry{quarter, lookUp(quarter), true};
         }
@@ -58,8 +60,6 @@ class SystemTimeSource final : public TimeSource {
         std::tm local{};
         return localtime_r(&seconds, &local) == nullptr ? 0 : static_cast<int>(local.tm_gmtoff / 60);
     }
-
-    mutable std::array<Entry, 16> entries_;
 };
 
 TimeSource*& sourceInForce() {

@@ -1,6 +1,7 @@
 #pragma once
 
-// The one source of time. Everything that asks for the time asks it, so that tests can run a day in milliseconds.
+// The one source of time. Everything that asks for the time asks it, so that tests can run a day in milliseconds. The
+// system's source may be asked by any thread; another one is put in place and asked by one thread only.
 
 #include <cstdint>
 #include <memory>

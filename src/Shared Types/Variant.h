@@ -4,6 +4,7 @@
 // Sixteen bytes; text and other large contents are shared, never copied, so that handing a value on is cheap.
 // Empty (nothing at all) and Null (no trusted value) are different things.
 
+#include <atomic>
 #include <concepts>
 #include <cstdint>
 #include <cstring>
@@ -103,13 +104,13 @@ class Variant {
 
     Variant(const Variant& other) noexcept : data_(other.data_) {
         if (isShared()) {
-            ++data_.body.shared->references;
+            data_.body.shared->references.fetch_add(1, std::memory_order_relaxed);
         }
     }
     Variant(Variant&& other) noexcept : data_(other.data_) { other.data_.kind = VariantKind::Empty; }
     Variant& operator=(const Variant& other) noexcept {
         if (other.isShared()) {
-            ++other.data_.body.shared->references;
+            other.data_.body.shared->references.fetch_add(1, std::memory_order_relaxed);
         }
         release();
         data_ = other.data_;
@@ -150,10 +151,11 @@ class Variant {
     bool operator==(const Variant& other) const noexcept;
 
  private:
-    // Contents that are too large for the value itself. Everything runs on one thread, so a plain count serves.
+    // Contents that are too large for the value itself. They never change; a text that the plant has read is a
+    // client's value at the same time, so that both threads count.
     struct SharedBody {
         virtual ~SharedBody() = default;
-        std::uint32_t references = 1;
+        std::atomic<std::uint32_t> references = 1;
     };
     struct TextBody final : SharedBody {
         explicit TextBody(std::string value) : text(std::move(value)) {}
@@ -187,7 +189,7 @@ class Variant {
                data_.kind == VariantKind::TextArray;
     }
     void release() noexcept {
-        if (isShared() && --data_.body.shared->references == 0) {
+        if (isShared() && data_.body.shared->references.fetch_sub(1, std::memory_order_acq_rel) == 1) {
             delete data_.body.shared;
         }
     }
