@@ -1,5 +1,6 @@
-// One update pass of a site's items, everything included: look-ups, conversion, quality, setting the item. Beside it
-// the least that such a pass could do with a plain map: find each item's record by its text key and copy it.
+// One update pass of a site's items, everything included: look-ups, conversion, quality, setting the item, and the
+// hand-over to the network's side. Beside it the least that such a pass could do with a plain map: find each item's
+// record by its text key and copy it.
 
 #include <benchmark/benchmark.h>
 #include <fmt/format.h>
@@ -13,8 +14,9 @@
 #include <vector>
 
 #include "CurrentData Reader/CurrentDataReader.h"
+#include "Message Loop/VirtualLoop.h"
 #include "OPC/OPC DA Server/SiteDataManager.h"
-#include "SLIK-DA/ItemStore.h"
+#include "SLIK-DA/SLIKServer.h"
 #include "Server/Fakes.h"
 
 namespace quelm {
@@ -45,31 +47,43 @@ class Site {
     void addItem(std::int32_t number, const std::string& id) {
         const fakes::Definition definition{.id = id,
                                            .name = fmt::format("Plant.Unit{}.Item{:06}", number % 50, number)};
-        manager_.CreateTag(items_, definition);
+        manager_.CreateTag(control_.SLIKTags(), definition);
     }
     void finish() {
         manager_.FinishTagCreation();
         clock_->fire("IOSManager: read CurrentIO");
+        control_.setHooks({[] {}, {}, {}, {}, {}});
+        control_.StartServer();
     }
-    void pass() { manager_.UpdateTagValues(); }
+    // Up to where clients see it, and the batch's memory is back.
+    void pass() {
+        manager_.UpdateTagValues();
+        plant_.drain();
+        network_.drain();
+        plant_.drain();
+    }
 
     Database& database() { return *database_; }
     fakes::SiteSetUp& definitions() { return definitions_; }
-    std::size_t goodItems() const {
+    std::size_t goodItems() {
         std::size_t good = 0;
-        for (std::size_t i = 0; i < items_.Count(); ++i) {
-            good += items_.at(i).Quality() == 0xC0 ? 1 : 0;
+        for (std::size_t i = 0; i < items().Count(); ++i) {
+            good += items().at(i).qualityWord() == 0xC0 ? 1 : 0;
         }
         return good;
     }
 
  private:
+    const ItemStore& items() { return control_.network().items(); }
+
     Silence silence_;
     fakes::Journal journal_;
     fakes::SiteSetUp definitions_;
     std::shared_ptr<fakes::Clock> clock_ = std::make_shared<fakes::Clock>(journal_);
     std::shared_ptr<Database> database_ = std::make_shared<Database>(journal_);
-    ItemStore items_;
+    VirtualLoop plant_;
+    VirtualLoop network_;
+    SLIKServer control_{plant_, network_};
     SiteDataManager manager_{SiteParts{
         [this](IDBIL&, std::string_view) { return std::make_unique<fakes::DataInterface>(journal_, definitions_); },
         [] { return std::make_unique<CurrentDataReader>(); }}};

@@ -122,11 +122,11 @@ void startServer() {
             activationPort, objectPort, password);
         std::filesystem::permissions(settings, std::filesystem::perms::owner_read);
         ::setenv("QUELM_DCOM_CONF", settings.c_str(), 1);
-        SLIKServer control;
+        AsioLoop loop;
+        SLIKServer control(loop, loop);
         for (std::int32_t number = 0; number < itemCount; ++number) {
             control.SLIKTags().Add(itemId(number), 1, Variant(20.0F + static_cast<float>(number)), 0xC0, localNow());
         }
-        AsioLoop loop;
         const auto silence = [](std::string_view) {};
         const auto trouble = [](std::string_view line) {
             std::fprintf(stderr, "%.*s\n", static_cast<int>(line.size()), line.data());

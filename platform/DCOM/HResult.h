@@ -18,6 +18,7 @@ inline constexpr HResult E_INVALIDARG = 0x80070057;
 inline constexpr HResult E_ACCESSDENIED = 0x80070005;
 inline constexpr HResult REGDB_E_CLASSNOTREG = 0x80040154;
 inline constexpr HResult CLASS_E_NOAGGREGATION = 0x80040110;
+inline constexpr HResult CO_E_SERVER_STOPPING = 0x80080008;
 inline constexpr HResult CONNECT_E_NOCONNECTION = 0x80040200;
 inline constexpr HResult CONNECT_E_ADVISELIMIT = 0x80040201;
 inline constexpr HResult CONNECT_E_CANNOTCONNECT = 0x80040202;

@@ -210,7 +210,7 @@ Enumerator<ItemAttributes> Group::enumerateItems() const {
     return Enumerator<ItemAttributes>(std::move(list));
 }
 
-HResult Group::askHost(std::span<const std::uint32_t> handles, std::span<const RequestedItem>& readings) {
+void Group::askHost(std::span<const std::uint32_t> handles, SLIKNetwork::ReadDone done) {
     asked_.clear();
     for (const std::uint32_t handle : handles) {
         const Slot* slot = find(handle);
@@ -218,7 +218,7 @@ HResult Group::askHost(std::span<const std::uint32_t> handles, std::span<const R
             asked_.push_back(slot->tag);
         }
     }
-    return static_cast<HResult>(application_->control().deviceRead(asked_, readings));
+    application_->control().deviceRead(asked_, std::move(done));
 }
 
 HResult Group::write(std::span<const std::uint32_t> handles, std::vector<HResult>& errors) {
@@ -230,7 +230,8 @@ HResult Group::write(std::span<const std::uint32_t> handles, std::vector<HResult
     if (valid == 0) {
         return all;
     }
-    const auto hostError = static_cast<HResult>(application_->control().write(valid));
+    HResult hostError = E_FAIL;
+    application_->control().write(valid, [&hostError](std::int32_t error) { hostError = static_cast<HResult>(error); });
     if (hostError != S_OK) {
         std::replace(errors.begin(), errors.end(), S_OK, hostError);
         all = S_FALSE;

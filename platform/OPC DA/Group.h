@@ -15,7 +15,7 @@
 #include "OPC DA/Coercion.h"
 #include "OPC DA/Enumerators.h"
 #include "OPC DA/HResults.h"
-#include "SLIK-DA/SLIKServer.h"
+#include "SLIK-DA/SLIKNetwork.h"
 
 namespace quelm::opcda {
 
@@ -161,8 +161,8 @@ class Group {
     ItemResult validate(const ItemDefinition& item, const SLIKTag*& tag) const;
     std::uint32_t insert(const ItemDefinition& item, const SLIKTag& tag);
     void remove(std::uint32_t handle, Slot& slot);
-    // Puts the valid tags of a call together and raises OnRead; the event's error code.
-    HResult askHost(std::span<const std::uint32_t> handles, std::span<const RequestedItem>& readings);
+    // Puts the valid tags of a call together and raises OnRead.
+    void askHost(std::span<const std::uint32_t> handles, SLIKNetwork::ReadDone done);
     void noteDataSent();
     void copyItemsFrom(const Group& other);
     void detach();
@@ -233,25 +233,26 @@ HResult Group::readDevice(std::span<const std::uint32_t> handles, Sink&& sink) {
     if (handles.empty()) {
         return E_INVALIDARG;
     }
-    std::span<const RequestedItem> readings;
-    const HResult hostError = askHost(handles, readings);
     bool allGood = true;
-    std::size_t next = 0;
-    for (const std::uint32_t handle : handles) {
-        const Slot* slot = findReadable(handle, sink);
-        if (slot == nullptr) {
-            allGood = false;
-            continue;
+    askHost(handles, [&](std::int32_t error, std::span<const RequestedItem> readings) {
+        const auto hostError = static_cast<HResult>(error);
+        std::size_t next = 0;
+        for (const std::uint32_t handle : handles) {
+            const Slot* slot = findReadable(handle, sink);
+            if (slot == nullptr) {
+                allGood = false;
+                continue;
+            }
+            const std::size_t index = next++;
+            if (hostError != S_OK || !readings[index].isFilled()) {
+                deliverError(slot->clientHandle, hostError != S_OK ? hostError : E_FAIL, sink);
+                allGood = false;
+                continue;
+            }
+            const RequestedItem& reading = readings[index];
+            allGood &= deliver(*slot, reading.value(), reading.qualityWord(), reading.fileTime(), sink);
         }
-        if (hostError != S_OK || !readings[next].isFilled()) {
-            deliverError(slot->clientHandle, hostError != S_OK ? hostError : E_FAIL, sink);
-            allGood = false;
-            ++next;
-            continue;
-        }
-        const RequestedItem& reading = readings[next++];
-        allGood &= deliver(*slot, reading.value(), reading.qualityWord(), reading.fileTime(), sink);
-    }
+    });
     noteDataSent();
     return allGood ? S_OK : S_FALSE;
 }

@@ -41,7 +41,7 @@ HResult ItemIO::read(std::span<const std::string_view> itemIds, std::span<const 
     for (std::size_t i = 0; i < itemIds.size(); ++i) {
         const SLIKTag* tag = nullptr;
         ItemIOReading& reading = readings[i];
-        reading.error = findItem(control_->SLIKTags(), itemIds[i], tag);
+        reading.error = findItem(control_->items(), itemIds[i], tag);
         if (tag == nullptr) {
             continue;
         }
@@ -64,19 +64,20 @@ HResult ItemIO::read(std::span<const std::string_view> itemIds, std::span<const 
 
 void ItemIO::readDevice(std::span<const SLIKTag* const> asked, std::span<const std::size_t> askedAt,
                         std::vector<ItemIOReading>& readings) {
-    std::span<const RequestedItem> answers;
-    const auto hostError = static_cast<HResult>(control_->deviceRead(asked, answers));
-    for (std::size_t i = 0; i < asked.size(); ++i) {
-        ItemIOReading& reading = readings[askedAt[i]];
-        if (hostError != S_OK || !answers[i].isFilled()) {
-            reading.error = hostError != S_OK ? hostError : E_FAIL;
-            continue;
+    control_->deviceRead(asked, [&](std::int32_t error, std::span<const RequestedItem> answers) {
+        const auto hostError = static_cast<HResult>(error);
+        for (std::size_t i = 0; i < asked.size(); ++i) {
+            ItemIOReading& reading = readings[askedAt[i]];
+            if (hostError != S_OK || !answers[i].isFilled()) {
+                reading.error = hostError != S_OK ? hostError : E_FAIL;
+                continue;
+            }
+            reading.value = answers[i].value();
+            reading.quality = answers[i].qualityWord();
+            reading.fileTime = answers[i].fileTime();
+            settle(reading);
         }
-        reading.value = answers[i].value();
-        reading.quality = answers[i].qualityWord();
-        reading.fileTime = answers[i].fileTime();
-        settle(reading);
-    }
+    });
 }
 
 HResult ItemIO::writeVQT(std::span<const std::string_view> itemIds, std::vector<HResult>& errors) {
@@ -86,11 +87,13 @@ HResult ItemIO::writeVQT(std::span<const std::string_view> itemIds, std::vector<
     }
     for (const std::string_view itemId : itemIds) {
         const SLIKTag* tag = nullptr;
-        errors.push_back(findItem(control_->SLIKTags(), itemId, tag));
+        errors.push_back(findItem(control_->items(), itemId, tag));
     }
     const auto valid = static_cast<std::size_t>(std::count(errors.begin(), errors.end(), S_OK));
     if (valid > 0) {
-        std::replace(errors.begin(), errors.end(), S_OK, static_cast<HResult>(control_->write(valid)));
+        control_->write(valid, [&errors](std::int32_t error) {
+            std::replace(errors.begin(), errors.end(), S_OK, static_cast<HResult>(error));
+        });
     }
     return std::all_of(errors.begin(), errors.end(), [](HResult error) { return error == S_OK; }) ? S_OK : S_FALSE;
 }

@@ -9,7 +9,7 @@
 
 #include "OPC DA/Coercion.h"
 #include "OPC DA/HResults.h"
-#include "SLIK-DA/SLIKServer.h"
+#include "SLIK-DA/SLIKNetwork.h"
 
 namespace quelm::opcda {
 
@@ -24,7 +24,7 @@ struct ItemIOReading {
 
 class ItemIO {
  public:
-    explicit ItemIO(SLIKServer& control) : control_(&control) {}
+    explicit ItemIO(SLIKNetwork& control) : control_(&control) {}
 
     // maxAges: milliseconds, one for each item. A cached value whose time stamp is no older than that is delivered;
     // for the others OnRead is raised once. 0 always asks, 0xFFFFFFFF never does.
@@ -39,7 +39,7 @@ class ItemIO {
     void readDevice(std::span<const SLIKTag* const> asked, std::span<const std::size_t> askedAt,
                     std::vector<ItemIOReading>& readings);
 
-    SLIKServer* control_;
+    SLIKNetwork* control_;
 };
 
 }  // namespace quelm::opcda

@@ -36,11 +36,11 @@ Variant utcDate(std::int64_t fileTime) {
 Variant propertyOf(const SLIKTag& tag, std::uint32_t id) {
     switch (id) {
         case dataType:
-            return Variant(tag.DataType());
+            return Variant(static_cast<std::int16_t>(tag.varType()));
         case itemValue:
             return tag.Value();
         case itemQuality:
-            return Variant(tag.Quality());
+            return Variant(static_cast<std::int16_t>(tag.qualityWord()));
         case itemTimestamp:
             return utcDate(tag.fileTime());
         case accessRights:

@@ -27,15 +27,14 @@ bool isAvailable(std::uint32_t localeId) {
 
 }  // namespace
 
-Application::Application(SLIKServer& control) : control_(&control), startTime_(timeSource().fileTimeNow()) {}
+Application::Application(SLIKNetwork& control) : control_(&control), startTime_(timeSource().fileTimeNow()) {}
 
 Server::Server(Application& application)
     : application_(&application),
+      isAdmitted_(application.control().clientCreated()),
       browser_(application.items()),
       properties_(application.items()),
-      itemIO_(application.control()) {
-    application.control().clientCreated();
-}
+      itemIO_(application.control()) {}
 
 Server::~Server() {
     for (const std::shared_ptr<Group>& group : groups_) {
@@ -46,7 +45,9 @@ Server::~Server() {
             group->detach();
         }
     }
-    application_->control().clientGone();
+    if (isAdmitted_) {
+        application_->control().clientGone();
+    }
 }
 
 bool Server::isNameTaken(std::string_view name) const {

@@ -17,22 +17,22 @@
 #include "OPC DA/HResults.h"
 #include "OPC DA/ItemIO.h"
 #include "OPC DA/Properties.h"
-#include "SLIK-DA/SLIKServer.h"
+#include "SLIK-DA/SLIKNetwork.h"
 
 namespace quelm::opcda {
 
 // What all server objects of the process share. Lives longer than any of them.
 class Application {
  public:
-    explicit Application(SLIKServer& control);
-    SLIKServer& control() { return *control_; }
-    const ItemStore& items() const { return control_->SLIKTags(); }
+    explicit Application(SLIKNetwork& control);
+    SLIKNetwork& control() { return *control_; }
+    const ItemStore& items() const { return control_->items(); }
     std::int64_t startTime() const { return startTime_; }  // UTC, FILETIME
     // Never 0, and none twice within four thousand million groups.
     std::uint32_t nextGroupHandle() { return ++lastGroupHandle_ != 0 ? lastGroupHandle_ : ++lastGroupHandle_; }
 
  private:
-    SLIKServer* control_;
+    SLIKNetwork* control_;
     std::int64_t startTime_;
     std::uint32_t lastGroupHandle_ = 0;
 };
@@ -81,6 +81,9 @@ class Server {
     Server(const Server&) = delete;
     Server& operator=(const Server&) = delete;
 
+    // False: it came when the server was already going, serves nobody and does not count.
+    bool isAdmitted() const { return isAdmitted_; }
+
     // S_OK or OPC_S_UNSUPPORTEDRATE with the group; OPC_E_DUPLICATENAME, or E_INVALIDARG for a deadband outside
     // 0 to 100.
     HResult addGroup(const GroupRequest& request, std::shared_ptr<Group>& group);
@@ -122,6 +125,7 @@ class Server {
     std::shared_ptr<Group> insert(std::string name, const GroupState& state);
 
     Application* application_;
+    bool isAdmitted_;
     std::vector<std::shared_ptr<Group>> groups_;
     std::vector<std::weak_ptr<Group>> leaving_;  // removed while in use
     std::uint32_t lastNumber_ = 0;

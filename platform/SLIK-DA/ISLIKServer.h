@@ -33,7 +33,7 @@ class ISLIKTags {
  public:
     virtual ~ISLIKTags() = default;
     // lngAccessRights: 1 = readable, 2 = writable. Names are unique without regard to case; raises RuntimeError 457
-    // for a name in use, 5 for an empty name. The item lives as long as the control.
+    // for a name in use, 5 for an empty name and once clients are let in. The item lives as long as the control.
     virtual ISLIKTag& Add(std::string_view strName, std::int32_t lngAccessRights, const Variant& varValue,
                           std::int16_t intQuality, Date dtmTimestamp) = 0;
     // Raises RuntimeError 5 when there is no item of that name.
@@ -72,9 +72,9 @@ class ISLIKServer {
     virtual std::string AppID() const = 0;
     virtual std::string AppName() const = 0;
     virtual ISLIKTags& SLIKTags() = 0;
-    // Asks connected clients to disconnect; they may or may not.
+    // Asks connected clients to disconnect; they may or may not. Where there is none, none is let in any more.
     virtual void RequestDisconnect(std::string_view strReason) = 0;
-    // At least one client holds a server object.
+    // At least one client holds a server object. False right after RequestDisconnect stays so: nobody comes any more.
     virtual bool InUse() const = 0;
 };
 

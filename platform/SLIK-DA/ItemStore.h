@@ -1,7 +1,8 @@
 #pragma once
 
-// The control's items and their cache: what every client reads. Made for 100,000 items: lean, stable addresses,
-// and a SetVQT that neither allocates nor converts a time stamp twice.
+// The items as clients see them: what the plant handed over last. Belongs to the network's side, where reading an item
+// takes no look-up and no copy, and a new block of values takes the place of the one before in one step, so that no
+// client ever sees half a pass.
 
 #include <cstdint>
 #include <deque>
@@ -9,102 +10,85 @@
 #include <string_view>
 #include <vector>
 
-#include "SLIK-DA/ISLIKServer.h"
+#include "SLIK-DA/ItemBlock.h"
+#include "SLIK-DA/ItemNames.h"
 
 namespace quelm {
 
-// Local time stamps as UTC in 100-nanosecond units since 1601. All items of a pass carry the same stamp, so the last
-// conversion is kept.
-class StampConverter {
+class ItemStore;
+
+class SLIKTag final {
  public:
-    // 0 for no date and for what lies outside a Date's range.
-    std::int64_t fileTime(Date local) {
-        if (local.days != lastDays_) {
-            convert(local);
-        }
-        return lastFileTime_;
-    }
-
- private:
-    void convert(Date local);
-
-    double lastDays_ = 0;
-    std::int64_t lastFileTime_ = 0;
-};
-
-class SLIKTag final : public ISLIKTag {
- public:
-    SLIKTag(StampConverter& stamps, std::string_view name, std::uint8_t accessRights, const Variant& value,
-            std::int16_t quality, Date timestamp);
+    SLIKTag(const ItemStore& store, std::uint32_t number, std::uint16_t varType, std::uint8_t accessRights)
+        : store_(&store), number_(number), varType_(varType), accessRights_(accessRights) {}
     SLIKTag(const SLIKTag&) = delete;
     SLIKTag& operator=(const SLIKTag&) = delete;
 
-    const std::string& Name() const override { return name_; }
-    std::int16_t DataType() const override { return static_cast<std::int16_t>(dataType_); }
-    const Variant& Value() const override { return value_; }
-    std::int16_t Quality() const override { return static_cast<std::int16_t>(quality_); }
-    Date Timestamp() const override { return timestamp_; }
-    void SetVQT(const Variant& varValue, std::int16_t intQuality, Date dtmTimestamp) override;
-
-    // The same as clients see it: VARTYPE, the quality word's 16 bits, the time stamp in UTC as FILETIME.
-    std::uint16_t varType() const { return dataType_; }
-    std::uint16_t qualityWord() const { return quality_; }
-    std::int64_t fileTime() const { return fileTime_; }
+    const std::string& Name() const;
+    // Valid until the control's network side runs its next message.
+    const Variant& Value() const;
+    std::uint16_t qualityWord() const;
+    // The time stamp in UTC as FILETIME; 0: none.
+    std::int64_t fileTime() const;
+    // VARTYPE of the initial value (0: Empty).
+    std::uint16_t varType() const { return varType_; }
     // 1 = readable, 2 = writable
     std::uint8_t accessRights() const { return accessRights_; }
-    // Counts the SetVQT calls; wraps round.
-    std::uint32_t changes() const { return changes_; }
 
  private:
-    Variant value_;
-    std::int64_t fileTime_ = 0;
-    std::uint16_t quality_ = 0;
-    std::uint16_t dataType_ = 0;
-    std::uint8_t accessRights_ = 0;
-    std::uint32_t changes_ = 0;
-    Date timestamp_;
-    StampConverter* stamps_;
-    std::string name_;
+    const ItemStore* store_;
+    std::uint32_t number_;
+    std::uint16_t varType_;
+    std::uint8_t accessRights_;
 };
 
-class ItemStore final : public ISLIKTags {
+class ItemStore final {
  public:
-    ItemStore() = default;
+    // names must outlive the store; block as in show().
+    ItemStore(const ItemNames& names, const ItemBlock& block) : names_(&names), shown_(&block) {}
     ItemStore(const ItemStore&) = delete;
     ItemStore& operator=(const ItemStore&) = delete;
 
-    SLIKTag& Add(std::string_view strName, std::int32_t lngAccessRights, const Variant& varValue,
-                 std::int16_t intQuality, Date dtmTimestamp) override;
-    SLIKTag& Item(std::string_view strName) override;
-    std::size_t Count() const override { return tags_.size(); }
-
+    std::size_t Count() const { return tags_.size(); }
     // Without regard to case; nullptr when there is no such item. No allocation for names of usual length.
     const SLIKTag* find(std::string_view name) const;
     // index: 0 to Count() - 1, in the order of adding
     const SLIKTag& at(std::size_t index) const { return tags_[index]; }
 
     // All items ordered by folded name with "." before every other character, so that the items below one branch of
-    // the name hierarchy stand together. Made at the first call after an Add, then kept (4 bytes an item).
+    // the name hierarchy stand together. Made at the first call after an item was added, then kept (4 bytes an item).
     const std::vector<std::uint32_t>& browseOrder() const;
 
-    StampConverter& stamps() { return stamps_; }
+    // For the control: one more item, whose name is in the names and whose value is in the block.
+    void add(std::uint16_t varType, std::uint8_t accessRights);
+    // For the control: these are the values from now on, as long as nothing else is shown. Gives back those before.
+    const ItemBlock& show(const ItemBlock& block);
 
  private:
-    // Of an open-addressing table; a whole hash beside the number spares nearly every look at a name.
-    struct IndexEntry {
-        std::uint32_t hash = 0;
-        std::uint32_t number = 0;  // index + 1; 0: free
-    };
+    friend class SLIKTag;
 
-    std::uint32_t numberOf(std::string_view folded, std::uint32_t hash) const;
-    void enter(std::uint32_t hash, std::uint32_t number);
-    void makeRoom();
-
-    StampConverter stamps_;
+    const ItemNames* names_;
+    const ItemBlock* shown_;
     std::deque<SLIKTag> tags_;
-    std::vector<IndexEntry> index_;
     mutable std::vector<std::uint32_t> browseOrder_;
 };
+
+inline const std::string& SLIKTag::Name() const {
+    return (*store_->names_)[number_];
+}
+
+inline const Variant& SLIKTag::Value() const {
+    return store_->shown_->values[number_].value;
+}
+
+inline std::uint16_t SLIKTag::qualityWord() const {
+    return store_->shown_->values[number_].quality;
+}
+
+inline std::int64_t SLIKTag::fileTime() const {
+    const ItemBlock& block = *store_->shown_;
+    return block.stampOf(block.values[number_]).fileTime;
+}
 
 // Compares two names in the order of ItemStore::browseOrder; both already folded.
 int compareBrowseOrder(std::string_view foldedLeft, std::string_view foldedRight);

@@ -6,8 +6,6 @@ namespace quelm {
 
 namespace {
 
-constexpr auto outOfMemory = static_cast<std::int32_t>(0x8007000EU);
-
 void callOrRaise(const std::function<void()>& hook, const char* withoutHook) {
     if (!hook) {
         throw RuntimeError(errors::invalidCall, withoutHook);
@@ -20,22 +18,6 @@ constexpr const char* registeredByPackage =
 
 }  // namespace
 
-void RequestedItem::ask(const SLIKTag& tag, StampConverter& stamps) {
-    tag_ = &tag;
-    stamps_ = &stamps;
-    filled_ = false;
-}
-
-void RequestedItem::SetVQT(const Variant& varValue, std::int16_t intQuality, Date dtmTimestamp) {
-    if (varValue.kind() == VariantKind::Object) {
-        throw RuntimeError(errors::typeMismatch);
-    }
-    value_ = varValue;
-    quality_ = static_cast<std::uint16_t>(intQuality);
-    fileTime_ = stamps_->fileTime(dtmTimestamp);
-    filled_ = true;
-}
-
 void SLIKServer::RegisterServer() {
     callOrRaise(hooks_.registerServer, registeredByPackage);
 }
@@ -44,8 +26,18 @@ void SLIKServer::UnregisterServer() {
     callOrRaise(hooks_.unregisterServer, registeredByPackage);
 }
 
+// The network's thread must find everything ready: items, values, and an open crossing.
 void SLIKServer::StartServer() {
-    callOrRaise(hooks_.openNetwork, "There is no network to let clients in from");
+    if (!items_.isClosed()) {
+        items_.close([this] { crossing_.afterPlantsHandler([this] { handOver(); }); });
+    }
+    crossing_.open();
+    try {
+        callOrRaise(hooks_.openNetwork, "There is no network to let clients in from");
+    } catch (...) {
+        crossing_.close();
+        throw;
+    }
 }
 
 std::string SLIKServer::AppID() const {
@@ -56,78 +48,76 @@ std::string SLIKServer::AppName() const {
     return std::string(identity::description);
 }
 
+// A client that is there now counts for the rest of this handler: were it to go before InUse is asked, another one
+// could come after it, and would be thrown out. Its going is an event of its own.
 void SLIKServer::RequestDisconnect(std::string_view strReason) {
+    if (!door_.close()) {
+        wasInUse_ = true;
+        crossing_.afterPlantsHandler([this] { wasInUse_ = false; });
+    }
     if (hooks_.requestDisconnect) {
         hooks_.requestDisconnect(strReason);
     }
 }
 
-void SLIKServer::clientGone() noexcept {
-    --clients_;
+// One batch is under way at a time. What the plant sets meanwhile goes with the next one: the network, which never
+// waits, is not far behind.
+void SLIKServer::handOver() {
+    const ItemBlock* batch = underWay_ ? nullptr : items_.takeBatch();
+    if (batch == nullptr) {
+        return;
+    }
+    underWay_ = true;
+    crossing_.toNetwork([this, batch] {
+        const ItemBlock& before = items_.shown().show(*batch);
+        crossing_.toPlant([this, &before] {
+            underWay_ = false;
+            items_.giveBack(before);
+            handOver();
+        });
+    });
+}
+
+// False: the handler let a failure out, or there is none.
+template <class Raise>
+bool SLIKServer::raise(std::string_view event, Raise&& how) noexcept {
     if (events_ == nullptr) {
-        return;
+        return false;
     }
     try {
-        events_->SLIKServer1_OnClientDisconnect(clients_);
+        how(*events_);
+        return true;
     } catch (...) {
-        reportFailure("OnClientDisconnect");
-    }
-}
-
-std::int32_t SLIKServer::deviceRead(std::span<const SLIKTag* const> tags,
-                                    std::span<const RequestedItem>& readings) noexcept {
-    readings = {};
-    if (tags.empty()) {
-        return 0;
-    }
-    try {
-        if (requested_.size() < tags.size()) {
-            requested_.resize(tags.size());
-        }
-        requestedPointers_.resize(tags.size());
-    } catch (...) {
-        return outOfMemory;
-    }
-    for (std::size_t i = 0; i < tags.size(); ++i) {
-        requested_[i].ask(*tags[i], items_.stamps());
-        requestedPointers_[i] = &requested_[i];
-    }
-    std::int32_t error = events_ == nullptr ? failed : 0;
-    if (events_ != nullptr) {
         try {
-            events_->SLIKServer1_OnRead(static_cast<std::int32_t>(tags.size()), requestedPointers_, error);
+            if (hooks_.eventFailed) {
+                hooks_.eventFailed(event, currentError());
+            }
         } catch (...) {
-            reportFailure("OnRead");
-            error = failed;
+            // The report itself failed, and there is nobody left to tell; the clients must be served on.
+            return false;
         }
     }
-    readings = std::span<const RequestedItem>(requested_).first(tags.size());
-    return error;
+    return false;
 }
 
-std::int32_t SLIKServer::write(std::size_t count) noexcept {
-    std::int32_t error = events_ == nullptr ? failed : 0;
-    if (events_ == nullptr || count == 0) {
-        return error;
-    }
-    try {
-        events_->SLIKServer1_OnWrite(static_cast<std::int32_t>(count), error);
-    } catch (...) {
-        reportFailure("OnWrite");
-        error = failed;
-    }
-    return error;
+void SLIKServer::raiseDisconnect(std::int32_t remaining) noexcept {
+    raise("OnClientDisconnect", [&](ISLIKServerEvents& events) { events.SLIKServer1_OnClientDisconnect(remaining); });
 }
 
-void SLIKServer::reportFailure(std::string_view event) noexcept {
-    try {
-        if (hooks_.eventFailed) {
-            hooks_.eventFailed(event, currentError());
-        }
-    } catch (...) {
-        // The report itself failed, and there is nobody left to tell; the clients must be served on.
-        return;
-    }
+std::int32_t SLIKServer::raiseRead(const std::vector<ISLIKRequestedItem*>& items) noexcept {
+    std::int32_t error = 0;
+    const bool answered = raise("OnRead", [&](ISLIKServerEvents& events) {
+        events.SLIKServer1_OnRead(static_cast<std::int32_t>(items.size()), items, error);
+    });
+    return answered ? error : failed;
+}
+
+std::int32_t SLIKServer::raiseWrite(std::size_t count) noexcept {
+    std::int32_t error = 0;
+    const bool answered = raise("OnWrite", [&](ISLIKServerEvents& events) {
+        events.SLIKServer1_OnWrite(static_cast<std::int32_t>(count), error);
+    });
+    return answered ? error : failed;
 }
 
 }  // namespace quelm

@@ -2,6 +2,7 @@
 // out. Whatever they hold, a known method answers in full, and nothing is left when the client is gone.
 
 #include "FuzzInput.h"
+#include "Message Loop/VirtualLoop.h"
 #include "OPC DA/wire/Iids.h"
 #include "OPC DA/wire/OpcClassFactory.h"
 #include "OPC DA/wire/OpcGroupObject.h"
@@ -75,7 +76,7 @@ class Plant {
  public:
     Plant() {
         control_.SetEvents(&host_);
-        ItemStore& items = control_.SLIKTags();
+        PlantItems& items = control_.SLIKTags();
         const Date now = localNow();
         items.Add("A.Temp", 1, 12.5F, static_cast<std::int16_t>(0x80C0U), now);
         items.Add("A.B.Count", 3, std::int32_t{7}, 0xC0, now);
@@ -135,9 +136,10 @@ class Plant {
         require(reply_.size() < 1000 * (stub.size() + 100), "a reply is of a sane length");
     }
 
-    SLIKServer control_;
+    VirtualLoop loop_;
+    SLIKServer control_{loop_, loop_};
     Host host_;
-    opcda::Application application_{control_};
+    opcda::Application application_{control_.network()};
     Client client_;
     std::vector<std::uint8_t> reply_;
 };

@@ -12,8 +12,10 @@ dcom::Uuid OpcClassFactory::classId() const {
 
 std::shared_ptr<dcom::orpc::ComObject> OpcClassFactory::create(const dcom::rpc::Peer& /*peer*/,
                                                                const std::string& /*account*/, dcom::HResult& result) {
-    result = S_OK;
-    return std::make_shared<OpcServerObject>(application_);
+    auto object = std::make_shared<OpcServerObject>(application_);
+    const bool isAdmitted = object->server()->isAdmitted();
+    result = isAdmitted ? S_OK : dcom::CO_E_SERVER_STOPPING;
+    return isAdmitted ? object : nullptr;
 }
 
 }  // namespace quelm::opcda::wire

@@ -43,7 +43,7 @@ dcom::orpc::ExporterSettings exporterSettings(const dcom::DcomSettings& settings
 struct OpcNetwork::Impl {
     Impl(SLIKServer& control, AsioLoop& loop, const Lines& lines, dcom::DcomSettings read)
         : settings(std::move(read)),
-          application(control),
+          application(control.network()),
           exporter(exporterSettings(settings, lines.trouble), [] { return timeSource().monotonicMilliseconds(); }),
           activationHandler(exporter, classes),
           objectHandler(exporter, opcda::wire::isOpcInterface),

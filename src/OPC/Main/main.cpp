@@ -266,7 +266,7 @@ class Program {
 
     AsioLoop loop_;
     MainWindow window_;
-    SLIKServer control_;
+    SLIKServer control_{loop_, loop_};
     OpcNetwork network_;
     frmOPCQuelm form_;
     std::unique_ptr<ITimer> firstReadsDone_ = loop_.makeTimer(giveBackMemory);

@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "Message Loop/VirtualLoop.h"
 #include "OPC DA/Server.h"
 #include "SLIK-DA/SLIKServer.h"
 #include "Shared Types/TimeSource.h"
@@ -97,7 +98,7 @@ class OpcDaTest : public testing::Test {
         add("Status", Variant(true));
     }
 
-    SLIKTag& add(std::string_view name, const Variant& value, std::int32_t rights = 1) {
+    ISLIKTag& add(std::string_view name, const Variant& value, std::int32_t rights = 1) {
         return control.SLIKTags().Add(name, rights, value, 0xC0, noon);
     }
 
@@ -126,9 +127,10 @@ class OpcDaTest : public testing::Test {
     const Date noon = makeDate(2026, 3, 5, 12);
     ManualTimeSource clock{noon, 60};
     ScopedTimeSource inForce{clock};
-    SLIKServer control;
+    VirtualLoop loop;
+    SLIKServer control{loop, loop};
     RecordingEvents events{control};
-    Application application{control};
+    Application application{control.network()};
 };
 
 }  // namespace quelm::opcda

@@ -143,7 +143,7 @@ TEST_F(GroupTest, ReadsDeliverTheRequestedTypeAndTheWholeQualityWord) {
 }
 
 TEST_F(GroupTest, AnItemWithoutValueIsEmptyAndOtherKindsBecomeItsOwnType) {
-    SLIKTag& tag = control.SLIKTags().Item("Plant.Stack1.NOx");
+    ISLIKTag& tag = control.SLIKTags().Item("Plant.Stack1.NOx");
     const Handles handles = addItems(*group, {"Plant.Stack1.NOx"});
     tag.SetVQT(Variant(), 0, noon);
     EXPECT_THAT(cached(handles), ElementsAre(Seen{S_OK, 100}));

@@ -40,7 +40,7 @@ class ItemIOTest : public OpcDaTest {
         return result;
     }
 
-    ItemIO io{control};
+    ItemIO io{control.network()};
     std::vector<ItemIOReading> readings;
     std::vector<HResult> errors;
 };

@@ -28,7 +28,7 @@ TEST_F(ServerTest, AnEventHandlersFailureIsReportedAndHurtsNobody) {
     };
     control.setHooks(hooks);
     events.throws = true;
-    EXPECT_EQ(control.write(1), SLIKServer::failed);
+    control.network().write(1, [](std::int32_t error) { EXPECT_EQ(error, SLIKServer::failed); });
     { Server other(application); }
     control.setHooks({});
     EXPECT_THAT(reports, ElementsAre("OnWrite: 6, Overflow", "OnClientDisconnect: 6, Overflow"));

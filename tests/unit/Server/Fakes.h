@@ -12,6 +12,7 @@
 #include <utility>
 #include <vector>
 
+#include "Message Loop/VirtualLoop.h"
 #include "OPC/OPC DA Server/frmOPCQuelm.h"
 #include "SLIK-DA/SLIKServer.h"
 #include "Server/LibraryFakes.h"
@@ -170,7 +171,8 @@ struct Host : World {
 
     SystemINI ini;
     std::shared_ptr<IClock> realClock;  // takes the place of the fake one when set
-    SLIKServer slik;
+    VirtualLoop loop;
+    SLIKServer slik{loop, loop};
     Failure controlFailure, logFailure;
     Window window{journal};
     std::map<std::string, SiteSetUp> sites;

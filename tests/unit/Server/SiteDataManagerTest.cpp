@@ -26,7 +26,7 @@ class Site : public fakes::World {
     }
     bool create(const Definition& definition) { return manager.CreateTag(tags, definition); }
     // The pass over the only tag.
-    const SLIKTag& update() {
+    const ISLIKTag& update() {
         clock->fire("IOSManager: read CurrentIO");
         messages.take();
         manager.UpdateTagValues();
@@ -34,7 +34,7 @@ class Site : public fakes::World {
     }
 
     fakes::SiteSetUp setUp;
-    ItemStore tags;
+    PlantItems tags;
     SiteDataManager manager{
         SiteParts{[this](IDBIL&, std::string_view) { return std::make_unique<fakes::DataInterface>(journal, setUp); },
                   [this] { return std::make_unique<fakes::CurrentDataReader>(journal, setUp); }}};
@@ -100,11 +100,11 @@ TEST(CreateTag, StartsItemsReadOnlyWithCommunicationFailure) {
         SCOPED_TRACE(c.dataType);
         Site site;
         EXPECT_TRUE(site.create({.dataType = c.dataType, .nullValue = c.nullValue}));
-        const SLIKTag& tag = site.tags.Item("T");
+        const ISLIKTag& tag = site.tags.Item("T");
         EXPECT_EQ(tag.Value(), c.value);
         EXPECT_EQ(tag.Quality(), 0x18);
         EXPECT_EQ(tag.Timestamp(), localNow());
-        EXPECT_EQ(tag.accessRights(), 1);
+        EXPECT_EQ(site.tags.shown().at(0).accessRights(), 1);
     }
 }
 
@@ -204,9 +204,9 @@ Variant code(std::int32_t number) {
     return Variant(number);
 }
 
-void check(const SLIKTag& tag, const Fed& expected) {
+void check(const ISLIKTag& tag, const Fed& expected) {
     EXPECT_EQ(tag.Value(), expected.value);
-    EXPECT_EQ(tag.qualityWord(), expected.quality);
+    EXPECT_EQ(static_cast<std::uint16_t>(tag.Quality()), expected.quality);
     EXPECT_EQ(tag.Timestamp(), localNow());
 }
 

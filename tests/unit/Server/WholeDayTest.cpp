@@ -8,8 +8,8 @@ namespace quelm {
 namespace {
 
 TEST(WholeDay, BringsEveryReadEveryPassAndOneMidnight) {
-    VirtualLoop loop;
     fakes::Host host;
+    VirtualLoop& loop = host.loop;
     // Loop and clock go on together, second by second.
     const auto run = [&](int seconds) {
         for (int i = 0; i < seconds; ++i) {

@@ -279,7 +279,7 @@ TEST_F(RunningServer, CopiesTheCacheOnADeviceRead) {
 }
 
 TEST_F(RunningServer, RefusesEveryWrite) {
-    EXPECT_EQ(host.slik.write(4), SLIKServer::failed);
+    host.slik.network().write(4, [](std::int32_t error) { EXPECT_EQ(error, SLIKServer::failed); });
     EXPECT_THAT(host.journal.lines,
                 ElementsAre("log 1 [OPC-0124] OnWrite   count=4",
                             "log 4 [OPC-0125] This application does not support OPC writes; write attempt will be "
@@ -298,11 +298,11 @@ const Lines sitesDown = unloading + "log 1 [OPC-0111] Unloading of OPC Server co
 const Lines logClosed{"dbil: terminate", "log! 1 [OPC-0134] Stopping log...", "log: close", "window: close"};
 
 TEST_F(RunningServer, UnloadsFiveSecondsAfterTheLastClient) {
-    host.slik.clientCreated();
-    host.slik.clientCreated();
-    host.slik.clientGone();
+    host.slik.network().clientCreated();
+    host.slik.network().clientCreated();
+    host.slik.network().clientGone();
     EXPECT_THAT(host.journal.take(), ElementsAre("log! 1 [OPC-0113] Client disconnecting:  remaining clients=1"));
-    host.slik.clientGone();
+    host.slik.network().clientGone();
     EXPECT_EQ(host.journal.take(), lastClient);
     host.window.timer.handler();
     EXPECT_EQ(host.journal.take(), sitesDown + siteDown + logClosed);
@@ -312,7 +312,7 @@ TEST_F(RunningServer, UnloadsFiveSecondsAfterTheLastClient) {
 }
 
 TEST_F(RunningServer, StaysWhileAClientHoldsIt) {
-    host.slik.clientCreated();
+    host.slik.network().clientCreated();
     host.window.timer.handler();
     EXPECT_THAT(host.journal.take(), ElementsAre("timer: enabled=false", "timer: interval=0"));
     EXPECT_FALSE(host.form->Unload());

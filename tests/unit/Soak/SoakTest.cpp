@@ -185,8 +185,9 @@ class Soak : public testing::Test {
     std::vector<std::string> itemsOf(Date pass) {
         std::vector<std::string> items;
         for (std::size_t i = 0; i < control_.SLIKTags().Count(); ++i) {
-            const SLIKTag& tag = control_.SLIKTags().at(i);
-            EXPECT_NEAR(tag.Timestamp().days, pass.days, 0.1 / 86400) << tag.Name();
+            const ISLIKTag& passed = control_.SLIKTags().at(i);
+            EXPECT_NEAR(passed.Timestamp().days, pass.days, 0.1 / 86400) << passed.Name();
+            const SLIKTag& tag = control_.network().items().at(i);
             items.push_back(fmt::format("{} = '{}' {:04X}", tag.Name(), toText(tag.Value()), tag.qualityWord()));
         }
         return items;
@@ -348,7 +349,7 @@ class Soak : public testing::Test {
     fakes::Journal journal_;
     fakes::SystemINI ini_;
     fakes::Window window_{journal_};
-    SLIKServer control_;
+    SLIKServer control_{loop_, loop_};
     int tick_ = 0;
 };
 

@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "FakeContext.h"
+#include "Message Loop/VirtualLoop.h"
 #include "OPC DA/wire/Iids.h"
 #include "OPC DA/wire/OpcServerObject.h"
 #include "Parameters.h"
@@ -39,7 +40,7 @@ class HostEvents final : public ISLIKServerEvents {
                             std::int32_t& lngError) override {
         reads.push_back(lngCount);
         for (ISLIKRequestedItem* item : objItems) {
-            const SLIKTag& tag = control_.SLIKTags().Item(item->Name());
+            const ISLIKTag& tag = control_.SLIKTags().Item(item->Name());
             item->SetVQT(tag.Value(), tag.Quality(), tag.Timestamp());
         }
         lngError = 0;
@@ -73,7 +74,7 @@ class OpcWire : public ::testing::Test {
     OpcWire() {
         control_.SetEvents(&events_);
         const Date now = localNow();
-        ItemStore& items = control_.SLIKTags();
+        PlantItems& items = control_.SLIKTags();
         items.Add("A.Temp", 1, 12.5F, static_cast<std::int16_t>(0x80C0U), now);
         items.Add("A.Count", 1, std::int32_t{7}, 0xC0, now);
         items.Add("Name", 1, "Ab", 0x40, now);
@@ -141,9 +142,10 @@ class OpcWire : public ::testing::Test {
 
     ManualTimeSource time_{makeDate(2026, 1, 2, 3, 4, 5)};
     ScopedTimeSource scope_{time_};
-    SLIKServer control_;
+    VirtualLoop loop_;
+    SLIKServer control_{loop_, loop_};
     HostEvents events_{control_};
-    Application application_{control_};
+    Application application_{control_.network()};
     FakeContext context_;
     std::shared_ptr<OpcServerObject> server_;
     Object group_;

@@ -97,7 +97,7 @@ TEST_F(OpcWire, TheClientCountsUntilItLetsGoOfTheServer) {
     HResult result = E_FAIL;
     const auto other = factory.create(context_.peer(), context_.account(), result);
     EXPECT_EQ(result, S_OK);
-    EXPECT_EQ(control_.clientCount(), 2);
+    EXPECT_EQ(control_.network().clientCount(), 2);
 
     addGroup("g");
     server_->disconnected();
