@@ -202,4 +202,12 @@ bool ClientContext::unseal(std::span<std::uint8_t> message, std::span<std::uint8
     return ready() && impl_->seals && impl_->security->unseal(message, sealed, signature);
 }
 
+void ClientContext::signNegotiation(std::span<const std::uint8_t> text, Signature& signature) {
+    impl_->security->signNegotiation(text, signature);
+}
+
+bool ClientContext::verifyNegotiation(std::span<const std::uint8_t> text, std::span<const std::uint8_t> signature) {
+    return impl_->security->verifyNegotiation(text, signature);
+}
+
 }  // namespace quelm::dcom::ntlm

@@ -54,6 +54,10 @@ class ClientContext final : public MessageProtection {
     bool verify(std::span<const std::uint8_t> message, std::span<const std::uint8_t> signature) override;
     bool unseal(std::span<std::uint8_t> message, std::span<std::uint8_t> sealed,
                 std::span<const std::uint8_t> signature) override;
+    // The exchange of signatures that ends a negotiation, before the first message: our own over text, then the other
+    // end's. Only when ready().
+    void signNegotiation(std::span<const std::uint8_t> text, Signature& signature);
+    bool verifyNegotiation(std::span<const std::uint8_t> text, std::span<const std::uint8_t> signature);
 
  private:
     struct Impl;

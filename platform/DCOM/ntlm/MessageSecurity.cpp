@@ -50,15 +50,17 @@ bool MessageSecurity::unseal(Bytes message, std::span<std::uint8_t> sealed, Byte
     return verify(message, signature);
 }
 
-// Both signatures take their number, but the ciphers begin anew behind them: so the Windows clients have it.
-bool MessageSecurity::exchangeSignatures(Bytes text, Bytes peerSignature, Signature& signature) {
-    const std::array<Rc4, 2> fresh{outgoing_.cipher, incoming_.cipher};
+// A signature takes its number, but the cipher begins anew behind it: so the Windows clients have it.
+void MessageSecurity::signNegotiation(Bytes text, Signature& signature) {
+    const Rc4 fresh = outgoing_.cipher;
+    sign(text, signature);
+    outgoing_.cipher = fresh;
+}
+
+bool MessageSecurity::verifyNegotiation(Bytes text, Bytes peerSignature) {
+    const Rc4 fresh = incoming_.cipher;
     const bool good = verify(text, peerSignature);
-    if (good) {
-        sign(text, signature);
-    }
-    outgoing_.cipher = fresh[0];
-    incoming_.cipher = fresh[1];
+    incoming_.cipher = fresh;
     return good;
 }
 

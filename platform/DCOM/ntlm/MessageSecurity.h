@@ -23,9 +23,10 @@ class MessageSecurity {
     bool verify(Bytes message, Bytes signature);
     // sealed is a part of message and decrypted in place.
     bool unseal(Bytes message, std::span<std::uint8_t> sealed, Bytes signature);
-    // Checks the peer's signature over text and makes its own; for the text that a negotiation ends with, before the
-    // first message. The messages go on with the next number, their ciphers from the start.
-    bool exchangeSignatures(Bytes text, Bytes peerSignature, Signature& signature);
+    // The signatures over the text that a negotiation ends with, one from each end, before the first message. The
+    // messages go on with the next number, their ciphers from the start.
+    void signNegotiation(Bytes text, Signature& signature);
+    bool verifyNegotiation(Bytes text, Bytes peerSignature);
 
  private:
     struct Direction {

@@ -295,7 +295,11 @@ bool ServerContext::unseal(std::span<std::uint8_t> message, std::span<std::uint8
 
 bool ServerContext::exchangeSignatures(std::span<const std::uint8_t> text,
                                        std::span<const std::uint8_t> clientSignature, Signature& signature) {
-    return canSign() && impl_->security->exchangeSignatures(text, clientSignature, signature);
+    if (!canSign() || !impl_->security->verifyNegotiation(text, clientSignature)) {
+        return false;
+    }
+    impl_->security->signNegotiation(text, signature);
+    return true;
 }
 
 }  // namespace quelm::dcom::ntlm

@@ -154,4 +154,24 @@ std::vector<std::uint8_t> response(State state, bool namesMechanism, Bytes inner
     return wrap(tagLater, wrap(tagSequence, fields));
 }
 
+std::vector<std::uint8_t> offeredMechanisms() {
+    return wrap(tagSequence, wrap(tagOid, ntlmOid));
+}
+
+std::vector<std::uint8_t> initial(Bytes inner) {
+    std::vector<std::uint8_t> fields = wrap(field(0), offeredMechanisms());
+    appendField(fields, 2, tagOctets, inner);
+    std::vector<std::uint8_t> content = wrap(tagOid, spnegoOid);
+    const auto choice = wrap(tagInitial, wrap(tagSequence, fields));
+    content.insert(content.end(), choice.begin(), choice.end());
+    return wrap(tagApplication, content);
+}
+
+std::vector<std::uint8_t> answer(Bytes inner, Bytes signature) {
+    std::vector<std::uint8_t> fields;
+    appendField(fields, 2, tagOctets, inner);
+    appendField(fields, 3, tagOctets, signature);
+    return wrap(tagLater, wrap(tagSequence, fields));
+}
+
 }  // namespace quelm::dcom::rpc::spnego

@@ -1,7 +1,7 @@
 #pragma once
 
-// The negotiation that many Windows clients wrap around an NTLM log-on (SPNEGO): only as much of it as it takes to
-// unwrap what the client sends and to wrap the answers. NTLM is the only mechanism there is to agree on.
+// The negotiation that Windows wraps around an NTLM log-on (SPNEGO): only as much of it as it takes to unwrap what the
+// other end sends and to wrap what goes back. NTLM is the only mechanism there is to agree on.
 
 #include <cstdint>
 #include <optional>
@@ -28,5 +28,12 @@ enum class State : std::uint8_t { Completed = 0, Incomplete = 1, WantsSignature 
 // The server's answer. Empty parts are left out; the first answer names the mechanism, which is always NTLM.
 std::vector<std::uint8_t> response(State state, bool namesMechanism, std::span<const std::uint8_t> inner,
                                    std::span<const std::uint8_t> signature);
+
+// The client's first token, which offers NTLM alone, and its answer to the server's challenge with the signature over
+// the list that it offered.
+std::vector<std::uint8_t> initial(std::span<const std::uint8_t> inner);
+std::vector<std::uint8_t> answer(std::span<const std::uint8_t> inner, std::span<const std::uint8_t> signature);
+// That list as the signatures cover it.
+std::vector<std::uint8_t> offeredMechanisms();
 
 }  // namespace quelm::dcom::rpc::spnego
