@@ -25,6 +25,16 @@ void put(std::uint8_t* at, T value) {
     std::memcpy(at, &value, sizeof value);
 }
 
+Syntax readSyntax(ndr::Reader& in) {
+    Syntax syntax;
+    syntax.uuid = in.uuid();
+    syntax.versionMajor = in.u16();
+    syntax.versionMinor = in.u16();
+    return syntax;
+}
+
+}  // namespace
+
 void putHeader(std::uint8_t* at, PduType type, std::uint8_t flags, std::size_t fragmentLength, std::size_t authLength,
                std::uint32_t callId) {
     constexpr std::array<std::uint8_t, 4> littleEndian{0x10, 0, 0, 0};
@@ -38,21 +48,11 @@ void putHeader(std::uint8_t* at, PduType type, std::uint8_t flags, std::size_t f
     put(at + 12, callId);
 }
 
-Syntax readSyntax(ndr::Reader& in) {
-    Syntax syntax;
-    syntax.uuid = in.uuid();
-    syntax.versionMajor = in.u16();
-    syntax.versionMinor = in.u16();
-    return syntax;
-}
-
 void writeSyntax(ndr::Writer& out, const Syntax& syntax) {
     out.uuid(syntax.uuid);
     out.u16(syntax.versionMajor);
     out.u16(syntax.versionMinor);
 }
-
-}  // namespace
 
 RefusalReason parseHeader(std::span<const std::uint8_t> raw, Header& header) {
     header.type = static_cast<PduType>(raw[2]);

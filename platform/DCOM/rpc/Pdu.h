@@ -12,6 +12,7 @@
 
 #include "DCOM/RefusalReason.h"
 #include "DCOM/Uuid.h"
+#include "DCOM/ndr/Writer.h"
 
 namespace quelm::dcom::rpc {
 
@@ -54,6 +55,9 @@ struct Header {
 // Takes the first headerSize bytes. None: usable, and fragmentLength is from headerSize to ownMaxFragment.
 RefusalReason parseHeader(std::span<const std::uint8_t> raw, Header& header);
 
+inline constexpr std::uint8_t authTypeNegotiate = 9;
+inline constexpr std::uint8_t authTypeNtlm = 10;
+
 struct AuthTrailer {
     std::uint8_t type = 0;
     std::uint8_t level = 0;
@@ -74,6 +78,9 @@ struct Syntax {
 
     bool operator==(const Syntax&) const = default;
 };
+
+// The one coding of parameters that either end here speaks (NDR 2.0).
+inline constexpr Syntax ndrSyntax{Uuid::parse("8A885D04-1CEB-11C9-9FE8-08002B104860"), 2, 0};
 
 struct ContextElement {
     std::uint16_t id = 0;
@@ -138,6 +145,11 @@ void appendBindAck(std::vector<std::uint8_t>& out, const BindAck& ack);
 void appendBindNak(std::vector<std::uint8_t>& out, std::uint32_t callId, std::uint16_t reason);
 void appendFault(std::vector<std::uint8_t>& out, std::uint32_t callId, std::uint16_t contextId, std::uint32_t status,
                  std::uint8_t flags);
+
+// The parts of which both ends build their PDUs: fills in headerSize bytes; writes an interface or transfer syntax.
+void putHeader(std::uint8_t* at, PduType type, std::uint8_t flags, std::size_t fragmentLength, std::size_t authLength,
+               std::uint32_t callId);
+void writeSyntax(ndr::Writer& out, const Syntax& syntax);
 
 // What the headers of all fragments of one REQUEST or RESPONSE have in common.
 struct CallHeader {

@@ -8,7 +8,6 @@ using namespace literals;
 
 namespace {
 
-constexpr Syntax ndrSyntax{"8A885D04-1CEB-11C9-9FE8-08002B104860"_uuid, 2, 0};
 // Not a transfer syntax: a client that offers it asks for the optional features in its last eight bytes.
 constexpr Uuid featureNegotiation = "6CB71C2C-9812-4540-0000-000000000000"_uuid;
 constexpr std::uint8_t supportedFeatures =

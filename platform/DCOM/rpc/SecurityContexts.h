@@ -17,9 +17,6 @@
 
 namespace quelm::dcom::rpc {
 
-inline constexpr std::uint8_t authTypeNegotiate = 9;
-inline constexpr std::uint8_t authTypeNtlm = 10;
-
 // One log-on.
 class SecurityContext {
  public:
