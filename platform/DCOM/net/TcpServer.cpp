@@ -72,6 +72,7 @@ class TcpServer::Impl::Connection : public std::enable_shared_from_this<Connecti
           timer_(server.timers.makeTimer([this] { onTimeout(); })) {}
 
     void start() {
+        protocol_.onAnswered([this] { onAnswered(); });
         awaitLogOn();
         read();
     }
@@ -124,13 +125,22 @@ class TcpServer::Impl::Connection : public std::enable_shared_from_this<Connecti
         }
     }
 
+    // While an answer is waited for, what comes is only taken as far as there is room for it; that the client is gone
+    // shows as well.
     void read() {
         phase_ = Phase::Reading;
-        wait(stream_descriptor::wait_read, &Connection::onReadable);
+        if (!awaitingInput_ && !protocol_.receiveSpace().empty()) {
+            awaitingInput_ = true;
+            wait(stream_descriptor::wait_read, &Connection::onReadable);
+        }
     }
 
     void onReadable() {
+        awaitingInput_ = false;
         const auto space = protocol_.receiveSpace();
+        if (phase_ != Phase::Reading || space.empty()) {
+            return;  // an answer came in between, and its output goes first
+        }
         const ssize_t count = ::recv(descriptor_.native_handle(), space.data(), space.size(), MSG_DONTWAIT);
         if (count > 0) {
             const bool wasLoggedOn = protocol_.loggedOn();
@@ -188,19 +198,30 @@ class TcpServer::Impl::Connection : public std::enable_shared_from_this<Connecti
             linger();
         } else if (protocol_.waiting()) {
             // Calls that came in one go wait for their turn again, so that the other clients get theirs.
-            asio::post(server_.loop.context(), [self = shared_from_this()] {
-                if (self->phase_ != Phase::Closed) {
-                    self->guarded([&] {
-                        self->protocol_.process();
-                        if (self->phase_ != Phase::Closed) {
-                            self->send();
-                        }
-                    });
-                }
-            });
+            later(&Connection::carryOn);
         } else {
             read();
         }
+    }
+
+    void carryOn() {
+        protocol_.process();
+        if (phase_ != Phase::Closed) {
+            send();
+        }
+    }
+
+    // A call has got its late answer, perhaps in the middle of another client's call.
+    void onAnswered() { later(&Connection::send); }
+
+    // Unless output waits to be taken by then: when it is gone everything else follows.
+    template <class Step>
+    void later(Step step) {
+        asio::post(server_.loop.context(), [self = shared_from_this(), step] {
+            if (self->phase_ == Phase::Reading) {
+                self->guarded([&] { ((*self).*step)(); });
+            }
+        });
     }
 
     // Closing with input unread would reset the connection, and the fault that says why would never be seen.
@@ -246,6 +267,7 @@ class TcpServer::Impl::Connection : public std::enable_shared_from_this<Connecti
     rpc::ServerConnection protocol_;
     std::unique_ptr<ITimer> timer_;
     Phase phase_ = Phase::Reading;
+    bool awaitingInput_ = false;
 };
 
 // ---- One listening socket ------------------------------------------------------------------------------------

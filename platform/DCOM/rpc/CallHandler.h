@@ -9,6 +9,7 @@
 #include "DCOM/Uuid.h"
 #include "DCOM/ndr/Writer.h"
 #include "DCOM/rpc/AuthLevel.h"
+#include "DCOM/rpc/CallTicket.h"
 
 namespace quelm::dcom::rpc {
 
@@ -29,7 +30,12 @@ struct Call {
     Uuid object;                         // the IPID of an object call
     std::span<const std::uint8_t> stub;  // valid during the call only
     AuthLevel level = AuthLevel::None;
-    const std::string& account;  // "DOMAIN\\user" as it logged on; empty without a log-on
+    const std::string& account;       // "DOMAIN\\user" as it logged on; empty without a log-on
+    ITicketOffice* office = nullptr;  // none in tests of single layers
+
+    // For a handler that cannot answer at once; it then returns statusDeferred. Whoever returns anything else has
+    // answered, and the ticket is worth nothing. One for each call.
+    CallTicket defer() const { return office != nullptr ? office->ticket() : CallTicket(); }
 };
 
 class CallHandler {
@@ -48,6 +54,12 @@ class CallHandler {
 
     // Carries out one call and writes the reply's stub data. Returns 0, or the status for a FAULT PDU; what was
     // written is then dropped. Must not throw.
+    //
+    // A handler that has to wait for somebody takes call.defer(), keeps the ticket and what it needs of the call (of
+    // which nothing is valid later, stub and account included), returns statusDeferred, and later completes the ticket
+    // with the same status and stub data that it would have given here; what it wrote to reply is dropped. Until then
+    // this connection begins no further call: what its client goes on sending waits, in its input buffer first, then
+    // in the network. All other connections go on.
     virtual std::uint32_t call(const Call& call, ndr::Writer& reply) = 0;
 
     // The connection is gone. abrupt: reset by the network or the peer rather than closed in order.

@@ -22,6 +22,29 @@ const std::string noAccount;
 
 }  // namespace
 
+// The call that waits for its answer. Goes with the connection, and the ticket is then worth nothing.
+class ServerConnection::Deferral final : public IDeferredAnswer {
+ public:
+    explicit Deferral(ServerConnection& connection) : connection_(connection) {}
+
+    void complete(std::uint32_t status, std::span<const std::uint8_t> stub) override {
+        if (calling) {
+            early = {status, {stub.begin(), stub.end()}};
+        } else {
+            connection_.answerDeferred(status, stub);
+            connection_.wakeUp();
+        }
+    }
+
+    bool calling = true;                                                       // the handler has not returned yet
+    std::optional<std::pair<std::uint32_t, std::vector<std::uint8_t>>> early;  // answered while it was calling
+    CallHeader header;
+    std::optional<std::uint32_t> securityId;
+
+ private:
+    ServerConnection& connection_;
+};
+
 ServerConnection::ServerConnection(const ServerSettings& settings, CallHandler& handler, Peer peer)
     : settings_(settings),
       handler_(handler),
@@ -29,6 +52,8 @@ ServerConnection::ServerConnection(const ServerSettings& settings, CallHandler& 
       refusals_(settings.onRefused, peer_),
       input_(inputSize),
       security_(settings) {}
+
+ServerConnection::~ServerConnection() = default;
 
 std::span<std::uint8_t> ServerConnection::receiveSpace() {
     if (inputStart_ == inputEnd_) {
@@ -62,7 +87,7 @@ std::size_t ServerConnection::feed(std::span<const std::uint8_t> data) {
 
 void ServerConnection::process() {
     waiting_ = false;
-    while (!closing_ && inputEnd_ - inputStart_ >= headerSize) {
+    while (!closing_ && !deferred() && inputEnd_ - inputStart_ >= headerSize) {
         if (output().size() >= settings_.outputLimit) {
             waiting_ = true;
             return;
@@ -328,15 +353,59 @@ void ServerConnection::perform(std::uint32_t callId, const Request& request, std
     const std::size_t start = output_.size();
     output_.resize(start + callHeaderSize);
     ndr::Writer reply(output_);
-    const std::uint32_t status = handler_.call(
-        {peer_, *presentations_.find(request.contextId), request.opnum, request.hasObject, request.object, stub,
-         context != nullptr ? context->level() : AuthLevel::None, context != nullptr ? context->account() : noAccount},
-        reply);
+    const std::uint32_t status =
+        handler_.call({peer_, *presentations_.find(request.contextId), request.opnum, request.hasObject, request.object,
+                       stub, context != nullptr ? context->level() : AuthLevel::None,
+                       context != nullptr ? context->account() : noAccount, this},
+                      reply);
+    const CallHeader header{PduType::Response, callId, request.contextId};
+    if (status == statusDeferred) {
+        output_.resize(start);
+        return postpone(header, context);
+    }
+    deferral_.reset();
+    finishReply(start, header, context, status);
+}
+
+CallTicket ServerConnection::ticket() {
+    deferral_ = std::make_shared<Deferral>(*this);
+    return CallTicket(deferral_);
+}
+
+void ServerConnection::postpone(const CallHeader& header, const SecurityContext* context) {
+    if (!deferral_) {
+        return appendFault(output_, header.callId, header.contextId, faultCallFailed, 0);
+    }
+    deferral_->calling = false;
+    deferral_->header = header;
+    deferral_->securityId = context != nullptr ? std::optional(context->id()) : std::nullopt;
+    if (const auto early = std::exchange(deferral_->early, std::nullopt)) {
+        answerDeferred(early->first, early->second);
+    }
+}
+
+void ServerConnection::answerDeferred(std::uint32_t status, std::span<const std::uint8_t> stub) {
+    const auto done = std::exchange(deferral_, nullptr);
+    const std::size_t start = output_.size();
+    output_.resize(start + callHeaderSize);
+    output_.insert(output_.end(), stub.begin(), stub.end());
+    finishReply(start, done->header, done->securityId ? security_.find(*done->securityId) : nullptr, status);
+}
+
+void ServerConnection::wakeUp() {
+    waiting_ = inputEnd_ - inputStart_ >= headerSize;
+    if (wake_) {
+        wake_();
+    }
+}
+
+// Makes the reply of the stub data that stands behind the room for one header.
+void ServerConnection::finishReply(std::size_t start, const CallHeader& header, SecurityContext* context,
+                                   std::uint32_t status) {
     if (status != 0) {
         output_.resize(start);
-        return appendFault(output_, callId, request.contextId, status, 0);
+        return appendFault(output_, header.callId, header.contextId, status, 0);
     }
-    const CallHeader header{PduType::Response, callId, request.contextId};
     if (context != nullptr && context->protects()) {
         const MessageGuard guard = context->guard();
         cutIntoFragments(output_, start, header, maxTransmit_, &guard);

@@ -5,6 +5,8 @@
 // are classes of their own; sockets are elsewhere.
 
 #include <cstdint>
+#include <functional>
+#include <memory>
 #include <optional>
 #include <span>
 #include <vector>
@@ -18,21 +20,28 @@
 
 namespace quelm::dcom::rpc {
 
-class ServerConnection {
+class ServerConnection final : private ITicketOffice {
  public:
     ServerConnection(const ServerSettings& settings, CallHandler& handler, Peer peer);
+    ~ServerConnection() override;
     ServerConnection(const ServerConnection&) = delete;
     ServerConnection& operator=(const ServerConnection&) = delete;
 
     // Where received bytes belong, and that so many of them came, which carries out all calls that are complete.
-    // The space is empty only while output waits.
+    // The space is empty only while output or an answer is waited for.
     std::span<std::uint8_t> receiveSpace();
     void received(std::size_t count);
-    // The same for bytes that lie elsewhere. Gives how many were taken: fewer only while output waits.
+    // The same for bytes that lie elsewhere. Gives how many were taken: fewer only while output or an answer is
+    // waited for.
     std::size_t feed(std::span<const std::uint8_t> data);
     // Carries out calls that had to wait until output was sent, and whether there are any.
     void process();
     bool waiting() const { return waiting_; }
+
+    // Whether a call is to be answered later; no further one is begun until then.
+    bool deferred() const { return deferral_ != nullptr; }
+    // Called when such an answer has become output. It may not call members that carry out calls itself.
+    void onAnswered(std::function<void()> wake) { wake_ = std::move(wake); }
 
     // Bytes to send, and that so many of them were sent. The view is good until the next call of a member.
     std::span<const std::uint8_t> output() const { return std::span(output_).subspan(outputStart_); }
@@ -64,6 +73,11 @@ class ServerConnection {
                   SecurityContext* context);
     void perform(std::uint32_t callId, const Request& request, std::span<const std::uint8_t> stub,
                  SecurityContext* context);
+    CallTicket ticket() override;
+    void postpone(const CallHeader& header, const SecurityContext* context);
+    void answerDeferred(std::uint32_t status, std::span<const std::uint8_t> stub);
+    void wakeUp();
+    void finishReply(std::size_t start, const CallHeader& header, SecurityContext* context, std::uint32_t status);
     void protocolError(const Header& header, RefusalReason reason);
 
     const ServerSettings& settings_;
@@ -87,6 +101,10 @@ class ServerConnection {
     PresentationContexts presentations_;
     SecurityContexts security_;
     CallAssembly assembly_;
+
+    class Deferral;
+    std::shared_ptr<Deferral> deferral_;  // of the call that is answered later
+    std::function<void()> wake_;
 };
 
 }  // namespace quelm::dcom::rpc

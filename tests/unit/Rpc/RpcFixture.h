@@ -13,7 +13,8 @@
 
 namespace quelm::dcom::rpc::test {
 
-// opnum 3 echoes, 4 replies as many bytes as the stub's first number says, 5 faults.
+// opnum 3 echoes, 4 replies as many bytes as the stub's first number says, 5 faults, 7 is answered by the test later,
+// 8 defers without taking a ticket.
 class RecordingHandler : public CallHandler {
  public:
     bool supports(const Uuid& interfaceId, std::uint16_t, std::uint16_t) override {
@@ -38,6 +39,12 @@ class RecordingHandler : public CallHandler {
             return 0;
         }
         reply.bytes(call.stub);
+        if (call.opnum == 7) {
+            tickets.push_back(call.defer());
+        }
+        if (call.opnum == 7 || call.opnum == 8) {
+            return statusDeferred;
+        }
         return call.opnum == 5 ? faultOpnumRange : 0;
     }
     void connectionClosed(const Peer& peer, bool abrupt) override {
@@ -48,6 +55,7 @@ class RecordingHandler : public CallHandler {
 
     std::vector<std::string> calls;
     std::vector<std::string> closed;
+    std::vector<CallTicket> tickets;
 };
 
 class RpcFixture : public testing::Test {

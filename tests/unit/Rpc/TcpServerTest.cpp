@@ -219,6 +219,38 @@ TEST_F(TcpServerTest, TheFaultThatEndsAConnectionIsSeen) {
     runUntilConnections(0);
 }
 
+// Somebody's call waits for the plant: the others are served, and what it sent on meanwhile comes to its turn.
+TEST_F(TcpServerTest, ALateAnswerHoldsUpItsOwnConnectionOnly) {
+    start();
+    Socket waiting(port);
+    Socket other(port);
+    logOn(waiting);
+    logOn(other);
+    waiting.send(request({.callId = 1, .opnum = 7}));
+    runUntil([&] { return handler.tickets.size() == 1; });
+    waiting.send(request({.callId = 2, .opnum = 3}));
+    logOn(other);
+    EXPECT_EQ(handler.calls.size(), 4U);
+
+    const Data stub(200'000, 0x5A);
+    handler.tickets[0].complete(0, stub);
+    Data received;
+    const auto isWhole = [&] {
+        const auto replies = splitReplies(received);
+        return !replies.empty() && replies.back().header.callId == 2;
+    };
+    runUntil([&] { return !waiting.receive(received) || isWhole(); });
+    EXPECT_EQ(handler.calls.size(), 5U);
+
+    waiting.send(request({.callId = 3, .opnum = 7}));
+    runUntil([&] { return handler.tickets.size() == 2; });
+    waiting.close();
+    runUntilConnections(1);
+    EXPECT_THAT(handler.closed, ElementsAre("1 orderly"));
+    handler.tickets.clear();
+    logOn(other);
+}
+
 TEST_F(TcpServerTest, WantOfDescriptorsIsWaitedOut) {
     start();
     Socket client(port);
