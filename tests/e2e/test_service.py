@@ -18,7 +18,9 @@ from harness import ROOT, SiteTest
 # Gives its process the sockets as descriptors 3 and up, as a service manager does.
 HANDOVER = ['bash', '-c', 'n=3; for d in $DESCRIPTORS; do eval "exec $n<&$d"; n=$((n+1)); done; '
             'LISTEN_PID=${FOREIGN_PID:-$$} exec "$@"', 'handover']
-UNITS = ['quelm-opc-server-objects.socket', 'quelm-opc-server.service', 'quelm-opc-server.socket']
+OBJECTS, SERVICE, ACTIVATION = UNITS = ['quelm-opc-server-objects.socket', 'quelm-opc-server.service',
+                                        'quelm-opc-server.socket']
+SETTINGS = [f'{unit}.d/settings.conf' for unit in UNITS]
 
 
 class Activation(SiteTest):
@@ -109,29 +111,44 @@ class Activation(SiteTest):
 
 
 class Registration(SiteTest):
+    def setUp(self):
+        super().setUp()
+        # Where the service sees it, wherever the tests run.
+        self.program = self.site.path('dest/usr/sbin/Q5OPCServer')
+        os.makedirs(os.path.dirname(self.program))
+        shutil.copy(harness.SERVER, self.program)
+
     def run_server(self, switch, **environment):
-        return subprocess.run([harness.SERVER, switch], capture_output=True, text=True, timeout=30, env={
+        return subprocess.run([self.program, switch], capture_output=True, text=True, timeout=30, env={
             **os.environ, 'QUELM_INI': self.site.path('Quelm.ini'), 'QUELM_DCOM_CONF': self.site.path('dcom.conf'),
             'QUELM_DESTDIR': self.site.path('dest'), **environment})
 
     def written(self):
-        names = glob.glob('dest/etc/systemd/system/*', root_dir=self.site.folder)
-        return {os.path.basename(name): self.site.read(name) for name in names}
+        top = Path(self.site.path('dest/etc/systemd/system'))
+        return {str(path.relative_to(top)): path.read_text() for path in top.rglob('*') if path.is_file()}
 
     def test_units_follow_the_settings_and_go_again(self):
         self.assertEqual(self.run_server('regserver').returncode, 0)
         first = self.written()
-        self.assertEqual(sorted(first), UNITS)
+        self.assertEqual(sorted(first), sorted(UNITS + SETTINGS))
         self.assertEqual(self.run_server('/RegServer').returncode, 0)
         self.assertEqual(self.written(), first)
-        self.assertIn(f'ListenStream={self.site.address}:135\nFileDescriptorName=activation\n', first[UNITS[2]])
-        self.assertIn(f'ListenStream={self.site.address}:49200\nFileDescriptorName=object\n', first[UNITS[0]])
-        self.assertIn(f'ReadWritePaths="-{self.site.folder}/logs"\n', first[UNITS[1]])
+        for unit, port in ((ACTIVATION, 135), (OBJECTS, 49200)):
+            self.assertTrue(first[f'{unit}.d/settings.conf'].endswith(
+                f'[Socket]\nListenStream=\nListenStream={self.site.address}:{port}\n'))
+        self.assertIn(f'ReadWritePaths="-{self.site.folder}/logs"\n', first[f'{SERVICE}.d/settings.conf'])
+        self.assertNotIn('ExecStart', first[f'{SERVICE}.d/settings.conf'])
         if shutil.which('systemd-analyze'):
+            self.site.write(f'dest/etc/systemd/system/{SERVICE}.d/there.conf', '[Service]\nExecStart=\nExecStart=/bin/true\n')
             verified = subprocess.run(['systemd-analyze', 'verify', '--man=no', *(
                 self.site.path('dest/etc/systemd/system', unit) for unit in UNITS)], capture_output=True, text=True)
             self.assertEqual((verified.returncode, verified.stderr), (0, ''))
-        for said in ('Unregistered: removed', 'Nothing to unregister'):
+            os.remove(self.site.path(f'dest/etc/systemd/system/{SERVICE}.d/there.conf'))
+        # Once the package is there, its units count.
+        shutil.copytree(os.path.join(ROOT, 'packaging', 'systemd'), self.site.path('dest/usr/lib/systemd/system'))
+        self.assertEqual(self.run_server('regserver').returncode, 0)
+        self.assertEqual(sorted(self.written()), SETTINGS)
+        for said in ('Unregistered: ', 'Nothing to unregister'):
             ended = self.run_server('unregserver')
             self.assertEqual(ended.returncode, 0)
             self.assertIn(said, ended.stderr)
@@ -139,17 +156,25 @@ class Registration(SiteTest):
         self.assertFalse(os.path.exists(self.site.path('logs')))
 
     def test_what_cannot_be_done_is_said_and_fails(self):
-        self.site.write('taken', '')
-        failed = self.run_server('regserver', QUELM_DESTDIR=self.site.path('taken'))
+        self.site.write('dest/etc', '')
+        failed = self.run_server('regserver')
         self.assertEqual(failed.returncode, 1)
         self.assertIn('Not a directory', failed.stderr)
+        os.remove(self.site.path('dest/etc'))
         self.site.edit('dcom.conf', ('ObjectPort = 49200', 'ObjectPort = 0'))
         failed = self.run_server('regserver')
         self.assertEqual((failed.returncode, self.written()), (1, {}))
         self.assertIn('ObjectPort must be', failed.stderr)
+        hidden = self.site.path('dest/home/Q5OPCServer')
+        os.makedirs(os.path.dirname(hidden))
+        self.program = shutil.move(self.program, hidden)
+        failed = self.run_server('regserver')
+        self.assertEqual((failed.returncode, self.written()), (1, {}))
+        self.assertIn('The service cannot see the program /home/Q5OPCServer', failed.stderr)
 
 
-@unittest.skipUnless(os.geteuid() == 0 and shutil.which('dpkg-shlibdeps'), 'needs root and dpkg-dev')
+@unittest.skipUnless(os.geteuid() == 0 and shutil.which('dpkg-shlibdeps') and shutil.which('systemd-sysusers'),
+                     'needs root, dpkg-dev and systemd')
 class Package(SiteTest):
     def test_installs_serves_and_is_purged_without_a_trace(self):
         folder = tempfile.mkdtemp(prefix='quelm-package-')
@@ -164,7 +189,9 @@ class Package(SiteTest):
         package = run(os.path.join(ROOT, 'scripts', 'package'), '--programs', os.path.dirname(harness.SERVER)).strip()
         run(scratch, 'install', folder, os.path.join(ROOT, package))
         self.assertEqual(os.stat(f'{folder}/etc/quelm/dcom.conf').st_mode & 0o777, 0o600)
-        self.assertEqual(sorted(os.listdir(f'{folder}/etc/systemd/system')), UNITS)
+        self.assertEqual(sorted(os.listdir(f'{folder}/etc/systemd/system')),
+                         sorted([f'{unit}.d' for unit in UNITS] + ['sockets.target.wants']))
+        self.assertEqual(sorted(os.listdir(f'{folder}/etc/systemd/system/sockets.target.wants')), [OBJECTS, ACTIVATION])
         installed = f'{folder}/usr/sbin/Q5OPCServer'
         self.site.start(prefix=['sh', '-c', f'exec {installed}']).started()
         self.assert_serves()('close')
@@ -172,7 +199,8 @@ class Package(SiteTest):
         run(scratch, 'purge', folder)
         self.assertEqual([name for _, _, names in os.walk(folder) for name in names if 'uelm' in name or 'OPC' in name],
                          [])
-        self.assertEqual(Path(folder, 'etc', 'passwd').read_text(), '')
+        # Databases may be left behind, and belong to the user.
+        self.assertIn('quelm:', Path(folder, 'etc', 'passwd').read_text())
 
 
 class Guide(unittest.TestCase):

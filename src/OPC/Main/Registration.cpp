@@ -14,6 +14,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <set>
 #include <utility>
 #include <vector>
@@ -21,8 +22,7 @@
 #include "DB Interface Library/Sql.h"
 #include "DB Interface Library/SystemINI.h"
 #include "DCOM/DcomSettings.h"
-#include "OPC/Main/Systemd.h"
-#include "SLIK-DA/Identity.h"
+#include "OPC/Main/Units.h"
 #include "Shared Types/RuntimeError.h"
 
 extern char** environ;
@@ -33,11 +33,23 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr const char* account = "quelm";
-constexpr const char* unitFolder = "/etc/systemd/system";
+constexpr const char* ownFolder = "/etc/systemd/system";
+constexpr std::array<const char*, 2> packagesFolders{"/usr/lib/systemd/system", "/lib/systemd/system"};
+constexpr const char* packagesProgram = "/usr/sbin/Q5OPCServer";
 constexpr const char* serviceUnit = "quelm-opc-server.service";
 constexpr const char* activationUnit = "quelm-opc-server.socket";
 constexpr const char* objectUnit = "quelm-opc-server-objects.socket";
-constexpr std::array units{activationUnit, objectUnit, serviceUnit};
+constexpr const char* settingsFile = "settings.conf";
+constexpr std::string_view mark = "# Written by \"Q5OPCServer regserver\"";
+// What the service cannot see, for its unit hides it.
+constexpr std::array hiddenFolders{"/home", "/root", "/run/user", "/tmp", "/var/tmp"};
+
+struct Unit {
+    const char* name;
+    const char* text;
+};
+constexpr std::array<Unit, 3> allUnits{
+    {{activationUnit, units::activationSocket}, {objectUnit, units::objectSocket}, {serviceUnit, units::service}}};
 
 [[noreturn]] void fail(const std::string& what) {
     throw RuntimeError(errors::invalidCall, what);
@@ -82,30 +94,16 @@ std::string commandWord(std::string_view text) {
     return result;
 }
 
-std::string socketText(const dcom::DcomSettings& settings, std::string_view kind, std::uint16_t port,
-                       std::string_view otherUnit) {
-    std::string listen;
-    for (const std::string& address : settings.addresses) {
-        listen += fmt::format("ListenStream={}:{}\n", address, port);
-    }
-    // FreeBind: an address may come up later than the sockets.
-    return fmt::format(
-        "# Written by \"Q5OPCServer regserver\" after dcom.conf; run that again when addresses or ports have changed.\n"
-        "[Unit]\n"
-        "Description={0} ({1} port)\n"
-        "Requires={3}\n"
-        "\n"
+std::string socketSettings(const dcom::DcomSettings& settings, std::uint16_t port) {
+    std::string text = fmt::format(
+        "{} after dcom.conf; run that again when addresses or ports have changed.\n"
         "[Socket]\n"
-        "{2}"
-        "FileDescriptorName={1}\n"
-        "Service={4}\n"
-        "FreeBind=yes\n"
-        "NoDelay=yes\n"
-        "Backlog=128\n"
-        "\n"
-        "[Install]\n"
-        "WantedBy=sockets.target\n",
-        identity::description, kind, listen, otherUnit, serviceUnit);
+        "ListenStream=\n",
+        mark);
+    for (const std::string& address : settings.addresses) {
+        text += fmt::format("ListenStream={}:{}\n", address, port);
+    }
+    return text;
 }
 
 // The path as it is once the destination is the root of a machine.
@@ -139,66 +137,25 @@ std::string writableText(const std::set<std::string>& folders) {
     return text;
 }
 
-std::string serviceText(const Registration& registration, const std::set<std::string>& folders) {
-    // Why some lines are as they are: on SIGTERM clients get eight seconds to leave, and the end in order some more.
-    // The limit on starts is off, for a server that cannot start now shall serve again as soon as it can. The sockets
-    // come from systemd, so that no right over ports is needed.
-    return fmt::format(
-        "# Written by \"Q5OPCServer regserver\" after Quelm.ini and dcom.conf; run that again when folders, "
-        "databases,\n"
-        "# addresses or ports have changed. Additions of your own: systemctl edit {0}\n"
-        "[Unit]\n"
-        "Description={1}\n"
-        "Documentation=man:Q5OPCServer(8)\n"
-        "Requires={2} {3}\n"
-        "After={2} {3}\n"
-        "StartLimitIntervalSec=0\n"
-        "\n"
-        "[Service]\n"
-        "Type=notify\n"
-        "ExecStart={4}\n"
-        "TimeoutStopSec=20\n"
-        "Sockets={2} {3}\n"
-        "Restart=on-failure\n"
-        "RestartSec=5\n"
-        "{5}"
-        "User={6}\n"
-        "Group={6}\n"
-        "UMask=0027\n"
-        "LogsDirectory=quelm\n"
-        "{7}"
-        "ProtectSystem=strict\n"
-        "ProtectHome=yes\n"
-        "PrivateTmp=yes\n"
-        "PrivateDevices=yes\n"
-        "ProtectClock=yes\n"
-        "ProtectHostname=yes\n"
-        "ProtectKernelLogs=yes\n"
-        "ProtectKernelModules=yes\n"
-        "ProtectKernelTunables=yes\n"
-        "ProtectControlGroups=yes\n"
-        "ProtectProc=invisible\n"
-        "ProcSubset=pid\n"
-        "NoNewPrivileges=yes\n"
-        "CapabilityBoundingSet=\n"
-        "AmbientCapabilities=\n"
-        "RestrictAddressFamilies=AF_INET AF_INET6 AF_UNIX\n"
-        "RestrictNamespaces=yes\n"
-        "RestrictRealtime=yes\n"
-        "RestrictSUIDSGID=yes\n"
-        "LockPersonality=yes\n"
-        "MemoryDenyWriteExecute=yes\n"
-        "RemoveIPC=yes\n"
-        "KeyringMode=private\n"
-        "SystemCallArchitectures=native\n"
-        "SystemCallFilter=@system-service\n"
-        "SystemCallFilter=~@privileged @resources\n"
-        "SystemCallErrorNumber=EPERM\n",
-        serviceUnit, identity::description, activationUnit, objectUnit, commandWord(registration.program),
-        environmentText(registration), account, writableText(folders));
+std::string serviceSettings(const Registration& registration, const std::set<std::string>& folders) {
+    std::string text = fmt::format(
+        "{} after Quelm.ini; run that again when folders or databases have changed.\n"
+        "[Service]\n",
+        mark);
+    if (registration.program != packagesProgram) {
+        text += fmt::format("ExecStart=\nExecStart={}\n", commandWord(registration.program));
+    }
+    return text + environmentText(registration) + writableText(folders);
 }
 
 // ---- what the settings ask for
+
+// nullptr: the service can see the path.
+const char* hiddenFolderOf(const std::string& path) {
+    const auto* const hidden = std::find_if(hiddenFolders.begin(), hiddenFolders.end(),
+                                            [&](const char* folder) { return isUnder(path, folder); });
+    return hidden != hiddenFolders.end() ? *hidden : nullptr;
+}
 
 // The folders that the server writes to: logs, and databases with the files that stand beside them.
 std::set<std::string> writtenFolders(const Registration& registration) {
@@ -220,11 +177,9 @@ std::set<std::string> writtenFolders(const Registration& registration) {
         if (!folders.insert(folder).second) {
             return;
         }
-        for (const char* hidden : {"/home", "/root", "/run/user", "/tmp", "/var/tmp"}) {
-            if (isUnder(folder, hidden)) {
-                registration.trouble(
-                    fmt::format("The service cannot see the folder {}; use one outside {}", folder, hidden));
-            }
+        if (const char* const hidden = hiddenFolderOf(folder)) {
+            registration.trouble(
+                fmt::format("The service cannot see the folder {}; use one outside {}", folder, hidden));
         }
     };
     add(ini.LogFolder());
@@ -275,10 +230,11 @@ void writeUnit(const std::string& path, const std::string& text) {
 }
 
 bool systemdRuns(const Registration& registration) {
-    return registration.destination.empty() && fs::exists("/run/systemd/system");
+    return !registration.onlyFiles && fs::exists("/run/systemd/system");
 }
 
-void systemctl(const Registration& registration, std::vector<const char*> arguments) {
+// Runs it and, when it fails, raises what came of that, with what to look at.
+void systemctl(std::vector<const char*> arguments, std::string_view consequence) {
     std::string shown = "systemctl";
     for (const char* argument : arguments) {
         shown += fmt::format(" {}", argument);
@@ -292,21 +248,98 @@ void systemctl(const Registration& registration, std::vector<const char*> argume
     while (error == 0 && ::waitpid(child, &status, 0) < 0 && errno == EINTR) {
     }
     if (error != 0 || status != 0) {
-        registration.trouble(fmt::format("\"{}\" failed; see \"systemctl status {}\"", shown, activationUnit));
+        fail(
+            fmt::format("\"{}\" failed, so {}; \"journalctl -b -u 'quelm-opc-server*'\" says why", shown, consequence));
     }
 }
 
-std::string folderOf(const Registration& registration) {
-    return registration.destination + unitFolder;
+std::string inFolder(const Registration& registration, const char* folder, std::string_view name) {
+    return fmt::format("{}{}/{}", registration.destination, folder, name);
+}
+
+std::string settingsPath(const Registration& registration, const char* unit) {
+    return inFolder(registration, ownFolder, fmt::format("{}.d/{}", unit, settingsFile));
+}
+
+bool packageIsThere(const Registration& registration) {
+    return std::any_of(packagesFolders.begin(), packagesFolders.end(),
+                       [&](const char* folder) { return fs::exists(inFolder(registration, folder, serviceUnit)); });
+}
+
+// Whether a file is one of those that are written here, and no administrator's.
+bool isOurs(const std::string& path) {
+    std::string first;
+    return fs::is_regular_file(fs::symlink_status(path)) && std::getline(std::ifstream(path), first) &&
+           first.starts_with(mark);
+}
+
+void makeFolder(const std::string& folder) {
+    std::error_code error;
+    fs::create_directories(folder, error);
+    if (error) {
+        failOn("create", folder, error.value());
+    }
+}
+
+// False when it was not there. Settings go with their folder, unless an administrator has put something in it.
+bool removeFile(const std::string& path) {
+    if (::unlink(path.c_str()) != 0) {
+        if (errno == ENOENT || errno == ENOTDIR) {
+            return false;
+        }
+        failOn("remove", path, errno);
+    }
+    if (path.ends_with(settingsFile)) {
+        ::rmdir(fs::path(path).parent_path().c_str());
+    }
+    return true;
+}
+
+// The units themselves: the package's, or else files of our own, which would hide the package's.
+void placeUnits(const Registration& registration) {
+    const bool packaged = packageIsThere(registration);
+    for (const Unit& unit : allUnits) {
+        const std::string path = inFolder(registration, ownFolder, unit.name);
+        if (packaged && isOurs(path)) {
+            removeFile(path);
+        } else if (!packaged) {
+            writeUnit(path, fmt::format("{}, for the package is not installed.\n{}", mark, unit.text));
+        }
+    }
+}
+
+void startListening() {
+    systemctl({"daemon-reload"}, "systemd does not know of the new settings");
+    systemctl({"enable", "--quiet", activationUnit, objectUnit}, "the server will not listen after the next boot");
+    // Sockets cannot be bound afresh while the service holds them, so it gives way first.
+    systemctl({"stop", activationUnit, objectUnit, serviceUnit}, "the server listens as before");
+    systemctl({"start", activationUnit, objectUnit},
+              "nobody listens for clients; when a port is taken, \"ss -ltnp\" names the program that has it");
+}
+
+void checkProgram(const Registration& registration) {
+    if (const char* const hidden = hiddenFolderOf(registration.program)) {
+        fail(
+            fmt::format("The service cannot see the program {}, for {} is out of its sight; install it elsewhere, such "
+                        "as {}, and run that",
+                        registration.program, hidden, packagesProgram));
+    }
+    if (!registration.onlyFiles && ::getpwnam(account) == nullptr) {
+        fail(
+            fmt::format("There is no user \"{0}\" for the server to run as; create it: useradd --system --user-group "
+                        "--no-create-home --shell /usr/sbin/nologin {0}",
+                        account));
+    }
 }
 
 }  // namespace
 
 Registration thisProgramsRegistration(std::function<void(std::string_view)> say,
                                       std::function<void(std::string_view)> trouble) {
-    Registration result{{}, fs::read_symlink("/proc/self/exe").string(), std::move(say), std::move(trouble)};
+    Registration result{{}, false, fs::read_symlink("/proc/self/exe").string(), std::move(say), std::move(trouble)};
     const char* const destination = std::getenv("QUELM_DESTDIR");
     if (destination != nullptr && *destination != '\0') {
+        result.onlyFiles = true;
         result.destination = fs::weakly_canonical(destination).string();
         if (result.destination == "/") {
             result.destination.clear();
@@ -317,62 +350,49 @@ Registration thisProgramsRegistration(std::function<void(std::string_view)> say,
 }
 
 void registerServer(const Registration& registration) {
+    checkProgram(registration);
     const dcom::DcomSettings settings = listenSettings(registration);
-    if (registration.destination.empty() && ::getpwnam(account) == nullptr) {
-        fail(
-            fmt::format("There is no user \"{0}\" for the server to run as; create it: useradd --system --user-group "
-                        "--no-create-home --shell /usr/sbin/nologin {0}",
-                        account));
+    for (const Unit& unit : allUnits) {
+        makeFolder(fs::path(settingsPath(registration, unit.name)).parent_path());
     }
-    const std::string folder = folderOf(registration);
-    std::error_code error;
-    fs::create_directories(folder, error);
-    if (error) {
-        failOn("create", folder, error.value());
-    }
-    writeUnit(fmt::format("{}/{}", folder, activationUnit),
-              socketText(settings, systemd::activationSocket, settings.activationPort, objectUnit));
-    writeUnit(fmt::format("{}/{}", folder, objectUnit),
-              socketText(settings, systemd::objectSocket, settings.objectPort, activationUnit));
-    writeUnit(fmt::format("{}/{}", folder, serviceUnit), serviceText(registration, writtenFolders(registration)));
-    registration.say(
-        fmt::format("Registered: wrote {}, {} and {} in {}; clients are expected on {}, activation port "
-                    "{}, object port {}",
-                    activationUnit, objectUnit, serviceUnit, folder, fmt::join(settings.addresses, ", "),
-                    settings.activationPort, settings.objectPort));
+    placeUnits(registration);
+    writeUnit(settingsPath(registration, activationUnit), socketSettings(settings, settings.activationPort));
+    writeUnit(settingsPath(registration, objectUnit), socketSettings(settings, settings.objectPort));
+    writeUnit(settingsPath(registration, serviceUnit), serviceSettings(registration, writtenFolders(registration)));
     if (systemdRuns(registration)) {
-        systemctl(registration, {"daemon-reload"});
-        systemctl(registration, {"enable", activationUnit, objectUnit});
-        // Sockets cannot be bound afresh while the service holds them, so it gives way first.
-        systemctl(registration, {"stop", activationUnit, objectUnit, serviceUnit});
-        systemctl(registration, {"start", activationUnit, objectUnit});
+        startListening();
     }
+    registration.say(fmt::format(
+        "Registered: wrote settings of {}, {} and {} to {}{}; clients are expected on {}, activation port {}, "
+        "object port {}",
+        activationUnit, objectUnit, serviceUnit, registration.destination, ownFolder,
+        fmt::join(settings.addresses, ", "), settings.activationPort, settings.objectPort));
 }
 
 void unregisterServer(const Registration& registration) {
-    const std::string folder = folderOf(registration);
-    const auto written = [&](const char* unit) { return fs::exists(fmt::format("{}/{}", folder, unit)); };
-    if (std::none_of(units.begin(), units.end(), written)) {
-        registration.say(fmt::format("Nothing to unregister in {}", folder));
-        return;
-    }
-    if (::access(folder.c_str(), W_OK) != 0) {
+    const std::string folder = registration.destination + ownFolder;
+    if (fs::exists(folder) && ::access(folder.c_str(), W_OK) != 0) {
         failOn("remove units in", folder, errno);
     }
+    bool any = false;
+    const auto written = [&](const Unit& unit) { return isOurs(inFolder(registration, ownFolder, unit.name)); };
+    if (systemdRuns(registration) &&
+        (packageIsThere(registration) || std::any_of(allUnits.begin(), allUnits.end(), written))) {
+        systemctl({"disable", "--quiet", activationUnit, objectUnit},
+                  "the server will listen again after the next boot");
+        systemctl({"stop", activationUnit, objectUnit, serviceUnit}, "the server still listens");
+        any = true;
+    }
+    for (const Unit& unit : allUnits) {
+        any = (written(unit) && removeFile(inFolder(registration, ownFolder, unit.name))) || any;
+        any = removeFile(settingsPath(registration, unit.name)) || any;
+    }
     if (systemdRuns(registration)) {
-        systemctl(registration, {"disable", activationUnit, objectUnit});
-        systemctl(registration, {"stop", activationUnit, objectUnit, serviceUnit});
+        systemctl({"daemon-reload"}, "systemd still knows of the old settings");
     }
-    for (const char* unit : units) {
-        const std::string path = fmt::format("{}/{}", folder, unit);
-        if (::unlink(path.c_str()) != 0 && errno != ENOENT) {
-            failOn("remove", path, errno);
-        }
-    }
-    if (systemdRuns(registration)) {
-        systemctl(registration, {"daemon-reload"});
-    }
-    registration.say(fmt::format("Unregistered: removed the units in {}", folder));
+    registration.say(
+        any ? fmt::format("Unregistered: nobody listens any more; removed what regserver wrote to {}", folder)
+            : fmt::format("Nothing to unregister in {}", folder));
 }
 
 }  // namespace quelm

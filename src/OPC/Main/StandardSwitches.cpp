@@ -34,6 +34,7 @@ void printHelp() {
                     "QUELM_INI\n      Sites, databases and log folder; otherwise /etc/quelm/Quelm.ini\n\n"
                     "QUELM_DCOM_CONF\n      Addresses, ports, accounts and security; otherwise /etc/quelm/dcom.conf\n\n"
                     "QUELM_DESTDIR\n      A folder in which regserver and unregserver take the place of /\n\n"
+                    "QUELM_STOP_WAIT\n      Seconds that clients get to leave after SIGTERM; otherwise 8\n\n"
                     "DISPLAY\n      Where a window is shown\n",
                     frmOPCQuelm::executableName, switches));
 }
