@@ -34,7 +34,6 @@ void CurrentDataReader::Stop() {
         objInterval_.reset();
     }
     values_ = {};
-    incoming_ = {};
     firstOfPID_ = {};
     nextOfPID_ = {};
     missedRefreshes_ = 0;
@@ -51,12 +50,13 @@ const CurrentValueRecord* CurrentDataReader::CurrentValue(std::int32_t lngPID, s
 
 void CurrentDataReader::refresh() noexcept {
     try {
+        std::vector<ParameterValue> incoming;
         objReferences_->ICDRReferences_RealtimeDB().ReadParameterValues(objReferences_->ICDRReferences_SiteID(),
-                                                                        incoming_);
-        if (!isLaidOutAsBefore()) {
-            indexIncoming();
+                                                                        incoming);
+        if (!isLaidOutAsBefore(incoming)) {
+            index(incoming);
         }
-        values_.swap(incoming_);
+        values_.swap(incoming);
         missedRefreshes_ = 0;
     } catch (...) {
         reportFailedRefresh();
@@ -64,8 +64,8 @@ void CurrentDataReader::refresh() noexcept {
 }
 
 // Parameters hardly ever come or go; while they stay, so does the index.
-bool CurrentDataReader::isLaidOutAsBefore() const {
-    return std::equal(values_.begin(), values_.end(), incoming_.begin(), incoming_.end(),
+bool CurrentDataReader::isLaidOutAsBefore(const std::vector<ParameterValue>& incoming) const {
+    return std::equal(values_.begin(), values_.end(), incoming.begin(), incoming.end(),
                       [](const ParameterValue& left, const ParameterValue& right) {
                           return left.PID == right.PID && left.IntervalType == right.IntervalType;
                       });
@@ -74,13 +74,13 @@ bool CurrentDataReader::isLaidOutAsBefore() const {
 // Each PID's records are chained in the order of the read. A read that is not ordered by PID is chained all the same,
 // only new records then go in behind the PID's first one.
 // Made whole before it takes the old one's place: when the memory runs out on the way, the old snapshot keeps its own.
-void CurrentDataReader::indexIncoming() {
+void CurrentDataReader::index(const std::vector<ParameterValue>& incoming) {
     IntIndex firstOfPID;
-    firstOfPID.reserve(incoming_.size());
-    std::vector<std::uint32_t> nextOfPID(incoming_.size(), IntIndex::none);
-    for (std::uint32_t i = 0; i < incoming_.size(); ++i) {
-        if (!firstOfPID.add(incoming_[i].PID, i)) {
-            const std::uint32_t first = firstOfPID.find(incoming_[i].PID);
+    firstOfPID.reserve(incoming.size());
+    std::vector<std::uint32_t> nextOfPID(incoming.size(), IntIndex::none);
+    for (std::uint32_t i = 0; i < incoming.size(); ++i) {
+        if (!firstOfPID.add(incoming[i].PID, i)) {
+            const std::uint32_t first = firstOfPID.find(incoming[i].PID);
             nextOfPID[i] = nextOfPID[first];
             nextOfPID[first] = i;
         }

@@ -32,8 +32,8 @@ class CurrentDataReader final : public ICurrentDataReader {
 
  private:
     void refresh() noexcept;
-    bool isLaidOutAsBefore() const;
-    void indexIncoming();
+    bool isLaidOutAsBefore(const std::vector<ParameterValue>& incoming) const;
+    void index(const std::vector<ParameterValue>& incoming);
     void reportFailedRefresh();
 
     IRaiseMsg* objRaiseMsg_ = nullptr;
@@ -43,7 +43,6 @@ class CurrentDataReader final : public ICurrentDataReader {
     int missedRefreshes_ = 0;
 
     std::vector<ParameterValue> values_;
-    std::vector<ParameterValue> incoming_;
     // PID -> its first record; nextOfPID_ leads on to those of its other interval types, none behind the last.
     IntIndex firstOfPID_;
     std::vector<std::uint32_t> nextOfPID_;

@@ -19,6 +19,8 @@ class ConfigurationReader final : public IConfigurationReader {
     SiteSettings LoadSiteSettings(std::string_view strSiteID, std::int32_t lngDAHSID) override;
 
  private:
+    SqlWorker& worker(std::string_view strSiteID) { return *sites_.connection(strSiteID, SiteTable::configuration); }
+
     SiteTable& sites_;
     ProblemSink problems_;
 };

@@ -145,14 +145,8 @@ class RecordWriter final : public ISqlRowSink {
 
 }  // namespace
 
-std::shared_ptr<CurrentIOCollection> CurrentIOSnapshots::takeSpare() {
-    std::shared_ptr<CurrentIOCollection> taken = std::move(spare_);
-    return taken != nullptr && taken.use_count() == 1 ? taken : std::make_shared<CurrentIOCollection>();
-}
-
-std::shared_ptr<const CurrentIOCollection> CurrentIOSnapshots::read(const std::function<void(ISqlRowSink&)>& scan) {
-    const std::shared_ptr<CurrentIOCollection> snapshot = takeSpare();
-    std::vector<CurrentIORecord>& records = snapshot->records_;
+std::shared_ptr<CurrentIOCollection> CurrentIORead::fill(const std::function<void(ISqlRowSink&)>& scan) {
+    std::vector<CurrentIORecord>& records = filled_->records_;
     if (last_) {
         records.reserve(last_->records_.size());
     }
@@ -160,13 +154,27 @@ std::shared_ptr<const CurrentIOCollection> CurrentIOSnapshots::read(const std::f
     RecordWriter writer(records);
     scan(writer);
     records.resize(writer.count());
-    if (!snapshot->index_ || writer.keyChanged() || writer.count() != countBefore) {
+    if (!filled_->index_ || writer.keyChanged() || writer.count() != countBefore) {
         records.shrink_to_fit();
-        snapshot->buildIndex(last_.get());
+        filled_->buildIndex(last_.get());
     }
+    return std::move(filled_);
+}
+
+CurrentIORead CurrentIOSnapshots::begin() {
+    CurrentIORead read;
+    read.filled_ = std::move(spare_);
+    if (!read.filled_ || read.filled_.use_count() != 1) {
+        read.filled_ = std::make_shared<CurrentIOCollection>();
+    }
+    read.last_ = last_;
+    return read;
+}
+
+std::shared_ptr<const CurrentIOCollection> CurrentIOSnapshots::take(std::shared_ptr<CurrentIOCollection> snapshot) {
     spare_ = std::move(last_);
-    last_ = snapshot;
-    return snapshot;
+    last_ = std::move(snapshot);
+    return last_;
 }
 
 }  // namespace quelm

@@ -75,7 +75,7 @@ class CurrentIOCollection {
     const std::vector<CurrentIORecord>& Records() const { return records_; }
 
  private:
-    friend class CurrentIOSnapshots;
+    friend class CurrentIORead;
     // Gives the records their index: the previous snapshot's where it fits.
     void buildIndex(const CurrentIOCollection* previous);
 
@@ -83,17 +83,28 @@ class CurrentIOCollection {
     std::shared_ptr<const CurrentIOIndex> index_;
 };
 
-// Makes the snapshots of one site, read after read. A read fills the memory of the snapshot before the last one as
-// soon as nobody holds that any more, so that a steady site allocates nothing.
-class CurrentIOSnapshots {
+// One read of a site's snapshot: all that it works on, so that it can be done by another thread.
+class CurrentIORead {
  public:
-    // scan hands every row to the sink, with the columns IOID, TStamp, NValue, XValue. A row without a text in IOID is
-    // left out. Raises what scan raises; the snapshots given out before stay as they are.
-    std::shared_ptr<const CurrentIOCollection> read(const std::function<void(ISqlRowSink&)>& scan);
+    // The whole snapshot with its index. scan hands every row to the sink, with the columns IOID, TStamp, NValue,
+    // XValue. A row without a text in IOID is left out. Raises what scan raises. To be called once.
+    std::shared_ptr<CurrentIOCollection> fill(const std::function<void(ISqlRowSink&)>& scan);
 
  private:
-    std::shared_ptr<CurrentIOCollection> takeSpare();
+    friend class CurrentIOSnapshots;
+    std::shared_ptr<CurrentIOCollection> filled_;
+    std::shared_ptr<const CurrentIOCollection> last_;
+};
 
+// The snapshots of one site, read after read. A read fills the memory of the snapshot before the last one as soon as
+// nobody holds that any more, so that a steady site allocates nothing. The snapshots given out stay as they are.
+class CurrentIOSnapshots {
+ public:
+    CurrentIORead begin();
+    // Takes what the read has filled for the last one from now on.
+    std::shared_ptr<const CurrentIOCollection> take(std::shared_ptr<CurrentIOCollection> snapshot);
+
+ private:
     std::shared_ptr<CurrentIOCollection> last_;
     std::shared_ptr<CurrentIOCollection> spare_;
 };

@@ -2,9 +2,21 @@
 
 #include <fmt/format.h>
 
+#include <array>
+#include <utility>
+
 #include "Shared Types/RuntimeError.h"
 
 namespace quelm {
+
+namespace {
+
+bool answers(ISqlConnection& connection) {
+    connection.test();
+    return true;
+}
+
+}  // namespace
 
 bool DBIL::Initialize(std::string_view) {
     return true;
@@ -27,7 +39,7 @@ bool DBIL::SetupSite(std::string_view strSiteID, std::string_view strConnection1
 bool DBIL::TestConnections(std::string_view strSiteID, bool blnConnection1, bool blnConnection2, bool blnConnection3,
                            bool blnConnection4, bool blnConnection5, bool blnReport) {
     const std::array chosen = {blnConnection1, blnConnection2, blnConnection3, blnConnection4, blnConnection5};
-    bool all = true;
+    std::vector<ConnectionTest> tests;
     bool found = false;
     sites_.forEachSite([&](const std::string& siteID) {
         if (!strSiteID.empty() && siteID != strSiteID) {
@@ -35,8 +47,8 @@ bool DBIL::TestConnections(std::string_view strSiteID, bool blnConnection1, bool
         }
         found = true;
         for (std::size_t which = 0; which < chosen.size(); ++which) {
-            if (chosen[which] && !testConnection(siteID, which, blnReport)) {
-                all = false;
+            if (chosen[which]) {
+                tests.push_back({siteID, which, nullptr, std::nullopt, std::nullopt});
             }
         }
     });
@@ -46,20 +58,41 @@ bool DBIL::TestConnections(std::string_view strSiteID, bool blnConnection1, bool
         }
         return false;
     }
+    // Those that do not answer are waited for side by side.
+    for (ConnectionTest& test : tests) {
+        begin(test);
+    }
+    bool all = true;
+    for (ConnectionTest& test : tests) {
+        all = finish(test, blnReport) && all;
+    }
     return all;
 }
 
-bool DBIL::testConnection(const std::string& strSiteID, std::size_t which, bool blnReport) {
+void DBIL::begin(ConnectionTest& test) {
     try {
-        sites_.connection(strSiteID, which).test();
-        return true;
-    } catch (...) {
-        if (blnReport) {
-            report(fmt::format("Site '{}': connection {} ({}) failed: {}", strSiteID, which + 1,
-                               sites_.shownConnectionString(strSiteID, which), currentError().text()));
+        test.worker = sites_.connection(test.siteID, test.which);
+        if (test.worker->isFree()) {
+            test.call = test.worker->begin(answers);
         }
-        return false;
+    } catch (...) {
+        test.failure = currentError();
     }
+}
+
+bool DBIL::finish(ConnectionTest& test, bool blnReport) {
+    try {
+        if (!test.failure) {
+            return test.call ? test.worker->finish(std::move(*test.call)) : test.worker->run(answers);
+        }
+    } catch (...) {
+        test.failure = currentError();
+    }
+    if (blnReport) {
+        report(fmt::format("Site '{}': connection {} ({}) failed: {}", test.siteID, test.which + 1,
+                           sites_.shownConnectionString(test.siteID, test.which), test.failure->text()));
+    }
+    return false;
 }
 
 void DBIL::Terminate() {

@@ -32,7 +32,16 @@ class DBIL final : public IDBIL {
     void Terminate() override;
 
  private:
-    bool testConnection(const std::string& strSiteID, std::size_t which, bool blnReport);
+    struct ConnectionTest {
+        std::string siteID;
+        std::size_t which = 0;
+        std::shared_ptr<SqlWorker> worker;
+        std::optional<SqlCall<bool>> call;
+        std::optional<ErrorInfo> failure;
+    };
+
+    void begin(ConnectionTest& test);
+    bool finish(ConnectionTest& test, bool blnReport);
     void report(std::string_view strProblem) const;
 
     ProblemSink problems_;

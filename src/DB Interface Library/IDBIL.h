@@ -69,7 +69,7 @@ class IRealtimeDB {
     virtual bool InsertMessage(std::string& strMsgID, std::string_view strSiteID, std::string_view strMsgType,
                                std::string_view strMsgData, std::string_view strUnused1, std::string_view strUnused2,
                                std::string_view strDescription) = 0;
-    // Fills out with the site's current parameter values; keeps the strings' and vector's memory for reuse.
+    // Replaces out by the site's current parameter values, in the order of PID and interval type.
     virtual void ReadParameterValues(std::string_view strSiteID, std::vector<ParameterValue>& out) = 0;
 };
 

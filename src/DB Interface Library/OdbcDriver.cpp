@@ -14,7 +14,6 @@
 #include "DB Interface Library/OdbcSession.h"
 #include "DB Interface Library/OdbcStatement.h"
 #include "Shared Types/RuntimeError.h"
-#include "Shared Types/TimeSource.h"
 
 namespace quelm {
 
@@ -57,8 +56,12 @@ std::string marks(std::size_t count) {
 
 class OdbcConnection final : public ISqlConnection {
  public:
-    OdbcConnection(const ConnectionString& connectionString, OdbcTimeouts timeouts)
+    OdbcConnection(const ConnectionString& connectionString, SqlTimeouts timeouts)
         : connectionString_(connectionString), timeouts_(timeouts) {}
+
+    SqlTimeouts timeouts() const override { return timeouts_; }
+
+    void connect() override { connectedSession(); }
 
     std::unique_ptr<ISqlRows> query(std::string_view sql, SqlParameters parameters) override {
         return std::make_unique<OdbcRows>(connectedSession(), sql, parameters);
@@ -106,10 +109,7 @@ class OdbcConnection final : public ISqlConnection {
 
     void test() override { query("SELECT 1", {})->next(); }
 
-    void close() override {
-        session_.reset();
-        failure_.reset();
-    }
+    void close() override { session_.reset(); }
 
  private:
     static bool speaksUtf8(const std::shared_ptr<OdbcSession>& session) {
@@ -145,31 +145,14 @@ class OdbcConnection final : public ISqlConnection {
     const std::shared_ptr<OdbcSession>& connectedSession() {
         if (!session_ || !session_->isUsable()) {
             session_.reset();
-            connect();
+            session_ = std::make_shared<OdbcSession>(connectionString_, timeouts_);
         }
         return session_;
     }
 
-    void connect() {
-        const auto holdOff = static_cast<std::uint64_t>(timeouts_.holdOff.count());
-        if (failure_ && timeSource().monotonicMilliseconds() - failedAt_ < holdOff) {
-            throw RuntimeError(*failure_);
-        }
-        failure_.reset();
-        try {
-            session_ = std::make_shared<OdbcSession>(connectionString_, timeouts_);
-        } catch (const RuntimeError& failure) {
-            failure_ = failure;
-            failedAt_ = timeSource().monotonicMilliseconds();
-            throw;
-        }
-    }
-
     ConnectionString connectionString_;
-    OdbcTimeouts timeouts_;
+    SqlTimeouts timeouts_;
     std::shared_ptr<OdbcSession> session_;
-    std::optional<RuntimeError> failure_;
-    std::uint64_t failedAt_ = 0;  // milliseconds of the monotonic clock
 };
 
 }  // namespace

@@ -1,7 +1,5 @@
 #include "DB Interface Library/OdbcSession.h"
 
-#include <fmt/format.h>
-
 #include <algorithm>
 #include <utility>
 
@@ -62,7 +60,7 @@ std::size_t wholeSeconds(std::chrono::milliseconds time) {
     return static_cast<std::size_t>(std::max<std::int64_t>((time.count() + 999) / 1000, 1));
 }
 
-OdbcSession::OdbcSession(const ConnectionString& connectionString, const OdbcTimeouts& timeouts)
+OdbcSession::OdbcSession(const ConnectionString& connectionString, const SqlTimeouts& timeouts)
     : connectionString_(connectionString), timeouts_(timeouts), environment_(nullptr) {
     SQLSetEnvAttr(environment_.get(), SQL_ATTR_ODBC_VERSION, odbcNumber(SQL_OV_ODBC3), 0);
     connection_.emplace(environment_.get());
@@ -75,15 +73,13 @@ OdbcSession::OdbcSession(const ConnectionString& connectionString, const OdbcTim
 
 OdbcSession::~OdbcSession() {
     statements_.clear();
-    const StallGuard guard = closingGuard();
     SQLDisconnect(connection_->get());
 }
 
-void OdbcSession::fail(SQLSMALLINT type, SQLHANDLE handle, bool hasCut, std::chrono::milliseconds limit) {
+void OdbcSession::fail(SQLSMALLINT type, SQLHANDLE handle) {
     const Diagnosis diagnosis = diagnose(type, handle);
-    failed_ = failed_ || hasCut || !leavesConnectionGood(diagnosis.state);
-    throw RuntimeError(diagnosis.number, hasCut ? fmt::format("the database did not answer within {} ms", limit.count())
-                                                : connectionString_.withoutPasswords(diagnosis.text));
+    failed_ = failed_ || !leavesConnectionGood(diagnosis.state);
+    throw RuntimeError(diagnosis.number, connectionString_.withoutPasswords(diagnosis.text));
 }
 
 void OdbcSession::connect() {
@@ -94,18 +90,14 @@ void OdbcSession::connect() {
     if (!std::in_range<SQLSMALLINT>(text.size())) {
         throw RuntimeError(errors::invalidCall, "The connection string is longer than ODBC takes");
     }
-    const SocketWatch watch;
-    const StallGuard guard(timeouts_.connect + timeouts_.grace, watch);
     const SQLRETURN result = SQLDriverConnectW(handle, nullptr, odbcText(text), static_cast<SQLSMALLINT>(text.size()),
                                                nullptr, 0, nullptr, SQL_DRIVER_NOPROMPT);
     if (!SQL_SUCCEEDED(result)) {
-        fail(SQL_HANDLE_DBC, handle, guard.hasCut(), timeouts_.connect);
+        fail(SQL_HANDLE_DBC, handle);
     }
-    sockets_ = watch.opened();
 }
 
 void OdbcSession::readAbilities() {
-    const StallGuard guard(timeouts_.query + timeouts_.grace, sockets_);
     SQLUINTEGER abilities = 0;
     SQLGetInfoW(connection_->get(), SQL_GETDATA_EXTENSIONS, &abilities, sizeof abilities, nullptr);
     constexpr SQLUINTEGER needed = SQL_GD_BLOCK | SQL_GD_BOUND | SQL_GD_ANY_COLUMN;

@@ -13,11 +13,9 @@
 #include <optional>
 #include <string>
 #include <string_view>
-#include <vector>
 
 #include "DB Interface Library/OdbcDriver.h"
 #include "DB Interface Library/PackedRows.h"
-#include "DB Interface Library/StallGuard.h"
 
 namespace quelm {
 
@@ -60,11 +58,10 @@ struct OdbcDialect {
     bool fieldsTravelAsText = false;
 };
 
-// Connects when it is made. Everything here takes a bounded time and raises RuntimeError with the database's own number
-// and text.
+// Connects when it is made. Everything here raises RuntimeError with the database's own number and text.
 class OdbcSession {
  public:
-    OdbcSession(const ConnectionString& connectionString, const OdbcTimeouts& timeouts);
+    OdbcSession(const ConnectionString& connectionString, const SqlTimeouts& timeouts);
     OdbcSession(const OdbcSession&) = delete;
     OdbcSession& operator=(const OdbcSession&) = delete;
     ~OdbcSession();
@@ -75,24 +72,21 @@ class OdbcSession {
     const OdbcDialect& dialect() const { return dialect_; }
     // Columns of a row inside a block can be read again, piece by piece.
     bool readsInsideBlocks() const { return readsInsideBlocks_; }
-    const OdbcTimeouts& timeouts() const { return timeouts_; }
+    std::chrono::milliseconds queryTimeout() const { return timeouts_.query; }
 
-    // Runs one step of a statement within the statement's time; True for a success, False for "no data".
+    // Runs one step of a statement; True for a success, False for "no data".
     template <class Step>
     bool run(SQLHANDLE statement, Step step) {
-        const StallGuard guard(timeouts_.query + timeouts_.grace, sockets_);
         const SQLRETURN result = step();
         if (result == SQL_NO_DATA) {
             return false;
         }
         if (!SQL_SUCCEEDED(result)) {
-            fail(SQL_HANDLE_STMT, statement, guard.hasCut(), timeouts_.query);
+            fail(SQL_HANDLE_STMT, statement);
         }
         return true;
     }
-    // Bounds what tells the database that something is over.
-    StallGuard closingGuard() const { return StallGuard(timeouts_.grace, sockets_); }
-    [[noreturn]] void fail(SQLSMALLINT type, SQLHANDLE handle, bool hasCut, std::chrono::milliseconds limit);
+    [[noreturn]] void fail(SQLSMALLINT type, SQLHANDLE handle);
 
     // A statement for this text, prepared already where it was used before.
     std::unique_ptr<OdbcStatement> take(std::string_view sql);
@@ -108,10 +102,9 @@ class OdbcSession {
     std::string infoText(SQLUSMALLINT which) const;
 
     ConnectionString connectionString_;
-    OdbcTimeouts timeouts_;
+    SqlTimeouts timeouts_;
     OdbcHandle<SQL_HANDLE_ENV> environment_;
     std::optional<OdbcHandle<SQL_HANDLE_DBC>> connection_;
-    std::vector<int> sockets_;
     OdbcDialect dialect_;
     bool readsInsideBlocks_ = false;
     bool failed_ = false;

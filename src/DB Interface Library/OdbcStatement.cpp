@@ -203,17 +203,15 @@ void OdbcParameters::bind(OdbcSession& session, SQLHANDLE statement, SqlParamete
 OdbcStatement::OdbcStatement(OdbcSession& session, std::string sql) : session_(session), sql_(std::move(sql)) {
     handle_.emplace(session.connection());
     if (handle_->get() == nullptr) {
-        session_.fail(SQL_HANDLE_DBC, session_.connection(), false, {});
+        session_.fail(SQL_HANDLE_DBC, session_.connection());
     }
-    SQLSetStmtAttrW(handle_->get(), SQL_ATTR_QUERY_TIMEOUT, odbcNumber(wholeSeconds(session_.timeouts().query)),
+    SQLSetStmtAttrW(handle_->get(), SQL_ATTR_QUERY_TIMEOUT, odbcNumber(wholeSeconds(session_.queryTimeout())),
                     SQL_IS_UINTEGER);
 }
 
 OdbcStatement::~OdbcStatement() {
     // Without this PostgreSQL's driver keeps for ever what it knows of the columns of a statement that has failed.
     close();
-    const StallGuard guard = session_.closingGuard();
-    handle_.reset();
 }
 
 void OdbcStatement::prepare() {
@@ -313,7 +311,6 @@ std::int64_t OdbcStatement::changedRows() {
 }
 
 bool OdbcStatement::close() {
-    const StallGuard guard = session_.closingGuard();
     return SQL_SUCCEEDED(SQLFreeStmt(handle_->get(), SQL_CLOSE));
 }
 
@@ -392,7 +389,7 @@ bool OdbcStatement::fetchBlock() {
     fetched_ = std::min<SQLULEN>(fetched_, rows_);
     const std::span<const SQLUSMALLINT> states(rowStates_.data(), fetched_);
     if (std::find(states.begin(), states.end(), SQL_ROW_ERROR) != states.end()) {
-        session_.fail(SQL_HANDLE_STMT, handle_->get(), false, {});
+        session_.fail(SQL_HANDLE_STMT, handle_->get());
     }
     return fetched_ > 0;
 }

@@ -2,6 +2,9 @@
 
 #include <fmt/format.h>
 
+#include <utility>
+#include <vector>
+
 #include "Shared Types/RuntimeError.h"
 
 namespace quelm {
@@ -17,12 +20,12 @@ void SiteTable::setUp(std::string_view strSiteID,
     sites_.insert_or_assign(std::string(strSiteID), std::move(site));
 }
 
-ISqlConnection& SiteTable::connection(std::string_view strSiteID, std::size_t which) {
+const std::shared_ptr<SqlWorker>& SiteTable::connection(std::string_view strSiteID, std::size_t which) {
     Connection& connection = site(strSiteID)[which];
     if (!connection.open) {
         connection.open = connectionTo(connection.text);
     }
-    return *connection.open;
+    return connection.open;
 }
 
 std::string SiteTable::shownConnectionString(std::string_view strSiteID, std::size_t which) {
@@ -36,20 +39,23 @@ void SiteTable::forEachSite(const std::function<void(const std::string&)>& visit
 }
 
 void SiteTable::closeAll() {
-    for (auto& [siteID, site] : sites_) {
-        for (Connection& connection : site) {
-            if (connection.open) {
-                connection.open->close();
-            }
+    std::vector<std::pair<std::shared_ptr<SqlWorker>, SqlCall<bool>>> closing;
+    for (const auto& [text, known] : connections_) {
+        if (const std::shared_ptr<SqlWorker> worker = known.lock()) {
+            closing.emplace_back(worker, worker->beginClose());
         }
+    }
+    for (const auto& [worker, call] : closing) {
+        // Where the library hangs the session closes when it returns; nobody can do more about it.
+        worker->wait(call);
     }
 }
 
-std::shared_ptr<ISqlConnection> SiteTable::connectionTo(const std::string& text) {
-    std::weak_ptr<ISqlConnection>& known = connections_[text];
-    std::shared_ptr<ISqlConnection> connection = known.lock();
+std::shared_ptr<SqlWorker> SiteTable::connectionTo(const std::string& text) {
+    std::weak_ptr<SqlWorker>& known = connections_[text];
+    std::shared_ptr<SqlWorker> connection = known.lock();
     if (!connection) {
-        connection = drivers_.connection(text);
+        connection = std::make_shared<SqlWorker>(drivers_.connection(text));
         known = connection;
     }
     return connection;

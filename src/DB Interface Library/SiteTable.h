@@ -11,6 +11,7 @@
 #include <string_view>
 
 #include "DB Interface Library/Sql.h"
+#include "DB Interface Library/SqlWorker.h"
 
 namespace quelm {
 
@@ -25,27 +26,28 @@ class SiteTable {
     // Raises what the drivers raise when the first two connection strings are not usable; the site is then as before.
     void setUp(std::string_view strSiteID, const std::array<std::string_view, connectionCount>& connectionStrings);
     // Raises RuntimeError 5 for a site that is not set up, and what the drivers raise.
-    ISqlConnection& connection(std::string_view strSiteID, std::size_t which);
+    const std::shared_ptr<SqlWorker>& connection(std::string_view strSiteID, std::size_t which);
     // Without passwords.
     std::string shownConnectionString(std::string_view strSiteID, std::size_t which);
     // In the order of the site IDs.
     void forEachSite(const std::function<void(const std::string& strSiteID)>& visit) const;
+    // Waits for all of them together.
     void closeAll();
 
  private:
     struct Connection {
         std::string text;
-        std::shared_ptr<ISqlConnection> open;
+        std::shared_ptr<SqlWorker> open;
     };
     using Site = std::array<Connection, connectionCount>;
 
     Site& site(std::string_view strSiteID);
-    std::shared_ptr<ISqlConnection> connectionTo(const std::string& text);
+    std::shared_ptr<SqlWorker> connectionTo(const std::string& text);
 
     SqlDrivers drivers_;
-    // Sites of one database share its connection: each more is a session of the database's, and a wait of its own when
-    // the database is gone.
-    std::map<std::string, std::weak_ptr<ISqlConnection>> connections_;
+    // Sites of one database share its connection and its worker: each more is a session of the database's, and a wait
+    // of its own when the database is gone.
+    std::map<std::string, std::weak_ptr<SqlWorker>> connections_;
     std::map<std::string, Site, std::less<>> sites_;
 };
 

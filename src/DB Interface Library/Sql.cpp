@@ -203,10 +203,10 @@ std::unique_ptr<ISqlConnection> SqlDrivers::connection(std::string_view connecti
 
 SqlDrivers builtInSqlDrivers(const SqlTimeouts& timeouts) {
     SqlDrivers drivers;
-    SqliteTimeouts file{.query = timeouts.query};
+    SqliteTimeouts file{.query = timeouts.query, .connect = timeouts.connect};
     file.lock = std::min(file.lock, file.query);
     drivers.add(std::make_unique<SqliteDriver>(file));
-    drivers.add(std::make_unique<OdbcDriver>(OdbcTimeouts{.connect = timeouts.connect, .query = timeouts.query}));
+    drivers.add(std::make_unique<OdbcDriver>(timeouts));
     return drivers;
 }
 

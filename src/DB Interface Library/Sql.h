@@ -70,11 +70,16 @@ class ISqlRowSink {
     virtual void take(std::span<const SqlValue> columns) = 0;
 };
 
-// One database. Connects when it is first used, and again after every failure. Every call takes a bounded time and
-// raises RuntimeError with the database's own number and text.
+// One database. Connects when it is first used, and again after every failure. A call takes as long as the database's
+// library takes (SqlWorker bounds what others wait for it), and raises RuntimeError with the database's own number and
+// text. To be used by one thread at a time.
 class ISqlConnection {
  public:
     virtual ~ISqlConnection() = default;
+    // What its callers should wait at most.
+    virtual SqlTimeouts timeouts() const = 0;
+    // Connects unless there is a connection that is good for use.
+    virtual void connect() = 0;
     virtual std::unique_ptr<ISqlRows> query(std::string_view sql, SqlParameters parameters) = 0;
     // Hands every row of "SELECT columns FROM source" to the sink, in the fastest way that the database has: for reads
     // of a hundred thousand rows. At most maxScanColumns columns; source cannot ask for an order, but the order stays

@@ -15,7 +15,6 @@
 
 #include "Shared Types/RuntimeError.h"
 #include "Shared Types/Text.h"
-#include "Shared Types/TimeSource.h"
 
 namespace quelm {
 
@@ -46,8 +45,8 @@ std::optional<FileIdentity> identify(const std::string& path) {
     return FileIdentity{status.st_dev, status.st_ino};
 }
 
-// One look at the column instead of one per question about it. Such a value asks for a program of one thread, as this
-// one is.
+// One look at the column instead of one per question about it. Such a value asks for a connection that one thread alone
+// uses, as here.
 void readColumn(sqlite3_value* source, SqlValue& value) {
     switch (sqlite3_value_type(source)) {
         case SQLITE_INTEGER:
@@ -104,7 +103,7 @@ class Session {
 
     // A statement ready to be bound; the clock for its time-out starts now.
     Statement take(std::string_view sql) {
-        deadline_ = timeSource().monotonicMilliseconds() + static_cast<std::uint64_t>(timeouts_.query.count());
+        deadline_ = std::chrono::steady_clock::now() + timeouts_.query;
         if (const auto kept = statements_.find(sql); kept != statements_.end()) {
             Statement statement = std::move(kept->second);
             statements_.erase(kept);
@@ -166,7 +165,7 @@ class Session {
     }
 
     static int isOverdue(void* session) {
-        return timeSource().monotonicMilliseconds() > static_cast<Session*>(session)->deadline_ ? 1 : 0;
+        return std::chrono::steady_clock::now() > static_cast<Session*>(session)->deadline_ ? 1 : 0;
     }
 
     [[noreturn]] void fail(int result) {
@@ -181,7 +180,8 @@ class Session {
     SqliteTimeouts timeouts_;
     std::unique_ptr<sqlite3, Closer> database_;
     std::map<std::string, Statement, std::less<>> statements_;
-    std::uint64_t deadline_ = 0;
+    // The database engine takes real time, whatever the plant's clocks say.
+    std::chrono::steady_clock::time_point deadline_;
     ISqlRowSink* sink_ = nullptr;
     std::array<SqlValue, maxScanColumns> scanned_;
     std::exception_ptr sinkFailure_;
@@ -251,6 +251,13 @@ class SqliteRows final : public ISqlRows {
 class SqliteConnection final : public ISqlConnection {
  public:
     SqliteConnection(std::string path, SqliteTimeouts timeouts) : path_(std::move(path)), timeouts_(timeouts) {}
+
+    // No hold-off: a file that is not there says so at once.
+    SqlTimeouts timeouts() const override {
+        return {.connect = timeouts_.connect, .query = timeouts_.query, .holdOff = std::chrono::milliseconds(0)};
+    }
+
+    void connect() override { connectedSession(); }
 
     std::unique_ptr<ISqlRows> query(std::string_view sql, SqlParameters parameters) override {
         return std::make_unique<SqliteRows>(connectedSession(), sql, parameters);

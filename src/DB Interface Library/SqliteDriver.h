@@ -11,10 +11,12 @@
 namespace quelm {
 
 struct SqliteTimeouts {
-    // Longest wait for another process's lock. The whole server stands still meanwhile, so it is short.
+    // Longest wait for another process's lock. What else is due waits meanwhile, so it is short.
     std::chrono::milliseconds lock{3'000};
     // Longest run of one statement.
     std::chrono::milliseconds query{10'000};
+    // Longest wait for the file itself, which may be another machine's.
+    std::chrono::milliseconds connect{5'000};
 };
 
 class SqliteDriver final : public ISqlDriver {

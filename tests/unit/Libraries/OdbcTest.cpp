@@ -264,11 +264,10 @@ INSTANTIATE_TEST_SUITE_P(Both, DatabasesTest, testing::Values(Kind::Sqlite, Kind
 class OdbcTest : public testing::Test {
  protected:
     void SetUp() override { NEED_SERVER(); }
-    static std::unique_ptr<ISqlConnection> connect(const std::string& text, OdbcTimeouts timeouts = {}) {
-        timeouts.holdOff = {};
+    static std::unique_ptr<ISqlConnection> connect(const std::string& text, const SqlTimeouts& timeouts = {}) {
         return OdbcDriver(timeouts).connection(ConnectionString(text));
     }
-    static std::unique_ptr<ISqlConnection> connect(OdbcTimeouts timeouts = {}) {
+    static std::unique_ptr<ISqlConnection> connect(const SqlTimeouts& timeouts = {}) {
         return connect(TestServer::instance()->connectionString(), timeouts);
     }
     static Variant valueOf(ISqlConnection& connection, std::string_view sql, SqlParameters parameters = {}) {
@@ -388,7 +387,7 @@ TEST_F(OdbcTest, LockedRowsCostOneCall) {
     const auto holder = connect();
     holder->execute("BEGIN", {});
     holder->execute("UPDATE L SET a = 2", {});
-    const auto connection = connect(OdbcTimeouts{.query = std::chrono::seconds(1)});
+    const auto connection = connect(SqlTimeouts{.query = std::chrono::seconds(1)});
     EXPECT_EQ(valueOf(*connection, "SELECT a FROM L"), Variant(std::int32_t{1}));
     EXPECT_THAT(failureOf(*connection, "UPDATE L SET a = 3 RETURNING a"), HasSubstr("timeout"));
     holder->execute("COMMIT", {});
