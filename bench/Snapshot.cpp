@@ -73,7 +73,9 @@ void memorySnapshot(benchmark::State& state) {
     const std::vector<Row> rows = rowsInMemory();
     CurrentIOSnapshots snapshots;
     std::shared_ptr<const CurrentIOCollection> published;
-    const auto replace = [&] { published = snapshots.take(snapshots.begin().fill([&](ISqlRowSink& sink) { hand(rows, sink); })); };
+    const auto replace = [&] {
+        published = snapshots.take(snapshots.begin().fill([&](ISqlRowSink& sink) { hand(rows, sink); }));
+    };
     replace();
     replace();
     for (auto _ : state) {

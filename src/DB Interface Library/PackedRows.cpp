@@ -23,6 +23,7 @@ constexpr std::size_t numberSize = 8;
 // What stands for NULL: no number, no date and no text of the database looks like these.
 constexpr std::uint64_t noNumber = std::numeric_limits<std::uint64_t>::max();
 constexpr std::int64_t noDate = std::numeric_limits<std::int64_t>::min();
+constexpr std::int64_t noInteger = noDate;
 constexpr char noText = '\xFF';
 
 const std::int64_t epoch = dayNumber(2000, 1, 1);
@@ -38,6 +39,11 @@ std::uint64_t bigEndian(const char* bytes) {
 void readReal(std::uint64_t bits, SqlValue& value) {
     value.type = bits != noNumber ? SqlType::Real : SqlType::Null;
     value.real = std::bit_cast<double>(bits);
+}
+
+void readInteger(std::int64_t number, SqlValue& value) {
+    value.type = number != noInteger ? SqlType::Integer : SqlType::Null;
+    value.integer = number;
 }
 
 // From microseconds since 2000. Null for a date that the product's dates do not reach; so are those without end.
@@ -98,6 +104,13 @@ std::optional<PackedRows> PackedRows::make(std::string_view columns, std::string
                 list += fmt::format("string_agg(coalesce(float8send({}), decode('{:016x}', 'hex')), '')", names[i],
                                     noNumber);
                 break;
+            case SQL_SMALLINT:
+            case SQL_INTEGER:
+            case SQL_BIGINT:
+                rows.kinds_.push_back(Kind::Integer);
+                list += fmt::format("string_agg(coalesce(int8send({}), decode('{:016x}', 'hex')), '')", names[i],
+                                    static_cast<std::uint64_t>(noInteger));
+                break;
             case SQL_VARCHAR:
             case SQL_LONGVARCHAR:
             case SQL_WVARCHAR:
@@ -153,6 +166,8 @@ void PackedRows::unpack(std::span<const std::optional<std::string_view>> packed,
             const std::uint64_t bits = bigEndian(rest.data());
             if (kinds_[i] == Kind::Real) {
                 readReal(bits, columns[i]);
+            } else if (kinds_[i] == Kind::Integer) {
+                readInteger(static_cast<std::int64_t>(bits), columns[i]);
             } else {
                 readDate(static_cast<std::int64_t>(bits), columns[i]);
             }

@@ -19,7 +19,7 @@ namespace quelm {
 class PackedRows {
  public:
     // The rows of "SELECT columns FROM source", whose columns have these SQL types. Nothing where there are others
-    // than dates, double precision numbers and texts.
+    // than dates, whole and double precision numbers and texts.
     static std::optional<PackedRows> make(std::string_view columns, std::string_view source,
                                           std::span<const SQLSMALLINT> types);
 
@@ -32,7 +32,7 @@ class PackedRows {
     void unpack(std::span<const std::optional<std::string_view>> packed, ISqlRowSink& sink) const;
 
  private:
-    enum class Kind : std::uint8_t { Date, Real, Text };
+    enum class Kind : std::uint8_t { Date, Integer, Real, Text };
 
     std::size_t countRows(std::string_view firstColumn) const;
 

@@ -2,7 +2,9 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <array>
+#include <span>
 #include <utility>
 
 #include "DB Interface Library/DBRealtimeConstants.h"
@@ -13,51 +15,49 @@ namespace quelm {
 
 namespace {
 
-// False when the row names no parameter and takes no place in the list.
-bool readParameter(const ISqlRows& rows, ParameterValue& parameter) {
-    std::array<SqlValue, 5> columns;
-    rows.read(columns);
-    const auto& [pid, intervalType, value, monitorCode, valueText] = columns;
-    const std::optional<std::int32_t> number = sqlWholeNumber(pid);
-    if (!number) {
-        return false;
+class ParameterWriter final : public ISqlRowSink {
+ public:
+    // A row that names no parameter takes no place.
+    void take(std::span<const SqlValue> columns) override {
+        if (const std::optional<std::int32_t> number = sqlWholeNumber(columns[0])) {
+            const SqlValue& value = columns[2].type == SqlType::Null ? columns[4] : columns[2];
+            values_.push_back({{sqlVariant(value), sqlVariant(columns[3])}, *number, std::string(sqlText(columns[1]))});
+        }
     }
-    parameter.PID = *number;
-    parameter.IntervalType.assign(sqlText(intervalType));
-    parameter.Value = sqlVariant(value.type == SqlType::Null ? valueText : value);
-    parameter.MonitorCode = sqlVariant(monitorCode);
-    return true;
-}
+
+    // Scans come in any order.
+    std::vector<ParameterValue> inOrder() && {
+        const auto isBefore = [](const ParameterValue& left, const ParameterValue& right) {
+            return left.PID != right.PID ? left.PID < right.PID : left.IntervalType < right.IntervalType;
+        };
+        if (!std::is_sorted(values_.begin(), values_.end(), isBefore)) {
+            std::sort(values_.begin(), values_.end(), isBefore);
+        }
+        values_.shrink_to_fit();
+        return std::move(values_);
+    }
+
+ private:
+    std::vector<ParameterValue> values_;
+};
 
 const std::string snapshotColumns = fmt::format("{}, {}, {}, {}", realtime::ioIDColumn, realtime::timeStampColumn,
                                                 realtime::nValueColumn, realtime::xValueColumn);
 const std::string snapshotSource = fmt::format("{} WHERE {} = ?", realtime::currentIOTable, realtime::siteIDColumn);
 
-// A parameter's value is a number or a text; where columns are typed, its text stands in a column of its own.
-std::string parameterQuery(bool hasTypedColumns) {
-    return fmt::format(
-        "SELECT PID, IntervalType, Value, MonitorCode, {} FROM ParameterValue WHERE SiteID = ? "
-        "ORDER BY PID, IntervalType",
-        hasTypedColumns ? "ValueText" : "NULL");
-}
-
 std::vector<ParameterValue> readParameters(ISqlConnection& connection, const std::string& strSiteID) {
-    static const std::array queries = {parameterQuery(false), parameterQuery(true)};
-    const auto rows = connection.query(queries[connection.hasTypedColumns() ? 1 : 0], {strSiteID});
-    std::vector<ParameterValue> values;
-    ParameterValue value;
-    while (rows->next()) {
-        if (readParameter(*rows, value)) {
-            values.push_back(std::move(value));
-        }
-    }
-    return values;
+    // A parameter's value is a number or a text; where columns are typed, its text stands in a column of its own.
+    ParameterWriter writer;
+    connection.scan(connection.hasTypedColumns() ? "PID, IntervalType, Value, MonitorCode, ValueText"
+                                                 : "PID, IntervalType, Value, MonitorCode, NULL",
+                    "ParameterValue WHERE SiteID = ?", {strSiteID}, writer);
+    return std::move(writer).inOrder();
 }
 
 std::optional<MessageRecord> readMessage(ISqlConnection& connection, const std::string& strSiteID,
                                          const std::string& strMsgID) {
-    const auto rows =
-        connection.query("SELECT State, Response, Data FROM Message WHERE SiteID = ? AND ID = ?", {strSiteID, strMsgID});
+    const auto rows = connection.query("SELECT State, Response, Data FROM Message WHERE SiteID = ? AND ID = ?",
+                                       {strSiteID, strMsgID});
     if (!rows->next()) {
         return std::nullopt;
     }
@@ -101,15 +101,16 @@ SqlCall<RealtimeDB::Snapshot> RealtimeDB::beginCurrentIO(SqlWorker& worker, cons
         return {.refusal = std::move(refusal)};
     }
     const std::int64_t implicit = blnUseImplicitChannels ? 1 : 0;
-    return worker.begin([read = snapshots_[strSiteID].begin(), strSiteID, implicit](ISqlConnection& connection) mutable {
-        return read.fill([&](ISqlRowSink& sink) {
-            if (!connection.call(snapshotColumns, realtime::currentIOProcedure, {strSiteID, implicit}, sink)) {
-                // The key of the table, site and IOID, is the way in which the rows are found, so they come in its
-                // order.
-                connection.scan(snapshotColumns, snapshotSource, {strSiteID}, sink);
-            }
+    return worker.begin(
+        [read = snapshots_[strSiteID].begin(), strSiteID, implicit](ISqlConnection& connection) mutable {
+            return read.fill([&](ISqlRowSink& sink) {
+                if (!connection.call(snapshotColumns, realtime::currentIOProcedure, {strSiteID, implicit}, sink)) {
+                    // The key of the table, site and IOID, is the way in which the rows are found, so they come in its
+                    // order.
+                    connection.scan(snapshotColumns, snapshotSource, {strSiteID}, sink);
+                }
+            });
         });
-    });
 }
 
 std::optional<MessageRecord> RealtimeDB::GetMessageRecord(std::string_view strSiteID, std::string_view strMsgID) {

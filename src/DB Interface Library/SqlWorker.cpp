@@ -94,8 +94,8 @@ bool SqlWorker::isFree() const {
 }
 
 bool SqlWorker::isHeldOff() const {
-    return failure_ && timeSource().monotonicMilliseconds() - failedAt_ <
-                           static_cast<std::uint64_t>(timeouts_.holdOff.count());
+    return failure_ &&
+           timeSource().monotonicMilliseconds() - failedAt_ < static_cast<std::uint64_t>(timeouts_.holdOff.count());
 }
 
 SqlCall<bool> SqlWorker::beginClose() {

@@ -59,8 +59,8 @@ class TickReads {
     TickReads(TickTime& time, FindWorker findWorker, Begin begin)
         : time_(time), findWorker_(std::move(findWorker)), begin_(std::move(begin)) {}
 
-    // The site's result, which was never begun before this tick. The same sites as at the tick before are reckoned with.
-    // Raises what finish raises.
+    // The site's result, which was never begun before this tick. The same sites as at the tick before are reckoned
+    // with. Raises what finish raises.
     Result read(std::string_view strSiteID, Argument argument) {
         const std::string siteID(strSiteID);
         const std::shared_ptr<SqlWorker> worker = findWorker_(siteID);
