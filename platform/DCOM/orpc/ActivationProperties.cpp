@@ -4,7 +4,6 @@ namespace quelm::dcom::orpc {
 
 namespace {
 
-constexpr std::uint32_t objectSignature = 0x574F454D;  // "MEOW"
 constexpr std::uint32_t customReference = 4;
 constexpr std::uint32_t customHeaderSize = 48;     // of an object reference of the custom kind
 constexpr std::uint32_t serialisationHeader = 16;  // in front of every serialised structure

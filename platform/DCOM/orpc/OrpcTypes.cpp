@@ -6,9 +6,6 @@ namespace quelm::dcom::orpc {
 
 namespace {
 
-constexpr std::uint32_t objectSignature = 0x574F454D;  // "MEOW"
-constexpr std::uint32_t standardReference = 1;
-constexpr std::uint16_t towerTcp = 7;
 constexpr std::uint16_t serviceNtlm = 10;
 constexpr std::uint16_t noAuthorisationService = 0xFFFF;
 constexpr std::uint32_t standardHeaderSize = 24;
@@ -58,6 +55,13 @@ std::uint32_t readOrpcThis(ndr::Reader& in) {
         return faultBadStubData;
     }
     return major == comMajorVersion && minor >= 1 && minor <= comMinorVersion ? 0 : faultVersionMismatch;
+}
+
+void skipOrpcThat(ndr::Reader& in) {
+    in.u32();  // flags, as in the header of requests
+    if (in.pointer()) {
+        skipExtensions(in);
+    }
 }
 
 void writeOrpcThat(ndr::Writer& out) {

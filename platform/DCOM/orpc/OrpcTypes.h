@@ -26,6 +26,12 @@ inline constexpr Uuid iidObjectExporter = Uuid::parse("99FCFEC4-5260-101B-BBCB-0
 inline constexpr std::uint32_t faultServer = 0x80010105;
 inline constexpr std::uint32_t faultVersionMismatch = 0x80010110;
 
+// A packed object reference begins with the one, and the kind that needs no code of its own has the other.
+inline constexpr std::uint32_t objectSignature = 0x574F454D;  // "MEOW"
+inline constexpr std::uint32_t standardReference = 1;
+// A string binding of this tower is an address over TCP.
+inline constexpr std::uint16_t towerTcp = 7;
+
 inline constexpr std::uint16_t comMajorVersion = 5;
 inline constexpr std::uint16_t comMinorVersion = 7;
 
@@ -34,6 +40,8 @@ inline constexpr std::uint32_t referencesPerPointer = 5;
 
 // Reads the header in front of an object call's parameters, extensions included. Gives 0 or a fault status.
 std::uint32_t readOrpcThis(ndr::Reader& in);
+// Passes over the header in front of an object call's results; what is wrong with it latches in the reader.
+void skipOrpcThat(ndr::Reader& in);
 // Writes the header in front of an object call's results.
 void writeOrpcThat(ndr::Writer& out);
 // The protocol version as replies state it.
