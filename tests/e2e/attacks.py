@@ -27,7 +27,7 @@ IENUM_ITEMS = '39C13A55-011E-11D0-9675-0020AFD8ADB3'
 INTERFACES = [IOPC_SERVER, IOPC_BROWSE, IOPC_ITEM_IO, IOPC_ITEM_MGT, IOPC_SYNC_IO, IOPC_GROUP_STATE, REM_UNKNOWN]
 SERVER, BROWSE, ITEM_IO, ITEM_MGT, SYNC_IO, GROUP_STATE, REM = range(len(INTERFACES))
 ADD_GROUP, GROUP_BY_NAME, REMOVE_GROUP, ADD_ITEMS, CREATE_ENUMERATOR, READ, BROWSE_ITEMS = 3, 5, 7, 3, 9, 3, 5
-REM_ADD_REF, REM_RELEASE = 4, 5
+REM_QUERY, REM_ADD_REF, REM_RELEASE = 3, 4, 5
 COMPLEX_PING = 2
 ITEM = 'North.Stack1.NOx'
 
@@ -73,6 +73,17 @@ class Attacker:
         """The same where being refused is as good."""
         with suppress(OSError):
             return self.call(*arguments)
+
+    def query(self, ipid, iids):
+        """The IPIDs of those interfaces that an object has, by their ids."""
+        request = Writer()
+        request.data += ipid.bytes_le
+        request.u32(5).u16(len(iids)).u32(len(iids))
+        for iid in iids:
+            request.guid(iid)
+        reply = self.call(REM, REM_QUERY, request)
+        return {iid: uuid.UUID(bytes_le=reply[at + 32:at + 48]) for iid, at in zip(iids, range(16, len(reply), 48))
+                if not any(reply[at:at + 4])}
 
     def add_group(self, name='', interface=IOPC_ITEM_MGT):
         return self.call(SERVER, ADD_GROUP, group_request(name, interface))
@@ -208,7 +219,7 @@ def guessing(address, scale):
     for number in range(1000 * scale):
         try:
             connection = connection or Raw(address, OBJECTS, SOURCE)
-            LoggedOn.log_on(connection, INTERFACES[:1], 'operator', f'guess-{number}')
+            connection.log_on(INTERFACES[:1], 'operator', f'guess-{number}')
         except (OSError, StopIteration):
             connection = None
 

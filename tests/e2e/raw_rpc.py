@@ -66,6 +66,16 @@ def status_of(fault):
     return struct.unpack_from('<I', fault, 24)[0]
 
 
+def answer_to(first, answer, user, password):
+    """The last message of a log-on, to a server's message with its challenge."""
+    size = struct.unpack_from('<H', answer, 10)[0]
+    return ntlm.getNTLMSSPType3(first, answer[-size:], user, password, 'DEMO')[0].getData()
+
+
+class Fault(OSError):
+    """A call was answered with an RPC fault."""
+
+
 class Raw:
     """A bare connection."""
 
@@ -81,6 +91,11 @@ class Raw:
     def receive(self):
         return next(self.messages)
 
+    def log_on(self, interfaces, user, password):
+        first = ntlm.getNTLMSSPType1('', '')
+        answer = self.send(with_log_on(BIND, contexts(*interfaces), first.getData())).receive()
+        self.send(with_log_on(AUTH3, bytes(4), answer_to(first, answer, user, password)))
+
     def close(self):
         self.messages.close()
         self.socket.close()
@@ -93,15 +108,8 @@ class LoggedOn(Raw):
         super().__init__(address, port, source)
         self.log_on(interfaces, user, password)
 
-    def log_on(self, interfaces, user, password):
-        first = ntlm.getNTLMSSPType1('', '')
-        answer = self.send(with_log_on(BIND, contexts(*interfaces), first.getData())).receive()
-        size = struct.unpack_from('<H', answer, 10)[0]
-        last, _ = ntlm.getNTLMSSPType3(first, answer[-size:], user, password, 'DEMO')
-        self.send(with_log_on(AUTH3, bytes(4), last.getData()))
-
     def call(self, opnum, stub, context=0, target=None):
-        """What the call gives; an OSError with the status of a fault."""
+        """What the call gives."""
         return self.send(requests(opnum, stub, context, target)).result()
 
     def result(self):
@@ -109,7 +117,7 @@ class LoggedOn(Raw):
         result = bytearray()
         for message in self.messages:
             if message[2] == FAULT:
-                raise OSError(f'fault {status_of(message):#x}')
+                raise Fault(f'{status_of(message):#x}')
             if message[2] == RESPONSE:
                 result += message[24:len(message) - (8 + 16 if struct.unpack_from('<H', message, 10)[0] else 0)]
                 if message[3] & LAST:
