@@ -16,6 +16,8 @@ namespace ntlm = dcom::ntlm;
 using namespace rpc::test;
 using Kind = NtlmLogOn::Kind;
 
+constexpr std::uint16_t lateOpnum = 7;  // answered once everything else has been done
+
 // Replies with what it got, once or many times over, and writes down what it was asked.
 class Handler final : public rpc::CallHandler {
  public:
@@ -34,6 +36,10 @@ class Handler final : public rpc::CallHandler {
         calls.push_back(static_cast<std::uint8_t>(call.opnum));
         calls.push_back(static_cast<std::uint8_t>(call.level));
         calls.insert(calls.end(), call.stub.begin(), call.stub.end());
+        if (call.opnum == lateOpnum) {
+            tickets.push_back(call.defer());
+            return rpc::statusDeferred;
+        }
         const unsigned copies = call.opnum == 4 ? 40 : 1;
         for (unsigned i = 0; i < copies; ++i) {
             reply.bytes(call.stub);
@@ -42,7 +48,17 @@ class Handler final : public rpc::CallHandler {
     }
     void connectionClosed(const rpc::Peer&, bool) override {}
 
+    // Answers the calls that wait for it; whether there were any.
+    bool answerLate() {
+        auto late = std::exchange(tickets, {});
+        for (rpc::CallTicket& ticket : late) {
+            ticket.complete(0, Data(3000, 0x5A));
+        }
+        return !late.empty();
+    }
+
     Data calls;
+    std::vector<rpc::CallTicket> tickets;
 
  private:
     rpc::AuthLevel minimum_;
@@ -93,13 +109,17 @@ class Session {
  private:
     void drain() {
         do {
+            if (handler_.answerLate()) {
+                require(!connection_.deferred(), "an answered call waits no longer");
+            }
             const auto output = connection_.output();
             output_.insert(output_.end(), output.begin(), output.end());
             connection_.sent(output.size());
             if (connection_.waiting()) {
                 connection_.process();
             }
-        } while (!connection_.output().empty());
+            require(!connection_.deferred() || handler_.tickets.size() == 1, "a call that waits has its ticket");
+        } while (!connection_.output().empty() || connection_.deferred());
     }
 
     ntlm::AccountTable accounts_;
@@ -160,6 +180,11 @@ void runSession(rpc::AuthLevel minimum, const LogOn& how, Input& input) {
                 session.feed(part);
                 break;
             case 1:
+                if ((choice & 0x7E) == 18 && how.kind == Kind::V2) {  // a cancel or an orphan, signed
+                    session.feed(protectedCancel(static_cast<rpc::PduType>(choice & 0x7F), 2, how.level, how.securityId,
+                                                 client));
+                    break;
+                }
                 session.feed(pdu(static_cast<rpc::PduType>(choice), flags, 2, Data(part.begin(), part.end()),
                                  {flags >> 4U & 7U, how.securityId, Data(16)}));
                 break;

@@ -65,9 +65,14 @@ RefusalReason parseHeader(std::span<const std::uint8_t> raw, Header& header) {
     }
     // Only the first byte tells how numbers and characters are coded; the rest is the floating-point form (IEEE).
     if (raw[4] != 0x10 || raw[5] != 0) {
+        if (constexpr std::uint8_t integers = 0xF0; (raw[4] & integers) == 0) {
+            header.callId = __builtin_bswap32(header.callId);
+        }
         return RefusalReason::NotLittleEndian;
     }
-    if (header.fragmentLength < headerSize || header.fragmentLength > ownMaxFragment) {
+    const bool handshake =
+        header.type == PduType::Bind || header.type == PduType::AlterContext || header.type == PduType::Auth3;
+    if (header.fragmentLength < headerSize || header.fragmentLength > (handshake ? maxHandshake : ownMaxFragment)) {
         return RefusalReason::LengthOutOfRange;
     }
     return RefusalReason::None;

@@ -34,8 +34,10 @@ enum class PduType : std::uint8_t {
 inline constexpr std::size_t headerSize = 16;
 inline constexpr std::size_t callHeaderSize = 24;  // of a request without object, and of a response
 inline constexpr std::size_t faultSize = 32;
-inline constexpr std::size_t trailerSize = 8;            // of the security trailer, before the token
-inline constexpr std::uint16_t ownMaxFragment = 5840;    // what this server takes and gives at most
+inline constexpr std::size_t trailerSize = 8;          // of the security trailer, before the token
+inline constexpr std::uint16_t ownMaxFragment = 5840;  // what this server takes and gives at most
+// Of a BIND, ALTER_CONTEXT or AUTH3: Windows lets the ticket in it grow to 48,000 bytes, whatever size was agreed on.
+inline constexpr std::uint16_t maxHandshake = 48'000 + ownMaxFragment;
 inline constexpr std::uint16_t leastMaxFragment = 1432;  // what every client must be able to take
 
 inline constexpr std::uint8_t flagFirst = 0x01;
@@ -52,7 +54,8 @@ struct Header {
     std::uint32_t callId = 0;
 };
 
-// Takes the first headerSize bytes. None: usable, and fragmentLength is from headerSize to ownMaxFragment.
+// Takes the first headerSize bytes. None: usable, and fragmentLength is from headerSize to
+// ownMaxFragment (maxHandshake where a log-on may be in it). The call id of a big-endian client is right even so.
 RefusalReason parseHeader(std::span<const std::uint8_t> raw, Header& header);
 
 inline constexpr std::uint8_t authTypeNegotiate = 9;

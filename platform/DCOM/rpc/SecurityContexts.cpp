@@ -11,7 +11,15 @@ using State = SecurityContext::State;
 using Step = SecurityContexts::Step;
 using Outcome = SecurityContexts::Outcome;
 
-Outcome SecurityContexts::take(const AuthTrailer& trailer, Token& token) {
+Outcome SecurityContexts::take(const AuthTrailer& trailer, std::uint8_t headerFlags, Token& token) {
+    Outcome outcome = step(trailer, token);
+    if (SecurityContext* const context = find(trailer.contextId); context != nullptr) {
+        context->signsHeaders_ |= (headerFlags & flagHeaderSigning) != 0;
+    }
+    return outcome;
+}
+
+Outcome SecurityContexts::step(const AuthTrailer& trailer, Token& token) {
     if (trailer.type != authTypeNtlm && trailer.type != authTypeNegotiate) {
         return reject(trailer, RefusalReason::UnknownService, std::to_string(trailer.type));
     }
@@ -35,9 +43,11 @@ Outcome SecurityContexts::negotiate(const AuthTrailer& trailer, Token& token) {
     std::vector<std::uint8_t> mechanisms =
         said->initial ? std::vector(said->mechanisms.begin(), said->mechanisms.end()) : context->mechanisms_;
     if (said->initial && !said->prefersNtlm) {
-        // Its token is for another mechanism: it is to come again, with NTLM.
+        // Its token is for another mechanism: it is to come again, with NTLM. Only a log-on that must have keys can be
+        // asked for a signature; at connect level a client without them would be lost.
+        const bool hasKeys = effectiveLevel(trailer.level) >= AuthLevel::Integrity;
         add({trailer, State::Negotiating, {settings_.accounts, settings_.logOn}}).mechanisms_ = std::move(mechanisms);
-        token = spnego::response(spnego::State::WantsSignature, true, {}, {});
+        token = spnego::response(hasKeys ? spnego::State::WantsSignature : spnego::State::Incomplete, true, {}, {});
         return {};
     }
     const bool finishes = context != nullptr && context->state() == State::Challenged;
@@ -48,7 +58,7 @@ Outcome SecurityContexts::negotiate(const AuthTrailer& trailer, Token& token) {
     }
     if (!token.empty()) {
         context->mechanisms_ = std::move(mechanisms);
-        token = spnego::response(spnego::State::Incomplete, true, token, {});
+        token = spnego::response(spnego::State::Incomplete, said->initial, token, {});
         return outcome;
     }
     return finishes ? completeNegotiation(*context, said->signature, token) : outcome;
@@ -57,6 +67,9 @@ Outcome SecurityContexts::negotiate(const AuthTrailer& trailer, Token& token) {
 Outcome SecurityContexts::completeNegotiation(SecurityContext& context, std::span<const std::uint8_t> signature,
                                               Token& token) {
     ntlm::ServerContext::Signature own{};
+    if (!context.logOn_.canSign()) {
+        signature = {};  // says nothing without keys
+    }
     if (!signature.empty() && !context.logOn_.exchangeSignatures(context.mechanisms_, signature, own)) {
         return refuse(context, RefusalReason::AlteredLogOn);
     }

@@ -31,6 +31,8 @@ class SecurityContext {
     bool protects() const { return state_ == State::LoggedOn && level() >= AuthLevel::Integrity; }
     // For a context that protects.
     MessageGuard guard() { return {trailer_, level() == AuthLevel::Privacy, logOn_}; }
+    // Whether the client asked that headers be signed as well, which NTLM does in any case.
+    bool signsHeaders() const { return signsHeaders_; }
     // Whether a message says that it is of this context's kind.
     bool fits(const AuthTrailer& trailer) const {
         return trailer.level == trailer_.level && trailer.type == trailer_.type;
@@ -45,6 +47,7 @@ class SecurityContext {
     State state_;
     ntlm::ServerContext logOn_;
     std::uint64_t lastUse_ = 0;
+    bool signsHeaders_ = false;
     std::vector<std::uint8_t> mechanisms_;  // that the client offered in a negotiation, which its signature covers
 };
 
@@ -66,7 +69,8 @@ class SecurityContexts {
         AuthLevel level = AuthLevel::None;
         std::string detail = {};
     };
-    Outcome take(const AuthTrailer& trailer, std::vector<std::uint8_t>& token);
+    // headerFlags: of the message that the trailer came with.
+    Outcome take(const AuthTrailer& trailer, std::uint8_t headerFlags, std::vector<std::uint8_t>& token);
 
     // nullptr for an id without log-on. Pointers are good until the next take().
     SecurityContext* find(std::uint32_t id);
@@ -80,6 +84,7 @@ class SecurityContexts {
  private:
     using Token = std::vector<std::uint8_t>;
 
+    Outcome step(const AuthTrailer& trailer, Token& token);
     Outcome negotiate(const AuthTrailer& trailer, Token& token);
     Outcome completeNegotiation(SecurityContext& context, std::span<const std::uint8_t> signature, Token& token);
     Outcome ntlmStep(const AuthTrailer& trailer, std::span<const std::uint8_t> message, Token& token);

@@ -13,6 +13,8 @@ namespace quelm::dcom::rpc {
 
 namespace {
 
+// Enough for a largest message before a log-on; then for as many calls as clients send in one go.
+constexpr std::size_t inputSizeBeforeLogOn = 8U << 10U;
 constexpr std::size_t inputSize = 32U << 10U;
 // A reply larger than this gives its memory back once it is sent.
 constexpr std::size_t keptOutput = 1U << 20U;
@@ -50,23 +52,17 @@ ServerConnection::ServerConnection(const ServerSettings& settings, CallHandler& 
       handler_(handler),
       peer_(std::move(peer)),
       refusals_(settings.onRefused, peer_),
-      input_(inputSize),
+      input_(inputSizeBeforeLogOn),
       security_(settings) {}
 
 ServerConnection::~ServerConnection() = default;
 
 std::span<std::uint8_t> ServerConnection::receiveSpace() {
-    if (inputStart_ == inputEnd_) {
-        inputStart_ = inputEnd_ = 0;
-    } else if (inputSize - inputEnd_ < ownMaxFragment) {
-        std::memmove(input_.data(), input_.data() + inputStart_, inputEnd_ - inputStart_);
-        inputEnd_ -= std::exchange(inputStart_, 0);
-    }
-    return std::span(input_).subspan(inputEnd_);
+    return input_.space();
 }
 
 void ServerConnection::received(std::size_t count) {
-    inputEnd_ += count;
+    input_.filled(count);
     process();
 }
 
@@ -87,12 +83,12 @@ std::size_t ServerConnection::feed(std::span<const std::uint8_t> data) {
 
 void ServerConnection::process() {
     waiting_ = false;
-    while (!closing_ && !deferred() && inputEnd_ - inputStart_ >= headerSize) {
+    while (!closing_ && !deferred() && input_.count() >= headerSize) {
         if (output().size() >= settings_.outputLimit) {
             waiting_ = true;
             return;
         }
-        const auto waiting = std::span(input_).subspan(inputStart_, inputEnd_ - inputStart_);
+        const auto waiting = input_.bytes();
         Header header;
         if (const RefusalReason wrong = parseHeader(waiting, header); wrong != RefusalReason::None) {
             if (header.type == PduType::Bind) {
@@ -101,14 +97,14 @@ void ServerConnection::process() {
             refusals_.report(wrong);
             closing_ = true;
         } else if (waiting.size() < header.fragmentLength) {
-            return;
+            return input_.expect(header.fragmentLength);
         } else {
-            inputStart_ += header.fragmentLength;
+            input_.take(header.fragmentLength);
             dispatch(header, waiting.first(header.fragmentLength));
         }
     }
     if (closing_) {
-        inputStart_ = inputEnd_ = 0;
+        input_.clear();
     }
 }
 
@@ -134,10 +130,10 @@ void ServerConnection::dispatch(const Header& header, std::span<std::uint8_t> pd
         case PduType::Auth3:
             return onAuth3(header, pdu);
         case PduType::Orphaned:
-            return assembly_.orphan(header.callId);
         case PduType::CoCancel:
+            return onCancel(header, pdu);
         case PduType::Shutdown:
-            return;  // calls run to their end at once, so that there is never one left to cancel
+            return;
         case PduType::Response:
         case PduType::Fault:
         case PduType::BindAck:
@@ -170,7 +166,7 @@ void ServerConnection::onBind(const Header& header, std::span<const std::uint8_t
     group_ = bind->group != 0 ? bind->group : static_cast<std::uint32_t>(peer_.id) | 0x10000U;
 
     std::vector<std::uint8_t> token;
-    if (header.authLength != 0 && logOn(trailer, token) == SecurityContexts::Step::Rejected) {
+    if (header.authLength != 0 && logOn(header, trailer, token) == SecurityContexts::Step::Rejected) {
         const bool known = trailer.type == authTypeNtlm || trailer.type == authTypeNegotiate;
         appendBindNak(output_, header.callId, known ? nakNotSpecified : nakAuthenticationType);
         closing_ = true;
@@ -191,16 +187,18 @@ void ServerConnection::onAlterContext(const Header& header, std::span<const std:
         return protocolError(header, bound_ ? RefusalReason::MalformedAlterContext : RefusalReason::DidNotBind);
     }
     std::vector<std::uint8_t> token;
-    if (header.authLength != 0 && logOn(trailer, token) != SecurityContexts::Step::Answered) {
+    if (header.authLength != 0 && logOn(header, trailer, token) != SecurityContexts::Step::Answered) {
         appendFault(output_, header.callId, 0, faultAccessDenied, flagDidNotExecute);
         closing_ = true;
         return;
     }
     const auto results = presentations_.answer(*bind, handler_, loggedOn());
     trailer.token = token;
+    const SecurityContext* const context = header.authLength != 0 ? security_.find(trailer.contextId) : nullptr;
+    const std::uint8_t flags = context != nullptr && context->signsHeaders() ? flagHeaderSigning : 0;
     appendBindAck(
         output_,
-        {PduType::AlterContextResponse, 0, header.callId, maxTransmit_, maxReceive_, group_, {}, results, trailer});
+        {PduType::AlterContextResponse, flags, header.callId, maxTransmit_, maxReceive_, group_, {}, results, trailer});
 }
 
 void ServerConnection::onAuth3(const Header& header, std::span<const std::uint8_t> pdu) {
@@ -210,16 +208,20 @@ void ServerConnection::onAuth3(const Header& header, std::span<const std::uint8_
     }
     std::vector<std::uint8_t> token;
     // There is no answer to this message; after a refusal the calls that follow get the fault.
-    if (logOn(trailer, token) == SecurityContexts::Step::Rejected) {
+    if (logOn(header, trailer, token) == SecurityContexts::Step::Rejected) {
         closing_ = true;
     }
 }
 
-SecurityContexts::Step ServerConnection::logOn(const AuthTrailer& trailer, std::vector<std::uint8_t>& token) {
+SecurityContexts::Step ServerConnection::logOn(const Header& header, const AuthTrailer& trailer,
+                                               std::vector<std::uint8_t>& token) {
     using Step = SecurityContexts::Step;
-    const SecurityContexts::Outcome outcome = security_.take(trailer, token);
+    const SecurityContexts::Outcome outcome = security_.take(trailer, header.flags, token);
     if (outcome.step == Step::Rejected || (outcome.step == Step::Refused && !isMachineAsking(outcome.account))) {
         refusals_.report(outcome.reason, outcome.account, outcome.level, outcome.detail);
+    }
+    if (loggedOn()) {
+        input_.setSize(inputSize);
     }
     return outcome.step;
 }
@@ -229,6 +231,23 @@ SecurityContexts::Step ServerConnection::logOn(const AuthTrailer& trailer, std::
 bool ServerConnection::isMachineAsking(const std::string& account) {
     return (account.empty() || account.back() == '\\' || account.back() == '$') &&
            presentations_.onlyOpenToAll(handler_);
+}
+
+// A call that is given up half-way is forgotten; one that is whole runs to its end, so that a cancel changes nothing.
+// Either may be signed, and then counts among the log-on's messages.
+void ServerConnection::onCancel(const Header& header, std::span<std::uint8_t> pdu) {
+    if (header.authLength != 0) {
+        AuthTrailer trailer;
+        if (!parseTrailer(pdu, header, headerSize, trailer)) {
+            return protocolError(header, RefusalReason::MalformedCall);
+        }
+        if (!unprotect(header, pdu, headerSize, trailer, security_.find(trailer.contextId))) {
+            return;
+        }
+    }
+    if (header.type == PduType::Orphaned) {
+        assembly_.orphan(header.callId);
+    }
 }
 
 // ---- Calls ---------------------------------------------------------------------------------------------------
@@ -249,14 +268,7 @@ void ServerConnection::onRequest(const Header& header, std::span<std::uint8_t> p
         }
         stubEnd = trailer.offset - trailer.padLength;
         context = security_.find(trailer.contextId);
-        if (context != nullptr && !context->fits(trailer)) {
-            return protocolError(header, RefusalReason::OtherLevel);
-        }
-        if (context != nullptr && context->protects() &&
-            !context->guard().unprotect(pdu, request.stubOffset, trailer)) {
-            refusals_.report(RefusalReason::WrongSignature, context->account(), context->level());
-            appendFault(output_, header.callId, request.contextId, faultAccessDenied, flagDidNotExecute);
-            closing_ = true;
+        if (!unprotect(header, pdu, request.stubOffset, trailer, context)) {
             return;
         }
     }
@@ -393,7 +405,7 @@ void ServerConnection::answerDeferred(std::uint32_t status, std::span<const std:
 }
 
 void ServerConnection::wakeUp() {
-    waiting_ = inputEnd_ - inputStart_ >= headerSize;
+    waiting_ = input_.count() >= headerSize;
     if (wake_) {
         wake_();
     }
@@ -412,6 +424,25 @@ void ServerConnection::finishReply(std::size_t start, const CallHeader& header, 
     } else {
         cutIntoFragments(output_, start, header, maxTransmit_, nullptr);
     }
+}
+
+// False when the connection ends over it.
+bool ServerConnection::unprotect(const Header& header, std::span<std::uint8_t> pdu, std::size_t bodyOffset,
+                                 const AuthTrailer& trailer, SecurityContext* context) {
+    if (context == nullptr) {
+        return true;
+    }
+    if (!context->fits(trailer)) {
+        protocolError(header, RefusalReason::OtherLevel);
+        return false;
+    }
+    if (context->protects() && !context->guard().unprotect(pdu, bodyOffset, trailer)) {
+        refusals_.report(RefusalReason::WrongSignature, context->account(), context->level());
+        appendFault(output_, header.callId, 0, faultAccessDenied, flagDidNotExecute);
+        closing_ = true;
+        return false;
+    }
+    return true;
 }
 
 void ServerConnection::protocolError(const Header& header, RefusalReason reason) {

@@ -13,6 +13,7 @@
 
 #include "DCOM/rpc/CallAssembly.h"
 #include "DCOM/rpc/CallHandler.h"
+#include "DCOM/rpc/InputBuffer.h"
 #include "DCOM/rpc/Pdu.h"
 #include "DCOM/rpc/PresentationContexts.h"
 #include "DCOM/rpc/SecurityContexts.h"
@@ -55,16 +56,17 @@ class ServerConnection final : private ITicketOffice {
     bool served() const { return served_; }
     const Peer& peer() const { return peer_; }
     // Bytes of memory in the buffers for input, for a call being put together and for output.
-    std::size_t bytesHeld() const { return input_.capacity() + assembly_.bytesHeld() + output_.capacity(); }
+    std::size_t bytesHeld() const { return input_.bytesHeld() + assembly_.bytesHeld() + output_.capacity(); }
 
  private:
     void dispatch(const Header& header, std::span<std::uint8_t> pdu);
     void onBind(const Header& header, std::span<const std::uint8_t> pdu);
     void onAlterContext(const Header& header, std::span<const std::uint8_t> pdu);
     void onAuth3(const Header& header, std::span<const std::uint8_t> pdu);
+    void onCancel(const Header& header, std::span<std::uint8_t> pdu);
     void onRequest(const Header& header, std::span<std::uint8_t> pdu);
 
-    SecurityContexts::Step logOn(const AuthTrailer& trailer, std::vector<std::uint8_t>& token);
+    SecurityContexts::Step logOn(const Header& header, const AuthTrailer& trailer, std::vector<std::uint8_t>& token);
     bool isMachineAsking(const std::string& account);
     bool admits(const SecurityContext* context, const Uuid& interfaceId);
     void reportInadmissible(const SecurityContext* context);
@@ -78,6 +80,8 @@ class ServerConnection final : private ITicketOffice {
     void answerDeferred(std::uint32_t status, std::span<const std::uint8_t> stub);
     void wakeUp();
     void finishReply(std::size_t start, const CallHeader& header, SecurityContext* context, std::uint32_t status);
+    bool unprotect(const Header& header, std::span<std::uint8_t> pdu, std::size_t bodyOffset,
+                   const AuthTrailer& trailer, SecurityContext* context);
     void protocolError(const Header& header, RefusalReason reason);
 
     const ServerSettings& settings_;
@@ -85,9 +89,7 @@ class ServerConnection final : private ITicketOffice {
     Peer peer_;
     RefusalReporter refusals_;
 
-    std::vector<std::uint8_t> input_;
-    std::size_t inputStart_ = 0;
-    std::size_t inputEnd_ = 0;
+    InputBuffer input_;
     std::vector<std::uint8_t> output_;
     std::size_t outputStart_ = 0;
 

@@ -17,7 +17,9 @@ TEST(PduHeader, TellsWhatIsWrong) {
         {"05000B03 11000000 10000000 01000000", NotLittleEndian},
         {"05000B03 10010000 10000000 01000000", NotLittleEndian},
         {"05000B03 10000000 0F000000 01000000", LengthOutOfRange},
-        {"05000B03 10000000 D1160000 01000000", LengthOutOfRange},
+        {"05000003 10000000 D1160000 01000000", LengthOutOfRange},
+        {"05000E03 10000000 50D20000 01000000", None},
+        {"05001003 10000000 51D20000 01000000", LengthOutOfRange},
     };
     for (const auto& [wire, wrong] : cases) {
         Header header;

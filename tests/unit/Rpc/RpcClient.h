@@ -168,6 +168,21 @@ inline Data protectedRequest(const CallParts& call, unsigned level, std::uint32_
     return message;
 }
 
+// A CO_CANCEL or ORPHANED.
+inline Data protectedCancel(PduType type, std::uint32_t callId, unsigned level, std::uint32_t contextId,
+                            NtlmLogOn& logOn) {
+    Data message = pdu(type, flagFirst | flagLast, callId, {}, {level, contextId, Data(16)});
+    const auto covered = std::span(message).first(message.size() - 16);
+    ntlm::ServerContext::Signature signature{};
+    if (level == 6) {
+        logOn.security().seal(covered, covered.subspan(headerSize, 0), signature);
+    } else {
+        logOn.security().sign(covered, signature);
+    }
+    std::copy(signature.begin(), signature.end(), message.end() - 16);
+    return message;
+}
+
 // The stub data of a reply's fragment, unsealed; nothing when the signature is wrong.
 inline std::optional<Data> openReply(Reply reply, unsigned level, NtlmLogOn& logOn) {
     if (level <= 2) {

@@ -116,6 +116,25 @@ INSTANTIATE_TEST_SUITE_P(Levels, ProtectedLevel, testing::Values(3U, 4U, 5U, 6U)
 
 class EachProtection : public ProtectedLevel {};
 
+// They count among the messages of their log-on, so that the next call's signature is right only if theirs were looked
+// at; a damaged one ends the connection.
+TEST_P(EachProtection, CancelsAndOrphansMayBeSigned) {
+    const unsigned level = GetParam();
+    NtlmLogOn client;
+    logOn(client, level, 1);
+    const auto call = [&](unsigned flags, const char* stub) {
+        return protectedRequest({.callId = 2, .opnum = 3, .stub = fromHex(stub), .flags = flags}, level, 1, client);
+    };
+    EXPECT_THAT(exchange(call(flagFirst, "0102030405060708")), IsEmpty());
+    EXPECT_THAT(exchange(protectedCancel(PduType::CoCancel, 2, level, 1, client)), IsEmpty());
+    EXPECT_THAT(exchange(protectedCancel(PduType::Orphaned, 2, level, 1, client)), IsEmpty());
+    EXPECT_EQ(openedHex(expectOne(call(flagFirst | flagLast, "03"), PduType::Response), level, client), "03");
+    Data damaged = protectedCancel(PduType::CoCancel, 2, level, 1, client);
+    damaged[12] ^= 1;
+    EXPECT_EQ(exchange(damaged).size(), level == 2 ? 0U : 1U);
+    EXPECT_EQ(connection->closing(), level != 2);
+}
+
 TEST_P(EachProtection, CallsArePutTogether) {
     const unsigned level = GetParam();
     NtlmLogOn client;
@@ -339,6 +358,7 @@ TEST_F(RpcFixture, MessagesThatMakeNoSenseCostThatConnectionOnly) {
     } cases[] = {
         {{fromHex("474554202F20485454502F312E310D0A0D0A")}, nothing, "not RPC version 5"},
         {{withByte(bind, 0, 6)}, nak, "not RPC version 5"},
+        {{withByte(bind, 4, 0)}, nak, "not little endian"},
         {{bind, withByte(request({.opnum = 3}), 9, 0x17)}, nothing, "length is out of range"},
         {{withByte(pdu(PduType::Bind, 3, 0, Data(12)), 24, 200)}, nak, "bind message"},
         {{withByte(bind, 10, 0xFF)}, nak, "bind message"},
@@ -377,6 +397,12 @@ TEST_F(RpcFixture, MessagesThatMakeNoSenseCostThatConnectionOnly) {
         EXPECT_THAT(refusals, ElementsAre(HasSubstr(entry.reason)));
         EXPECT_THAT(exchange(bind), IsEmpty()) << "nothing more is looked at";
     }
+}
+
+// Or it would wait for the answer to its own number for ever.
+TEST_F(RpcFixture, ABigEndianClientIsToldThatItIsRefused) {
+    const Reply nak = expectOne(fromHex("05000B03 00000000 00480000 00000001"), PduType::BindNak);
+    EXPECT_HEX(nak.raw, "05000D03 10000000 18000000 01000000 0400 01 0500 000000");
 }
 
 // A client may log on as often as it likes; only so many log-ons are kept, the ones in use among them.

@@ -12,6 +12,8 @@ using testing::HasSubstr;
 
 const Data ntlmOnly = fromHex("300C 060A2B06010401823702020A");
 const Data kerberosFirst = fromHex("3017 06092A864886F712010202 060A2B06010401823702020A");
+const Data windows =
+    fromHex("302E 06092A864882F712010202 06092A864886F712010202 060A2B06010401823702021E 060A2B06010401823702020A");
 const Data kerberosOnly = fromHex("300B 06092A864886F712010202");
 
 Data der(std::uint8_t tag, const Data& content) {
@@ -79,7 +81,7 @@ class Negotiated : public RpcFixture {
  protected:
     // Sends one message of the negotiation as BIND or ALTER_CONTEXT and gives what came back.
     Reply step(PduType type, const Data& token) {
-        auto replies = exchange(pdu(type, 3, 1, bindBody({{0}}), {6, 1, token, 9}));
+        auto replies = exchange(pdu(type, 7, 1, bindBody({{0}}), {level, 1, token, 9}));
         return replies.size() == 1 ? replies[0] : Reply{};
     }
     // Unwraps the server's answer, from first to last step, with or without the client's preference for NTLM.
@@ -88,26 +90,37 @@ class Negotiated : public RpcFixture {
         if (mechanisms == ntlmOnly) {
             reply = step(PduType::Bind, initialToken(mechanisms, client.negotiate()));
         } else {
-            const Reply again = step(PduType::Bind, initialToken(mechanisms, fromHex("6E8201")));
-            EXPECT_HEX(again.token(), "A115 3013 A003 0A0103 A10C 060A2B06010401823702020A");
+            // As large as a ticket of a user in many groups makes it.
+            const Reply again = step(PduType::Bind, initialToken(mechanisms, Data(40'000, 0x6E)));
+            EXPECT_HEX(again.token(),
+                       fmt::format("A115 3013 A003 0A010{} A10C 060A2B06010401823702020A", level == 2 ? 1 : 3));
             reply = step(PduType::AlterContext, laterToken(client.negotiate(), {}));
         }
         const Data wrapped = reply.token();
+        // The mechanism is named in the first answer only.
+        const Data name = fromHex("A10C060A2B06010401823702020A");
+        EXPECT_EQ(std::ranges::search(wrapped, name).empty(), mechanisms != ntlmOnly);
         const auto inner = spnego::parse(wrapped);
         EXPECT_TRUE(inner);
         const Data last = client.authenticate({inner->inner.begin(), inner->inner.end()});
         const Data signature = sign ? Builder().add(client.firstSignature(signedText)).data() : Data{};
         return step(PduType::AlterContext, laterToken(last, signature));
     }
+
+    unsigned level = 6;
 };
 
 TEST_F(Negotiated, LogOnsWithAndWithoutSignature) {
-    for (const Data& mechanisms : {ntlmOnly, kerberosFirst}) {
+    for (const Data& mechanisms : {ntlmOnly, kerberosFirst, windows}) {
         for (const bool sign : {false, true}) {
             reconnect();
             NtlmLogOn client;
             const Reply done = logOnWith(client, mechanisms, sign, mechanisms);
             ASSERT_EQ(done.type(), PduType::AlterContextResponse);
+            EXPECT_EQ(done.header.flags, 7) << "signed headers are agreed on";
+            const auto without = exchange(pdu(PduType::AlterContext, 3, 2, bindBody({{1, interfaceB}})));
+            ASSERT_EQ(without.size(), 1U);
+            EXPECT_EQ(without[0].header.flags, 3);
             const Data token = done.token();
             const auto answer = spnego::parse(token);
             ASSERT_TRUE(answer);
@@ -121,6 +134,18 @@ TEST_F(Negotiated, LogOnsWithAndWithoutSignature) {
             EXPECT_EQ(openedHex(expectOne(call, PduType::Response), 6, client), "01");
             EXPECT_EQ(handler.calls.size(), 1U);
         }
+    }
+}
+
+// A client at connect level may have no keys: it is not asked for a signature, and what it sends as one says nothing.
+TEST_F(Negotiated, LogOnsWithoutKeys) {
+    level = 2;
+    settings.logOn.allowNtlmV1Ess = true;
+    for (const bool sign : {false, true}) {
+        reconnect();
+        NtlmLogOn client(Kind::V1);
+        EXPECT_HEX(logOnWith(client, kerberosFirst, sign, kerberosFirst).token(), "A107 3005 A003 0A0100");
+        expectOne(request({.opnum = 3, .stub = fromHex("01")}, 0), PduType::Response);
     }
 }
 
