@@ -1,10 +1,5 @@
 #include "DCOM/DcomSettings.h"
 
-// The file is UTF-8 as it stands, so that the reader's own conversion and its library are not needed: some systems
-// split the reader into a header and a library, and give the whole of it only on request.
-#define SI_NO_CONVERSION
-#define SI_IMPLEMENTATION
-#include <SimpleIni.h>
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <fmt/format.h>
@@ -17,10 +12,13 @@
 #include <charconv>
 #include <cstdlib>
 #include <cstring>
+#include <map>
 #include <optional>
+#include <span>
 #include <utility>
 
 #include "DCOM/ntlm/Crypto.h"
+#include "Shared Types/IniFile.h"
 #include "Shared Types/Text.h"
 #include "Shared Types/Utf.h"
 
@@ -32,38 +30,10 @@ constexpr std::size_t largestFile = 1024 * 1024;
 constexpr std::size_t longestComputerName = 15;  // characters of a NetBIOS name
 constexpr std::size_t longestName = 256;         // characters, as a log-on message may carry
 constexpr std::size_t mostProblems = 50;         // a file of another kind must not swamp the log
-constexpr std::string_view damagedHeading = "[?]";
-constexpr std::string_view damagedSection = "?";
 
 constexpr std::array<std::string_view, 3> listenKeys = {"Address", "ActivationPort", "ObjectPort"};
 constexpr std::array<std::string_view, 5> securityKeys = {"MinimumLevel", "AllowNTLMv1", "AllowAnonymous",
                                                           "ComputerName", "Domain"};
-
-bool isBlank(char c) {
-    return c == ' ' || c == '\t' || c == '\r';
-}
-
-std::string_view trim(std::string_view text) {
-    while (!text.empty() && isBlank(text.front())) {
-        text.remove_prefix(1);
-    }
-    while (!text.empty() && isBlank(text.back())) {
-        text.remove_suffix(1);
-    }
-    return text;
-}
-
-std::vector<std::string_view> splitAtCommas(std::string_view text) {
-    std::vector<std::string_view> parts;
-    for (;;) {
-        const std::size_t comma = text.find(',');
-        parts.push_back(trim(text.substr(0, comma)));
-        if (comma == std::string_view::npos) {
-            return parts;
-        }
-        text.remove_prefix(comma + 1);
-    }
-}
 
 // Outside text as a problem line may show it: short and on one line.
 std::string shownValue(std::string_view value) {
@@ -121,31 +91,33 @@ class Parser {
  public:
     Parser(DcomSettings& settings, std::string file) : settings_(settings), file_(std::move(file)) {}
 
-    void parse(std::string& text);
+    void parse(const IniFile& file);
 
  private:
-    void takeOutDamagedLines(std::string& text);
-    std::string_view soundLine(int number, std::string_view line);
-    std::string_view soundHeading(const std::string& place, std::string_view line);
-    void lookForUnknownNames();
+    void sortOut(const IniFile::Section& section);
+    void lookForRepeats(IniFile::Section& section, std::string_view name);
+    void lookForUnknownNames(const IniFile::Section& section, std::string_view name,
+                             std::span<const std::string_view> known, std::string_view remedy);
     void readListen();
     void readAddresses(std::string_view value);
     void readSecurity();
-    void readAccounts();
-    void readAccount(const char* key);
+    void readAccount(const IniFile::Key& key);
+    void addAccount(const std::string& place, std::string_view domain, std::string_view user, const ntlm::NtHash& hash);
     std::optional<ntlm::NtHash> accountHash(const std::string& place, std::string_view value);
     template <class Apply>
-    void readKey(const char* section, const char* key, Apply apply);
+    void readKey(std::string_view section, std::string_view key, Apply apply);
     template <class Value>
-    void readChoice(const char* section, const char* key, const char* remedy, const char* fallback,
+    void readChoice(std::string_view key, const char* remedy, const char* fallback,
                     std::initializer_list<std::pair<std::string_view, Value>> choices, Value& setting);
-    void readPort(const char* key, std::uint16_t smallest, std::uint16_t& port);
-    void readNetBiosName(const char* key, std::string& name);
+    void readPort(std::string_view key, std::uint16_t smallest, std::uint16_t& port);
+    void readNetBiosName(std::string_view key, std::string& name);
     void problem(const std::string& place, std::string_view what, std::string_view remedy);
 
     DcomSettings& settings_;
     std::string file_;
-    CSimpleIniA ini_{true, false, false};
+    IniFile::Section listen_, security_, accounts_;  // sections of one name are read as one
+    std::map<std::string, std::optional<ntlm::NtHash>>
+        hashes_;  // by folded domain\user; nothing after two different ones
 };
 
 void Parser::problem(const std::string& place, std::string_view what, std::string_view remedy) {
@@ -157,110 +129,96 @@ void Parser::problem(const std::string& place, std::string_view what, std::strin
     }
 }
 
-// The INI reader steps over what it cannot read without a word, and lets the lines under a damaged heading join the
-// section before. Here they are reported and taken out first.
-void Parser::takeOutDamagedLines(std::string& text) {
-    std::replace(text.begin(), text.end(), '\0', ' ');
-    std::string clean;
-    clean.reserve(text.size());
-    int number = 0;
-    for (std::size_t begin = text.compare(0, 3, "\xEF\xBB\xBF") == 0 ? 3 : 0; begin < text.size();) {
-        const std::size_t end = std::min(text.find_first_of("\r\n", begin), text.size());
-        clean += soundLine(++number, trim(std::string_view(text).substr(begin, end - begin)));
-        clean += '\n';
-        begin = end + (text.compare(end, 2, "\r\n") == 0 ? 2 : 1);
+void Parser::parse(const IniFile& file) {
+    for (const IniFile::Fault& fault : file.faults()) {
+        problem(fmt::format("line {}", fault.line), fault.what, fault.remedy);
     }
-    ntlm::wipe(text);
-    text = std::move(clean);
-}
-
-// What the INI reader shall see of a line.
-std::string_view Parser::soundLine(int number, std::string_view line) {
-    if (line.empty() || line.front() == ';' || line.front() == '#') {
-        return {};
+    for (const IniFile::Section& section : file.sections()) {
+        sortOut(section);
     }
-    const std::string place = fmt::format("line {}", number);
-    if (line.front() == '[') {
-        return soundHeading(place, line);
-    }
-    if (line.find('=') == std::string_view::npos || line.front() == '=' || !isUtf8(line)) {
-        problem(place, "neither a [section] heading nor \"name = value\" in UTF-8, the line is left out",
-                "Correct it, or begin it with ; to make it a comment");
-        return {};
-    }
-    return line;
-}
-
-std::string_view Parser::soundHeading(const std::string& place, std::string_view line) {
-    const std::size_t close = line.find(']');
-    if (close == std::string_view::npos) {
-        problem(place, "a section heading without ], the lines under it are left out", "Add the ]");
-        return damagedHeading;
-    }
-    const std::string_view rest = trim(line.substr(close + 1));
-    if (!rest.empty() && rest.front() != ';' && rest.front() != '#') {
-        problem(place, "what stands behind the section heading is left out", "Put it on a line of its own");
-    }
-    return line.substr(0, close + 1);
-}
-
-void Parser::parse(std::string& text) {
-    takeOutDamagedLines(text);
-    const SI_Error loaded = ini_.LoadData(text.data(), text.size());
-    ntlm::wipe(text);
-    if (loaded < 0) {
-        problem("the file", "there is not enough memory to read it, the defaults hold", "Free memory and start again");
-        return;
-    }
-    lookForUnknownNames();
+    lookForRepeats(listen_, "Listen");
+    lookForRepeats(security_, "Security");
+    lookForUnknownNames(listen_, "Listen", listenKeys, "Use Address, ActivationPort or ObjectPort");
+    lookForUnknownNames(security_, "Security", securityKeys,
+                        "Use MinimumLevel, AllowNTLMv1, AllowAnonymous, ComputerName or Domain");
     readListen();
     readSecurity();
-    readAccounts();
+    for (const IniFile::Key& key : accounts_.keys) {
+        readAccount(key);
+    }
+    for (auto& [name, hash] : hashes_) {
+        if (hash) {
+            const std::size_t backslash = name.find('\\');
+            settings_.accounts.add(name.substr(0, backslash), name.substr(backslash + 1), *hash);
+            ntlm::wipe(*hash);
+        }
+    }
 }
 
-void Parser::lookForUnknownNames() {
-    const auto isKnown = [](const auto& known, std::string_view name) {
-        return std::any_of(known.begin(), known.end(), [&](auto key) { return equalsIgnoringCase(key, name); });
-    };
-    CSimpleIniA::TNamesDepend sections;
-    ini_.GetAllSections(sections);
-    sections.sort(CSimpleIniA::Entry::LoadOrder());
-    for (const auto& section : sections) {
-        const std::string_view name = section.pItem;
-        const bool isListen = equalsIgnoringCase(name, "Listen");
-        if (equalsIgnoringCase(name, "Accounts") || name == damagedSection) {
-            continue;
+// What is no UTF-8 is left out line by line; the rest joins what stands in other sections of the same name.
+void Parser::sortOut(const IniFile::Section& section) {
+    IniFile::Section* const known = equalsIgnoringCase(section.name, "Listen")     ? &listen_
+                                    : equalsIgnoringCase(section.name, "Security") ? &security_
+                                    : equalsIgnoringCase(section.name, "Accounts") ? &accounts_
+                                                                                   : nullptr;
+    if (known == nullptr) {
+        problem(section.name.empty() ? "before the first section" : fmt::format("[{}]", shownName(section.name)),
+                "lines outside the known sections are left out", "Use [Listen], [Security] and [Accounts]");
+        return;
+    }
+    if (section.isRepeated()) {
+        problem(fmt::format("line {}", section.line),
+                fmt::format("[{}] stands in line {} already, both are read as one", section.name, section.firstLine),
+                "Put all its lines into one section");
+    }
+    for (const IniFile::Key& key : section.keys) {
+        if (isUtf8(key.name) && isUtf8(key.value)) {
+            known->keys.push_back(key);
+        } else {
+            problem(fmt::format("line {}", key.line), "it is not UTF-8, the line is left out",
+                    "Save the file as UTF-8");
         }
-        if (!isListen && !equalsIgnoringCase(name, "Security")) {
-            problem(name.empty() ? "before the first section" : fmt::format("[{}]", shownName(name)),
-                    "lines outside the known sections are left out", "Use [Listen], [Security] and [Accounts]");
-            continue;
+    }
+}
+
+// Which of two values is meant cannot be told, so that the default, which is the strict one, holds.
+void Parser::lookForRepeats(IniFile::Section& section, std::string_view name) {
+    std::vector<std::string> contradicted;
+    for (const auto& repeat : IniFile::repeats(section)) {
+        problem(fmt::format("[{}] {}", name, shownName(repeat.first->name)),
+                fmt::format("it stands twice (lines {} and {}){}", repeat.first->line, repeat.again->line,
+                            repeat.isContradiction() ? " with two values, its default holds" : ""),
+                "Leave one of them");
+        if (repeat.isContradiction()) {
+            contradicted.push_back(foldCase(repeat.first->name));
         }
-        CSimpleIniA::TNamesDepend keys;
-        ini_.GetAllKeys(section.pItem, keys);
-        keys.sort(CSimpleIniA::Entry::LoadOrder());
-        for (const auto& key : keys) {
-            if (!(isListen ? isKnown(listenKeys, key.pItem) : isKnown(securityKeys, key.pItem))) {
-                problem(fmt::format("[{}] {}", name, shownName(key.pItem)), "there is no setting of that name",
-                        isListen ? "Use Address, ActivationPort or ObjectPort"
-                                 : "Use MinimumLevel, AllowNTLMv1, AllowAnonymous, ComputerName or Domain");
-            }
+    }
+    std::erase_if(section.keys, [&](const IniFile::Key& key) {
+        return std::find(contradicted.begin(), contradicted.end(), foldCase(key.name)) != contradicted.end();
+    });
+}
+
+void Parser::lookForUnknownNames(const IniFile::Section& section, std::string_view name,
+                                 std::span<const std::string_view> known, std::string_view remedy) {
+    for (const IniFile::Key& key : section.keys) {
+        if (std::none_of(known.begin(), known.end(), [&](auto each) { return equalsIgnoringCase(each, key.name); })) {
+            problem(fmt::format("[{}] {}", name, shownName(key.name)), "there is no setting of that name", remedy);
         }
     }
 }
 
 // Hands place and value of a setting that the file gives to apply; a setting that it does not give keeps its default.
 template <class Apply>
-void Parser::readKey(const char* section, const char* key, Apply apply) {
-    if (const char* value = ini_.GetValue(section, key)) {
-        apply(fmt::format("[{}] {}", section, key), std::string_view(value));
+void Parser::readKey(std::string_view section, std::string_view key, Apply apply) {
+    if (const IniFile::Key* found = (section == "Listen" ? listen_ : security_).find(key)) {
+        apply(fmt::format("[{}] {}", section, key), found->value);
     }
 }
 
 template <class Value>
-void Parser::readChoice(const char* section, const char* key, const char* remedy, const char* fallback,
+void Parser::readChoice(std::string_view key, const char* remedy, const char* fallback,
                         std::initializer_list<std::pair<std::string_view, Value>> choices, Value& setting) {
-    readKey(section, key, [&](const std::string& place, std::string_view value) {
+    readKey("Security", key, [&](const std::string& place, std::string_view value) {
         for (const auto& [name, choice] : choices) {
             if (equalsIgnoringCase(name, value)) {
                 setting = choice;
@@ -271,7 +229,7 @@ void Parser::readChoice(const char* section, const char* key, const char* remedy
     });
 }
 
-void Parser::readPort(const char* key, std::uint16_t smallest, std::uint16_t& port) {
+void Parser::readPort(std::string_view key, std::uint16_t smallest, std::uint16_t& port) {
     readKey("Listen", key, [&](const std::string& place, std::string_view value) {
         if (const auto number = wholeNumber<std::uint16_t>(value, smallest)) {
             port = *number;
@@ -312,20 +270,20 @@ void Parser::readAddresses(std::string_view value) {
 }
 
 void Parser::readSecurity() {
-    readChoice<SecurityLevel>("Security", "MinimumLevel", "Write connect, integrity or privacy", "integrity",
-                              {{"connect", SecurityLevel::connect},
-                               {"integrity", SecurityLevel::integrity},
-                               {"privacy", SecurityLevel::privacy}},
-                              settings_.minimumLevel);
-    readChoice<bool>("Security", "AllowNTLMv1", "Write yes or no", "no", {{"yes", true}, {"no", false}},
+    readChoice<rpc::AuthLevel>("MinimumLevel", "Write connect, integrity or privacy", "integrity",
+                               {{"connect", rpc::AuthLevel::Connect},
+                                {"integrity", rpc::AuthLevel::Integrity},
+                                {"privacy", rpc::AuthLevel::Privacy}},
+                               settings_.minimumLevel);
+    readChoice<bool>("AllowNTLMv1", "Write yes or no", "no", {{"yes", true}, {"no", false}},
                      settings_.ntlm.allowNtlmV1Ess);
-    readChoice<bool>("Security", "AllowAnonymous", "Write yes or no", "no", {{"yes", true}, {"no", false}},
+    readChoice<bool>("AllowAnonymous", "Write yes or no", "no", {{"yes", true}, {"no", false}},
                      settings_.ntlm.allowAnonymous);
     readNetBiosName("ComputerName", settings_.ntlm.computerName);
     readNetBiosName("Domain", settings_.ntlm.domainName);
 }
 
-void Parser::readNetBiosName(const char* key, std::string& name) {
+void Parser::readNetBiosName(std::string_view key, std::string& name) {
     readKey("Security", key, [&](const std::string& place, std::string_view value) {
         const bool fits = !value.empty() && characterCount(value) <= longestComputerName &&
                           value.find_first_of("\\/:*?\"<>|, \t") == std::string_view::npos;
@@ -338,32 +296,34 @@ void Parser::readNetBiosName(const char* key, std::string& name) {
     });
 }
 
-void Parser::readAccounts() {
-    CSimpleIniA::TNamesDepend keys;
-    ini_.GetAllKeys("Accounts", keys);
-    keys.sort(CSimpleIniA::Entry::LoadOrder());
-    for (const auto& key : keys) {
-        readAccount(key.pItem);
-    }
-}
-
-void Parser::readAccount(const char* key) {
-    const std::string_view name = key;
-    const std::string place = fmt::format("[Accounts] {}", shownName(name));
-    const std::size_t backslash = name.find('\\');
+void Parser::readAccount(const IniFile::Key& key) {
+    const std::string place = fmt::format("[Accounts] {}", shownName(key.name));
+    const std::size_t backslash = key.name.find('\\');
     const bool bound = backslash != std::string_view::npos;
-    const std::string_view domain = bound ? trim(name.substr(0, backslash)) : ntlm::AccountTable::anyDomain;
-    const std::string_view user = trim(bound ? name.substr(backslash + 1) : name);
-    // The INI reader keeps its own copy of the file; the secret is wiped there too. The buffer is writable, the reader
-    // only shows it as constant.
-    char* const secret = const_cast<char*>(ini_.GetValue("Accounts", key, ""));
+    const std::string_view domain =
+        bound ? trimWhiteSpace(key.name.substr(0, backslash)) : ntlm::AccountTable::anyDomain;
+    const std::string_view user = trimWhiteSpace(bound ? key.name.substr(backslash + 1) : key.name);
     if (!isAccountName(domain, user)) {
         problem(place, "this is not an account name, the account is left out",
                 "Write DOMAIN\\user, or user alone for an account that answers to any domain");
-    } else if (const auto hash = accountHash(place, secret)) {
-        settings_.accounts.add(domain, user, *hash);
+    } else if (const auto hash = accountHash(place, key.value)) {
+        addAccount(place, domain, user, *hash);
     }
-    ntlm::wipe({reinterpret_cast<std::uint8_t*>(secret), std::strlen(secret)});
+}
+
+// Of two passwords the one that was meant to go might be taken, so that neither is.
+void Parser::addAccount(const std::string& place, std::string_view domain, std::string_view user,
+                        const ntlm::NtHash& hash) {
+    const auto [account, isNew] = hashes_.try_emplace(foldCase(domain) + '\\' + foldCase(user), hash);
+    if (isNew) {
+        return;
+    }
+    const bool isSame = account->second == hash;
+    problem(place, isSame ? "the account stands twice" : "the account stands twice with two passwords and is left out",
+            "Leave one of them");
+    if (!isSame) {
+        account->second.reset();
+    }
 }
 
 std::optional<ntlm::NtHash> Parser::accountHash(const std::string& place, std::string_view value) {
@@ -371,16 +331,19 @@ std::optional<ntlm::NtHash> Parser::accountHash(const std::string& place, std::s
     constexpr std::string_view passwordMark = "password:";
     std::optional<ntlm::NtHash> hash;
     if (equalsIgnoringCase(value.substr(0, hashMark.size()), hashMark)) {
-        hash = hashFromHex(trim(value.substr(hashMark.size())));
+        hash = hashFromHex(trimWhiteSpace(value.substr(hashMark.size())));
     } else if (equalsIgnoringCase(value.substr(0, passwordMark.size()), passwordMark)) {
         hash = ntlm::ntHash(value.substr(passwordMark.size()));
     }
     if (!hash) {
         problem(place, "neither nt: with 32 hexadecimal digits nor password: with a text, the account is left out",
-                "Write nt:<32 hexadecimal digits> or password:<text>");
+                "Write nt:<32 hexadecimal digits> or password:<text>, with nothing behind it");
     } else if (*hash == ntlm::ntHash("")) {
         problem(place, "the password is empty, the account is left out", "Give the account a password");
         hash.reset();
+    } else if (value.find(" ;") != std::string_view::npos || value.find(" #") != std::string_view::npos) {
+        problem(place, "what stands behind the blank and the ; or # is taken as part of the password",
+                "Put a comment on a line of its own; for a password with such characters, write nt: with its digits");
     }
     return hash;
 }
@@ -403,7 +366,7 @@ void noteWhatIsWeak(DcomSettings& settings) {
             notices.push_back(fmt::format("[Listen] Address = {}: other machines can reach the server", address));
         }
     }
-    if (settings.minimumLevel < SecurityLevel::integrity) {
+    if (settings.minimumLevel < rpc::AuthLevel::Integrity) {
         notices.emplace_back(
             "[Security] MinimumLevel = connect: calls are neither signed nor sealed and can be "
             "altered on their way");
@@ -487,7 +450,8 @@ std::string dcomSettingsPath() {
 
 DcomSettings parseDcomSettings(std::string& text, const std::string& name, std::string_view hostName) {
     DcomSettings settings = defaults(hostName);
-    Parser(settings, name).parse(text);
+    Parser(settings, name).parse(IniFile(text));
+    ntlm::wipe(text);
     noteWhatIsWeak(settings);
     return settings;
 }

@@ -10,17 +10,15 @@
 
 #include "DCOM/ntlm/AccountTable.h"
 #include "DCOM/ntlm/ServerContext.h"
+#include "DCOM/rpc/AuthLevel.h"
 
 namespace quelm::dcom {
-
-// The least protection of a call that the server accepts; the numbers are those of an RPC authentication level.
-enum class SecurityLevel : std::uint8_t { connect = 2, integrity = 5, privacy = 6 };
 
 struct DcomSettings {
     std::vector<std::string> addresses{"127.0.0.1"};  // numeric IPv4, at least one
     std::uint16_t activationPort = 135;
-    std::uint16_t objectPort = 49200;  // 0: any free one
-    SecurityLevel minimumLevel = SecurityLevel::integrity;
+    std::uint16_t objectPort = 49200;                         // 0: any free one
+    rpc::AuthLevel minimumLevel = rpc::AuthLevel::Integrity;  // the least protection of a call: connect or better
     ntlm::ServerSettings ntlm;
     ntlm::AccountTable accounts;
 

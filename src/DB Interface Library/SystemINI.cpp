@@ -1,9 +1,5 @@
 #include "DB Interface Library/SystemINI.h"
 
-// Text is UTF-8 in the file and here, so the library's converters are left out; its code is compiled in right here.
-#define SI_NO_CONVERSION
-#define SI_IMPLEMENTATION
-#include <SimpleIni.h>
 #include <fmt/format.h>
 #include <unistd.h>
 
@@ -22,24 +18,24 @@ namespace quelm {
 
 namespace {
 
-constexpr std::string_view damagedHeading = "[?]";
+constexpr std::array<std::string_view, 3> systemKeys = {"LogFolder", "ConnectTimeout", "QueryTimeout"};
+constexpr std::array<std::string_view, 5> connectionKeys = {"Connection1", "Connection2", "Connection3", "Connection4",
+                                                            "Connection5"};
+constexpr std::array<std::string_view, 9> entryKeys = {"SiteID",      "DAHSID",      "Computer",
+                                                       "Default",     "Connection1", "Connection2",
+                                                       "Connection3", "Connection4", "Connection5"};
+constexpr std::size_t mostDetails = 50;  // a file of another kind must not swamp the log
 // Seconds: beyond this nobody waits for a display to move on.
 constexpr std::int32_t longestTimeout = 300;
 
-std::string_view trimSpace(std::string_view text) {
-    constexpr std::string_view space = " \t\r\n\v\f";
-    const std::size_t first = text.find_first_not_of(space);
-    return first == std::string_view::npos ? std::string_view()
-                                           : text.substr(first, text.find_last_not_of(space) - first + 1);
+bool isKnown(std::span<const std::string_view> known, std::string_view name) {
+    return std::any_of(known.begin(), known.end(), [&](auto key) { return equalsIgnoringCase(key, name); });
 }
 
-// What stands in the file as a problem line may show it: short and on one line.
-std::string shown(std::string_view value) {
-    std::string text(leftCharacters(value, 64));
-    const bool isCut = text.size() < value.size();
-    std::replace_if(
-        text.begin(), text.end(), [](unsigned char c) { return c < ' ' || c == 0x7F; }, '?');
-    return isCut ? text + "..." : text;
+// "" for a key that the section does not have.
+std::string valueOf(const IniFile::Section& section, std::string_view key) {
+    const IniFile::Key* found = section.find(key);
+    return found == nullptr ? std::string() : std::string(found->value);
 }
 
 std::optional<std::int32_t> wholeNumber(std::string_view text) {
@@ -64,12 +60,10 @@ std::optional<bool> yesOrNo(std::string_view text) {
 
 std::vector<std::string> splitNames(std::string_view list) {
     std::vector<std::string> names;
-    while (!list.empty()) {
-        const std::size_t comma = list.find(',');
-        if (const std::string_view name = trimSpace(list.substr(0, comma)); !name.empty()) {
+    for (const std::string_view name : splitAtCommas(list)) {
+        if (!name.empty()) {
             names.emplace_back(name);
         }
-        list.remove_prefix(comma == std::string_view::npos ? list.size() : comma + 1);
     }
     return names;
 }
@@ -96,73 +90,35 @@ std::string thisComputer() {
     return gethostname(name.data(), name.size() - 1) == 0 ? name.data() : std::string();
 }
 
-class SystemINI::File {
- public:
-    bool load(const std::string& contents) {
-        ini_.SetUnicode(true);
-        return ini_.LoadData(contents) >= SI_OK;
-    }
-
-    std::vector<std::string> sections() const {
-        CSimpleIniCaseA::TNamesDepend names;
-        ini_.GetAllSections(names);
-        names.sort(CSimpleIniCaseA::Entry::LoadOrder());
-        std::vector<std::string> sections;
-        for (const auto& name : names) {
-            sections.emplace_back(name.pItem);
-        }
-        return sections;
-    }
-
-    std::string value(const std::string& section, std::string_view key) const {
-        for (const auto& [name, value] : keys(section)) {
-            if (equalsIgnoringCase(name, key)) {
-                return value;
-            }
-        }
-        return {};
-    }
-
- private:
-    std::vector<std::pair<std::string, std::string>> keys(const std::string& section) const {
-        std::vector<std::pair<std::string, std::string>> found;
-        CSimpleIniCaseA::TNamesDepend names;
-        ini_.GetAllKeys(section.c_str(), names);
-        for (const auto& name : names) {
-            found.emplace_back(name.pItem, trimSpace(ini_.GetValue(section.c_str(), name.pItem, "")));
-        }
-        return found;
-    }
-
-    CSimpleIniCaseA ini_;
-};
-
 bool SystemINI::ReadINI(std::int32_t, bool blnReport) {
     logFolder_.clear();
     timeouts_ = {};
     entries_.clear();
     placements_.clear();
     selected_.reset();
+    details_ = 0;
 
-    std::optional<std::string> contents = readFile(blnReport);
+    const std::optional<std::string> contents = readFile(blnReport);
     if (!contents) {
         return false;
     }
-    takeOutDamage(*contents, blnReport);
-    File file;
-    if (!file.load(*contents)) {
-        report(blnReport, "not an INI file");
-        return false;
+    const IniFile file(*contents);
+    for (const IniFile::Fault& fault : file.faults()) {
+        reportDetail(blnReport, fmt::format("line {}: {}. {}.", fault.line, fault.what, fault.remedy));
     }
-    for (const std::string& section : file.sections()) {
-        if (equalsIgnoringCase(section, "System")) {
-            logFolder_ = file.value(section, "LogFolder");
-            readTimeout(file, section, "ConnectTimeout", timeouts_.connect, blnReport);
-            readTimeout(file, section, "QueryTimeout", timeouts_.query, blnReport);
-        } else if (equalsIgnoringCase(std::string_view(section).substr(0, 4), "DAHS")) {
-            readEntry(file, section, blnReport);
+    IniFile::Section system;
+    for (const IniFile::Section& section : file.sections()) {
+        if (equalsIgnoringCase(section.name, "System")) {
+            system.keys.insert(system.keys.end(), section.keys.begin(), section.keys.end());
+        } else if (equalsIgnoringCase(section.name.substr(0, 4), "DAHS")) {
+            readEntry(section, blnReport);
+        } else {
+            reportDetail(blnReport, fmt::format("line {}: lines in no section that is read ('{}') are left out. Use "
+                                                "[System] and [DAHS...].",
+                                                section.line, shownSetting(section.name)));
         }
     }
+    readSystem(system, blnReport);
     if (logFolder_.empty()) {
         report(blnReport, "[System]: LogFolder is missing; logs go to the root folder");
     }
@@ -192,74 +148,84 @@ std::optional<std::string> SystemINI::readFile(bool blnReport) const {
     return contents;
 }
 
-// The INI library stops at a NUL, and lets the lines under a heading without "]" join the section before, where they
-// would overwrite another site's.
-void SystemINI::takeOutDamage(std::string& contents, bool blnReport) const {
-    std::replace(contents.begin(), contents.end(), '\0', ' ');
-    std::string sound;
-    sound.reserve(contents.size());
-    std::string firstDamaged;
-    std::size_t damaged = 0;
-    for (std::size_t begin = 0; begin < contents.size();) {
-        const std::size_t end = std::min(contents.find_first_of("\r\n", begin), contents.size());
-        const std::string_view line = trimSpace(std::string_view(contents).substr(begin, end - begin));
-        const bool isDamaged = line.starts_with('[') && line.find(']') == std::string_view::npos;
-        if (isDamaged && damaged++ == 0) {
-            firstDamaged = shown(line);
-        }
-        sound.append(isDamaged ? damagedHeading : line).append("\n");
-        begin = end + 1;
-    }
-    contents = std::move(sound);
-    if (damaged > 0) {
-        report(blnReport, fmt::format("'{}': a heading without ] (there are {}); the lines under it are left out",
-                                      firstDamaged, damaged));
-    }
+void SystemINI::readSystem(const IniFile::Section& section, bool blnReport) {
+    logFolder_ = valueOf(section, "LogFolder");
+    checkKeys(section, systemKeys, "the first counts", blnReport);
+    readTimeout(section, "ConnectTimeout", timeouts_.connect, blnReport);
+    readTimeout(section, "QueryTimeout", timeouts_.query, blnReport);
 }
 
-void SystemINI::readTimeout(const File& file, const std::string& section, std::string_view key,
-                            std::chrono::milliseconds& timeout, bool blnReport) const {
-    const std::string given = file.value(section, key);
+bool SystemINI::checkKeys(const IniFile::Section& section, std::span<const std::string_view> known,
+                          std::string_view outcome, bool blnReport) {
+    bool isUnambiguous = true;
+    const auto name = section.name.empty() ? "System" : section.name;  // the sections [System] are read as one
+    for (const IniFile::Key& key : section.keys) {
+        if (!isKnown(known, key.name)) {
+            reportDetail(blnReport, fmt::format("[{}]: there is no key '{}' (line {}), it is left out",
+                                                shownSetting(name), shownSetting(key.name), key.line));
+        }
+    }
+    for (const IniFile::Repeat& repeat : IniFile::repeats(section)) {
+        const bool isContradiction = repeat.isContradiction() && isKnown(known, repeat.first->name);
+        isUnambiguous = isUnambiguous && !isContradiction;
+        reportDetail(blnReport, fmt::format("[{}]: {} stands twice (lines {} and {}){}", shownSetting(name),
+                                            shownSetting(repeat.first->name), repeat.first->line, repeat.again->line,
+                                            isContradiction ? ", with two values; " + std::string(outcome) : ""));
+    }
+    return isUnambiguous;
+}
+
+void SystemINI::readTimeout(const IniFile::Section& section, std::string_view key, std::chrono::milliseconds& timeout,
+                            bool blnReport) const {
+    const std::string given = valueOf(section, key);
     if (given.empty()) {
         return;
     }
     const std::optional<std::int32_t> seconds = wholeNumber(given);
     if (!seconds || *seconds < 1 || *seconds > longestTimeout) {
         report(blnReport, fmt::format("[System]: {} '{}' is not a number of seconds from 1 to {}; read as {}", key,
-                                      shown(given), longestTimeout, timeout / std::chrono::seconds(1)));
+                                      shownSetting(given), longestTimeout, timeout / std::chrono::seconds(1)));
         return;
     }
     timeout = std::chrono::seconds(*seconds);
 }
 
-void SystemINI::readEntry(const File& file, const std::string& section, bool blnReport) {
+void SystemINI::readEntry(const IniFile::Section& section, bool blnReport) {
     const auto problem = [&](std::string_view text) {
-        report(blnReport, fmt::format("[{}]: {}", shown(section), text));
+        report(blnReport, fmt::format("[{}]: {}", shownSetting(section.name), text));
     };
-
+    if (section.isRepeated()) {
+        reportDetail(blnReport, fmt::format("[{}]: two sections have this name (lines {} and {}); each is an entry of "
+                                            "its own",
+                                            shownSetting(section.name), section.firstLine, section.line));
+    }
+    // Which of two values is meant cannot be told, and the wrong database's values must not pass for the site's.
+    if (!checkKeys(section, entryKeys, "the entry is left out", blnReport)) {
+        return;
+    }
     DAHSEntry entry;
-    entry.SiteID = file.value(section, "SiteID");
+    entry.SiteID = valueOf(section, "SiteID");
     if (entry.SiteID.empty()) {
         problem("SiteID is missing; the entry is left out");
         return;
     }
-    const std::string number = file.value(section, "DAHSID");
+    const std::string number = valueOf(section, "DAHSID");
     const std::optional<std::int32_t> dahsID = wholeNumber(number);
     if (!dahsID) {
-        problem(fmt::format("DAHSID '{}' is not a 32-bit whole number; the entry is left out", shown(number)));
+        problem(fmt::format("DAHSID '{}' is not a 32-bit whole number; the entry is left out", shownSetting(number)));
         return;
     }
     entry.DAHSID = *dahsID;
     for (std::size_t i = 0; i < entry.Connections.size(); ++i) {
-        entry.Connections[i] = file.value(section, fmt::format("Connection{}", i + 1));
+        entry.Connections[i] = valueOf(section, connectionKeys[i]);
     }
-    const std::string marked = file.value(section, "Default");
+    const std::string marked = valueOf(section, "Default");
     const std::optional<bool> isDefault = yesOrNo(marked);
     if (!isDefault) {
-        problem(fmt::format("Default '{}' is neither yes nor no; read as no", shown(marked)));
+        problem(fmt::format("Default '{}' is neither yes nor no; read as no", shownSetting(marked)));
     }
     entries_.push_back(std::move(entry));
-    placements_.push_back(Placement{splitNames(file.value(section, "Computer")), isDefault.value_or(false)});
+    placements_.push_back(Placement{splitNames(valueOf(section, "Computer")), isDefault.value_or(false)});
 }
 
 bool SystemINI::SelectDAHS(std::int32_t, bool blnReport) {
@@ -295,6 +261,15 @@ const DAHSEntry& SystemINI::SelectedDAHS() const {
         throw RuntimeError(errors::objectNotSet);
     }
     return entries_[*selected_];
+}
+
+void SystemINI::reportDetail(bool blnReport, std::string_view text) {
+    if (details_ < mostDetails) {
+        report(blnReport, text);
+    } else if (details_ == mostDetails) {
+        report(blnReport, "further faults are not listed. Check that this is the right file.");
+    }
+    ++details_;
 }
 
 void SystemINI::report(bool blnReport, std::string_view text) const {

@@ -8,12 +8,14 @@
 
 #include <cstddef>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "DB Interface Library/ISystemINI.h"
 #include "DB Interface Library/ProblemSink.h"
+#include "Shared Types/IniFile.h"
 
 namespace quelm {
 
@@ -27,7 +29,9 @@ class SystemINI final : public ISystemINI {
     SystemINI(std::string strPath, std::string strComputer, ProblemSink problems)
         : strPath_(std::move(strPath)), strComputer_(std::move(strComputer)), problems_(std::move(problems)) {}
 
-    // A damaged entry is left out with a line of what is wrong with it, so that it costs its own site only.
+    // A damaged entry is left out with a line of what is wrong with it, so that it costs its own site only. Two
+    // sections of one name are two entries; a key that stands in an entry with two values costs it. What is unknown, or
+    // stands twice, is named.
     bool ReadINI(std::int32_t lngReserved, bool blnReport) override;
     bool SelectDAHS(std::int32_t lngReserved, bool blnReport) override;
     const DAHSEntry& SelectedDAHS() const override;
@@ -44,13 +48,16 @@ class SystemINI final : public ISystemINI {
         std::vector<std::string> computers;
         bool isDefault = false;
     };
-    class File;
 
     std::optional<std::string> readFile(bool blnReport) const;
-    void takeOutDamage(std::string& contents, bool blnReport) const;
-    void readTimeout(const File& file, const std::string& section, std::string_view key,
-                     std::chrono::milliseconds& timeout, bool blnReport) const;
-    void readEntry(const File& file, const std::string& section, bool blnReport);
+    void readSystem(const IniFile::Section& section, bool blnReport);
+    void readTimeout(const IniFile::Section& section, std::string_view key, std::chrono::milliseconds& timeout,
+                     bool blnReport) const;
+    void readEntry(const IniFile::Section& section, bool blnReport);
+    // False when a key has two values. outcome: what then becomes of them, for the message.
+    bool checkKeys(const IniFile::Section& section, std::span<const std::string_view> known, std::string_view outcome,
+                   bool blnReport);
+    void reportDetail(bool blnReport, std::string_view text);
     bool namesThisComputer(const Placement& placement) const;
     void report(bool blnReport, std::string_view text) const;
 
@@ -62,6 +69,7 @@ class SystemINI final : public ISystemINI {
     std::vector<DAHSEntry> entries_;
     std::vector<Placement> placements_;
     std::optional<std::size_t> selected_;
+    std::size_t details_ = 0;
 };
 
 }  // namespace quelm

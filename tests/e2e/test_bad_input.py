@@ -71,10 +71,10 @@ class Damaged(SiteTest):
         self.assertEqual([line for line in log if 'OPC-0208' in line or 'OPC-0131' in line], [
             'Information [OPC-0208] found site NORTH, DAHSID 1', 'Information [OPC-0208] found site SOUTH, DAHSID 2',
             'Error [OPC-0131] Site NORTH is already loaded; will not load again; DAHS 9 is a duplicate'])
-        for words in ('[DAHS.Nameless]: SiteID is missing; the entry is left out', "'[DAHS.Open': a heading without ]",
+        for words in ('[DAHS.Nameless]: SiteID is missing; the entry is left out', "a section heading without ], the lines under it are left out",
                       "[DAHS.Doubtful]: Default 'perhaps' is neither yes nor no; read as no",
                       '"300.1.1.1" is not an IPv4 address', '"banana" is not a port',
-                      '"conect" is none of the choices, integrity holds', 'neither a [section] heading nor',
+                      '"conect" is none of the choices, integrity holds', '[Else]: lines outside the known sections',
                       '[Accounts] DEMO\\bare', 'the password is empty'):
             self.assertIn(words, self.site.errors())
         for secret in ('geheim99', 'stack-7'):

@@ -24,7 +24,7 @@ void runInput(Input input) {
     require(settings.activationPort != 0, "an activation port");
     require(!settings.ntlm.computerName.empty() && !settings.ntlm.domainName.empty(), "names to log on with");
     if (!mayBeWeak) {
-        require(settings.minimumLevel == dcom::SecurityLevel::integrity && !settings.ntlm.allowAnonymous &&
+        require(settings.minimumLevel == dcom::rpc::AuthLevel::Integrity && !settings.ntlm.allowAnonymous &&
                     !settings.ntlm.allowNtlmV1Ess,
                 "strict unless told otherwise");
     }

@@ -33,7 +33,7 @@ dcom::orpc::ExporterSettings exporterSettings(const dcom::DcomSettings& settings
     result.objectPort = settings.objectPort;
     result.activationPort = settings.activationPort;
     result.hostNames = {"localhost", settings.ntlm.computerName};
-    result.minimumLevel = static_cast<dcom::rpc::AuthLevel>(settings.minimumLevel);
+    result.minimumLevel = settings.minimumLevel;
     result.log = log;
     return result;
 }
@@ -50,7 +50,7 @@ struct OpcNetwork::Impl {
           protocol{
               .accounts = settings.accounts,
               .logOn = settings.ntlm,
-              .minimumLevel = static_cast<dcom::rpc::AuthLevel>(settings.minimumLevel),
+              .minimumLevel = settings.minimumLevel,
               .onRefused = [trouble = lines.trouble](const dcom::rpc::Refusal& refusal) { trouble(refusal.line()); },
               .challenge = std::nullopt},
           server(loop, loop, protocol, tcpSettings(lines)),

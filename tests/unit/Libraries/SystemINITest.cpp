@@ -40,7 +40,35 @@ TEST_F(SystemINITest, ReadsEntriesInFileOrder) {
     EXPECT_THROW(reader.SelectedDAHS(), RuntimeError);
     ASSERT_TRUE(reader.SelectDAHS(0, true));
     EXPECT_EQ(reader.SelectedDAHS().SiteID, "A");
-    EXPECT_THAT(problems_, ElementsAre());
+    EXPECT_THAT(problems_, ElementsAre("line 9: lines in no section that is read ('Other') are left out. Use [System] "
+                                       "and [DAHS...]."));
+}
+
+TEST_F(SystemINITest, KeepsEntriesOfOneNameApartAndNamesWhatIsUnknownOrStandsTwice) {
+    SystemINI reader =
+        ini("x=1\n[System]\nLogFolder=/first\nlogfolder=/second\nLogfolders=/l\n"
+            "[DAHS]\nSiteID=A\nDAHSID=1\nConnection1=a1\nConnection2=a2\n"
+            "[dahs]\nSiteID=B\nDAHSID=2\nConnection1=b1\nConection2=b2\nBogus\n"
+            "[DAHS.3]\nSiteID=C\nDAHSID=3\nDAHSID=3\n[DAHS.4]\nSiteID=D\nDAHSID=4\nconnection1=d\nConnection1=e\n"
+            "[System]\nQueryTimeout=20\n");
+    EXPECT_TRUE(reader.ReadINI(0, true));
+    ASSERT_EQ(reader.AllDAHS().size(), 3U);
+    EXPECT_EQ(reader.AllDAHS()[0].Connections[1], "a2");
+    EXPECT_EQ(reader.AllDAHS()[1].Connections[0], "b1");
+    EXPECT_EQ(reader.AllDAHS()[1].Connections[1], "") << "never another site's database";
+    EXPECT_EQ(reader.LogFolder(), "/first");
+    EXPECT_EQ(reader.DatabaseTimeouts().query, std::chrono::seconds(20));
+    EXPECT_THAT(problems_,
+                ElementsAre("line 16: neither a [section] heading nor \"name = value\", the line is left out. Correct "
+                            "it, or begin it with ; to make it a comment.",
+                            "line 1: lines in no section that is read ('') are left out. Use [System] and [DAHS...].",
+                            "[dahs]: two sections have this name (lines 6 and 11); each is an entry of its own",
+                            "[dahs]: there is no key 'Conection2' (line 15), it is left out",
+                            "[DAHS.3]: DAHSID stands twice (lines 19 and 20)",
+                            "[DAHS.4]: connection1 stands twice (lines 24 and 25), with two values; the entry is left "
+                            "out",
+                            "[System]: there is no key 'Logfolders' (line 5), it is left out",
+                            "[System]: LogFolder stands twice (lines 3 and 4), with two values; the first counts"));
 }
 
 TEST_F(SystemINITest, TakesTimeoutsThatBoundAWait) {
@@ -81,7 +109,7 @@ TEST_F(SystemINITest, LeavesDamagedEntriesOutAndSaysWhy) {
     EXPECT_EQ(reader.AllDAHS()[1].SiteID, "S7") << "a NUL byte hides nothing";
     EXPECT_FALSE(reader.SelectDAHS(0, true));
     EXPECT_THAT(problems_,
-                ElementsAre("'[DAHS.6': a heading without ] (there are 1); the lines under it are left out",
+                ElementsAre("line 17: a section heading without ], the lines under it are left out. Add the ].",
                             "[DAHS.1]: SiteID is missing; the entry is left out",
                             "[DAHS.2]: DAHSID '' is not a 32-bit whole number; the entry is left out",
                             "[DAHS.3]: DAHSID '2147483648' is not a 32-bit whole number; the entry is left out",

@@ -21,9 +21,7 @@ DcomSettings parse(std::string text) {
 
 // What decides who gets in and how well calls are protected, in one line.
 std::string protection(const DcomSettings& settings) {
-    std::string line = settings.minimumLevel == SecurityLevel::connect     ? "connect"
-                       : settings.minimumLevel == SecurityLevel::integrity ? "integrity"
-                                                                           : "privacy";
+    std::string line(rpc::levelName(settings.minimumLevel));
     line += settings.ntlm.allowNtlmV1Ess ? " v1" : "";
     line += settings.ntlm.allowAnonymous ? " anonymous" : "";
     return line;
@@ -99,6 +97,17 @@ TEST(DcomSettings, ADamagedLineCostsOnlyItself) {
         {"[Listen] Port = 5\rAddress = 127.0.0.2", "line 1: what stands behind the section heading is left out"},
         {"Address = 10.0.0.1\n[Listen]\nAddress = 127.0.0.2", "before the first section: lines outside the known"},
         {"[Listen\nAddress = 10.0.0.1\n[Listen]\nAddress = 127.0.0.2", "line 1: a section heading without ]"},
+        {"[Listen]\nObjectPort = 1\n[listen]\nAddress = 127.0.0.2",
+         "line 3: [listen] stands in line 1 already, both are read as one. Put"},
+        {"[Listen]\nAddress = 127.0.0.2\naddress = 127.0.0.2", "[Listen] Address: it stands twice (lines 2 and 3). Le"},
+        {"[Security]\nAllowNTLMv1 = yes\nAllowNTLMv1 = no\n[Listen]\nAddress = 127.0.0.2",
+         "[Security] AllowNTLMv1: it stands twice (lines 2 and 3) with two values, its default holds. Leave"},
+        {"[Accounts]\n*\\Ann = password:a\nann = password:a\n[Listen]\nAddress = 127.0.0.2",
+         "[Accounts] ann: the account stands twice. Leave"},
+        {"[Accounts]\nann = password:a ; the shift leader\n[Listen]\nAddress = 127.0.0.2",
+         "[Accounts] ann: what stands behind the blank and the ; or # is taken as part of the password. Put"},
+        {"[Accounts]\nann = nt:A4F49C406510bdcab6824ee7c30fd852 # x\n[Listen]\nAddress = 127.0.0.2",
+         "[Accounts] ann: neit"},
     };
     for (const auto& c : cases) {
         const DcomSettings settings = parse(c.text);
@@ -114,7 +123,7 @@ TEST(DcomSettings, ADamagedAccountIsLeftOutAndItsSecretNeverShown) {
           "joe = nt:a4f49c406510bdcab6824ee7c30fd85200", "joe = password:", "joe = nt:31d6cfe0d16ae931b73c59d7e0c089c0",
           "joe password:GEHEIM", "joe password:GEHEIM = x", "\\ = password:GEHEIM", "A\\B\\joe = password:GEHEIM",
           "A*\\joe = password:GEHEIM", "jo,e = password:GEHEIM", "= password:GEHEIM", "joe = password:GEHEIM\xFF",
-          "password:GEHEIM"}) {
+          "password:GEHEIM", "joe = password:GEHEIM\nJOE = password:other"}) {
         const DcomSettings settings =
             parse(std::string("[Accounts]\nann = password:ok\n") + line + "\nbob = password:ok");
         EXPECT_EQ(settings.problems.size(), 1U) << line;
