@@ -80,6 +80,39 @@ bool isSecret(std::string_view text) {
     return false;
 }
 
+constexpr std::string_view hidden = "***";
+
+// Where a value ends that begins there in a driver's message: with its quote or brace, or before what parts values.
+std::size_t endOfShownValue(std::string_view message, std::size_t begin) {
+    const char opening = message[begin];
+    if (opening == '{' || opening == '"' || opening == '\'') {
+        const std::size_t closing = message.find(opening == '{' ? '}' : opening, begin + 1);
+        return closing == std::string_view::npos ? message.size() : closing + 1;
+    }
+    return std::min(message.find_first_of("; \t,", begin), message.size());
+}
+
+// Whatever stands behind "PWD=", "password: " and the like; all of a password that goes on behind its apparent end.
+void hideBehindKeys(std::string& message, const std::vector<std::string_view>& passwords) {
+    constexpr std::string_view blanks = " \t";
+    for (std::size_t at = message.find_first_of("=:"); at != std::string::npos;
+         at = message.find_first_of("=:", at + 1)) {
+        const std::string_view before = trimBlanks(std::string_view(message).substr(0, at));
+        const std::string_view key = before.substr(before.find_last_of("; \t,{(\"'") + 1);
+        const std::size_t begin = message.find_first_not_of(blanks, at + 1);
+        if (begin == std::string::npos || !isSecret(key)) {
+            continue;
+        }
+        std::size_t end = endOfShownValue(message, begin);
+        for (const std::string_view password : passwords) {
+            if (std::string_view(message).substr(begin).starts_with(password)) {
+                end = std::max(end, begin + password.size());
+            }
+        }
+        message.replace(begin, end - begin, hidden);
+    }
+}
+
 // Databases have decimals of more digits than the product's own; those become doubles.
 Variant decimalVariant(std::string_view digits) {
     const std::optional<double> number = parseNumber(digits);
@@ -154,14 +187,22 @@ const std::string* ConnectionString::find(std::string_view key) const {
 }
 
 std::string ConnectionString::withoutPasswords(std::string message) const {
-    constexpr std::string_view hidden = "***";
+    std::vector<std::string_view> passwords;
     for (const auto& [name, value] : parts_) {
-        if (value.empty() || !isSecret(name)) {
-            continue;
+        if (!value.empty() && isSecret(name)) {
+            passwords.push_back(value);
         }
-        for (std::size_t at = message.find(value); at != std::string::npos; at = message.find(value, at)) {
-            message.replace(at, value.size(), hidden);
-            at += hidden.size();
+    }
+    hideBehindKeys(message, passwords);
+    // A short one may be part of any word: hiding it there would damage the message and give the password away.
+    constexpr std::size_t longerThanWords = 8;
+    for (const std::string_view password : passwords) {
+        for (std::size_t at = 0; password.size() >= longerThanWords && at != std::string::npos;) {
+            at = message.find(password, at);
+            if (at != std::string::npos) {
+                message.replace(at, password.size(), hidden);
+                at += hidden.size();
+            }
         }
     }
     return message;
@@ -179,16 +220,17 @@ std::string redactConnectionString(std::string_view text) {
             shown += ';';
         }
         if (!part.hasKey) {
-            shown += "***";
+            shown += hidden;
         } else {
-            shown.append(part.key).append("=").append(isSecret(part.key) ? "***" : redactValue(part.value));
+            shown.append(part.key).append("=").append(isSecret(part.key) ? std::string(hidden)
+                                                                         : redactValue(part.value));
         }
     }
     return shown;
 }
 
 std::string redactValue(std::string_view value) {
-    return isSecret(value) ? "***" : std::string(value);
+    return std::string(isSecret(value) ? hidden : value);
 }
 
 std::unique_ptr<ISqlConnection> SqlDrivers::connection(std::string_view connectionString) const {
