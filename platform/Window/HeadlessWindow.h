@@ -31,6 +31,7 @@ class HeadlessWindow final : public IMainWindow {
 
     // The message list's lines, oldest first.
     const std::vector<std::string>& lines() const { return list_.lines; }
+    bool isPrinting() const { return list_.printing; }
 
  private:
     struct MessageList final : IMessageList {

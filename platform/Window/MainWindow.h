@@ -42,6 +42,8 @@ class MainWindow final : public IMainWindow {
 
     // Whether the operator sees it, and can close it.
     bool onDisplay() const { return shown_ && displayUsable_; }
+    // Whether the message list goes to standard error.
+    bool isPrinting() const { return printed_.isPrinting(); }
     // Whether a box waits for the operator.
     bool boxOpen() const { return boxOpen_; }
 

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <filesystem>
 #include <iterator>
 #include <system_error>
@@ -42,6 +43,7 @@ bool LogWriter::Open(std::string_view strFilePath, std::string_view, bool blnOve
     timeStamps_ = blnTimeStamps;
     lostLines_ = 0;
     lineTorn_ = false;
+    isTroubled_ = false;
     return openFile();
 }
 
@@ -50,16 +52,35 @@ void LogWriter::WriteEntry(std::string_view strText, bool) {
         return;
     }
     if (file_ < 0 && (timeSource().monotonicMilliseconds() < retryAt_ || !openFile())) {
-        ++lostLines_;
+        loseLine(strText);
         return;
     }
     buildLine(strText);
     if (writeLine()) {
         lostLines_ = 0;
+        isTroubled_ = false;
     } else {
-        ++lostLines_;
+        tellTrouble();
+        loseLine(strText);
         closeFile();
         retryAt_ = timeSource().monotonicMilliseconds() + retryAfter;
+    }
+}
+
+void LogWriter::loseLine(std::string_view text) {
+    ++lostLines_;
+    if (trouble_.line) {
+        trouble_.line(text);
+    }
+}
+
+// Right behind the call that failed, whose reason errno holds.
+void LogWriter::tellTrouble() {
+    if (!std::exchange(isTroubled_, true) && trouble_.problem) {
+        trouble_.problem(
+            fmt::format("The log {} cannot be written: {}. Its lines follow here until it can: see to the "
+                        "folder in LogFolder of Quelm.ini, its rights and its room",
+                        path_, std::strerror(errno)));
     }
 }
 
@@ -75,6 +96,7 @@ bool LogWriter::openFile() {
         file_ = open(path_.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | truncate, 0644);
     } while (file_ < 0 && errno == EINTR);
     if (file_ < 0) {
+        tellTrouble();
         retryAt_ = timeSource().monotonicMilliseconds() + retryAfter;
         return false;
     }

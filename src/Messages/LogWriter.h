@@ -4,16 +4,24 @@
 // of this program nor a second reader or writer can tear one.
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "Messages/ILogWriter.h"
 
 namespace quelm {
 
+// Where the lines go that the file does not take, so that nothing falls silent with it.
+struct LogTrouble {
+    std::function<void(std::string_view)> problem;  // once for each spell: path, reason and remedy
+    std::function<void(std::string_view)> line;     // every line meanwhile
+};
+
 class LogWriter final : public ILogWriter {
  public:
-    LogWriter() = default;
+    explicit LogWriter(LogTrouble trouble = {}) : trouble_(std::move(trouble)) {}
     LogWriter(const LogWriter&) = delete;
     LogWriter& operator=(const LogWriter&) = delete;
     ~LogWriter() override { closeFile(); }
@@ -32,7 +40,10 @@ class LogWriter final : public ILogWriter {
     void closeFile();
     void buildLine(std::string_view strText);
     bool writeLine();
+    void loseLine(std::string_view text);
+    void tellTrouble();
 
+    LogTrouble trouble_;
     std::string path_;
     bool overwrite_ = false;
     bool timeStamps_ = false;
@@ -40,6 +51,7 @@ class LogWriter final : public ILogWriter {
     std::uint64_t retryAt_ = 0;
     std::uint64_t lostLines_ = 0;
     bool lineTorn_ = false;
+    bool isTroubled_ = false;
     std::string line_;
 };
 

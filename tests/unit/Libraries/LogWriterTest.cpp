@@ -1,6 +1,6 @@
 #include "Messages/LogWriter.h"
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 #include <sys/resource.h>
 
 #include <csignal>
@@ -17,7 +17,9 @@ class LogWriterTest : public testing::Test {
     test::TemporaryFolder folder_;
     ManualTimeSource time_{makeDate(CivilTime{2026, 11, 22, 8, 5, 3, 7}), 60};
     ScopedTimeSource inForce_{time_};
-    LogWriter writer_;
+    std::vector<std::string> elsewhere_;
+    LogWriter writer_{{[this](std::string_view line) { elsewhere_.push_back("! " + std::string(line)); },
+                       [this](std::string_view line) { elsewhere_.emplace_back(line); }}};
 };
 
 TEST_F(LogWriterTest, WritesStampedLinesIntoAFolderThatItMakes) {
@@ -57,6 +59,9 @@ TEST_F(LogWriterTest, TriesAgainAfterASecondAndTellsWhatWasLost) {
     writer_.WriteEntry("kept too");
     EXPECT_EQ(test::contentsOf(path),
               "2026-11-22 08:05:04.007 (2 lines before this could not be written)\nkept\nkept too\n");
+    EXPECT_THAT(elsewhere_,
+                testing::ElementsAre(testing::StartsWith("! The log " + path + " cannot be written: Not a "), "lost 1",
+                                     "lost 2"));
 }
 
 TEST_F(LogWriterTest, AFullDiskMayTearALineAndCostsLinesOnly) {
@@ -75,6 +80,7 @@ TEST_F(LogWriterTest, AFullDiskMayTearALineAndCostsLinesOnly) {
     writer_.WriteEntry("kept 2", true);
     EXPECT_EQ(test::contentsOf(path),
               "kept 1\ntorn\n2026-11-22 08:05:04.007 (2 lines before this could not be written)\nkept 2\n");
+    EXPECT_THAT(elsewhere_, testing::ElementsAre(testing::HasSubstr("File too large"), "torn", "lost"));
 }
 
 TEST(MessageTypeNamesTest, NamesTypes) {
