@@ -2,10 +2,12 @@
 in, says so in plain words, and nothing more."""
 
 import os
+import pty
 import socket
+import subprocess
 import unittest
 
-from harness import ClientError, NodeClient, SiteTest
+from harness import ClientError, NodeClient, SiteTest, program
 
 CANNOT_READ = '[OPC-0129] Cannot read INI file'
 CANNOT_SELECT = '[OPC-0130] Cannot select DAHS entry in INI file'
@@ -108,18 +110,37 @@ class Damaged(SiteTest):
 
 
 class WithoutDisplay(SiteTest):
+    def test_a_password_is_asked_for_twice_and_not_shown(self):
+        for second, code in ((b'geheim99\n', 0), (b'geheim98\n', 1)):
+            controller, terminal = pty.openpty()
+            process = subprocess.Popen([program('Q5OPCServer'), '--nt-hash'], stdin=terminal, stderr=terminal,
+                                       stdout=subprocess.PIPE, text=True)
+            os.close(terminal)
+            shown = b''
+            for prompt, answer in ((b'Password: ', b'geheim99\n'), (b'Once more: ', second)):
+                while not shown.endswith(prompt):
+                    shown += os.read(controller, 100)
+                os.write(controller, answer)
+            output, _ = process.communicate(timeout=20)
+            os.close(controller)
+            self.assertEqual(process.returncode, code)
+            self.assertRegex(output, r'^nt:[0-9a-f]{32}\n$' if code == 0 else '^$')
+            self.assertNotIn(b'geheim', shown)
+
     def test_what_asks_for_text_only_prints_it_and_does_nothing_else(self):
         for arguments, printed in (
                 (('regserver', '?'), 'Quelm 5 OPC DA Server\n\nCommand line options\n\nregserver\n.*Show main window\n$'),
                 (('visible', '--version'), r'Quelm 5 OPC DA Server \d+\.\d+\.\d+\n.*Ombrel\.QuelmOPCServer\.5\n.*'
                                            r'\{43FB6634.*\{5A24BCDD.*2\.05a'),
-                (('--help',), 'Usage: .*unregserver.*--version.*QUELM_INI')):
+                (('--help',), 'Usage: .*unregserver.*--version.*QUELM_INI'), (('-h',), 'Usage: '), (('-v',), 'Quelm 5')):
             with self.subTest(arguments):
                 self.assertEqual(self.site.start(*arguments).exit_code(5), 0)
                 self.assertRegex(self.site.output(), '(?s)^' + printed)
                 self.assertEqual(self.site.errors(), '')
         self.assertFalse(os.path.exists(self.site.logs))
         self.site.start('--versions').started()
+        self.assertIn('Q5OPCServer: "--versions" is no switch of this server and changes nothing; --help lists them',
+                      self.site.errors())
 
     def test_the_message_list_is_printed_even_where_no_log_can_be(self):
         self.site.start('/INVISIBLE', environment={'DISPLAY': ':4711'}).started()
@@ -133,9 +154,14 @@ class WithoutDisplay(SiteTest):
 
         os.rename(self.site.logs, self.site.path('logs before'))
         self.site.write('logs', 'in the way')
-        self.site.start('visible')
-        self.site.wait_error('startup complete')
-        self.assert_serves()
+        for arguments in ((), ('visible',)):
+            self.site.start(*arguments)
+            self.site.wait_error('startup complete')
+            self.assertIn('cannot be written: Not a directory', self.site.errors())
+            self.assertEqual(self.site.errors().count('startup complete'), 1)
+            self.assert_serves()('close')
+            self.site.terminate()
+            self.site.exit_code(20)
         self.assertEqual(self.site.read('logs'), 'in the way')
 
 

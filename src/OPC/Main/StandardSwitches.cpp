@@ -1,6 +1,8 @@
 #include "OPC/Main/StandardSwitches.h"
 
 #include <fmt/format.h>
+#include <termios.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <string>
@@ -9,6 +11,7 @@
 #include "DCOM/ntlm/Crypto.h"
 #include "OPC/OPC DA Server/frmOPCQuelm.h"
 #include "SLIK-DA/Identity.h"
+#include "Shared Types/IniFile.h"
 
 namespace quelm {
 namespace {
@@ -24,19 +27,19 @@ void printHelp() {
             switches += c;
         }
     }
-    print(
-        fmt::format("Usage: {} [SWITCH]\n\n{}\n\n"
-                    "?\n      Show these options in a box, or print them where there is no display\n\n"
-                    "--help\n      Print this text\n\n"
-                    "--version\n      Print version and identity\n\n"
-                    "--nt-hash\n      Read a password from standard input and print what dcom.conf takes for it\n\n"
-                    "Environment\n\n"
-                    "QUELM_INI\n      Sites, databases and log folder; otherwise /etc/quelm/Quelm.ini\n\n"
-                    "QUELM_DCOM_CONF\n      Addresses, ports, accounts and security; otherwise /etc/quelm/dcom.conf\n\n"
-                    "QUELM_DESTDIR\n      A folder in which regserver and unregserver take the place of /\n\n"
-                    "QUELM_STOP_WAIT\n      Seconds that clients get to leave after SIGTERM; otherwise 8\n\n"
-                    "DISPLAY\n      Where a window is shown\n",
-                    frmOPCQuelm::executableName, switches));
+    print(fmt::format(
+        "Usage: {} [SWITCH]\n\n{}\n\n"
+        "?\n      Show these options in a box, or print them where there is no display\n\n"
+        "--help, -h\n      Print this text\n\n"
+        "--version, -v\n      Print version and identity\n\n"
+        "--nt-hash\n      Ask for a password, or read it from standard input, and print what dcom.conf takes for it\n\n"
+        "Environment\n\n"
+        "QUELM_INI\n      Sites, databases and log folder; otherwise /etc/quelm/Quelm.ini\n\n"
+        "QUELM_DCOM_CONF\n      Addresses, ports, accounts and security; otherwise /etc/quelm/dcom.conf\n\n"
+        "QUELM_DESTDIR\n      A folder in which regserver and unregserver take the place of /\n\n"
+        "QUELM_STOP_WAIT\n      Seconds that clients get to leave after SIGTERM; otherwise 8\n\n"
+        "DISPLAY\n      Where a window is shown\n",
+        frmOPCQuelm::executableName, switches));
 }
 
 void printVersion() {
@@ -49,14 +52,61 @@ void printVersion() {
         frmOPCQuelm::applicationTitle, QUELM_VERSION, identity::progId, identity::classId, identity::applicationId));
 }
 
-// The first line of standard input is the password, which a command line would show to everybody.
-int printNtHash() {
-    constexpr std::size_t longest = 1024;
+// While it lives, what is typed does not show.
+class EchoOff {
+ public:
+    EchoOff() : isTerminal_(tcgetattr(STDIN_FILENO, &before_) == 0) {
+        if (isTerminal_) {
+            termios quiet = before_;
+            quiet.c_lflag &= ~static_cast<tcflag_t>(ECHO);
+            tcsetattr(STDIN_FILENO, TCSAFLUSH, &quiet);
+        }
+    }
+    ~EchoOff() {
+        if (isTerminal_) {
+            tcsetattr(STDIN_FILENO, TCSAFLUSH, &before_);
+        }
+    }
+    EchoOff(const EchoOff&) = delete;
+    EchoOff& operator=(const EchoOff&) = delete;
+
+ private:
+    termios before_{};
+    bool isTerminal_;
+};
+
+constexpr std::size_t longestPassword = 1024;
+
+// A line of standard input; of a longer one than a password may be, one byte more than that.
+std::string readPassword() {
     std::string password;
-    for (int c = std::getchar(); c != EOF && c != '\n' && password.size() <= longest; c = std::getchar()) {
+    for (int c = std::getchar(); c != EOF && c != '\n' && password.size() <= longestPassword; c = std::getchar()) {
         password += static_cast<char>(c);
     }
-    if (password.empty() || password.size() > longest) {
+    return password;
+}
+
+// At a terminal asked for twice, as nobody sees what is typed; "" when the two differ.
+std::string askForPassword() {
+    const EchoOff quiet;
+    std::fputs("Password: ", stderr);
+    std::string password = readPassword();
+    std::fputs("\nOnce more: ", stderr);
+    std::string again = readPassword();
+    std::fputs("\n", stderr);
+    if (password != again) {
+        std::fputs("The two are not the same\n", stderr);
+        dcom::ntlm::wipe(password);
+        password.clear();
+    }
+    dcom::ntlm::wipe(again);
+    return password;
+}
+
+// The password comes from standard input, as a command line would show it to everybody.
+int printNtHash() {
+    std::string password = isatty(STDIN_FILENO) == 1 ? askForPassword() : readPassword();
+    if (password.empty() || password.size() > longestPassword) {
         std::fputs("Give the password, 1 to 1024 bytes, as a line on standard input\n", stderr);
         return 1;
     }
@@ -70,11 +120,11 @@ int printNtHash() {
 std::optional<int> answerStandardSwitch(int argc, char** argv) {
     for (int i = 1; i < argc; ++i) {
         const std::string_view argument = argv[i];
-        if (argument == "--help") {
+        if (argument == "--help" || argument == "-h") {
             printHelp();
             return 0;
         }
-        if (argument == "--version") {
+        if (argument == "--version" || argument == "-v") {
             printVersion();
             return 0;
         }
@@ -83,6 +133,17 @@ std::optional<int> answerStandardSwitch(int argc, char** argv) {
         }
     }
     return std::nullopt;
+}
+
+std::vector<std::string> notUnderstood(int argc, char** argv) {
+    std::vector<std::string> notices;
+    for (int i = 1; i < argc; ++i) {
+        if (!frmOPCQuelm::KnowsSwitchIn(argv[i])) {
+            notices.push_back(fmt::format("\"{}\" is no switch of this server and changes nothing; --help lists them",
+                                          shownSetting(argv[i])));
+        }
+    }
+    return notices;
 }
 
 }  // namespace quelm

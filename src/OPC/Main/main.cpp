@@ -182,7 +182,14 @@ class Program {
                     return std::make_shared<DBIL>(builtInSqlDrivers(objSystemINI.DatabaseTimeouts()), printProblem);
                 },
             .NewClock = [this] { return std::make_shared<Clock>(loop_); },
-            .NewLogWriter = [] { return std::make_unique<LogWriter>(); },
+            .NewLogWriter =
+                [this] {
+                    return std::make_unique<LogWriter>(LogTrouble{printProblem, [this](std::string_view line) {
+                                                                      if (!window_.isPrinting()) {
+                                                                          printNotice(line);
+                                                                      }
+                                                                  }});
+                },
             .MessageTypeName = messageTypeName,
             .Sites = {.NewDataInterface =
                           [](IDBIL& objDBIL, std::string_view strSiteID) {
@@ -298,6 +305,9 @@ int main(int argc, char** argv) {
     std::signal(SIGXFSZ, SIG_IGN);
     if (const auto exitCode = quelm::answerStandardSwitch(argc, argv)) {
         return *exitCode;
+    }
+    for (const std::string& line : quelm::notUnderstood(argc, argv)) {
+        quelm::printNotice(line);
     }
     mallopt(M_MMAP_THRESHOLD, quelm::ownMemorySize);
     try {

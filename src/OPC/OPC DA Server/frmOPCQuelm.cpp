@@ -2,6 +2,8 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
+#include <iterator>
 #include <utility>
 
 #include "OPC/OPC DA Server/CommandLineFunctions.h"
@@ -34,6 +36,10 @@ constexpr std::string_view helpText =
     "visible\r\n"
     "      Show main window";
 
+bool isGiven(std::string_view strCommandLine, std::string_view strSwitch) {
+    return !GetCommandLineArg(strCommandLine, strSwitch, false, false).isNull();
+}
+
 }  // namespace
 
 frmOPCQuelm::frmOPCQuelm(ServerParts parts)
@@ -45,9 +51,7 @@ frmOPCQuelm::frmOPCQuelm(ServerParts parts)
 // ---- start-up
 
 StartUp frmOPCQuelm::Form_Load() {
-    const auto given = [this](std::string_view strSwitch) {
-        return !GetCommandLineArg(parts_.CommandLine, strSwitch, false, false).isNull();
-    };
+    const auto given = [this](std::string_view strSwitch) { return isGiven(parts_.CommandLine, strSwitch); };
     if (given("?")) {
         ShowHelp();
         return StartUp::HelpShown;
@@ -95,6 +99,11 @@ StartUp frmOPCQuelm::Form_Load() {
     mobjInitializationInterval = NewInterval(refreshPeriodSeconds, 0, "Initialize", refreshTolerance,
                                              &frmOPCQuelm::mobjInitializationInterval_IntervalExpired);
     return StartUp::WaitingForDatabase;
+}
+
+bool frmOPCQuelm::KnowsSwitchIn(std::string_view strText) {
+    constexpr std::string_view switches[] = {"?", "regserver", "visible"};  // "unregserver" holds the second
+    return std::any_of(std::begin(switches), std::end(switches), [&](auto each) { return isGiven(strText, each); });
 }
 
 std::string_view frmOPCQuelm::HelpText() {

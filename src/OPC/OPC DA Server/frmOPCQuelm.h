@@ -63,6 +63,8 @@ class frmOPCQuelm final : public IRaiseMsg, public ISLIKServerEvents {
 
     // The lines of the help box, separated by CR LF.
     static std::string_view HelpText();
+    // Whether a switch occurs anywhere in the text, as Form_Load looks for it.
+    static bool KnowsSwitchIn(std::string_view strText);
 
     // The whole start-up. What escapes it (registration refused, the control cannot start) is fatal to the process.
     StartUp Form_Load();
