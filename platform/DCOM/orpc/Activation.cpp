@@ -145,10 +145,11 @@ std::uint32_t Activation::invokeScmActivator(const rpc::Call& call, ndr::Writer&
         return faultOpnumRange;
     }
     ndr::Reader in(call.stub);
-    if (const std::uint32_t fault = readOrpcThis(in); fault != 0) {
-        return fault;
+    const OrpcThis header = readOrpcThis(in);
+    if (header.fault != 0) {
+        return header.fault;
     }
-    writeOrpcThat(out);
+    writeOrpcThat(out, header);
     if (call.opnum == createInstance && in.pointer()) {
         readInterfacePointer(in);
         if (!in.good()) {
@@ -187,18 +188,21 @@ std::uint32_t Activation::activateByProperties(const rpc::Call& call, ndr::Reade
     return 0;
 }
 
-// The reply is complete on failure as well: clients read all of it before they look at the outcome.
+// The reply is complete on failure as well: clients read all of it before they look at the outcome. A test program
+// exists that breaks down over the successful one in its own memory; its strict decoder by itself takes the reply
+// whole.
 std::uint32_t Activation::remoteActivation(const rpc::Call& call, ndr::Writer& out) {
     ndr::Reader in(call.stub);
-    if (const std::uint32_t fault = readOrpcThis(in); fault != 0) {
-        return fault;
+    const OrpcThis header = readOrpcThis(in);
+    if (header.fault != 0) {
+        return header.fault;
     }
     const ActivationRequest request = readRemoteActivation(in);
     if (!in.good()) {
         return faultBadStubData;
     }
     const ActivationAnswer answer = activate(call, request);
-    writeOrpcThat(out);
+    writeOrpcThat(out, header);
     out.u64(answer.oxid);
     exporter_.objectBindings(call.peer).writePointed(out);
     out.uuid(answer.remUnknownIpid);

@@ -8,7 +8,6 @@ constexpr std::uint32_t customReference = 4;
 constexpr std::uint32_t customHeaderSize = 48;     // of an object reference of the custom kind
 constexpr std::uint32_t serialisationHeader = 16;  // in front of every serialised structure
 constexpr std::uint32_t differentMachine = 2;
-constexpr std::uint32_t fillerWord = 0xCCCCCCCC;
 constexpr std::size_t uuidSize = 16;
 
 constexpr Uuid propertiesOut = Uuid::parse("000001A3-0000-0000-C000-000000000046");
@@ -102,9 +101,9 @@ std::span<const std::uint8_t> customData(std::span<const std::uint8_t> objectRef
 std::uint32_t appendSerialised(ndr::Writer& out, std::vector<std::uint8_t> body) {
     body.resize((body.size() + 7) & ~std::size_t{7});
     out.u32(0x00081001);  // version 1, little endian, header length 8
-    out.u32(fillerWord);
+    out.u32(0xCCCCCCCC);
     out.u32(static_cast<std::uint32_t>(body.size()));
-    out.u32(fillerWord);
+    out.u32(0);
     out.bytes(body);
     return static_cast<std::uint32_t>(serialisationHeader + body.size());
 }
@@ -225,6 +224,7 @@ void writeActivationProperties(ndr::Writer& out, const ActivationAnswer& answer,
 
     const auto blobSize = static_cast<std::uint32_t>(blob.size());
     constexpr std::uint32_t sizeAndReserved = 8;
+    constexpr std::uint32_t countedTwice = 2 * sizeAndReserved;  // in the header's own size, as all sides have it
     const std::uint32_t total = customHeaderSize + sizeAndReserved + blobSize;
     out.u32(total);
     out.u32(total);
@@ -233,7 +233,7 @@ void writeActivationProperties(ndr::Writer& out, const ActivationAnswer& answer,
     out.uuid(propertiesOut);
     out.uuid(propertiesOutUnmarshaller);
     out.u32(0);
-    out.u32(blobSize + sizeAndReserved);
+    out.u32(blobSize + countedTwice);
     out.u32(blobSize);
     out.u32(0);
     out.bytes(blob);

@@ -27,7 +27,7 @@ struct ExporterSettings {
     std::uint16_t objectPort = 0;        // where objects are called
     std::uint16_t activationPort = 135;  // where they are asked for and pinged
     // Names by which clients may look for this machine besides the address that they dialled.
-    std::vector<std::string> hostNames{"localhost"};
+    std::vector<std::string> hostNames;
     // Clients are told to come with at least this level.
     rpc::AuthLevel minimumLevel = rpc::AuthLevel::Integrity;
     std::uint64_t pingPeriod = 120'000;  // milliseconds between the pings of a client machine

@@ -67,10 +67,11 @@ std::uint32_t OrpcHandler::call(const rpc::Call& call, ndr::Writer& reply) {
 
 std::uint32_t OrpcHandler::dispatch(const rpc::Call& call, ndr::Writer& reply) {
     ndr::Reader in(call.stub);
-    if (const std::uint32_t fault = readOrpcThis(in); fault != 0) {
-        return fault;
+    const OrpcThis header = readOrpcThis(in);
+    if (header.fault != 0) {
+        return header.fault;
     }
-    writeOrpcThat(reply);
+    writeOrpcThat(reply, header);
     if (call.hasObject && call.object == exporter_.remUnknownIpid()) {
         return remUnknown_.invoke(call, in, reply);
     }

@@ -35,6 +35,10 @@ void skipExtensions(ndr::Reader& in) {
     }
 }
 
+bool isLoopback(const std::string& address) {
+    return address.rfind("127.", 0) == 0 || address == "::1";
+}
+
 void writeUnaligned64(ndr::Writer& out, std::uint64_t value) {
     out.u32(static_cast<std::uint32_t>(value));
     out.u32(static_cast<std::uint32_t>(value >> 32));
@@ -42,19 +46,20 @@ void writeUnaligned64(ndr::Writer& out, std::uint64_t value) {
 
 }  // namespace
 
-std::uint32_t readOrpcThis(ndr::Reader& in) {
+OrpcThis readOrpcThis(ndr::Reader& in) {
     const std::uint16_t major = in.u16();
     const std::uint16_t minor = in.u16();
-    in.u32();  // flags: only local calls give them a meaning
+    const std::uint32_t flags = in.u32();
     in.u32();
     in.uuid();  // causality id, of use to single-threaded clients only
     if (in.pointer()) {
         skipExtensions(in);
     }
     if (!in.good()) {
-        return faultBadStubData;
+        return {faultBadStubData, flags};
     }
-    return major == comMajorVersion && minor >= 1 && minor <= comMinorVersion ? 0 : faultVersionMismatch;
+    const bool speaksOurs = major == comMajorVersion && minor >= 1 && minor <= comMinorVersion;
+    return {speaksOurs ? 0 : faultVersionMismatch, flags};
 }
 
 void skipOrpcThat(ndr::Reader& in) {
@@ -64,8 +69,9 @@ void skipOrpcThat(ndr::Reader& in) {
     }
 }
 
-void writeOrpcThat(ndr::Writer& out) {
-    out.u32(0);
+// The one flag of a request that is answered stands alone, because a client exists that takes no combination.
+void writeOrpcThat(ndr::Writer& out, const OrpcThis& request) {
+    out.u32(request.flags == 1 ? 1 : 0);
     out.nullPointer();
 }
 
@@ -94,10 +100,14 @@ void writeObjectReference(ndr::Writer& out, const ObjectReference& reference) {
 
 Bindings::Bindings(const std::string& dialledAddress, const std::vector<std::string>& hostNames, std::uint16_t port) {
     addEntry(dialledAddress, port);
-    if (!hostNames.empty()) {
-        for (const std::string& name : hostNames) {
-            addEntry(name, port);
-        }
+    const bool local = isLoopback(dialledAddress);
+    if (local) {
+        addEntry("localhost", port);
+    }
+    for (const std::string& name : hostNames) {
+        addEntry(name, port);
+    }
+    if (local || !hostNames.empty()) {
         addEntry(dialledAddress, port);
     }
     units_.push_back(0);

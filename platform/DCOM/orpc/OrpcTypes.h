@@ -38,12 +38,18 @@ inline constexpr std::uint16_t comMinorVersion = 7;
 // References that an interface pointer brings along, so that the client need not come back for each copy of it.
 inline constexpr std::uint32_t referencesPerPointer = 5;
 
-// Reads the header in front of an object call's parameters, extensions included. Gives 0 or a fault status.
-std::uint32_t readOrpcThis(ndr::Reader& in);
+// The header in front of an object call's parameters, as far as its answer depends on it.
+struct OrpcThis {
+    std::uint32_t fault = 0;  // not 0: the call is answered with this status
+    std::uint32_t flags = 0;
+};
+
+// Reads that header, extensions included.
+OrpcThis readOrpcThis(ndr::Reader& in);
 // Passes over the header in front of an object call's results; what is wrong with it latches in the reader.
 void skipOrpcThat(ndr::Reader& in);
 // Writes the header in front of an object call's results.
-void writeOrpcThat(ndr::Writer& out);
+void writeOrpcThat(ndr::Writer& out, const OrpcThis& request);
 // The protocol version as replies state it.
 void writeComVersion(ndr::Writer& out);
 
@@ -70,6 +76,8 @@ class Bindings {
  public:
     // The address that the client dialled is the first entry, because clients look for the text that they were
     // given and take the first that fits, and the last one again, because other clients fall back to the last.
+    // hostNames: further names of this machine; "localhost" stands beside them only for a client that dialled a
+    // loopback address, because any other one would look for the server on its own machine.
     // port 0: entries without port, which means the well-known activation port.
     Bindings(const std::string& dialledAddress, const std::vector<std::string>& hostNames, std::uint16_t port);
 

@@ -32,7 +32,7 @@ dcom::orpc::ExporterSettings exporterSettings(const dcom::DcomSettings& settings
     dcom::orpc::ExporterSettings result;
     result.objectPort = settings.objectPort;
     result.activationPort = settings.activationPort;
-    result.hostNames = {"localhost", settings.ntlm.computerName};
+    result.hostNames = {settings.ntlm.computerName};
     result.minimumLevel = settings.minimumLevel;
     result.log = log;
     return result;

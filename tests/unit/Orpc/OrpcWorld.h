@@ -125,7 +125,7 @@ inline WireReference readReference(ndr::Reader& in) {
 // Where a port is found, and the one log-on service, NTLM: size, place of the services, addresses. port: "[49200]".
 inline Parameters bindings(const std::string& port = "") {
     Parameters units;
-    for (const char* host : {"192.0.2.1", "localhost", "192.0.2.1"}) {
+    for (const char* host : {"192.0.2.1", "quelm-srv", "192.0.2.1"}) {
         units.u16(7);
         for (const char c : host + port) {
             units.u16(static_cast<std::uint8_t>(c));
@@ -156,6 +156,7 @@ class World : public testing::Test {
     static ExporterSettings settingsFor(std::vector<std::string>& log) {
         ExporterSettings settings;
         settings.objectPort = 49200;
+        settings.hostNames = {"quelm-srv"};
         settings.log = [&log](const std::string& line) { log.push_back(line); };
         settings.minimumLevel = rpc::AuthLevel::Connect;
         return settings;

@@ -21,6 +21,17 @@ TEST_F(ResolverCalls, AnOxidLeadsToTheObjectPort) {
     EXPECT_HEX(reply, "00000000 00000000000000000000000000000000 00000000 05000700 76070000");
 }
 
+// Any other client would look for "localhost" on its own machine.
+TEST_F(ResolverCalls, LocalhostIsNamedOnlyToWhoDialledALoopbackAddress) {
+    for (const char* address : {"127.0.0.1", "192.0.2.1"}) {
+        const rpc::Peer from{1, "127.0.0.1:50001", address, 135};
+        send(activation, from, iidObjectExporter, nullptr, 5, {});
+        const Bytes name = fromHex("6C006F00630061006C0068006F0073007400");
+        const bool named = std::search(reply.begin(), reply.end(), name.begin(), name.end()) != reply.end();
+        EXPECT_EQ(named, address == std::string("127.0.0.1"));
+    }
+}
+
 TEST_F(ResolverCalls, ServerAlive) {
     send(activation, peer(1), iidObjectExporter, nullptr, 3, {});
     EXPECT_HEX(reply, "00000000");

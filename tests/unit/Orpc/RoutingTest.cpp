@@ -99,6 +99,17 @@ TEST_F(Routing, VersionsAndExtensionsOfTheCallHeader) {
     }
 }
 
+// The flag that some clients set in every call comes back, any other does not.
+TEST_F(Routing, FlagsOfTheCallHeader) {
+    const Uuid ipid = activate();
+    for (const std::uint8_t flags : {0, 1, 2, 3, 16}) {
+        Bytes stub = request().u32(42).bytes();
+        stub[4] = flags;
+        send(objects, peer(2), iidServer, &ipid, 6, stub);
+        EXPECT_HEX(reply, Parameters().u32(flags == 1 ? 1 : 0).hex("00000000 2A000000"));
+    }
+}
+
 TEST_F(Routing, BindingIsPossibleToWhatAClassKnowsAndToComItself) {
     for (const Uuid& iid : {iidServer, iidUnknown, iidRemUnknown, iidRemUnknown2, iidClassFactory}) {
         EXPECT_TRUE(objects.supports(iid, 0, 0) && !objects.supports(iid, 1, 0)) << iid.toText();
