@@ -62,6 +62,7 @@ class DummyFactory final : public orpc::ClassFactory {
     std::shared_ptr<orpc::ComObject> create(const rpc::Peer&, const std::string&, dcom::HResult&) override {
         return std::make_shared<Dummy>();
     }
+    std::shared_ptr<void> holdServer() override { return std::make_shared<Dummy>(); }
 };
 
 // Known interfaces and their opnums make most of the calls; the last one is unknown.
@@ -170,8 +171,7 @@ class Plant {
     std::uint64_t random_ = 0;
     orpc::ClassRegistry classes_;
     orpc::ObjectExporter exporter_{
-        orpc::ExporterSettings{
-            49200, 135, {"quelm01"}, rpc::AuthLevel::Integrity, 120'000, 3, 10'000, [](const std::string&) {}},
+        orpc::ExporterSettings{.objectPort = 49200, .hostNames = {"quelm01"}, .log = [](const std::string&) {}},
         [this] { return now_; }, [this] { return ++random_; }};
     orpc::ActivationHandler activation_{exporter_, classes_};
     orpc::OrpcHandler objects_{exporter_, [](const Uuid& iid) { return iid == iidDummy; }};

@@ -40,7 +40,7 @@ class ClassObject final : public ComObject, public Interface {
         : exporter_(exporter), factory_(std::move(factory)) {}
 
     Interface* queryInterface(const Uuid& iid) override { return iid == iidClassFactory ? this : nullptr; }
-    void disconnected() override {}
+    void disconnected() override { hold_ = nullptr; }
 
     std::uint32_t invoke(std::uint16_t opnum, ndr::Reader& in, ndr::Writer& out, CallContext& context) override {
         switch (opnum) {
@@ -70,18 +70,30 @@ class ClassObject final : public ComObject, public Interface {
         return 0;
     }
 
-    // A client that locks the server holds this object as well, which keeps the server in use just as much.
-    static std::uint32_t lockServer(ndr::Reader& in, ndr::Writer& out) {
-        in.u32();
+    // Locks are counted by client, as each client has a class object of its own, and end with it.
+    std::uint32_t lockServer(ndr::Reader& in, ndr::Writer& out) {
+        const bool lock = in.u32() != 0;
         if (!in.good()) {
             return faultBadStubData;
         }
-        out.u32(S_OK);
+        if (lock && hold_ == nullptr) {
+            hold_ = factory_->holdServer();
+        }
+        const bool possible = hold_ != nullptr;
+        if (possible) {
+            locks_ = lock ? locks_ + 1 : locks_ - 1;
+        }
+        if (locks_ == 0) {
+            hold_ = nullptr;
+        }
+        out.u32(possible ? S_OK : E_FAIL);
         return 0;
     }
 
     ObjectExporter& exporter_;
     std::shared_ptr<ClassFactory> factory_;
+    std::uint64_t locks_ = 0;
+    std::shared_ptr<void> hold_;  // while there are locks
 };
 
 // RemoteActivation's parameters. Latches the reader's fault when they don't decode.
@@ -257,16 +269,19 @@ HResult Activation::makeObject(const rpc::Call& call, const ActivationRequest& r
 HResult Activation::exportInterfaces(const rpc::Call& call, const std::shared_ptr<ComObject>& object,
                                      std::vector<ActivatedInterface>& interfaces) {
     const ClientId client = exporter_.newClient(call.peer, call.account);
+    HResult refusal = E_NOINTERFACE;
     bool any = false;
     for (ActivatedInterface& entry : interfaces) {
         entry.result = exporter_.addReference(client, object, entry.iid, referencesPerPointer, entry.reference);
         any |= !failed(entry.result);
+        refusal = entry.result == E_OUTOFMEMORY ? E_OUTOFMEMORY : refusal;
     }
     if (any) {
         return S_OK;
     }
+    exporter_.discard(client);
     exporter_.dismiss(object);
-    return E_NOINTERFACE;
+    return refusal;
 }
 
 }  // namespace quelm::dcom::orpc

@@ -58,6 +58,9 @@ class ClassFactory {
     virtual Uuid classId() const = 0;
     // A new instance for this client; nullptr with result set to the reason.
     virtual std::shared_ptr<ComObject> create(const rpc::Peer& peer, const std::string& account, HResult& result) = 0;
+    // Keeps the server from ending, as an object of this class would, for as long as what it gives exists; nullptr when
+    // the server is ending already.
+    virtual std::shared_ptr<void> holdServer() = 0;
 };
 
 }  // namespace quelm::dcom::orpc

@@ -83,7 +83,7 @@ std::uint32_t OrpcHandler::dispatch(const rpc::Call& call, ndr::Writer& reply) {
 std::uint32_t OrpcHandler::callObject(const rpc::Call& call, ndr::Reader& in, ndr::Writer& reply) {
     const auto target = exporter_.route(call.object, call.peer, call.account);
     if (target.object == nullptr) {
-        return faultDisconnected;
+        return target.refusal;
     }
     // A binding to IRemUnknown with another object's IPID would run some other method than the client meant.
     if (isRemUnknown(call.interfaceId)) {

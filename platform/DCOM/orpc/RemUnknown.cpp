@@ -8,7 +8,6 @@ namespace {
 
 constexpr std::size_t uuidSize = 16;
 constexpr std::size_t referenceChangeSize = 24;
-constexpr HResult objectGone = faultDisconnected;  // the same code, as the result of a call that goes through
 
 struct ReferenceChange {
     Uuid ipid;
@@ -44,12 +43,25 @@ std::vector<ReferenceChange> readChanges(ndr::Reader& in) {
     return changes;
 }
 
-HResult overall(std::size_t found, std::size_t asked) {
-    if (found == asked) {
-        return S_OK;
+// The outcome of all results together.
+class Overall {
+ public:
+    void add(HResult result) {
+        (failed(result) ? anyFailed_ : anyFound_) = true;
+        denied_ |= result == E_ACCESSDENIED;
     }
-    return found == 0 ? E_NOINTERFACE : S_FALSE;
-}
+    HResult result() const {
+        if (!anyFailed_) {
+            return S_OK;
+        }
+        return anyFound_ ? S_FALSE : denied_ ? E_ACCESSDENIED : E_NOINTERFACE;
+    }
+
+ private:
+    bool anyFound_ = false;
+    bool anyFailed_ = false;
+    bool denied_ = false;
+};
 
 }  // namespace
 
@@ -73,7 +85,7 @@ HResult RemUnknown::query(const rpc::Call& call, const Uuid& ipid, const Uuid& i
     const auto target = exporter_.route(ipid, call.peer, call.account);
     if (target.object == nullptr) {
         reference = {};
-        return objectGone;
+        return target.refusal;
     }
     return exporter_.addReference(exporter_.clientOf(call.peer, call.account), target.object, iid, count, reference);
 }
@@ -88,17 +100,17 @@ std::uint32_t RemUnknown::queryInterface(const rpc::Call& call, ndr::Reader& in,
     }
     out.pointer();
     out.u32(static_cast<std::uint32_t>(iids.size()));
-    std::size_t found = 0;
+    Overall overall;
     for (const Uuid& iid : iids) {
         ObjectReference reference;
         const HResult result = query(call, ipid, iid, references, reference);
-        found += failed(result) ? 0 : 1;
+        overall.add(result);
         out.align(8);
         out.u32(result);
         out.align(8);
         writeObjectReference(out, reference);
     }
-    out.u32(overall(found, iids.size()));
+    out.u32(overall.result());
     return 0;
 }
 
@@ -111,11 +123,11 @@ std::uint32_t RemUnknown::queryInterface2(const rpc::Call& call, ndr::Reader& in
     }
     const auto count = static_cast<std::uint32_t>(iids.size());
     std::vector<ObjectReference> references(iids.size());
-    std::size_t found = 0;
+    Overall overall;
     out.u32(count);
     for (std::size_t i = 0; i < iids.size(); ++i) {
         const HResult result = query(call, ipid, iids[i], referencesPerPointer, references[i]);
-        found += failed(result) ? 0 : 1;
+        overall.add(result);
         out.u32(result);
     }
     out.u32(count);
@@ -128,7 +140,7 @@ std::uint32_t RemUnknown::queryInterface2(const rpc::Call& call, ndr::Reader& in
             writeMarshalledReference(out, iids[i], references[i], resolver);
         }
     }
-    out.u32(overall(found, iids.size()));
+    out.u32(overall.result());
     return 0;
 }
 
@@ -140,11 +152,14 @@ std::uint32_t RemUnknown::addRef(const rpc::Call& call, ndr::Reader& in, ndr::Wr
     HResult outcome = S_OK;
     out.u32(static_cast<std::uint32_t>(changes.size()));
     for (const ReferenceChange& change : changes) {
-        const bool known =
-            exporter_.route(change.ipid, call.peer, call.account).object != nullptr &&
-            exporter_.addReferences(exporter_.clientOf(call.peer, call.account), change.ipid, change.count);
-        out.u32(known ? S_OK : E_INVALIDARG);
-        outcome = known ? outcome : E_INVALIDARG;
+        const auto target = exporter_.route(change.ipid, call.peer, call.account);
+        HResult result = target.refusal == E_ACCESSDENIED ? E_ACCESSDENIED : E_INVALIDARG;
+        if (target.object != nullptr &&
+            exporter_.addReferences(exporter_.clientOf(call.peer, call.account), change.ipid, change.count)) {
+            result = S_OK;
+        }
+        out.u32(result);
+        outcome = failed(result) ? result : outcome;
     }
     out.u32(outcome);
     return 0;
@@ -156,13 +171,17 @@ std::uint32_t RemUnknown::release(const rpc::Call& call, ndr::Reader& in, ndr::W
     if (!in.good()) {
         return faultBadStubData;
     }
+    HResult outcome = S_OK;
     for (const ReferenceChange& change : changes) {
-        if (exporter_.route(change.ipid, call.peer, call.account).object != nullptr) {
+        const auto target = exporter_.route(change.ipid, call.peer, call.account);
+        if (target.refusal == E_ACCESSDENIED) {
+            outcome = E_ACCESSDENIED;
+        } else if (target.object != nullptr) {
             exporter_.release(exporter_.clientOf(call.peer, call.account), change.ipid, change.count);
         }
     }
     exporter_.settle();
-    out.u32(S_OK);
+    out.u32(outcome);
     return 0;
 }
 

@@ -18,4 +18,12 @@ std::shared_ptr<dcom::orpc::ComObject> OpcClassFactory::create(const dcom::rpc::
     return isAdmitted ? object : nullptr;
 }
 
+std::shared_ptr<void> OpcClassFactory::holdServer() {
+    SLIKNetwork& control = application_.control();
+    if (!control.clientCreated()) {
+        return nullptr;  // the server is ending and admits nobody
+    }
+    return {&control, [](SLIKNetwork* held) { held->clientGone(); }};
+}
+
 }  // namespace quelm::opcda::wire

@@ -15,6 +15,8 @@ class OpcClassFactory final : public dcom::orpc::ClassFactory {
     dcom::Uuid classId() const override;
     std::shared_ptr<dcom::orpc::ComObject> create(const dcom::rpc::Peer& peer, const std::string& account,
                                                   dcom::HResult& result) override;
+    // Counts as a client of the server.
+    std::shared_ptr<void> holdServer() override;
 
  private:
     Application& application_;

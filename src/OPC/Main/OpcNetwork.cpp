@@ -115,10 +115,7 @@ struct OpcNetwork::Impl {
                            settings.activationPort, settings.objectPort);
     }
 
-    void tick() {
-        exporter.tick();
-        timer->start(exporterTick);
-    }
+    void tick() { timer->start(exporter.tick() ? std::chrono::milliseconds(0) : exporterTick); }
 
     dcom::DcomSettings settings;
     opcda::Application application;

@@ -184,10 +184,33 @@ TEST_F(ActivationCalls, AClassObjectMakesInstances) {
     factory->breaksDown = true;
     callObject(peer(2), classObject, 3, request().uuid(iidServer), iidClassFactory);
     EXPECT_HEX(reply, "0000000000000000 00000000 05400080");
-    callObject(peer(2), classObject, 4, request().u32(1), iidClassFactory);
-    EXPECT_HEX(reply, "0000000000000000 00000000");
     callObject(peer(2), classObject, 5, request().u32(1), iidClassFactory);
     EXPECT_EQ(status, faultOpnumRange);
+}
+
+// The server lives while anybody's lock does; a lock ends with its client.
+TEST_F(ActivationCalls, LocksOfTheServerAreCountedByClient) {
+    std::vector<Uuid> classObjects;
+    for (int client = 0; client < 2; ++client) {
+        activateOlderForm(classTest, {iidClassFactory}, 0xFFFFFFFF);
+        classObjects.push_back(references().at(0).ipid);
+    }
+    const auto lock = [&](std::size_t client, std::uint32_t on) {
+        callObject(peer(client + 2), classObjects[client], 4, request().u32(on), iidClassFactory);
+        HResult result = S_OK;
+        std::memcpy(&result, reply.data() + 8, 4);
+        return result;
+    };
+    EXPECT_EQ(lock(0, 0), E_FAIL);  // that was never locked
+    for (const std::uint32_t on : {1, 1, 0}) {
+        EXPECT_EQ(lock(0, on), S_OK);
+    }
+    EXPECT_EQ(lock(1, 1), S_OK);
+    EXPECT_THAT(events, ElementsAre("locked", "locked"));
+    EXPECT_EQ(lock(0, 0), S_OK);
+    EXPECT_THAT(events, ElementsAre("locked", "locked", "unlocked"));
+    objects.connectionClosed(peer(3), true);
+    EXPECT_EQ(events.size(), 4U);
 }
 
 // --- requests cut short and with every byte wrong ---

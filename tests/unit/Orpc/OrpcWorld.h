@@ -85,6 +85,11 @@ class TestFactory final : public ClassFactory {
         return latest;
     }
 
+    std::shared_ptr<void> holdServer() override {
+        events_.push_back("locked");
+        return {this, [this](void*) { events_.push_back("unlocked"); }};
+    }
+
     HResult refusal = S_OK;
     bool breaksDown = false;
     std::shared_ptr<TestObject> latest;
@@ -153,16 +158,21 @@ class World : public testing::Test {
     Bytes reply;
     std::uint32_t status = 0;
 
-    static ExporterSettings settingsFor(std::vector<std::string>& log) {
+    explicit World(std::size_t objectsPerUser = 16'384)
+        : exporter(
+              settingsFor(log, objectsPerUser), [this] { return time; }, [this] { return ++identifiers; }) {}
+
+    static ExporterSettings settingsFor(std::vector<std::string>& log, std::size_t objectsPerUser) {
         ExporterSettings settings;
         settings.objectPort = 49200;
         settings.hostNames = {"quelm-srv"};
         settings.log = [&log](const std::string& line) { log.push_back(line); };
         settings.minimumLevel = rpc::AuthLevel::Connect;
+        settings.objectsPerUser = objectsPerUser;
         return settings;
     }
 
-    ObjectExporter exporter{settingsFor(log), [this] { return time; }, [this] { return ++identifiers; }};
+    ObjectExporter exporter;
     ClassRegistry classes;
     OrpcHandler objects{exporter, [](const Uuid& iid) { return iid == iidServer; }};
     ActivationHandler activation{exporter, classes};
@@ -298,9 +308,10 @@ class World : public testing::Test {
 
     // Gives the set's id.
     std::uint64_t pingComplex(std::uint64_t setId, std::uint16_t sequence, const std::vector<std::uint64_t>& add,
-                              const std::vector<std::uint64_t>& remove, std::uint32_t expected = 0) {
+                              const std::vector<std::uint64_t>& remove, std::uint32_t expected = 0,
+                              const std::string& host = "192.0.2.7") {
         const Parameters ping = complexPing(setId, sequence, add, remove);
-        ndr::Reader in = send(activation, peer(900), iidObjectExporter, nullptr, 2, ping);
+        ndr::Reader in = send(activation, peer(900, host), iidObjectExporter, nullptr, 2, ping);
         const std::uint64_t result = in.u64();
         EXPECT_EQ(in.u16(), 0);
         EXPECT_EQ(in.u32(), expected);

@@ -106,6 +106,38 @@ TEST_F(RemUnknownCalls, ReferencesAreCountedPerObject) {
     EXPECT_EQ(exporter.clientCount(), 0U);
 }
 
+// Who knows an identifier has not been given the object.
+TEST_F(RemUnknownCalls, AnotherAccountIsRefusedWhateverItAsksOfAnObject) {
+    const Uuid ipid = activate();
+    EXPECT_TRUE(alive(peer(2), ipid));
+    for (const std::uint64_t connection : {2, 3}) {  // the holder's own connection, and one of another machine
+        const rpc::Peer from = peer(connection, "192.0.2." + std::to_string(connection));
+        account = "PLANT\\display";
+        EXPECT_FALSE(alive(from, ipid));
+        EXPECT_EQ(status, E_ACCESSDENIED);
+        remUnknown(from, 3, query(ipid, 5, {iidBrowse}));
+        EXPECT_HEX(reply, Parameters()
+                              .hex("0000000000000000 04000200 01000000 05000780 00000000")
+                              .add(Bytes(40))
+                              .u32(E_ACCESSDENIED));
+        remUnknown(from, 4, changes({{ipid, 1}}));
+        EXPECT_HEX(reply, "0000000000000000 01000000 05000780 05000780");
+        remUnknown(from, 5, changes({{iidNobody, 5}, {ipid, 99}}));
+        EXPECT_HEX(reply, "0000000000000000 05000780");
+        account = "plant\\READER";  // the holder, as typed elsewhere
+        EXPECT_TRUE(alive(from, ipid));
+    }
+    EXPECT_THAT(log, testing::ElementsAre(testing::HasSubstr("192.0.2.2:50002 (PLANT\\display) was refused an object"),
+                                          testing::HasSubstr("192.0.2.3:50003 (PLANT\\display) was refused")));
+    // An account that the server gives the object to is a holder like the first.
+    const auto shared = factory->latest;
+    account = "PLANT\\display";
+    const Uuid own = activate(peer(4));
+    factory->latest->child = shared;
+    callObject(peer(4), own, 3, request());
+    EXPECT_TRUE(alive(peer(4), ipid));
+}
+
 TEST_F(RemUnknownCalls, CountsThatDoNotFitTheParametersAreRefused) {
     const Uuid ipid = activate();
     const Parameters query = request().uuid(ipid).u32(5);

@@ -77,13 +77,4 @@ TEST_F(ResolverCalls, AChangeThatArrivesLateOnlyPings) {
     EXPECT_EQ(exporter.objectCount(), 0U);
 }
 
-TEST_F(ResolverCalls, SetsWithoutEndAreRefused) {
-    for (int i = 0; i < 4096; ++i) {
-        pingComplex(0, 0, {}, {});
-    }
-    pingComplex(0, 0, {}, {}, 14);
-    pass(360);
-    pingComplex(0, 0, {}, {});
-}
-
 }  // namespace quelm::dcom::orpc::test
