@@ -34,6 +34,24 @@ constexpr std::size_t mostProblems = 50;         // a file of another kind must 
 constexpr std::array<std::string_view, 3> listenKeys = {"Address", "ActivationPort", "ObjectPort"};
 constexpr std::array<std::string_view, 5> securityKeys = {"MinimumLevel", "AllowNTLMv1", "AllowAnonymous",
                                                           "ComputerName", "Domain"};
+constexpr std::array<std::string_view, 3> clientsKeys = {"PingTimeout", "FirstPing", "CloseGrace"};
+
+// Sections of settings, which have a place each in the parser.
+struct NamedSection {
+    std::string_view name;
+    std::span<const std::string_view> keys;
+    std::string_view remedy;
+};
+constexpr std::array<NamedSection, 3> namedSections = {{
+    {"Listen", listenKeys, "Use Address, ActivationPort or ObjectPort"},
+    {"Security", securityKeys, "Use MinimumLevel, AllowNTLMv1, AllowAnonymous, ComputerName or Domain"},
+    {"Clients", clientsKeys, "Use PingTimeout, FirstPing or CloseGrace"},
+}};
+
+// Seconds. What a client left behind is of no use to anybody for longer than an hour.
+constexpr std::uint32_t longestPeriod = 3600;
+// Windows pings every 120 seconds, and one lost ping must not cost its client everything.
+constexpr std::uint32_t leastPingTimeout = 240;
 
 // Outside text as a problem line may show it: short and on one line.
 std::string shownValue(std::string_view value) {
@@ -95,9 +113,9 @@ class Parser {
 
  private:
     void sortOut(const IniFile::Section& section);
+    IniFile::Section* sectionOf(std::string_view name);
     void lookForRepeats(IniFile::Section& section, std::string_view name);
-    void lookForUnknownNames(const IniFile::Section& section, std::string_view name,
-                             std::span<const std::string_view> known, std::string_view remedy);
+    void lookForUnknownNames(const IniFile::Section& section, const NamedSection& named);
     void readListen();
     void readAddresses(std::string_view value);
     void readSecurity();
@@ -110,12 +128,15 @@ class Parser {
     void readChoice(std::string_view key, const char* remedy, const char* fallback,
                     std::initializer_list<std::pair<std::string_view, Value>> choices, Value& setting);
     void readPort(std::string_view key, std::uint16_t smallest, std::uint16_t& port);
+    void readPeriod(std::string_view key, std::uint32_t& seconds);
     void readNetBiosName(std::string_view key, std::string& name);
     void problem(const std::string& place, std::string_view what, std::string_view remedy);
 
     DcomSettings& settings_;
     std::string file_;
-    IniFile::Section listen_, security_, accounts_;  // sections of one name are read as one
+    // Sections of one name are read as one.
+    std::array<IniFile::Section, namedSections.size()> sections_;
+    IniFile::Section accounts_;
     std::map<std::string, std::optional<ntlm::NtHash>>
         hashes_;  // by folded domain\user; nothing after two different ones
 };
@@ -136,13 +157,15 @@ void Parser::parse(const IniFile& file) {
     for (const IniFile::Section& section : file.sections()) {
         sortOut(section);
     }
-    lookForRepeats(listen_, "Listen");
-    lookForRepeats(security_, "Security");
-    lookForUnknownNames(listen_, "Listen", listenKeys, "Use Address, ActivationPort or ObjectPort");
-    lookForUnknownNames(security_, "Security", securityKeys,
-                        "Use MinimumLevel, AllowNTLMv1, AllowAnonymous, ComputerName or Domain");
+    for (std::size_t i = 0; i < namedSections.size(); ++i) {
+        lookForRepeats(sections_[i], namedSections[i].name);
+        lookForUnknownNames(sections_[i], namedSections[i]);
+    }
     readListen();
     readSecurity();
+    readPeriod("PingTimeout", settings_.pingTimeout);
+    readPeriod("FirstPing", settings_.firstPing);
+    readPeriod("CloseGrace", settings_.closeGrace);
     for (const IniFile::Key& key : accounts_.keys) {
         readAccount(key);
     }
@@ -155,15 +178,22 @@ void Parser::parse(const IniFile& file) {
     }
 }
 
+// nullptr: there is no section of that name.
+IniFile::Section* Parser::sectionOf(std::string_view name) {
+    for (std::size_t i = 0; i < namedSections.size(); ++i) {
+        if (equalsIgnoringCase(name, namedSections[i].name)) {
+            return &sections_[i];
+        }
+    }
+    return equalsIgnoringCase(name, "Accounts") ? &accounts_ : nullptr;
+}
+
 // What is no UTF-8 is left out line by line; the rest joins what stands in other sections of the same name.
 void Parser::sortOut(const IniFile::Section& section) {
-    IniFile::Section* const known = equalsIgnoringCase(section.name, "Listen")     ? &listen_
-                                    : equalsIgnoringCase(section.name, "Security") ? &security_
-                                    : equalsIgnoringCase(section.name, "Accounts") ? &accounts_
-                                                                                   : nullptr;
+    IniFile::Section* const known = sectionOf(section.name);
     if (known == nullptr) {
         problem(section.name.empty() ? "before the first section" : fmt::format("[{}]", shownName(section.name)),
-                "lines outside the known sections are left out", "Use [Listen], [Security] and [Accounts]");
+                "lines outside the known sections are left out", "Use [Listen], [Security], [Clients] and [Accounts]");
         return;
     }
     if (section.isRepeated()) {
@@ -198,11 +228,12 @@ void Parser::lookForRepeats(IniFile::Section& section, std::string_view name) {
     });
 }
 
-void Parser::lookForUnknownNames(const IniFile::Section& section, std::string_view name,
-                                 std::span<const std::string_view> known, std::string_view remedy) {
+void Parser::lookForUnknownNames(const IniFile::Section& section, const NamedSection& named) {
     for (const IniFile::Key& key : section.keys) {
-        if (std::none_of(known.begin(), known.end(), [&](auto each) { return equalsIgnoringCase(each, key.name); })) {
-            problem(fmt::format("[{}] {}", name, shownName(key.name)), "there is no setting of that name", remedy);
+        if (std::none_of(named.keys.begin(), named.keys.end(),
+                         [&](auto each) { return equalsIgnoringCase(each, key.name); })) {
+            problem(fmt::format("[{}] {}", named.name, shownName(key.name)), "there is no setting of that name",
+                    named.remedy);
         }
     }
 }
@@ -210,7 +241,7 @@ void Parser::lookForUnknownNames(const IniFile::Section& section, std::string_vi
 // Hands place and value of a setting that the file gives to apply; a setting that it does not give keeps its default.
 template <class Apply>
 void Parser::readKey(std::string_view section, std::string_view key, Apply apply) {
-    if (const IniFile::Key* found = (section == "Listen" ? listen_ : security_).find(key)) {
+    if (const IniFile::Key* found = sectionOf(section)->find(key)) {
         apply(fmt::format("[{}] {}", section, key), found->value);
     }
 }
@@ -281,6 +312,18 @@ void Parser::readSecurity() {
                      settings_.ntlm.allowAnonymous);
     readNetBiosName("ComputerName", settings_.ntlm.computerName);
     readNetBiosName("Domain", settings_.ntlm.domainName);
+}
+
+void Parser::readPeriod(std::string_view key, std::uint32_t& seconds) {
+    readKey("Clients", key, [&](const std::string& place, std::string_view value) {
+        const auto number = wholeNumber<std::uint32_t>(value, 1);
+        if (number && *number <= longestPeriod) {
+            seconds = *number;
+        } else {
+            problem(place, fmt::format("\"{}\" is not a time, {} holds", shownValue(value), seconds),
+                    fmt::format("Write whole seconds from 1 to {}", longestPeriod));
+        }
+    });
 }
 
 void Parser::readNetBiosName(std::string_view key, std::string& name) {
@@ -370,6 +413,12 @@ void noteWhatIsWeak(DcomSettings& settings) {
         notices.emplace_back(
             "[Security] MinimumLevel = connect: calls are neither signed nor sealed and can be "
             "altered on their way");
+    }
+    if (settings.pingTimeout < leastPingTimeout) {
+        notices.push_back(
+            fmt::format("[Clients] PingTimeout = {}: Windows clients ping every 120 seconds and may lose their objects "
+                        "while they live",
+                        settings.pingTimeout));
     }
     if (settings.ntlm.allowNtlmV1Ess) {
         notices.emplace_back("[Security] AllowNTLMv1 = yes: log-ons with NTLMv1 can be broken by who records them");

@@ -21,6 +21,11 @@ struct DcomSettings {
     rpc::AuthLevel minimumLevel = rpc::AuthLevel::Integrity;  // the least protection of a call: connect or better
     ntlm::ServerSettings ntlm;
     ntlm::AccountTable accounts;
+    // Seconds. When clients that went away without a word are let go of: without ping or call for so long; without a
+    // first ping for so long after their first call; so long after the end of their last connection.
+    std::uint32_t pingTimeout = 360;
+    std::uint32_t firstPing = 150;
+    std::uint32_t closeGrace = 10;
 
     // Both are for the log at start, one line each, without secrets.
     std::vector<std::string> problems;  // what is damaged, what holds instead, what to do about it

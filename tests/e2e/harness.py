@@ -62,6 +62,8 @@ class Site:
         self.address = next_address()
         subprocess.run([os.path.join(ROOT, 'demo', 'make-site'), self.folder, self.address], check=True,
                        stdout=subprocess.DEVNULL)
+        # Clients that die without a word are noticed sooner than in a plant.
+        self.write('dcom.conf', self.read('dcom.conf') + '\n[Clients]\nFirstPing = 10\nCloseGrace = 5\n')
         if not weak:
             self.edit('dcom.conf', (OPEN, ''))
         self.logs = self.path('logs')

@@ -226,6 +226,9 @@ class Client:
     def ipid(self, on):
         return getattr(self, on).pointer.get_iPid().hex()
 
+    def oid(self, on):
+        return getattr(self, on).pointer.get_oid()
+
     def close(self):
         for name in ('sync', 'items', 'group', 'server'):
             if hasattr(self, name):

@@ -7,9 +7,13 @@ import resource
 import socket
 import struct
 import threading
+import time
 import unittest
 import uuid
 from contextlib import suppress
+
+from impacket.dcerpc.v5 import transport
+from impacket.uuid import uuidtup_to_bin
 
 from harness import ClientError, SiteTest, wait_for
 from raw_rpc import (ACCESS_DENIED, ACTIVATION, ACTIVATOR, ALTER_CONTEXT, AUTH3, BIND, BIND_ACK, BIND_NAK, FAULT, FIRST, LAST,
@@ -243,6 +247,58 @@ class DeadObjects(Wire):
             other('raw', on='server', opnum=4711, stub='')
         self.assertEqual(other('read')['errors'], [0])
         self.assert_good_client_went_on()
+
+
+class Pings(Wire):
+    """A client machine's pings, which come from the machine and not from the client's account."""
+
+    TIMEOUT = 8
+
+    def setUp(self):
+        SiteTest.setUp(self)
+        self.site.edit('dcom.conf', ('[Clients]', f'[Clients]\nPingTimeout = {self.TIMEOUT}'),
+                       ('password:stack-7', 'password:stack-7\nDEMO\\thief = password:other-7'))
+        self.site.start().started()
+        self.good = self.steady()
+
+    def test_an_idle_client_lives_by_its_machines_pings_whoever_the_machine_is(self):
+        silent, pinged = (self.client(items=['North.Stack1.NOx']) for _ in range(2))
+        oids = [pinged('oid', on=on) for on in ('server', 'group')]
+        foreign = transport.DCERPCTransportFactory(f'ncacn_ip_tcp:{self.site.address}[{ACTIVATION}]')
+        foreign.set_credentials('PC1$', 'unknown here', 'PC1')
+        machine = foreign.get_dce_rpc()
+        machine.set_auth_level(5)
+        machine.connect()
+        machine.bind(uuidtup_to_bin((OBJECT_EXPORTER, '0.0')))
+        with self.assertRaisesRegex(Exception, 'access_denied'):
+            machine.call(1, bytes(8))
+            machine.recv()
+        exporter = self.raw().send(bind(OBJECT_EXPORTER))
+        exporter.receive()
+        ping = struct.pack('<QHHHxxIIQQI', 0, 0, len(oids), 0, 1, len(oids), *oids, 0)
+        answer = exporter.send(request(2, ping)).receive()
+        ping_set, _, status = struct.unpack('<QHxxI', answer[24:])
+        self.assertEqual(status, 0)
+        end = time.monotonic() + 2 * self.TIMEOUT
+        while time.monotonic() < end:
+            time.sleep(self.TIMEOUT / 4)
+            answer = exporter.send(request(1, struct.pack('<Q', ping_set))).receive()
+            self.assertEqual(struct.unpack('<I', answer[24:])[0], 0)
+        self.assertEqual(pinged('read')['errors'], [0])
+        with self.assertRaises(ClientError):
+            silent('read')
+        self.assertNotIn('Refused', self.site.errors())
+        gone = [line for line in self.site.errors().splitlines() if 'without releasing' in line]
+        self.assertEqual(len(gone), 1, gone)
+        self.assert_good_client_went_on()
+
+    def test_another_accounts_objects_are_out_of_reach(self):
+        owner = self.client(items=['North.Stack1.NOx'])
+        thief = self.client(user='thief', password='other-7')
+        answer = thief.raw('raw', on='server', opnum=6, stub='', ipid=owner('ipid', on='server'))
+        self.assertIn('E_ACCESSDENIED', answer.get('error', '').upper())
+        self.site.wait_error('(DEMO\\thief) was refused an object that another account holds')
+        self.assertEqual(owner('read')['errors'], [0])
 
 
 class Crowds(Wire):

@@ -33,6 +33,10 @@ dcom::orpc::ExporterSettings exporterSettings(const dcom::DcomSettings& settings
     result.objectPort = settings.objectPort;
     result.activationPort = settings.activationPort;
     result.hostNames = {settings.ntlm.computerName};
+    constexpr std::uint64_t second = 1000;
+    result.pingTimeout = settings.pingTimeout * second;
+    result.firstPing = settings.firstPing * second;
+    result.closeGrace = settings.closeGrace * second;
     result.minimumLevel = settings.minimumLevel;
     result.log = log;
     return result;

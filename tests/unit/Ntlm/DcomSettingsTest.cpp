@@ -49,7 +49,8 @@ TEST(DcomSettings, ReadsEverySetting) {
     const DcomSettings settings = parse(
         "\xEF\xBB\xBF; plant network\r\n[listen]\r\nADDRESS = 127.0.0.1, 10.1.2.3 ,10.1.2.3\r\nActivationPort=1135\r\n"
         "ObjectPort = 0\r\n[Security]\r\nMinimumLevel = Connect\r\nallowntlmv1 = YES\r\nAllowAnonymous = yes\r\n"
-        "ComputerName = quelm-01\r\nDomain = plant\r\n[Accounts]\r\n"
+        "ComputerName = quelm-01\r\nDomain = plant\r\n[Clients]\r\nPingTimeout = 30\r\nFirstPing = 20\r\n"
+        "CloseGrace = 1\r\n[Accounts]\r\n"
         "PLANT\\historian = nt:A4F49C406510bdcab6824ee7c30fd852\r\n*\\Display = password:a=b; c\r\n"
         "guest = Password:x\r\n");
     EXPECT_THAT(settings.problems, IsEmpty());
@@ -58,6 +59,7 @@ TEST(DcomSettings, ReadsEverySetting) {
     EXPECT_EQ(settings.objectPort, 0);
     EXPECT_EQ(protection(settings), "connect v1 anonymous");
     EXPECT_THAT(names(settings), StartsWith("QUELM-01 PLANT "));
+    EXPECT_THAT((std::vector{settings.pingTimeout, settings.firstPing, settings.closeGrace}), ElementsAre(30, 20, 1));
     EXPECT_EQ(settings.accounts.find("plant", "Historian"), ntlm::ntHash("Password"));
     EXPECT_EQ(settings.accounts.find("office", "Historian"), std::nullopt);
     EXPECT_EQ(settings.accounts.find("office", "display"), ntlm::ntHash("a=b; c"));
@@ -65,7 +67,8 @@ TEST(DcomSettings, ReadsEverySetting) {
     EXPECT_THAT(
         settings.notices,
         ElementsAre(StartsWith("[Listen] Address = 10.1.2.3:"), StartsWith("[Security] MinimumLevel = connect:"),
-                    StartsWith("[Security] AllowNTLMv1 = yes:"), StartsWith("[Security] AllowAnonymous = yes:")));
+                    StartsWith("[Clients] PingTimeout = 30:"), StartsWith("[Security] AllowNTLMv1 = yes:"),
+                    StartsWith("[Security] AllowAnonymous = yes:")));
 }
 
 TEST(DcomSettings, ADamagedSecurityValueFallsBackToTheStrictDefault) {
@@ -92,6 +95,8 @@ TEST(DcomSettings, ADamagedLineCostsOnlyItself) {
          "[Listen] Address: \"::1\" is not an IPv4 address and is left out. Write"},
         {"[Listen]\nAddress = 127.0.0.2\nActivationPort = 0", "\"0\" is not a port, 135 holds"},
         {"[Listen]\nAddress = 127.0.0.2\nObjectPort = 65536", "\"65536\" is not a port, 49200 holds"},
+        {"[Listen]\nAddress = 127.0.0.2\n[Clients]\nPingTimeout = 0", "\"0\" is not a time, 360 holds"},
+        {"[Listen]\nAddress = 127.0.0.2\n[Clients]\nFirstPing = 3601", "\"3601\" is not a time, 150 holds"},
         {"[Listen]\nAddress = 127.0.0.2\nObjectPort = 135", "it is the same as ActivationPort, any free port is taken"},
         {"\r\nloose\r\n[Listen]\r\nAddress = 127.0.0.2", "line 2: neither a [section] heading nor"},
         {"[Listen] Port = 5\rAddress = 127.0.0.2", "line 1: what stands behind the section heading is left out"},
