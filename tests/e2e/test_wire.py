@@ -296,7 +296,7 @@ class Pings(Wire):
         owner = self.client(items=['North.Stack1.NOx'])
         thief = self.client(user='thief', password='other-7')
         answer = thief.raw('raw', on='server', opnum=6, stub='', ipid=owner('ipid', on='server'))
-        self.assertIn('E_ACCESSDENIED', answer.get('error', '').upper())
+        self.assertIn('ACCESS_DENIED', answer.get('error', '').upper())
         self.site.wait_error('(DEMO\\thief) was refused an object that another account holds')
         self.assertEqual(owner('read')['errors'], [0])
 
