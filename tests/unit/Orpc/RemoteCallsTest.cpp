@@ -35,7 +35,7 @@ TEST_F(RemoteCalls, FindAnObjectAskForAnInterfaceAndLetGo) {
                                    stub([oxid](ndr::Writer& out) { writeResolveOxid2(out, oxid); }));
     EXPECT_EQ(resolved.status, 0U);
     EXPECT_EQ(resolved.levelHint, 2U);
-    const std::vector<StringBinding> expected{{"192.0.2.1", 49200}, {"localhost", 49200}};
+    const std::vector<StringBinding> expected{{"192.0.2.1", 49200}, {"quelm-srv", 49200}};
     EXPECT_EQ(resolved.bindings, expected) << "each one once";
 
     const auto ask = [&](const Uuid& iid) {
