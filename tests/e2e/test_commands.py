@@ -174,12 +174,17 @@ class Answers(Commands):
         health = self.as_json('health', code=FAILED)
         self.assertEqual([(g['name'], g['isUsed'], g['isPolling']) for g in health['generations']],
                          [('IOS5', True, False), ('IOS6', True, False)])
+        lines, _ = self.iosctl('health', code=FAILED)
+        self.assertEqual([': SILENT, no heartbeat within 45 s; ' in line for line in lines], [False, True, True], lines)
         self.assertEqual([m['text'][:38] for m in health['messages'] if m['type'] == 2],
                          ['Quelm I/O Server is not active; IOS5; ', 'Quelm I/O Server is not active; IOS6; '])
         self.assertIsNone(self.as_json('show', '101')['value'], 'of a silent I/O server')
         self.start_io_server()
         health = self.as_json('health')
         self.assertTrue(health['allDevicesArePolling'] and health['isInitialReadComplete'])
+        lines, errors = self.iosctl('health')
+        self.assertEqual([': all devices answer; ' in line for line in lines], [False, True, True], lines)
+        self.assertEqual(errors, [])
         self.assertEqual([g['isUsed'] for g in self.as_json('health', '--site', 'SOUTH')['generations']], [False, True])
 
     def test_channels_and_lists_and_what_cannot_be_reached(self):
@@ -196,6 +201,11 @@ class Answers(Commands):
         self.assertEqual(errors[0], "iosctl: Multi-value error OPC-0159: Can't process multi-value channel data; can't "
                                     'find XML data for channel 411 (PID=1-001-0-01-01)')
         self.iosctl('show', '999', code=FAILED)
+        channels = self.as_json('channels')['channels']
+        self.assertIn({'channel': 302, 'name': 'Purge valve', 'definitionType': 3, 'definition': 'Q6 I/O channel'}, channels)
+        lines, _ = self.iosctl('channels')
+        self.assertIn('       302  Q6 I/O channel             Purge valve', lines)
+        self.assertEqual(len(lines), len(channels))
         self.iosctl('shell', lines=['health --frob', "write 'x"], code=USAGE)
         self.iosctl('health', '--site', 'WEST', code=SITE_TROUBLE)
         self.iosctl('health', '--ini', self.site.path('none.ini'), code=SITE_TROUBLE)

@@ -2,12 +2,10 @@
 
 #include <fmt/format.h>
 
-#include <array>
+#include <CLI/CLI.hpp>
 #include <charconv>
 #include <cmath>
 #include <cstddef>
-#include <limits>
-#include <utility>
 
 #include "OPC/OPC DA Server/PIDFunctions.h"
 
@@ -17,127 +15,12 @@ namespace {
 
 constexpr std::int32_t largestChannel = 1999999999;
 
-enum class Takes { Nothing, Value, SecondsIfAny };
-
-struct OptionForm {
-    std::string_view name;
-    Takes takes;
-    std::string_view commands;  // the commands that know it, each between blanks; "" = all
-    bool isForWholeRun = false;
-};
-
-constexpr std::array options{
-    OptionForm{"--site", Takes::Value, "", true},
-    OptionForm{"--ini", Takes::Value, "", true},
-    OptionForm{"--json", Takes::Nothing, ""},
-    OptionForm{"--yes", Takes::Nothing, ""},
-    OptionForm{"--verbose", Takes::Nothing, ""},
-    OptionForm{"--help", Takes::Nothing, ""},
-    OptionForm{"--version", Takes::Nothing, ""},
-    OptionForm{"--requestor", Takes::Value, " write refresh-all refresh "},
-    OptionForm{"--type", Takes::Value, " write "},
-    OptionForm{"--priority", Takes::Nothing, " write "},
-    OptionForm{"--frequent", Takes::Nothing, " write "},
-    OptionForm{"--require-aoe", Takes::Nothing, " write "},
-    OptionForm{"--allow-empty", Takes::Nothing, " write "},
-    OptionForm{"--wait", Takes::SecondsIfAny, " refresh "},
-    OptionForm{"--blocks", Takes::Value, " list "},
-    OptionForm{"--block-length", Takes::Value, " list "},
-    OptionForm{"--pid", Takes::Value, " list "},
-};
-
-struct GivenOption {
-    const OptionForm* form;
-    std::optional<std::string> value;
-};
-
-struct Words {
-    std::vector<std::string> values;
-    std::vector<GivenOption> options;
-
-    const GivenOption* find(std::string_view name) const {
-        for (const GivenOption& option : options) {
-            if (option.form->name == name) {
-                return &option;
-            }
-        }
-        return nullptr;
-    }
-    bool has(std::string_view name) const { return find(name) != nullptr; }
-    std::optional<std::string> value(std::string_view name) const {
-        const GivenOption* option = find(name);
-        return option == nullptr ? std::nullopt : option->value;
-    }
-};
-
 // The whole text as a plain decimal number; nothing for anything else, a leading "+" and blanks included.
 template <class Number>
 std::optional<Number> numberOf(std::string_view text) {
     Number number{};
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
     return error == std::errc() && end == text.data() + text.size() ? std::optional(number) : std::nullopt;
-}
-
-const OptionForm& optionNamed(std::string_view name) {
-    for (const OptionForm& form : options) {
-        if (form.name == name) {
-            return form;
-        }
-    }
-    throw UsageError(fmt::format("unknown option {}", name));
-}
-
-std::optional<std::string> takeValue(const OptionForm& form, std::span<const std::string>& rest) {
-    switch (form.takes) {
-        case Takes::Nothing:
-            return std::nullopt;
-        case Takes::SecondsIfAny:
-            if (rest.empty() || !numberOf<std::int32_t>(rest.front())) {
-                return std::nullopt;
-            }
-            break;
-        case Takes::Value:
-            if (rest.empty() || rest.front().starts_with("--")) {
-                throw UsageError(fmt::format("{} needs a value", form.name));
-            }
-            break;
-    }
-    std::string value = rest.front();
-    rest = rest.subspan(1);
-    return value;
-}
-
-GivenOption takeOption(std::string_view word, std::span<const std::string>& rest) {
-    const std::size_t equals = word.find('=');
-    const OptionForm& form = optionNamed(word.substr(0, equals));
-    if (equals == std::string_view::npos) {
-        return {&form, takeValue(form, rest)};
-    }
-    if (form.takes == Takes::Nothing) {
-        throw UsageError(fmt::format("{} takes no value", form.name));
-    }
-    return {&form, std::string(word.substr(equals + 1))};
-}
-
-Words sortWords(std::span<const std::string> rest) {
-    Words words;
-    bool optionsEnded = false;
-    while (!rest.empty()) {
-        const std::string_view word = rest.front();
-        rest = rest.subspan(1);
-        if (optionsEnded || !(word.starts_with("--") || word == "-h")) {
-            words.values.emplace_back(word);
-        } else if (word == "--") {
-            optionsEnded = true;
-        } else {
-            GivenOption option = takeOption(word == "-h" ? "--help" : word, rest);
-            if (words.has(option.form->name)) {
-                throw UsageError(fmt::format("{} is given twice", option.form->name));
-            }
-            words.options.push_back(std::move(option));
-        }
-    }
-    return words;
 }
 
 std::int32_t wholeNumber(std::string_view what, std::string_view text, std::int32_t least, std::int32_t most) {
@@ -175,20 +58,168 @@ Variant booleanValue(std::string_view text) {
     throw UsageError(fmt::format("'{}' is neither true nor false", text));
 }
 
-void expectValues(const Words& words, std::size_t count, std::string_view form) {
-    if (words.values.size() != count + 1) {
-        throw UsageError(fmt::format("{} takes {}", words.values.front(), form));
+// One command line with everything that may stand in it. Words are taken as they stand: what they mean is checked here.
+class Reader {
+ public:
+    explicit Reader(Origin origin);
+    Request read(std::span<const std::string> arguments);
+
+ private:
+    CLI::App* command(const std::string& name);
+    static CLI::Option* text(CLI::App* app, const std::string& name, std::optional<std::string>& value);
+    static void flag(CLI::App* app, const std::string& name, bool& value);
+    void addSiteCommands();
+    Command commandGiven() const;
+    Command writeCommand() const;
+    Command refreshCommand() const;
+    Command listCommand() const;
+    Variant valueToWrite() const;
+
+    CLI::App app_;
+    Origin origin_;
+    Request request_;
+    WriteCommand write_;
+    CLI::Option* wait_ = nullptr;
+    bool isHelpWanted_ = false;
+    bool isVersionWanted_ = false;
+    std::optional<std::string> channel_, channels_, value_, type_, waitSeconds_, blocks_, blockLength_, pid_;
+};
+
+CLI::Option* Reader::text(CLI::App* app, const std::string& name, std::optional<std::string>& value) {
+    const auto take = [&value, name](const std::string& given) {
+        if (name.starts_with("--") && given.starts_with("--")) {
+            throw UsageError(fmt::format("{} needs a value", name));
+        }
+        value = given;
+    };
+    return app->add_option_function<std::string>(name, take)->multi_option_policy(CLI::MultiOptionPolicy::Throw);
+}
+
+void Reader::flag(CLI::App* app, const std::string& name, bool& value) {
+    app->add_flag(name, value)->disable_flag_override()->multi_option_policy(CLI::MultiOptionPolicy::Throw);
+}
+
+CLI::App* Reader::command(const std::string& name) {
+    return app_.add_subcommand(name)->fallthrough();
+}
+
+Reader::Reader(Origin origin) : origin_(origin) {
+    app_.set_help_flag();
+    app_.require_subcommand(0, 1);
+    app_.allow_extras();
+    if (origin == Origin::CommandLine) {
+        text(&app_, "--site", request_.site);
+        text(&app_, "--ini", request_.ini);
+    }
+    flag(&app_, "--json", request_.json);
+    flag(&app_, "--yes", request_.yes);
+    flag(&app_, "--verbose", request_.verbose);
+    flag(&app_, "--help,-h", isHelpWanted_);
+    flag(&app_, "--version", isVersionWanted_);
+    for (const char* plain : {"health", "channels", "help"}) {
+        command(plain);
+    }
+    if (origin == Origin::CommandLine) {
+        command("shell");
+    }
+    addSiteCommands();
+}
+
+void Reader::addSiteCommands() {
+    text(command("show"), "CHANNEL", channel_);
+
+    CLI::App* const write = command("write");
+    text(write, "CHANNEL", channel_);
+    text(write, "VALUE", value_);
+    text(write, "--type", type_);
+    flag(write, "--priority", write_.isTimeSensitive);
+    flag(write, "--frequent", write_.isFrequent);
+    flag(write, "--require-aoe", write_.requiresAutoOutput);
+    flag(write, "--allow-empty", write_.allowsEmpty);
+
+    CLI::App* const refresh = command("refresh");
+    text(refresh, "CHANNELLIST", channels_);
+    wait_ = text(refresh, "--wait", waitSeconds_)->expected(0, 1);
+
+    CLI::App* const list = command("list");
+    text(list, "CHANNEL", channel_);
+    text(list, "--blocks", blocks_);
+    text(list, "--block-length", blockLength_);
+    text(list, "--pid", pid_);
+
+    for (CLI::App* const asking : {write, refresh, command("refresh-all")}) {
+        text(asking, "--requestor", request_.requestor);
     }
 }
 
-Variant valueToWrite(const Words& words) {
-    const std::string type = words.value("--type").value_or("number");
+Request Reader::read(std::span<const std::string> arguments) {
+    try {
+        app_.parse(std::vector<std::string>(arguments.rbegin(), arguments.rend()));
+    } catch (const CLI::ParseError& error) {
+        throw UsageError(error.what());
+    }
+    if (isHelpWanted_) {
+        return request_;
+    }
+    if (isVersionWanted_) {
+        request_.command = VersionCommand{};
+        return request_;
+    }
+    const auto given = app_.get_subcommands();
+    auto notTaken = app_.remaining(true);
+    std::erase(notTaken, "--");  // the mark itself is among them even where it served
+    if (given.empty()) {
+        throw UsageError(notTaken.empty() ? "no command is given"
+                                          : fmt::format("'{}' is no command or option here", notTaken.front()));
+    }
+    request_.name = given.front()->get_name();
+    if (!notTaken.empty()) {
+        throw UsageError(fmt::format("{} does not take '{}'", request_.name, notTaken.front()));
+    }
+    request_.command = commandGiven();
+    return request_;
+}
+
+// What a command cannot do without.
+const std::string& needed(const std::optional<std::string>& word, std::string_view what) {
+    return word ? *word : throw UsageError(fmt::format("{} is missing", what));
+}
+
+Command Reader::commandGiven() const {
+    const std::string& name = request_.name;
+    if (name == "write") {
+        return writeCommand();
+    }
+    if (name == "refresh") {
+        return refreshCommand();
+    }
+    if (name == "refresh-all") {
+        return RefreshAllCommand{};
+    }
+    if (name == "health") {
+        return HealthCommand{};
+    }
+    if (name == "channels") {
+        return ChannelsCommand{};
+    }
+    if (name == "show") {
+        return ShowCommand{channelID(needed(channel_, "CHANNEL"))};
+    }
+    if (name == "list") {
+        return listCommand();
+    }
+    return name == "shell" ? Command(ShellCommand{}) : Command(HelpCommand{});
+}
+
+Variant Reader::valueToWrite() const {
+    const std::string type = type_.value_or("number");
     if (type == "null") {
-        expectValues(words, 1, "CHANNEL and, with --type null, no VALUE");
+        if (value_) {
+            throw UsageError("write takes CHANNEL and, with --type null, no VALUE");
+        }
         return Variant::null();
     }
-    expectValues(words, 2, "CHANNEL and VALUE");
-    const std::string& text = words.values[2];
+    const std::string& text = needed(value_, "VALUE");
     if (type == "number") {
         return numberValue(text);
     }
@@ -201,128 +232,49 @@ Variant valueToWrite(const Words& words) {
     throw UsageError(fmt::format("--type must be number, text, bool or null, not '{}'", type));
 }
 
-Command writeCommand(const Words& words) {
-    WriteCommand command;
-    command.value = valueToWrite(words);
-    command.channel = channelID(words.values[1]);
-    command.isTimeSensitive = words.has("--priority");
-    command.isFrequent = words.has("--frequent");
-    command.requiresAutoOutput = words.has("--require-aoe");
-    command.allowsEmpty = words.has("--allow-empty");
+Command Reader::writeCommand() const {
+    WriteCommand command = write_;
+    command.channel = channelID(needed(channel_, "CHANNEL"));
+    command.value = valueToWrite();
     return command;
 }
 
-Command refreshCommand(const Words& words) {
-    expectValues(words, 1, "CHANNELLIST (a number right behind --wait is taken as its seconds)");
+Command Reader::refreshCommand() const {
     RefreshCommand command;
-    command.channels = words.values[1];
-    if (words.has("--wait")) {
-        const auto seconds = words.value("--wait");
-        command.waitSeconds = seconds ? wholeNumber("--wait", *seconds, 1, longestWaitSeconds) : defaultWaitSeconds;
+    command.channels = needed(channels_, "CHANNELLIST (what stands right behind --wait is taken as its seconds)");
+    if (wait_->count() > 0) {
+        command.waitSeconds = waitSeconds_ && !waitSeconds_->empty()
+                                  ? wholeNumber("--wait", *waitSeconds_, 1, longestWaitSeconds)
+                                  : defaultWaitSeconds;
     }
     return command;
 }
 
-Command showCommand(const Words& words) {
-    expectValues(words, 1, "CHANNEL");
-    return ShowCommand{channelID(words.values[1])};
-}
-
-Command listCommand(const Words& words) {
-    expectValues(words, 1, "CHANNEL");
+Command Reader::listCommand() const {
     ListCommand command;
-    command.channel = channelID(words.values[1]);
-    if (const auto blocks = words.value("--blocks")) {
-        command.blocks = wholeNumber("--blocks", *blocks, 1, mostBlocks);
+    command.channel = channelID(needed(channel_, "CHANNEL"));
+    if (blocks_) {
+        command.blocks = wholeNumber("--blocks", *blocks_, 1, mostBlocks);
     }
-    if (const auto length = words.value("--block-length")) {
-        command.blockLength = wholeNumber("--block-length", *length, 1, largestChannel);
+    if (blockLength_) {
+        command.blockLength = wholeNumber("--block-length", *blockLength_, 1, largestChannel);
     }
     if (command.blocks > 1 && command.blockLength == 0) {
         throw UsageError("--blocks above 1 needs --block-length, the distance between the blocks' channel IDs");
     }
-    if (const auto pid = words.value("--pid")) {
-        command.pid = ParsePID(*pid, false);
+    if (pid_) {
+        command.pid = ParsePID(*pid_, false);
         if (command.pid == 0) {
-            throw UsageError(fmt::format("'{}' is not a PID", *pid));
+            throw UsageError(fmt::format("'{}' is not a PID", *pid_));
         }
     }
     return command;
-}
-
-template <class Plain>
-Command plainCommand(const Words& words) {
-    expectValues(words, 0, "nothing further");
-    return Plain{};
-}
-
-Command commandOf(const Words& words, Origin origin) {
-    const std::string& name = words.values.front();
-    if (name == "write") {
-        return writeCommand(words);
-    }
-    if (name == "refresh-all") {
-        return plainCommand<RefreshAllCommand>(words);
-    }
-    if (name == "refresh") {
-        return refreshCommand(words);
-    }
-    if (name == "health") {
-        return plainCommand<HealthCommand>(words);
-    }
-    if (name == "show") {
-        return showCommand(words);
-    }
-    if (name == "list") {
-        return listCommand(words);
-    }
-    if (name == "help") {
-        return plainCommand<HelpCommand>(words);
-    }
-    if (name == "shell" && origin == Origin::CommandLine) {
-        return plainCommand<ShellCommand>(words);
-    }
-    throw UsageError(fmt::format("unknown command '{}'", name));
-}
-
-void checkOptions(const Words& words, Origin origin) {
-    const std::string& command = words.values.front();
-    for (const GivenOption& option : words.options) {
-        const OptionForm& form = *option.form;
-        if (!form.commands.empty() && form.commands.find(fmt::format(" {} ", command)) == std::string_view::npos) {
-            throw UsageError(fmt::format("{} does not belong to {}", form.name, command));
-        }
-        if (form.isForWholeRun && origin == Origin::ShellLine) {
-            throw UsageError(fmt::format("{} belongs before shell, not into a line of it", form.name));
-        }
-    }
 }
 
 }  // namespace
 
 Request parseArguments(std::span<const std::string> arguments, Origin origin) {
-    const Words words = sortWords(arguments);
-    Request request;
-    request.site = words.value("--site");
-    request.ini = words.value("--ini");
-    request.requestor = words.value("--requestor");
-    request.json = words.has("--json");
-    request.yes = words.has("--yes");
-    request.verbose = words.has("--verbose");
-    if (words.has("--help")) {
-        return request;
-    }
-    if (words.has("--version")) {
-        request.command = VersionCommand{};
-        return request;
-    }
-    if (words.values.empty()) {
-        throw UsageError("no command is given");
-    }
-    request.command = commandOf(words, origin);
-    checkOptions(words, origin);
-    request.name = words.values.front();
-    return request;
+    return Reader(origin).read(arguments);
 }
 
 std::vector<std::string> splitLine(std::string_view line) {
@@ -360,6 +312,7 @@ std::string_view helpText() {
   iosctl [OPTIONS] refresh-all
   iosctl [OPTIONS] refresh CHANNELLIST [--wait [SECONDS]]
   iosctl [OPTIONS] health
+  iosctl [OPTIONS] channels
   iosctl [OPTIONS] show CHANNEL
   iosctl [OPTIONS] list CHANNEL [--blocks N --block-length N] [--pid PID]
   iosctl [OPTIONS] shell
@@ -380,6 +333,7 @@ Commands
                I/O server where both generations are in use. --wait waits until it is done (60 seconds unless given).
                Only one such request can be pending in one run of iosctl.
   health       which generations of I/O server are in use, whether they beat, and whether their devices answer
+  channels     the site's channels: number, type and name
   show         a channel's name, type and value; no value when its I/O server has been silent for over 45 seconds
   list         the values of a multi-value channel, one a line
   shell        takes commands from standard input, one a line, until its end or "quit"; "#" begins a comment
@@ -391,7 +345,8 @@ Options
   --json             one line of JSON for every command that got as far as a site
   --yes              writes without asking
   --verbose          shows progress messages too
-  --help, --version
+  --help, -h         prints this text
+  --version          prints the version
 
 Exit codes
   0 done (health: all devices answer)    1 refused or failed; the messages are on standard error

@@ -33,6 +33,7 @@ struct RefreshCommand {
 };
 
 struct HealthCommand {};
+struct ChannelsCommand {};
 
 struct ShowCommand {
     std::int32_t channel = 0;
@@ -50,7 +51,7 @@ struct HelpCommand {};
 struct VersionCommand {};
 
 using Command = std::variant<HelpCommand, VersionCommand, WriteCommand, RefreshAllCommand, RefreshCommand,
-                             HealthCommand, ShowCommand, ListCommand, ShellCommand>;
+                             HealthCommand, ChannelsCommand, ShowCommand, ListCommand, ShellCommand>;
 
 struct Request {
     std::string name;  // the command's, as it was given; "" for help and version
@@ -71,8 +72,8 @@ class UsageError : public std::runtime_error {
 
 enum class Origin { CommandLine, ShellLine };
 
-// Options may stand anywhere before "--"; what begins with two hyphens is an option, what begins with one is a value
-// (numbers may be negative). Raises UsageError.
+// Options may stand anywhere behind the command that knows them, those of all commands anywhere; numbers may be
+// negative, and behind "--" everything is a value. Raises UsageError.
 Request parseArguments(std::span<const std::string> arguments, Origin origin);
 
 // The words of a shell line: blanks and tabs part them, quotes (double or single) hold them together, and everything

@@ -1,13 +1,12 @@
 #include "OPC/Tools/Commands.h"
 
 #include <fmt/format.h>
-#include <pwd.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <chrono>
 #include <cmath>
+#include <cstdlib>
 #include <optional>
 #include <string_view>
 #include <thread>
@@ -41,11 +40,6 @@ std::string_view typeName(std::int32_t type) {
 std::string shownChannel(SiteLink& link, std::int32_t channel) {
     const std::string name = link.manager().GetChannelName(channel);
     return name.empty() ? fmt::format("channel {}", channel) : fmt::format("channel {} ({})", channel, name);
-}
-
-std::string userName() {
-    const passwd* user = getpwuid(geteuid());
-    return user == nullptr ? fmt::format("user {}", geteuid()) : user->pw_name;
 }
 
 std::string requestor(const Request& request) {
@@ -84,10 +78,6 @@ std::string dateOrNothing(Date date) {
     return date.isZero() ? "none" : dateText(date);
 }
 
-std::string dateJson(Date date) {
-    return date.isZero() ? "null" : json::text(dateText(date));
-}
-
 // ---- write
 
 // Why the value is not to be written after all; "" when the operator wants it. Refused where nobody can be asked.
@@ -110,9 +100,8 @@ Outcome run(const WriteCommand& command, const Request& request, SiteLink& link)
     const std::string valueText = VariantToText(command.value);
     const std::string intent = fmt::format("{} to '{}'", shownChannel(link, command.channel), valueText);
     Outcome outcome;
-    outcome.fields = {{"channel", std::to_string(command.channel)},
-                      {"name", json::text(manager.GetChannelName(command.channel))},
-                      {"value", json::text(valueText)}};
+    outcome.fields = {
+        {"channel", command.channel}, {"name", manager.GetChannelName(command.channel)}, {"value", valueText}};
     warnOfBrokenCommand(valueText);
     if (std::string reason = refusal(request, link, intent); !reason.empty()) {
         return failed(std::move(outcome), std::move(reason));
@@ -146,14 +135,12 @@ Outcome run(const RefreshAllCommand&, const Request& request, SiteLink& link) {
     if (asked.empty()) {
         return failed(std::move(outcome), "the site defines no channels of any I/O server: there is nobody to ask");
     }
-    std::vector<std::string> askedJson;
     for (const std::string& generation : asked) {
-        askedJson.push_back(json::text(generation));
         if (outcome.code == ExitCode::Done) {
             outcome.lines.push_back(fmt::format("Command left for {}: refresh all data", generation));
         }
     }
-    outcome.fields = {{"generations", json::array(askedJson)}};
+    outcome.fields = {{"generations", asked}};
     return outcome;
 }
 
@@ -216,7 +203,7 @@ Reply replyTo(SiteLink& link, const std::string& id) {
 Outcome run(const RefreshCommand& command, const Request& request, SiteLink& link) {
     IOSSimpleManager& manager = link.manager();
     Outcome outcome;
-    outcome.fields = {{"channels", json::text(command.channels)}};
+    outcome.fields = {{"channels", command.channels}};
     warnOfBrokenCommand(command.channels);
     const MessageList::Counts before = link.messages().counts();
     if (!manager.RefreshSelectedChannels(command.channels, requestor(request))) {
@@ -224,7 +211,7 @@ Outcome run(const RefreshCommand& command, const Request& request, SiteLink& lin
         return outcome;
     }
     const std::string id = manager.PendingRefreshMsgID();
-    outcome.fields.emplace_back("record", json::text(id));
+    outcome.fields["record"] = id;
     if (!command.waitSeconds) {
         outcome.lines.push_back(
             fmt::format("Command left for the I/O server: refresh {} (record {})", command.channels, id));
@@ -235,7 +222,7 @@ Outcome run(const RefreshCommand& command, const Request& request, SiteLink& lin
         reply = replyTo(link, id);
     }
     outcome.code = reply.code;
-    outcome.fields.emplace_back("outcome", json::text(reply.words));
+    outcome.fields["outcome"] = reply.words;
     const std::string line = fmt::format("refresh {} (record {}): {}", command.channels, id, reply.words);
     if (reply.code == ExitCode::Done) {
         outcome.lines.push_back(line);
@@ -280,6 +267,20 @@ std::int64_t ageSeconds(Date heartbeat) {
     return std::llround((localNow().days - heartbeat.days) * secondsPerDay);
 }
 
+// What the server itself goes by at the first sight of a heartbeat, whichever clock is ahead.
+bool isSilent(const Health& health) {
+    constexpr std::int64_t longestSilenceSeconds = 45;
+    return health.isUsed && (health.heartbeat == nullptr || health.heartbeat->TStamp.isZero() ||
+                             std::abs(ageSeconds(health.heartbeat->TStamp)) > longestSilenceSeconds);
+}
+
+std::string_view stateOf(const Health& health) {
+    if (isSilent(health)) {
+        return "SILENT, no heartbeat within 45 s";
+    }
+    return health.isPolling ? "all devices answer" : "NOT all devices answer";
+}
+
 std::string line(const Health& health) {
     if (!health.isUsed) {
         return fmt::format("{}: not in use", health.name);
@@ -289,24 +290,23 @@ std::string line(const Health& health) {
             ? "none"
             : fmt::format("{} ({} s ago), AllCommsOk {}", dateText(health.heartbeat->TStamp),
                           ageSeconds(health.heartbeat->TStamp), naturalText(health.heartbeat->NValue));
-    return fmt::format("{}: {}; heartbeat {}; all data refreshed {} to {}", health.name,
-                       health.isPolling ? "all devices answer" : "NOT all devices answer", heartbeat,
+    return fmt::format("{}: {}; heartbeat {}; all data refreshed {} to {}", health.name, stateOf(health), heartbeat,
                        dateOrNothing(health.refreshStart), dateOrNothing(health.refreshFinish));
 }
 
-std::string jsonOf(const Health& health) {
+Json factsOf(const Health& health) {
     const bool hasHeartbeat = health.heartbeat != nullptr && !health.heartbeat->TStamp.isZero();
-    const std::array<json::Field, 8> fields{{
-        {"name", json::text(health.name)},
-        {"isUsed", json::boolean(health.isUsed)},
-        {"isPolling", json::boolean(health.isPolling)},
-        {"heartbeat", hasHeartbeat ? dateJson(health.heartbeat->TStamp) : "null"},
-        {"heartbeatAgeSeconds", hasHeartbeat ? std::to_string(ageSeconds(health.heartbeat->TStamp)) : "null"},
-        {"allCommsOk", health.heartbeat == nullptr ? "null" : json::value(health.heartbeat->NValue)},
-        {"refreshStart", dateJson(health.refreshStart)},
-        {"refreshFinish", dateJson(health.refreshFinish)},
-    }};
-    return json::object(fields);
+    return {
+        {"name", health.name},
+        {"isUsed", health.isUsed},
+        {"isPolling", health.isPolling},
+        {"isSilent", isSilent(health)},
+        {"heartbeat", hasHeartbeat ? jsonOf(health.heartbeat->TStamp) : Json()},
+        {"heartbeatAgeSeconds", hasHeartbeat ? Json(ageSeconds(health.heartbeat->TStamp)) : Json()},
+        {"allCommsOk", health.heartbeat == nullptr ? Json() : jsonOf(health.heartbeat->NValue)},
+        {"refreshStart", jsonOf(health.refreshStart)},
+        {"refreshFinish", jsonOf(health.refreshFinish)},
+    };
 }
 
 Outcome run(const HealthCommand&, const Request&, SiteLink& link) {
@@ -321,15 +321,15 @@ Outcome run(const HealthCommand&, const Request&, SiteLink& link) {
     outcome.lines.push_back(fmt::format("Site {}: {} CurrentIO records; initial read {}", manager.SiteID(),
                                         manager.GetCurrentIORecordCount(),
                                         isReadComplete ? "complete" : "NOT complete"));
-    std::vector<std::string> items;
+    Json items = Json::array();
     for (const Health& health : generations) {
         outcome.lines.push_back(line(health));
-        items.push_back(jsonOf(health));
+        items.push_back(factsOf(health));
     }
-    outcome.fields = {{"allDevicesArePolling", json::boolean(allPolling)},
-                      {"isInitialReadComplete", json::boolean(isReadComplete)},
-                      {"recordCount", std::to_string(manager.GetCurrentIORecordCount())},
-                      {"generations", json::array(items)}};
+    outcome.fields = {{"allDevicesArePolling", allPolling},
+                      {"isInitialReadComplete", isReadComplete},
+                      {"recordCount", manager.GetCurrentIORecordCount()},
+                      {"generations", items}};
     return outcome;
 }
 
@@ -343,12 +343,8 @@ Outcome run(const ShowCommand& command, const Request&, SiteLink& link) {
     const Variant value = manager.GetChannelValue(command.channel);
     const Date written = record == nullptr ? Date{} : record->TStamp;
     Outcome outcome;
-    outcome.fields = {{"channel", std::to_string(command.channel)},
-                      {"name", json::text(name)},
-                      {"definitionType", std::to_string(type)},
-                      {"definition", json::text(typeName(type))},
-                      {"value", json::value(value)},
-                      {"written", dateJson(written)}};
+    outcome.fields = {{"channel", command.channel},   {"name", name},           {"definitionType", type},
+                      {"definition", typeName(type)}, {"value", jsonOf(value)}, {"written", jsonOf(written)}};
     if (type == 0 && record == nullptr) {
         return failed(std::move(outcome), fmt::format("channel {} is not defined", command.channel));
     }
@@ -359,6 +355,26 @@ Outcome run(const ShowCommand& command, const Request&, SiteLink& link) {
     return outcome;
 }
 
+Outcome run(const ChannelsCommand&, const Request&, SiteLink& link) {
+    const MessageList::Counts before = link.messages().counts();
+    const ChannelDefCollection* const definitions = link.manager().GetChannelDefs();
+    Outcome outcome;
+    outcome.code = codeSince(link.messages(), before);
+    Json items = Json::array();
+    if (definitions != nullptr) {
+        for (const ChannelDef& definition : *definitions) {
+            const std::string_view type = typeName(definition.DefinitionType);
+            outcome.lines.push_back(fmt::format("{:>10}  {:<25}  {}", definition.ID, type, definition.Name));
+            items.push_back({{"channel", definition.ID},
+                             {"name", definition.Name},
+                             {"definitionType", definition.DefinitionType},
+                             {"definition", type}});
+        }
+    }
+    outcome.fields = {{"channels", items}};
+    return outcome;
+}
+
 Outcome run(const ListCommand& command, const Request&, SiteLink& link) {
     const MessageList::Counts before = link.messages().counts();
     const Variant values =
@@ -366,16 +382,12 @@ Outcome run(const ListCommand& command, const Request&, SiteLink& link) {
     Outcome outcome;
     outcome.code = codeSince(link.messages(), before);
     if (values.kind() != VariantKind::TextArray) {
-        outcome.fields = {{"channel", std::to_string(command.channel)}, {"values", "null"}};
+        outcome.fields = {{"channel", command.channel}, {"values", nullptr}};
         return failed(std::move(outcome), fmt::format("there are no values for channel {}", command.channel));
     }
     outcome.code = ExitCode::Done;  // of several CSV elements the first serves, with a message
     outcome.lines = values.texts();
-    std::vector<std::string> items;
-    for (const std::string& text : values.texts()) {
-        items.push_back(json::text(text));
-    }
-    outcome.fields = {{"channel", std::to_string(command.channel)}, {"values", json::array(items)}};
+    outcome.fields = {{"channel", command.channel}, {"values", values.texts()}};
     return outcome;
 }
 

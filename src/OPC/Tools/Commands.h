@@ -19,7 +19,7 @@ struct Outcome {
     ExitCode code = ExitCode::Done;
     std::vector<std::string> lines;     // for people
     std::vector<std::string> problems;  // for people, why it is not done, beside the I/O server link's messages
-    std::vector<json::Field> fields;    // what the lines say, for programs
+    Json fields = Json::object();       // what the lines say, for programs
 };
 
 // Reads the site first. Only for commands that need a site.

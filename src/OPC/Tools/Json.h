@@ -1,26 +1,24 @@
 #pragma once
 
-// JSON texts of single values and of objects, in one line each.
+// What a command says to programs: one line of JSON, whatever a database put into its texts.
 
-#include <span>
+#include <nlohmann/json.hpp>
 #include <string>
-#include <string_view>
-#include <utility>
-#include <vector>
 
+#include "Shared Types/Date.h"
 #include "Shared Types/Variant.h"
 
-namespace quelm::tools::json {
+namespace quelm::tools {
 
-// Broken UTF-8 becomes U+FFFD, so that the result is always valid.
-std::string text(std::string_view value);
-std::string boolean(bool value);
+// With its members in the order in which they were put in.
+using Json = nlohmann::ordered_json;
+
 // Numbers as numbers (null where JSON has none), dates and texts as texts, Empty and Null as null.
-std::string value(const Variant& value);
-// items: JSON texts.
-std::string array(std::span<const std::string> items);
+Json jsonOf(const Variant& value);
+// As text; null for the zero date.
+Json jsonOf(Date date);
 
-using Field = std::pair<std::string_view, std::string>;  // name, JSON text
-std::string object(std::span<const Field> fields);
+// In one line; broken UTF-8 becomes U+FFFD, control characters are escaped.
+std::string lineOf(const Json& json);
 
-}  // namespace quelm::tools::json
+}  // namespace quelm::tools

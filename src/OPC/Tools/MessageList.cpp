@@ -17,8 +17,10 @@ bool isError(std::int32_t type) {
     return type == msgtype::error || type == msgtype::multiValueError;
 }
 
-bool isProgress(std::int32_t type) {
-    return type == msgtype::progress || type == msgtype::information;
+// The lines with which a generation's answer changes from the unanswered are the answer's own business.
+bool isProgress(std::int32_t type, std::string_view text) {
+    return type == msgtype::progress || type == msgtype::information || text.starts_with("OPC-0165: ") ||
+           text.starts_with("OPC-0167: ");
 }
 
 // A notice of silence up to the seconds, which grow from one look to the next.
@@ -42,7 +44,7 @@ void MessageList::begin(bool isVerbose) {
 void MessageList::RaiseMsg(std::int32_t lngMsgType, std::string_view strDescription) {
     counts_.errors += isError(lngMsgType) ? 1 : 0;
     counts_.databaseFailures += isDatabaseFailure(strDescription) ? 1 : 0;
-    if (isProgress(lngMsgType) && !isVerbose_) {
+    if (isProgress(lngMsgType, strDescription) && !isVerbose_) {
         return;
     }
     try {

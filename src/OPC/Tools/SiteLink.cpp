@@ -1,10 +1,13 @@
 #include "OPC/Tools/SiteLink.h"
 
 #include <fmt/format.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 
 #include "DB Interface Library/DBIL.h"
+#include "DB Interface Library/Sql.h"
 #include "DB Interface Library/SystemINI.h"
 #include "OPC/Tools/Terminal.h"
 
@@ -12,9 +15,33 @@ namespace quelm::tools {
 
 namespace {
 
-DAHSEntry findSite(SystemINI& systemINI, const std::optional<std::string>& site) {
+// What the package lets read the settings and the databases.
+constexpr std::string_view usersGroup = "quelm";
+
+// What an operator without rights to a file can do; "" for one who has them.
+std::string missingRights(const std::string& path) {
+    if (access(path.c_str(), R_OK) == 0 || errno != EACCES) {
+        return {};
+    }
+    return fmt::format("; {} is for the group {} only: join it (usermod -aG {} {} as root) and log on again", path,
+                       usersGroup, usersGroup, userName());
+}
+
+// The same for databases that are files.
+std::string missingRights(const std::array<std::string, 5>& connections) {
+    for (const std::string& connection : connections) {
+        const ConnectionString parsed(connection);
+        const std::string* const file = parsed.find("Database");
+        if (std::string hint = file == nullptr ? "" : missingRights(*file); !hint.empty()) {
+            return hint;
+        }
+    }
+    return {};
+}
+
+DAHSEntry findSite(SystemINI& systemINI, const std::string& path, const std::optional<std::string>& site) {
     if (!systemINI.ReadINI(0, true)) {
-        throw SiteTrouble("the system INI file cannot be used");
+        throw SiteTrouble("the system INI file cannot be used" + missingRights(path));
     }
     if (!site) {
         if (!systemINI.SelectDAHS(0, true)) {
@@ -40,7 +67,8 @@ std::shared_ptr<IDBIL> connect(const DAHSEntry& entry, const SqlTimeouts& timeou
         throw SiteTrouble(fmt::format("site '{}' cannot be set up", entry.SiteID));
     }
     if (!dbil->TestConnections(entry.SiteID, true, true, false, false, false, true)) {
-        throw SiteTrouble(fmt::format("the databases of site '{}' cannot be reached", entry.SiteID));
+        throw SiteTrouble(fmt::format("the databases of site '{}' cannot be reached{}", entry.SiteID,
+                                      missingRights(entry.Connections)));
     }
     return dbil;
 }
@@ -49,8 +77,9 @@ std::shared_ptr<IDBIL> connect(const DAHSEntry& entry, const SqlTimeouts& timeou
 
 SiteLink::SiteLink(const std::optional<std::string>& ini, const std::optional<std::string>& site, MessageList& messages)
     : messages_(messages) {
-    SystemINI systemINI(ini.value_or(systemIniPath()), thisComputer(), showProblem);
-    const DAHSEntry entry = findSite(systemINI, site);
+    const std::string path = ini.value_or(systemIniPath());
+    SystemINI systemINI(path, thisComputer(), showProblem);
+    const DAHSEntry entry = findSite(systemINI, path, site);
     dbil_ = connect(entry, systemINI.DatabaseTimeouts());
     manager_.Initialize(&messages_, clock_, dbil_, entry.SiteID);
     manager_.EnableReadingCurrentIO();

@@ -1,5 +1,6 @@
 #include "OPC/Tools/Terminal.h"
 
+#include <pwd.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -50,6 +51,11 @@ bool allShown() {
 
 void showProblem(std::string_view line) {
     std::fprintf(stderr, "iosctl: %s\n", printable(line).c_str());
+}
+
+std::string userName() {
+    const passwd* user = getpwuid(geteuid());
+    return user == nullptr ? "user " + std::to_string(geteuid()) : user->pw_name;
 }
 
 bool canAsk() {

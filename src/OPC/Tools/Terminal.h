@@ -17,6 +17,9 @@ bool allShown();
 // On standard error, led by the program's name.
 void showProblem(std::string_view line);
 
+// Who runs this program, for people.
+std::string userName();
+
 // Whether somebody sits there who can be asked.
 bool canAsk();
 // The answer's text, without line end; nothing at the end of input.

@@ -13,16 +13,10 @@
 #include "OPC/Tools/MessageList.h"
 #include "OPC/Tools/SiteLink.h"
 #include "OPC/Tools/Terminal.h"
-#include "SLIK-DA/Identity.h"
 #include "Shared Types/RuntimeError.h"
 
 namespace quelm::tools {
 namespace {
-
-std::string jsonOf(const MessageList::Entry& entry) {
-    const std::vector<json::Field> fields{{"type", std::to_string(entry.type)}, {"text", json::text(entry.text)}};
-    return json::object(fields);
-}
 
 void printAnswer(const Request& request, SiteLink& link, const Outcome& outcome) {
     for (const std::string& problem : outcome.problems) {
@@ -34,21 +28,15 @@ void printAnswer(const Request& request, SiteLink& link, const Outcome& outcome)
         }
         return;
     }
-    std::vector<std::string> messages;
+    Json answer{
+        {"command", request.name}, {"site", link.manager().SiteID()}, {"exitCode", static_cast<int>(outcome.code)}};
+    answer.update(outcome.fields);
+    answer["problems"] = outcome.problems;
+    answer["messages"] = Json::array();
     for (const MessageList::Entry& entry : link.messages().entries()) {
-        messages.push_back(jsonOf(entry));
+        answer["messages"].push_back({{"type", entry.type}, {"text", entry.text}});
     }
-    std::vector<std::string> problems;
-    for (const std::string& problem : outcome.problems) {
-        problems.push_back(json::text(problem));
-    }
-    std::vector<json::Field> fields{{"command", json::text(request.name)},
-                                    {"site", json::text(link.manager().SiteID())},
-                                    {"exitCode", std::to_string(static_cast<int>(outcome.code))}};
-    fields.insert(fields.end(), outcome.fields.begin(), outcome.fields.end());
-    fields.emplace_back("problems", json::array(problems));
-    fields.emplace_back("messages", json::array(messages));
-    showLine(json::object(fields));
+    showLine(lineOf(answer));
 }
 
 ExitCode runOnSite(const Request& request, SiteLink& link) {
@@ -65,7 +53,7 @@ bool printedWords(const Request& request) {
         return true;
     }
     if (std::holds_alternative<VersionCommand>(request.command)) {
-        showLine(fmt::format("iosctl {}.{}.{}", identity::majorVersion, identity::minorVersion, identity::buildNumber));
+        showLine(fmt::format("iosctl {}", QUELM_VERSION));
         return true;
     }
     return false;
