@@ -59,27 +59,28 @@ class TickReads {
     TickReads(TickTime& time, FindWorker findWorker, Begin begin)
         : time_(time), findWorker_(std::move(findWorker)), begin_(std::move(begin)) {}
 
-    // The site's result, which was never begun before this tick. The same sites as at the tick before are reckoned
-    // with. Raises what finish raises.
+    // The site's result, which was never begun before this tick. Raises what finish raises.
     Result read(std::string_view strSiteID, Argument argument) {
         const std::string siteID(strSiteID);
         const std::shared_ptr<SqlWorker> worker = findWorker_(siteID);
         Site& own = sites_[siteID];
-        if (own.hasAsked || time_.now() - tickBegan_ >= sameTick) {
+        if (own.lastTick == tick_ || time_.now() - tickBegan_ >= sameTick) {
             startTick();
         }
-        own.hasAsked = true;
+        own.lastTick = tick_;
+        const std::uint64_t now = time_.now();
+        own.askedAt = now;
         return time_.waitFor([&] {
-            if (!own.begun || own.argument != argument) {
+            if (own.argument != argument) {
                 own.begun.reset();
                 own.argument = std::move(argument);
-                if (worker->isFree()) {
-                    own.begun = Begun{worker, begin_(*worker, siteID, own.argument)};
-                }
             }
-            beginOthers();
+            if (!own.begun && worker->isFree()) {
+                own.begun = begin(worker, siteID, own, now);
+            }
+            beginOthers(now);
             // One whose connection is taken by another site's read waits for it.
-            Begun begun = own.begun ? std::move(*own.begun) : Begun{worker, begin_(*worker, siteID, own.argument)};
+            Begun begun = own.begun ? std::move(*own.begun) : begin(worker, siteID, own, now);
             own.begun.reset();
             return begun.worker->finish(std::move(begun.call));
         });
@@ -89,38 +90,51 @@ class TickReads {
     void clear() { sites_.clear(); }
 
  private:
-    // Ticks are whole seconds apart.
+    // All in milliseconds. Ticks are whole seconds apart.
     static constexpr std::uint64_t sameTick = 500;
+    // A site is due when it has asked not so shortly ago (sites that are loaded one behind the other all ask then;
+    // their periods are longer), and not so long ago that it may have stopped.
+    static constexpr std::uint64_t shortestPeriod = 5'000;
+    static constexpr std::uint64_t longestPeriod = 60'000;
 
     struct Begun {
         std::shared_ptr<SqlWorker> worker;
         Call call;
     };
     struct Site {
-        bool isExpected = false;
-        bool hasAsked = false;
+        std::uint64_t lastTick = 0;  // number of the tick in which it has asked last
+        std::uint64_t askedAt = 0;
+        std::uint64_t begunAt = 0;
         Argument argument{};
         std::optional<Begun> begun;
+
+        bool isDue(std::uint64_t tick, std::uint64_t now) const {
+            return lastTick != tick && !begun && now - begunAt >= shortestPeriod && now - askedAt >= shortestPeriod &&
+                   now - askedAt <= longestPeriod;
+        }
     };
 
     void startTick() {
         tickBegan_ = time_.now();
+        ++tick_;
         for (auto& [siteID, site] : sites_) {
-            site.isExpected = site.hasAsked;
-            site.hasAsked = false;
             site.begun.reset();
         }
     }
 
-    void beginOthers() {
+    void beginOthers(std::uint64_t now) {
         for (auto& [siteID, site] : sites_) {
-            if (site.isExpected && !site.hasAsked && !site.begun) {
-                const std::shared_ptr<SqlWorker> worker = findWorker_(siteID);
-                if (worker->isFree()) {
-                    site.begun = Begun{worker, begin_(*worker, siteID, site.argument)};
+            if (site.isDue(tick_, now)) {
+                if (const std::shared_ptr<SqlWorker> worker = findWorker_(siteID); worker->isFree()) {
+                    site.begun = begin(worker, siteID, site, now);
                 }
             }
         }
+    }
+
+    Begun begin(const std::shared_ptr<SqlWorker>& worker, const std::string& siteID, Site& site, std::uint64_t now) {
+        site.begunAt = now;
+        return Begun{worker, begin_(*worker, siteID, site.argument)};
     }
 
     TickTime& time_;
@@ -128,6 +142,7 @@ class TickReads {
     Begin begin_;
     std::map<std::string, Site> sites_;
     std::uint64_t tickBegan_ = 0;
+    std::uint64_t tick_ = 1;
 };
 
 }  // namespace quelm
