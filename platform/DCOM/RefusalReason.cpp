@@ -18,11 +18,10 @@ using enum RefusalReason;
 constexpr std::string_view checkPeer = "check which program connects to this port";
 constexpr std::string_view useNtlm = "let the client log on by NTLM or Negotiate";
 constexpr std::string_view useNtlmV2 = "let the client use NTLMv2";
-constexpr std::string_view useAccount = "let the client log on with an account of the DCOM settings";
+constexpr std::string_view useAccount = "let the client log on with an account of {}";
 constexpr std::string_view checkLogOn = "check the client's account and its NTLM settings";
 constexpr std::string_view checkLevel =
-    "set the client's authentication level to packet integrity or packet privacy, or lower the minimum level in the "
-    "DCOM settings";
+    "set the client's authentication level to packet integrity or packet privacy, or lower MinimumLevel in {}";
 constexpr std::string_view lookBetween =
     "look for a program or device that changes or repeats messages between client and server";
 
@@ -30,15 +29,11 @@ constexpr Row rows[] = {
     {None, "", ""},
     {MalformedLogOn, "malformed message", checkLogOn},
     {LogOnOutOfTurn, "message out of turn", checkLogOn},
-    {UnknownAccount, "unknown account",
-     "add the account to the DCOM settings, or let the client use one that is there"},
-    {WrongDomain, "wrong domain",
-     "let the client give the account's domain, or free the account of its domain in the "
-     "DCOM settings"},
-    {WrongPassword, "wrong password", "give client and DCOM settings the same password"},
+    {UnknownAccount, "unknown account", "add the account to {}, or let the client use one that is there"},
+    {WrongDomain, "wrong domain", "let the client give the account's domain, or free the account of its domain in {}"},
+    {WrongPassword, "wrong password", "give the client and {} the same password"},
     {AlteredLogOn, "message altered on its way", lookBetween},
-    {NtlmV1, "NTLMv1 is not allowed",
-     "let the client use NTLMv2, or allow NTLMv1 with extended session security in the DCOM settings"},
+    {NtlmV1, "NTLMv1 is not allowed", "let the client use NTLMv2, or set AllowNTLMv1 in {}"},
     {PlainNtlmV1, "plain NTLMv1 is never allowed", useNtlmV2},
     {LmOnly, "LM and LMv2 are never allowed", useNtlmV2},
     {Anonymous, "anonymous access is not allowed", useAccount},

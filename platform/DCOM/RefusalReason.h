@@ -53,7 +53,7 @@ enum class RefusalReason : std::uint8_t {
 
 // Plain words, without secrets; "{}" stands where the reason has a detail. Empty for None.
 std::string_view refusalText(RefusalReason reason);
-// What the operator can do about it.
+// What the operator can do about it; "{}" stands where the settings are to be named.
 std::string_view refusalRemedy(RefusalReason reason);
 
 }  // namespace quelm::dcom

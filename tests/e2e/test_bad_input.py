@@ -91,7 +91,7 @@ class Damaged(SiteTest):
         os.remove(self.site.path('dcom.conf'))
         self.site.address = '127.0.0.1'  # the default
         self.site.start().started()
-        with self.refused(), self.assertRaises(ClientError):
+        with self.refused(self.site.path('dcom.conf') + ' (a change counts once'), self.assertRaises(ClientError):
             self.client()
         self.assertTrue(self.site.logged('every client is refused'))
 

@@ -22,10 +22,11 @@ std::string printable(std::string_view text) {
 
 }  // namespace
 
-std::string Refusal::line() const {
+std::string Refusal::line(std::string_view settings) const {
     const std::string who = account.empty() ? "no account" : fmt::format("account '{}'", printable(account));
     return fmt::format("Refused OPC client {}: {}, level {}: {}; remedy: {}", peer.remoteAddress, who, levelName(level),
-                       fmt::format(fmt::runtime(refusalText(reason)), detail), refusalRemedy(reason));
+                       fmt::format(fmt::runtime(refusalText(reason)), detail),
+                       fmt::format(fmt::runtime(refusalRemedy(reason)), settings));
 }
 
 void RefusalReporter::report(RefusalReason reason, std::string_view account, AuthLevel level, std::string detail) {

@@ -22,7 +22,8 @@ struct Refusal {
 
     // "Refused OPC client 192.0.2.7:51234: account 'DOM\user', level connect: reason; remedy: ..."
     // What the client typed is cut to a sane length and freed of control characters.
-    std::string line() const;
+    // settings: how the operator finds the settings that a remedy is about.
+    std::string line(std::string_view settings = "the DCOM settings") const;
 };
 
 using RefusalSink = std::function<void(const Refusal&)>;

@@ -51,12 +51,15 @@ struct OpcNetwork::Impl {
           exporter(exporterSettings(settings, lines.trouble), [] { return timeSource().monotonicMilliseconds(); }),
           activationHandler(exporter, classes),
           objectHandler(exporter, opcda::wire::isOpcInterface),
-          protocol{
-              .accounts = settings.accounts,
-              .logOn = settings.ntlm,
-              .minimumLevel = settings.minimumLevel,
-              .onRefused = [trouble = lines.trouble](const dcom::rpc::Refusal& refusal) { trouble(refusal.line()); },
-              .challenge = std::nullopt},
+          protocol{.accounts = settings.accounts,
+                   .logOn = settings.ntlm,
+                   .minimumLevel = settings.minimumLevel,
+                   .onRefused =
+                       [trouble = lines.trouble](const dcom::rpc::Refusal& refusal) {
+                           trouble(refusal.line(dcom::dcomSettingsPath() +
+                                                " (a change counts once the server is restarted)"));
+                       },
+                   .challenge = std::nullopt},
           server(loop, loop, protocol, tcpSettings(lines)),
           timer(loop.makeTimer([this] { tick(); })) {
         classes.add(std::make_shared<opcda::wire::OpcClassFactory>(application));
