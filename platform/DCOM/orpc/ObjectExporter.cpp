@@ -65,11 +65,19 @@ Bindings ObjectExporter::resolverBindings(const rpc::Peer& peer) const {
 // --- calls ---
 
 ObjectExporter::Target ObjectExporter::route(const Uuid& ipid, const rpc::Peer& peer, const std::string& account) {
+    const Reached reached = reach(ipid, peer, account);
+    if (failed(reached.refusal)) {
+        return {nullptr, nullptr, reached.refusal};
+    }
+    return {reached.entry->object->object, reached.entry->methods, S_OK};
+}
+
+ObjectExporter::Reached ObjectExporter::reach(const Uuid& ipid, const rpc::Peer& peer, const std::string& account) {
     const auto found = byIpid_.find(ipid);
     if (found == byIpid_.end()) {
         return {nullptr, nullptr, faultDisconnected};
     }
-    const ExportedInterface& entry = *found->second;
+    ExportedInterface& entry = *found->second;
     Client* const client = callerOf(*entry.object, peer, account);
     if (client == nullptr) {
         return {nullptr, nullptr, refuseCaller(*entry.object, peer, account)};
@@ -79,7 +87,7 @@ ObjectExporter::Target ObjectExporter::route(const Uuid& ipid, const rpc::Peer& 
     if (!takenOut_.empty()) {
         takenOut_.erase(entry.object->oid);
     }
-    return {entry.object->object, entry.methods, S_OK};
+    return {&entry, client, S_OK};
 }
 
 // Identifiers of objects travel in the clear at the lower levels, so that knowing one proves nothing.
@@ -199,32 +207,32 @@ bool ObjectExporter::mayHoldMore(Client& client) {
     return false;
 }
 
-bool ObjectExporter::addReferences(ClientId client, const Uuid& ipid, std::uint64_t count) {
-    const auto entry = byIpid_.find(ipid);
-    const auto holder = clients_.find(client);
-    if (entry == byIpid_.end() || holder == clients_.end()) {
-        return false;
+HResult ObjectExporter::addReferences(const Uuid& ipid, const rpc::Peer& peer, const std::string& account,
+                                      std::uint64_t count) {
+    const Reached reached = reach(ipid, peer, account);
+    if (!failed(reached.refusal)) {
+        book(*reached.client, *reached.entry, count);
     }
-    book(*holder->second, *entry->second, count);
-    return true;
+    return reached.refusal;
 }
 
-void ObjectExporter::release(ClientId client, const Uuid& ipid, std::uint64_t count) {
-    const auto entry = byIpid_.find(ipid);
-    const auto found = clients_.find(client);
-    if (entry == byIpid_.end() || found == clients_.end()) {
-        return;
+HResult ObjectExporter::release(const Uuid& ipid, const rpc::Peer& peer, const std::string& account,
+                                std::uint64_t count) {
+    const Reached reached = reach(ipid, peer, account);
+    if (failed(reached.refusal)) {
+        return reached.refusal;
     }
-    Object& object = *entry->second->object;
-    Holder* holder = object.holderOf(found->second.get());
-    if (holder == nullptr || holder->counts.size() <= entry->second->index) {
-        return;
+    Object& object = *reached.entry->object;
+    Holder& holder = *object.holderOf(reached.client);
+    if (holder.counts.size() <= reached.entry->index) {
+        return S_OK;
     }
-    std::uint64_t& held = holder->counts[entry->second->index];
+    std::uint64_t& held = holder.counts[reached.entry->index];
     held -= std::min(held, count);
-    if (std::all_of(holder->counts.begin(), holder->counts.end(), [](std::uint64_t left) { return left == 0; })) {
-        drop(object, *found->second);
+    if (std::all_of(holder.counts.begin(), holder.counts.end(), [](std::uint64_t left) { return left == 0; })) {
+        drop(object, *reached.client);
     }
+    return S_OK;
 }
 
 void ObjectExporter::drop(Object& object, Client& client) {

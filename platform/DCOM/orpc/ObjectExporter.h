@@ -114,11 +114,11 @@ class ObjectExporter final : private PingSets::Listener {
     // when the object has no such interface (E_NOINTERFACE) or the user holds too many objects (E_OUTOFMEMORY).
     HResult addReference(ClientId client, const std::shared_ptr<ComObject>& object, const Uuid& iid,
                          std::uint32_t count, ObjectReference& reference);
-    // More references to what is held already. False when the IPID is dead or unknown.
-    bool addReferences(ClientId client, const Uuid& ipid, std::uint64_t count);
-    // Takes references back, at most as many as the client has; a dead or unknown IPID is no error. Objects that
-    // nobody holds any more are told by settle().
-    void release(ClientId client, const Uuid& ipid, std::uint64_t count);
+    // More references to what is held already. A failure is a target's refusal.
+    HResult addReferences(const Uuid& ipid, const rpc::Peer& peer, const std::string& account, std::uint64_t count);
+    // Takes references back, at most as many as the client has. A failure is a target's refusal. Objects that nobody
+    // holds any more are told by settle().
+    HResult release(const Uuid& ipid, const rpc::Peer& peer, const std::string& account, std::uint64_t count);
     // Tells the objects that nobody holds any more; of very many the rest is told by tick().
     void settle();
     // For an object that was made for a client which then could not use it: unless others hold it, it is told
@@ -178,6 +178,12 @@ class ObjectExporter final : private PingSets::Listener {
         std::unordered_set<std::uint64_t> connections;
         std::map<std::uint64_t, Object*> objects;  // by serial
     };
+    // An interface and the client that may call it, or why there is none.
+    struct Reached {
+        ExportedInterface* entry = nullptr;
+        Client* client = nullptr;
+        HResult refusal = S_OK;
+    };
     struct TakenOut {
         std::uint64_t since = 0;
         std::string host;
@@ -194,6 +200,7 @@ class ObjectExporter final : private PingSets::Listener {
     Client* connectedClient(const rpc::Peer& peer, const std::string& account);
     void connect(Client& client, const rpc::Peer& peer);
     Client* callerOf(Object& object, const rpc::Peer& peer, const std::string& account);
+    Reached reach(const Uuid& ipid, const rpc::Peer& peer, const std::string& account);
     HResult refuseCaller(const Object& object, const rpc::Peer& peer, const std::string& account);
     Client* merged(Client& one, Client& other);
     static void moveReferences(Client& into, Client& from);

@@ -152,11 +152,9 @@ std::uint32_t RemUnknown::addRef(const rpc::Call& call, ndr::Reader& in, ndr::Wr
     HResult outcome = S_OK;
     out.u32(static_cast<std::uint32_t>(changes.size()));
     for (const ReferenceChange& change : changes) {
-        const auto target = exporter_.route(change.ipid, call.peer, call.account);
-        HResult result = target.refusal == E_ACCESSDENIED ? E_ACCESSDENIED : E_INVALIDARG;
-        if (target.object != nullptr &&
-            exporter_.addReferences(exporter_.clientOf(call.peer, call.account), change.ipid, change.count)) {
-            result = S_OK;
+        HResult result = exporter_.addReferences(change.ipid, call.peer, call.account, change.count);
+        if (result == faultDisconnected) {
+            result = E_INVALIDARG;
         }
         out.u32(result);
         outcome = failed(result) ? result : outcome;
@@ -173,11 +171,8 @@ std::uint32_t RemUnknown::release(const rpc::Call& call, ndr::Reader& in, ndr::W
     }
     HResult outcome = S_OK;
     for (const ReferenceChange& change : changes) {
-        const auto target = exporter_.route(change.ipid, call.peer, call.account);
-        if (target.refusal == E_ACCESSDENIED) {
+        if (exporter_.release(change.ipid, call.peer, call.account, change.count) == E_ACCESSDENIED) {
             outcome = E_ACCESSDENIED;
-        } else if (target.object != nullptr) {
-            exporter_.release(exporter_.clientOf(call.peer, call.account), change.ipid, change.count);
         }
     }
     exporter_.settle();
