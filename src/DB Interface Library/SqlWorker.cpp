@@ -6,6 +6,9 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <vector>
 
 #include "Shared Types/TimeSource.h"
 
@@ -16,8 +19,10 @@ namespace {
 // How much the worker lets others go first: clients are to be answered beside the largest read.
 constexpr int niceness = 5;
 
-// How long a caller waits for a database that has let its caller wait in vain before: one that is back answers at once,
-// and one that is not must not hold up the other sites at every tick. The attempt itself has all its time.
+// An attempt to connect that failed after so long has held up the other sites, which must not happen at every tick.
+constexpr std::chrono::milliseconds slow{1'000};
+// How long a caller therefore waits for the next one: a database that is back answers at once. The attempt itself has
+// all its time.
 constexpr std::chrono::milliseconds patience{500};
 
 ErrorInfo noAnswerWithin(std::chrono::milliseconds limit) {
@@ -38,6 +43,34 @@ class SignalsBlocked {
 
  private:
     sigset_t before_{};
+};
+
+// Libraries take themselves apart when the process ends, which must not happen under the hands of a thread that is
+// still inside of one. As long as there is such a thread the process ends without that.
+class LeftBehind {
+ public:
+    static void add(std::future<void> end) {
+        static LeftBehind all;
+        // Behind the object, so that it runs before the object goes.
+        [[maybe_unused]] static const int isSet = on_exit(&LeftBehind::endProcess, &all);
+        std::erase_if(all.ends_, isReady);
+        all.ends_.push_back(std::move(end));
+    }
+
+ private:
+    static bool isReady(const std::future<void>& end) {
+        return end.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
+    }
+
+    static void endProcess(int status, void* self) {
+        const auto& ends = static_cast<LeftBehind*>(self)->ends_;
+        if (!std::all_of(ends.begin(), ends.end(), isReady)) {
+            std::fflush(nullptr);
+            _exit(status);
+        }
+    }
+
+    std::vector<std::future<void>> ends_;
 };
 
 void work(std::unique_ptr<ISqlConnection> connection, std::future<std::unique_ptr<SqlJob>> next,
@@ -66,6 +99,7 @@ SqlWorker::~SqlWorker() {
     next_.set_value(nullptr);
     if (hangs || threadEnd_.wait_for(timeouts_.grace) != std::future_status::ready) {
         thread_.detach();
+        LeftBehind::add(std::move(threadEnd_));
     } else {
         thread_.join();
     }
@@ -141,7 +175,7 @@ bool SqlWorker::awaitConnection(SqlProgress& progress) {
     progress.connectedAt_ = connected.at;
     failure_ = connected.failure;
     failedAt_ = timeSource().monotonicMilliseconds();
-    slowFailure_ = connected.at - progress.begun_ >= patience ? failure_ : std::nullopt;
+    slowFailure_ = connected.at - progress.begun_ >= slow ? failure_ : std::nullopt;
     return true;
 }
 

@@ -80,7 +80,8 @@ class SqlWorker {
     explicit SqlWorker(std::unique_ptr<ISqlConnection> connection);
     SqlWorker(const SqlWorker&) = delete;
     SqlWorker& operator=(const SqlWorker&) = delete;
-    // A library that hangs is left to itself; its connection goes when it returns.
+    // A library that hangs is left to itself; its connection goes when it returns. Should the process end before, it
+    // does so without the handlers that others have set for its end.
     ~SqlWorker();
 
     // Why a call would fail at once: the library still hangs in an earlier one, or connecting has just failed. Waits
