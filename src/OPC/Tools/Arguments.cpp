@@ -76,7 +76,6 @@ class Reader {
     Variant valueToWrite() const;
 
     CLI::App app_;
-    Origin origin_;
     Request request_;
     WriteCommand write_;
     CLI::Option* wait_ = nullptr;
@@ -103,7 +102,7 @@ CLI::App* Reader::command(const std::string& name) {
     return app_.add_subcommand(name)->fallthrough();
 }
 
-Reader::Reader(Origin origin) : origin_(origin) {
+Reader::Reader(Origin origin) {
     app_.set_help_flag();
     app_.require_subcommand(0, 1);
     app_.allow_extras();
