@@ -36,6 +36,20 @@ std::string_view withoutLastLevel(std::string_view text) {
     return dot == std::string_view::npos || dot == 0 ? std::string_view() : text.substr(0, dot);
 }
 
+// Without regard to case. Plain names are compared as they stand: a walk looks at every item of the plant.
+bool beginsWith(std::string_view name, std::string_view foldedPrefix) {
+    for (std::size_t i = 0; i < foldedPrefix.size() && i < name.size(); ++i) {
+        const char c = name[i];
+        if (static_cast<unsigned char>(c) >= 0x80) {
+            return FoldedKey(name).view().starts_with(foldedPrefix);
+        }
+        if ((c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c) != foldedPrefix[i]) {
+            return false;
+        }
+    }
+    return name.size() >= foldedPrefix.size();
+}
+
 // The part of the browse order that lies below a branch.
 class Walk {
  public:
@@ -55,13 +69,10 @@ class Walk {
         return {first, endOf(prefix, Order(first, order_.end()))};
     }
 
-    // The first of a part that does not begin with the (folded) prefix, when what comes before it does or is less.
+    // The first of a part that does not begin with the (folded) prefix, when no name of the part comes before it.
     // Looked for in growing steps, as most branches are small beside the plant.
-    Order::iterator endOf(const std::string& prefix, Order part) const {
-        const auto isBefore = [&](std::uint32_t index) {
-            const FoldedKey name(items_->at(index).Name());
-            return compareBrowseOrder(name.view(), prefix) < 0 || name.view().starts_with(prefix);
-        };
+    Order::iterator endOf(std::string_view prefix, Order part) const {
+        const auto isBefore = [&](std::uint32_t index) { return beginsWith(items_->at(index).Name(), prefix); };
         std::size_t passed = 0;
         std::size_t step = 1;
         while (passed + step <= part.size() && isBefore(part[passed + step - 1])) {

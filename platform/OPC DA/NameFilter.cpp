@@ -47,7 +47,7 @@ NameFilter::NameFilter(std::string_view pattern) {
         }
     }
     for (char32_t character = 0; character < plainCharacters; ++character) {
-        plain_.push_back(takenBy(character));
+        plain_.push_back(takenBy(foldCase(character)));
     }
 }
 
@@ -99,10 +99,13 @@ NameFilter::States NameFilter::takenBy(char32_t character) const {
     return states;
 }
 
-const NameFilter::States& NameFilter::statesThatTake(char32_t character) const {
-    if (character < plainCharacters) {
-        return plain_[character];
+// Moves position behind the character there.
+const NameFilter::States& NameFilter::statesThatTakeNext(std::string_view name, std::size_t& position) const {
+    if (const auto plain = static_cast<unsigned char>(name[position]); plain < plainCharacters) {
+        ++position;
+        return plain_[plain];
     }
+    const char32_t character = foldCase(nextCodePoint(name, position));
     const auto known = others_.find(character);
     return known != others_.end() ? known->second : others_.emplace(character, takenBy(character)).first->second;
 }
@@ -117,7 +120,7 @@ bool NameFilter::matches(std::string_view name) const {
     }
     States states{1};
     for (std::size_t position = 0; position < name.size();) {
-        const States& taking = statesThatTake(foldCase(nextCodePoint(name, position)));
+        const States& taking = statesThatTakeNext(name, position);
         std::uint64_t carry = 0;
         std::uint64_t any = 0;
         for (std::size_t i = 0; i < words; ++i) {

@@ -40,7 +40,7 @@ class NameFilter {
 
     static Element readList(std::string_view pattern, std::size_t& position, bool& closed);
     States takenBy(char32_t character) const;
-    const States& statesThatTake(char32_t character) const;
+    const States& statesThatTakeNext(std::string_view name, std::size_t& position) const;
 
     static constexpr std::size_t plainCharacters = 128;
     std::vector<Element> elements_;
