@@ -194,18 +194,24 @@ HResult Browser::browse(std::uint16_t type, std::string_view filter, VarType dat
     }
     const Order part = Walk(*items_, items_->browseOrder()).below(position_);
     const std::size_t skipped = position_.empty() ? 0 : characterCount(position_) + 1;
+    std::vector<std::string_view> found;
     switch (static_cast<BrowseType>(type)) {
         case BrowseType::branch:
         case BrowseType::leaf:
-            names = NameEnumerator(
-                levelNames(*items_, part, skipped, static_cast<BrowseType>(type) == BrowseType::branch, wanted));
+            found = levelNames(*items_, part, skipped, static_cast<BrowseType>(type) == BrowseType::branch, wanted);
             break;
         case BrowseType::flat:
-            names = NameEnumerator(flatNames(*items_, part, wanted));
+            found = flatNames(*items_, part, wanted);
             break;
         default:
             return E_INVALIDARG;
     }
+    found.shrink_to_fit();
+    Hold memory = memoryOf(budget_);
+    if (!memory.resize(found.size() * sizeof(std::string_view))) {
+        return E_OUTOFMEMORY;
+    }
+    names = NameEnumerator(std::move(found), std::move(memory));
     return names.size() == 0 ? S_FALSE : S_OK;
 }
 

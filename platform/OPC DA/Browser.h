@@ -6,10 +6,12 @@
 // without a name: "a..b" is "b" below "a.", ".x" is a leaf at the top.
 
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "Budget/ClientBudget.h"
 #include "OPC DA/Coercion.h"
 #include "OPC DA/Enumerators.h"
 #include "OPC DA/HResults.h"
@@ -24,7 +26,9 @@ enum class BrowseType : std::uint16_t { branch = 1, leaf = 2, flat = 3 };
 
 class Browser {
  public:
-    explicit Browser(const ItemStore& items) : items_(&items) {}
+    // What clients leaf through is held in the budget.
+    Browser(const ItemStore& items, std::shared_ptr<ClientBudget> budget)
+        : items_(&items), budget_(std::move(budget)) {}
 
     NamespaceType organization() const { return NamespaceType::hierarchical; }
     // The full name of the branch where the client stands; "" at the top.
@@ -37,7 +41,8 @@ class Browser {
     // Names at the position, sorted without regard to case: branches or leaves of this level, or (flat) the full item
     // IDs of everything at and below it. filter: "" or a pattern (see NameFilter), without regard to case; for leaves
     // and flat also the canonical type (VT_EMPTY: all) and access rights (a bit mask, 0: all).
-    // S_OK; S_FALSE when nothing was found (an empty list); OPC_E_INVALIDFILTER; E_INVALIDARG for another type.
+    // S_OK; S_FALSE when nothing was found (an empty list); OPC_E_INVALIDFILTER; E_INVALIDARG for another type;
+    // E_OUTOFMEMORY when the client's budget has no room for the list. 200,000 items take at most 40 ms.
     HResult browse(std::uint16_t type, std::string_view filter, VarType dataType, std::uint32_t accessRights,
                    NameEnumerator& names) const;
 
@@ -52,6 +57,7 @@ class Browser {
     HResult moveTo(std::string_view branch);
 
     const ItemStore* items_;
+    std::shared_ptr<ClientBudget> budget_;
     std::string position_;
 };
 

@@ -23,13 +23,21 @@ bool isDeadband(float percent) {
 }
 
 // Each group counts its generations from another start, so that a handle of one group seldom means an item of another.
-Group::Group(Server& server, Application& application, std::string name, std::uint32_t serverHandle, GroupState state)
+Group::Group(Server& server, Application& application, GroupHolds holds, std::string name, std::uint32_t serverHandle,
+             GroupState state)
     : server_(&server),
       application_(&application),
+      holds_(std::move(holds)),
       name_(std::move(name)),
       serverHandle_(serverHandle),
       state_(state),
       firstGeneration_(static_cast<std::uint16_t>(serverHandle * 37U % maxGeneration + 1)) {}
+
+Group::~Group() {
+    if (!isRemoved()) {
+        server_->groupGone(*this);
+    }
+}
 
 HResult Group::setState(const GroupChange& change) {
     if (isRemoved()) {
@@ -53,13 +61,16 @@ HResult Group::setName(std::string_view name) {
     if (isRemoved()) {
         return E_FAIL;
     }
-    if (name.empty()) {
+    if (name.empty() || name.size() > longestGroupName) {
         return E_INVALIDARG;
     }
-    if (name != name_ && server_->isNameTaken(name)) {
+    if (name == name_) {
+        return S_OK;
+    }
+    if (server_->isNameTaken(name)) {
         return OPC_E_DUPLICATENAME;
     }
-    name_ = name;
+    server_->rename(*this, name);
     return S_OK;
 }
 
@@ -77,7 +88,7 @@ std::uint32_t Group::insert(const ItemDefinition& item, const SLIKTag& tag) {
     if (freeSlots_.size() > restingSlots) {
         number = freeSlots_.front();
         freeSlots_.pop_front();
-    } else if (slots_.size() <= slotMask) {
+    } else if (slots_.size() <= slotMask && makeRoom(slots_.size() + 1)) {
         number = static_cast<std::uint32_t>(slots_.size());
         slots_.emplace_back().generation = firstGeneration_;
     } else {
@@ -90,7 +101,23 @@ std::uint32_t Group::insert(const ItemDefinition& item, const SLIKTag& tag) {
     slot.type = item.requestedType == VT_EMPTY ? tag.varType() : item.requestedType;
     slot.active = item.active;
     ++itemCount_;
+    listed_.reset();
     return static_cast<std::uint32_t>(slot.generation) << slotBits | number;
+}
+
+// Ahead of need by half, so that adding items one by one stays cheap.
+bool Group::makeRoom(std::size_t slots) {
+    if (slots <= slots_.capacity()) {
+        return true;
+    }
+    const std::size_t ahead = std::max<std::size_t>(slots + slots / 2, 8);
+    for (const std::size_t wanted : {ahead, slots}) {
+        if (holds_.memory.resize(footprint + wanted * slotCost)) {
+            slots_.reserve(wanted);
+            return true;
+        }
+    }
+    return false;
 }
 
 void Group::remove(std::uint32_t handle, Slot& slot) {
@@ -144,6 +171,7 @@ HResult Group::forEach(std::span<const std::uint32_t> handles, std::vector<HResu
     if (handles.empty()) {
         return E_INVALIDARG;
     }
+    listed_.reset();
     HResult all = S_OK;
     for (std::size_t i = 0; i < handles.size(); ++i) {
         Slot* slot = find(handles[i]);
@@ -195,30 +223,42 @@ HResult Group::setDatatypes(std::span<const std::uint32_t> handles, std::span<co
     });
 }
 
-Enumerator<ItemAttributes> Group::enumerateItems() const {
+HResult Group::enumerateItems(Enumerator<ItemAttributes>& items) const {
+    const HResult result = itemCount_ == 0 ? S_FALSE : S_OK;
+    if (auto listed = listed_.lock()) {
+        items = Enumerator<ItemAttributes>(std::move(listed));
+        return result;
+    }
+    Hold memory = holds_.memory.another();
+    if (!memory.resize(itemCount_ * sizeof(ItemAttributes))) {
+        return E_OUTOFMEMORY;
+    }
     std::vector<ItemAttributes> list;
     list.reserve(itemCount_);
     for (std::size_t number = 0; number < slots_.size(); ++number) {
         const Slot& slot = slots_[number];
-        if (slot.tag == nullptr) {
-            continue;
+        if (slot.tag != nullptr) {
+            const auto handle = static_cast<std::uint32_t>(slot.generation << slotBits | number);
+            list.push_back({slot.tag, slot.clientHandle, handle, slot.requestedType, slot.active});
         }
-        const auto handle = static_cast<std::uint32_t>(slot.generation << slotBits | number);
-        list.push_back({slot.tag->Name(), slot.active, slot.clientHandle, handle, slot.tag->accessRights(),
-                        slot.requestedType, slot.tag->varType()});
     }
-    return Enumerator<ItemAttributes>(std::move(list));
+    using List = Enumerator<ItemAttributes>::List;
+    auto made = std::make_shared<const List>(List{std::move(list), std::move(memory)});
+    listed_ = made;
+    items = Enumerator<ItemAttributes>(std::move(made));
+    return result;
 }
 
 void Group::askHost(std::span<const std::uint32_t> handles, SLIKNetwork::ReadDone done) {
-    asked_.clear();
+    std::vector<const SLIKTag*>& asked = application_->callBuffers().asked;
+    asked.clear();
     for (const std::uint32_t handle : handles) {
         const Slot* slot = find(handle);
         if (slot != nullptr && (slot->tag->accessRights() & accessReadable) != 0) {
-            asked_.push_back(slot->tag);
+            asked.push_back(slot->tag);
         }
     }
-    application_->control().deviceRead(asked_, std::move(done));
+    application_->control().deviceRead(asked, std::move(done));
 }
 
 HResult Group::write(std::span<const std::uint32_t> handles, std::vector<HResult>& errors) {
@@ -245,19 +285,26 @@ void Group::noteDataSent() {
     }
 }
 
-void Group::copyItemsFrom(const Group& other) {
+// False when the client's budget has no room for them.
+bool Group::copyItemsFrom(const Group& other) {
+    if (!makeRoom(other.itemCount_)) {
+        return false;
+    }
     for (const Slot& slot : other.slots_) {
         if (slot.tag != nullptr) {
             insert({slot.tag->Name(), slot.active, slot.clientHandle, slot.requestedType}, *slot.tag);
         }
     }
+    return true;
 }
 
+// The items go at once, whoever still holds the group; it keeps its own place until then.
 void Group::detach() {
     server_ = nullptr;
-    slots_.clear();
-    freeSlots_.clear();
+    slots_ = {};
+    freeSlots_ = {};
     itemCount_ = 0;
+    holds_.memory.set(footprint);
 }
 
 }  // namespace quelm::opcda

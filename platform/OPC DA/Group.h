@@ -12,6 +12,7 @@
 #include <string_view>
 #include <vector>
 
+#include "Budget/ClientBudget.h"
 #include "OPC DA/Coercion.h"
 #include "OPC DA/Enumerators.h"
 #include "OPC DA/HResults.h"
@@ -39,14 +40,14 @@ struct ItemResult {
     std::uint32_t accessRights = 0;  // 1 readable, 2 writable
 };
 
+// One item of a group as it was when somebody asked. Its name, canonical type and access rights stand in the item,
+// which lives as long as the server.
 struct ItemAttributes {
-    std::string_view itemId;
-    bool active = false;
+    const SLIKTag* tag = nullptr;
     std::uint32_t clientHandle = 0;
     std::uint32_t serverHandle = 0;
-    std::uint32_t accessRights = 0;
     VarType requestedType = VT_EMPTY;
-    VarType canonicalType = VT_EMPTY;
+    bool active = false;
 };
 
 // One item of a read. value lives until the sink returns.
@@ -80,17 +81,34 @@ struct GroupChange {
 // Milliseconds: the fastest update rate that a group gets.
 inline constexpr std::uint32_t minimumUpdateRate = 100;
 std::uint32_t revisedRate(std::uint32_t requested);
+// Bytes of a group's name.
+inline constexpr std::size_t longestGroupName = 1024;
 bool isDeadband(float percent);
+
+// What a group takes of its client's budget.
+struct GroupHolds {
+    Hold memory;
+    Hold place;
+};
 
 class Group {
  public:
-    Group(Server& server, Application& application, std::string name, std::uint32_t serverHandle, GroupState state);
+    // Bytes that a group takes without its items: itself, its object with four interfaces, the books about them.
+    static constexpr std::size_t footprint = 3072;
+
+    Group(Server& server, Application& application, GroupHolds holds, std::string name, std::uint32_t serverHandle,
+          GroupState state);
+    ~Group();
     Group(const Group&) = delete;
     Group& operator=(const Group&) = delete;
 
     const std::string& name() const { return name_; }
     std::uint32_t serverHandle() const { return serverHandle_; }
     const GroupState& state() const { return state_; }
+    Application& application() { return *application_; }
+    // Bytes that its client's budget has left, and a part of them, still empty, for what is made from this group.
+    std::size_t memoryLeft() const { return holds_.memory.room(); }
+    Hold memory() const { return holds_.memory.another(); }
     // The client removed it or its server object is gone. Who still holds the group answers such a client with E_FAIL;
     // the group's calls do no harm then and find no item.
     bool isRemoved() const { return server_ == nullptr; }
@@ -98,11 +116,12 @@ class Group {
     // S_OK; OPC_S_UNSUPPORTEDRATE when the rate was revised (see state().updateRate); E_INVALIDARG for a deadband
     // outside 0 to 100: nothing is changed then.
     HResult setState(const GroupChange& change);
-    // OPC_E_DUPLICATENAME; E_INVALIDARG for an empty name.
+    // OPC_E_DUPLICATENAME; E_INVALIDARG for an empty name or one that is too long.
     HResult setName(std::string_view name);
 
     // S_OK, or S_FALSE when at least one item has an error; results and errors get one entry for each item, and are
-    // reused without allocation when they are large enough. No item at all is E_INVALIDARG.
+    // reused without allocation when they are large enough. No item at all is E_INVALIDARG. An item for which the
+    // client's budget has no room gets E_OUTOFMEMORY.
     HResult addItems(std::span<const ItemDefinition> items, std::vector<ItemResult>& results);
     HResult validateItems(std::span<const ItemDefinition> items, std::vector<ItemResult>& results) const;
     HResult removeItems(std::span<const std::uint32_t> handles, std::vector<HResult>& errors);
@@ -112,7 +131,9 @@ class Group {
                              std::vector<HResult>& errors);
     HResult setDatatypes(std::span<const std::uint32_t> handles, std::span<const VarType> types,
                          std::vector<HResult>& errors);
-    Enumerator<ItemAttributes> enumerateItems() const;
+    // The items as they are now, one list for all who ask until something of it changes. S_OK; S_FALSE for a group
+    // without items; E_OUTOFMEMORY when the client's budget has no room for the list.
+    HResult enumerateItems(Enumerator<ItemAttributes>& items) const;
     std::size_t itemCount() const { return itemCount_; }
 
     // Calls sink(const ItemReading&) once for each handle, in order. S_OK, or S_FALSE when an item has an error.
@@ -140,6 +161,8 @@ class Group {
     static constexpr unsigned slotBits = 20;
     static constexpr std::uint32_t slotMask = (1U << slotBits) - 1;
     static constexpr std::uint32_t maxGeneration = 0xFFF;
+    // Bytes: the slot, and its number among the free ones.
+    static constexpr std::size_t slotCost = sizeof(Slot) + sizeof(std::uint32_t);
 
     Slot* find(std::uint32_t handle) {
         const std::uint32_t number = handle & slotMask;
@@ -164,11 +187,13 @@ class Group {
     // Puts the valid tags of a call together and raises OnRead.
     void askHost(std::span<const std::uint32_t> handles, SLIKNetwork::ReadDone done);
     void noteDataSent();
-    void copyItemsFrom(const Group& other);
+    bool makeRoom(std::size_t slots);
+    bool copyItemsFrom(const Group& other);
     void detach();
 
     Server* server_;
     Application* application_;
+    GroupHolds holds_;
     std::string name_;
     std::uint32_t serverHandle_;
     GroupState state_;
@@ -176,7 +201,7 @@ class Group {
     std::deque<std::uint32_t> freeSlots_;  // the slot that was freed first is used first
     std::size_t itemCount_ = 0;
     std::uint16_t firstGeneration_;
-    std::vector<const SLIKTag*> asked_;
+    mutable std::weak_ptr<const Enumerator<ItemAttributes>::List> listed_;
     OpcValue value_;
 };
 

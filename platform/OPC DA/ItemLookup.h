@@ -9,14 +9,18 @@
 
 namespace quelm::opcda {
 
-// Without regard to case. OPC_E_INVALIDITEMID for an empty ID, OPC_E_UNKNOWNITEMID for an unknown one; tag is then
-// nullptr.
+// Bytes; no engineer gives an item a longer name.
+inline constexpr std::size_t longestItemId = 4096;
+
+// Without regard to case. OPC_E_INVALIDITEMID for an ID that is empty or too long, OPC_E_UNKNOWNITEMID for an unknown
+// one; tag is then nullptr.
 inline HResult findItem(const ItemStore& items, std::string_view itemId, const SLIKTag*& tag) {
-    tag = itemId.empty() ? nullptr : items.find(itemId);
+    const bool possible = !itemId.empty() && itemId.size() <= longestItemId;
+    tag = possible ? items.find(itemId) : nullptr;
     if (tag != nullptr) {
         return S_OK;
     }
-    return itemId.empty() ? OPC_E_INVALIDITEMID : OPC_E_UNKNOWNITEMID;
+    return possible ? OPC_E_UNKNOWNITEMID : OPC_E_INVALIDITEMID;
 }
 
 }  // namespace quelm::opcda

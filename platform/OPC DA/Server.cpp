@@ -2,8 +2,10 @@
 
 #include <algorithm>
 #include <array>
+#include <utility>
 
 #include "SLIK-DA/Identity.h"
+#include "Shared Types/Text.h"
 #include "Shared Types/TimeSource.h"
 
 namespace quelm::opcda {
@@ -27,31 +29,41 @@ bool isAvailable(std::uint32_t localeId) {
 
 }  // namespace
 
-Application::Application(SLIKNetwork& control) : control_(&control), startTime_(timeSource().fileTimeNow()) {}
+// The order in which clients browse is made now: the first of them would wait for it.
+Application::Application(SLIKNetwork& control)
+    : control_(&control), startTime_(timeSource().fileTimeNow()), budgets_([this] { return items().Count(); }) {
+    items().browseOrder();
+}
 
-Server::Server(Application& application)
+Server::Server(Application& application, std::shared_ptr<ClientBudget> budget)
     : application_(&application),
       isAdmitted_(application.control().clientCreated()),
-      browser_(application.items()),
+      budget_(budget != nullptr ? std::move(budget) : std::make_shared<ClientBudget>(application.budgets().limits())),
+      memory_(memoryOf(budget_)),
+      browser_(application.items(), budget_),
       properties_(application.items()),
-      itemIO_(application.control()) {}
+      itemIO_(application.control()) {
+    memory_.set(footprint);
+}
 
 Server::~Server() {
-    for (const std::shared_ptr<Group>& group : groups_) {
+    for (const auto& [handle, group] : groups_) {
         group->detach();
     }
-    for (const std::weak_ptr<Group>& leaving : leaving_) {
-        if (const std::shared_ptr<Group> group = leaving.lock()) {
-            group->detach();
-        }
+    for (const auto& [handle, group] : leaving_) {
+        group->detach();
     }
     if (isAdmitted_) {
         application_->control().clientGone();
     }
 }
 
-bool Server::isNameTaken(std::string_view name) const {
-    return std::any_of(groups_.begin(), groups_.end(), [name](const auto& group) { return group->name() == name; });
+// "" is a name that the server will make.
+HResult Server::checkName(std::string_view name) const {
+    if (name.size() > longestGroupName) {
+        return E_INVALIDARG;
+    }
+    return isNameTaken(name) ? OPC_E_DUPLICATENAME : S_OK;
 }
 
 std::string Server::unusedName() {
@@ -62,9 +74,30 @@ std::string Server::unusedName() {
     return name;
 }
 
-std::shared_ptr<Group> Server::insert(std::string name, const GroupState& state) {
-    return groups_.emplace_back(
-        std::make_shared<Group>(*this, *application_, std::move(name), application_->nextGroupHandle(), state));
+HResult Server::insert(std::string_view name, const GroupState& state, std::shared_ptr<Group>& group) {
+    GroupHolds holds{memoryOf(budget_), groupsOf(budget_)};
+    if (!holds.place.resize(1) || !holds.memory.resize(Group::footprint)) {
+        return E_OUTOFMEMORY;
+    }
+    group =
+        std::make_shared<Group>(*this, *application_, std::move(holds), name.empty() ? unusedName() : std::string(name),
+                                application_->nextGroupHandle(), state);
+    groups_.emplace(group->serverHandle(), group);
+    byName_.emplace(group->name(), group.get());
+    return S_OK;
+}
+
+// A group that is leaving has no place among the names.
+void Server::rename(Group& group, std::string_view name) {
+    const auto known = byName_.find(group.name());
+    const bool listed = known != byName_.end() && known->second == &group;
+    if (listed) {
+        byName_.erase(known);
+    }
+    group.name_ = name;
+    if (listed) {
+        byName_.emplace(group.name(), &group);
+    }
 }
 
 HResult Server::addGroup(const GroupRequest& request, std::shared_ptr<Group>& group) {
@@ -72,8 +105,8 @@ HResult Server::addGroup(const GroupRequest& request, std::shared_ptr<Group>& gr
     if (!isDeadband(deadband)) {
         return E_INVALIDARG;
     }
-    if (!request.name.empty() && isNameTaken(request.name)) {
-        return OPC_E_DUPLICATENAME;
+    if (const HResult error = checkName(request.name); error != S_OK) {
+        return error;
     }
     const GroupState state{revisedRate(request.updateRate),
                            request.active,
@@ -81,31 +114,31 @@ HResult Server::addGroup(const GroupRequest& request, std::shared_ptr<Group>& gr
                            deadband,
                            request.localeId,
                            request.clientHandle};
-    group = insert(request.name.empty() ? unusedName() : std::string(request.name), state);
+    if (const HResult error = insert(request.name, state, group); error != S_OK) {
+        return error;
+    }
     return state.updateRate == request.updateRate ? S_OK : OPC_S_UNSUPPORTEDRATE;
 }
 
 HResult Server::groupByName(std::string_view name, std::shared_ptr<Group>& group) const {
-    const auto found =
-        std::find_if(groups_.begin(), groups_.end(), [name](const auto& each) { return each->name() == name; });
-    if (found == groups_.end()) {
+    const auto found = byName_.find(name);
+    if (found == byName_.end()) {
         return E_INVALIDARG;
     }
-    group = *found;
+    group = groups_.at(found->second->serverHandle());
     return S_OK;
 }
 
 HResult Server::removeGroup(std::uint32_t serverHandle, bool force, bool inUse) {
-    const auto found = std::find_if(groups_.begin(), groups_.end(),
-                                    [serverHandle](const auto& each) { return each->serverHandle() == serverHandle; });
+    const auto found = groups_.find(serverHandle);
     if (found == groups_.end()) {
         return E_INVALIDARG;
     }
-    const std::shared_ptr<Group> group = *found;
+    const std::shared_ptr<Group> group = std::move(found->second);
     groups_.erase(found);
+    byName_.erase(group->name());
     if (inUse && !force) {
-        std::erase_if(leaving_, [](const auto& leaving) { return leaving.expired(); });
-        leaving_.push_back(group);
+        leaving_.emplace(serverHandle, group.get());
         return OPC_S_INUSE;
     }
     group->detach();
@@ -116,13 +149,18 @@ HResult Server::cloneGroup(const Group& group, std::string_view name, std::share
     if (group.isRemoved()) {
         return E_FAIL;
     }
-    if (!name.empty() && isNameTaken(name)) {
-        return OPC_E_DUPLICATENAME;
+    if (const HResult error = checkName(name); error != S_OK) {
+        return error;
     }
     GroupState state = group.state();
     state.active = false;
-    clone = insert(name.empty() ? unusedName() : std::string(name), state);
-    clone->copyItemsFrom(group);
+    if (const HResult error = insert(name, state, clone); error != S_OK) {
+        return error;
+    }
+    if (!clone->copyItemsFrom(group)) {
+        removeGroup(std::exchange(clone, nullptr)->serverHandle(), true, false);
+        return E_OUTOFMEMORY;
+    }
     return S_OK;
 }
 
@@ -133,7 +171,10 @@ HResult Server::groups(std::uint16_t scope, std::vector<std::shared_ptr<Group>>&
         case EnumScope::allConnections:
         case EnumScope::privateGroups:
         case EnumScope::allGroups:
-            list = groups_;
+            list.reserve(groups_.size());
+            for (const auto& [handle, group] : groups_) {
+                list.push_back(group);
+            }
             break;
         case EnumScope::publicConnections:
         case EnumScope::publicGroups:
@@ -149,10 +190,16 @@ HResult Server::groupNames(std::uint16_t scope, StringEnumerator& names) const {
     const HResult result = groups(scope, list);
     std::vector<std::string> texts;
     texts.reserve(list.size());
+    std::size_t size = 0;
     for (const std::shared_ptr<Group>& group : list) {
         texts.push_back(group->name());
+        size += sizeof(std::string) + group->name().size();
     }
-    names = StringEnumerator(std::move(texts));
+    Hold memory = memoryOf(budget_);
+    if (!memory.resize(size)) {
+        return E_OUTOFMEMORY;
+    }
+    names = StringEnumerator(std::move(texts), std::move(memory));
     return result;
 }
 
@@ -180,6 +227,11 @@ HResult Server::setLocale(std::uint32_t localeId) {
     }
     localeId_ = localeId;
     return S_OK;
+}
+
+void Server::setClientName(std::string_view name) {
+    constexpr std::size_t longest = 256;
+    clientName_ = leftCharacters(name, longest);
 }
 
 std::span<const std::uint32_t> Server::availableLocales() {

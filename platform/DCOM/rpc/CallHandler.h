@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <span>
 #include <string>
+#include <string_view>
 
 #include "DCOM/Uuid.h"
 #include "DCOM/ndr/Writer.h"
@@ -19,6 +20,9 @@ struct Peer {
     std::string remoteAddress;    // "192.0.2.7:51234", for messages
     std::string localAddress;     // numeric address that the client dialled, without port
     std::uint16_t localPort = 0;  // port that the client dialled
+
+    // The address that the client comes from, without port.
+    std::string_view host() const { return std::string_view(remoteAddress).substr(0, remoteAddress.rfind(':')); }
 };
 
 // One call as it arrived, already authenticated, unsealed and put together from its fragments.

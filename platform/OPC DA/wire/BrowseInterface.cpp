@@ -31,16 +31,14 @@ std::uint32_t changePosition(Browser& browser, Reader& in, Writer& out) {
 }
 
 // An empty list is an enumerator without elements, never a null pointer: some clients call whatever they get.
-std::uint32_t writeNames(Writer& out, CallContext& context, HResult result, NameEnumerator names) {
-    if (failed(result)) {
-        return writeNoInterface(out, result);
-    }
-    context.writeInterface(out, std::make_shared<EnumString<std::string_view>>(std::move(names)), iidEnumString);
-    out.u32(result);
+std::uint32_t writeNames(const Server& server, Writer& out, CallContext& context, HResult result,
+                         NameEnumerator names) {
+    out.u32(writeEnumerator<EnumString<std::string_view>>(out, context, iidEnumString, memoryOf(server.budget()),
+                                                          std::move(names), result));
     return 0;
 }
 
-std::uint32_t browseItemIds(const Browser& browser, Reader& in, Writer& out, CallContext& context) {
+std::uint32_t browseItemIds(Server& server, Reader& in, Writer& out, CallContext& context) {
     const std::uint16_t type = in.u16();
     const std::string filter = in.wideString();
     const VarType dataType = in.u16();
@@ -49,8 +47,8 @@ std::uint32_t browseItemIds(const Browser& browser, Reader& in, Writer& out, Cal
         return dcom::faultBadStubData;
     }
     NameEnumerator names;
-    const HResult result = browser.browse(type, filter, dataType, accessRights, names);
-    return writeNames(out, context, result, std::move(names));
+    const HResult result = server.browser().browse(type, filter, dataType, accessRights, names);
+    return writeNames(server, out, context, result, std::move(names));
 }
 
 std::uint32_t getItemId(const Browser& browser, Reader& in, Writer& out) {
@@ -65,14 +63,14 @@ std::uint32_t getItemId(const Browser& browser, Reader& in, Writer& out) {
     return 0;
 }
 
-std::uint32_t browseAccessPaths(const Browser& browser, Reader& in, Writer& out, CallContext& context) {
+std::uint32_t browseAccessPaths(Server& server, Reader& in, Writer& out, CallContext& context) {
     const std::string itemId = in.wideString();
     if (!in.good()) {
         return dcom::faultBadStubData;
     }
     NameEnumerator paths;
-    const HResult result = browser.accessPaths(itemId, paths);
-    return writeNames(out, context, result, std::move(paths));
+    const HResult result = server.browser().accessPaths(itemId, paths);
+    return writeNames(server, out, context, result, std::move(paths));
 }
 
 }  // namespace
@@ -88,11 +86,11 @@ std::uint32_t BrowseInterface::call(Server& server, std::uint16_t opnum, Reader&
         case ChangeBrowsePosition:
             return changePosition(browser, in, out);
         case BrowseOpcItemIds:
-            return browseItemIds(browser, in, out, context);
+            return browseItemIds(server, in, out, context);
         case GetItemId:
             return getItemId(browser, in, out);
         case BrowseAccessPaths:
-            return browseAccessPaths(browser, in, out, context);
+            return browseAccessPaths(server, in, out, context);
         default:
             return dcom::faultOpnumRange;
     }

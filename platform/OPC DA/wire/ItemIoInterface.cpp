@@ -38,6 +38,19 @@ void writeQualitiesAndStamps(Writer& out, const std::vector<ItemIOReading>& read
     }
 }
 
+// Bytes of a reply behind its values: qualities, time stamps, results.
+std::size_t behindValues(std::size_t count) {
+    return 64 + count * (sizeof(std::uint16_t) + sizeof(std::int64_t) + sizeof(HResult));
+}
+
+std::uint32_t refuseRead(Writer& out, HResult result) {
+    out.nullPointer();
+    out.nullPointer();
+    out.nullPointer();
+    writeErrors(out, result, {});
+    return 0;
+}
+
 }  // namespace
 
 std::uint32_t ItemIoInterface::call(Server& server, std::uint16_t opnum, Reader& in, Writer& out,
@@ -53,42 +66,50 @@ std::uint32_t ItemIoInterface::call(Server& server, std::uint16_t opnum, Reader&
 }
 
 std::uint32_t ItemIoInterface::read(Server& server, Reader& in, Writer& out) {
+    const CallBuffers::Loan buffers(server.application().callBuffers());
     const std::uint32_t count = in.u32();
-    readStringArray(in, count, itemIds_);
-    readU32Array(in, count, maxAges_);
+    if (count > server.application().itemsPerCall()) {
+        return refuseRead(out, E_OUTOFMEMORY);
+    }
+    readStringArray(in, count, buffers->itemIds);
+    readU32Array(in, count, buffers->numbers);
     if (!in.good()) {
         return dcom::faultBadStubData;
     }
-    views_.assign(itemIds_.begin(), itemIds_.end());
-    HResult result = count == 0 ? E_INVALIDARG : server.itemIO().read(views_, maxAges_, readings_);
-    if (!failed(result) && !writeVariantArray(out, readings_)) {
-        result = E_OUTOFMEMORY;
-    }
-    errors_.clear();
+    buffers->views.assign(buffers->itemIds.begin(), buffers->itemIds.end());
+    std::vector<ItemIOReading>& readings = buffers->readings;
+    const HResult result = count == 0 ? E_INVALIDARG : server.itemIO().read(buffers->views, buffers->numbers, readings);
     if (failed(result)) {
-        out.nullPointer();
-        out.nullPointer();
-        out.nullPointer();
-    } else {
-        writeQualitiesAndStamps(out, readings_);
-        for (const ItemIOReading& reading : readings_) {
-            errors_.push_back(reading.error);
-        }
+        return refuseRead(out, result);
     }
-    writeErrors(out, result, errors_);
+    const std::size_t behind = behindValues(readings.size());
+    if (!writeVariantArray(out, ReplyRoom(out, server.budget()->memory.room()), readings, behind)) {
+        return refuseRead(out, E_OUTOFMEMORY);
+    }
+    writeQualitiesAndStamps(out, readings);
+    buffers->errors.clear();
+    for (const ItemIOReading& reading : readings) {
+        buffers->errors.push_back(reading.error);
+    }
+    writeErrors(out, result, buffers->errors);
     return 0;
 }
 
 std::uint32_t ItemIoInterface::writeVqt(Server& server, Reader& in, Writer& out) {
+    const CallBuffers::Loan buffers(server.application().callBuffers());
     const std::uint32_t count = in.u32();
-    readStringArray(in, count, itemIds_);
+    if (count > server.application().itemsPerCall()) {
+        writeErrors(out, E_OUTOFMEMORY, {});
+        return 0;
+    }
+    readStringArray(in, count, buffers->itemIds);
     skipVqts(in, count);
     if (!in.good()) {
         return dcom::faultBadStubData;
     }
-    views_.assign(itemIds_.begin(), itemIds_.end());
-    const HResult result = count == 0 ? E_INVALIDARG : server.itemIO().writeVQT(views_, errors_);
-    writeErrors(out, result, errors_);
+    buffers->views.assign(buffers->itemIds.begin(), buffers->itemIds.end());
+    const HResult result = count == 0 ? E_INVALIDARG : server.itemIO().writeVQT(buffers->views, buffers->errors);
+    writeErrors(out, result, buffers->errors);
     return 0;
 }
 

@@ -2,10 +2,6 @@
 
 // IOPCItemIO: reading items by their IDs, without a group. Writing is refused item by item.
 
-#include <string>
-#include <string_view>
-#include <vector>
-
 #include "OPC DA/wire/ServerBoundInterface.h"
 
 namespace quelm::opcda::wire {
@@ -19,13 +15,6 @@ class ItemIoInterface final : public ServerBoundInterface {
                        dcom::orpc::CallContext& context) override;
     std::uint32_t read(Server& server, dcom::ndr::Reader& in, dcom::ndr::Writer& out);
     std::uint32_t writeVqt(Server& server, dcom::ndr::Reader& in, dcom::ndr::Writer& out);
-
-    // Kept between calls so that a steady load allocates little.
-    std::vector<std::string> itemIds_;
-    std::vector<std::string_view> views_;
-    std::vector<std::uint32_t> maxAges_;
-    std::vector<ItemIOReading> readings_;
-    std::vector<HResult> errors_;
 };
 
 }  // namespace quelm::opcda::wire

@@ -1,5 +1,6 @@
 #include "OPC DA/wire/ItemMgtInterface.h"
 
+#include "OPC DA/Server.h"
 #include "OPC DA/wire/EnumeratorObjects.h"
 #include "OPC DA/wire/Iids.h"
 #include "OPC DA/wire/Parameters.h"
@@ -74,22 +75,21 @@ std::uint32_t ItemMgtInterface::invoke(std::uint16_t opnum, Reader& in, Writer& 
     }
 }
 
-void ItemMgtInterface::readHandles(Reader& in) {
-    readU32Array(in, in.u32(), handles_);
-}
-
-void ItemMgtInterface::readDefinitions(Reader& in) {
-    definitions_.clear();
-    itemIds_.clear();
+bool ItemMgtInterface::readDefinitions(Reader& in, CallBuffers& buffers) {
+    buffers.definitions.clear();
+    buffers.itemIds.clear();
     const std::uint32_t count = in.u32();
-    if (!readConformance(in, count, definitionSize)) {
-        return;
+    if (count > group_.application().itemsPerCall()) {
+        return false;
     }
-    definitions_.resize(count);
-    itemIds_.resize(count);
+    if (!readConformance(in, count, definitionSize)) {
+        return true;
+    }
+    buffers.definitions.resize(count);
+    buffers.itemIds.resize(count);
     std::vector<DefinitionPointers> pointers;
     pointers.reserve(count);
-    for (ItemDefinition& item : definitions_) {
+    for (ItemDefinition& item : buffers.definitions) {
         pointers.push_back(readDefinition(in, item));
     }
     for (std::uint32_t i = 0; i < count; ++i) {
@@ -97,87 +97,108 @@ void ItemMgtInterface::readDefinitions(Reader& in) {
             in.wideString();
         }
         if (pointers[i].itemId) {
-            itemIds_[i] = in.wideString();
+            buffers.itemIds[i] = in.wideString();
         }
         if (pointers[i].blob) {
             in.bytes(in.count(1));
         }
-        definitions_[i].itemId = itemIds_[i];
+        buffers.definitions[i].itemId = buffers.itemIds[i];
     }
+    return true;
 }
 
 std::uint32_t ItemMgtInterface::addOrValidate(bool add, Reader& in, Writer& out) {
-    readDefinitions(in);
-    if (!add) {
-        in.u32();  // whether to send blobs back: there are none
+    const CallBuffers::Loan buffers(group_.application().callBuffers());
+    HResult result = E_OUTOFMEMORY;
+    if (readDefinitions(in, *buffers)) {
+        if (!add) {
+            in.u32();  // whether to send blobs back: there are none
+        }
+        if (!in.good()) {
+            return dcom::faultBadStubData;
+        }
+        result = E_INVALIDARG;
+        if (group_.isRemoved()) {
+            result = E_FAIL;
+        } else if (!buffers->definitions.empty()) {
+            result = add ? group_.addItems(buffers->definitions, buffers->results)
+                         : group_.validateItems(buffers->definitions, buffers->results);
+        }
     }
-    if (!in.good()) {
-        return dcom::faultBadStubData;
-    }
-    HResult result = E_INVALIDARG;
-    if (group_.isRemoved()) {
-        result = E_FAIL;
-    } else if (!definitions_.empty()) {
-        result = add ? group_.addItems(definitions_, results_) : group_.validateItems(definitions_, results_);
-    }
-    errors_.clear();
+    buffers->errors.clear();
     if (failed(result)) {
         out.nullPointer();
     } else {
-        out.buffer().reserve(out.buffer().size() + 32 + results_.size() * (resultSize + sizeof(HResult)));
-        writeArrayHead(out, results_.size());
-        for (const ItemResult& item : results_) {
+        const std::vector<ItemResult>& results = buffers->results;
+        out.buffer().reserve(out.buffer().size() + 32 + results.size() * (resultSize + sizeof(HResult)));
+        writeArrayHead(out, results.size());
+        for (const ItemResult& item : results) {
             writeResult(out, item);
-            errors_.push_back(item.error);
+            buffers->errors.push_back(item.error);
         }
     }
-    writeErrors(out, result, errors_);
+    writeErrors(out, result, buffers->errors);
     return 0;
 }
 
-// What is common to all calls that give one result for each item and nothing else.
-template <class Action>
-std::uint32_t ItemMgtInterface::answer(Reader& in, Writer& out, Action action) {
+template <class ReadMore, class Action>
+std::uint32_t ItemMgtInterface::forHandles(Reader& in, Writer& out, ReadMore readMore, Action action) {
+    const CallBuffers::Loan buffers(group_.application().callBuffers());
+    const std::uint32_t count = in.u32();
+    if (count > group_.application().itemsPerCall()) {
+        writeErrors(out, E_OUTOFMEMORY, {});
+        return 0;
+    }
+    readU32Array(in, count, buffers->handles);
+    readMore(*buffers);
     if (!in.good()) {
         return dcom::faultBadStubData;
     }
     HResult result = E_INVALIDARG;
     if (group_.isRemoved()) {
         result = E_FAIL;
-    } else if (!handles_.empty()) {
-        result = action();
+    } else if (count != 0) {
+        result = action(*buffers);
     }
-    writeErrors(out, result, errors_);
+    writeErrors(out, result, buffers->errors);
     return 0;
 }
 
 std::uint32_t ItemMgtInterface::removeItems(Reader& in, Writer& out) {
-    readHandles(in);
-    return answer(in, out, [&] { return group_.removeItems(handles_, errors_); });
+    return forHandles(
+        in, out, [](CallBuffers&) {},
+        [&](CallBuffers& buffers) { return group_.removeItems(buffers.handles, buffers.errors); });
 }
 
 std::uint32_t ItemMgtInterface::setActiveState(Reader& in, Writer& out) {
-    readHandles(in);
-    const bool active = in.u32() != 0;
-    return answer(in, out, [&] { return group_.setActiveState(handles_, active, errors_); });
+    bool active = false;
+    return forHandles(
+        in, out, [&](CallBuffers&) { active = in.u32() != 0; },
+        [&](CallBuffers& buffers) { return group_.setActiveState(buffers.handles, active, buffers.errors); });
 }
 
 std::uint32_t ItemMgtInterface::setClientHandles(Reader& in, Writer& out) {
-    readHandles(in);
-    readU32Array(in, static_cast<std::uint32_t>(handles_.size()), clientHandles_);
-    return answer(in, out, [&] { return group_.setClientHandles(handles_, clientHandles_, errors_); });
+    const auto readNumbers = [&](CallBuffers& buffers) {
+        readU32Array(in, static_cast<std::uint32_t>(buffers.handles.size()), buffers.numbers);
+    };
+    return forHandles(in, out, readNumbers, [&](CallBuffers& buffers) {
+        return group_.setClientHandles(buffers.handles, buffers.numbers, buffers.errors);
+    });
 }
 
 std::uint32_t ItemMgtInterface::setDatatypes(Reader& in, Writer& out) {
-    readHandles(in);
     std::vector<VarType> types;
-    if (readConformance(in, static_cast<std::uint32_t>(handles_.size()), sizeof(VarType))) {
-        types.resize(handles_.size());
-        for (VarType& type : types) {
-            type = in.u16();
+    const auto readTypes = [&](CallBuffers& buffers) {
+        if (readConformance(in, static_cast<std::uint32_t>(buffers.handles.size()), sizeof(VarType))) {
+            types.resize(buffers.handles.size());
+            for (VarType& type : types) {
+                type = in.u16();
+            }
         }
-    }
-    return answer(in, out, [&] { return group_.setDatatypes(handles_, types, errors_); });
+    };
+    return forHandles(in, out, readTypes, [&](CallBuffers& buffers) {
+        return group_.setDatatypes(buffers.handles, types, buffers.errors);
+    });
 }
 
 std::uint32_t ItemMgtInterface::createEnumerator(Reader& in, Writer& out, dcom::orpc::CallContext& context) {
@@ -185,12 +206,9 @@ std::uint32_t ItemMgtInterface::createEnumerator(Reader& in, Writer& out, dcom::
     if (!in.good()) {
         return dcom::faultBadStubData;
     }
-    if (group_.isRemoved()) {
-        return writeNoInterface(out, E_FAIL);
-    }
-    const auto enumerator = std::make_shared<EnumOpcItemAttributes>(group_.enumerateItems());
-    const HResult result = context.writeInterface(out, enumerator, iid);
-    out.u32(failed(result) || group_.itemCount() != 0 ? result : S_FALSE);
+    Enumerator<ItemAttributes> items;
+    const HResult result = group_.isRemoved() ? E_FAIL : group_.enumerateItems(items);
+    out.u32(writeEnumerator<EnumOpcItemAttributes>(out, context, iid, group_.memory(), std::move(items), result));
     return 0;
 }
 

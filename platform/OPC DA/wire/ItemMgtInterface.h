@@ -2,10 +2,8 @@
 
 // IOPCItemMgt of a group: adding, checking, removing and changing its items.
 
-#include <string>
-#include <vector>
-
 #include "DCOM/orpc/ComObject.h"
+#include "OPC DA/CallBuffers.h"
 #include "OPC DA/Group.h"
 
 namespace quelm::opcda::wire {
@@ -24,18 +22,14 @@ class ItemMgtInterface final : public dcom::orpc::Interface {
     std::uint32_t setDatatypes(dcom::ndr::Reader& in, dcom::ndr::Writer& out);
     std::uint32_t createEnumerator(dcom::ndr::Reader& in, dcom::ndr::Writer& out, dcom::orpc::CallContext& context);
 
-    void readDefinitions(dcom::ndr::Reader& in);
-    void readHandles(dcom::ndr::Reader& in);
-    template <class Action>
-    std::uint32_t answer(dcom::ndr::Reader& in, dcom::ndr::Writer& out, Action action);
+    // False, and nothing read, for more items than a call may have.
+    bool readDefinitions(dcom::ndr::Reader& in, CallBuffers& buffers);
+    // A call that names items by their handles and is answered with a result for each and nothing else.
+    // readMore(buffers) reads what stands behind the handles; action(buffers) carries the call out.
+    template <class ReadMore, class Action>
+    std::uint32_t forHandles(dcom::ndr::Reader& in, dcom::ndr::Writer& out, ReadMore readMore, Action action);
 
     Group& group_;
-    std::vector<std::uint32_t> handles_;
-    std::vector<std::uint32_t> clientHandles_;
-    std::vector<std::string> itemIds_;
-    std::vector<ItemDefinition> definitions_;
-    std::vector<ItemResult> results_;
-    std::vector<HResult> errors_;
 };
 
 }  // namespace quelm::opcda::wire

@@ -16,12 +16,19 @@ enum Opnum : std::uint16_t { QueryAvailableProperties = 3, GetItemProperties = 4
 struct PropertyRequest {
     std::string itemId;
     std::vector<std::uint32_t> ids;
+    bool tooMany = false;  // to be answered; the ids are not read then
 };
 
 PropertyRequest readRequest(Reader& in) {
+    // An item has six; who asks for each of them a hundred times is served all the same.
+    constexpr std::uint32_t mostIds = 1000;
     PropertyRequest request;
     request.itemId = in.wideString();
-    readU32Array(in, in.u32(), request.ids);
+    const std::uint32_t count = in.u32();
+    request.tooMany = count > mostIds;
+    if (!request.tooMany) {
+        readU32Array(in, count, request.ids);
+    }
     return request;
 }
 
@@ -70,17 +77,22 @@ std::uint32_t queryAvailable(const Properties& source, Reader& in, Writer& out) 
     return 0;
 }
 
-std::uint32_t getProperties(const Properties& source, Reader& in, Writer& out) {
+std::uint32_t getProperties(const Server& server, Reader& in, Writer& out) {
     const PropertyRequest request = readRequest(in);
     if (!in.good()) {
         return dcom::faultBadStubData;
     }
+    if (request.tooMany) {
+        return writeFailure(out, E_OUTOFMEMORY);
+    }
     std::vector<PropertyValue> properties;
-    const HResult result = request.ids.empty() ? E_INVALIDARG : source.values(request.itemId, request.ids, properties);
+    const HResult result =
+        request.ids.empty() ? E_INVALIDARG : server.properties().values(request.itemId, request.ids, properties);
     if (failed(result)) {
         return writeFailure(out, result);
     }
-    if (!writeVariantArray(out, properties)) {
+    const std::size_t behind = 16 + properties.size() * sizeof(HResult);
+    if (!writeVariantArray(out, ReplyRoom(out, server.budget()->memory.room()), properties, behind)) {
         return writeFailure(out, E_OUTOFMEMORY);
     }
     std::vector<HResult> errors;
@@ -95,6 +107,9 @@ std::uint32_t lookupItemIds(const Properties& source, Reader& in, Writer& out) {
     const PropertyRequest request = readRequest(in);
     if (!in.good()) {
         return dcom::faultBadStubData;
+    }
+    if (request.tooMany) {
+        return writeFailure(out, E_OUTOFMEMORY);
     }
     std::vector<HResult> errors;
     const HResult result =
@@ -118,7 +133,7 @@ std::uint32_t ItemPropertiesInterface::call(Server& server, std::uint16_t opnum,
         case QueryAvailableProperties:
             return queryAvailable(server.properties(), in, out);
         case GetItemProperties:
-            return getProperties(server.properties(), in, out);
+            return getProperties(server, in, out);
         case LookupItemIds:
             return lookupItemIds(server.properties(), in, out);
         default:

@@ -10,9 +10,14 @@ dcom::Uuid OpcClassFactory::classId() const {
     return id;
 }
 
-std::shared_ptr<dcom::orpc::ComObject> OpcClassFactory::create(const dcom::rpc::Peer& /*peer*/,
-                                                               const std::string& /*account*/, dcom::HResult& result) {
-    auto object = std::make_shared<OpcServerObject>(application_);
+std::shared_ptr<dcom::orpc::ComObject> OpcClassFactory::create(const dcom::rpc::Peer& peer, const std::string& account,
+                                                               dcom::HResult& result) {
+    std::shared_ptr<ClientBudget> budget = application_.budgets().of(account, peer.host());
+    if (budget->memory.room() < Server::footprint) {
+        result = E_OUTOFMEMORY;
+        return nullptr;
+    }
+    auto object = std::make_shared<OpcServerObject>(application_, std::move(budget));
     const bool isAdmitted = object->server()->isAdmitted();
     result = isAdmitted ? S_OK : dcom::CO_E_SERVER_STOPPING;
     return isAdmitted ? object : nullptr;

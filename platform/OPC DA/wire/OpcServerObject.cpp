@@ -14,8 +14,8 @@ constexpr std::size_t rememberedGroups = 256;
 
 }  // namespace
 
-OpcServerObject::OpcServerObject(Application& application)
-    : server_(std::in_place, application),
+OpcServerObject::OpcServerObject(Application& application, std::shared_ptr<ClientBudget> budget)
+    : server_(std::in_place, application, std::move(budget)),
       serverInterface_(*this),
       browse_(*this),
       common_(*this),

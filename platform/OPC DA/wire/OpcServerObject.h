@@ -22,8 +22,8 @@ class OpcGroupObject;
 
 class OpcServerObject final : public dcom::orpc::ComObject {
  public:
-    // The application outlives the object.
-    explicit OpcServerObject(Application& application);
+    // The application outlives the object. budget: where what the client holds is counted; none: one of its own.
+    explicit OpcServerObject(Application& application, std::shared_ptr<ClientBudget> budget = nullptr);
     OpcServerObject(const OpcServerObject&) = delete;
     OpcServerObject& operator=(const OpcServerObject&) = delete;
 

@@ -3,6 +3,7 @@
 // The shapes of parameters that most OPC methods share: counted arrays in, allocated arrays and texts out.
 // Every count is held against what is left of the stub before anything is allocated by it.
 
+#include <algorithm>
 #include <cstdint>
 #include <span>
 #include <string>
@@ -16,9 +17,32 @@
 
 namespace quelm::opcda::wire {
 
-// No reply grows beyond this many bytes (a million numbers): a call that asks for more is refused as a whole
-// (E_OUTOFMEMORY), so that no client can make the server run out of memory for all the others.
-inline constexpr std::size_t maxReplySize = 64U << 20U;
+// How large the reply of one call may become: a call that asks for more is refused as a whole (E_OUTOFMEMORY), so that
+// no client can make the server run out of memory for all the others.
+class ReplyRoom {
+ public:
+    // Bytes (a million numbers), whatever the client's budget.
+    static constexpr std::size_t largest = 64U << 20U;
+    // Even a client that has used up its budget is told so, and may let go of what it holds.
+    static constexpr std::size_t least = 64U << 10U;
+
+    // From here on. memoryLeft: bytes that the client's budget has left.
+    ReplyRoom(dcom::ndr::Writer& out, std::size_t memoryLeft)
+        : out_(out), start_(out.buffer().size()), limit_(std::clamp(memoryLeft, least, largest)) {}
+
+    // Whether so many bytes more may follow what was written.
+    bool has(std::size_t bytes) const {
+        const std::size_t written = out_.buffer().size() - start_;
+        return written <= limit_ && bytes <= limit_ - written;
+    }
+    // Takes back what was written.
+    void clear() { out_.buffer().resize(start_); }
+
+ private:
+    dcom::ndr::Writer& out_;
+    std::size_t start_;
+    std::size_t limit_;
+};
 
 // The elements of an [in, size_is(count)] array of 32-bit values, behind its conformance. A conformance that
 // contradicts the count latches the reader's fault. The vector's room is reused.

@@ -137,26 +137,28 @@ std::uint32_t ServerInterface::createGroupEnumerator(Server& server, Reader& in,
     if (!in.good()) {
         return dcom::faultBadStubData;
     }
-    std::shared_ptr<EnumeratorObject> enumerator;
-    HResult result = E_NOINTERFACE;
-    if (iid == iidEnumUnknown) {
-        std::vector<std::shared_ptr<Group>> groups;
-        result = server.groups(scope, groups);
-        std::vector<std::shared_ptr<dcom::orpc::ComObject>> objects;
-        for (const auto& group : groups) {
-            objects.push_back(object().groupObject(group));
-        }
-        enumerator = std::make_shared<EnumUnknown>(Enumerator(std::move(objects)));
-    } else if (iid == iidEnumString) {
+    if (iid == iidEnumString) {
         StringEnumerator names;
-        result = server.groupNames(scope, names);
-        enumerator = std::make_shared<EnumString<std::string>>(std::move(names));
+        const HResult result = server.groupNames(scope, names);
+        out.u32(writeEnumerator<EnumString<std::string>>(out, context, iid, memoryOf(server.budget()), std::move(names),
+                                                         result));
+        return 0;
     }
-    if (failed(result)) {
-        return writeNoInterface(out, result);
+    if (iid != iidEnumUnknown) {
+        return writeNoInterface(out, E_NOINTERFACE);
     }
-    context.writeInterface(out, enumerator, iid);
-    out.u32(result);
+    std::vector<std::shared_ptr<Group>> groups;
+    const HResult result = server.groups(scope, groups);
+    Hold memory = memoryOf(server.budget());
+    if (!memory.resize(groups.size() * sizeof groups[0])) {
+        return writeNoInterface(out, E_OUTOFMEMORY);
+    }
+    std::vector<std::shared_ptr<dcom::orpc::ComObject>> objects;
+    for (const auto& group : groups) {
+        objects.push_back(object().groupObject(group));
+    }
+    out.u32(writeEnumerator<EnumUnknown>(out, context, iid, memory.another(),
+                                         Enumerator(std::move(objects), std::move(memory)), result));
     return 0;
 }
 

@@ -1,5 +1,6 @@
 #include "OPC DA/wire/SyncIoInterface.h"
 
+#include "OPC DA/Server.h"
 #include "OPC DA/wire/Parameters.h"
 #include "OPC DA/wire/WireVariant.h"
 
@@ -16,11 +17,11 @@ enum Source : std::uint16_t { Cache = 1, Device = 2 };
 // The array of item states, filled in place while the values are written behind it.
 class StateArray {
  public:
-    // Bytes of the reply for an item with a number as its value, result included.
-    static constexpr std::size_t itemSize = 20 + scalarVariantSize + sizeof(HResult);
+    // Bytes of the reply for an item with a number as its value, without its result.
+    static constexpr std::size_t itemSize = 20 + scalarVariantSize;
 
     StateArray(Writer& out, std::uint32_t count) : out_(out) {
-        out.buffer().reserve(out.buffer().size() + headSize + itemSize * count);
+        out.buffer().reserve(out.buffer().size() + headSize + (itemSize + sizeof(HResult)) * count);
         writeArrayHead(out, count);
         next_ = out.buffer().size();
         out.extend(stateSize * count);
@@ -68,43 +69,55 @@ std::uint32_t SyncIoInterface::invoke(std::uint16_t opnum, Reader& in, Writer& o
 }
 
 std::uint32_t SyncIoInterface::read(Reader& in, Writer& out) {
+    const CallBuffers::Loan buffers(group_.application().callBuffers());
+    std::vector<std::uint32_t>& handles = buffers->handles;
+    std::vector<HResult>& errors = buffers->errors;
     const std::uint16_t source = in.u16();
-    readU32Array(in, in.u32(), handles_);
+    const std::uint32_t count = in.u32();
+    if (count > group_.application().itemsPerCall()) {
+        return refuseRead(out, E_OUTOFMEMORY);
+    }
+    readU32Array(in, count, handles);
     if (!in.good()) {
         return dcom::faultBadStubData;
     }
     if (group_.isRemoved()) {
         return refuseRead(out, E_FAIL);
     }
-    if (handles_.empty() || (source != Cache && source != Device)) {
+    if (handles.empty() || (source != Cache && source != Device)) {
         return refuseRead(out, E_INVALIDARG);
     }
-    if (handles_.size() > maxReplySize / StateArray::itemSize) {
+    ReplyRoom room(out, group_.memoryLeft());
+    const std::size_t behind = 16 + handles.size() * sizeof(HResult);
+    if (!room.has(behind + handles.size() * StateArray::itemSize)) {
         return refuseRead(out, E_OUTOFMEMORY);
     }
-    const std::size_t start = out.buffer().size();
-    const auto isTooLarge = [&out, start] { return out.buffer().size() - start > maxReplySize; };
-    StateArray states(out, static_cast<std::uint32_t>(handles_.size()));
-    errors_.clear();
+    StateArray states(out, static_cast<std::uint32_t>(handles.size()));
+    errors.clear();
     const auto sink = [&](const ItemReading& reading) {
-        if (!isTooLarge()) {
+        if (room.has(behind)) {
             states.add(reading);
-            errors_.push_back(reading.error);
+            errors.push_back(reading.error);
         }
     };
-    const HResult result = source == Cache ? group_.readCache(handles_, sink) : group_.readDevice(handles_, sink);
-    if (isTooLarge()) {
-        out.buffer().resize(start);
+    const HResult result = source == Cache ? group_.readCache(handles, sink) : group_.readDevice(handles, sink);
+    if (!room.has(behind)) {
+        room.clear();
         return refuseRead(out, E_OUTOFMEMORY);
     }
-    writeU32Array(out, errors_);
+    writeU32Array(out, errors);
     out.u32(result);
     return 0;
 }
 
 std::uint32_t SyncIoInterface::write(Reader& in, Writer& out) {
+    const CallBuffers::Loan buffers(group_.application().callBuffers());
     const std::uint32_t count = in.u32();
-    readU32Array(in, count, handles_);
+    if (count > group_.application().itemsPerCall()) {
+        writeErrors(out, E_OUTOFMEMORY, {});
+        return 0;
+    }
+    readU32Array(in, count, buffers->handles);
     skipVariantArray(in, count);
     if (!in.good()) {
         return dcom::faultBadStubData;
@@ -113,9 +126,9 @@ std::uint32_t SyncIoInterface::write(Reader& in, Writer& out) {
     if (group_.isRemoved()) {
         result = E_FAIL;
     } else if (count != 0) {
-        result = group_.write(handles_, errors_);
+        result = group_.write(buffers->handles, buffers->errors);
     }
-    writeErrors(out, result, errors_);
+    writeErrors(out, result, buffers->errors);
     return 0;
 }
 

@@ -3,8 +3,6 @@
 // IOPCSyncIO of a group: the call that clients make all day. A read from the cache goes straight from the handles in
 // the request to the bytes of the reply.
 
-#include <vector>
-
 #include "DCOM/orpc/ComObject.h"
 #include "OPC DA/Group.h"
 
@@ -21,8 +19,6 @@ class SyncIoInterface final : public dcom::orpc::Interface {
     std::uint32_t write(dcom::ndr::Reader& in, dcom::ndr::Writer& out);
 
     Group& group_;
-    std::vector<std::uint32_t> handles_;
-    std::vector<HResult> errors_;
 };
 
 }  // namespace quelm::opcda::wire

@@ -19,10 +19,15 @@ void writeVariant(dcom::ndr::Writer& out, const OpcValue& value);
 inline constexpr std::size_t scalarVariantSize = 32;
 
 // An [out] array of VARIANTs that the callee allocates: pointer, conformance, referents, bodies. A reading has an
-// error, a value and the type to deliver it in. Nothing is written and false given when it would exceed a reply's size.
+// error, a value and the type to deliver it in. behind: bytes of the reply that follow the array.
+// Nothing is written and false given when the reply has no room for it.
 template <class Reading>
-bool writeVariantArray(dcom::ndr::Writer& out, const std::vector<Reading>& readings) {
-    const std::size_t start = out.buffer().size();
+bool writeVariantArray(dcom::ndr::Writer& out, ReplyRoom room, const std::vector<Reading>& readings,
+                       std::size_t behind) {
+    constexpr std::size_t leastSize = sizeof(std::uint32_t) + scalarVariantSize - 8;
+    if (!room.has(behind + readings.size() * leastSize)) {
+        return false;
+    }
     writeArrayHead(out, readings.size());
     for (std::size_t i = 0; i < readings.size(); ++i) {
         out.pointer();
@@ -33,8 +38,8 @@ bool writeVariantArray(dcom::ndr::Writer& out, const std::vector<Reading>& readi
             convert(reading.value, reading.type, value);
         }
         writeVariant(out, value);
-        if (out.buffer().size() - start > maxReplySize) {
-            out.buffer().resize(start);
+        if (!room.has(behind)) {
+            room.clear();
             return false;
         }
     }

@@ -49,7 +49,7 @@ class BrowserTest : public OpcDaTest {
         }
     }
 
-    Browser browser{application.items()};
+    Browser browser{application.items(), application.budgets().of("", "")};
     HResult result = S_OK;
 };
 

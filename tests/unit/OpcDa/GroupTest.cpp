@@ -106,7 +106,9 @@ TEST_F(GroupTest, RemovedHandlesStayDeadForALongTime) {
         ASSERT_NE(last, 0U);
     }
     EXPECT_EQ(group->itemCount(), 1U);
-    EXPECT_EQ(group->enumerateItems().size(), 1U);
+    Enumerator<ItemAttributes> items;
+    EXPECT_EQ(group->enumerateItems(items), S_OK);
+    EXPECT_EQ(items.size(), 1U);
 }
 
 TEST_F(GroupTest, CacheReadAsksNobodyAndShowsInactiveAsOutOfService) {
@@ -210,12 +212,13 @@ TEST_F(GroupTest, EnumerationTellsEachItemsAttributes) {
     const Handles handles = addItems(*group, {"Plant.Stack1.NOx", "Status", "Plant.Stack1.Count"}, VT_BSTR);
     group->removeItems(Handles{handles[1]}, errors);
     group->setActiveState(Handles{handles[2]}, false, errors);
-    auto items = group->enumerateItems();
+    Enumerator<ItemAttributes> items;
+    EXPECT_EQ(group->enumerateItems(items), S_OK);
     const auto both = items.next(10);
     ASSERT_EQ(both.size(), 2U);
-    EXPECT_EQ(both[0].itemId, "Plant.Stack1.NOx");
+    EXPECT_EQ(both[0].tag->Name(), "Plant.Stack1.NOx");
     EXPECT_EQ(both[0].serverHandle, handles[0]);
-    EXPECT_EQ(both[0].canonicalType, VT_R4);
+    EXPECT_EQ(both[0].tag->varType(), VT_R4);
     EXPECT_EQ(both[0].requestedType, VT_BSTR);
     EXPECT_TRUE(both[0].active);
     EXPECT_EQ(both[1].clientHandle, 102U);

@@ -106,10 +106,11 @@ TEST_F(ServerTest, ACloneIsInactiveWithItsOwnHandles) {
     EXPECT_FALSE(clone->state().active);
     EXPECT_EQ(clone->state().clientHandle, 7U);
     EXPECT_NE(clone->serverHandle(), group->serverHandle());
-    auto items = clone->enumerateItems();
+    Enumerator<ItemAttributes> items;
+    EXPECT_EQ(clone->enumerateItems(items), S_OK);
     const auto both = items.next(3);
     ASSERT_EQ(both.size(), 2U);
-    EXPECT_EQ(both[1].itemId, "Status");
+    EXPECT_EQ(both[1].tag->Name(), "Status");
     EXPECT_EQ(both[1].clientHandle, 101U);
     EXPECT_EQ(both[1].requestedType, VT_BSTR);
     EXPECT_TRUE(both[1].active);
