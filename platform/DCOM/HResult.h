@@ -34,6 +34,7 @@ inline constexpr std::uint32_t faultUnknownInterface = 0x1C010003;
 inline constexpr std::uint32_t faultProtocol = 0x1C01000B;
 inline constexpr std::uint32_t faultServerTooBusy = 0x1C010014;
 inline constexpr std::uint32_t faultBadStubData = 0x000006F7;
-inline constexpr std::uint32_t faultDisconnected = 0x80010108;  // the object behind the IPID is gone
+inline constexpr std::uint32_t faultOutOfMemory = E_OUTOFMEMORY;  // what COM hands on to the caller as it stands
+inline constexpr std::uint32_t faultDisconnected = 0x80010108;    // the object behind the IPID is gone
 
 }  // namespace quelm::dcom

@@ -101,6 +101,7 @@ void ServerConnection::process() {
         } else {
             input_.take(header.fragmentLength);
             dispatch(header, waiting.first(header.fragmentLength));
+            held_.set(bytesHeld());
         }
     }
     if (closing_) {
@@ -116,6 +117,7 @@ void ServerConnection::sent(std::size_t count) {
         if (output_.capacity() > keptOutput) {
             output_.shrink_to_fit();
         }
+        held_.set(bytesHeld());
     }
 }
 
@@ -272,6 +274,9 @@ void ServerConnection::onRequest(const Header& header, std::span<std::uint8_t> p
             return;
         }
     }
+    if (context != nullptr && context->state() == SecurityContext::State::LoggedOn) {
+        countFor(*context);
+    }
     const auto stub = pdu.subspan(request.stubOffset, stubEnd - request.stubOffset);
     constexpr std::uint8_t whole = flagFirst | flagLast;
     if ((header.flags & whole) != whole || assembly_.active()) {
@@ -343,6 +348,10 @@ void ServerConnection::assemble(const Header& header, const Request& request, st
         if (status != 0) {
             appendFault(output_, header.callId, request.contextId, status, flagDidNotExecute);
             assembly_.drop();
+        } else if (stub.size() > held_.room()) {
+            appendFault(output_, header.callId, request.contextId, faultOutOfMemory, flagDidNotExecute);
+            assembly_.drop();
+            assembly_.release();
         } else if (!assembly_.add(stub, loggedOn() ? settings_.maxCallSize
                                                    : std::min(settings_.maxCallSize, maxCallSizeBeforeLogOn))) {
             return protocolError(header, RefusalReason::CallTooLarge);
@@ -356,6 +365,13 @@ void ServerConnection::assemble(const Header& header, const Request& request, st
         perform(header.callId, request, assembly_.stub(), context);
     }
     assembly_.release();
+}
+
+void ServerConnection::countFor(const SecurityContext& client) {
+    if (!isCounted_ && settings_.budgets != nullptr) {
+        held_ = memoryOf(settings_.budgets->of(client.account(), peer_.host()));
+        isCounted_ = true;
+    }
 }
 
 // The handler writes its reply right where it is sent from, behind the header of the first fragment.
@@ -402,6 +418,7 @@ void ServerConnection::answerDeferred(std::uint32_t status, std::span<const std:
     output_.resize(start + callHeaderSize);
     output_.insert(output_.end(), stub.begin(), stub.end());
     finishReply(start, done->header, done->securityId ? security_.find(*done->securityId) : nullptr, status);
+    held_.set(bytesHeld());
 }
 
 void ServerConnection::wakeUp() {

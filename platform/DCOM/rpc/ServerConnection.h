@@ -83,6 +83,7 @@ class ServerConnection final : private ITicketOffice {
     bool unprotect(const Header& header, std::span<std::uint8_t> pdu, std::size_t bodyOffset,
                    const AuthTrailer& trailer, SecurityContext* context);
     void protocolError(const Header& header, RefusalReason reason);
+    void countFor(const SecurityContext& client);
 
     const ServerSettings& settings_;
     CallHandler& handler_;
@@ -103,6 +104,9 @@ class ServerConnection final : private ITicketOffice {
     PresentationContexts presentations_;
     SecurityContexts security_;
     CallAssembly assembly_;
+    // The buffers, in the budget of whoever logged on here first.
+    Hold held_;
+    bool isCounted_ = false;
 
     class Deferral;
     std::shared_ptr<Deferral> deferral_;  // of the call that is answered later

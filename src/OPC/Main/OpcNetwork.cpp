@@ -59,6 +59,7 @@ struct OpcNetwork::Impl {
                            trouble(refusal.line(dcom::dcomSettingsPath() +
                                                 " (a change counts once the server is restarted)"));
                        },
+                   .budgets = &application.budgets(),
                    .challenge = std::nullopt},
           server(loop, loop, protocol, tcpSettings(lines)),
           timer(loop.makeTimer([this] { tick(); })) {

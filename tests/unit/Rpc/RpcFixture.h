@@ -126,6 +126,7 @@ class RpcFixture : public testing::Test {
                             .maxCallSize = 16U << 20U,
                             .outputLimit = 256U << 10U,
                             .onRefused = {},
+                            .budgets = nullptr,
                             .challenge = {}};
     std::vector<std::string> refusals;
     RecordingHandler handler;

@@ -212,6 +212,33 @@ TEST_F(RpcFixture, NoFurtherCallIsBegunWhileOutputWaits) {
     }
 }
 
+TEST_F(RpcFixture, WhatAConnectionHoldsCountsForTheClientBehindIt) {
+    ClientBudgets budgets([] { return std::size_t{0}; });
+    settings.budgets = &budgets;
+    reconnect();
+    NtlmLogOn client;
+    logOn(client, 2, 1);
+    const auto send = [&](const CallParts& parts) { connection->feed(protectedRequest(parts, 2, 1, client)); };
+    const auto budget = budgets.of("PLANT\\opc", "192.0.2.7");
+    send({.opnum = 4, .stub = Builder().u32(4'000'000).data()});
+    EXPECT_GE(budget->memory.used(), 4'000'000U);
+    connection->sent(connection->output().size());
+    EXPECT_LT(budget->memory.used(), 4'000'000U);
+
+    Hold rest = memoryOf(budget);
+    rest.set(budget->memory.room());
+    send({.callId = 2, .opnum = 3, .stub = fromHex("0102030405060708"), .flags = flagFirst});
+    send({.callId = 2, .opnum = 3, .stub = fromHex("11"), .flags = flagLast});
+    send({.callId = 3, .opnum = 3, .stub = fromHex("21")});
+    const auto replies = splitReplies(connection->output());
+    ASSERT_EQ(replies.size(), 2U);
+    EXPECT_EQ(replies[0].faultStatus(), E_OUTOFMEMORY);
+    EXPECT_EQ(replies[1].type(), PduType::Response);
+    rest = {};
+    connection.reset();
+    EXPECT_EQ(budget->memory.used(), 0U);
+}
+
 // ---- Refusals --------------------------------------------------------------------------------------------------
 
 TEST_F(RpcFixture, RefusedLogOnsFaultEachCallAndAreSaidOnce) {
