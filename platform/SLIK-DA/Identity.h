@@ -14,9 +14,11 @@ inline constexpr std::string_view applicationId = "{5A24BCDD-AEB1-4ED4-849D-27B8
 inline constexpr std::string_view description = "Quelm 5 OPC DA Server";
 inline constexpr std::string_view vendor = "Ombrel";
 
-inline constexpr std::uint16_t majorVersion = 5;
-inline constexpr std::uint16_t minorVersion = 0;
-inline constexpr std::uint16_t buildNumber = 1;
+// As the build says it, in one text and in parts.
+inline constexpr std::string_view version = QUELM_VERSION;
+inline constexpr std::uint16_t majorVersion = QUELM_VERSION_MAJOR;
+inline constexpr std::uint16_t minorVersion = QUELM_VERSION_MINOR;
+inline constexpr std::uint16_t buildNumber = QUELM_VERSION_PATCH;
 
 // Milliseconds between two update passes of the items: the fastest that a value can change.
 inline constexpr std::uint32_t scanRateMilliseconds = 20000;

@@ -43,13 +43,14 @@ void printHelp() {
 }
 
 void printVersion() {
-    print(fmt::format(
-        "{} {}\n"
-        "ProgID           {}\n"
-        "Class            {}\n"
-        "Application      {}\n"
-        "OPC Data Access  2.05a, custom interface\n",
-        frmOPCQuelm::applicationTitle, QUELM_VERSION, identity::progId, identity::classId, identity::applicationId));
+    print(
+        fmt::format("{} {}\n"
+                    "ProgID           {}\n"
+                    "Class            {}\n"
+                    "Application      {}\n"
+                    "OPC Data Access  2.05a, custom interface\n",
+                    frmOPCQuelm::applicationTitle, identity::version, identity::progId, identity::classId,
+                    identity::applicationId));
 }
 
 // While it lives, what is typed does not show.

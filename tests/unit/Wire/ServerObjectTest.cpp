@@ -2,6 +2,7 @@
 
 #include "OPC DA/wire/OpcClassFactory.h"
 #include "OpcSupport.h"
+#include "SLIK-DA/Identity.h"
 
 namespace quelm::opcda::wire::test {
 namespace {
@@ -42,12 +43,18 @@ TEST_F(OpcWire, AddGroupRefusesWithCompleteParameters) {
 
 TEST_F(OpcWire, GivesStatusAndTextsForResultCodes) {
     addGroup("g");
-    EXPECT_HEX(call(iidOpcServer, 6, {}).bytes,
-               "04000200" STAMP STAMP
-               "00000000 00000000"             // start, now, no data sent yet
-               "0100 0000 01000000 FFFFFFFF"   // running, one group, bandwidth unknown
-               "0500 0000 0100 0000 08000200"  // version, vendor
-               "07000000 00000000 07000000 4F00 6D00 6200 7200 6500 6C00 0000 0000 00000000");
+    Parameters status;
+    status
+        .hex("04000200" STAMP STAMP
+             "00000000 00000000"             // start, now, no data sent yet
+             "0100 0000 01000000 FFFFFFFF")  // running, one group, bandwidth unknown
+        .u16(identity::majorVersion)
+        .u16(identity::minorVersion)
+        .u16(identity::buildNumber)
+        .hex(
+            "0000 08000200"
+            "07000000 00000000 07000000 4F00 6D00 6200 7200 6500 6C00 0000 0000 00000000");
+    EXPECT_HEX(call(iidOpcServer, 6, {}).bytes, status);
     const Reply reply = call(iidOpcServer, 4, Parameters().u32(OPC_E_UNKNOWNITEMID).u32(0x409));
     EXPECT_HEX(reply.bytes, Parameters().u32(0x20004).text(errorText(OPC_E_UNKNOWNITEMID)).u32(S_OK));
     EXPECT_HEX(call(iidOpcCommon, 6, Parameters().u32(OPC_E_UNKNOWNITEMID)).bytes, reply.bytes);
