@@ -3,7 +3,7 @@
 
 #include "FuzzInput.h"
 #include "Message Loop/VirtualLoop.h"
-#include "OPC DA/wire/Iids.h"
+#include "OPC DA/wire/InterfaceTable.h"
 #include "OPC DA/wire/OpcClassFactory.h"
 #include "OPC DA/wire/OpcGroupObject.h"
 #include "OPC DA/wire/OpcServerObject.h"
@@ -17,13 +17,6 @@ namespace orpc = dcom::orpc;
 namespace wire = opcda::wire;
 using dcom::Uuid;
 using Object = std::shared_ptr<orpc::ComObject>;
-
-constexpr Uuid interfaces[] = {wire::iidOpcServer,         wire::iidOpcBrowseServerAddressSpace,
-                               wire::iidOpcItemProperties, wire::iidOpcCommon,
-                               wire::iidOpcItemIo,         wire::iidOpcGroupStateMgt,
-                               wire::iidOpcItemMgt,        wire::iidOpcSyncIo,
-                               wire::iidOpcAsyncIo2,       wire::iidEnumUnknown,
-                               wire::iidEnumString,        wire::iidEnumOpcItemAttributes};
 
 // A host that fills most of what it is asked for, and at times reports a failure.
 class Host final : public ISLIKServerEvents {
@@ -117,8 +110,8 @@ class Plant {
     // The number counts the interfaces that the object has.
     static orpc::Interface* interfaceOf(orpc::ComObject& object, unsigned number) {
         std::vector<orpc::Interface*> found;
-        for (const Uuid& iid : interfaces) {
-            if (orpc::Interface* one = object.queryInterface(iid)) {
+        for (const wire::InterfaceRow& row : wire::interfaceTable) {
+            if (orpc::Interface* one = object.queryInterface(row.iid)) {
                 found.push_back(one);
             }
         }

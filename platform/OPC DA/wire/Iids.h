@@ -2,9 +2,6 @@
 
 // The identifiers of the interfaces that OPC DA clients ask for.
 
-#include <algorithm>
-#include <array>
-
 #include "DCOM/Uuid.h"
 
 namespace quelm::opcda::wire {
@@ -25,15 +22,5 @@ inline constexpr dcom::Uuid iidOpcItemMgt = "39C13A54-011E-11D0-9675-0020AFD8ADB
 inline constexpr dcom::Uuid iidOpcSyncIo = "39C13A52-011E-11D0-9675-0020AFD8ADB3"_uuid;
 inline constexpr dcom::Uuid iidOpcAsyncIo2 = "39C13A71-011E-11D0-9675-0020AFD8ADB3"_uuid;
 inline constexpr dcom::Uuid iidEnumOpcItemAttributes = "39C13A55-011E-11D0-9675-0020AFD8ADB3"_uuid;
-
-// What clients may bind their connections to.
-inline constexpr std::array interfaceIds{
-    iidEnumUnknown,       iidEnumString, iidOpcServer,   iidOpcBrowseServerAddressSpace,
-    iidOpcItemProperties, iidOpcCommon,  iidOpcItemIo,   iidOpcGroupStateMgt,
-    iidOpcItemMgt,        iidOpcSyncIo,  iidOpcAsyncIo2, iidEnumOpcItemAttributes};
-
-constexpr bool isOpcInterface(const dcom::Uuid& iid) {
-    return std::find(interfaceIds.begin(), interfaceIds.end(), iid) != interfaceIds.end();
-}
 
 }  // namespace quelm::opcda::wire

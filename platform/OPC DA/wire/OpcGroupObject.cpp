@@ -1,7 +1,7 @@
 #include "OPC DA/wire/OpcGroupObject.h"
 
 #include "DCOM/orpc/OrpcTypes.h"
-#include "OPC DA/wire/Iids.h"
+#include "OPC DA/wire/InterfaceTable.h"
 #include "OPC DA/wire/OpcServerObject.h"
 
 namespace quelm::opcda::wire {
@@ -9,22 +9,24 @@ namespace quelm::opcda::wire {
 OpcGroupObject::OpcGroupObject(std::weak_ptr<OpcServerObject> owner, std::shared_ptr<Group> group)
     : owner_(std::move(owner)), group_(std::move(group)), stateMgt_(*this), itemMgt_(*group_), syncIo_(*group_) {}
 
+// What clients may ask it for.
+struct OpcGroupObject::Table {
+    using Row = Offered<OpcGroupObject>;
+    static constexpr std::array rows{
+        Row{iidOpcSyncIo, [](OpcGroupObject& object) -> dcom::orpc::Interface* { return &object.syncIo_; }},
+        Row{iidOpcItemMgt, [](OpcGroupObject& object) -> dcom::orpc::Interface* { return &object.itemMgt_; }},
+        Row{iidOpcGroupStateMgt, [](OpcGroupObject& object) -> dcom::orpc::Interface* { return &object.stateMgt_; }},
+        Row{iidOpcAsyncIo2, [](OpcGroupObject& object) -> dcom::orpc::Interface* { return &object.asyncIo2_; }},
+    };
+};
+
 dcom::orpc::Interface* OpcGroupObject::queryInterface(const dcom::Uuid& iid) {
-    if (iid == iidOpcSyncIo) {
-        return &syncIo_;
-    }
-    if (iid == iidOpcItemMgt) {
-        return &itemMgt_;
-    }
-    if (iid == iidOpcGroupStateMgt) {
-        return &stateMgt_;
-    }
-    return iid == iidOpcAsyncIo2 ? &asyncIo2_ : nullptr;
+    return findOffered(Table::rows, *this, iid);
 }
 
 bool OpcGroupObject::hasInterface(const dcom::Uuid& iid) {
-    return iid == iidOpcSyncIo || iid == iidOpcItemMgt || iid == iidOpcGroupStateMgt || iid == iidOpcAsyncIo2 ||
-           iid == dcom::orpc::iidUnknown;
+    const auto isRow = [&iid](const Table::Row& row) { return row.iid == iid; };
+    return iid == dcom::orpc::iidUnknown || std::any_of(Table::rows.begin(), Table::rows.end(), isRow);
 }
 
 void OpcGroupObject::disconnected() {

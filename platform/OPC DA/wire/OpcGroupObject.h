@@ -33,6 +33,8 @@ class OpcGroupObject final : public dcom::orpc::ComObject {
     std::shared_ptr<OpcServerObject> owner() const { return owner_.lock(); }
 
  private:
+    struct Table;
+
     std::weak_ptr<OpcServerObject> owner_;
     std::shared_ptr<Group> group_;
     GroupStateMgtInterface stateMgt_;

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "OPC DA/wire/Iids.h"
+#include "OPC DA/wire/InterfaceTable.h"
 #include "OPC DA/wire/OpcGroupObject.h"
 
 namespace quelm::opcda::wire {
@@ -22,20 +22,22 @@ OpcServerObject::OpcServerObject(Application& application, std::shared_ptr<Clien
       itemProperties_(*this),
       itemIo_(*this) {}
 
+// What clients may ask it for.
+struct OpcServerObject::Table {
+    using Row = Offered<OpcServerObject>;
+    static constexpr std::array rows{
+        Row{iidOpcServer, [](OpcServerObject& object) -> dcom::orpc::Interface* { return &object.serverInterface_; }},
+        Row{iidOpcBrowseServerAddressSpace,
+            [](OpcServerObject& object) -> dcom::orpc::Interface* { return &object.browse_; }},
+        Row{iidOpcCommon, [](OpcServerObject& object) -> dcom::orpc::Interface* { return &object.common_; }},
+        Row{iidOpcItemProperties,
+            [](OpcServerObject& object) -> dcom::orpc::Interface* { return &object.itemProperties_; }},
+        Row{iidOpcItemIo, [](OpcServerObject& object) -> dcom::orpc::Interface* { return &object.itemIo_; }},
+    };
+};
+
 dcom::orpc::Interface* OpcServerObject::queryInterface(const dcom::Uuid& iid) {
-    if (iid == iidOpcServer) {
-        return &serverInterface_;
-    }
-    if (iid == iidOpcBrowseServerAddressSpace) {
-        return &browse_;
-    }
-    if (iid == iidOpcCommon) {
-        return &common_;
-    }
-    if (iid == iidOpcItemProperties) {
-        return &itemProperties_;
-    }
-    return iid == iidOpcItemIo ? &itemIo_ : nullptr;
+    return findOffered(Table::rows, *this, iid);
 }
 
 void OpcServerObject::disconnected() {

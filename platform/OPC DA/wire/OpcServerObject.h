@@ -45,6 +45,8 @@ class OpcServerObject final : public dcom::orpc::ComObject {
     void groupReleased(const Group& group);
 
  private:
+    struct Table;
+
     std::optional<Server> server_;
     std::unordered_map<std::uint32_t, std::weak_ptr<OpcGroupObject>> groupObjects_;  // by server handle
     std::deque<std::uint32_t> released_;  // handles of groups that went with their last interface, latest last

@@ -16,7 +16,7 @@
 #include "DCOM/orpc/ObjectExporter.h"
 #include "DCOM/orpc/OrpcHandler.h"
 #include "OPC DA/Server.h"
-#include "OPC DA/wire/Iids.h"
+#include "OPC DA/wire/InterfaceTable.h"
 #include "OPC DA/wire/OpcClassFactory.h"
 #include "Shared Types/RuntimeError.h"
 #include "Shared Types/TimeSource.h"

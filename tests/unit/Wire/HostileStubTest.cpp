@@ -93,6 +93,26 @@ TEST_F(HostileStub, CutStubsAreRefusedAndWholeOnesAnswered) {
     }
 }
 
+// Whoever adds a method with parameters adds its request here; enumerators of all kinds are one.
+TEST_F(HostileStub, EveryMethodThatTakesParametersIsAmongTheCases) {
+    const auto cases = methods();
+    for (const InterfaceRow& row : interfaceTable) {
+        if (row.iid == iidEnumUnknown || row.iid == iidEnumOpcItemAttributes) {
+            continue;
+        }
+        for (std::uint16_t i = 0; i < row.methods.size(); ++i) {
+            const auto opnum = static_cast<std::uint16_t>(firstOpnum + i);
+            const bool isCase = std::any_of(cases.begin(), cases.end(), [&](const Method& each) {
+                return each.iid == row.iid && each.opnum == opnum;
+            });
+            const std::uint32_t fault = send({row.iid, opnum, {}}, {}).fault;
+            EXPECT_EQ(fault, isCase ? dcom::faultBadStubData : 0) << row.name << ' ' << row.methods[i];
+        }
+        const auto behind = static_cast<std::uint16_t>(firstOpnum + row.methods.size());
+        EXPECT_EQ(send({row.iid, behind, {}}, {}).fault, dcom::faultOpnumRange) << row.name;
+    }
+}
+
 // Every 32-bit field in turn becomes a huge number: whatever the answer, it comes and stays small.
 TEST_F(HostileStub, HugeCountsAllocateNothing) {
     for (const Method& each : methods()) {

@@ -9,7 +9,7 @@
 
 #include "FakeContext.h"
 #include "Message Loop/VirtualLoop.h"
-#include "OPC DA/wire/Iids.h"
+#include "OPC DA/wire/InterfaceTable.h"
 #include "OPC DA/wire/OpcServerObject.h"
 #include "Parameters.h"
 #include "SLIK-DA/SLIKServer.h"
