@@ -88,6 +88,7 @@ class TcpServer::Impl::Connection : public std::enable_shared_from_this<Connecti
         }
         phase_ = Phase::Closed;
         const auto self = shared_from_this();
+        pause_.reset();
         timer_.reset();            // waits under way keep this object a little longer than the loops need to live
         asio::error_code ignored;  // the descriptor is gone either way
         descriptor_.close(ignored);
@@ -132,6 +133,16 @@ class TcpServer::Impl::Connection : public std::enable_shared_from_this<Connecti
         if (!awaitingInput_ && !protocol_.receiveSpace().empty()) {
             awaitingInput_ = true;
             wait(stream_descriptor::wait_read, &Connection::onReadable);
+        }
+    }
+
+    // A log-on that has to wait is looked at again when its time has come, also when nothing more comes in.
+    void waitOut(std::chrono::milliseconds pause) {
+        if (!pause_) {
+            pause_ = server_.timers.makeTimer([this] { later(&Connection::carryOn); });
+        }
+        if (!pause_->pending()) {
+            pause_->start(pause);
         }
     }
 
@@ -200,6 +211,9 @@ class TcpServer::Impl::Connection : public std::enable_shared_from_this<Connecti
             // Calls that came in one go wait for their turn again, so that the other clients get theirs.
             later(&Connection::carryOn);
         } else {
+            if (protocol_.pause().count() != 0) {
+                waitOut(protocol_.pause());
+            }
             read();
         }
     }
@@ -266,6 +280,7 @@ class TcpServer::Impl::Connection : public std::enable_shared_from_this<Connecti
     rpc::CallHandler& handler_;
     rpc::ServerConnection protocol_;
     std::unique_ptr<ITimer> timer_;
+    std::unique_ptr<ITimer> pause_;  // made when needed
     Phase phase_ = Phase::Reading;
     bool awaitingInput_ = false;
 };

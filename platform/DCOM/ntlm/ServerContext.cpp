@@ -4,6 +4,7 @@
 
 #include <algorithm>
 
+#include "DCOM/Printable.h"
 #include "DCOM/ntlm/Crypto.h"
 #include "DCOM/ntlm/MessageSecurity.h"
 #include "DCOM/ntlm/Messages.h"
@@ -14,6 +15,7 @@ namespace quelm::dcom::ntlm {
 
 namespace {
 
+constexpr std::size_t longestAccount = 600;  // never cut: it tells clients apart
 constexpr std::size_t v1ResponseSize = 24;
 
 // What the server offers to every client: extended session security even to one that did not ask for it, since
@@ -22,12 +24,6 @@ constexpr std::uint32_t alwaysOffered = flags::unicode | flags::requestTarget | 
                                         flags::targetTypeServer | flags::extendedSessionSecurity | flags::targetInfo;
 constexpr std::uint32_t grantedOnRequest =
     flags::sign | flags::seal | flags::keyExchange | flags::key128 | flags::key56 | flags::version;
-
-std::string printable(std::string text) {
-    const auto isControl = [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7F; };
-    std::replace_if(text.begin(), text.end(), isControl, '?');
-    return text;
-}
 
 bool isAnonymous(const AuthenticateMessage& message) {
     // Clients without account send one zero byte as LM response.
@@ -128,7 +124,7 @@ RefusalReason ServerContext::Impl::logOn(Bytes token) {
     if (isAnonymous(*message)) {
         return logOnAnonymous(*message);
     }
-    account = printable(domain.empty() ? user : domain + '\\' + user);
+    account = printable(domain.empty() ? user : domain + '\\' + user, longestAccount);
     if (const RefusalReason reason = notAcceptedKind(*message); reason != RefusalReason::None) {
         return reason;
     }

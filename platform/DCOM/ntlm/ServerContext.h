@@ -60,7 +60,8 @@ class ServerContext final : public MessageProtection {
 
     bool authenticated() const;
     // "DOMAIN\\user" as the client gave it (also after a refusal, for the refusal's line), "user" when it gave no
-    // domain, empty when anonymous. Control characters show as "?", so that no client writes log lines of its own.
+    // domain, empty when anonymous. Control and format characters show as "?", so that no client writes log lines of
+    // its own.
     const std::string& account() const;
     // Whether keys for signing and sealing were agreed on. Never without extended session security.
     bool canSign() const;

@@ -36,7 +36,7 @@ void CallAssembly::orphan(std::uint32_t callId) {
 
 void CallAssembly::release() {
     // A large call is rare; its memory is not kept for the next one.
-    constexpr std::size_t kept = 1U << 20U;
+    constexpr std::size_t kept = 256U << 10U;
     stub_.clear();
     if (stub_.capacity() > kept) {
         stub_ = {};

@@ -24,11 +24,13 @@ struct Refusal {
     // What the client typed is cut to a sane length and freed of control characters.
     // settings: how the operator finds the settings that a remedy is about.
     std::string line(std::string_view settings = "the DCOM settings") const;
+    // The same for all refusals of one account for one reason.
+    std::string kind() const;
 };
 
 using RefusalSink = std::function<void(const Refusal&)>;
 
-// Tells the sink of the first refusal only, until a new BIND begins everything anew.
+// Tells the sink of the first refusal only, until a new BIND or log-on begins everything anew.
 class RefusalReporter {
  public:
     // Both must outlive the reporter.

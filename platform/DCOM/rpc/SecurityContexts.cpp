@@ -3,7 +3,9 @@
 #include <algorithm>
 #include <utility>
 
+#include "DCOM/ntlm/Messages.h"
 #include "DCOM/rpc/Spnego.h"
+#include "Shared Types/Utf.h"
 
 namespace quelm::dcom::rpc {
 
@@ -30,7 +32,7 @@ Outcome SecurityContexts::step(const AuthTrailer& trailer, Token& token) {
 
 Outcome SecurityContexts::negotiate(const AuthTrailer& trailer, Token& token) {
     const auto said = spnego::parse(trailer.token);
-    if (!said) {
+    if (!said || said->mechanisms.size() > longestMechanismList) {
         return reject(trailer, RefusalReason::MalformedNegotiation);
     }
     if (said->initial && !said->offersNtlm) {
@@ -75,7 +77,7 @@ Outcome SecurityContexts::completeNegotiation(SecurityContext& context, std::spa
     }
     token = spnego::response(spnego::State::Completed, false, {},
                              signature.empty() ? std::span<const std::uint8_t>() : own);
-    return {};
+    return {Step::Answered, RefusalReason::None, context.account(), context.level(), {}};
 }
 
 // One step of a log-on, told apart by the kind of NTLM message alone: some clients begin a new one in a change of
@@ -99,7 +101,7 @@ Outcome SecurityContexts::begin(const AuthTrailer& trailer, std::span<const std:
         return reject(trailer, RefusalReason::UnknownLevel);
     }
     ntlm::ServerContext logOn(settings_.accounts, settings_.logOn, settings_.challenge);
-    auto answer = logOn.challenge(message);
+    auto answer = message.size() <= longestFirstMessage ? logOn.challenge(message) : std::nullopt;
     if (!answer) {
         return reject(trailer, RefusalReason::MalformedLogOn);
     }
@@ -110,7 +112,7 @@ Outcome SecurityContexts::begin(const AuthTrailer& trailer, std::span<const std:
 
 SecurityContext& SecurityContexts::add(SecurityContext context) {
     std::erase_if(contexts_, [&context](const SecurityContext& old) { return old.id() == context.id(); });
-    if (contexts_.size() >= most) {
+    if (contexts_.size() >= (loggedOn_ ? most : settings_.maxLogOnsUnderWay)) {
         contexts_.erase(std::ranges::min_element(contexts_, {}, &SecurityContext::lastUse_));
     }
     context.lastUse_ = ++uses_;
@@ -128,7 +130,7 @@ Outcome SecurityContexts::finish(SecurityContext& context, std::span<const std::
     }
     context.state_ = State::LoggedOn;
     loggedOn_ = true;
-    return {};
+    return {Step::Answered, RefusalReason::None, context.account(), context.level(), {}};
 }
 
 Outcome SecurityContexts::refuse(SecurityContext& context, RefusalReason reason) {
@@ -138,6 +140,19 @@ Outcome SecurityContexts::refuse(SecurityContext& context, RefusalReason reason)
 
 Outcome SecurityContexts::reject(const AuthTrailer& trailer, RefusalReason reason, std::string detail) {
     return {Step::Rejected, reason, {}, effectiveLevel(trailer.level), std::move(detail)};
+}
+
+std::string SecurityContexts::userIn(const AuthTrailer& trailer) {
+    std::span<const std::uint8_t> message = trailer.token;
+    if (trailer.type == authTypeNegotiate && ntlm::messageType(message) == 0) {
+        const auto said = spnego::parse(message);
+        message = said ? said->inner : std::span<const std::uint8_t>();
+    }
+    if (ntlm::messageType(message) != 3) {
+        return {};
+    }
+    const auto last = ntlm::parseAuthenticate(message);
+    return last ? utf16ToUtf8(last->user) : std::string();
 }
 
 SecurityContext* SecurityContexts::find(std::uint32_t id) {

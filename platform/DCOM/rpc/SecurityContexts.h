@@ -55,13 +55,16 @@ class SecurityContexts {
  public:
     // Clients exist that log on anew at each change of interface and never use the old log-on again.
     static constexpr std::size_t most = 64;
+    // Those that clients send have up to 200 bytes.
+    static constexpr std::size_t longestFirstMessage = 1024;
+    static constexpr std::size_t longestMechanismList = 512;
 
     explicit SecurityContexts(const ServerSettings& settings) : settings_(settings) {}
 
     // Answered: token is what goes back, if anything. Refused: the log-on failed, and its context stays to say so.
     // Rejected: there is no context to speak of.
     enum class Step : std::uint8_t { Answered, Refused, Rejected };
-    // Unless it is answered, with what a refusal's line says.
+    // account and level: of a log-on that ended, either way.
     struct Outcome {
         Step step = Step::Answered;
         RefusalReason reason = RefusalReason::None;
@@ -71,6 +74,9 @@ class SecurityContexts {
     };
     // headerFlags: of the message that the trailer came with.
     Outcome take(const AuthTrailer& trailer, std::uint8_t headerFlags, std::vector<std::uint8_t>& token);
+
+    // Whose log-on this message would end; empty when it would end none.
+    static std::string userIn(const AuthTrailer& trailer);
 
     // nullptr for an id without log-on. Pointers are good until the next take().
     SecurityContext* find(std::uint32_t id);

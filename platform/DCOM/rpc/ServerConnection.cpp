@@ -17,8 +17,7 @@ namespace {
 constexpr std::size_t inputSizeBeforeLogOn = 8U << 10U;
 constexpr std::size_t inputSize = 32U << 10U;
 // A reply larger than this gives its memory back once it is sent.
-constexpr std::size_t keptOutput = 1U << 20U;
-constexpr std::size_t maxCallSizeBeforeLogOn = 64U << 10U;
+constexpr std::size_t keptOutput = 256U << 10U;
 
 const std::string noAccount;
 
@@ -83,6 +82,7 @@ std::size_t ServerConnection::feed(std::span<const std::uint8_t> data) {
 
 void ServerConnection::process() {
     waiting_ = false;
+    pause_ = {};
     while (!closing_ && !deferred() && input_.count() >= headerSize) {
         if (output().size() >= settings_.outputLimit) {
             waiting_ = true;
@@ -98,6 +98,8 @@ void ServerConnection::process() {
             closing_ = true;
         } else if (waiting.size() < header.fragmentLength) {
             return input_.expect(header.fragmentLength);
+        } else if (pause_ = delayOf(header, waiting.first(header.fragmentLength)); pause_.count() != 0) {
+            return;
         } else {
             input_.take(header.fragmentLength);
             dispatch(header, waiting.first(header.fragmentLength));
@@ -219,13 +221,38 @@ SecurityContexts::Step ServerConnection::logOn(const Header& header, const AuthT
                                                std::vector<std::uint8_t>& token) {
     using Step = SecurityContexts::Step;
     const SecurityContexts::Outcome outcome = security_.take(trailer, header.flags, token);
-    if (outcome.step == Step::Rejected || (outcome.step == Step::Refused && !isMachineAsking(outcome.account))) {
+    if (outcome.step == Step::Rejected) {
         refusals_.report(outcome.reason, outcome.account, outcome.level, outcome.detail);
+    } else if (outcome.step == Step::Refused) {
+        onFailedLogOn(outcome);
+    } else if (!outcome.account.empty()) {
+        settings_.guesses->succeeded(peer_.host(), outcome.account);
     }
     if (loggedOn()) {
         input_.setSize(inputSize);
     }
     return outcome.step;
+}
+
+void ServerConnection::onFailedLogOn(const SecurityContexts::Outcome& outcome) {
+    // With a password to guess, no name makes it harmless.
+    if (outcome.reason != RefusalReason::WrongPassword && isMachineAsking(outcome.account)) {
+        return;
+    }
+    refusals_.beginAnew();
+    refusals_.report(outcome.reason, outcome.account, outcome.level, outcome.detail);
+    settings_.guesses->failed(peer_.host(), outcome.account);
+    closing_ |= ++failedLogOns_ >= settings_.maxFailedLogOns;
+}
+
+// What the end of a log-on has to wait for after too many that failed.
+std::chrono::milliseconds ServerConnection::delayOf(const Header& header, std::span<const std::uint8_t> pdu) const {
+    AuthTrailer trailer;
+    if (header.authLength == 0 || header.type == PduType::Request || !parseTrailer(pdu, header, headerSize, trailer)) {
+        return {};
+    }
+    const std::string user = SecurityContexts::userIn(trailer);
+    return user.empty() ? std::chrono::milliseconds{} : settings_.guesses->delay(peer_.host(), user);
 }
 
 // A client's machine pings with its own account (its name ends in $) or as nobody, and when that fails without any
@@ -352,9 +379,10 @@ void ServerConnection::assemble(const Header& header, const Request& request, st
             appendFault(output_, header.callId, request.contextId, faultOutOfMemory, flagDidNotExecute);
             assembly_.drop();
             assembly_.release();
-        } else if (!assembly_.add(stub, loggedOn() ? settings_.maxCallSize
-                                                   : std::min(settings_.maxCallSize, maxCallSizeBeforeLogOn))) {
-            return protocolError(header, RefusalReason::CallTooLarge);
+        } else if (!assembly_.add(stub, loggedOn()
+                                            ? settings_.maxCallSize
+                                            : std::min(settings_.maxCallSize, settings_.maxCallSizeBeforeLogOn))) {
+            return protocolError(header, RefusalReason::CallTooLarge, context);
         }
     }
     if ((header.flags & flagLast) == 0) {
@@ -462,8 +490,12 @@ bool ServerConnection::unprotect(const Header& header, std::span<std::uint8_t> p
     return true;
 }
 
-void ServerConnection::protocolError(const Header& header, RefusalReason reason) {
-    refusals_.report(reason);
+void ServerConnection::protocolError(const Header& header, RefusalReason reason, const SecurityContext* context) {
+    if (context != nullptr) {
+        refusals_.report(reason, context->account(), context->level());
+    } else {
+        refusals_.report(reason);
+    }
     appendFault(output_, header.callId, 0, faultProtocol, flagDidNotExecute);
     closing_ = true;
 }

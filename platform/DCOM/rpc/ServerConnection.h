@@ -4,6 +4,7 @@
 // send back. It only sends each message to whom it concerns: log-ons, putting calls together and cutting replies up
 // are classes of their own; sockets are elsewhere.
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -44,6 +45,9 @@ class ServerConnection final : private ITicketOffice {
     // Called when such an answer has become output. It may not call members that carry out calls itself.
     void onAnswered(std::function<void()> wake) { wake_ = std::move(wake); }
 
+    // How long the log-on that came has to wait before it is looked at, after too many that failed; process() then.
+    std::chrono::milliseconds pause() const { return pause_; }
+
     // Bytes to send, and that so many of them were sent. The view is good until the next call of a member.
     std::span<const std::uint8_t> output() const { return std::span(output_).subspan(outputStart_); }
     void sent(std::size_t count);
@@ -67,6 +71,8 @@ class ServerConnection final : private ITicketOffice {
     void onRequest(const Header& header, std::span<std::uint8_t> pdu);
 
     SecurityContexts::Step logOn(const Header& header, const AuthTrailer& trailer, std::vector<std::uint8_t>& token);
+    std::chrono::milliseconds delayOf(const Header& header, std::span<const std::uint8_t> pdu) const;
+    void onFailedLogOn(const SecurityContexts::Outcome& outcome);
     bool isMachineAsking(const std::string& account);
     bool admits(const SecurityContext* context, const Uuid& interfaceId);
     void reportInadmissible(const SecurityContext* context);
@@ -82,8 +88,8 @@ class ServerConnection final : private ITicketOffice {
     void finishReply(std::size_t start, const CallHeader& header, SecurityContext* context, std::uint32_t status);
     bool unprotect(const Header& header, std::span<std::uint8_t> pdu, std::size_t bodyOffset,
                    const AuthTrailer& trailer, SecurityContext* context);
-    void protocolError(const Header& header, RefusalReason reason);
     void countFor(const SecurityContext& client);
+    void protocolError(const Header& header, RefusalReason reason, const SecurityContext* context = nullptr);
 
     const ServerSettings& settings_;
     CallHandler& handler_;
@@ -96,6 +102,8 @@ class ServerConnection final : private ITicketOffice {
 
     bool bound_ = false;
     bool served_ = false;
+    unsigned failedLogOns_ = 0;
+    std::chrono::milliseconds pause_{};
     bool closing_ = false;
     bool waiting_ = false;
     std::uint16_t maxTransmit_ = leastMaxFragment;

@@ -1,15 +1,18 @@
 #pragma once
 
-// What all connections of the RPC server have in common, its limits among it.
+// What all connections of the RPC server have in common, and what one of them may cost. The limits on connections are
+// in net::TcpSettings, the waits after failed log-ons in GuessGuard; the operator's guide has them all in one table.
 
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <optional>
 
 #include "Budget/ClientBudget.h"
 #include "DCOM/ntlm/ServerContext.h"
 #include "DCOM/rpc/AuthLevel.h"
+#include "DCOM/rpc/GuessGuard.h"
 #include "DCOM/rpc/Refusal.h"
 
 namespace quelm::dcom::rpc {
@@ -23,10 +26,16 @@ struct ServerSettings {
     AuthLevel minimumLevel = AuthLevel::Integrity;
     std::size_t maxCallSize = 16U << 20U;   // bytes of a request's stub data, all fragments together
     std::size_t outputLimit = 256U << 10U;  // bytes waiting to be sent from which on no further call is begun
-    RefusalSink onRefused;                  // at most once per connection and log-on
+    RefusalSink onRefused;                  // of each failed log-on, of the rest the first of a connection
     // Of what is held for each client; none: only the limits of one connection hold.
     ClientBudgets* budgets = nullptr;
     std::optional<std::array<std::uint8_t, 8>> challenge;  // fixed NTLM challenge, for tests only
+    // Before any log-on of the connection has succeeded:
+    std::size_t maxCallSizeBeforeLogOn = 64U << 10U;  // bytes, as above; a client machine pings without a log-on
+    std::size_t maxLogOnsUnderWay = 4;                // then the one not used for longest is forgotten
+    // After so many failed log-ons the connection is closed.
+    unsigned maxFailedLogOns = 3;
+    std::shared_ptr<GuessGuard> guesses = std::make_shared<GuessGuard>();
 };
 
 }  // namespace quelm::dcom::rpc

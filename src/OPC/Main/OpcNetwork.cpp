@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "DCOM/DcomSettings.h"
+#include "DCOM/net/RepeatFilter.h"
 #include "DCOM/net/TcpServer.h"
 #include "DCOM/orpc/ActivationHandler.h"
 #include "DCOM/orpc/ObjectExporter.h"
@@ -51,13 +52,15 @@ struct OpcNetwork::Impl {
           exporter(exporterSettings(settings, lines.trouble), [] { return timeSource().monotonicMilliseconds(); }),
           activationHandler(exporter, classes),
           objectHandler(exporter, opcda::wire::isOpcInterface),
+          refusals(loop, lines.trouble),
           protocol{.accounts = settings.accounts,
                    .logOn = settings.ntlm,
                    .minimumLevel = settings.minimumLevel,
                    .onRefused =
-                       [trouble = lines.trouble](const dcom::rpc::Refusal& refusal) {
-                           trouble(refusal.line(dcom::dcomSettingsPath() +
-                                                " (a change counts once the server is restarted)"));
+                       [this](const dcom::rpc::Refusal& refusal) {
+                           refusals.say(std::string(refusal.peer.host()), refusal.kind(),
+                                        refusal.line(dcom::dcomSettingsPath() +
+                                                     " (a change counts once the server is restarted)"));
                        },
                    .budgets = &application.budgets(),
                    .challenge = std::nullopt},
@@ -131,6 +134,7 @@ struct OpcNetwork::Impl {
     dcom::orpc::ObjectExporter exporter;
     dcom::orpc::ActivationHandler activationHandler;
     dcom::orpc::OrpcHandler objectHandler;
+    dcom::net::RepeatFilter refusals;
     dcom::rpc::ServerSettings protocol;
     dcom::net::TcpServer server;
     std::unique_ptr<ITimer> timer;
