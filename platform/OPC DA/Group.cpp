@@ -249,34 +249,40 @@ HResult Group::enumerateItems(Enumerator<ItemAttributes>& items) const {
     return result;
 }
 
-void Group::askHost(std::span<const std::uint32_t> handles, SLIKNetwork::ReadDone done) {
-    std::vector<const SLIKTag*>& asked = application_->callBuffers().asked;
-    asked.clear();
+void Group::readDevice(std::span<const std::uint32_t> handles, std::function<void(DeviceReading&)> done) {
+    const auto reading = std::make_shared<DeviceReading>();
+    reading->group_ = shared_from_this();
+    reading->asked_.reserve(handles.size());
+    std::vector<const SLIKTag*>& tags = application_->callBuffers().asked;
+    tags.clear();
     for (const std::uint32_t handle : handles) {
-        const Slot* slot = find(handle);
-        if (slot != nullptr && (slot->tag->accessRights() & accessReadable) != 0) {
-            asked.push_back(slot->tag);
+        DeviceReading::Asked& item = reading->asked_.emplace_back();
+        if (const Slot* slot = findReadable(handle, item.error, item.clientHandle)) {
+            item.type = slot->type;
+            tags.push_back(slot->tag);
         }
     }
-    application_->control().deviceRead(asked, std::move(done));
+    application_->control().deviceRead(
+        tags, [reading, done = std::move(done)](std::int32_t error, std::span<const RequestedItem> readings) {
+            reading->hostError_ = static_cast<HResult>(error);
+            reading->readings_ = readings;
+            done(*reading);
+        });
 }
 
-HResult Group::write(std::span<const std::uint32_t> handles, std::vector<HResult>& errors) {
+void Group::write(std::span<const std::uint32_t> handles, WriteDone done) {
+    std::vector<HResult> errors;
     std::size_t valid = 0;
-    HResult all = forEach(handles, errors, [&valid](std::size_t, std::uint32_t, Slot&) {
+    const HResult all = forEach(handles, errors, [&valid](std::size_t, std::uint32_t, Slot&) {
         ++valid;
         return S_OK;
     });
-    if (valid == 0) {
-        return all;
-    }
-    HResult hostError = E_FAIL;
-    application_->control().write(valid, [&hostError](std::int32_t error) { hostError = static_cast<HResult>(error); });
-    if (hostError != S_OK) {
-        std::replace(errors.begin(), errors.end(), S_OK, hostError);
-        all = S_FALSE;
-    }
-    return all;
+    application_->control().write(
+        valid, [all, errors = std::move(errors), done = std::move(done)](std::int32_t error) mutable {
+            const auto hostError = static_cast<HResult>(error);
+            std::replace(errors.begin(), errors.end(), S_OK, hostError);
+            done(hostError != S_OK ? S_FALSE : all, errors);
+        });
 }
 
 void Group::noteDataSent() {

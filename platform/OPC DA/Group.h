@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <span>
@@ -91,7 +92,33 @@ struct GroupHolds {
     Hold place;
 };
 
-class Group {
+class Group;
+
+// The plant's answer to a device read, for the items as the group had them when the client asked.
+class DeviceReading {
+ public:
+    // Calls sink(const ItemReading&) once for each handle that was asked for, in order. S_OK, or S_FALSE when an item
+    // has an error: a failure that the host reports becomes every valid item's.
+    template <class Sink>
+    HResult deliver(Sink&& sink);
+    // Bytes that the client's budget has left.
+    std::size_t memoryLeft() const;
+
+ private:
+    friend class Group;
+    struct Asked {
+        HResult error = S_OK;  // why it was not asked for
+        std::uint32_t clientHandle = 0;
+        VarType type = VT_EMPTY;
+    };
+
+    std::shared_ptr<Group> group_;
+    std::vector<Asked> asked_;
+    HResult hostError_ = S_OK;
+    std::span<const RequestedItem> readings_;  // of those without error
+};
+
+class Group : public std::enable_shared_from_this<Group> {
  public:
     // Bytes that a group takes without its items: itself, its object with four interfaces, the books about them.
     static constexpr std::size_t footprint = 3072;
@@ -140,15 +167,17 @@ class Group {
     // An inactive item, and every item of an inactive group, comes with quality "out of service".
     template <class Sink>
     HResult readCache(std::span<const std::uint32_t> handles, Sink&& sink);
-    // Asks the server host for the values: OnRead once with all valid items. Active or not does not matter.
-    // A failure that the host reports becomes every valid item's error.
-    template <class Sink>
-    HResult readDevice(std::span<const std::uint32_t> handles, Sink&& sink);
-    // OnWrite once for all valid items; the values never matter, as no item takes one.
-    HResult write(std::span<const std::uint32_t> handles, std::vector<HResult>& errors);
+    // Asks the server host for the values: OnRead once with all valid items, done once, maybe before this returns.
+    // Active or not does not matter. handles: at least one.
+    void readDevice(std::span<const std::uint32_t> handles, std::function<void(DeviceReading&)> done);
+    // OnWrite once for all valid items, done once, maybe before this returns; the values never matter, as no item takes
+    // one. Results as of the other calls.
+    using WriteDone = std::function<void(HResult result, const std::vector<HResult>& errors)>;
+    void write(std::span<const std::uint32_t> handles, WriteDone done);
 
  private:
     friend class Server;
+    friend class DeviceReading;
     struct Slot {
         const SLIKTag* tag = nullptr;  // nullptr: free
         std::uint32_t clientHandle = 0;
@@ -175,17 +204,16 @@ class Group {
     template <class Action>
     HResult forEach(std::span<const std::uint32_t> handles, std::vector<HResult>& errors, Action&& action);
     template <class Sink>
-    bool deliver(const Slot& slot, const Variant& value, std::uint16_t quality, std::int64_t fileTime, Sink&& sink);
-    template <class Sink>
-    const Slot* findReadable(std::uint32_t handle, Sink&& sink);
+    bool deliver(std::uint32_t clientHandle, VarType type, const Variant& value, std::uint16_t quality,
+                 std::int64_t fileTime, Sink&& sink);
+    // nullptr with the reason.
+    const Slot* findReadable(std::uint32_t handle, HResult& error, std::uint32_t& clientHandle);
     template <class Sink>
     void deliverError(std::uint32_t clientHandle, HResult error, Sink&& sink);
 
     ItemResult validate(const ItemDefinition& item, const SLIKTag*& tag) const;
     std::uint32_t insert(const ItemDefinition& item, const SLIKTag& tag);
     void remove(std::uint32_t handle, Slot& slot);
-    // Puts the valid tags of a call together and raises OnRead.
-    void askHost(std::span<const std::uint32_t> handles, SLIKNetwork::ReadDone done);
     void noteDataSent();
     bool makeRoom(std::size_t slots);
     bool copyItemsFrom(const Group& other);
@@ -206,9 +234,10 @@ class Group {
 };
 
 template <class Sink>
-bool Group::deliver(const Slot& slot, const Variant& value, std::uint16_t quality, std::int64_t fileTime, Sink&& sink) {
-    const HResult error = convert(value, slot.type, value_);
-    sink(ItemReading{error, slot.clientHandle, fileTime, error == S_OK ? quality : qualityBad, value_});
+bool Group::deliver(std::uint32_t clientHandle, VarType type, const Variant& value, std::uint16_t quality,
+                    std::int64_t fileTime, Sink&& sink) {
+    const HResult error = convert(value, type, value_);
+    sink(ItemReading{error, clientHandle, fileTime, error == S_OK ? quality : qualityBad, value_});
     return error == S_OK;
 }
 
@@ -218,16 +247,11 @@ void Group::deliverError(std::uint32_t clientHandle, HResult error, Sink&& sink)
     sink(ItemReading{error, clientHandle, 0, qualityBad, value_});
 }
 
-// nullptr: the item's error is delivered.
-template <class Sink>
-const Group::Slot* Group::findReadable(std::uint32_t handle, Sink&& sink) {
+inline const Group::Slot* Group::findReadable(std::uint32_t handle, HResult& error, std::uint32_t& clientHandle) {
     const Slot* slot = find(handle);
-    if (slot == nullptr) {
-        deliverError(0, OPC_E_INVALIDHANDLE, sink);
-        return nullptr;
-    }
-    if ((slot->tag->accessRights() & accessReadable) == 0) {
-        deliverError(slot->clientHandle, OPC_E_BADRIGHTS, sink);
+    clientHandle = slot != nullptr ? slot->clientHandle : 0;
+    if (slot == nullptr || (slot->tag->accessRights() & accessReadable) == 0) {
+        error = slot == nullptr ? OPC_E_INVALIDHANDLE : OPC_E_BADRIGHTS;
         return nullptr;
     }
     return slot;
@@ -240,45 +264,46 @@ HResult Group::readCache(std::span<const std::uint32_t> handles, Sink&& sink) {
     }
     bool allGood = true;
     for (const std::uint32_t handle : handles) {
-        const Slot* slot = findReadable(handle, sink);
+        HResult error = S_OK;
+        std::uint32_t clientHandle = 0;
+        const Slot* slot = findReadable(handle, error, clientHandle);
         if (slot == nullptr) {
+            deliverError(clientHandle, error, sink);
             allGood = false;
             continue;
         }
         const SLIKTag& tag = *slot->tag;
         const std::uint16_t quality = state_.active && slot->active ? tag.qualityWord() : qualityOutOfService;
-        allGood &= deliver(*slot, tag.Value(), quality, tag.fileTime(), sink);
+        allGood &= deliver(slot->clientHandle, slot->type, tag.Value(), quality, tag.fileTime(), sink);
     }
     noteDataSent();
     return allGood ? S_OK : S_FALSE;
 }
 
+inline std::size_t DeviceReading::memoryLeft() const {
+    return group_->memoryLeft();
+}
+
 template <class Sink>
-HResult Group::readDevice(std::span<const std::uint32_t> handles, Sink&& sink) {
-    if (handles.empty()) {
-        return E_INVALIDARG;
-    }
+HResult DeviceReading::deliver(Sink&& sink) {
     bool allGood = true;
-    askHost(handles, [&](std::int32_t error, std::span<const RequestedItem> readings) {
-        const auto hostError = static_cast<HResult>(error);
-        std::size_t next = 0;
-        for (const std::uint32_t handle : handles) {
-            const Slot* slot = findReadable(handle, sink);
-            if (slot == nullptr) {
-                allGood = false;
-                continue;
-            }
-            const std::size_t index = next++;
-            if (hostError != S_OK || !readings[index].isFilled()) {
-                deliverError(slot->clientHandle, hostError != S_OK ? hostError : E_FAIL, sink);
-                allGood = false;
-                continue;
-            }
-            const RequestedItem& reading = readings[index];
-            allGood &= deliver(*slot, reading.value(), reading.qualityWord(), reading.fileTime(), sink);
+    std::size_t next = 0;
+    for (const Asked& item : asked_) {
+        const RequestedItem* reading = nullptr;
+        HResult error = item.error != S_OK ? item.error : hostError_;
+        if (item.error == S_OK && hostError_ == S_OK) {
+            reading = &readings_[next++];
+            error = reading->isFilled() ? S_OK : E_FAIL;
         }
-    });
-    noteDataSent();
+        if (error != S_OK) {
+            group_->deliverError(item.clientHandle, error, sink);
+            allGood = false;
+            continue;
+        }
+        allGood &= group_->deliver(item.clientHandle, item.type, reading->value(), reading->qualityWord(),
+                                   reading->fileTime(), sink);
+    }
+    group_->noteDataSent();
     return allGood ? S_OK : S_FALSE;
 }
 

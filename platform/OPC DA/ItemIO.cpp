@@ -26,18 +26,35 @@ void settle(ItemIOReading& reading) {
     }
 }
 
+HResult resultOf(const std::vector<ItemIOReading>& readings) {
+    const bool allGood =
+        std::all_of(readings.begin(), readings.end(), [](const ItemIOReading& each) { return each.error == S_OK; });
+    return allGood ? S_OK : S_FALSE;
+}
+
+void take(const RequestedItem& answer, ItemIOReading& reading) {
+    if (!answer.isFilled()) {
+        reading.error = E_FAIL;
+        return;
+    }
+    reading.value = answer.value();
+    reading.quality = answer.qualityWord();
+    reading.fileTime = answer.fileTime();
+    settle(reading);
+}
+
 }  // namespace
 
-HResult ItemIO::read(std::span<const std::string_view> itemIds, std::span<const std::uint32_t> maxAges,
-                     std::vector<ItemIOReading>& readings) {
+bool ItemIO::readCache(std::span<const std::string_view> itemIds, std::span<const std::uint32_t> maxAges,
+                       std::vector<ItemIOReading>& readings, HResult& result) const {
     readings.clear();
     if (itemIds.empty() || itemIds.size() != maxAges.size()) {
-        return E_INVALIDARG;
+        result = E_INVALIDARG;
+        return true;
     }
     readings.resize(itemIds.size());
     const std::int64_t now = timeSource().fileTimeNow();
-    std::vector<const SLIKTag*> asked;
-    std::vector<std::size_t> askedAt;
+    bool isWhole = true;
     for (std::size_t i = 0; i < itemIds.size(); ++i) {
         const SLIKTag* tag = nullptr;
         ItemIOReading& reading = readings[i];
@@ -52,50 +69,47 @@ HResult ItemIO::read(std::span<const std::string_view> itemIds, std::span<const 
             reading.fileTime = tag->fileTime();
             settle(reading);
         } else {
-            asked.push_back(tag);
-            askedAt.push_back(i);
+            reading.asked = tag;
+            isWhole = false;
         }
     }
-    readDevice(asked, askedAt, readings);
-    const bool allGood =
-        std::all_of(readings.begin(), readings.end(), [](const ItemIOReading& each) { return each.error == S_OK; });
-    return allGood ? S_OK : S_FALSE;
+    result = resultOf(readings);
+    return isWhole;
 }
 
-void ItemIO::readDevice(std::span<const SLIKTag* const> asked, std::span<const std::size_t> askedAt,
-                        std::vector<ItemIOReading>& readings) {
-    control_->deviceRead(asked, [&](std::int32_t error, std::span<const RequestedItem> answers) {
-        const auto hostError = static_cast<HResult>(error);
-        for (std::size_t i = 0; i < asked.size(); ++i) {
-            ItemIOReading& reading = readings[askedAt[i]];
-            if (hostError != S_OK || !answers[i].isFilled()) {
-                reading.error = hostError != S_OK ? hostError : E_FAIL;
-                continue;
-            }
-            reading.value = answers[i].value();
-            reading.quality = answers[i].qualityWord();
-            reading.fileTime = answers[i].fileTime();
-            settle(reading);
+void ItemIO::readDevice(std::vector<ItemIOReading> readings, ReadDone done) {
+    std::vector<const SLIKTag*> asked;
+    for (const ItemIOReading& reading : readings) {
+        if (reading.asked != nullptr) {
+            asked.push_back(reading.asked);
         }
+    }
+    control_->deviceRead(asked, [readings = std::move(readings), done = std::move(done)](
+                                    std::int32_t error, std::span<const RequestedItem> answers) mutable {
+        std::size_t next = 0;
+        for (ItemIOReading& reading : readings) {
+            if (reading.asked != nullptr && error != 0) {
+                reading.error = static_cast<HResult>(error);
+            } else if (reading.asked != nullptr) {
+                take(answers[next++], reading);
+            }
+        }
+        done(resultOf(readings), readings);
     });
 }
 
-HResult ItemIO::writeVQT(std::span<const std::string_view> itemIds, std::vector<HResult>& errors) {
-    errors.clear();
-    if (itemIds.empty()) {
-        return E_INVALIDARG;
-    }
+void ItemIO::writeVQT(std::span<const std::string_view> itemIds, WriteDone done) {
+    std::vector<HResult> errors;
     for (const std::string_view itemId : itemIds) {
         const SLIKTag* tag = nullptr;
         errors.push_back(findItem(control_->items(), itemId, tag));
     }
     const auto valid = static_cast<std::size_t>(std::count(errors.begin(), errors.end(), S_OK));
-    if (valid > 0) {
-        control_->write(valid, [&errors](std::int32_t error) {
-            std::replace(errors.begin(), errors.end(), S_OK, static_cast<HResult>(error));
-        });
-    }
-    return std::all_of(errors.begin(), errors.end(), [](HResult error) { return error == S_OK; }) ? S_OK : S_FALSE;
+    control_->write(valid, [errors = std::move(errors), done = std::move(done)](std::int32_t error) mutable {
+        std::replace(errors.begin(), errors.end(), S_OK, static_cast<HResult>(error));
+        const bool allGood = std::all_of(errors.begin(), errors.end(), [](HResult each) { return each == S_OK; });
+        done(errors.empty() ? E_INVALIDARG : allGood ? S_OK : S_FALSE, errors);
+    });
 }
 
 }  // namespace quelm::opcda

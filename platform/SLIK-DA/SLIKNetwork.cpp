@@ -12,7 +12,8 @@ namespace {
 struct DeviceRead {
     std::vector<RequestedItem> items;
     std::vector<ISLIKRequestedItem*> list;
-    SLIKNetwork::ReadDone done;
+    std::uint64_t question = 0;
+    std::int32_t error = 0;
 };
 
 }  // namespace
@@ -45,13 +46,15 @@ void SLIKNetwork::deviceRead(std::span<const SLIKTag* const> tags, ReadDone done
     for (const SLIKTag* tag : tags) {
         read->list.push_back(&read->items.emplace_back(*tag, plant_->stamps()));
     }
-    read->done = std::move(done);
+    read->question = ++lastQuestion_;
+    reads_.emplace(read->question, std::move(done));
     asked_ += tags.size();
     crossing_->toPlant([this, read] {
-        const std::int32_t error = plant_->raiseRead(read->list);
-        crossing_->toNetwork([this, read, error] {
+        read->error = plant_->raiseRead(read->list);
+        crossing_->toNetwork([this, read] {
             asked_ -= read->items.size();
-            read->done(error, read->items);
+            const auto waiting = reads_.extract(read->question);
+            waiting.mapped()(read->error, read->items);
         });
     });
 }
@@ -66,11 +69,13 @@ void SLIKNetwork::write(std::size_t count, WriteDone done) {
         return;
     }
     ++asked_;
-    crossing_->toPlant([this, count, done = std::move(done)]() mutable {
+    writes_.emplace(++lastQuestion_, std::move(done));
+    crossing_->toPlant([this, count, question = lastQuestion_] {
         const std::int32_t error = plant_->raiseWrite(count);
-        crossing_->toNetwork([this, error, done = std::move(done)] {
+        crossing_->toNetwork([this, error, question] {
             --asked_;
-            done(error);
+            const auto waiting = writes_.extract(question);
+            waiting.mapped()(error);
         });
     });
 }

@@ -7,6 +7,7 @@
 #include <functional>
 #include <memory>
 #include <span>
+#include <unordered_map>
 #include <vector>
 
 #include "SLIK-DA/ClientDoor.h"
@@ -87,7 +88,11 @@ class SLIKNetwork {
     Crossing* crossing_;
     ClientDoor* door_;
     IPlantSide* plant_;
-    std::size_t asked_ = 0;  // items that the plant has still to answer for
+    // What the plant has still to answer for, which never leaves this thread: items, and who waits for them.
+    std::size_t asked_ = 0;
+    std::uint64_t lastQuestion_ = 0;
+    std::unordered_map<std::uint64_t, ReadDone> reads_;
+    std::unordered_map<std::uint64_t, WriteDone> writes_;
 };
 
 }  // namespace quelm

@@ -123,7 +123,7 @@ class Plant {
         dcom::ndr::Reader in({reinterpret_cast<const std::uint8_t*>(exact.text().data()), stub.size()});
         reply_.assign(8, 0);
         dcom::ndr::Writer out(reply_);
-        const std::uint32_t fault = target.invoke(opnum, in, out, client_);
+        const std::uint32_t fault = client_.statusOf(target.invoke(opnum, in, out, client_), reply_);
         require(fault != 0 || reply_.size() >= 12, "an answer holds a result");
         require(fault == 0 || fault == dcom::faultBadStubData || fault == dcom::faultOpnumRange, "a known fault");
         require(reply_.size() < 1000 * (stub.size() + 100), "a reply is of a sane length");

@@ -20,6 +20,7 @@ class Writer {
 
     // Bytes written since the origin.
     std::size_t position() const { return out_.size() - origin_; }
+    std::span<const std::uint8_t> written() const { return std::span<const std::uint8_t>(out_).subspan(origin_); }
     std::vector<std::uint8_t>& buffer() { return out_; }
 
     // Pads with zeros to the next multiple of alignment (1, 2, 4 or 8).

@@ -6,6 +6,8 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "DCOM/HResult.h"
 #include "DCOM/Uuid.h"
@@ -17,6 +19,31 @@ namespace quelm::dcom::orpc {
 
 class ComObject;
 
+// The reply of a method that answers later. To be used and destroyed on the network's thread; a client that is gone by
+// then is answered nothing.
+class DeferredReply {
+ public:
+    // head: what stands before the method's results.
+    DeferredReply(rpc::CallTicket ticket, std::vector<std::uint8_t> head)
+        : ticket_(std::move(ticket)), head_(std::move(head)) {}
+
+    // Whether anybody still waits for it.
+    bool wanted() const { return ticket_.wanted(); }
+    // write(ndr::Writer&) writes the results as invoke would have, and gives the same status.
+    template <class Write>
+    void complete(Write&& write) {
+        std::vector<std::uint8_t> stub;
+        ndr::Writer out(stub);
+        out.bytes(head_);
+        const std::uint32_t status = write(out);
+        ticket_.complete(status, stub);
+    }
+
+ private:
+    rpc::CallTicket ticket_;
+    std::vector<std::uint8_t> head_;
+};
+
 // What a method may need beyond its parameters.
 class CallContext {
  public:
@@ -27,6 +54,9 @@ class CallContext {
     virtual HResult writeInterface(ndr::Writer& out, const std::shared_ptr<ComObject>& object, const Uuid& iid) = 0;
     virtual const rpc::Peer& peer() const = 0;
     virtual const std::string& account() const = 0;
+    // For a method that has to wait for somebody: it returns rpc::statusDeferred and completes the reply later, or at
+    // once. out: where it would have written its results, of which it has written none.
+    virtual std::shared_ptr<DeferredReply> defer(const ndr::Writer& out) = 0;
 };
 
 // One COM interface of one object: its methods by opnum (3 is the first one after IUnknown).
@@ -34,9 +64,10 @@ class Interface {
  public:
     virtual ~Interface() = default;
     // Decodes the parameters after ORPCTHIS, acts, and writes the results after ORPCTHAT, HRESULT included.
-    // Returns 0, or a fault status for parameters that do not decode (faultBadStubData) or an opnum that does not
-    // exist (faultOpnumRange). Known methods report their failures as HRESULT with complete out parameters,
-    // because clients exist that hang after a fault. May throw; the exporter turns that into a fault.
+    // Returns 0, rpc::statusDeferred after context.defer(), or a fault status for parameters that do not decode
+    // (faultBadStubData) or an opnum that does not exist (faultOpnumRange). Known methods report their failures as
+    // HRESULT with complete out parameters, because clients exist that hang after a fault. May throw; the exporter
+    // turns that into a fault.
     virtual std::uint32_t invoke(std::uint16_t opnum, ndr::Reader& in, ndr::Writer& out, CallContext& context) = 0;
 };
 

@@ -38,6 +38,10 @@ class ExporterContext final : public CallContext {
     HResult writeInterface(ndr::Writer& out, const std::shared_ptr<ComObject>& object, const Uuid& iid) override;
     const rpc::Peer& peer() const override { return call_.peer; }
     const std::string& account() const override { return call_.account; }
+    std::shared_ptr<DeferredReply> defer(const ndr::Writer& out) override {
+        const auto head = out.written();
+        return std::make_shared<DeferredReply>(call_.defer(), std::vector<std::uint8_t>(head.begin(), head.end()));
+    }
 
  private:
     ObjectExporter& exporter_;

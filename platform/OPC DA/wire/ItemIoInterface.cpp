@@ -51,21 +51,38 @@ std::uint32_t refuseRead(Writer& out, HResult result) {
     return 0;
 }
 
+std::uint32_t writeReadings(Writer& out, std::size_t memoryLeft, HResult result,
+                            const std::vector<ItemIOReading>& readings, std::vector<HResult>& errors) {
+    if (failed(result)) {
+        return refuseRead(out, result);
+    }
+    if (!writeVariantArray(out, ReplyRoom(out, memoryLeft), readings, behindValues(readings.size()))) {
+        return refuseRead(out, E_OUTOFMEMORY);
+    }
+    writeQualitiesAndStamps(out, readings);
+    errors.clear();
+    for (const ItemIOReading& reading : readings) {
+        errors.push_back(reading.error);
+    }
+    writeErrors(out, result, errors);
+    return 0;
+}
+
 }  // namespace
 
 std::uint32_t ItemIoInterface::call(Server& server, std::uint16_t opnum, Reader& in, Writer& out,
-                                    dcom::orpc::CallContext& /*context*/) {
+                                    dcom::orpc::CallContext& context) {
     switch (opnum) {
         case Read:
-            return read(server, in, out);
+            return read(server, in, out, context);
         case WriteVqt:
-            return writeVqt(server, in, out);
+            return writeVqt(server, in, out, context);
         default:
             return dcom::faultOpnumRange;
     }
 }
 
-std::uint32_t ItemIoInterface::read(Server& server, Reader& in, Writer& out) {
+std::uint32_t ItemIoInterface::read(Server& server, Reader& in, Writer& out, dcom::orpc::CallContext& context) {
     const CallBuffers::Loan buffers(server.application().callBuffers());
     const std::uint32_t count = in.u32();
     if (count > server.application().itemsPerCall()) {
@@ -78,24 +95,23 @@ std::uint32_t ItemIoInterface::read(Server& server, Reader& in, Writer& out) {
     }
     buffers->views.assign(buffers->itemIds.begin(), buffers->itemIds.end());
     std::vector<ItemIOReading>& readings = buffers->readings;
-    const HResult result = count == 0 ? E_INVALIDARG : server.itemIO().read(buffers->views, buffers->numbers, readings);
-    if (failed(result)) {
-        return refuseRead(out, result);
+    HResult result = S_OK;
+    if (server.itemIO().readCache(buffers->views, buffers->numbers, readings, result)) {
+        return writeReadings(out, server.budget()->memory.room(), result, readings, buffers->errors);
     }
-    const std::size_t behind = behindValues(readings.size());
-    if (!writeVariantArray(out, ReplyRoom(out, server.budget()->memory.room()), readings, behind)) {
-        return refuseRead(out, E_OUTOFMEMORY);
-    }
-    writeQualitiesAndStamps(out, readings);
-    buffers->errors.clear();
-    for (const ItemIOReading& reading : readings) {
-        buffers->errors.push_back(reading.error);
-    }
-    writeErrors(out, result, buffers->errors);
-    return 0;
+    server.itemIO().readDevice(readings, [reply = context.defer(out), budget = server.budget()](
+                                             HResult late, const std::vector<ItemIOReading>& answered) {
+        if (reply->wanted()) {
+            reply->complete([&](Writer& lateOut) {
+                std::vector<HResult> errors;
+                return writeReadings(lateOut, budget->memory.room(), late, answered, errors);
+            });
+        }
+    });
+    return dcom::rpc::statusDeferred;
 }
 
-std::uint32_t ItemIoInterface::writeVqt(Server& server, Reader& in, Writer& out) {
+std::uint32_t ItemIoInterface::writeVqt(Server& server, Reader& in, Writer& out, dcom::orpc::CallContext& context) {
     const CallBuffers::Loan buffers(server.application().callBuffers());
     const std::uint32_t count = in.u32();
     if (count > server.application().itemsPerCall()) {
@@ -108,9 +124,14 @@ std::uint32_t ItemIoInterface::writeVqt(Server& server, Reader& in, Writer& out)
         return dcom::faultBadStubData;
     }
     buffers->views.assign(buffers->itemIds.begin(), buffers->itemIds.end());
-    const HResult result = count == 0 ? E_INVALIDARG : server.itemIO().writeVQT(buffers->views, buffers->errors);
-    writeErrors(out, result, buffers->errors);
-    return 0;
+    const auto reply = context.defer(out);
+    server.itemIO().writeVQT(buffers->views, [reply](HResult result, const std::vector<HResult>& errors) {
+        reply->complete([&](Writer& late) {
+            writeErrors(late, result, errors);
+            return 0U;
+        });
+    });
+    return dcom::rpc::statusDeferred;
 }
 
 }  // namespace quelm::opcda::wire

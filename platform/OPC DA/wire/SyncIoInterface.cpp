@@ -54,24 +54,52 @@ std::uint32_t refuseRead(Writer& out, HResult result) {
     return 0;
 }
 
+// Bytes of a reply behind its states and values.
+std::size_t behindStates(std::size_t count) {
+    return 16 + count * sizeof(HResult);
+}
+
+// readAll(sink) calls sink once for each of the items and gives the result of the whole.
+template <class ReadAll>
+std::uint32_t writeStates(Writer& out, ReplyRoom room, std::size_t count, std::vector<HResult>& errors,
+                          ReadAll&& readAll) {
+    const std::size_t behind = behindStates(count);
+    if (!room.has(behind + count * StateArray::itemSize)) {
+        return refuseRead(out, E_OUTOFMEMORY);
+    }
+    StateArray states(out, static_cast<std::uint32_t>(count));
+    errors.clear();
+    const HResult result = readAll([&](const ItemReading& reading) {
+        if (room.has(behind)) {
+            states.add(reading);
+            errors.push_back(reading.error);
+        }
+    });
+    if (!room.has(behind)) {
+        room.clear();
+        return refuseRead(out, E_OUTOFMEMORY);
+    }
+    writeU32Array(out, errors);
+    out.u32(result);
+    return 0;
+}
+
 }  // namespace
 
-std::uint32_t SyncIoInterface::invoke(std::uint16_t opnum, Reader& in, Writer& out,
-                                      dcom::orpc::CallContext& /*context*/) {
+std::uint32_t SyncIoInterface::invoke(std::uint16_t opnum, Reader& in, Writer& out, dcom::orpc::CallContext& context) {
     switch (opnum) {
         case Read:
-            return read(in, out);
+            return read(in, out, context);
         case Write:
-            return write(in, out);
+            return write(in, out, context);
         default:
             return dcom::faultOpnumRange;
     }
 }
 
-std::uint32_t SyncIoInterface::read(Reader& in, Writer& out) {
+std::uint32_t SyncIoInterface::read(Reader& in, Writer& out, dcom::orpc::CallContext& context) {
     const CallBuffers::Loan buffers(group_.application().callBuffers());
     std::vector<std::uint32_t>& handles = buffers->handles;
-    std::vector<HResult>& errors = buffers->errors;
     const std::uint16_t source = in.u16();
     const std::uint32_t count = in.u32();
     if (count > group_.application().itemsPerCall()) {
@@ -87,30 +115,27 @@ std::uint32_t SyncIoInterface::read(Reader& in, Writer& out) {
     if (handles.empty() || (source != Cache && source != Device)) {
         return refuseRead(out, E_INVALIDARG);
     }
-    ReplyRoom room(out, group_.memoryLeft());
-    const std::size_t behind = 16 + handles.size() * sizeof(HResult);
-    if (!room.has(behind + handles.size() * StateArray::itemSize)) {
+    const ReplyRoom room(out, group_.memoryLeft());
+    if (!room.has(behindStates(handles.size()) + handles.size() * StateArray::itemSize)) {
         return refuseRead(out, E_OUTOFMEMORY);
     }
-    StateArray states(out, static_cast<std::uint32_t>(handles.size()));
-    errors.clear();
-    const auto sink = [&](const ItemReading& reading) {
-        if (room.has(behind)) {
-            states.add(reading);
-            errors.push_back(reading.error);
+    if (source == Cache) {
+        return writeStates(out, room, handles.size(), buffers->errors,
+                           [&](const auto& sink) { return group_.readCache(handles, sink); });
+    }
+    group_.readDevice(handles, [reply = context.defer(out), count = handles.size()](DeviceReading& reading) {
+        if (reply->wanted()) {
+            reply->complete([&](Writer& late) {
+                std::vector<HResult> errors;
+                return writeStates(late, ReplyRoom(late, reading.memoryLeft()), count, errors,
+                                   [&](const auto& sink) { return reading.deliver(sink); });
+            });
         }
-    };
-    const HResult result = source == Cache ? group_.readCache(handles, sink) : group_.readDevice(handles, sink);
-    if (!room.has(behind)) {
-        room.clear();
-        return refuseRead(out, E_OUTOFMEMORY);
-    }
-    writeU32Array(out, errors);
-    out.u32(result);
-    return 0;
+    });
+    return dcom::rpc::statusDeferred;
 }
 
-std::uint32_t SyncIoInterface::write(Reader& in, Writer& out) {
+std::uint32_t SyncIoInterface::write(Reader& in, Writer& out, dcom::orpc::CallContext& context) {
     const CallBuffers::Loan buffers(group_.application().callBuffers());
     const std::uint32_t count = in.u32();
     if (count > group_.application().itemsPerCall()) {
@@ -122,14 +147,17 @@ std::uint32_t SyncIoInterface::write(Reader& in, Writer& out) {
     if (!in.good()) {
         return dcom::faultBadStubData;
     }
-    HResult result = E_INVALIDARG;
-    if (group_.isRemoved()) {
-        result = E_FAIL;
-    } else if (count != 0) {
-        result = group_.write(buffers->handles, buffers->errors);
+    if (group_.isRemoved() || count == 0) {
+        writeErrors(out, group_.isRemoved() ? E_FAIL : E_INVALIDARG, {});
+        return 0;
     }
-    writeErrors(out, result, buffers->errors);
-    return 0;
+    group_.write(buffers->handles, [reply = context.defer(out)](HResult result, const std::vector<HResult>& errors) {
+        reply->complete([&](Writer& late) {
+            writeErrors(late, result, errors);
+            return 0U;
+        });
+    });
+    return dcom::rpc::statusDeferred;
 }
 
 }  // namespace quelm::opcda::wire

@@ -15,8 +15,8 @@ class SyncIoInterface final : public dcom::orpc::Interface {
                          dcom::orpc::CallContext& context) override;
 
  private:
-    std::uint32_t read(dcom::ndr::Reader& in, dcom::ndr::Writer& out);
-    std::uint32_t write(dcom::ndr::Reader& in, dcom::ndr::Writer& out);
+    std::uint32_t read(dcom::ndr::Reader& in, dcom::ndr::Writer& out, dcom::orpc::CallContext& context);
+    std::uint32_t write(dcom::ndr::Reader& in, dcom::ndr::Writer& out, dcom::orpc::CallContext& context);
 
     Group& group_;
 };

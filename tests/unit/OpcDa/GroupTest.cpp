@@ -22,8 +22,16 @@ class GroupTest : public OpcDaTest {
     }
     std::vector<Seen> fromDevice(const Handles& handles) {
         Recorder read;
-        result = group->readDevice(handles, read);
+        group->readDevice(handles, [&](DeviceReading& reading) { result = reading.deliver(read); });
         return read.seen;
+    }
+
+    HResult write(const Handles& handles) {
+        group->write(handles, [this](HResult written, const std::vector<HResult>& each) {
+            result = written;
+            errors = each;
+        });
+        return result;
     }
 
     Server server{application};
@@ -184,9 +192,9 @@ TEST_F(GroupTest, AWriteOnlyItemCannotBeRead) {
 
 TEST_F(GroupTest, EveryWriteFailsAfterOneEvent) {
     const Handles handles = addItems(*group, {"Plant.Stack1.NOx", "Status"});
-    EXPECT_EQ(group->write(Handles{handles[0], 9, handles[1]}, errors), S_FALSE);
+    EXPECT_EQ(write({handles[0], 9, handles[1]}), S_FALSE);
     EXPECT_THAT(errors, ElementsAre(E_FAIL, OPC_E_INVALIDHANDLE, E_FAIL));
-    EXPECT_EQ(group->write(Handles{9}, errors), S_FALSE);
+    EXPECT_EQ(write({9}), S_FALSE);
     EXPECT_THAT(events.log, ElementsAre("write 2"));
 }
 

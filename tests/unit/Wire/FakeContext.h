@@ -29,10 +29,35 @@ class FakeContext : public dcom::orpc::CallContext {
         }
         return dcom::S_OK;
     }
+    std::shared_ptr<dcom::orpc::DeferredReply> defer(const dcom::ndr::Writer& out) override {
+        const auto head = out.written();
+        late_ = std::make_shared<Answer>();
+        return std::make_shared<dcom::orpc::DeferredReply>(dcom::rpc::CallTicket(late_),
+                                                           std::vector<std::uint8_t>(head.begin(), head.end()));
+    }
+    // The status of a call that invoke gave one for, and its reply, when it comes late; by then it must be there.
+    std::uint32_t statusOf(std::uint32_t status, std::vector<std::uint8_t>& stub) {
+        if (status != dcom::rpc::statusDeferred) {
+            return status;
+        }
+        stub.insert(stub.end(), late_->stub.begin(), late_->stub.end());
+        return late_->status;
+    }
+
     const dcom::rpc::Peer& peer() const override { return peer_; }
     const std::string& account() const override { return account_; }
 
  private:
+    struct Answer final : dcom::rpc::IDeferredAnswer {
+        void complete(std::uint32_t late, std::span<const std::uint8_t> results) override {
+            status = late;
+            stub.assign(results.begin(), results.end());
+        }
+        std::uint32_t status = dcom::rpc::statusDeferred;
+        std::vector<std::uint8_t> stub;
+    };
+
+    std::shared_ptr<Answer> late_;
     dcom::rpc::Peer peer_{7, "192.0.2.9:50000", "192.0.2.1", 49200};
     std::string account_ = "PLANT\\historian";
 };

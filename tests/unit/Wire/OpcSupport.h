@@ -94,7 +94,7 @@ class OpcWire : public ::testing::Test {
             ADD_FAILURE() << "no interface " << iid.toText();
             return reply;
         }
-        reply.fault = target->invoke(opnum, in, out, context_);
+        reply.fault = context_.statusOf(target->invoke(opnum, in, out, context_), reply.bytes);
         return reply;
     }
     // To the server's object, or to the latest group.
