@@ -123,7 +123,8 @@ void startServer() {
         std::filesystem::permissions(settings, std::filesystem::perms::owner_read);
         ::setenv("QUELM_DCOM_CONF", settings.c_str(), 1);
         AsioLoop loop;
-        SLIKServer control(loop, loop);
+        AsioLoop networkLoop;
+        SLIKServer control(loop, networkLoop);
         for (std::int32_t number = 0; number < itemCount; ++number) {
             control.SLIKTags().Add(itemId(number), 1, Variant(20.0F + static_cast<float>(number)), 0xC0, localNow());
         }
@@ -131,8 +132,10 @@ void startServer() {
         const auto trouble = [](std::string_view line) {
             std::fprintf(stderr, "%.*s\n", static_cast<int>(line.size()), line.data());
         };
-        OpcNetwork network(control, loop, {}, {.weakened = silence, .notice = silence, .trouble = trouble});
-        network.open();
+        OpcNetwork network(control, loop, networkLoop, {},
+                           {.weakened = silence, .notice = silence, .trouble = trouble, .failure = trouble});
+        control.setHooks({[&network] { network.open(); }, {}, {}, {}, {}});
+        control.StartServer();
         std::filesystem::remove(settings);
         ready();
         loop.run();

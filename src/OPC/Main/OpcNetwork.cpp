@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <csignal>
 #include <optional>
 #include <string>
 #include <utility>
@@ -43,16 +44,31 @@ dcom::orpc::ExporterSettings exporterSettings(const dcom::DcomSettings& settings
     return result;
 }
 
+// Signals are the main thread's.
+template <class Body>
+std::thread startWithoutSignals(Body body) {
+    sigset_t all;
+    sigset_t before;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &before);
+    std::thread thread(std::move(body));
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    return thread;
+}
+
 }  // namespace
 
 struct OpcNetwork::Impl {
-    Impl(SLIKServer& control, AsioLoop& loop, const Lines& lines, dcom::DcomSettings read)
+    using Trouble = std::function<void(std::string_view)>;
+
+    // trouble is called on the network's thread.
+    Impl(SLIKServer& control, AsioLoop& loop, const Trouble& trouble, dcom::DcomSettings read)
         : settings(std::move(read)),
           application(control.network()),
-          exporter(exporterSettings(settings, lines.trouble), [] { return timeSource().monotonicMilliseconds(); }),
+          exporter(exporterSettings(settings, trouble), [] { return timeSource().monotonicMilliseconds(); }),
           activationHandler(exporter, classes),
           objectHandler(exporter, opcda::wire::isOpcInterface),
-          refusals(loop, lines.trouble),
+          refusals(loop, trouble),
           protocol{.accounts = settings.accounts,
                    .logOn = settings.ntlm,
                    .minimumLevel = settings.minimumLevel,
@@ -64,14 +80,14 @@ struct OpcNetwork::Impl {
                        },
                    .budgets = &application.budgets(),
                    .challenge = std::nullopt},
-          server(loop, loop, protocol, tcpSettings(lines)),
+          server(loop, loop, protocol, tcpSettings(trouble)),
           timer(loop.makeTimer([this] { tick(); })) {
         classes.add(std::make_shared<opcda::wire::OpcClassFactory>(application));
     }
 
-    static dcom::net::TcpSettings tcpSettings(const Lines& lines) {
+    static dcom::net::TcpSettings tcpSettings(const Trouble& trouble) {
         dcom::net::TcpSettings result;
-        result.onTrouble = lines.trouble;
+        result.onTrouble = trouble;
         return result;
     }
 
@@ -140,8 +156,13 @@ struct OpcNetwork::Impl {
     std::unique_ptr<ITimer> timer;
 };
 
-OpcNetwork::OpcNetwork(SLIKServer& control, AsioLoop& loop, systemd::PassedSockets passed, Lines lines)
-    : control_(control), loop_(loop), passed_(std::move(passed)), lines_(std::move(lines)) {}
+OpcNetwork::OpcNetwork(SLIKServer& control, AsioLoop& plant, AsioLoop& loop, systemd::PassedSockets passed, Lines lines)
+    : control_(control),
+      loop_(loop),
+      passed_(std::move(passed)),
+      lines_(std::move(lines)),
+      trouble_(loop, plant, lines_.trouble),
+      failure_(loop, plant, lines_.failure) {}
 
 OpcNetwork::~OpcNetwork() {
     close();
@@ -155,27 +176,48 @@ void OpcNetwork::open() {
     for (const std::string& notice : settings.notices) {
         lines_.weakened(notice);
     }
-    impl_ = std::make_unique<Impl>(control_, loop_, lines_, std::move(settings));
+    impl_ = std::make_unique<Impl>(
+        control_, loop_, [this](std::string_view line) { trouble_.send(line); }, std::move(settings));
     try {
         if (passed_.any()) {
             impl_->adopt(std::exchange(passed_, {}), lines_);
         } else {
             impl_->listen();
         }
+        thread_ = startWithoutSignals([this] { run(); });
     } catch (const dcom::net::ListenError& error) {
         impl_.reset();
         throw RuntimeError(errors::invalidCall, error.what());
+    } catch (...) {
+        impl_.reset();
+        throw;
     }
     lines_.notice("OPC clients are served on " + impl_->listening());
+}
+
+// A handler that lets a failure out costs its own client; the loop must go on for the others.
+void OpcNetwork::run() {
+    for (;;) {
+        try {
+            loop_.run();
+            return;
+        } catch (...) {
+            failure_.send(currentError().text());
+        }
+    }
 }
 
 void OpcNetwork::close() {
     if (impl_ == nullptr) {
         return;
     }
-    impl_->timer->stop();
-    impl_->server.close();
-    impl_->exporter.revokeAll();
+    loop_.post([this] {
+        impl_->timer->stop();
+        impl_->server.close();
+        impl_->exporter.revokeAll();
+        loop_.stop();
+    });
+    thread_.join();
     impl_.reset();
 }
 

@@ -1,13 +1,16 @@
 #pragma once
 
-// Everything between the control and the network: object exporter, activation, listeners, and the settings that say
-// who may come in. Opened when the control starts, closed when the server has unloaded.
+// Everything between the control and the network: object exporter, activation, listeners, the settings that say who
+// may come in, and the thread that all of it runs on. Opened when the control starts, closed when the server has
+// unloaded.
 
 #include <functional>
 #include <memory>
 #include <string_view>
+#include <thread>
 
 #include "Message Loop/AsioLoop.h"
+#include "Message Loop/LineCrossing.h"
 #include "OPC/Main/Systemd.h"
 #include "SLIK-DA/SLIKServer.h"
 
@@ -15,33 +18,40 @@ namespace quelm {
 
 class OpcNetwork {
  public:
-    // Plain lines for the operator.
+    // Plain lines for the operator; called on the plant's thread.
     struct Lines {
         std::function<void(std::string_view)> weakened;  // a setting that lets in what the default keeps out
         std::function<void(std::string_view)> notice;    // where clients are served
         std::function<void(std::string_view)> trouble;   // damaged settings, refused clients
+        std::function<void(std::string_view)> failure;   // let out by a handler; the network goes on
     };
 
-    // passed: sockets to serve clients on in place of the settings' addresses, where there are any. control and loop
-    // must outlive the network.
-    OpcNetwork(SLIKServer& control, AsioLoop& loop, systemd::PassedSockets passed, Lines lines);
+    // passed: sockets to serve clients on in place of the settings' addresses, where there are any. loop is the
+    // network's, which nobody else runs. control and loops must outlive the network.
+    OpcNetwork(SLIKServer& control, AsioLoop& plant, AsioLoop& loop, systemd::PassedSockets passed, Lines lines);
     ~OpcNetwork();
     OpcNetwork(const OpcNetwork&) = delete;
     OpcNetwork& operator=(const OpcNetwork&) = delete;
 
-    // Reads the settings and lets clients in. Raises RuntimeError with the address, the reason and the remedy when an
-    // address cannot be listened on; nothing listens then.
+    // Reads the settings, lets clients in and begins the network's thread. Raises RuntimeError with the address, the
+    // reason and the remedy when an address cannot be listened on; nothing listens then.
     void open();
-    // Lets go of all clients and closes all sockets.
+    // Lets go of all clients, closes all sockets and ends the thread. What clients leave behind, their going above all,
+    // is then on its way to the plant.
     void close();
 
  private:
     struct Impl;
+    void run();
+
     SLIKServer& control_;
     AsioLoop& loop_;
     systemd::PassedSockets passed_;
     Lines lines_;
+    LineCrossing trouble_;
+    LineCrossing failure_;
     std::unique_ptr<Impl> impl_;
+    std::thread thread_;
 };
 
 }  // namespace quelm

@@ -106,7 +106,7 @@ class Program {
                    .closed = [this] { loop_.stop(); },
                    .noDisplay = printProblem,
                    .displayLost = [this](std::string_view line) { form_.AddMessage(msgtype::error, line, true); }}),
-          network_(control_, loop_, systemd::takeSockets(),
+          network_(control_, loop_, networkLoop_, systemd::takeSockets(),
                    {// Whoever reads the log later must see how open the server was at that time.
                     .weakened = [this](std::string_view line) { form_.AddMessage(msgtype::notice, line, true); },
                     .notice =
@@ -114,7 +114,8 @@ class Program {
                             printNotice(line);
                             systemd::tell(fmt::format("STATUS={}", line));
                         },
-                    .trouble = printProblem}),
+                    .trouble = printProblem,
+                    .failure = [this](std::string_view text) { reportUnexpected(text); }}),
           form_(parts(std::move(commandLine))) {
         control_.setHooks({
             .openNetwork = [this] { openNetwork(); },
@@ -233,11 +234,15 @@ class Program {
             loop_.run();
             return true;
         } catch (...) {
-            const std::string failure = fmt::format("Unexpected failure: {}", currentError().text());
-            printProblem(failure);
-            form_.AddMsg(msgtype::error, failure);
+            reportUnexpected(currentError().text());
             return false;
         }
+    }
+
+    void reportUnexpected(std::string_view text) {
+        const std::string failure = fmt::format("Unexpected failure: {}", text);
+        printProblem(failure);
+        form_.AddMsg(msgtype::error, failure);
     }
 
     // A signal asks to close the window; clients may refuse. SIGTERM does not leave it at that: they get a while to go.
@@ -265,15 +270,16 @@ class Program {
         }
     }
 
-    // Without clients nothing keeps the window from being closed.
+    // Without clients nothing keeps the window from being closed. Their going is told first.
     void endWithoutClients() {
         network_.close();
-        form_.Unload();
+        loop_.post([this] { form_.Unload(); });
     }
 
-    AsioLoop loop_;
+    AsioLoop loop_;  // the plant's, on the main thread
+    AsioLoop networkLoop_;
     MainWindow window_;
-    SLIKServer control_{loop_, loop_};
+    SLIKServer control_{loop_, networkLoop_};
     OpcNetwork network_;
     frmOPCQuelm form_;
     std::unique_ptr<ITimer> firstReadsDone_ = loop_.makeTimer(giveBackMemory);
