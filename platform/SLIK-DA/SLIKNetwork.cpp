@@ -53,8 +53,9 @@ void SLIKNetwork::deviceRead(std::span<const SLIKTag* const> tags, ReadDone done
         read->error = plant_->raiseRead(read->list);
         crossing_->toNetwork([this, read] {
             asked_ -= read->items.size();
-            const auto waiting = reads_.extract(read->question);
-            waiting.mapped()(read->error, read->items);
+            if (const auto waiting = reads_.extract(read->question)) {
+                waiting.mapped()(read->error, read->items);
+            }
         });
     });
 }
@@ -74,10 +75,16 @@ void SLIKNetwork::write(std::size_t count, WriteDone done) {
         const std::int32_t error = plant_->raiseWrite(count);
         crossing_->toNetwork([this, error, question] {
             --asked_;
-            const auto waiting = writes_.extract(question);
-            waiting.mapped()(error);
+            if (const auto waiting = writes_.extract(question)) {
+                waiting.mapped()(error);
+            }
         });
     });
+}
+
+void SLIKNetwork::forgetQuestions() {
+    reads_.clear();
+    writes_.clear();
 }
 
 }  // namespace quelm

@@ -79,6 +79,8 @@ class SLIKNetwork {
     void deviceRead(std::span<const SLIKTag* const> tags, ReadDone done);
     // A client's write of so many items: OnWrite once, unless there are none; its error code applies to every item.
     void write(std::size_t count, WriteDone done);
+    // The network closes: what the plant still answers, nobody waits for any more.
+    void forgetQuestions();
 
  private:
     // Every item several times over, or some small requests of many clients.

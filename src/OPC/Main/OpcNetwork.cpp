@@ -214,6 +214,7 @@ void OpcNetwork::close() {
     loop_.post([this] {
         impl_->timer->stop();
         impl_->server.close();
+        control_.network().forgetQuestions();
         impl_->exporter.revokeAll();
         loop_.stop();
     });

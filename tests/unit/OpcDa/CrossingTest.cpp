@@ -2,6 +2,10 @@
 
 #include <fmt/format.h>
 
+#include <thread>
+
+#include "Message Loop/AsioLoop.h"
+#include "Message Loop/LineCrossing.h"
 #include "OpcDa/Fixture.h"
 #include "SharedTypes/Raised.h"
 
@@ -174,6 +178,110 @@ TEST_F(CrossingTest, AnUnloadAndAComingClientNeverMiss) {
     });
     plantLoop.drain();
     EXPECT_EQ(events.log.size(), 2U) << "it never was a client";
+}
+
+// Both sides on threads of their own, as fast as they can: for the thread sanitizer above all.
+class Threads : public ISLIKServerEvents {
+ public:
+    Threads() {
+        for (int i = 0; i < 50; ++i) {
+            control.SLIKTags().Add(fmt::format("Item{}", i), 1, Variant("0"), 0xC0, localNow());
+        }
+        control.SetEvents(this);
+        control.setHooks({[this] { thread = std::thread([this] { network.run(); }); }, {}, {}, {}, {}});
+        control.StartServer();
+        network.post([this] { useAsClient(); });
+        plant.post([this] { pass(); });
+        plant.run();
+        thread.join();
+    }
+
+    void SLIKServer1_OnClientDisconnect(std::int32_t) override { ++goings; }
+    void SLIKServer1_OnRead(std::int32_t, const std::vector<ISLIKRequestedItem*>& items, std::int32_t&) override {
+        for (ISLIKRequestedItem* item : items) {
+            const ISLIKTag& tag = control.SLIKTags().Item(item->Name());
+            item->SetVQT(tag.Value(), tag.Quality(), tag.Timestamp());
+        }
+    }
+    void SLIKServer1_OnWrite(std::int32_t, std::int32_t& error) override { error = SLIKServer::failed; }
+
+    int goings = 0;  // seen by the plant
+    int comings = 0;
+    int mixed = 0;  // reads that saw two passes at once
+    std::string last;
+
+ private:
+    void pass() {
+        const Variant value(std::to_string(++passes));
+        for (std::size_t i = 0; i < control.SLIKTags().Count(); ++i) {
+            control.SLIKTags().Item(fmt::format("item{}", i)).SetVQT(value, 0xC0, localNow());
+        }
+        if (passes < 500) {
+            plant.post([this] { pass(); });
+        } else {
+            plant.post([this] { network.post([this] { isOver = true; }); });
+        }
+    }
+
+    void useAsClient() {
+        SLIKNetwork& side = control.network();
+        const std::string first = side.items().at(0).Value().text();
+        std::vector<const SLIKTag*> all;
+        for (std::size_t i = 0; i < side.items().Count(); ++i) {
+            all.push_back(&side.items().at(i));
+            mixed += all.back()->Value().text() == first && all.back()->fileTime() != 0 ? 0 : 1;
+        }
+        last = first;
+        comings += side.clientCreated() ? 1 : 0;
+        side.deviceRead(all, [this](std::int32_t error, std::span<const RequestedItem> readings) {
+            for (const RequestedItem& reading : readings) {
+                mixed += error == 0 && reading.value().text() == readings[0].value().text() ? 0 : 1;
+            }
+            control.network().write(1, [this](std::int32_t failed) {
+                mixed += failed == SLIKServer::failed ? 0 : 1;
+                control.network().clientGone();
+                network.post([this] { next(); });
+            });
+        });
+    }
+
+    void next() {
+        if (!isOver || last != "500") {
+            return useAsClient();
+        }
+        plant.post([this] { plant.stop(); });
+        network.stop();
+    }
+
+    AsioLoop plant;
+    AsioLoop network;
+    SLIKServer control{plant, network};
+    std::thread thread;
+    int passes = 0;
+    bool isOver = false;
+};
+
+TEST(Crossing, HoldsBetweenTwoThreads) {
+    const Threads run;
+    EXPECT_EQ(run.mixed, 0);
+    EXPECT_EQ(run.last, "500");
+    EXPECT_EQ(run.goings, run.comings);
+}
+
+TEST(LineCrossing, CountsWhatNobodyTakes) {
+    VirtualLoop from;
+    VirtualLoop to;
+    std::vector<std::string> printed;
+    LineCrossing lines(from, to, [&](std::string_view line) { printed.emplace_back(line); });
+    for (std::size_t i = 0; i < LineCrossing::most + 7; ++i) {
+        lines.send("line");
+    }
+    for (int i = 0; i < 2; ++i) {
+        to.drain();
+        from.drain();
+    }
+    EXPECT_EQ(printed.size(), LineCrossing::most + 1);
+    EXPECT_EQ(printed.back(), "7 further lines were left out: they came too fast");
 }
 
 }  // namespace
