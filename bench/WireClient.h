@@ -199,9 +199,12 @@ class GroupReader {
         return connection_.exchange(request);
     }
 
+    // A cache read of all items: the results behind the header that all object calls have.
+    Bytes read() { return connection_.call(syncIo, readOpnum, &syncIo_, readParameters()); }
+
     // One read with a look at the result: every item must come without an error.
     void check() {
-        const Bytes results = connection_.call(syncIo, readOpnum, &syncIo_, readParameters());
+        const Bytes results = read();
         dcom::ndr::Reader in(results);
         in.bytes(12);  // header, referent
         expect(in.u32() == handles_.size(), "items are missing");
