@@ -67,7 +67,7 @@ class Handler final : public rpc::CallHandler {
 class Session {
  public:
     explicit Session(rpc::AuthLevel minimum)
-        : settings_{accounts_, {}, minimum, 20'000, 30'000, {}, {}}, handler_(minimum) {
+        : settings_{accounts_, {}, minimum, 20'000, 30'000, {}, nullptr, {}}, handler_(minimum) {
         accounts_.add("*", "opc", ntlm::ntHash("secret"));
         settings_.logOn.computerName = "SERVER";
         settings_.logOn.domainName = "PLANT";
