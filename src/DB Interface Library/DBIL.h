@@ -12,9 +12,10 @@ namespace quelm {
 
 class DBIL final : public IDBIL {
  public:
-    DBIL(SqlDrivers drivers, ProblemSink problems)
+    // news: of databases that do not answer, and answer again.
+    DBIL(SqlDrivers drivers, ProblemSink problems, SiteTable::News news = {})
         : problems_(std::move(problems)),
-          sites_(std::move(drivers)),
+          sites_(std::move(drivers), std::move(news)),
           configurationReader_(sites_, problems_),
           realtimeDB_(sites_) {}
 

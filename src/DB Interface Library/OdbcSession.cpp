@@ -49,6 +49,25 @@ Diagnosis diagnose(SQLSMALLINT type, SQLHANDLE handle) {
             onOneLine(utf16ToUtf8(text.substr(0, shown)))};
 }
 
+// PostgreSQL's driver begins a file of its own under /tmp in every process that closes its last connection, where the
+// machine's driver settings do not forbid it; no connection string does. It leaves that for as long as some connection
+// that wants no log is open, and counts one that failed to open for ever: so one fails here, once, at a place where no
+// server can be. A connection string that says what is to be logged is left alone.
+void keepFromLogging(SQLHANDLE environment, const ConnectionString& connectionString) {
+    const std::string* const driver = connectionString.find("Driver");
+    const std::string name = driver != nullptr ? toUpperCase(*driver) : "";
+    const bool isPostgreSQL = name.find("POSTGRES") != std::string::npos || name.find("PSQLODBC") != std::string::npos;
+    if (!isPostgreSQL || connectionString.find("CommLog") != nullptr || connectionString.find("Debug") != nullptr) {
+        return;
+    }
+    [[maybe_unused]] static const SQLRETURN once = [&] {
+        const OdbcHandle<SQL_HANDLE_DBC> connection(environment);
+        std::u16string text = utf8ToUtf16("Driver={" + *driver + "};Server=/nowhere;UID=nobody;CommLog=0;Debug=0");
+        return SQLDriverConnectW(connection.get(), nullptr, odbcText(text), static_cast<SQLSMALLINT>(text.size()),
+                                 nullptr, 0, nullptr, SQL_DRIVER_NOPROMPT);
+    }();
+}
+
 // The mistake is in this one statement or its values; the connection is as good as before.
 bool leavesConnectionGood(std::string_view state) {
     return state.starts_with("22") || state.starts_with("23") || state.starts_with("42");
@@ -67,6 +86,7 @@ OdbcSession::OdbcSession(const ConnectionString& connectionString, const SqlTime
     if (connection_->get() == nullptr) {
         throw RuntimeError(errors::outOfMemory);
     }
+    keepFromLogging(environment_.get(), connectionString_);
     connect();
     readAbilities();
 }

@@ -55,7 +55,11 @@ std::shared_ptr<SqlWorker> SiteTable::connectionTo(const std::string& text) {
     std::weak_ptr<SqlWorker>& known = connections_[text];
     std::shared_ptr<SqlWorker> connection = known.lock();
     if (!connection) {
-        connection = std::make_shared<SqlWorker>(drivers_.connection(text));
+        SqlWorker::News news;
+        if (news_) {
+            news = [tell = news_, shown = redactConnectionString(text)](const auto& loss) { tell(shown, loss); };
+        }
+        connection = std::make_shared<SqlWorker>(drivers_.connection(text), std::move(news));
         known = connection;
     }
     return connection;

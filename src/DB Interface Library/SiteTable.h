@@ -21,7 +21,11 @@ class SiteTable {
     static constexpr std::size_t configuration = 0;
     static constexpr std::size_t realtime = 1;
 
-    explicit SiteTable(SqlDrivers drivers) : drivers_(std::move(drivers)) {}
+    // News of a database: its connection string without passwords, and why it does not answer; nothing: it answers
+    // again.
+    using News = std::function<void(const std::string& strConnection, const std::optional<ErrorInfo>& loss)>;
+
+    SiteTable(SqlDrivers drivers, News news) : drivers_(std::move(drivers)), news_(std::move(news)) {}
 
     // Raises what the drivers raise when the first two connection strings are not usable; the site is then as before.
     void setUp(std::string_view strSiteID, const std::array<std::string_view, connectionCount>& connectionStrings);
@@ -45,6 +49,7 @@ class SiteTable {
     std::shared_ptr<SqlWorker> connectionTo(const std::string& text);
 
     SqlDrivers drivers_;
+    News news_;
     // Sites of one database share its connection and its worker: each more is a session of the database's, and a wait
     // of its own when the database is gone.
     std::map<std::string, std::weak_ptr<SqlWorker>> connections_;

@@ -87,7 +87,8 @@ void work(std::unique_ptr<ISqlConnection> connection, std::future<std::unique_pt
 
 }  // namespace
 
-SqlWorker::SqlWorker(std::unique_ptr<ISqlConnection> connection) : timeouts_(connection->timeouts()) {
+SqlWorker::SqlWorker(std::unique_ptr<ISqlConnection> connection, News news)
+    : timeouts_(connection->timeouts()), news_(std::move(news)) {
     std::promise<void> end;
     threadEnd_ = end.get_future();
     const SignalsBlocked blocked;
@@ -137,6 +138,7 @@ SqlCall<bool> SqlWorker::beginClose() {
     call.refusal = refusal();
     failure_.reset();
     slowFailure_.reset();
+    lost_ = false;
     if (!progress_ || progress_->isOver()) {
         const auto close = [](ISqlConnection& connection) {
             connection.close();
@@ -176,12 +178,20 @@ bool SqlWorker::awaitConnection(SqlProgress& progress) {
     failure_ = connected.failure;
     failedAt_ = timeSource().monotonicMilliseconds();
     slowFailure_ = connected.at - progress.begun_ >= slow ? failure_ : std::nullopt;
+    tell(failure_);
     return true;
 }
 
 void SqlWorker::giveUp(SqlProgress& progress, const ErrorInfo& reason) {
     progress.givenUp_->test_and_set();
     progress.timedOut_ = reason;
+    tell(reason);
+}
+
+void SqlWorker::tell(const std::optional<ErrorInfo>& loss) {
+    if (std::exchange(lost_, loss.has_value()) != loss.has_value() && news_) {
+        news_(loss);
+    }
 }
 
 }  // namespace quelm

@@ -8,6 +8,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <functional>
 #include <future>
 #include <memory>
 #include <optional>
@@ -76,8 +77,11 @@ struct SqlCall {
 
 class SqlWorker {
  public:
+    // The database does not answer, and why, or (nothing) answers again. Once for each spell, on the thread that asks.
+    using News = std::function<void(const std::optional<ErrorInfo>& loss)>;
+
     // Starts the thread; connects nothing yet.
-    explicit SqlWorker(std::unique_ptr<ISqlConnection> connection);
+    explicit SqlWorker(std::unique_ptr<ISqlConnection> connection, News news = {});
     SqlWorker(const SqlWorker&) = delete;
     SqlWorker& operator=(const SqlWorker&) = delete;
     // A library that hangs is left to itself; its connection goes when it returns. Should the process end before, it
@@ -199,9 +203,12 @@ class SqlWorker {
     // Waits until it is over; why nobody waits for it any longer.
     std::optional<ErrorInfo> await(SqlProgress& progress);
     bool awaitConnection(SqlProgress& progress);
-    static void giveUp(SqlProgress& progress, const ErrorInfo& reason);
+    void giveUp(SqlProgress& progress, const ErrorInfo& reason);
+    void tell(const std::optional<ErrorInfo>& loss);
 
     const SqlTimeouts timeouts_;
+    const News news_;
+    bool lost_ = false;
     // The latest call. There is never another one under way.
     std::shared_ptr<SqlProgress> progress_;
     // Of the last attempt to connect.

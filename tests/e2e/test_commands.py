@@ -1,6 +1,7 @@
 """The operator tool and the demo I/O server: commands go as records through the database, and what comes back."""
 
 import csv
+import glob
 import json
 import os
 import pty
@@ -249,6 +250,9 @@ class OverPostgreSQL(Commands):
             wait_for('a line about the outage and one about its end', lambda: len(said()) == 2 * outage)
         self.assertEqual([line == 'DemoIOServer: the database is back' for line in said()], [False, True] * 2, said())
         self.iosctl('refresh', '202', '--wait', '20')
+        # The driver, as Debian sets it up, would leave a file for each process.
+        self.stop_io_server()
+        self.assertEqual(glob.glob(f'/tmp/psqlodbc_*{self.io_server.pid}.log'), [])
 
 
 if __name__ == '__main__':

@@ -44,6 +44,8 @@ class Away(Databases):
         log = self.site.log()
         self.assertEqual(log[log.index('Information [OPC-0223] Testing database connections...'):],
                          ['Information [OPC-0223] Testing database connections...',
+                          f"Error The database Driver=SQLite;Database={self.site.path('realtime.db')} does not answer: "
+                          f"14, unable to open database file '{self.site.path('realtime.db')}': No such file or directory",
                           'Error [OPC-0224] Could not successfully test database connection(s)',
                           'Information [OPC-0225] Testing database connections...',
                           'Error [OPC-0226] Could not successfully test database connection(s)'])
@@ -58,6 +60,9 @@ class Away(Databases):
         codes = [line.split('[OPC-')[1][:4] for line in self.site.log()[before:] if '[OPC-' in line]
         self.assertEqual(codes[:6], ['0225', '0104', '0212', '0213', '0214', '0215'])
         self.assertEqual(codes[-4:], ['0105', '0106', '0107', '0108'])
+        self.assertEqual(len(self.site.logged('does not answer: ')), 1)
+        self.assertEqual(len(self.site.logged('answers again')), 1)
+        self.assertIn('answers again', self.site.errors())
         client = self.client(items=EXPECTED)
         self.site.beat()
         self.site.wait_pass()

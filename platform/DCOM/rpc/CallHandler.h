@@ -16,10 +16,11 @@ namespace quelm::dcom::rpc {
 
 // One client connection, for as long as it lasts. Layers above may key their books by id.
 struct Peer {
-    std::uint64_t id = 0;         // unique for the life of the process
-    std::string remoteAddress;    // "192.0.2.7:51234", for messages
-    std::string localAddress;     // numeric address that the client dialled, without port
-    std::uint16_t localPort = 0;  // port that the client dialled
+    std::uint64_t id = 0;               // unique for the life of the process
+    std::string remoteAddress;          // "192.0.2.7:51234", for messages
+    std::string localAddress;           // numeric address that the client dialled, without port
+    std::uint16_t localPort = 0;        // port that the client dialled
+    AuthLevel level = AuthLevel::None;  // of the latest call
 
     // The address that the client comes from, without port.
     std::string_view host() const { return std::string_view(remoteAddress).substr(0, remoteAddress.rfind(':')); }

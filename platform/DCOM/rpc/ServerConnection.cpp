@@ -409,10 +409,10 @@ void ServerConnection::perform(std::uint32_t callId, const Request& request, std
     const std::size_t start = output_.size();
     output_.resize(start + callHeaderSize);
     ndr::Writer reply(output_);
+    peer_.level = context != nullptr ? context->level() : AuthLevel::None;
     const std::uint32_t status =
         handler_.call({peer_, *presentations_.find(request.contextId), request.opnum, request.hasObject, request.object,
-                       stub, context != nullptr ? context->level() : AuthLevel::None,
-                       context != nullptr ? context->account() : noAccount, this},
+                       stub, peer_.level, context != nullptr ? context->account() : noAccount, this},
                       reply);
     const CallHeader header{PduType::Response, callId, request.contextId};
     if (status == statusDeferred) {

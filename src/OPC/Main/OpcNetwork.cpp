@@ -56,13 +56,43 @@ std::thread startWithoutSignals(Body body) {
     return thread;
 }
 
+// Says who comes, when a client gets its server object, and that he goes, when the object goes.
+class ToldClients final : public dcom::orpc::ClassFactory {
+ public:
+    ToldClients(std::shared_ptr<dcom::orpc::ClassFactory> factory, std::function<void(std::string_view)> say)
+        : factory_(std::move(factory)), say_(std::move(say)) {}
+
+    dcom::Uuid classId() const override { return factory_->classId(); }
+    std::shared_ptr<void> holdServer() override { return factory_->holdServer(); }
+
+    std::shared_ptr<dcom::orpc::ComObject> create(const dcom::rpc::Peer& peer, const std::string& account,
+                                                  dcom::HResult& result) override {
+        auto object = factory_->create(peer, account, result);
+        if (object == nullptr) {
+            return nullptr;
+        }
+        const std::string who = fmt::format("OPC client {} (account '{}', level {})", peer.remoteAddress, account,
+                                            dcom::rpc::levelName(peer.level));
+        say_(who + " is here");
+        auto* const told = object.get();
+        return {told, [object = std::move(object), who, say = say_](auto*) mutable {
+                    object.reset();
+                    say(who + " is gone");
+                }};
+    }
+
+ private:
+    std::shared_ptr<dcom::orpc::ClassFactory> factory_;
+    std::function<void(std::string_view)> say_;
+};
+
 }  // namespace
 
 struct OpcNetwork::Impl {
     using Trouble = std::function<void(std::string_view)>;
 
-    // trouble is called on the network's thread.
-    Impl(SLIKServer& control, AsioLoop& loop, const Trouble& trouble, dcom::DcomSettings read)
+    // trouble and client are called on the network's thread.
+    Impl(SLIKServer& control, AsioLoop& loop, const Trouble& trouble, const Trouble& client, dcom::DcomSettings read)
         : settings(std::move(read)),
           application(control.network()),
           exporter(exporterSettings(settings, trouble), [] { return timeSource().monotonicMilliseconds(); }),
@@ -82,7 +112,7 @@ struct OpcNetwork::Impl {
                    .challenge = std::nullopt},
           server(loop, loop, protocol, tcpSettings(trouble)),
           timer(loop.makeTimer([this] { tick(); })) {
-        classes.add(std::make_shared<opcda::wire::OpcClassFactory>(application));
+        classes.add(std::make_shared<ToldClients>(std::make_shared<opcda::wire::OpcClassFactory>(application), client));
     }
 
     static dcom::net::TcpSettings tcpSettings(const Trouble& trouble) {
@@ -162,6 +192,7 @@ OpcNetwork::OpcNetwork(SLIKServer& control, AsioLoop& plant, AsioLoop& loop, sys
       passed_(std::move(passed)),
       lines_(std::move(lines)),
       trouble_(loop, plant, lines_.trouble),
+      client_(loop, plant, lines_.client),
       failure_(loop, plant, lines_.failure) {}
 
 OpcNetwork::~OpcNetwork() {
@@ -177,7 +208,8 @@ void OpcNetwork::open() {
         lines_.weakened(notice);
     }
     impl_ = std::make_unique<Impl>(
-        control_, loop_, [this](std::string_view line) { trouble_.send(line); }, std::move(settings));
+        control_, loop_, [this](std::string_view line) { trouble_.send(line); },
+        [this](std::string_view line) { client_.send(line); }, std::move(settings));
     try {
         if (passed_.any()) {
             impl_->adopt(std::exchange(passed_, {}), lines_);

@@ -22,6 +22,7 @@ class OpcNetwork {
     struct Lines {
         std::function<void(std::string_view)> weakened;  // a setting that lets in what the default keeps out
         std::function<void(std::string_view)> notice;    // where clients are served
+        std::function<void(std::string_view)> client;    // who comes and goes
         std::function<void(std::string_view)> trouble;   // damaged settings, refused clients
         std::function<void(std::string_view)> failure;   // let out by a handler; the network goes on
     };
@@ -49,6 +50,7 @@ class OpcNetwork {
     systemd::PassedSockets passed_;
     Lines lines_;
     LineCrossing trouble_;
+    LineCrossing client_;
     LineCrossing failure_;
     std::unique_ptr<Impl> impl_;
     std::thread thread_;

@@ -114,6 +114,7 @@ class Program {
                             printNotice(line);
                             systemd::tell(fmt::format("STATUS={}", line));
                         },
+                    .client = [this](std::string_view line) { form_.AddMessage(msgtype::notice, line, false); },
                     .trouble = printProblem,
                     .failure = [this](std::string_view text) { reportUnexpected(text); }}),
           form_(parts(std::move(commandLine))) {
@@ -179,8 +180,12 @@ class Program {
             .InstanceNumber = static_cast<std::int32_t>(getpid()),
             .NewSystemINI = [] { return std::make_unique<SystemINI>(systemIniPath(), thisComputer(), printProblem); },
             .NewDBIL =
-                [](const ISystemINI& objSystemINI) {
-                    return std::make_shared<DBIL>(builtInSqlDrivers(objSystemINI.DatabaseTimeouts()), printProblem);
+                [this](const ISystemINI& objSystemINI) {
+                    return std::make_shared<DBIL>(
+                        builtInSqlDrivers(objSystemINI.DatabaseTimeouts()), printProblem,
+                        [this](const std::string& connection, const std::optional<ErrorInfo>& loss) {
+                            tellOfDatabase(connection, loss);
+                        });
                 },
             .NewClock = [this] { return std::make_shared<Clock>(loop_); },
             .NewLogWriter =
@@ -198,6 +203,14 @@ class Program {
                           },
                       .NewCurrentDataReader = [] { return std::make_unique<CurrentDataReader>(); }},
         };
+    }
+
+    // For the journal, where the machine's guards look, and beside the messages that follow from it in the log.
+    void tellOfDatabase(const std::string& connection, const std::optional<ErrorInfo>& loss) {
+        const std::string line = loss ? fmt::format("The database {} does not answer: {}", connection, loss->text())
+                                      : fmt::format("The database {} answers again", connection);
+        printLine(loss ? systemd::Priority::error : systemd::Priority::notice, line);
+        form_.AddMessage(loss ? msgtype::error : msgtype::notice, line, true);
     }
 
     // Once the database is there the start-up goes on, and whoever started the server no longer waits for its end.
