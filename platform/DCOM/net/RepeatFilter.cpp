@@ -24,11 +24,12 @@ void RepeatFilter::say(const std::string& source, const std::string& kind, const
         return;
     }
     Count& count = sources_[source][kind];
-    if (repeated) {
+    kinds_ += repeated ? 0 : 1;
+    if (count.lines == linesOfOneKind) {
         count.last = line;
         ++count.repeats;
     } else {
-        ++kinds_;
+        ++count.lines;
         write_(line);
     }
 }

@@ -1,7 +1,7 @@
 #pragma once
 
-// Keeps a client that is turned away again and again from flooding the log: the first line of its kind is written at
-// once, the repeats of a minute are counted and summed up in one.
+// Keeps a client that is turned away again and again from flooding the log: the first lines of a kind are written at
+// once, further repeats within the minute are counted and summed up in one.
 
 #include <cstdint>
 #include <functional>
@@ -16,7 +16,9 @@ namespace quelm::dcom::net {
 
 class RepeatFilter {
  public:
-    // Kinds of lines that are told apart within a minute, of one source and of all; what is beyond is only counted.
+    // Lines of one kind that are written, and kinds that are told apart within a minute, of one source and of all; what
+    // is beyond is only counted.
+    static constexpr std::uint64_t linesOfOneKind = 5;
     static constexpr std::size_t mostOfOneSource = 10;
     static constexpr std::size_t most = 200;
     static constexpr std::chrono::milliseconds period{60'000};
@@ -29,8 +31,9 @@ class RepeatFilter {
 
  private:
     struct Count {
-        std::string last;  // line
-        std::uint64_t repeats = 0;
+        std::string last;           // line
+        std::uint64_t lines = 0;    // written
+        std::uint64_t repeats = 0;  // counted only
     };
     void sumUp();
 

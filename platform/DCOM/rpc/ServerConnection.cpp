@@ -56,10 +56,6 @@ ServerConnection::ServerConnection(const ServerSettings& settings, CallHandler& 
 
 ServerConnection::~ServerConnection() = default;
 
-std::span<std::uint8_t> ServerConnection::receiveSpace() {
-    return input_.space();
-}
-
 void ServerConnection::received(std::size_t count) {
     input_.filled(count);
     process();

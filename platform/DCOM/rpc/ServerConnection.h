@@ -31,7 +31,7 @@ class ServerConnection final : private ITicketOffice {
 
     // Where received bytes belong, and that so many of them came, which carries out all calls that are complete.
     // The space is empty only while output or an answer is waited for.
-    std::span<std::uint8_t> receiveSpace();
+    std::span<std::uint8_t> receiveSpace() { return input_.space(); }
     void received(std::size_t count);
     // The same for bytes that lie elsewhere. Gives how many were taken: fewer only while output or an answer is
     // waited for.
