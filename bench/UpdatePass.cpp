@@ -14,10 +14,10 @@
 #include <vector>
 
 #include "CurrentData Reader/CurrentDataReader.h"
-#include "Message Loop/VirtualLoop.h"
 #include "OPC/OPC DA Server/SiteDataManager.h"
-#include "SLIK-DA/SLIKServer.h"
-#include "Server/Fakes.h"
+#include "loop/VirtualLoop.h"
+#include "server/Fakes.h"
+#include "slikda/SLIKServer.h"
 
 namespace quelm {
 namespace {

@@ -16,10 +16,10 @@
 #include <string_view>
 #include <vector>
 
-#include "DCOM/ndr/Reader.h"
-#include "DCOM/ndr/Writer.h"
-#include "OPC DA/wire/Iids.h"
-#include "Rpc/RpcClient.h"
+#include "dcom/ndr/Reader.h"
+#include "dcom/ndr/Writer.h"
+#include "opcda/wire/Iids.h"
+#include "rpc/RpcClient.h"
 
 namespace quelm::bench {
 

@@ -21,8 +21,8 @@
 #include <memory>
 
 #include "OPC/Main/OpcNetwork.h"
-#include "Shared Types/TimeSource.h"
 #include "WireClient.h"
+#include "base/TimeSource.h"
 
 namespace quelm::bench {
 namespace {

@@ -6,8 +6,8 @@
 #include <optional>
 #include <utility>
 
-#include "Shared Types/RuntimeError.h"
-#include "Shared Types/TimeSource.h"
+#include "base/RuntimeError.h"
+#include "base/TimeSource.h"
 
 namespace quelm {
 

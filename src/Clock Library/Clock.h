@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "Clock Library/IClock.h"
-#include "Message Loop/MessageLoop.h"
+#include "loop/MessageLoop.h"
 
 namespace quelm {
 

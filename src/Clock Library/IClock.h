@@ -7,8 +7,8 @@
 #include <memory>
 #include <string_view>
 
-#include "Shared Types/Date.h"
-#include "Shared Types/Variant.h"
+#include "base/Date.h"
+#include "base/Variant.h"
 
 namespace quelm {
 

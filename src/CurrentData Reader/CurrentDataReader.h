@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "CurrentData Reader/ICurrentDataReader.h"
-#include "DB Interface Library/IntIndex.h"
+#include "base/IntIndex.h"
 
 namespace quelm {
 

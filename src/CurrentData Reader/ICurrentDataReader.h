@@ -9,8 +9,8 @@
 #include "Clock Library/IClock.h"
 #include "DB Interface Library/IDBIL.h"
 #include "Messages/IRaiseMsg.h"
-#include "Shared Types/Date.h"
-#include "Shared Types/Variant.h"
+#include "base/Date.h"
+#include "base/Variant.h"
 
 namespace quelm {
 

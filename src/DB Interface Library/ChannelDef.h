@@ -8,7 +8,7 @@
 #include <string_view>
 #include <vector>
 
-#include "DB Interface Library/IntIndex.h"
+#include "base/IntIndex.h"
 
 namespace quelm {
 

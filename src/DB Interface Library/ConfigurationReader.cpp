@@ -4,7 +4,7 @@
 
 #include <array>
 
-#include "Shared Types/RuntimeError.h"
+#include "base/RuntimeError.h"
 
 namespace quelm {
 

@@ -7,10 +7,10 @@
 #include <span>
 #include <unordered_map>
 
-#include "DB Interface Library/IntIndex.h"
 #include "DB Interface Library/Sql.h"
 #include "DB Interface Library/SqlDate.h"
-#include "Shared Types/Text.h"
+#include "base/IntIndex.h"
+#include "base/Text.h"
 
 namespace quelm {
 

@@ -10,8 +10,8 @@
 #include <string_view>
 #include <vector>
 
-#include "Shared Types/Date.h"
-#include "Shared Types/Variant.h"
+#include "base/Date.h"
+#include "base/Variant.h"
 
 namespace quelm {
 

@@ -5,7 +5,7 @@
 #include <array>
 #include <utility>
 
-#include "Shared Types/RuntimeError.h"
+#include "base/RuntimeError.h"
 
 namespace quelm {
 

@@ -13,7 +13,7 @@
 #include "DB Interface Library/ChannelDef.h"
 #include "DB Interface Library/CurrentIO.h"
 #include "DB Interface Library/OPCDef.h"
-#include "Shared Types/Variant.h"
+#include "base/Variant.h"
 
 namespace quelm {
 

@@ -4,7 +4,7 @@
 
 #include <algorithm>
 
-#include "Shared Types/TimeSource.h"
+#include "base/TimeSource.h"
 
 namespace quelm {
 

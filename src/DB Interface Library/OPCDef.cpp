@@ -2,7 +2,7 @@
 
 #include <cmath>
 
-#include "Shared Types/Text.h"
+#include "base/Text.h"
 
 namespace quelm {
 

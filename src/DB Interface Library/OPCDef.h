@@ -7,9 +7,9 @@
 #include <string>
 #include <vector>
 
-#include "Shared Types/Conversion.h"
-#include "Shared Types/RuntimeError.h"
-#include "Shared Types/Variant.h"
+#include "base/Conversion.h"
+#include "base/RuntimeError.h"
+#include "base/Variant.h"
 
 namespace quelm {
 

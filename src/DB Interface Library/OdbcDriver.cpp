@@ -13,7 +13,7 @@
 
 #include "DB Interface Library/OdbcSession.h"
 #include "DB Interface Library/OdbcStatement.h"
-#include "Shared Types/RuntimeError.h"
+#include "base/RuntimeError.h"
 
 namespace quelm {
 

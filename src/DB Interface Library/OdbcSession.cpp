@@ -4,9 +4,9 @@
 #include <utility>
 
 #include "DB Interface Library/OdbcStatement.h"
-#include "Shared Types/RuntimeError.h"
-#include "Shared Types/Text.h"
-#include "Shared Types/Utf.h"
+#include "base/RuntimeError.h"
+#include "base/Text.h"
+#include "base/Utf.h"
 
 namespace quelm {
 

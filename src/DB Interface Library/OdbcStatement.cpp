@@ -6,9 +6,9 @@
 #include <optional>
 #include <utility>
 
-#include "Shared Types/Date.h"
-#include "Shared Types/RuntimeError.h"
-#include "Shared Types/Utf.h"
+#include "base/Date.h"
+#include "base/RuntimeError.h"
+#include "base/Utf.h"
 
 namespace quelm {
 

@@ -11,9 +11,9 @@
 #include <cstring>
 #include <limits>
 
-#include "Shared Types/Date.h"
-#include "Shared Types/RuntimeError.h"
-#include "Shared Types/Text.h"
+#include "base/Date.h"
+#include "base/RuntimeError.h"
+#include "base/Text.h"
 
 namespace quelm {
 

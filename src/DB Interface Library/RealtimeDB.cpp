@@ -8,8 +8,8 @@
 #include <utility>
 
 #include "DB Interface Library/DBRealtimeConstants.h"
-#include "Shared Types/Date.h"
-#include "Shared Types/TimeSource.h"
+#include "base/Date.h"
+#include "base/TimeSource.h"
 
 namespace quelm {
 

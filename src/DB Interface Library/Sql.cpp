@@ -8,8 +8,8 @@
 
 #include "DB Interface Library/OdbcDriver.h"
 #include "DB Interface Library/SqliteDriver.h"
-#include "Shared Types/RuntimeError.h"
-#include "Shared Types/Text.h"
+#include "base/RuntimeError.h"
+#include "base/Text.h"
 
 namespace quelm {
 

@@ -15,8 +15,8 @@
 #include <vector>
 
 #include "DB Interface Library/SqlTimeouts.h"
-#include "Shared Types/Date.h"
-#include "Shared Types/Variant.h"
+#include "base/Date.h"
+#include "base/Variant.h"
 
 namespace quelm {
 

@@ -4,8 +4,8 @@
 #include <cstring>
 #include <optional>
 
-#include "Shared Types/Conversion.h"
-#include "Shared Types/Text.h"
+#include "base/Conversion.h"
+#include "base/Text.h"
 
 namespace quelm {
 

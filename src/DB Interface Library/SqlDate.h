@@ -9,7 +9,7 @@
 #include <string_view>
 
 #include "DB Interface Library/Sql.h"
-#include "Shared Types/Date.h"
+#include "base/Date.h"
 
 namespace quelm {
 

@@ -10,7 +10,7 @@
 #include <cstdlib>
 #include <vector>
 
-#include "Shared Types/TimeSource.h"
+#include "base/TimeSource.h"
 
 namespace quelm {
 

@@ -17,7 +17,7 @@
 #include <utility>
 
 #include "DB Interface Library/Sql.h"
-#include "Shared Types/RuntimeError.h"
+#include "base/RuntimeError.h"
 
 namespace quelm {
 

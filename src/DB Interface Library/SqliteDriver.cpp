@@ -13,8 +13,8 @@
 #include <optional>
 #include <utility>
 
-#include "Shared Types/RuntimeError.h"
-#include "Shared Types/Text.h"
+#include "base/RuntimeError.h"
+#include "base/Text.h"
 
 namespace quelm {
 

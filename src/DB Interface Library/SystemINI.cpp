@@ -11,8 +11,8 @@
 #include <cstring>
 #include <fstream>
 
-#include "Shared Types/RuntimeError.h"
-#include "Shared Types/Text.h"
+#include "base/RuntimeError.h"
+#include "base/Text.h"
 
 namespace quelm {
 

@@ -15,7 +15,7 @@
 
 #include "DB Interface Library/ISystemINI.h"
 #include "DB Interface Library/ProblemSink.h"
-#include "Shared Types/IniFile.h"
+#include "base/IniFile.h"
 
 namespace quelm {
 

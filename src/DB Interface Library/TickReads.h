@@ -13,7 +13,7 @@
 #include <utility>
 
 #include "DB Interface Library/SqlWorker.h"
-#include "Shared Types/TimeSource.h"
+#include "base/TimeSource.h"
 
 namespace quelm {
 

@@ -2,7 +2,7 @@
 
 #include <fmt/format.h>
 
-#include "Shared Types/RuntimeError.h"
+#include "base/RuntimeError.h"
 
 namespace quelm {
 

@@ -7,8 +7,8 @@
 #include <vector>
 
 #include "DB Interface Library/IDBIL.h"
-#include "DB Interface Library/IntIndex.h"
 #include "Data Interface/IDataInterface.h"
+#include "base/IntIndex.h"
 
 namespace quelm {
 

@@ -11,8 +11,8 @@
 #include <iterator>
 #include <system_error>
 
-#include "Shared Types/Date.h"
-#include "Shared Types/TimeSource.h"
+#include "base/Date.h"
+#include "base/TimeSource.h"
 
 namespace quelm {
 

@@ -13,8 +13,8 @@
 #include <string_view>
 #include <vector>
 
-#include "Shared Types/RuntimeError.h"
-#include "Shared Types/TimeSource.h"
+#include "base/RuntimeError.h"
+#include "base/TimeSource.h"
 
 namespace quelm::fuzz {
 

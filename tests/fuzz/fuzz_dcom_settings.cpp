@@ -1,9 +1,9 @@
 // The DCOM settings file: whatever stands in it, the settings are usable, damage never weakens the protection, and no
 // password gets into what is logged.
 
-#include "DCOM/DcomSettings.h"
 #include "FuzzInput.h"
-#include "Shared Types/Text.h"
+#include "base/Text.h"
+#include "dcom/DcomSettings.h"
 
 namespace quelm::fuzz {
 void runInput(Input input) {

@@ -8,8 +8,8 @@
 #include "OPC/OPC DA Server/PIDFunctions.h"
 #include "OPC/OPC DA Server/TextConversionFunctions.h"
 #include "OPC/OPC DA Server/UtilityFunctions.h"
-#include "Shared Types/Conversion.h"
-#include "Shared Types/Text.h"
+#include "base/Conversion.h"
+#include "base/Text.h"
 
 namespace quelm::fuzz {
 namespace {

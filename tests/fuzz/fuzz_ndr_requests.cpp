@@ -2,13 +2,13 @@
 // out. Whatever they hold, a known method answers in full, and nothing is left when the client is gone.
 
 #include "FuzzInput.h"
-#include "Message Loop/VirtualLoop.h"
-#include "OPC DA/wire/InterfaceTable.h"
-#include "OPC DA/wire/OpcClassFactory.h"
-#include "OPC DA/wire/OpcGroupObject.h"
-#include "OPC DA/wire/OpcServerObject.h"
-#include "SLIK-DA/SLIKServer.h"
-#include "Wire/FakeContext.h"
+#include "loop/VirtualLoop.h"
+#include "opcda/wire/InterfaceTable.h"
+#include "opcda/wire/OpcClassFactory.h"
+#include "opcda/wire/OpcGroupObject.h"
+#include "opcda/wire/OpcServerObject.h"
+#include "slikda/SLIKServer.h"
+#include "wire/FakeContext.h"
 
 namespace quelm::fuzz {
 namespace {

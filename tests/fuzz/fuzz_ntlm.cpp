@@ -3,11 +3,11 @@
 
 #include <optional>
 
-#include "DCOM/ntlm/AccountTable.h"
-#include "DCOM/ntlm/Messages.h"
-#include "DCOM/ntlm/ServerContext.h"
 #include "FuzzInput.h"
-#include "Ntlm/NtlmClient.h"
+#include "dcom/ntlm/AccountTable.h"
+#include "dcom/ntlm/Messages.h"
+#include "dcom/ntlm/ServerContext.h"
+#include "ntlm/NtlmClient.h"
 
 namespace quelm::fuzz {
 namespace {

@@ -4,10 +4,10 @@
 #include <memory>
 
 #include "Bytes.h"
-#include "DCOM/orpc/ActivationHandler.h"
-#include "DCOM/orpc/ObjectExporter.h"
-#include "DCOM/orpc/OrpcHandler.h"
 #include "FuzzInput.h"
+#include "dcom/orpc/ActivationHandler.h"
+#include "dcom/orpc/ObjectExporter.h"
+#include "dcom/orpc/OrpcHandler.h"
 
 namespace quelm::fuzz {
 namespace {

@@ -2,11 +2,11 @@
 // wherever the network cuts it, the same calls are carried out, the same replies are sent, and no call gets through
 // below the minimum level.
 
-#include "DCOM/HResult.h"
-#include "DCOM/ntlm/AccountTable.h"
-#include "DCOM/rpc/ServerConnection.h"
 #include "FuzzInput.h"
-#include "Rpc/RpcClient.h"
+#include "base/HResult.h"
+#include "dcom/ntlm/AccountTable.h"
+#include "dcom/rpc/ServerConnection.h"
+#include "rpc/RpcClient.h"
 
 namespace quelm::fuzz {
 namespace {

@@ -5,7 +5,7 @@
 #include <bit>
 
 #include "Bytes.h"
-#include "DCOM/Uuid.h"
+#include "base/Uuid.h"
 
 namespace quelm::test {
 

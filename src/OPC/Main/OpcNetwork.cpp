@@ -11,17 +11,17 @@
 #include <utility>
 #include <vector>
 
-#include "DCOM/DcomSettings.h"
-#include "DCOM/net/RepeatFilter.h"
-#include "DCOM/net/TcpServer.h"
-#include "DCOM/orpc/ActivationHandler.h"
-#include "DCOM/orpc/ObjectExporter.h"
-#include "DCOM/orpc/OrpcHandler.h"
-#include "OPC DA/Server.h"
-#include "OPC DA/wire/InterfaceTable.h"
-#include "OPC DA/wire/OpcClassFactory.h"
-#include "Shared Types/RuntimeError.h"
-#include "Shared Types/TimeSource.h"
+#include "base/RuntimeError.h"
+#include "base/TimeSource.h"
+#include "dcom/DcomSettings.h"
+#include "dcom/net/RepeatFilter.h"
+#include "dcom/net/TcpServer.h"
+#include "dcom/orpc/ActivationHandler.h"
+#include "dcom/orpc/ObjectExporter.h"
+#include "dcom/orpc/OrpcHandler.h"
+#include "opcda/Server.h"
+#include "opcda/wire/InterfaceTable.h"
+#include "opcda/wire/OpcClassFactory.h"
 
 namespace quelm {
 

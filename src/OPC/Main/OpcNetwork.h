@@ -9,10 +9,10 @@
 #include <string_view>
 #include <thread>
 
-#include "Message Loop/AsioLoop.h"
-#include "Message Loop/LineCrossing.h"
 #include "OPC/Main/Systemd.h"
-#include "SLIK-DA/SLIKServer.h"
+#include "loop/AsioLoop.h"
+#include "loop/LineCrossing.h"
+#include "slikda/SLIKServer.h"
 
 namespace quelm {
 

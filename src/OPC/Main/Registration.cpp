@@ -21,9 +21,9 @@
 
 #include "DB Interface Library/Sql.h"
 #include "DB Interface Library/SystemINI.h"
-#include "DCOM/DcomSettings.h"
 #include "OPC/Main/Units.h"
-#include "Shared Types/RuntimeError.h"
+#include "base/RuntimeError.h"
+#include "dcom/DcomSettings.h"
 
 extern char** environ;
 

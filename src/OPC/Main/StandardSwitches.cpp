@@ -8,10 +8,10 @@
 #include <string>
 #include <string_view>
 
-#include "DCOM/ntlm/Crypto.h"
 #include "OPC/OPC DA Server/frmOPCQuelm.h"
-#include "SLIK-DA/Identity.h"
-#include "Shared Types/IniFile.h"
+#include "base/IniFile.h"
+#include "dcom/ntlm/Crypto.h"
+#include "slikda/Identity.h"
 
 namespace quelm {
 namespace {

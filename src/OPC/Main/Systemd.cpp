@@ -15,7 +15,7 @@
 #include <cstring>
 #include <optional>
 
-#include "Shared Types/RuntimeError.h"
+#include "base/RuntimeError.h"
 
 namespace quelm::systemd {
 namespace {

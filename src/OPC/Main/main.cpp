@@ -29,7 +29,6 @@
 #include "DB Interface Library/DBIL.h"
 #include "DB Interface Library/SystemINI.h"
 #include "Data Interface/DataInterface.h"
-#include "Message Loop/AsioLoop.h"
 #include "Messages/LogWriter.h"
 #include "Messages/MessageTypeNames.h"
 #include "OPC/Main/OpcNetwork.h"
@@ -37,11 +36,12 @@
 #include "OPC/Main/StandardSwitches.h"
 #include "OPC/Main/Systemd.h"
 #include "OPC/OPC DA Server/frmOPCQuelm.h"
-#include "SLIK-DA/SLIKServer.h"
-#include "Shared Types/TimeSource.h"
-#include "Window/MainWindow.h"
+#include "base/TimeSource.h"
+#include "loop/AsioLoop.h"
+#include "slikda/SLIKServer.h"
+#include "window/MainWindow.h"
 #ifdef QUELM_WINDOW
-#include "Window/FLTK/FltkWindow.h"
+#include "window/fltk/FltkWindow.h"
 #endif
 
 namespace quelm {

@@ -7,9 +7,9 @@
 #include <string>
 
 #include "OPC/OPC DA Server/UtilityFunctions.h"
-#include "Shared Types/Conversion.h"
-#include "Shared Types/RuntimeError.h"
-#include "Shared Types/Text.h"
+#include "base/Conversion.h"
+#include "base/RuntimeError.h"
+#include "base/Text.h"
 
 namespace quelm {
 

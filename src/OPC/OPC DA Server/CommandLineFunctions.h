@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <string_view>
 
-#include "Shared Types/Variant.h"
+#include "base/Variant.h"
 
 namespace quelm {
 

@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <string_view>
 
-#include "Shared Types/Variant.h"
+#include "base/Variant.h"
 
 namespace quelm {
 

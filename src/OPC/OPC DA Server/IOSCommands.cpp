@@ -8,9 +8,9 @@
 #include "OPC/OPC DA Server/IOSGeneration.h"
 #include "OPC/OPC DA Server/TextConversionFunctions.h"
 #include "OPC/OPC DA Server/UtilityXMLDOMFunctions.h"
-#include "Shared Types/Conversion.h"
-#include "Shared Types/RuntimeError.h"
-#include "Shared Types/Text.h"
+#include "base/Conversion.h"
+#include "base/RuntimeError.h"
+#include "base/Text.h"
 
 namespace quelm {
 namespace {

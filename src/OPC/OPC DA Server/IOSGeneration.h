@@ -7,9 +7,9 @@
 #include <optional>
 #include <string_view>
 
-#include "DB Interface Library/ChannelDef.h"
+#include "DB Interface Library/IDBIL.h"
 #include "OPC/OPC DA Server/IOSSimpleManager.h"
-#include "Shared Types/RuntimeError.h"
+#include "base/RuntimeError.h"
 
 namespace quelm {
 

@@ -11,8 +11,8 @@
 #include "OPC/OPC DA Server/IOSGeneration.h"
 #include "OPC/OPC DA Server/UtilityFunctions.h"
 #include "OPC/OPC DA Server/UtilityXMLDOMFunctions.h"
-#include "Shared Types/Conversion.h"
-#include "Shared Types/RuntimeError.h"
+#include "base/Conversion.h"
+#include "base/RuntimeError.h"
 
 namespace quelm {
 namespace {

@@ -12,9 +12,9 @@
 #include "Clock Library/IClock.h"
 #include "DB Interface Library/IDBIL.h"
 #include "Messages/IRaiseMsg.h"
-#include "Shared Types/Date.h"
-#include "Shared Types/Variant.h"
-#include "XML DOM/XmlDom.h"
+#include "base/Date.h"
+#include "base/Variant.h"
+#include "xml/XmlDom.h"
 
 namespace quelm {
 

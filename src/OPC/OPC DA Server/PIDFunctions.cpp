@@ -6,8 +6,8 @@
 #include <limits>
 
 #include "OPC/OPC DA Server/UtilityFunctions.h"
-#include "Shared Types/RuntimeError.h"
-#include "Shared Types/Text.h"
+#include "base/RuntimeError.h"
+#include "base/Text.h"
 
 namespace quelm {
 

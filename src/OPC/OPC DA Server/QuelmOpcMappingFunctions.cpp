@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "Shared Types/Conversion.h"
+#include "base/Conversion.h"
 
 namespace quelm {
 

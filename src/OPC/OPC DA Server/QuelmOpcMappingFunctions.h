@@ -6,7 +6,7 @@
 #include <cstdint>
 
 #include "OPC/OPC DA Server/MonitorProcessCodeFunctions.h"
-#include "Shared Types/Variant.h"
+#include "base/Variant.h"
 
 namespace quelm {
 

@@ -11,8 +11,8 @@
 #include "OPC/OPC DA Server/PIDFunctions.h"
 #include "OPC/OPC DA Server/QuelmOpcMappingFunctions.h"
 #include "OPC/OPC DA Server/UtilityFunctions.h"
-#include "Shared Types/Conversion.h"
-#include "Shared Types/RuntimeError.h"
+#include "base/Conversion.h"
+#include "base/RuntimeError.h"
 
 namespace quelm {
 namespace {

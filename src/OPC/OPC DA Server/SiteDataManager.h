@@ -17,7 +17,7 @@
 #include "Messages/IRaiseMsg.h"
 #include "OPC/OPC DA Server/IOSSimpleManager.h"
 #include "OPC/OPC DA Server/TagConfig.h"
-#include "SLIK-DA/ISLIKServer.h"
+#include "slikda/ISLIKServer.h"
 
 namespace quelm {
 

@@ -9,7 +9,7 @@
 #include <utility>
 #include <vector>
 
-#include "Shared Types/RuntimeError.h"
+#include "base/RuntimeError.h"
 
 namespace quelm {
 

@@ -4,8 +4,8 @@
 #include <bit>
 #include <functional>
 
-#include "Shared Types/RuntimeError.h"
-#include "Shared Types/Text.h"
+#include "base/RuntimeError.h"
+#include "base/Text.h"
 
 namespace quelm {
 

@@ -9,8 +9,8 @@
 #include <string_view>
 #include <vector>
 
-#include "SLIK-DA/ISLIKServer.h"
-#include "Shared Types/Variant.h"
+#include "base/Variant.h"
+#include "slikda/ISLIKServer.h"
 
 namespace quelm {
 

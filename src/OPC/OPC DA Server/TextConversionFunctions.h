@@ -6,7 +6,7 @@
 #include <string>
 #include <string_view>
 
-#include "Shared Types/Variant.h"
+#include "base/Variant.h"
 
 namespace quelm {
 

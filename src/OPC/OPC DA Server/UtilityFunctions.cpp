@@ -3,11 +3,11 @@
 #include <algorithm>
 #include <cmath>
 
-#include "Shared Types/Conversion.h"
-#include "Shared Types/RuntimeError.h"
-#include "Shared Types/Text.h"
-#include "Shared Types/TimeSource.h"
-#include "Shared Types/Utf.h"
+#include "base/Conversion.h"
+#include "base/RuntimeError.h"
+#include "base/Text.h"
+#include "base/TimeSource.h"
+#include "base/Utf.h"
 
 namespace quelm {
 

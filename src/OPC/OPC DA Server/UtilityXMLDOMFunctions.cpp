@@ -3,8 +3,8 @@
 #include <algorithm>
 
 #include "OPC/OPC DA Server/UtilityFunctions.h"
-#include "Shared Types/Conversion.h"
-#include "Shared Types/RuntimeError.h"
+#include "base/Conversion.h"
+#include "base/RuntimeError.h"
 
 namespace quelm {
 

@@ -7,9 +7,9 @@
 #include <string_view>
 
 #include "Messages/IRaiseMsg.h"
-#include "Shared Types/Date.h"
-#include "Shared Types/Variant.h"
-#include "XML DOM/XmlDom.h"
+#include "base/Date.h"
+#include "base/Variant.h"
+#include "xml/XmlDom.h"
 
 namespace quelm {
 

@@ -8,7 +8,7 @@
 
 #include "OPC/OPC DA Server/CommandLineFunctions.h"
 #include "OPC/OPC DA Server/UtilityFunctions.h"
-#include "Shared Types/RuntimeError.h"
+#include "base/RuntimeError.h"
 
 namespace quelm {
 namespace {

@@ -19,8 +19,8 @@
 #include "OPC/OPC DA Server/OmbrelConstants.h"
 #include "OPC/OPC DA Server/SiteDataManager.h"
 #include "OPC/OPC DA Server/SiteDictionary.h"
-#include "SLIK-DA/ISLIKServer.h"
-#include "Window/IMainWindow.h"
+#include "slikda/ISLIKServer.h"
+#include "window/IMainWindow.h"
 
 namespace quelm {
 

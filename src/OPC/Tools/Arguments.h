@@ -12,7 +12,7 @@
 #include <variant>
 #include <vector>
 
-#include "Shared Types/Variant.h"
+#include "base/Variant.h"
 
 namespace quelm::tools {
 

@@ -16,10 +16,10 @@
 #include "OPC/OPC DA Server/UtilityFunctions.h"
 #include "OPC/OPC DA Server/UtilityXMLDOMFunctions.h"
 #include "OPC/Tools/Terminal.h"
-#include "Shared Types/Conversion.h"
-#include "Shared Types/RuntimeError.h"
-#include "Shared Types/TimeSource.h"
-#include "Shared Types/Utf.h"
+#include "base/Conversion.h"
+#include "base/RuntimeError.h"
+#include "base/TimeSource.h"
+#include "base/Utf.h"
 
 namespace quelm::tools {
 

@@ -1,6 +1,6 @@
 #include "OPC/Tools/Json.h"
 
-#include "Shared Types/Conversion.h"
+#include "base/Conversion.h"
 
 namespace quelm::tools {
 

@@ -5,8 +5,8 @@
 #include <nlohmann/json.hpp>
 #include <string>
 
-#include "Shared Types/Date.h"
-#include "Shared Types/Variant.h"
+#include "base/Date.h"
+#include "base/Variant.h"
 
 namespace quelm::tools {
 

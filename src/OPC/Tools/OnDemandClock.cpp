@@ -5,7 +5,7 @@
 #include <optional>
 #include <utility>
 
-#include "Shared Types/TimeSource.h"
+#include "base/TimeSource.h"
 
 namespace quelm::tools {
 

@@ -13,7 +13,7 @@
 #include "OPC/Tools/MessageList.h"
 #include "OPC/Tools/SiteLink.h"
 #include "OPC/Tools/Terminal.h"
-#include "Shared Types/RuntimeError.h"
+#include "base/RuntimeError.h"
 
 namespace quelm::tools {
 namespace {

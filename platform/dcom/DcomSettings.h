@@ -1,0 +1,47 @@
+#pragma once
+
+// The settings of the DCOM layer, which belong to the machine and not to the server: where it listens, who may log on
+// and how well messages must be protected. A damaged line costs only itself and never weakens the protection.
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "dcom/ntlm/AccountTable.h"
+#include "dcom/ntlm/ServerContext.h"
+#include "dcom/rpc/AuthLevel.h"
+
+namespace quelm::dcom {
+
+struct DcomSettings {
+    std::vector<std::string> addresses{"127.0.0.1"};  // numeric IPv4, at least one
+    std::uint16_t activationPort = 135;
+    std::uint16_t objectPort = 49200;                         // 0: any free one
+    rpc::AuthLevel minimumLevel = rpc::AuthLevel::Integrity;  // the least protection of a call: connect or better
+    ntlm::ServerSettings ntlm;
+    ntlm::AccountTable accounts;
+    // Seconds. When clients that went away without a word are let go of: without ping or call for so long; without a
+    // first ping for so long after their first call; so long after the end of their last connection.
+    std::uint32_t pingTimeout = 360;
+    std::uint32_t firstPing = 150;
+    std::uint32_t closeGrace = 10;
+
+    // Both are for the log at start, one line each, without secrets.
+    std::vector<std::string> problems;  // what is damaged, what holds instead, what to do about it
+    std::vector<std::string> notices;   // what is set weaker than the default, and what keeps clients out
+};
+
+// The settings file: the environment variable QUELM_DCOM_CONF, else /etc/quelm/dcom.conf.
+std::string dcomSettingsPath();
+
+// Reads the file. A missing one gives the defaults; one that cannot be read gives the defaults and a problem.
+// Never raises. hostName: this machine's name, with or without its DNS domain.
+DcomSettings readDcomSettings(const std::string& path, std::string_view hostName);
+// As above, for this machine.
+DcomSettings readDcomSettings(const std::string& path);
+
+// The text of a settings file. name: how problem lines call the file. The text is wiped, as it holds passwords.
+DcomSettings parseDcomSettings(std::string& text, const std::string& name, std::string_view hostName);
+
+}  // namespace quelm::dcom

@@ -1,0 +1,104 @@
+#include "dcom/orpc/OrpcHandler.h"
+
+#include <fmt/format.h>
+
+#include <exception>
+#include <utility>
+
+namespace quelm::dcom::orpc {
+
+namespace {
+
+bool isRemUnknown(const Uuid& iid) {
+    return iid == iidRemUnknown || iid == iidRemUnknown2;
+}
+
+std::string whatWentWrong() {
+    try {
+        throw;
+    } catch (const std::exception& error) {
+        return error.what();
+    } catch (...) {
+        return "unknown exception";
+    }
+}
+
+}  // namespace
+
+std::uint32_t faultOfException(ObjectExporter& exporter, const rpc::Call& call) noexcept {
+    try {
+        exporter.writeLog(fmt::format("Method {} of interface {} failed, called by {} ({}): {}", call.opnum,
+                                      call.interfaceId.toText(), call.peer.remoteAddress, call.account,
+                                      whatWentWrong()));
+    } catch (...) {  // Out of memory for the line itself: the fault tells the client all the same.
+        return faultServer;
+    }
+    return faultServer;
+}
+
+HResult ExporterContext::writeInterface(ndr::Writer& out, const std::shared_ptr<ComObject>& object, const Uuid& iid) {
+    ObjectReference reference;
+    const ClientId client = exporter_.clientOf(call_.peer, call_.account);
+    const HResult result = exporter_.addReference(client, object, iid, referencesPerPointer, reference);
+    if (failed(result)) {
+        out.nullPointer();
+        return result;
+    }
+    out.pointer();
+    writeMarshalledReference(out, iid, reference, exporter_.resolverBindings(call_.peer));
+    return S_OK;
+}
+
+OrpcHandler::OrpcHandler(ObjectExporter& exporter, std::function<bool(const Uuid&)> knownInterface)
+    : exporter_(exporter), remUnknown_(exporter), knownInterface_(std::move(knownInterface)) {}
+
+bool OrpcHandler::supports(const Uuid& interfaceId, std::uint16_t versionMajor, std::uint16_t) {
+    return versionMajor == 0 && (isRemUnknown(interfaceId) || interfaceId == iidUnknown ||
+                                 interfaceId == iidClassFactory || knownInterface_(interfaceId));
+}
+
+std::uint32_t OrpcHandler::call(const rpc::Call& call, ndr::Writer& reply) {
+    try {
+        return dispatch(call, reply);
+    } catch (...) {
+        return faultOfException(exporter_, call);
+    }
+}
+
+std::uint32_t OrpcHandler::dispatch(const rpc::Call& call, ndr::Writer& reply) {
+    ndr::Reader in(call.stub);
+    const OrpcThis header = readOrpcThis(in);
+    if (header.fault != 0) {
+        return header.fault;
+    }
+    writeOrpcThat(reply, header);
+    if (call.hasObject && call.object == exporter_.remUnknownIpid()) {
+        return remUnknown_.invoke(call, in, reply);
+    }
+    return call.hasObject ? callObject(call, in, reply) : faultDisconnected;
+}
+
+// The IPID decides which interface is called: clients call the methods that an interface inherits through a
+// binding to its base, and the other way round.
+std::uint32_t OrpcHandler::callObject(const rpc::Call& call, ndr::Reader& in, ndr::Writer& reply) {
+    const auto target = exporter_.route(call.object, call.peer, call.account);
+    if (target.object == nullptr) {
+        return target.refusal;
+    }
+    // A binding to IRemUnknown with another object's IPID would run some other method than the client meant.
+    if (isRemUnknown(call.interfaceId)) {
+        return faultUnknownInterface;
+    }
+    constexpr std::uint16_t firstMethod = 3;  // the three of IUnknown never travel
+    if (call.opnum < firstMethod || target.methods == nullptr) {
+        return faultOpnumRange;
+    }
+    ExporterContext context(exporter_, call);
+    return target.methods->invoke(call.opnum, in, reply, context);
+}
+
+void OrpcHandler::connectionClosed(const rpc::Peer& peer, bool abrupt) {
+    exporter_.connectionClosed(peer, abrupt);
+}
+
+}  // namespace quelm::dcom::orpc

@@ -1,0 +1,83 @@
+#pragma once
+
+// What this end says to other machines when it is the client: asks where an object is called, for an interface of it,
+// lets go of it, and pings it. Parameters and results as bytes; whatever an answer holds may be wrong.
+
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "base/HResult.h"
+#include "base/Uuid.h"
+#include "dcom/ndr/Writer.h"
+#include "dcom/orpc/OrpcTypes.h"
+
+namespace quelm::dcom::orpc {
+
+// An address at which a machine says that it can be reached over TCP.
+struct StringBinding {
+    std::string address;     // a name or a numeric address, as it was written; never empty
+    std::uint16_t port = 0;  // 0: none was given, which means the activation port
+
+    bool operator==(const StringBinding&) const = default;
+};
+
+// Bindings and names beyond these are passed over: no machine has more, and each one costs a try.
+inline constexpr std::size_t mostBindings = 16;
+inline constexpr std::size_t longestAddress = 255;
+
+// Where an object of another process is found, and how many references came with it.
+struct RemoteReference {
+    Uuid iid;
+    ObjectReference object;
+    std::vector<StringBinding> resolver;  // where its addresses are asked for
+};
+// Nothing for references that do not decode or are not standard ones (those made by custom marshalling included).
+std::optional<RemoteReference> parseRemoteReference(std::span<const std::uint8_t> objectReference);
+
+// Where the objects of one process are called.
+struct ResolvedOxid {
+    std::vector<StringBinding> bindings;
+    Uuid remUnknownIpid;
+    std::uint32_t levelHint = 0;
+    std::uint32_t status = 0;  // 0: success
+};
+
+// IObjectExporter (no header in front): opnums and forms.
+inline constexpr std::uint16_t opnumSimplePing = 1;
+inline constexpr std::uint16_t opnumComplexPing = 2;
+inline constexpr std::uint16_t opnumResolveOxid2 = 4;
+void writeResolveOxid2(ndr::Writer& out, std::uint64_t oxid);
+std::optional<ResolvedOxid> parseResolveOxid2(std::span<const std::uint8_t> stub);
+void writeSimplePing(ndr::Writer& out, std::uint64_t setId);
+std::optional<std::uint32_t> parseSimplePing(std::span<const std::uint8_t> stub);
+// At least one object to add or to take out; each list goes as a null pointer where it is empty.
+void writeComplexPing(ndr::Writer& out, std::uint64_t setId, std::uint16_t sequence, std::span<const std::uint64_t> add,
+                      std::span<const std::uint64_t> remove);
+struct ComplexPingAnswer {
+    std::uint64_t setId = 0;
+    std::uint32_t status = 0;
+};
+std::optional<ComplexPingAnswer> parseComplexPing(std::span<const std::uint8_t> stub);
+
+// The header in front of an object call's parameters.
+void writeOrpcThis(ndr::Writer& out);
+
+// IRemUnknown.
+inline constexpr std::uint16_t opnumRemQueryInterface = 3;
+inline constexpr std::uint16_t opnumRemRelease = 5;
+void writeRemQueryInterface(ndr::Writer& out, const Uuid& ipid, const Uuid& iid, std::uint32_t references);
+struct QueriedInterface {
+    HResult result = S_OK;  // of the call or of the entry, whichever failed
+    ObjectReference reference;
+};
+std::optional<QueriedInterface> parseRemQueryInterface(std::span<const std::uint8_t> stub);
+struct HeldReferences {
+    Uuid ipid;
+    std::uint32_t count = 0;
+};
+void writeRemRelease(ndr::Writer& out, std::span<const HeldReferences> held);
+
+}  // namespace quelm::dcom::orpc

@@ -1,0 +1,109 @@
+#pragma once
+
+// The log-ons of one connection, each with its own level and keys: takes the tokens of BIND, ALTER_CONTEXT and AUTH3,
+// bare NTLM or wrapped in a negotiation, and gives those of the answers.
+
+#include <cstdint>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "dcom/RefusalReason.h"
+#include "dcom/ntlm/ServerContext.h"
+#include "dcom/rpc/AuthLevel.h"
+#include "dcom/rpc/MessageGuard.h"
+#include "dcom/rpc/Pdu.h"
+#include "dcom/rpc/ServerSettings.h"
+
+namespace quelm::dcom::rpc {
+
+// One log-on.
+class SecurityContext {
+ public:
+    enum class State : std::uint8_t { Negotiating, Challenged, LoggedOn, Refused };
+
+    std::uint32_t id() const { return trailer_.contextId; }
+    AuthLevel level() const { return effectiveLevel(trailer_.level); }
+    State state() const { return state_; }
+    // "DOMAIN\\user" as the client gave it, also after a refusal.
+    const std::string& account() const { return logOn_.account(); }
+    // Whether the context's messages are signed at least.
+    bool protects() const { return state_ == State::LoggedOn && level() >= AuthLevel::Integrity; }
+    // For a context that protects.
+    MessageGuard guard() { return {trailer_, level() == AuthLevel::Privacy, logOn_}; }
+    // Whether the client asked that headers be signed as well, which NTLM does in any case.
+    bool signsHeaders() const { return signsHeaders_; }
+    // Whether a message says that it is of this context's kind.
+    bool fits(const AuthTrailer& trailer) const {
+        return trailer.level == trailer_.level && trailer.type == trailer_.type;
+    }
+
+ private:
+    friend class SecurityContexts;
+    SecurityContext(const AuthTrailer& trailer, State state, ntlm::ServerContext logOn)
+        : trailer_{trailer.type, trailer.level, 0, trailer.contextId, 0, {}}, state_(state), logOn_(std::move(logOn)) {}
+
+    AuthTrailer trailer_;  // type, level and context id, as the client says them and replies echo them
+    State state_;
+    ntlm::ServerContext logOn_;
+    std::uint64_t lastUse_ = 0;
+    bool signsHeaders_ = false;
+    std::vector<std::uint8_t> mechanisms_;  // that the client offered in a negotiation, which its signature covers
+};
+
+class SecurityContexts {
+ public:
+    // Clients exist that log on anew at each change of interface and never use the old log-on again.
+    static constexpr std::size_t most = 64;
+    // Those that clients send have up to 200 bytes.
+    static constexpr std::size_t longestFirstMessage = 1024;
+    static constexpr std::size_t longestMechanismList = 512;
+
+    explicit SecurityContexts(const ServerSettings& settings) : settings_(settings) {}
+
+    // Answered: token is what goes back, if anything. Refused: the log-on failed, and its context stays to say so.
+    // Rejected: there is no context to speak of.
+    enum class Step : std::uint8_t { Answered, Refused, Rejected };
+    // account and level: of a log-on that ended, either way.
+    struct Outcome {
+        Step step = Step::Answered;
+        RefusalReason reason = RefusalReason::None;
+        std::string account = {};
+        AuthLevel level = AuthLevel::None;
+        std::string detail = {};
+    };
+    // headerFlags: of the message that the trailer came with.
+    Outcome take(const AuthTrailer& trailer, std::uint8_t headerFlags, std::vector<std::uint8_t>& token);
+
+    // Whose log-on this message would end; empty when it would end none.
+    static std::string userIn(const AuthTrailer& trailer);
+
+    // nullptr for an id without log-on. Pointers are good until the next take().
+    SecurityContext* find(std::uint32_t id);
+    // At connect level some clients send their calls without any verifier; these belong to the latest such log-on.
+    SecurityContext* unsignedContext();
+    // The one begun last; nullptr when there is none.
+    const SecurityContext* latest() const { return contexts_.empty() ? nullptr : &contexts_.back(); }
+    // Whether any log-on of the connection succeeded.
+    bool loggedOn() const { return loggedOn_; }
+
+ private:
+    using Token = std::vector<std::uint8_t>;
+
+    Outcome step(const AuthTrailer& trailer, Token& token);
+    Outcome negotiate(const AuthTrailer& trailer, Token& token);
+    Outcome completeNegotiation(SecurityContext& context, std::span<const std::uint8_t> signature, Token& token);
+    Outcome ntlmStep(const AuthTrailer& trailer, std::span<const std::uint8_t> message, Token& token);
+    Outcome begin(const AuthTrailer& trailer, std::span<const std::uint8_t> message, Token& token);
+    SecurityContext& add(SecurityContext context);
+    Outcome finish(SecurityContext& context, std::span<const std::uint8_t> message);
+    static Outcome refuse(SecurityContext& context, RefusalReason reason);
+    static Outcome reject(const AuthTrailer& trailer, RefusalReason reason, std::string detail = {});
+
+    const ServerSettings& settings_;
+    std::vector<SecurityContext> contexts_;
+    std::uint64_t uses_ = 0;
+    bool loggedOn_ = false;
+};
+
+}  // namespace quelm::dcom::rpc

@@ -1,0 +1,66 @@
+#pragma once
+
+// Room for the parameters of the one call that is being carried out, so that a steady load allocates nothing. All
+// clients' calls share it: kept by every object, the room of each one's largest call would add up.
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "opcda/Group.h"
+#include "opcda/ItemIO.h"
+
+namespace quelm::opcda {
+
+struct CallBuffers {
+    // For as long as one call takes.
+    class Loan {
+     public:
+        explicit Loan(CallBuffers& buffers) : buffers_(buffers) {}
+        Loan(const Loan&) = delete;
+        Loan& operator=(const Loan&) = delete;
+        ~Loan() { buffers_.giveBack(); }
+        CallBuffers* operator->() const { return &buffers_; }
+        CallBuffers& operator*() const { return buffers_; }
+
+     private:
+        CallBuffers& buffers_;
+    };
+
+    std::vector<std::uint32_t> handles;
+    std::vector<std::uint32_t> numbers;  // what goes with each handle or name
+    std::vector<std::string> itemIds;
+    std::vector<std::string_view> views;
+    std::vector<ItemDefinition> definitions;
+    std::vector<ItemResult> results;
+    std::vector<ItemIOReading> readings;
+    std::vector<HResult> errors;
+    std::vector<const SLIKTag*> asked;
+
+ private:
+    // What a large call took.
+    void giveBack() {
+        giveBack(handles);
+        giveBack(numbers);
+        giveBack(itemIds);
+        giveBack(views);
+        giveBack(definitions);
+        giveBack(results);
+        giveBack(readings);
+        giveBack(errors);
+        giveBack(asked);
+    }
+
+    // Bytes: a read of 10,000 items, the largest that clients make all day, leaves its room.
+    static constexpr std::size_t kept = std::size_t{1} << 20U;
+
+    template <class T>
+    static void giveBack(std::vector<T>& room) {
+        if (room.capacity() * sizeof(T) > kept) {
+            room = {};
+        }
+    }
+};
+
+}  // namespace quelm::opcda

@@ -1,0 +1,115 @@
+#include "opcda/ItemIO.h"
+
+#include <algorithm>
+
+#include "base/TimeSource.h"
+#include "opcda/ItemLookup.h"
+
+namespace quelm::opcda {
+
+namespace {
+
+constexpr std::uint32_t anyAge = 0xFFFFFFFF;
+constexpr std::int64_t unitsPerMillisecond = 10'000;
+
+bool isFresh(const SLIKTag& tag, std::uint32_t maxAge, std::int64_t now) {
+    return maxAge == anyAge || (maxAge != 0 && now - tag.fileTime() <= maxAge * unitsPerMillisecond);
+}
+
+// The same conversion to the item's own type as a group's read makes, to know its failure.
+void settle(ItemIOReading& reading) {
+    OpcValue value;
+    reading.error = convert(reading.value, reading.type, value);
+    if (reading.error != S_OK) {
+        reading.value = Variant();
+        reading.quality = qualityBad;
+    }
+}
+
+HResult resultOf(const std::vector<ItemIOReading>& readings) {
+    const bool allGood =
+        std::all_of(readings.begin(), readings.end(), [](const ItemIOReading& each) { return each.error == S_OK; });
+    return allGood ? S_OK : S_FALSE;
+}
+
+void take(const RequestedItem& answer, ItemIOReading& reading) {
+    if (!answer.isFilled()) {
+        reading.error = E_FAIL;
+        return;
+    }
+    reading.value = answer.value();
+    reading.quality = answer.qualityWord();
+    reading.fileTime = answer.fileTime();
+    settle(reading);
+}
+
+}  // namespace
+
+bool ItemIO::readCache(std::span<const std::string_view> itemIds, std::span<const std::uint32_t> maxAges,
+                       std::vector<ItemIOReading>& readings, HResult& result) const {
+    readings.clear();
+    if (itemIds.empty() || itemIds.size() != maxAges.size()) {
+        result = E_INVALIDARG;
+        return true;
+    }
+    readings.resize(itemIds.size());
+    const std::int64_t now = timeSource().fileTimeNow();
+    bool isWhole = true;
+    for (std::size_t i = 0; i < itemIds.size(); ++i) {
+        const SLIKTag* tag = nullptr;
+        ItemIOReading& reading = readings[i];
+        reading.error = findItem(control_->items(), itemIds[i], tag);
+        if (tag == nullptr) {
+            continue;
+        }
+        reading.type = tag->varType();
+        if (isFresh(*tag, maxAges[i], now)) {
+            reading.value = tag->Value();
+            reading.quality = tag->qualityWord();
+            reading.fileTime = tag->fileTime();
+            settle(reading);
+        } else {
+            reading.asked = tag;
+            isWhole = false;
+        }
+    }
+    result = resultOf(readings);
+    return isWhole;
+}
+
+void ItemIO::readDevice(std::vector<ItemIOReading> readings, ReadDone done) {
+    std::vector<const SLIKTag*> asked;
+    for (const ItemIOReading& reading : readings) {
+        if (reading.asked != nullptr) {
+            asked.push_back(reading.asked);
+        }
+    }
+    control_->deviceRead(asked, [readings = std::move(readings), done = std::move(done)](
+                                    std::int32_t error, std::span<const RequestedItem> answers) mutable {
+        std::size_t next = 0;
+        for (ItemIOReading& reading : readings) {
+            if (reading.asked != nullptr && error != 0) {
+                reading.error = static_cast<HResult>(error);
+            } else if (reading.asked != nullptr) {
+                take(answers[next++], reading);
+            }
+        }
+        done(resultOf(readings), readings);
+    });
+}
+
+void ItemIO::writeVQT(std::span<const std::string_view> itemIds, WriteDone done) {
+    std::vector<HResult> errors;
+    for (const std::string_view itemId : itemIds) {
+        const SLIKTag* tag = nullptr;
+        errors.push_back(findItem(control_->items(), itemId, tag));
+    }
+    const auto valid = static_cast<std::size_t>(std::count(errors.begin(), errors.end(), S_OK));
+    control_->write(valid, [errors = std::move(errors), done = std::move(done)](std::int32_t error) mutable {
+        std::replace(errors.begin(), errors.end(), S_OK, static_cast<HResult>(error));
+        const bool allGood = std::all_of(errors.begin(), errors.end(), [](HResult each) { return each == S_OK; });
+        done(errors.empty() ? E_INVALIDARG : allGood ? S_OK : S_FALSE, errors);
+    });
+}
+
+}  // namespace quelm::opcda

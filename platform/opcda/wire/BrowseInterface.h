@@ -1,0 +1,18 @@
+#pragma once
+
+// IOPCBrowseServerAddressSpace: a client's walk through the names of the items.
+
+#include "opcda/wire/ServerBoundInterface.h"
+
+namespace quelm::opcda::wire {
+
+class BrowseInterface final : public ServerBoundInterface {
+ public:
+    using ServerBoundInterface::ServerBoundInterface;
+
+ private:
+    std::uint32_t call(Server& server, std::uint16_t opnum, dcom::ndr::Reader& in, dcom::ndr::Writer& out,
+                       dcom::orpc::CallContext& context) override;
+};
+
+}  // namespace quelm::opcda::wire

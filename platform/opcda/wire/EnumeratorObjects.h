@@ -1,0 +1,104 @@
+#pragma once
+
+// Enumerators handed to clients: texts (item IDs, branches, group names), objects (groups) and a group's items.
+// Each holds what existed when it was made, so that a client leafing through it sees one consistent list.
+
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "dcom/orpc/ComObject.h"
+#include "opcda/Enumerators.h"
+#include "opcda/Group.h"
+
+namespace quelm::opcda::wire {
+
+// Skip, Reset and Clone, which are the same for all of them.
+class EnumeratorObject : public dcom::orpc::ComObject, public dcom::orpc::Interface {
+ public:
+    // Bytes that one takes without its list: itself and the books about it.
+    static constexpr std::size_t footprint = 1024;
+
+    dcom::orpc::Interface* queryInterface(const dcom::Uuid& iid) override { return iid == iid_ ? this : nullptr; }
+    void disconnected() override {}
+    std::uint32_t invoke(std::uint16_t opnum, dcom::ndr::Reader& in, dcom::ndr::Writer& out,
+                         dcom::orpc::CallContext& context) override;
+
+ protected:
+    // memory: so much of the client's budget as the object takes.
+    EnumeratorObject(const dcom::Uuid& iid, Hold memory) : iid_(iid), memory_(std::move(memory)) {}
+    std::size_t memoryLeft() const { return memory_.room(); }
+
+ private:
+    // Writes at most wanted elements and how many there were; none, and E_OUTOFMEMORY, when the reply has no room.
+    virtual void next(std::uint32_t wanted, dcom::ndr::Writer& out, dcom::orpc::CallContext& context) = 0;
+    virtual bool skip(std::uint32_t count) = 0;
+    virtual void reset() = 0;
+    virtual std::shared_ptr<EnumeratorObject> clone(Hold memory) const = 0;
+    std::uint32_t writeClone(dcom::ndr::Writer& out, dcom::orpc::CallContext& context);
+
+    dcom::Uuid iid_;
+    Hold memory_;
+};
+
+template <class Self, class Element>
+class ListEnumerator : public EnumeratorObject {
+ protected:
+    ListEnumerator(const dcom::Uuid& iid, Enumerator<Element> list, Hold memory)
+        : EnumeratorObject(iid, std::move(memory)), list_(std::move(list)) {}
+    Enumerator<Element> list_;
+
+ private:
+    bool skip(std::uint32_t count) override { return list_.skip(count); }
+    void reset() override { list_.reset(); }
+    std::shared_ptr<EnumeratorObject> clone(Hold memory) const override {
+        return std::make_shared<Self>(list_, std::move(memory));
+    }
+};
+
+// IEnumString. Text is std::string_view for names that outlive every client (those of items), else std::string.
+template <class Text>
+class EnumString final : public ListEnumerator<EnumString<Text>, Text> {
+ public:
+    explicit EnumString(Enumerator<Text> texts, Hold memory = {});
+
+ private:
+    void next(std::uint32_t wanted, dcom::ndr::Writer& out, dcom::orpc::CallContext& context) override;
+};
+
+extern template class EnumString<std::string>;
+extern template class EnumString<std::string_view>;
+
+// IEnumUnknown.
+class EnumUnknown final : public ListEnumerator<EnumUnknown, std::shared_ptr<dcom::orpc::ComObject>> {
+ public:
+    explicit EnumUnknown(Enumerator<std::shared_ptr<dcom::orpc::ComObject>> objects, Hold memory = {});
+
+ private:
+    void next(std::uint32_t wanted, dcom::ndr::Writer& out, dcom::orpc::CallContext& context) override;
+};
+
+// IEnumOPCItemAttributes.
+class EnumOpcItemAttributes final : public ListEnumerator<EnumOpcItemAttributes, ItemAttributes> {
+ public:
+    explicit EnumOpcItemAttributes(Enumerator<ItemAttributes> items, Hold memory = {});
+
+ private:
+    void next(std::uint32_t wanted, dcom::ndr::Writer& out, dcom::orpc::CallContext& context) override;
+};
+
+// Gives the client an enumerator over the list, whose making gave the result; the null pointer when that failed or the
+// client's budget has no room. Gives the call's result.
+template <class Object, class Element>
+HResult writeEnumerator(dcom::ndr::Writer& out, dcom::orpc::CallContext& context, const dcom::Uuid& iid, Hold memory,
+                        Enumerator<Element> list, HResult result) {
+    if (failed(result) || !memory.resize(EnumeratorObject::footprint)) {
+        out.nullPointer();
+        return failed(result) ? result : E_OUTOFMEMORY;
+    }
+    const auto object = std::make_shared<Object>(std::move(list), std::move(memory));
+    const HResult written = context.writeInterface(out, object, iid);
+    return failed(written) ? written : result;
+}
+
+}  // namespace quelm::opcda::wire

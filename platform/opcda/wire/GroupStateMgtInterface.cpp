@@ -1,0 +1,109 @@
+#include "opcda/wire/GroupStateMgtInterface.h"
+
+#include "opcda/wire/OpcGroupObject.h"
+#include "opcda/wire/OpcServerObject.h"
+#include "opcda/wire/Parameters.h"
+
+namespace quelm::opcda::wire {
+
+using dcom::ndr::Reader;
+using dcom::ndr::Writer;
+
+namespace {
+
+enum Opnum : std::uint16_t { GetState = 3, SetState = 4, SetName = 5, CloneGroup = 6 };
+
+// A parameter that may be left out.
+template <class T, class ReadOne>
+void readOptional(Reader& in, std::optional<T>& value, ReadOne readOne) {
+    if (in.pointer()) {
+        value = readOne();
+    }
+}
+
+}  // namespace
+
+std::uint32_t GroupStateMgtInterface::invoke(std::uint16_t opnum, Reader& in, Writer& out,
+                                             dcom::orpc::CallContext& context) {
+    switch (opnum) {
+        case GetState:
+            return getState(out);
+        case SetState:
+            return setState(in, out);
+        case SetName:
+            return setName(in, out);
+        case CloneGroup:
+            return cloneGroup(in, out, context);
+        default:
+            return dcom::faultOpnumRange;
+    }
+}
+
+std::uint32_t GroupStateMgtInterface::getState(Writer& out) {
+    const Group& group = object_.group();
+    const bool removed = group.isRemoved();
+    const GroupState state = removed ? GroupState{} : group.state();
+    out.u32(state.updateRate);
+    out.u32(state.active ? 1 : 0);
+    if (removed) {
+        out.nullPointer();
+    } else {
+        writeString(out, group.name());
+    }
+    out.i32(state.timeBias);
+    out.f32(state.percentDeadband);
+    out.u32(state.localeId);
+    out.u32(state.clientHandle);
+    out.u32(removed ? 0 : group.serverHandle());
+    out.u32(removed ? E_FAIL : S_OK);
+    return 0;
+}
+
+std::uint32_t GroupStateMgtInterface::setState(Reader& in, Writer& out) {
+    GroupChange change;
+    readOptional(in, change.updateRate, [&in] { return in.u32(); });
+    readOptional(in, change.active, [&in] { return in.u32() != 0; });
+    readOptional(in, change.timeBias, [&in] { return in.i32(); });
+    readOptional(in, change.percentDeadband, [&in] { return in.f32(); });
+    readOptional(in, change.localeId, [&in] { return in.u32(); });
+    readOptional(in, change.clientHandle, [&in] { return in.u32(); });
+    if (!in.good()) {
+        return dcom::faultBadStubData;
+    }
+    Group& group = object_.group();
+    const HResult result = group.isRemoved() ? E_FAIL : group.setState(change);
+    out.u32(group.isRemoved() ? 0 : group.state().updateRate);
+    out.u32(result);
+    return 0;
+}
+
+std::uint32_t GroupStateMgtInterface::setName(Reader& in, Writer& out) {
+    const std::string name = in.wideString();
+    if (!in.good()) {
+        return dcom::faultBadStubData;
+    }
+    Group& group = object_.group();
+    out.u32(group.isRemoved() ? E_FAIL : group.setName(name));
+    return 0;
+}
+
+std::uint32_t GroupStateMgtInterface::cloneGroup(Reader& in, Writer& out, dcom::orpc::CallContext& context) {
+    const std::string name = in.wideString();
+    const dcom::Uuid iid = in.uuid();
+    if (!in.good()) {
+        return dcom::faultBadStubData;
+    }
+    const auto owner = object_.owner();
+    if (object_.group().isRemoved() || !owner || owner->server() == nullptr) {
+        return writeNoInterface(out, E_FAIL);
+    }
+    if (!OpcGroupObject::hasInterface(iid)) {
+        return writeNoInterface(out, E_NOINTERFACE);
+    }
+    std::shared_ptr<Group> clone;
+    const HResult result = owner->server()->cloneGroup(object_.group(), name, clone);
+    out.u32(owner->writeGroup(out, context, clone, iid, result));
+    return 0;
+}
+
+}  // namespace quelm::opcda::wire

@@ -1,0 +1,137 @@
+#include "opcda/wire/ItemIoInterface.h"
+
+#include "opcda/wire/Parameters.h"
+#include "opcda/wire/WireVariant.h"
+
+namespace quelm::opcda::wire {
+
+using dcom::ndr::Reader;
+using dcom::ndr::Writer;
+
+namespace {
+
+enum Opnum : std::uint16_t { Read = 3, WriteVqt = 4 };
+
+// Passes over the values, qualities and time stamps to write: conformance, structures, and the values behind them.
+void skipVqts(Reader& in, std::uint32_t count) {
+    constexpr std::size_t vqtSize = 28;
+    if (!readConformance(in, count, vqtSize)) {
+        return;
+    }
+    Reader vqts(in.bytes(vqtSize * count));
+    for (std::uint32_t i = 0; i < count && in.good(); ++i) {
+        if (vqts.pointer()) {
+            skipVariant(in);
+        }
+        vqts.bytes(vqtSize - 4);
+    }
+}
+
+void writeQualitiesAndStamps(Writer& out, const std::vector<ItemIOReading>& readings) {
+    writeArrayHead(out, readings.size());
+    for (const ItemIOReading& reading : readings) {
+        out.u16(reading.quality);
+    }
+    writeArrayHead(out, readings.size());
+    for (const ItemIOReading& reading : readings) {
+        put(out.extend(sizeof reading.fileTime), reading.fileTime);
+    }
+}
+
+// Bytes of a reply behind its values: qualities, time stamps, results.
+std::size_t behindValues(std::size_t count) {
+    return 64 + count * (sizeof(std::uint16_t) + sizeof(std::int64_t) + sizeof(HResult));
+}
+
+std::uint32_t refuseRead(Writer& out, HResult result) {
+    out.nullPointer();
+    out.nullPointer();
+    out.nullPointer();
+    writeErrors(out, result, {});
+    return 0;
+}
+
+std::uint32_t writeReadings(Writer& out, std::size_t memoryLeft, HResult result,
+                            const std::vector<ItemIOReading>& readings, std::vector<HResult>& errors) {
+    if (failed(result)) {
+        return refuseRead(out, result);
+    }
+    if (!writeVariantArray(out, ReplyRoom(out, memoryLeft), readings, behindValues(readings.size()))) {
+        return refuseRead(out, E_OUTOFMEMORY);
+    }
+    writeQualitiesAndStamps(out, readings);
+    errors.clear();
+    for (const ItemIOReading& reading : readings) {
+        errors.push_back(reading.error);
+    }
+    writeErrors(out, result, errors);
+    return 0;
+}
+
+}  // namespace
+
+std::uint32_t ItemIoInterface::call(Server& server, std::uint16_t opnum, Reader& in, Writer& out,
+                                    dcom::orpc::CallContext& context) {
+    switch (opnum) {
+        case Read:
+            return read(server, in, out, context);
+        case WriteVqt:
+            return writeVqt(server, in, out, context);
+        default:
+            return dcom::faultOpnumRange;
+    }
+}
+
+std::uint32_t ItemIoInterface::read(Server& server, Reader& in, Writer& out, dcom::orpc::CallContext& context) {
+    const CallBuffers::Loan buffers(server.application().callBuffers());
+    const std::uint32_t count = in.u32();
+    if (count > server.application().itemsPerCall()) {
+        return refuseRead(out, E_OUTOFMEMORY);
+    }
+    readStringArray(in, count, buffers->itemIds);
+    readU32Array(in, count, buffers->numbers);
+    if (!in.good()) {
+        return dcom::faultBadStubData;
+    }
+    buffers->views.assign(buffers->itemIds.begin(), buffers->itemIds.end());
+    std::vector<ItemIOReading>& readings = buffers->readings;
+    HResult result = S_OK;
+    if (server.itemIO().readCache(buffers->views, buffers->numbers, readings, result)) {
+        return writeReadings(out, server.budget()->memory.room(), result, readings, buffers->errors);
+    }
+    server.itemIO().readDevice(readings, [reply = context.defer(out), budget = server.budget()](
+                                             HResult late, const std::vector<ItemIOReading>& answered) {
+        if (reply->wanted()) {
+            reply->complete([&](Writer& lateOut) {
+                std::vector<HResult> errors;
+                return writeReadings(lateOut, budget->memory.room(), late, answered, errors);
+            });
+        }
+    });
+    return dcom::rpc::statusDeferred;
+}
+
+std::uint32_t ItemIoInterface::writeVqt(Server& server, Reader& in, Writer& out, dcom::orpc::CallContext& context) {
+    const CallBuffers::Loan buffers(server.application().callBuffers());
+    const std::uint32_t count = in.u32();
+    if (count > server.application().itemsPerCall()) {
+        writeErrors(out, E_OUTOFMEMORY, {});
+        return 0;
+    }
+    readStringArray(in, count, buffers->itemIds);
+    skipVqts(in, count);
+    if (!in.good()) {
+        return dcom::faultBadStubData;
+    }
+    buffers->views.assign(buffers->itemIds.begin(), buffers->itemIds.end());
+    const auto reply = context.defer(out);
+    server.itemIO().writeVQT(buffers->views, [reply](HResult result, const std::vector<HResult>& errors) {
+        reply->complete([&](Writer& late) {
+            writeErrors(late, result, errors);
+            return 0U;
+        });
+    });
+    return dcom::rpc::statusDeferred;
+}
+
+}  // namespace quelm::opcda::wire

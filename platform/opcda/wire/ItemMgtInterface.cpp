@@ -1,0 +1,215 @@
+#include "opcda/wire/ItemMgtInterface.h"
+
+#include "opcda/Server.h"
+#include "opcda/wire/EnumeratorObjects.h"
+#include "opcda/wire/Iids.h"
+#include "opcda/wire/Parameters.h"
+
+namespace quelm::opcda::wire {
+
+using dcom::ndr::Reader;
+using dcom::ndr::Writer;
+
+namespace {
+
+enum Opnum : std::uint16_t {
+    AddItems = 3,
+    ValidateItems = 4,
+    RemoveItems = 5,
+    SetActiveState = 6,
+    SetClientHandles = 7,
+    SetDatatypes = 8,
+    CreateEnumerator = 9,
+};
+
+constexpr std::size_t definitionSize = 28;
+constexpr std::size_t resultSize = 20;
+
+// The pointers of a definition, whose targets stand behind all definitions.
+struct DefinitionPointers {
+    bool accessPath;
+    bool itemId;
+    bool blob;
+};
+
+DefinitionPointers readDefinition(Reader& in, ItemDefinition& item) {
+    DefinitionPointers pointers{};
+    pointers.accessPath = in.pointer();
+    pointers.itemId = in.pointer();
+    item.active = in.u32() != 0;
+    item.clientHandle = in.u32();
+    in.u32();  // size of the blob, which its conformance repeats
+    pointers.blob = in.pointer();
+    item.requestedType = in.u16();
+    in.u16();  // reserved
+    return pointers;
+}
+
+void writeResult(Writer& out, const ItemResult& result) {
+    std::uint8_t* at = out.extend(resultSize);
+    at = put(at, result.serverHandle);
+    at = put(at, std::uint32_t{result.canonicalType});  // and a reserved half
+    put(at, result.accessRights);                       // the blob stays empty
+}
+
+}  // namespace
+
+std::uint32_t ItemMgtInterface::invoke(std::uint16_t opnum, Reader& in, Writer& out, dcom::orpc::CallContext& context) {
+    switch (opnum) {
+        case AddItems:
+            return addOrValidate(true, in, out);
+        case ValidateItems:
+            return addOrValidate(false, in, out);
+        case RemoveItems:
+            return removeItems(in, out);
+        case SetActiveState:
+            return setActiveState(in, out);
+        case SetClientHandles:
+            return setClientHandles(in, out);
+        case SetDatatypes:
+            return setDatatypes(in, out);
+        case CreateEnumerator:
+            return createEnumerator(in, out, context);
+        default:
+            return dcom::faultOpnumRange;
+    }
+}
+
+bool ItemMgtInterface::readDefinitions(Reader& in, CallBuffers& buffers) {
+    buffers.definitions.clear();
+    buffers.itemIds.clear();
+    const std::uint32_t count = in.u32();
+    if (count > group_.application().itemsPerCall()) {
+        return false;
+    }
+    if (!readConformance(in, count, definitionSize)) {
+        return true;
+    }
+    buffers.definitions.resize(count);
+    buffers.itemIds.resize(count);
+    std::vector<DefinitionPointers> pointers;
+    pointers.reserve(count);
+    for (ItemDefinition& item : buffers.definitions) {
+        pointers.push_back(readDefinition(in, item));
+    }
+    for (std::uint32_t i = 0; i < count; ++i) {
+        if (pointers[i].accessPath) {
+            in.wideString();
+        }
+        if (pointers[i].itemId) {
+            buffers.itemIds[i] = in.wideString();
+        }
+        if (pointers[i].blob) {
+            in.bytes(in.count(1));
+        }
+        buffers.definitions[i].itemId = buffers.itemIds[i];
+    }
+    return true;
+}
+
+std::uint32_t ItemMgtInterface::addOrValidate(bool add, Reader& in, Writer& out) {
+    const CallBuffers::Loan buffers(group_.application().callBuffers());
+    HResult result = E_OUTOFMEMORY;
+    if (readDefinitions(in, *buffers)) {
+        if (!add) {
+            in.u32();  // whether to send blobs back: there are none
+        }
+        if (!in.good()) {
+            return dcom::faultBadStubData;
+        }
+        result = E_INVALIDARG;
+        if (group_.isRemoved()) {
+            result = E_FAIL;
+        } else if (!buffers->definitions.empty()) {
+            result = add ? group_.addItems(buffers->definitions, buffers->results)
+                         : group_.validateItems(buffers->definitions, buffers->results);
+        }
+    }
+    buffers->errors.clear();
+    if (failed(result)) {
+        out.nullPointer();
+    } else {
+        const std::vector<ItemResult>& results = buffers->results;
+        out.buffer().reserve(out.buffer().size() + 32 + results.size() * (resultSize + sizeof(HResult)));
+        writeArrayHead(out, results.size());
+        for (const ItemResult& item : results) {
+            writeResult(out, item);
+            buffers->errors.push_back(item.error);
+        }
+    }
+    writeErrors(out, result, buffers->errors);
+    return 0;
+}
+
+template <class ReadMore, class Action>
+std::uint32_t ItemMgtInterface::forHandles(Reader& in, Writer& out, ReadMore readMore, Action action) {
+    const CallBuffers::Loan buffers(group_.application().callBuffers());
+    const std::uint32_t count = in.u32();
+    if (count > group_.application().itemsPerCall()) {
+        writeErrors(out, E_OUTOFMEMORY, {});
+        return 0;
+    }
+    readU32Array(in, count, buffers->handles);
+    readMore(*buffers);
+    if (!in.good()) {
+        return dcom::faultBadStubData;
+    }
+    HResult result = E_INVALIDARG;
+    if (group_.isRemoved()) {
+        result = E_FAIL;
+    } else if (count != 0) {
+        result = action(*buffers);
+    }
+    writeErrors(out, result, buffers->errors);
+    return 0;
+}
+
+std::uint32_t ItemMgtInterface::removeItems(Reader& in, Writer& out) {
+    return forHandles(
+        in, out, [](CallBuffers&) {},
+        [&](CallBuffers& buffers) { return group_.removeItems(buffers.handles, buffers.errors); });
+}
+
+std::uint32_t ItemMgtInterface::setActiveState(Reader& in, Writer& out) {
+    bool active = false;
+    return forHandles(
+        in, out, [&](CallBuffers&) { active = in.u32() != 0; },
+        [&](CallBuffers& buffers) { return group_.setActiveState(buffers.handles, active, buffers.errors); });
+}
+
+std::uint32_t ItemMgtInterface::setClientHandles(Reader& in, Writer& out) {
+    const auto readNumbers = [&](CallBuffers& buffers) {
+        readU32Array(in, static_cast<std::uint32_t>(buffers.handles.size()), buffers.numbers);
+    };
+    return forHandles(in, out, readNumbers, [&](CallBuffers& buffers) {
+        return group_.setClientHandles(buffers.handles, buffers.numbers, buffers.errors);
+    });
+}
+
+std::uint32_t ItemMgtInterface::setDatatypes(Reader& in, Writer& out) {
+    std::vector<VarType> types;
+    const auto readTypes = [&](CallBuffers& buffers) {
+        if (readConformance(in, static_cast<std::uint32_t>(buffers.handles.size()), sizeof(VarType))) {
+            types.resize(buffers.handles.size());
+            for (VarType& type : types) {
+                type = in.u16();
+            }
+        }
+    };
+    return forHandles(in, out, readTypes, [&](CallBuffers& buffers) {
+        return group_.setDatatypes(buffers.handles, types, buffers.errors);
+    });
+}
+
+std::uint32_t ItemMgtInterface::createEnumerator(Reader& in, Writer& out, dcom::orpc::CallContext& context) {
+    const dcom::Uuid iid = in.uuid();
+    if (!in.good()) {
+        return dcom::faultBadStubData;
+    }
+    Enumerator<ItemAttributes> items;
+    const HResult result = group_.isRemoved() ? E_FAIL : group_.enumerateItems(items);
+    out.u32(writeEnumerator<EnumOpcItemAttributes>(out, context, iid, group_.memory(), std::move(items), result));
+    return 0;
+}
+
+}  // namespace quelm::opcda::wire

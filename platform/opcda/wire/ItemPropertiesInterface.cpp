@@ -1,0 +1,144 @@
+#include "opcda/wire/ItemPropertiesInterface.h"
+
+#include "opcda/wire/Parameters.h"
+#include "opcda/wire/WireVariant.h"
+
+namespace quelm::opcda::wire {
+
+using dcom::ndr::Reader;
+using dcom::ndr::Writer;
+
+namespace {
+
+enum Opnum : std::uint16_t { QueryAvailableProperties = 3, GetItemProperties = 4, LookupItemIds = 5 };
+
+// What GetItemProperties and LookupItemIDs both ask with.
+struct PropertyRequest {
+    std::string itemId;
+    std::vector<std::uint32_t> ids;
+    bool tooMany = false;  // to be answered; the ids are not read then
+};
+
+PropertyRequest readRequest(Reader& in) {
+    // An item has six; who asks for each of them a hundred times is served all the same.
+    constexpr std::uint32_t mostIds = 1000;
+    PropertyRequest request;
+    request.itemId = in.wideString();
+    const std::uint32_t count = in.u32();
+    request.tooMany = count > mostIds;
+    if (!request.tooMany) {
+        readU32Array(in, count, request.ids);
+    }
+    return request;
+}
+
+std::uint32_t writeFailure(Writer& out, HResult result) {
+    out.nullPointer();
+    writeErrors(out, result, {});
+    return 0;
+}
+
+void writeDescriptions(Writer& out, const std::vector<PropertyDescription>& properties) {
+    writeArrayHead(out, properties.size());
+    for (const PropertyDescription& property : properties) {
+        out.u32(property.id);
+    }
+    writeArrayHead(out, properties.size());
+    for (std::size_t i = 0; i < properties.size(); ++i) {
+        out.pointer();
+    }
+    for (const PropertyDescription& property : properties) {
+        out.wideString(property.text);
+    }
+    out.align(4);
+    writeArrayHead(out, properties.size());
+    for (const PropertyDescription& property : properties) {
+        out.u16(property.type);
+    }
+}
+
+std::uint32_t queryAvailable(const Properties& source, Reader& in, Writer& out) {
+    const std::string itemId = in.wideString();
+    if (!in.good()) {
+        return dcom::faultBadStubData;
+    }
+    std::vector<PropertyDescription> properties;
+    const HResult result = source.available(itemId, properties);
+    if (failed(result)) {
+        out.u32(0);
+        out.nullPointer();
+        out.nullPointer();
+        out.nullPointer();
+    } else {
+        out.u32(static_cast<std::uint32_t>(properties.size()));
+        writeDescriptions(out, properties);
+    }
+    out.u32(result);
+    return 0;
+}
+
+std::uint32_t getProperties(const Server& server, Reader& in, Writer& out) {
+    const PropertyRequest request = readRequest(in);
+    if (!in.good()) {
+        return dcom::faultBadStubData;
+    }
+    if (request.tooMany) {
+        return writeFailure(out, E_OUTOFMEMORY);
+    }
+    std::vector<PropertyValue> properties;
+    const HResult result =
+        request.ids.empty() ? E_INVALIDARG : server.properties().values(request.itemId, request.ids, properties);
+    if (failed(result)) {
+        return writeFailure(out, result);
+    }
+    const std::size_t behind = 16 + properties.size() * sizeof(HResult);
+    if (!writeVariantArray(out, ReplyRoom(out, server.budget()->memory.room()), properties, behind)) {
+        return writeFailure(out, E_OUTOFMEMORY);
+    }
+    std::vector<HResult> errors;
+    for (const PropertyValue& property : properties) {
+        errors.push_back(property.error);
+    }
+    writeErrors(out, result, errors);
+    return 0;
+}
+
+std::uint32_t lookupItemIds(const Properties& source, Reader& in, Writer& out) {
+    const PropertyRequest request = readRequest(in);
+    if (!in.good()) {
+        return dcom::faultBadStubData;
+    }
+    if (request.tooMany) {
+        return writeFailure(out, E_OUTOFMEMORY);
+    }
+    std::vector<HResult> errors;
+    const HResult result =
+        request.ids.empty() ? E_INVALIDARG : source.lookupItemIds(request.itemId, request.ids, errors);
+    if (failed(result)) {
+        return writeFailure(out, result);
+    }
+    writeArrayHead(out, errors.size());
+    for (std::size_t i = 0; i < errors.size(); ++i) {
+        out.nullPointer();  // no property is an item
+    }
+    writeErrors(out, result, errors);
+    return 0;
+}
+
+}  // namespace
+
+std::uint32_t ItemPropertiesInterface::call(Server& server, std::uint16_t opnum, Reader& in, Writer& out,
+                                            dcom::orpc::CallContext& /*context*/) {
+    switch (opnum) {
+        case QueryAvailableProperties:
+            return queryAvailable(server.properties(), in, out);
+        case GetItemProperties:
+            return getProperties(server, in, out);
+        case LookupItemIds:
+            return lookupItemIds(server.properties(), in, out);
+        default:
+            return dcom::faultOpnumRange;
+    }
+}
+
+}  // namespace quelm::opcda::wire

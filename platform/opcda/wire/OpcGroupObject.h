@@ -1,0 +1,46 @@
+#pragma once
+
+// A client's group as a COM object. The client's references keep it; when the last of them goes, the group goes with
+// it, because clients exist that never remove their groups. A group that was removed before answers until then.
+
+#include <memory>
+
+#include "dcom/orpc/ComObject.h"
+#include "opcda/Group.h"
+#include "opcda/wire/AsyncIo2Interface.h"
+#include "opcda/wire/GroupStateMgtInterface.h"
+#include "opcda/wire/ItemMgtInterface.h"
+#include "opcda/wire/SyncIoInterface.h"
+
+namespace quelm::opcda::wire {
+
+class OpcServerObject;
+
+class OpcGroupObject final : public dcom::orpc::ComObject {
+ public:
+    OpcGroupObject(std::weak_ptr<OpcServerObject> owner, std::shared_ptr<Group> group);
+    OpcGroupObject(const OpcGroupObject&) = delete;
+    OpcGroupObject& operator=(const OpcGroupObject&) = delete;
+
+    dcom::orpc::Interface* queryInterface(const dcom::Uuid& iid) override;
+    void disconnected() override;
+
+    // Whether clients can ask a group for this interface, IUnknown included.
+    static bool hasInterface(const dcom::Uuid& iid);
+
+    Group& group() { return *group_; }
+    // Empty when the client has let go of its server object.
+    std::shared_ptr<OpcServerObject> owner() const { return owner_.lock(); }
+
+ private:
+    struct Table;
+
+    std::weak_ptr<OpcServerObject> owner_;
+    std::shared_ptr<Group> group_;
+    GroupStateMgtInterface stateMgt_;
+    ItemMgtInterface itemMgt_;
+    SyncIoInterface syncIo_;
+    AsyncIo2Interface asyncIo2_;
+};
+
+}  // namespace quelm::opcda::wire

@@ -1,0 +1,95 @@
+#include "opcda/wire/OpcServerObject.h"
+
+#include <algorithm>
+
+#include "opcda/wire/InterfaceTable.h"
+#include "opcda/wire/OpcGroupObject.h"
+
+namespace quelm::opcda::wire {
+
+namespace {
+
+// Clients that remove a group after letting go of it do so at once; one that never removes any must not fill memory.
+constexpr std::size_t rememberedGroups = 256;
+
+}  // namespace
+
+OpcServerObject::OpcServerObject(Application& application, std::shared_ptr<ClientBudget> budget)
+    : server_(std::in_place, application, std::move(budget)),
+      serverInterface_(*this),
+      browse_(*this),
+      common_(*this),
+      itemProperties_(*this),
+      itemIo_(*this) {}
+
+// What clients may ask it for.
+struct OpcServerObject::Table {
+    using Row = Offered<OpcServerObject>;
+    static constexpr std::array rows{
+        Row{iidOpcServer, [](OpcServerObject& object) -> dcom::orpc::Interface* { return &object.serverInterface_; }},
+        Row{iidOpcBrowseServerAddressSpace,
+            [](OpcServerObject& object) -> dcom::orpc::Interface* { return &object.browse_; }},
+        Row{iidOpcCommon, [](OpcServerObject& object) -> dcom::orpc::Interface* { return &object.common_; }},
+        Row{iidOpcItemProperties,
+            [](OpcServerObject& object) -> dcom::orpc::Interface* { return &object.itemProperties_; }},
+        Row{iidOpcItemIo, [](OpcServerObject& object) -> dcom::orpc::Interface* { return &object.itemIo_; }},
+    };
+};
+
+dcom::orpc::Interface* OpcServerObject::queryInterface(const dcom::Uuid& iid) {
+    return findOffered(Table::rows, *this, iid);
+}
+
+void OpcServerObject::disconnected() {
+    groupObjects_.clear();
+    server_.reset();
+}
+
+std::shared_ptr<OpcGroupObject> OpcServerObject::groupObject(const std::shared_ptr<Group>& group) {
+    std::weak_ptr<OpcGroupObject>& known = groupObjects_[group->serverHandle()];
+    if (auto object = known.lock()) {
+        return object;
+    }
+    const auto self = std::static_pointer_cast<OpcServerObject>(shared_from_this());
+    auto object = std::make_shared<OpcGroupObject>(self, group);
+    known = object;
+    return object;
+}
+
+HResult OpcServerObject::writeGroup(dcom::ndr::Writer& out, dcom::orpc::CallContext& context,
+                                    const std::shared_ptr<Group>& group, const dcom::Uuid& iid, HResult result) {
+    if (failed(result)) {
+        out.nullPointer();
+        return result;
+    }
+    const HResult written = context.writeInterface(out, groupObject(group), iid);
+    return failed(written) ? written : result;
+}
+
+HResult OpcServerObject::removeGroup(std::uint32_t serverHandle, bool force) {
+    const auto released = std::find(released_.begin(), released_.end(), serverHandle);
+    if (released != released_.end()) {
+        released_.erase(released);
+        return S_OK;
+    }
+    const auto known = groupObjects_.find(serverHandle);
+    const bool inUse = known != groupObjects_.end() && !known->second.expired();
+    if (known != groupObjects_.end()) {
+        groupObjects_.erase(known);
+    }
+    return server_->removeGroup(serverHandle, force, inUse);
+}
+
+void OpcServerObject::groupReleased(const Group& group) {
+    const std::uint32_t handle = group.serverHandle();
+    groupObjects_.erase(handle);
+    if (!server_ || failed(server_->removeGroup(handle, true, false))) {
+        return;
+    }
+    released_.push_back(handle);
+    if (released_.size() > rememberedGroups) {
+        released_.pop_front();
+    }
+}
+
+}  // namespace quelm::opcda::wire

@@ -1,0 +1,75 @@
+#include "opcda/wire/Parameters.h"
+
+namespace quelm::opcda::wire {
+
+using dcom::ndr::Reader;
+using dcom::ndr::Writer;
+
+bool readConformance(Reader& in, std::uint32_t count, std::size_t elementSize) {
+    const std::uint32_t conformance = in.u32();
+    if (conformance != count || count > in.remaining() / elementSize) {
+        in.fail();
+    }
+    return in.good();
+}
+
+void readU32Array(Reader& in, std::uint32_t count, std::vector<std::uint32_t>& values) {
+    values.clear();
+    if (!readConformance(in, count, 4) || count == 0) {
+        return;
+    }
+    values.resize(count);
+    std::memcpy(values.data(), in.bytes(std::size_t{count} * 4).data(), std::size_t{count} * 4);
+}
+
+void readStringArray(Reader& in, std::uint32_t count, std::vector<std::string>& texts) {
+    texts.clear();
+    std::vector<std::uint32_t> referents;
+    readU32Array(in, count, referents);
+    texts.reserve(referents.size());
+    for (const std::uint32_t referent : referents) {
+        texts.push_back(referent != 0 ? in.wideString() : std::string());
+    }
+}
+
+void writeArrayHead(Writer& out, std::size_t count) {
+    out.pointer();
+    out.u32(static_cast<std::uint32_t>(count));
+}
+
+void writeU32Array(Writer& out, std::span<const std::uint32_t> values) {
+    writeArrayHead(out, values.size());
+    if (!values.empty()) {
+        std::memcpy(out.extend(values.size_bytes()), values.data(), values.size_bytes());
+    }
+}
+
+void writeErrors(Writer& out, HResult result, std::span<const HResult> errors) {
+    if (failed(result)) {
+        out.nullPointer();
+    } else {
+        writeU32Array(out, errors);
+    }
+    out.u32(result);
+}
+
+void writeString(Writer& out, std::string_view utf8) {
+    out.pointer();
+    out.wideString(utf8);
+}
+
+void writeStringOrNull(Writer& out, HResult result, std::string_view utf8) {
+    if (failed(result)) {
+        out.nullPointer();
+    } else {
+        writeString(out, utf8);
+    }
+}
+
+std::uint32_t writeNoInterface(Writer& out, HResult result) {
+    out.nullPointer();
+    out.u32(result);
+    return 0;
+}
+
+}  // namespace quelm::opcda::wire

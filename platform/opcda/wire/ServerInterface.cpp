@@ -1,0 +1,165 @@
+#include "opcda/wire/ServerInterface.h"
+
+#include "dcom/orpc/OrpcTypes.h"
+#include "opcda/wire/EnumeratorObjects.h"
+#include "opcda/wire/Iids.h"
+#include "opcda/wire/OpcGroupObject.h"
+#include "opcda/wire/OpcServerObject.h"
+#include "opcda/wire/Parameters.h"
+
+namespace quelm::opcda::wire {
+
+using dcom::ndr::Reader;
+using dcom::ndr::Writer;
+using dcom::orpc::CallContext;
+
+namespace {
+
+enum Opnum : std::uint16_t {
+    AddGroup = 3,
+    GetErrorString = 4,
+    GetGroupByName = 5,
+    GetStatus = 6,
+    RemoveGroup = 7,
+    CreateGroupEnumerator = 8,
+};
+
+void writeFileTime(Writer& out, std::int64_t fileTime) {
+    out.u32(static_cast<std::uint32_t>(fileTime));
+    out.u32(static_cast<std::uint32_t>(fileTime >> 32));
+}
+
+std::uint32_t getErrorString(const Server& server, Reader& in, Writer& out) {
+    const HResult code = in.u32();
+    const std::uint32_t locale = in.u32();
+    if (!in.good()) {
+        return dcom::faultBadStubData;
+    }
+    std::string_view text;
+    const HResult result = server.errorString(code, locale, text);
+    writeStringOrNull(out, result, text);
+    out.u32(result);
+    return 0;
+}
+
+std::uint32_t getStatus(const Server& server, Writer& out) {
+    const ServerStatus status = server.status();
+    out.pointer();
+    writeFileTime(out, status.startTime);
+    writeFileTime(out, status.currentTime);
+    writeFileTime(out, status.lastUpdateTime);
+    out.u16(status.state);
+    out.u32(status.groupCount);
+    out.u32(status.bandWidth);
+    out.u16(status.majorVersion);
+    out.u16(status.minorVersion);
+    out.u16(status.buildNumber);
+    out.u16(0);  // reserved
+    writeString(out, status.vendor);
+    out.u32(S_OK);
+    return 0;
+}
+
+}  // namespace
+
+std::uint32_t ServerInterface::call(Server& server, std::uint16_t opnum, Reader& in, Writer& out,
+                                    CallContext& context) {
+    switch (opnum) {
+        case AddGroup:
+            return addGroup(server, in, out, context);
+        case GetErrorString:
+            return getErrorString(server, in, out);
+        case GetGroupByName:
+            return groupByName(server, in, out, context);
+        case GetStatus:
+            return getStatus(server, out);
+        case RemoveGroup:
+            return removeGroup(in, out);
+        case CreateGroupEnumerator:
+            return createGroupEnumerator(server, in, out, context);
+        default:
+            return dcom::faultOpnumRange;
+    }
+}
+
+std::uint32_t ServerInterface::addGroup(Server& server, Reader& in, Writer& out, CallContext& context) {
+    const std::string name = in.wideString();
+    GroupRequest request;
+    request.name = name;
+    request.active = in.u32() != 0;
+    request.updateRate = in.u32();
+    request.clientHandle = in.u32();
+    if (in.pointer()) {
+        request.timeBias = in.i32();
+    }
+    if (in.pointer()) {
+        request.percentDeadband = in.f32();
+    }
+    request.localeId = in.u32();
+    const dcom::Uuid iid = in.uuid();
+    if (!in.good()) {
+        return dcom::faultBadStubData;
+    }
+    std::shared_ptr<Group> group;
+    const HResult result = OpcGroupObject::hasInterface(iid) ? server.addGroup(request, group) : E_NOINTERFACE;
+    const bool added = !failed(result);
+    out.u32(added ? group->serverHandle() : 0);
+    out.u32(added ? group->state().updateRate : 0);
+    out.u32(object().writeGroup(out, context, group, iid, result));
+    return 0;
+}
+
+std::uint32_t ServerInterface::groupByName(Server& server, Reader& in, Writer& out, CallContext& context) {
+    const std::string name = in.wideString();
+    const dcom::Uuid iid = in.uuid();
+    if (!in.good()) {
+        return dcom::faultBadStubData;
+    }
+    std::shared_ptr<Group> group;
+    const HResult result = OpcGroupObject::hasInterface(iid) ? server.groupByName(name, group) : E_NOINTERFACE;
+    out.u32(object().writeGroup(out, context, group, iid, result));
+    return 0;
+}
+
+std::uint32_t ServerInterface::removeGroup(Reader& in, Writer& out) {
+    const std::uint32_t handle = in.u32();
+    const bool force = in.u32() != 0;
+    if (!in.good()) {
+        return dcom::faultBadStubData;
+    }
+    out.u32(object().removeGroup(handle, force));
+    return 0;
+}
+
+std::uint32_t ServerInterface::createGroupEnumerator(Server& server, Reader& in, Writer& out, CallContext& context) {
+    const std::uint16_t scope = in.u16();
+    const dcom::Uuid iid = in.uuid();
+    if (!in.good()) {
+        return dcom::faultBadStubData;
+    }
+    if (iid == iidEnumString) {
+        StringEnumerator names;
+        const HResult result = server.groupNames(scope, names);
+        out.u32(writeEnumerator<EnumString<std::string>>(out, context, iid, memoryOf(server.budget()), std::move(names),
+                                                         result));
+        return 0;
+    }
+    if (iid != iidEnumUnknown) {
+        return writeNoInterface(out, E_NOINTERFACE);
+    }
+    std::vector<std::shared_ptr<Group>> groups;
+    const HResult result = server.groups(scope, groups);
+    Hold memory = memoryOf(server.budget());
+    if (!memory.resize(groups.size() * sizeof groups[0])) {
+        return writeNoInterface(out, E_OUTOFMEMORY);
+    }
+    std::vector<std::shared_ptr<dcom::orpc::ComObject>> objects;
+    for (const auto& group : groups) {
+        objects.push_back(object().groupObject(group));
+    }
+    out.u32(writeEnumerator<EnumUnknown>(out, context, iid, memory.another(),
+                                         Enumerator(std::move(objects), std::move(memory)), result));
+    return 0;
+}
+
+}  // namespace quelm::opcda::wire

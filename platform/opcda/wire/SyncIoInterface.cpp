@@ -1,0 +1,163 @@
+#include "opcda/wire/SyncIoInterface.h"
+
+#include "opcda/Server.h"
+#include "opcda/wire/Parameters.h"
+#include "opcda/wire/WireVariant.h"
+
+namespace quelm::opcda::wire {
+
+using dcom::ndr::Reader;
+using dcom::ndr::Writer;
+
+namespace {
+
+enum Opnum : std::uint16_t { Read = 3, Write = 4 };
+enum Source : std::uint16_t { Cache = 1, Device = 2 };
+
+// The array of item states, filled in place while the values are written behind it.
+class StateArray {
+ public:
+    // Bytes of the reply for an item with a number as its value, without its result.
+    static constexpr std::size_t itemSize = 20 + scalarVariantSize;
+
+    StateArray(Writer& out, std::uint32_t count) : out_(out) {
+        out.buffer().reserve(out.buffer().size() + headSize + (itemSize + sizeof(HResult)) * count);
+        writeArrayHead(out, count);
+        next_ = out.buffer().size();
+        out.extend(stateSize * count);
+    }
+
+    void add(const ItemReading& reading) {
+        std::uint8_t* at = out_.buffer().data() + next_;
+        next_ += stateSize;
+        at = put(at, reading.clientHandle);
+        at = put(at, reading.fileTime);
+        at = put(at, std::uint32_t{reading.quality});  // and a reserved half
+        put(at, referent_ += 4);
+        writeVariant(out_, reading.value);
+    }
+
+ private:
+    static constexpr std::size_t stateSize = 20;
+    static constexpr std::size_t headSize = 64;
+
+    Writer& out_;
+    std::size_t next_ = 0;
+    // Apart from those that the writer itself gives, so that no two pointers of the reply look alike.
+    std::uint32_t referent_ = 0x40000000;
+};
+
+std::uint32_t refuseRead(Writer& out, HResult result) {
+    out.nullPointer();
+    out.nullPointer();
+    out.u32(result);
+    return 0;
+}
+
+// Bytes of a reply behind its states and values.
+std::size_t behindStates(std::size_t count) {
+    return 16 + count * sizeof(HResult);
+}
+
+// readAll(sink) calls sink once for each of the items and gives the result of the whole.
+template <class ReadAll>
+std::uint32_t writeStates(Writer& out, ReplyRoom room, std::size_t count, std::vector<HResult>& errors,
+                          ReadAll&& readAll) {
+    const std::size_t behind = behindStates(count);
+    if (!room.has(behind + count * StateArray::itemSize)) {
+        return refuseRead(out, E_OUTOFMEMORY);
+    }
+    StateArray states(out, static_cast<std::uint32_t>(count));
+    errors.clear();
+    const HResult result = readAll([&](const ItemReading& reading) {
+        if (room.has(behind)) {
+            states.add(reading);
+            errors.push_back(reading.error);
+        }
+    });
+    if (!room.has(behind)) {
+        room.clear();
+        return refuseRead(out, E_OUTOFMEMORY);
+    }
+    writeU32Array(out, errors);
+    out.u32(result);
+    return 0;
+}
+
+}  // namespace
+
+std::uint32_t SyncIoInterface::invoke(std::uint16_t opnum, Reader& in, Writer& out, dcom::orpc::CallContext& context) {
+    switch (opnum) {
+        case Read:
+            return read(in, out, context);
+        case Write:
+            return write(in, out, context);
+        default:
+            return dcom::faultOpnumRange;
+    }
+}
+
+std::uint32_t SyncIoInterface::read(Reader& in, Writer& out, dcom::orpc::CallContext& context) {
+    const CallBuffers::Loan buffers(group_.application().callBuffers());
+    std::vector<std::uint32_t>& handles = buffers->handles;
+    const std::uint16_t source = in.u16();
+    const std::uint32_t count = in.u32();
+    if (count > group_.application().itemsPerCall()) {
+        return refuseRead(out, E_OUTOFMEMORY);
+    }
+    readU32Array(in, count, handles);
+    if (!in.good()) {
+        return dcom::faultBadStubData;
+    }
+    if (group_.isRemoved()) {
+        return refuseRead(out, E_FAIL);
+    }
+    if (handles.empty() || (source != Cache && source != Device)) {
+        return refuseRead(out, E_INVALIDARG);
+    }
+    const ReplyRoom room(out, group_.memoryLeft());
+    if (!room.has(behindStates(handles.size()) + handles.size() * StateArray::itemSize)) {
+        return refuseRead(out, E_OUTOFMEMORY);
+    }
+    if (source == Cache) {
+        return writeStates(out, room, handles.size(), buffers->errors,
+                           [&](const auto& sink) { return group_.readCache(handles, sink); });
+    }
+    group_.readDevice(handles, [reply = context.defer(out), count = handles.size()](DeviceReading& reading) {
+        if (reply->wanted()) {
+            reply->complete([&](Writer& late) {
+                std::vector<HResult> errors;
+                return writeStates(late, ReplyRoom(late, reading.memoryLeft()), count, errors,
+                                   [&](const auto& sink) { return reading.deliver(sink); });
+            });
+        }
+    });
+    return dcom::rpc::statusDeferred;
+}
+
+std::uint32_t SyncIoInterface::write(Reader& in, Writer& out, dcom::orpc::CallContext& context) {
+    const CallBuffers::Loan buffers(group_.application().callBuffers());
+    const std::uint32_t count = in.u32();
+    if (count > group_.application().itemsPerCall()) {
+        writeErrors(out, E_OUTOFMEMORY, {});
+        return 0;
+    }
+    readU32Array(in, count, buffers->handles);
+    skipVariantArray(in, count);
+    if (!in.good()) {
+        return dcom::faultBadStubData;
+    }
+    if (group_.isRemoved() || count == 0) {
+        writeErrors(out, group_.isRemoved() ? E_FAIL : E_INVALIDARG, {});
+        return 0;
+    }
+    group_.write(buffers->handles, [reply = context.defer(out)](HResult result, const std::vector<HResult>& errors) {
+        reply->complete([&](Writer& late) {
+            writeErrors(late, result, errors);
+            return 0U;
+        });
+    });
+    return dcom::rpc::statusDeferred;
+}
+
+}  // namespace quelm::opcda::wire

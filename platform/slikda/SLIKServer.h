@@ -1,0 +1,76 @@
+#pragma once
+
+// The control's plant half, on the plant's thread: what the server host sees of it, and what the network asks of the
+// host. What one handler of the plant sets reaches clients as a whole when the handler ends.
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "base/RuntimeError.h"
+#include "slikda/ClientDoor.h"
+#include "slikda/Crossing.h"
+#include "slikda/ISLIKServer.h"
+#include "slikda/PlantItems.h"
+#include "slikda/SLIKNetwork.h"
+
+namespace quelm {
+
+class SLIKServer final : public ISLIKServer, private IPlantSide {
+ public:
+    // What the control needs done outside, on the plant's thread; an unset one makes the operation raise
+    // (registration, start) or is left out (the others).
+    struct Hooks {
+        // Raises RuntimeError when that is not possible. The network's thread begins in here, if it has one of its own.
+        std::function<void()> openNetwork;
+        std::function<void()> registerServer;    // raises RuntimeError
+        std::function<void()> unregisterServer;  // raises RuntimeError
+        std::function<void(std::string_view reason)> requestDisconnect;
+        // A handler of the events let a failure out.
+        std::function<void(std::string_view event, const ErrorInfo& failure)> eventFailed;
+    };
+    static constexpr std::int32_t failed = static_cast<std::int32_t>(0x80004005U);  // E_FAIL
+
+    // The loops of the two sides must outlive the control, and run nothing of it when it is gone; tests have one for
+    // both.
+    SLIKServer(IMessageLoop& plant, IMessageLoop& network) : crossing_(plant, network) {}
+    SLIKServer(const SLIKServer&) = delete;
+    SLIKServer& operator=(const SLIKServer&) = delete;
+
+    void setHooks(Hooks hooks) { hooks_ = std::move(hooks); }
+
+    void SetEvents(ISLIKServerEvents* objEvents) override { events_ = objEvents; }
+    void RegisterServer() override;
+    void UnregisterServer() override;
+    void StartServer() override;
+    std::string AppID() const override;
+    std::string AppName() const override;
+    PlantItems& SLIKTags() override { return items_; }
+    void RequestDisconnect(std::string_view strReason) override;
+    bool InUse() const override { return wasInUse_ || door_.count() > 0; }
+
+    // The other half. Belongs to the network's thread from the start on.
+    SLIKNetwork& network() { return network_; }
+
+ private:
+    void raiseDisconnect(std::int32_t remaining) noexcept override;
+    std::int32_t raiseRead(const std::vector<ISLIKRequestedItem*>& items) noexcept override;
+    std::int32_t raiseWrite(std::size_t count) noexcept override;
+    StampConverter& stamps() override { return items_.stamps(); }
+    template <class Raise>
+    bool raise(std::string_view event, Raise&& how) noexcept;
+    void handOver();
+
+    Hooks hooks_;
+    ISLIKServerEvents* events_ = nullptr;
+    Crossing crossing_;
+    ClientDoor door_;
+    PlantItems items_;
+    bool underWay_ = false;  // a batch is on its way to the network or back
+    bool wasInUse_ = false;  // found by this handler's shutdown notice
+    SLIKNetwork network_{items_.shown(), crossing_, door_, *this};
+};
+
+}  // namespace quelm

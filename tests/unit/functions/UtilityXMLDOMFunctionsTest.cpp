@@ -1,0 +1,100 @@
+#include "OPC/OPC DA Server/UtilityXMLDOMFunctions.h"
+
+#include <gmock/gmock.h>
+
+#include "OPC/OPC DA Server/UtilityFunctions.h"
+#include "base/Conversion.h"
+#include "base/RuntimeError.h"
+#include "server/LibraryFakes.h"
+
+namespace quelm {
+namespace {
+
+using fakes::Messages;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+TEST(UtilityXMLDOMFunctionsTest, DocumentsThatDoNotParse) {
+    const std::string forty(40, 'x');
+    const std::pair<std::string, std::string> cases[] = {
+        {"", ""}, {forty, forty}, {forty + "y", forty + "..."}, {"<!DOCTYPE a><a/>", "<!DOCTYPE a><a/>"}};
+    for (const auto& [xml, excerpt] : cases) {
+        Messages messages;
+        EXPECT_TRUE(LoadXMLDocument(&messages, xml).isNothing());
+        EXPECT_THAT(messages.lines, ElementsAre("4 XMLDOM-0001: Cannot parse XML document; " + excerpt));
+        EXPECT_TRUE(LoadXMLDocument(nullptr, xml).isNothing());
+    }
+}
+
+TEST(UtilityXMLDOMFunctionsTest, Fragments) {
+    struct Case {
+        const char *fragment, *xpath, *text;
+    };
+    const Case cases[] = {
+        {"", ".", ""},
+        {"<a>1</a><b>2</b>", "b", "2"},
+        {"<a>$1 $$</a>$", "a", "$1 $$"},
+        {"text only", ".", "text only"},
+        {"<a> 12.5 </a>", "a", "12.5"},
+        {"<a>1</a>", "c", ""},
+    };
+    for (const Case& c : cases) {
+        Messages messages;
+        const XmlDocument document = LoadXMLFragment(&messages, c.fragment);
+        ASSERT_FALSE(document.isNothing()) << c.fragment;
+        EXPECT_EQ(GetNodeText(document.documentElement(), c.xpath), c.text) << c.fragment;
+        EXPECT_THAT(messages.lines, IsEmpty());
+    }
+}
+
+TEST(UtilityXMLDOMFunctionsTest, AFragmentThatDoesNotParseIsReportedTwice) {
+    for (const std::string fragment : {"<a>", "</Z76335016_A23E_E011_A164_0019B97C8595><b>", "ä&"}) {
+        Messages messages;
+        EXPECT_TRUE(LoadXMLFragment(&messages, fragment).isNothing());
+        EXPECT_THAT(messages.lines,
+                    ElementsAre("4 XMLDOM-0001: Cannot parse XML document; <Z76335016_A23E_E011_A164_0019B97C8595>" +
+                                    fragment.substr(0, fragment[0] == '<' ? 1 : 2) + "...",
+                                "4 XMLDOM-0005: Cannot parse XML fragment; " + TruncateText(fragment, 40)));
+        EXPECT_TRUE(LoadXMLFragment(nullptr, fragment).isNothing());
+    }
+}
+
+TEST(UtilityXMLDOMFunctionsTest, NodeAndAttributeTexts) {
+    const XmlDocument document = LoadXMLDocument(nullptr, "<CSV separator=' , ' empty=''>1<b>x</b></CSV>");
+    const XmlNode root = document.documentElement();
+    EXPECT_EQ(GetAttributeText(root, "separator"), ",");
+    EXPECT_EQ(GetAttributeText(root, "empty"), "");
+    EXPECT_EQ(GetAttributeText(root, "missing"), "");
+    EXPECT_EQ(GetAttributeText(XmlNode(), "separator"), "");
+    EXPECT_EQ(GetNodeText(XmlNode(), "b["), "");
+    EXPECT_THROW(GetNodeText(root, "b["), RuntimeError);
+    EXPECT_THROW(GetNodeDate(root, "b["), RuntimeError);
+}
+
+TEST(UtilityXMLDOMFunctionsTest, Dates) {
+    const std::pair<const char*, const char*> cases[] = {
+        {"2013-04-05T06:07:08.5", "2013-04-05 06:07:08"},
+        {"2013.04.05T06:07:08.5", "2013-04-05 06:07:08"},
+        {"2013-04-05T06:07:08.123+02:00", "2013-04-05 06:07:08"},
+        {"2013-04-05T06:07:08", "2013-04-05 06:07:08"},
+        {"2013-04-05 06:07:08", "2013-04-05 06:07:08"},
+        {"06:07:08", "06:07:08"},
+        {"2013-04-05T06:07:08Z", "00:00:00"},
+        {"2013-04-05t06:07:08", "00:00:00"},
+        {"2013-04-05 06:07:08.25", "2013-04-05 06:07:08"},
+        {"Tomorrow", "00:00:00"},
+        {"", "00:00:00"},
+    };
+    for (const auto& [text, shown] : cases) {
+        EXPECT_EQ(dateText(XMLTextToDate(text)), shown) << text;
+        const XmlDocument document = LoadXMLFragment(nullptr, "<Start> " + std::string(text) + " </Start>");
+        const Variant date = GetNodeDate(document.documentElement(), "Start");
+        ASSERT_EQ(date.kind(), VariantKind::Date);
+        EXPECT_EQ(dateText(date.date()), shown) << text;
+        EXPECT_TRUE(GetNodeDate(document.documentElement(), "Finish").isEmpty());
+    }
+    EXPECT_TRUE(GetNodeDate(XmlNode(), "Start").isEmpty());
+}
+
+}  // namespace
+}  // namespace quelm

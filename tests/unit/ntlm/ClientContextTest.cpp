@@ -1,0 +1,96 @@
+// The log-on of a call back against our own server's side, and everything that a hostile other end may answer.
+
+#include <gtest/gtest.h>
+
+#include "dcom/ntlm/ClientContext.h"
+#include "dcom/ntlm/Crypto.h"
+#include "dcom/ntlm/Messages.h"
+
+namespace quelm::dcom::ntlm {
+namespace {
+
+class OneAccount final : public AccountStore {
+ public:
+    std::optional<NtHash> find(std::string_view domain, std::string_view user) const override {
+        return domain == "PLANT" && user == "callback" ? std::optional(ntHash("stack-7")) : std::nullopt;
+    }
+};
+
+class ClientContextTest : public testing::Test {
+ protected:
+    OneAccount accounts_;
+    ServerSettings settings_{"HISTORIAN", "PLANT", "", "", false, false};
+    ServerContext server_{accounts_, settings_};
+    ClientAccount account_{"PLANT", "callback", ntHash("stack-7"), "QUELM1"};
+};
+
+TEST_F(ClientContextTest, LogsOnWithMicAndProtectsBothWays) {
+    for (const bool seals : {false, true}) {
+        ClientContext client(account_, seals);
+        const auto challenge = server_.challenge(client.negotiate().value());
+        const auto answer = client.authenticate(challenge.value());
+        ASSERT_TRUE(answer);
+        EXPECT_EQ(server_.authenticate(*answer), RefusalReason::None);
+        EXPECT_EQ(server_.account(), "PLANT\\callback");
+        EXPECT_EQ(server_.canSeal(), seals);
+
+        std::vector<std::uint8_t> message(40, 0x42);
+        ClientContext::Signature signature{};
+        const auto sealed = std::span(message).subspan(8, 16);
+        if (seals) {
+            client.seal(message, sealed, signature);
+            EXPECT_NE(message[8], 0x42);
+            EXPECT_TRUE(server_.unseal(message, sealed, signature));
+            server_.seal(message, sealed, signature);
+            EXPECT_TRUE(client.unseal(message, sealed, signature));
+        } else {
+            client.sign(message, signature);
+            EXPECT_TRUE(server_.verify(message, signature));
+            server_.sign(message, signature);
+            EXPECT_TRUE(client.verify(message, signature));
+        }
+        EXPECT_EQ(message, std::vector<std::uint8_t>(40, 0x42));
+    }
+}
+
+TEST_F(ClientContextTest, TheMicShowsAnyChangeOnTheWay) {
+    ClientContext client(account_, true);
+    auto challenge = server_.challenge(client.negotiate().value()).value();
+    challenge[20] ^= 0x04;  // a flag of the offer that nobody needs
+    EXPECT_EQ(server_.authenticate(client.authenticate(challenge).value()), RefusalReason::AlteredLogOn);
+}
+
+TEST_F(ClientContextTest, WrongSecretIsRefusedByTheOtherEnd) {
+    account_.hash = ntHash("stack-8");
+    ClientContext client(account_, false);
+    const auto challenge = server_.challenge(client.negotiate().value());
+    EXPECT_EQ(server_.authenticate(client.authenticate(challenge.value()).value()), RefusalReason::WrongPassword);
+}
+
+TEST_F(ClientContextTest, TakesNoOfferThatIsCutWeakOrOutOfTurn) {
+    ClientContext client(account_, true);
+    const auto challenge = server_.challenge(client.negotiate().value()).value();
+    for (std::size_t size = 0; size < challenge.size(); ++size) {
+        client.negotiate();
+        EXPECT_FALSE(client.authenticate(std::span(challenge).first(size))) << size;
+    }
+    for (const std::uint32_t flag :
+         {flags::sign, flags::seal, flags::ntlm, flags::extendedSessionSecurity, flags::key128, flags::unicode}) {
+        auto weak = challenge;
+        for (std::size_t i = 0; i < 4; ++i) {
+            weak[20 + i] &= static_cast<std::uint8_t>(~(flag >> 8 * i));
+        }
+        client.negotiate();
+        EXPECT_FALSE(client.authenticate(weak)) << std::hex << flag;
+    }
+    EXPECT_FALSE(client.authenticate(challenge)) << "the offer before was not taken";
+    EXPECT_FALSE(client.ready());
+    std::vector<std::uint8_t> secret(16, 0x42);
+    ClientContext::Signature signature{};
+    client.seal(secret, secret, signature);
+    EXPECT_EQ(secret, std::vector<std::uint8_t>(16, 0)) << "nothing leaves in the clear";
+    EXPECT_FALSE(client.verify(secret, signature));
+}
+
+}  // namespace
+}  // namespace quelm::dcom::ntlm

@@ -1,0 +1,74 @@
+#include <gtest/gtest.h>
+
+#include "RpcClient.h"
+#include "dcom/rpc/Pdu.h"
+
+namespace quelm::dcom::rpc::test {
+namespace {
+
+TEST(PduHeader, TellsWhatIsWrong) {
+    using enum RefusalReason;
+    const std::pair<const char*, RefusalReason> cases[] = {
+        {"05000B03 10000000 10000000 01000000", None},
+        {"05010B03 10000000 D0160000 01000000", None},
+        {"04000B03 10000000 10000000 01000000", NotRpc},
+        {"05020B03 10000000 10000000 01000000", NotRpc},
+        {"05000B03 00000000 00480000 00000001", NotLittleEndian},
+        {"05000B03 11000000 10000000 01000000", NotLittleEndian},
+        {"05000B03 10010000 10000000 01000000", NotLittleEndian},
+        {"05000B03 10000000 0F000000 01000000", LengthOutOfRange},
+        {"05000003 10000000 D1160000 01000000", LengthOutOfRange},
+        {"05000E03 10000000 50D20000 01000000", None},
+        {"05001003 10000000 51D20000 01000000", LengthOutOfRange},
+    };
+    for (const auto& [wire, wrong] : cases) {
+        Header header;
+        EXPECT_EQ(parseHeader(fromHex(wire), header), wrong) << wire;
+    }
+}
+
+TEST(PduTrailer, MustFitBehindTheBody) {
+    const struct {
+        const char* name;
+        std::size_t bodyBytes;
+        unsigned padLength;
+        unsigned authLength;
+        bool good;
+    } cases[] = {
+        {"no body", 0, 0, 16, true},
+        {"padding is the whole body", 12, 12, 16, true},
+        {"padding into the header", 12, 13, 16, false},
+        {"token longer than the PDU", 12, 0, 40, false},
+        {"trailer into the header", 0, 0, 17, false},
+    };
+    for (const auto& entry : cases) {
+        Data raw = pdu(PduType::Auth3, 3, 0, Data(entry.bodyBytes), {5, 7, Data(16)});
+        raw[raw.size() - 22] = static_cast<std::uint8_t>(entry.padLength);
+        raw[10] = static_cast<std::uint8_t>(entry.authLength);
+        Header header;
+        ASSERT_EQ(parseHeader(raw, header), RefusalReason::None);
+        AuthTrailer trailer;
+        EXPECT_EQ(parseTrailer(raw, header, headerSize, trailer), entry.good) << entry.name;
+    }
+}
+
+TEST(PduBind, DecodesWholeOnlyAndNeverReadsBeyond) {
+    const Data whole = pdu(PduType::Bind, 3, 1, bindBody({{0}, {1, interfaceB}}));
+    for (std::size_t size = headerSize; size < whole.size(); ++size) {
+        const Data cut(whole.begin(), whole.begin() + static_cast<std::ptrdiff_t>(size));  // for the sanitizer
+        EXPECT_FALSE(parseBind(cut)) << size;
+    }
+    EXPECT_TRUE(parseBind(whole));
+}
+
+TEST(PduReplies, HaveTheDocumentedBytes) {
+    Data out;
+    appendFault(out, 0x11223344, 2, 5, flagDidNotExecute);
+    EXPECT_HEX(out, "05000323 10000000 20000000 44332211 08000000 02000000 05000000 00000000");
+    out.clear();
+    appendBindNak(out, 7, nakProtocolVersion);
+    EXPECT_HEX(out, "05000D03 10000000 18000000 07000000 0400 01 05 00 000000");
+}
+
+}  // namespace
+}  // namespace quelm::dcom::rpc::test

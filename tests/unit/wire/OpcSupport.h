@@ -1,0 +1,154 @@
+#pragma once
+
+// A control with a handful of items and one client's server object, as the interfaces' tests need them.
+// The time stands still at 2026-01-02 03:04:05 UTC, which is 80 00 40 74 94 7B DC 01 on the wire.
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+
+#include "FakeContext.h"
+#include "Parameters.h"
+#include "base/TimeSource.h"
+#include "loop/VirtualLoop.h"
+#include "opcda/wire/InterfaceTable.h"
+#include "opcda/wire/OpcServerObject.h"
+#include "slikda/SLIKServer.h"
+
+namespace quelm::opcda::wire::test {
+
+using quelm::test::Bytes;
+using quelm::test::fromHex;
+using quelm::test::Parameters;
+using Object = std::shared_ptr<dcom::orpc::ComObject>;
+using Handles = std::vector<std::uint32_t>;
+
+#define STAMP "80 00 40 74 94 7B DC 01"
+inline const std::string interfacePointer = "04000200 04000000 04000000 4D454F57";
+
+class HostEvents final : public ISLIKServerEvents {
+ public:
+    explicit HostEvents(SLIKServer& control) : control_(control) {}
+    std::vector<std::int32_t> disconnects;
+    std::vector<std::int32_t> reads;
+    std::vector<std::int32_t> writes;
+
+    void SLIKServer1_OnClientDisconnect(std::int32_t lngRemainingClients) override {
+        disconnects.push_back(lngRemainingClients);
+    }
+    void SLIKServer1_OnRead(std::int32_t lngCount, const std::vector<ISLIKRequestedItem*>& objItems,
+                            std::int32_t& lngError) override {
+        reads.push_back(lngCount);
+        for (ISLIKRequestedItem* item : objItems) {
+            const ISLIKTag& tag = control_.SLIKTags().Item(item->Name());
+            item->SetVQT(tag.Value(), tag.Quality(), tag.Timestamp());
+        }
+        lngError = 0;
+    }
+    void SLIKServer1_OnWrite(std::int32_t lngCount, std::int32_t& lngError) override {
+        writes.push_back(lngCount);
+        lngError = SLIKServer::failed;
+    }
+
+ private:
+    SLIKServer& control_;
+};
+
+// The reply to one call: the fault status, the bytes, and a reader over them.
+struct Reply {
+    std::uint32_t fault = 0;
+    Bytes bytes;
+    dcom::ndr::Reader reader() const { return dcom::ndr::Reader(bytes); }
+    // The last four bytes.
+    dcom::HResult result() const {
+        dcom::HResult value = 0xDEADBEEF;
+        if (bytes.size() >= 4) {
+            std::memcpy(&value, bytes.data() + bytes.size() - 4, 4);
+        }
+        return value;
+    }
+};
+
+class OpcWire : public ::testing::Test {
+ protected:
+    OpcWire() {
+        control_.SetEvents(&events_);
+        const Date now = localNow();
+        PlantItems& items = control_.SLIKTags();
+        items.Add("A.Temp", 1, 12.5F, static_cast<std::int16_t>(0x80C0U), now);
+        items.Add("A.Count", 1, std::int32_t{7}, 0xC0, now);
+        items.Add("Name", 1, "Ab", 0x40, now);
+        items.Add("Flow", 1, 0.25, 0x18, now);
+        items.Add("Switch", 1, true, 0xC0, now);
+        server_ = std::make_shared<OpcServerObject>(application_);
+    }
+
+    Reply call(dcom::orpc::ComObject& object, const dcom::Uuid& iid, std::uint16_t opnum,
+               std::span<const std::uint8_t> stub) {
+        Reply reply;
+        dcom::ndr::Reader in(stub);
+        // ORPCTHAT is 8 bytes long, so that alignment from here is alignment in the whole reply.
+        dcom::ndr::Writer out(reply.bytes);
+        dcom::orpc::Interface* const target = object.queryInterface(iid);
+        if (target == nullptr) {
+            ADD_FAILURE() << "no interface " << iid.toText();
+            return reply;
+        }
+        reply.fault = context_.statusOf(target->invoke(opnum, in, out, context_), reply.bytes);
+        return reply;
+    }
+    // To the server's object, or to the latest group.
+    Reply call(const dcom::Uuid& iid, std::uint16_t opnum, std::span<const std::uint8_t> stub) {
+        const bool isGroups = group_ && group_->queryInterface(iid) != nullptr;
+        return call(isGroups ? *group_ : *server_, iid, opnum, stub);
+    }
+
+    // Adds a group as a client does, and gives its server handle.
+    std::uint32_t addGroup(std::string_view name) {
+        Parameters request;
+        request.text(name).u32(1).u32(1000).u32(5).u32(0).u32(0).u32(0x409).uuid(iidOpcItemMgt);
+        const Reply reply = call(iidOpcServer, 3, request);
+        EXPECT_EQ(reply.result(), S_OK);
+        group_ = context_.written.back();
+        return reply.reader().u32();
+    }
+
+    // Adds items with client handles 100, 101, ... and gives their server handles (0: refused).
+    Handles addItems(const std::vector<std::string>& ids) {
+        const Reply reply = call(iidOpcItemMgt, 3, definitions(ids));
+        dcom::ndr::Reader in = reply.reader();
+        in.u32();
+        Handles handles(in.count(20));
+        for (std::uint32_t& handle : handles) {
+            handle = in.u32();
+            in.bytes(16);
+        }
+        EXPECT_TRUE(in.good());
+        return handles;
+    }
+
+    // OPCITEMDEFs as a library that always sends an (empty) access path writes them.
+    static Parameters definitions(const std::vector<std::string>& ids) {
+        Parameters all;
+        all.u32(ids.size()).u32(ids.size());
+        for (std::uint32_t i = 0; i < ids.size(); ++i) {
+            all.u32(0x72657355).u32(0x72657355).u32(1).u32(100 + i).u32(0).u32(0).u16(0).u16(0);
+        }
+        for (const std::string& id : ids) {
+            all.text("").text(id);
+        }
+        return all;
+    }
+
+    ManualTimeSource time_{makeDate(2026, 1, 2, 3, 4, 5)};
+    ScopedTimeSource scope_{time_};
+    VirtualLoop loop_;
+    SLIKServer control_{loop_, loop_};
+    HostEvents events_{control_};
+    Application application_{control_.network()};
+    FakeContext context_;
+    std::shared_ptr<OpcServerObject> server_;
+    Object group_;
+};
+
+}  // namespace quelm::opcda::wire::test
