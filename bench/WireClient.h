@@ -18,7 +18,7 @@
 
 #include "dcom/ndr/Reader.h"
 #include "dcom/ndr/Writer.h"
-#include "opcda/wire/Iids.h"
+#include "opcda/wire/InterfaceTable.h"
 #include "rpc/RpcClient.h"
 
 namespace quelm::bench {

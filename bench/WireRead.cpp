@@ -132,8 +132,9 @@ void startServer() {
         const auto trouble = [](std::string_view line) {
             std::fprintf(stderr, "%.*s\n", static_cast<int>(line.size()), line.data());
         };
-        OpcNetwork network(control, loop, networkLoop, {},
-                           {.weakened = silence, .notice = silence, .trouble = trouble, .failure = trouble});
+        OpcNetwork network(
+            control, loop, networkLoop, {},
+            {.weakened = silence, .notice = silence, .client = silence, .trouble = trouble, .failure = trouble});
         control.setHooks({[&network] { network.open(); }, {}, {}, {}, {}});
         control.StartServer();
         std::filesystem::remove(settings);

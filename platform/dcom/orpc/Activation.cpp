@@ -5,6 +5,7 @@
 #include <exception>
 #include <utility>
 
+#include "dcom/orpc/MethodTable.h"
 #include "dcom/orpc/Resolver.h"
 
 namespace quelm::dcom::orpc {
@@ -34,24 +35,13 @@ std::shared_ptr<ComObject> makeInstance(ObjectExporter& exporter, ClassFactory& 
 }
 
 // The class object as a client sees it.
-class ClassObject final : public ComObject, public Interface {
+class ClassObject final : public ComObject, public Dispatched<ClassObject> {
  public:
     ClassObject(ObjectExporter& exporter, std::shared_ptr<ClassFactory> factory)
         : exporter_(exporter), factory_(std::move(factory)) {}
 
     Interface* queryInterface(const Uuid& iid) override { return iid == iidClassFactory ? this : nullptr; }
     void disconnected() override { hold_ = nullptr; }
-
-    std::uint32_t invoke(std::uint16_t opnum, ndr::Reader& in, ndr::Writer& out, CallContext& context) override {
-        switch (opnum) {
-            case 3:
-                return createInstance(in, out, context);
-            case 4:
-                return lockServer(in, out);
-            default:
-                return faultOpnumRange;
-        }
-    }
 
  private:
     std::uint32_t createInstance(ndr::Reader& in, ndr::Writer& out, CallContext& context) {
@@ -71,7 +61,7 @@ class ClassObject final : public ComObject, public Interface {
     }
 
     // Locks are counted by client, as each client has a class object of its own, and end with it.
-    std::uint32_t lockServer(ndr::Reader& in, ndr::Writer& out) {
+    std::uint32_t lockServer(ndr::Reader& in, ndr::Writer& out, CallContext& /*context*/) {
         const bool lock = in.u32() != 0;
         if (!in.good()) {
             return faultBadStubData;
@@ -94,6 +84,12 @@ class ClassObject final : public ComObject, public Interface {
     std::shared_ptr<ClassFactory> factory_;
     std::uint64_t locks_ = 0;
     std::shared_ptr<void> hold_;  // while there are locks
+
+ public:
+    static constexpr std::array methods{
+        Row{3, "CreateInstance", &ClassObject::createInstance},
+        Row{4, "LockServer", &ClassObject::lockServer},
+    };
 };
 
 // RemoteActivation's parameters. Latches the reader's fault when they don't decode.

@@ -5,6 +5,8 @@
 #include <exception>
 #include <utility>
 
+#include "dcom/orpc/MethodTable.h"
+
 namespace quelm::dcom::orpc {
 
 namespace {
@@ -89,8 +91,7 @@ std::uint32_t OrpcHandler::callObject(const rpc::Call& call, ndr::Reader& in, nd
     if (isRemUnknown(call.interfaceId)) {
         return faultUnknownInterface;
     }
-    constexpr std::uint16_t firstMethod = 3;  // the three of IUnknown never travel
-    if (call.opnum < firstMethod || target.methods == nullptr) {
+    if (call.opnum < firstOpnum || target.methods == nullptr) {
         return faultOpnumRange;
     }
     ExporterContext context(exporter_, call);

@@ -2,30 +2,21 @@
 
 namespace quelm::opcda::wire {
 
-namespace {
+using dcom::ndr::Reader;
+using dcom::ndr::Writer;
 
-enum Opnum : std::uint16_t { Read = 3, Write = 4, Refresh2 = 5, Cancel2 = 6, SetEnable = 7, GetEnable = 8 };
+std::uint32_t AsyncIo2Interface::refuseBegin(Reader& in, Writer& out, dcom::orpc::CallContext& context) {
+    out.u32(0);  // cancel ID
+    out.nullPointer();
+    return refuse(in, out, context);
+}
 
-}  // namespace
+std::uint32_t AsyncIo2Interface::refuseNumber(Reader& in, Writer& out, dcom::orpc::CallContext& context) {
+    out.u32(0);  // cancel ID; callbacks enabled
+    return refuse(in, out, context);
+}
 
-std::uint32_t AsyncIo2Interface::invoke(std::uint16_t opnum, dcom::ndr::Reader& /*in*/, dcom::ndr::Writer& out,
-                                        dcom::orpc::CallContext& /*context*/) {
-    switch (opnum) {
-        case Read:
-        case Write:
-            out.u32(0);  // cancel ID
-            out.nullPointer();
-            break;
-        case Refresh2:
-        case GetEnable:
-            out.u32(0);  // cancel ID; callbacks enabled
-            break;
-        case Cancel2:
-        case SetEnable:
-            break;
-        default:
-            return dcom::faultOpnumRange;
-    }
+std::uint32_t AsyncIo2Interface::refuse(Reader& /*in*/, Writer& out, dcom::orpc::CallContext& /*context*/) {
     out.u32(dcom::E_NOTIMPL);
     return 0;
 }

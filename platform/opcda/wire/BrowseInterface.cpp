@@ -1,7 +1,6 @@
 #include "opcda/wire/BrowseInterface.h"
 
 #include "opcda/wire/EnumeratorObjects.h"
-#include "opcda/wire/Iids.h"
 #include "opcda/wire/Parameters.h"
 
 namespace quelm::opcda::wire {
@@ -12,24 +11,6 @@ using dcom::orpc::CallContext;
 
 namespace {
 
-enum Opnum : std::uint16_t {
-    QueryOrganization = 3,
-    ChangeBrowsePosition = 4,
-    BrowseOpcItemIds = 5,
-    GetItemId = 6,
-    BrowseAccessPaths = 7,
-};
-
-std::uint32_t changePosition(Browser& browser, Reader& in, Writer& out) {
-    const std::uint16_t direction = in.u16();
-    const std::string text = in.wideString();
-    if (!in.good()) {
-        return dcom::faultBadStubData;
-    }
-    out.u32(browser.changePosition(direction, text));
-    return 0;
-}
-
 // An empty list is an enumerator without elements, never a null pointer: some clients call whatever they get.
 std::uint32_t writeNames(const Server& server, Writer& out, CallContext& context, HResult result,
                          NameEnumerator names) {
@@ -38,7 +19,25 @@ std::uint32_t writeNames(const Server& server, Writer& out, CallContext& context
     return 0;
 }
 
-std::uint32_t browseItemIds(Server& server, Reader& in, Writer& out, CallContext& context) {
+}  // namespace
+
+std::uint32_t BrowseInterface::organization(Server& server, Reader& /*in*/, Writer& out, CallContext& /*context*/) {
+    out.u16(static_cast<std::uint16_t>(server.browser().organization()));
+    out.u32(S_OK);
+    return 0;
+}
+
+std::uint32_t BrowseInterface::changePosition(Server& server, Reader& in, Writer& out, CallContext& /*context*/) {
+    const std::uint16_t direction = in.u16();
+    const std::string text = in.wideString();
+    if (!in.good()) {
+        return dcom::faultBadStubData;
+    }
+    out.u32(server.browser().changePosition(direction, text));
+    return 0;
+}
+
+std::uint32_t BrowseInterface::browseItemIds(Server& server, Reader& in, Writer& out, CallContext& context) {
     const std::uint16_t type = in.u16();
     const std::string filter = in.wideString();
     const VarType dataType = in.u16();
@@ -51,19 +50,19 @@ std::uint32_t browseItemIds(Server& server, Reader& in, Writer& out, CallContext
     return writeNames(server, out, context, result, std::move(names));
 }
 
-std::uint32_t getItemId(const Browser& browser, Reader& in, Writer& out) {
+std::uint32_t BrowseInterface::getItemId(Server& server, Reader& in, Writer& out, CallContext& /*context*/) {
     const std::string name = in.wideString();
     if (!in.good()) {
         return dcom::faultBadStubData;
     }
     std::string itemId;
-    const HResult result = browser.itemId(name, itemId);
+    const HResult result = server.browser().itemId(name, itemId);
     writeStringOrNull(out, result, itemId);
     out.u32(result);
     return 0;
 }
 
-std::uint32_t browseAccessPaths(Server& server, Reader& in, Writer& out, CallContext& context) {
+std::uint32_t BrowseInterface::browseAccessPaths(Server& server, Reader& in, Writer& out, CallContext& context) {
     const std::string itemId = in.wideString();
     if (!in.good()) {
         return dcom::faultBadStubData;
@@ -71,29 +70,6 @@ std::uint32_t browseAccessPaths(Server& server, Reader& in, Writer& out, CallCon
     NameEnumerator paths;
     const HResult result = server.browser().accessPaths(itemId, paths);
     return writeNames(server, out, context, result, std::move(paths));
-}
-
-}  // namespace
-
-std::uint32_t BrowseInterface::call(Server& server, std::uint16_t opnum, Reader& in, Writer& out,
-                                    CallContext& context) {
-    Browser& browser = server.browser();
-    switch (opnum) {
-        case QueryOrganization:
-            out.u16(static_cast<std::uint16_t>(browser.organization()));
-            out.u32(S_OK);
-            return 0;
-        case ChangeBrowsePosition:
-            return changePosition(browser, in, out);
-        case BrowseOpcItemIds:
-            return browseItemIds(server, in, out, context);
-        case GetItemId:
-            return getItemId(browser, in, out);
-        case BrowseAccessPaths:
-            return browseAccessPaths(server, in, out, context);
-        default:
-            return dcom::faultOpnumRange;
-    }
 }
 
 }  // namespace quelm::opcda::wire

@@ -6,13 +6,46 @@
 
 namespace quelm::opcda::wire {
 
-class BrowseInterface final : public ServerBoundInterface {
+using namespace dcom::literals;
+
+inline constexpr dcom::Uuid iidOpcBrowseServerAddressSpace = "39C13A4F-011E-11D0-9675-0020AFD8ADB3"_uuid;
+
+enum class Browse : std::uint16_t {
+    QueryOrganization = dcom::orpc::firstOpnum,
+    ChangeBrowsePosition,
+    BrowseOpcItemIds,
+    GetItemId,
+    BrowseAccessPaths,
+};
+
+class BrowseInterface final : public ServerBoundInterface<BrowseInterface> {
  public:
+    static constexpr dcom::Uuid interfaceId = iidOpcBrowseServerAddressSpace;
+    static constexpr std::string_view interfaceName = "IOPCBrowseServerAddressSpace";
+    using Opnum = Browse;
+
     using ServerBoundInterface::ServerBoundInterface;
 
  private:
-    std::uint32_t call(Server& server, std::uint16_t opnum, dcom::ndr::Reader& in, dcom::ndr::Writer& out,
-                       dcom::orpc::CallContext& context) override;
+    std::uint32_t organization(Server& server, dcom::ndr::Reader& in, dcom::ndr::Writer& out,
+                               dcom::orpc::CallContext& context);
+    std::uint32_t changePosition(Server& server, dcom::ndr::Reader& in, dcom::ndr::Writer& out,
+                                 dcom::orpc::CallContext& context);
+    std::uint32_t browseItemIds(Server& server, dcom::ndr::Reader& in, dcom::ndr::Writer& out,
+                                dcom::orpc::CallContext& context);
+    std::uint32_t getItemId(Server& server, dcom::ndr::Reader& in, dcom::ndr::Writer& out,
+                            dcom::orpc::CallContext& context);
+    std::uint32_t browseAccessPaths(Server& server, dcom::ndr::Reader& in, dcom::ndr::Writer& out,
+                                    dcom::orpc::CallContext& context);
+
+ public:
+    static constexpr std::array methods{
+        Row{Opnum::QueryOrganization, "QueryOrganization", &BrowseInterface::organization},
+        Row{Opnum::ChangeBrowsePosition, "ChangeBrowsePosition", &BrowseInterface::changePosition},
+        Row{Opnum::BrowseOpcItemIds, "BrowseOPCItemIDs", &BrowseInterface::browseItemIds},
+        Row{Opnum::GetItemId, "GetItemID", &BrowseInterface::getItemId},
+        Row{Opnum::BrowseAccessPaths, "BrowseAccessPaths", &BrowseInterface::browseAccessPaths},
+    };
 };
 
 }  // namespace quelm::opcda::wire

@@ -6,13 +6,46 @@
 
 namespace quelm::opcda::wire {
 
-class CommonInterface final : public ServerBoundInterface {
+using namespace dcom::literals;
+
+inline constexpr dcom::Uuid iidOpcCommon = "F31DFDE2-07B6-11D2-B2D8-0060083BA1FB"_uuid;
+
+enum class Common : std::uint16_t {
+    SetLocaleId = dcom::orpc::firstOpnum,
+    GetLocaleId,
+    QueryAvailableLocaleIds,
+    GetErrorString,
+    SetClientName,
+};
+
+class CommonInterface final : public ServerBoundInterface<CommonInterface> {
  public:
+    static constexpr dcom::Uuid interfaceId = iidOpcCommon;
+    static constexpr std::string_view interfaceName = "IOPCCommon";
+    using Opnum = Common;
+
     using ServerBoundInterface::ServerBoundInterface;
 
  private:
-    std::uint32_t call(Server& server, std::uint16_t opnum, dcom::ndr::Reader& in, dcom::ndr::Writer& out,
-                       dcom::orpc::CallContext& context) override;
+    std::uint32_t setLocale(Server& server, dcom::ndr::Reader& in, dcom::ndr::Writer& out,
+                            dcom::orpc::CallContext& context);
+    std::uint32_t getLocale(Server& server, dcom::ndr::Reader& in, dcom::ndr::Writer& out,
+                            dcom::orpc::CallContext& context);
+    std::uint32_t availableLocales(Server& server, dcom::ndr::Reader& in, dcom::ndr::Writer& out,
+                                   dcom::orpc::CallContext& context);
+    std::uint32_t getErrorString(Server& server, dcom::ndr::Reader& in, dcom::ndr::Writer& out,
+                                 dcom::orpc::CallContext& context);
+    std::uint32_t setClientName(Server& server, dcom::ndr::Reader& in, dcom::ndr::Writer& out,
+                                dcom::orpc::CallContext& context);
+
+ public:
+    static constexpr std::array methods{
+        Row{Opnum::SetLocaleId, "SetLocaleID", &CommonInterface::setLocale},
+        Row{Opnum::GetLocaleId, "GetLocaleID", &CommonInterface::getLocale},
+        Row{Opnum::QueryAvailableLocaleIds, "QueryAvailableLocaleIDs", &CommonInterface::availableLocales},
+        Row{Opnum::GetErrorString, "GetErrorString", &CommonInterface::getErrorString},
+        Row{Opnum::SetClientName, "SetClientName", &CommonInterface::setClientName},
+    };
 };
 
 }  // namespace quelm::opcda::wire

@@ -3,7 +3,6 @@
 #include <vector>
 
 #include "dcom/orpc/OrpcTypes.h"
-#include "opcda/wire/Iids.h"
 #include "opcda/wire/Parameters.h"
 #include "opcda/wire/WireVariant.h"
 
@@ -15,8 +14,6 @@ using dcom::orpc::CallContext;
 using dcom::orpc::ComObject;
 
 namespace {
-
-enum Opnum : std::uint16_t { Next = 3, Skip = 4, Reset = 5, Clone = 6 };
 
 // Bytes of a reply: one item's attributes; the shortest text with its pointer; a reference with its pointer and the
 // addresses of a machine with many names; what closes the array.
@@ -73,33 +70,31 @@ void writeAttributes(Writer& out, const ItemAttributes& item) {
 
 }  // namespace
 
-std::uint32_t EnumeratorObject::invoke(std::uint16_t opnum, Reader& in, Writer& out, CallContext& context) {
-    switch (opnum) {
-        case Next:
-        case Skip: {
-            const std::uint32_t count = in.u32();
-            if (!in.good()) {
-                return dcom::faultBadStubData;
-            }
-            if (opnum == Next) {
-                next(count, out, context);
-            } else {
-                out.u32(skip(count) ? S_OK : S_FALSE);
-            }
-            return 0;
-        }
-        case Reset:
-            reset();
-            out.u32(S_OK);
-            return 0;
-        case Clone:
-            return writeClone(out, context);
-        default:
-            return dcom::faultOpnumRange;
+std::uint32_t EnumeratorObject::nextCall(Reader& in, Writer& out, CallContext& context) {
+    const std::uint32_t count = in.u32();
+    if (!in.good()) {
+        return dcom::faultBadStubData;
     }
+    next(count, out, context);
+    return 0;
 }
 
-std::uint32_t EnumeratorObject::writeClone(Writer& out, CallContext& context) {
+std::uint32_t EnumeratorObject::skipCall(Reader& in, Writer& out, CallContext& /*context*/) {
+    const std::uint32_t count = in.u32();
+    if (!in.good()) {
+        return dcom::faultBadStubData;
+    }
+    out.u32(skip(count) ? S_OK : S_FALSE);
+    return 0;
+}
+
+std::uint32_t EnumeratorObject::resetCall(Reader& /*in*/, Writer& out, CallContext& /*context*/) {
+    reset();
+    out.u32(S_OK);
+    return 0;
+}
+
+std::uint32_t EnumeratorObject::cloneCall(Reader& /*in*/, Writer& out, CallContext& context) {
     Hold memory = memory_.another();
     if (!memory.resize(footprint)) {
         return writeNoInterface(out, E_OUTOFMEMORY);

@@ -7,22 +7,29 @@
 #include <string>
 #include <string_view>
 
-#include "dcom/orpc/ComObject.h"
+#include "dcom/orpc/MethodTable.h"
 #include "opcda/Enumerators.h"
 #include "opcda/Group.h"
+#include "opcda/wire/OfferedInterfaces.h"
 
 namespace quelm::opcda::wire {
 
+using namespace dcom::literals;
+
+inline constexpr dcom::Uuid iidEnumUnknown = "00000100-0000-0000-C000-000000000046"_uuid;
+inline constexpr dcom::Uuid iidEnumString = "00000101-0000-0000-C000-000000000046"_uuid;
+inline constexpr dcom::Uuid iidEnumOpcItemAttributes = "39C13A55-011E-11D0-9675-0020AFD8ADB3"_uuid;
+
+enum class Enumeration : std::uint16_t { Next = dcom::orpc::firstOpnum, Skip, Reset, Clone };
+
 // Skip, Reset and Clone, which are the same for all of them.
-class EnumeratorObject : public dcom::orpc::ComObject, public dcom::orpc::Interface {
+class EnumeratorObject : public dcom::orpc::ComObject, public dcom::orpc::Dispatched<EnumeratorObject> {
  public:
     // Bytes that one takes without its list: itself and the books about it.
     static constexpr std::size_t footprint = 1024;
 
     dcom::orpc::Interface* queryInterface(const dcom::Uuid& iid) override { return iid == iid_ ? this : nullptr; }
     void disconnected() override {}
-    std::uint32_t invoke(std::uint16_t opnum, dcom::ndr::Reader& in, dcom::ndr::Writer& out,
-                         dcom::orpc::CallContext& context) override;
 
  protected:
     // memory: so much of the client's budget as the object takes.
@@ -35,10 +42,28 @@ class EnumeratorObject : public dcom::orpc::ComObject, public dcom::orpc::Interf
     virtual bool skip(std::uint32_t count) = 0;
     virtual void reset() = 0;
     virtual std::shared_ptr<EnumeratorObject> clone(Hold memory) const = 0;
-    std::uint32_t writeClone(dcom::ndr::Writer& out, dcom::orpc::CallContext& context);
+    std::uint32_t nextCall(dcom::ndr::Reader& in, dcom::ndr::Writer& out, dcom::orpc::CallContext& context);
+    std::uint32_t skipCall(dcom::ndr::Reader& in, dcom::ndr::Writer& out, dcom::orpc::CallContext& context);
+    std::uint32_t resetCall(dcom::ndr::Reader& in, dcom::ndr::Writer& out, dcom::orpc::CallContext& context);
+    std::uint32_t cloneCall(dcom::ndr::Reader& in, dcom::ndr::Writer& out, dcom::orpc::CallContext& context);
 
     dcom::Uuid iid_;
     Hold memory_;
+
+ public:
+    static constexpr std::array methods{
+        Row{Enumeration::Next, "Next", &EnumeratorObject::nextCall},
+        Row{Enumeration::Skip, "Skip", &EnumeratorObject::skipCall},
+        Row{Enumeration::Reset, "Reset", &EnumeratorObject::resetCall},
+        Row{Enumeration::Clone, "Clone", &EnumeratorObject::cloneCall},
+    };
+};
+
+// Enumerators offer the interface of what they hold and no other.
+inline constexpr std::array enumeratorRows{
+    InterfaceRow{iidEnumString, "IEnumString", methodNames<EnumeratorObject>},
+    InterfaceRow{iidEnumUnknown, "IEnumUnknown", methodNames<EnumeratorObject>},
+    InterfaceRow{iidEnumOpcItemAttributes, "IEnumOPCItemAttributes", methodNames<EnumeratorObject>},
 };
 
 template <class Self, class Element>

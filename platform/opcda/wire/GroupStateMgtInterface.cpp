@@ -11,8 +11,6 @@ using dcom::ndr::Writer;
 
 namespace {
 
-enum Opnum : std::uint16_t { GetState = 3, SetState = 4, SetName = 5, CloneGroup = 6 };
-
 // A parameter that may be left out.
 template <class T, class ReadOne>
 void readOptional(Reader& in, std::optional<T>& value, ReadOne readOne) {
@@ -23,23 +21,7 @@ void readOptional(Reader& in, std::optional<T>& value, ReadOne readOne) {
 
 }  // namespace
 
-std::uint32_t GroupStateMgtInterface::invoke(std::uint16_t opnum, Reader& in, Writer& out,
-                                             dcom::orpc::CallContext& context) {
-    switch (opnum) {
-        case GetState:
-            return getState(out);
-        case SetState:
-            return setState(in, out);
-        case SetName:
-            return setName(in, out);
-        case CloneGroup:
-            return cloneGroup(in, out, context);
-        default:
-            return dcom::faultOpnumRange;
-    }
-}
-
-std::uint32_t GroupStateMgtInterface::getState(Writer& out) {
+std::uint32_t GroupStateMgtInterface::getState(Reader& /*in*/, Writer& out, dcom::orpc::CallContext& /*context*/) {
     const Group& group = object_.group();
     const bool removed = group.isRemoved();
     const GroupState state = removed ? GroupState{} : group.state();
@@ -59,7 +41,7 @@ std::uint32_t GroupStateMgtInterface::getState(Writer& out) {
     return 0;
 }
 
-std::uint32_t GroupStateMgtInterface::setState(Reader& in, Writer& out) {
+std::uint32_t GroupStateMgtInterface::setState(Reader& in, Writer& out, dcom::orpc::CallContext& /*context*/) {
     GroupChange change;
     readOptional(in, change.updateRate, [&in] { return in.u32(); });
     readOptional(in, change.active, [&in] { return in.u32() != 0; });
@@ -77,7 +59,7 @@ std::uint32_t GroupStateMgtInterface::setState(Reader& in, Writer& out) {
     return 0;
 }
 
-std::uint32_t GroupStateMgtInterface::setName(Reader& in, Writer& out) {
+std::uint32_t GroupStateMgtInterface::setName(Reader& in, Writer& out, dcom::orpc::CallContext& /*context*/) {
     const std::string name = in.wideString();
     if (!in.good()) {
         return dcom::faultBadStubData;

@@ -2,25 +2,46 @@
 
 // IOPCGroupStateMgt of a group: its update rate, activity, name, and copying it.
 
-#include "dcom/orpc/ComObject.h"
+#include "dcom/orpc/MethodTable.h"
 
 namespace quelm::opcda::wire {
 
+using namespace dcom::literals;
+
+inline constexpr dcom::Uuid iidOpcGroupStateMgt = "39C13A50-011E-11D0-9675-0020AFD8ADB3"_uuid;
+
+enum class GroupStateMgt : std::uint16_t {
+    GetState = dcom::orpc::firstOpnum,
+    SetState,
+    SetName,
+    CloneGroup,
+};
+
 class OpcGroupObject;
 
-class GroupStateMgtInterface final : public dcom::orpc::Interface {
+class GroupStateMgtInterface final : public dcom::orpc::Dispatched<GroupStateMgtInterface> {
  public:
+    static constexpr dcom::Uuid interfaceId = iidOpcGroupStateMgt;
+    static constexpr std::string_view interfaceName = "IOPCGroupStateMgt";
+    using Opnum = GroupStateMgt;
+
     explicit GroupStateMgtInterface(OpcGroupObject& object) : object_(object) {}
-    std::uint32_t invoke(std::uint16_t opnum, dcom::ndr::Reader& in, dcom::ndr::Writer& out,
-                         dcom::orpc::CallContext& context) override;
 
  private:
-    std::uint32_t getState(dcom::ndr::Writer& out);
-    std::uint32_t setState(dcom::ndr::Reader& in, dcom::ndr::Writer& out);
-    std::uint32_t setName(dcom::ndr::Reader& in, dcom::ndr::Writer& out);
+    std::uint32_t getState(dcom::ndr::Reader& in, dcom::ndr::Writer& out, dcom::orpc::CallContext& context);
+    std::uint32_t setState(dcom::ndr::Reader& in, dcom::ndr::Writer& out, dcom::orpc::CallContext& context);
+    std::uint32_t setName(dcom::ndr::Reader& in, dcom::ndr::Writer& out, dcom::orpc::CallContext& context);
     std::uint32_t cloneGroup(dcom::ndr::Reader& in, dcom::ndr::Writer& out, dcom::orpc::CallContext& context);
 
     OpcGroupObject& object_;
+
+ public:
+    static constexpr std::array methods{
+        Row{Opnum::GetState, "GetState", &GroupStateMgtInterface::getState},
+        Row{Opnum::SetState, "SetState", &GroupStateMgtInterface::setState},
+        Row{Opnum::SetName, "SetName", &GroupStateMgtInterface::setName},
+        Row{Opnum::CloneGroup, "CloneGroup", &GroupStateMgtInterface::cloneGroup},
+    };
 };
 
 }  // namespace quelm::opcda::wire

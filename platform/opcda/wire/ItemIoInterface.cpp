@@ -10,8 +10,6 @@ using dcom::ndr::Writer;
 
 namespace {
 
-enum Opnum : std::uint16_t { Read = 3, WriteVqt = 4 };
-
 // Passes over the values, qualities and time stamps to write: conformance, structures, and the values behind them.
 void skipVqts(Reader& in, std::uint32_t count) {
     constexpr std::size_t vqtSize = 28;
@@ -69,18 +67,6 @@ std::uint32_t writeReadings(Writer& out, std::size_t memoryLeft, HResult result,
 }
 
 }  // namespace
-
-std::uint32_t ItemIoInterface::call(Server& server, std::uint16_t opnum, Reader& in, Writer& out,
-                                    dcom::orpc::CallContext& context) {
-    switch (opnum) {
-        case Read:
-            return read(server, in, out, context);
-        case WriteVqt:
-            return writeVqt(server, in, out, context);
-        default:
-            return dcom::faultOpnumRange;
-    }
-}
 
 std::uint32_t ItemIoInterface::read(Server& server, Reader& in, Writer& out, dcom::orpc::CallContext& context) {
     const CallBuffers::Loan buffers(server.application().callBuffers());

@@ -6,16 +6,33 @@
 
 namespace quelm::opcda::wire {
 
-class ItemIoInterface final : public ServerBoundInterface {
+using namespace dcom::literals;
+
+inline constexpr dcom::Uuid iidOpcItemIo = "85C0B427-2893-4CBC-BD78-E5FC5146F08F"_uuid;
+
+enum class ItemIo : std::uint16_t {
+    Read = dcom::orpc::firstOpnum,
+    WriteVqt,
+};
+
+class ItemIoInterface final : public ServerBoundInterface<ItemIoInterface> {
  public:
+    static constexpr dcom::Uuid interfaceId = iidOpcItemIo;
+    static constexpr std::string_view interfaceName = "IOPCItemIO";
+    using Opnum = ItemIo;
+
     using ServerBoundInterface::ServerBoundInterface;
 
  private:
-    std::uint32_t call(Server& server, std::uint16_t opnum, dcom::ndr::Reader& in, dcom::ndr::Writer& out,
-                       dcom::orpc::CallContext& context) override;
     std::uint32_t read(Server& server, dcom::ndr::Reader& in, dcom::ndr::Writer& out, dcom::orpc::CallContext& context);
     std::uint32_t writeVqt(Server& server, dcom::ndr::Reader& in, dcom::ndr::Writer& out,
                            dcom::orpc::CallContext& context);
+
+ public:
+    static constexpr std::array methods{
+        Row{Opnum::Read, "Read", &ItemIoInterface::read},
+        Row{Opnum::WriteVqt, "WriteVQT", &ItemIoInterface::writeVqt},
+    };
 };
 
 }  // namespace quelm::opcda::wire

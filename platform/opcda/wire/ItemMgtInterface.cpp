@@ -2,7 +2,7 @@
 
 #include "opcda/Server.h"
 #include "opcda/wire/EnumeratorObjects.h"
-#include "opcda/wire/Iids.h"
+#include "opcda/wire/OpcGroupObject.h"
 #include "opcda/wire/Parameters.h"
 
 namespace quelm::opcda::wire {
@@ -11,16 +11,6 @@ using dcom::ndr::Reader;
 using dcom::ndr::Writer;
 
 namespace {
-
-enum Opnum : std::uint16_t {
-    AddItems = 3,
-    ValidateItems = 4,
-    RemoveItems = 5,
-    SetActiveState = 6,
-    SetClientHandles = 7,
-    SetDatatypes = 8,
-    CreateEnumerator = 9,
-};
 
 constexpr std::size_t definitionSize = 28;
 constexpr std::size_t resultSize = 20;
@@ -54,26 +44,7 @@ void writeResult(Writer& out, const ItemResult& result) {
 
 }  // namespace
 
-std::uint32_t ItemMgtInterface::invoke(std::uint16_t opnum, Reader& in, Writer& out, dcom::orpc::CallContext& context) {
-    switch (opnum) {
-        case AddItems:
-            return addOrValidate(true, in, out);
-        case ValidateItems:
-            return addOrValidate(false, in, out);
-        case RemoveItems:
-            return removeItems(in, out);
-        case SetActiveState:
-            return setActiveState(in, out);
-        case SetClientHandles:
-            return setClientHandles(in, out);
-        case SetDatatypes:
-            return setDatatypes(in, out);
-        case CreateEnumerator:
-            return createEnumerator(in, out, context);
-        default:
-            return dcom::faultOpnumRange;
-    }
-}
+ItemMgtInterface::ItemMgtInterface(OpcGroupObject& object) : group_(object.group()) {}
 
 bool ItemMgtInterface::readDefinitions(Reader& in, CallBuffers& buffers) {
     buffers.definitions.clear();
@@ -141,6 +112,14 @@ std::uint32_t ItemMgtInterface::addOrValidate(bool add, Reader& in, Writer& out)
     return 0;
 }
 
+std::uint32_t ItemMgtInterface::addItems(Reader& in, Writer& out, dcom::orpc::CallContext& /*context*/) {
+    return addOrValidate(true, in, out);
+}
+
+std::uint32_t ItemMgtInterface::validateItems(Reader& in, Writer& out, dcom::orpc::CallContext& /*context*/) {
+    return addOrValidate(false, in, out);
+}
+
 template <class ReadMore, class Action>
 std::uint32_t ItemMgtInterface::forHandles(Reader& in, Writer& out, ReadMore readMore, Action action) {
     const CallBuffers::Loan buffers(group_.application().callBuffers());
@@ -164,20 +143,20 @@ std::uint32_t ItemMgtInterface::forHandles(Reader& in, Writer& out, ReadMore rea
     return 0;
 }
 
-std::uint32_t ItemMgtInterface::removeItems(Reader& in, Writer& out) {
+std::uint32_t ItemMgtInterface::removeItems(Reader& in, Writer& out, dcom::orpc::CallContext& /*context*/) {
     return forHandles(
         in, out, [](CallBuffers&) {},
         [&](CallBuffers& buffers) { return group_.removeItems(buffers.handles, buffers.errors); });
 }
 
-std::uint32_t ItemMgtInterface::setActiveState(Reader& in, Writer& out) {
+std::uint32_t ItemMgtInterface::setActiveState(Reader& in, Writer& out, dcom::orpc::CallContext& /*context*/) {
     bool active = false;
     return forHandles(
         in, out, [&](CallBuffers&) { active = in.u32() != 0; },
         [&](CallBuffers& buffers) { return group_.setActiveState(buffers.handles, active, buffers.errors); });
 }
 
-std::uint32_t ItemMgtInterface::setClientHandles(Reader& in, Writer& out) {
+std::uint32_t ItemMgtInterface::setClientHandles(Reader& in, Writer& out, dcom::orpc::CallContext& /*context*/) {
     const auto readNumbers = [&](CallBuffers& buffers) {
         readU32Array(in, static_cast<std::uint32_t>(buffers.handles.size()), buffers.numbers);
     };
@@ -186,7 +165,7 @@ std::uint32_t ItemMgtInterface::setClientHandles(Reader& in, Writer& out) {
     });
 }
 
-std::uint32_t ItemMgtInterface::setDatatypes(Reader& in, Writer& out) {
+std::uint32_t ItemMgtInterface::setDatatypes(Reader& in, Writer& out, dcom::orpc::CallContext& /*context*/) {
     std::vector<VarType> types;
     const auto readTypes = [&](CallBuffers& buffers) {
         if (readConformance(in, static_cast<std::uint32_t>(buffers.handles.size()), sizeof(VarType))) {

@@ -2,26 +2,46 @@
 
 // IOPCItemMgt of a group: adding, checking, removing and changing its items.
 
-#include "dcom/orpc/ComObject.h"
+#include "dcom/orpc/MethodTable.h"
 #include "opcda/CallBuffers.h"
 #include "opcda/Group.h"
 
 namespace quelm::opcda::wire {
 
-class ItemMgtInterface final : public dcom::orpc::Interface {
+using namespace dcom::literals;
+
+inline constexpr dcom::Uuid iidOpcItemMgt = "39C13A54-011E-11D0-9675-0020AFD8ADB3"_uuid;
+
+enum class ItemMgt : std::uint16_t {
+    AddItems = dcom::orpc::firstOpnum,
+    ValidateItems,
+    RemoveItems,
+    SetActiveState,
+    SetClientHandles,
+    SetDatatypes,
+    CreateEnumerator,
+};
+
+class OpcGroupObject;
+
+class ItemMgtInterface final : public dcom::orpc::Dispatched<ItemMgtInterface> {
  public:
-    explicit ItemMgtInterface(Group& group) : group_(group) {}
-    std::uint32_t invoke(std::uint16_t opnum, dcom::ndr::Reader& in, dcom::ndr::Writer& out,
-                         dcom::orpc::CallContext& context) override;
+    static constexpr dcom::Uuid interfaceId = iidOpcItemMgt;
+    static constexpr std::string_view interfaceName = "IOPCItemMgt";
+    using Opnum = ItemMgt;
+
+    explicit ItemMgtInterface(OpcGroupObject& object);
 
  private:
-    std::uint32_t addOrValidate(bool add, dcom::ndr::Reader& in, dcom::ndr::Writer& out);
-    std::uint32_t removeItems(dcom::ndr::Reader& in, dcom::ndr::Writer& out);
-    std::uint32_t setActiveState(dcom::ndr::Reader& in, dcom::ndr::Writer& out);
-    std::uint32_t setClientHandles(dcom::ndr::Reader& in, dcom::ndr::Writer& out);
-    std::uint32_t setDatatypes(dcom::ndr::Reader& in, dcom::ndr::Writer& out);
+    std::uint32_t addItems(dcom::ndr::Reader& in, dcom::ndr::Writer& out, dcom::orpc::CallContext& context);
+    std::uint32_t validateItems(dcom::ndr::Reader& in, dcom::ndr::Writer& out, dcom::orpc::CallContext& context);
+    std::uint32_t removeItems(dcom::ndr::Reader& in, dcom::ndr::Writer& out, dcom::orpc::CallContext& context);
+    std::uint32_t setActiveState(dcom::ndr::Reader& in, dcom::ndr::Writer& out, dcom::orpc::CallContext& context);
+    std::uint32_t setClientHandles(dcom::ndr::Reader& in, dcom::ndr::Writer& out, dcom::orpc::CallContext& context);
+    std::uint32_t setDatatypes(dcom::ndr::Reader& in, dcom::ndr::Writer& out, dcom::orpc::CallContext& context);
     std::uint32_t createEnumerator(dcom::ndr::Reader& in, dcom::ndr::Writer& out, dcom::orpc::CallContext& context);
 
+    std::uint32_t addOrValidate(bool add, dcom::ndr::Reader& in, dcom::ndr::Writer& out);
     // False, and nothing read, for more items than a call may have.
     bool readDefinitions(dcom::ndr::Reader& in, CallBuffers& buffers);
     // A call that names items by their handles and is answered with a result for each and nothing else.
@@ -30,6 +50,17 @@ class ItemMgtInterface final : public dcom::orpc::Interface {
     std::uint32_t forHandles(dcom::ndr::Reader& in, dcom::ndr::Writer& out, ReadMore readMore, Action action);
 
     Group& group_;
+
+ public:
+    static constexpr std::array methods{
+        Row{Opnum::AddItems, "AddItems", &ItemMgtInterface::addItems},
+        Row{Opnum::ValidateItems, "ValidateItems", &ItemMgtInterface::validateItems},
+        Row{Opnum::RemoveItems, "RemoveItems", &ItemMgtInterface::removeItems},
+        Row{Opnum::SetActiveState, "SetActiveState", &ItemMgtInterface::setActiveState},
+        Row{Opnum::SetClientHandles, "SetClientHandles", &ItemMgtInterface::setClientHandles},
+        Row{Opnum::SetDatatypes, "SetDatatypes", &ItemMgtInterface::setDatatypes},
+        Row{Opnum::CreateEnumerator, "CreateEnumerator", &ItemMgtInterface::createEnumerator},
+    };
 };
 
 }  // namespace quelm::opcda::wire

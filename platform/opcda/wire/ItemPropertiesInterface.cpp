@@ -10,8 +10,6 @@ using dcom::ndr::Writer;
 
 namespace {
 
-enum Opnum : std::uint16_t { QueryAvailableProperties = 3, GetItemProperties = 4, LookupItemIds = 5 };
-
 // What GetItemProperties and LookupItemIDs both ask with.
 struct PropertyRequest {
     std::string itemId;
@@ -57,13 +55,16 @@ void writeDescriptions(Writer& out, const std::vector<PropertyDescription>& prop
     }
 }
 
-std::uint32_t queryAvailable(const Properties& source, Reader& in, Writer& out) {
+}  // namespace
+
+std::uint32_t ItemPropertiesInterface::queryAvailable(Server& server, Reader& in, Writer& out,
+                                                      dcom::orpc::CallContext& /*context*/) {
     const std::string itemId = in.wideString();
     if (!in.good()) {
         return dcom::faultBadStubData;
     }
     std::vector<PropertyDescription> properties;
-    const HResult result = source.available(itemId, properties);
+    const HResult result = server.properties().available(itemId, properties);
     if (failed(result)) {
         out.u32(0);
         out.nullPointer();
@@ -77,7 +78,8 @@ std::uint32_t queryAvailable(const Properties& source, Reader& in, Writer& out) 
     return 0;
 }
 
-std::uint32_t getProperties(const Server& server, Reader& in, Writer& out) {
+std::uint32_t ItemPropertiesInterface::getProperties(Server& server, Reader& in, Writer& out,
+                                                     dcom::orpc::CallContext& /*context*/) {
     const PropertyRequest request = readRequest(in);
     if (!in.good()) {
         return dcom::faultBadStubData;
@@ -103,7 +105,8 @@ std::uint32_t getProperties(const Server& server, Reader& in, Writer& out) {
     return 0;
 }
 
-std::uint32_t lookupItemIds(const Properties& source, Reader& in, Writer& out) {
+std::uint32_t ItemPropertiesInterface::lookupItemIds(Server& server, Reader& in, Writer& out,
+                                                     dcom::orpc::CallContext& /*context*/) {
     const PropertyRequest request = readRequest(in);
     if (!in.good()) {
         return dcom::faultBadStubData;
@@ -113,7 +116,7 @@ std::uint32_t lookupItemIds(const Properties& source, Reader& in, Writer& out) {
     }
     std::vector<HResult> errors;
     const HResult result =
-        request.ids.empty() ? E_INVALIDARG : source.lookupItemIds(request.itemId, request.ids, errors);
+        request.ids.empty() ? E_INVALIDARG : server.properties().lookupItemIds(request.itemId, request.ids, errors);
     if (failed(result)) {
         return writeFailure(out, result);
     }
@@ -123,22 +126,6 @@ std::uint32_t lookupItemIds(const Properties& source, Reader& in, Writer& out) {
     }
     writeErrors(out, result, errors);
     return 0;
-}
-
-}  // namespace
-
-std::uint32_t ItemPropertiesInterface::call(Server& server, std::uint16_t opnum, Reader& in, Writer& out,
-                                            dcom::orpc::CallContext& /*context*/) {
-    switch (opnum) {
-        case QueryAvailableProperties:
-            return queryAvailable(server.properties(), in, out);
-        case GetItemProperties:
-            return getProperties(server, in, out);
-        case LookupItemIds:
-            return lookupItemIds(server.properties(), in, out);
-        default:
-            return dcom::faultOpnumRange;
-    }
 }
 
 }  // namespace quelm::opcda::wire

@@ -6,13 +6,38 @@
 
 namespace quelm::opcda::wire {
 
-class ItemPropertiesInterface final : public ServerBoundInterface {
+using namespace dcom::literals;
+
+inline constexpr dcom::Uuid iidOpcItemProperties = "39C13A72-011E-11D0-9675-0020AFD8ADB3"_uuid;
+
+enum class ItemProperties : std::uint16_t {
+    QueryAvailableProperties = dcom::orpc::firstOpnum,
+    GetItemProperties,
+    LookupItemIds,
+};
+
+class ItemPropertiesInterface final : public ServerBoundInterface<ItemPropertiesInterface> {
  public:
+    static constexpr dcom::Uuid interfaceId = iidOpcItemProperties;
+    static constexpr std::string_view interfaceName = "IOPCItemProperties";
+    using Opnum = ItemProperties;
+
     using ServerBoundInterface::ServerBoundInterface;
 
  private:
-    std::uint32_t call(Server& server, std::uint16_t opnum, dcom::ndr::Reader& in, dcom::ndr::Writer& out,
-                       dcom::orpc::CallContext& context) override;
+    std::uint32_t queryAvailable(Server& server, dcom::ndr::Reader& in, dcom::ndr::Writer& out,
+                                 dcom::orpc::CallContext& context);
+    std::uint32_t getProperties(Server& server, dcom::ndr::Reader& in, dcom::ndr::Writer& out,
+                                dcom::orpc::CallContext& context);
+    std::uint32_t lookupItemIds(Server& server, dcom::ndr::Reader& in, dcom::ndr::Writer& out,
+                                dcom::orpc::CallContext& context);
+
+ public:
+    static constexpr std::array methods{
+        Row{Opnum::QueryAvailableProperties, "QueryAvailableProperties", &ItemPropertiesInterface::queryAvailable},
+        Row{Opnum::GetItemProperties, "GetItemProperties", &ItemPropertiesInterface::getProperties},
+        Row{Opnum::LookupItemIds, "LookupItemIDs", &ItemPropertiesInterface::lookupItemIds},
+    };
 };
 
 }  // namespace quelm::opcda::wire

@@ -10,6 +10,7 @@
 #include "opcda/wire/AsyncIo2Interface.h"
 #include "opcda/wire/GroupStateMgtInterface.h"
 #include "opcda/wire/ItemMgtInterface.h"
+#include "opcda/wire/OfferedInterfaces.h"
 #include "opcda/wire/SyncIoInterface.h"
 
 namespace quelm::opcda::wire {
@@ -18,6 +19,9 @@ class OpcServerObject;
 
 class OpcGroupObject final : public dcom::orpc::ComObject {
  public:
+    // What clients may ask it for.
+    using Interfaces = OfferedInterfaces<SyncIoInterface, ItemMgtInterface, GroupStateMgtInterface, AsyncIo2Interface>;
+
     OpcGroupObject(std::weak_ptr<OpcServerObject> owner, std::shared_ptr<Group> group);
     OpcGroupObject(const OpcGroupObject&) = delete;
     OpcGroupObject& operator=(const OpcGroupObject&) = delete;
@@ -33,14 +37,9 @@ class OpcGroupObject final : public dcom::orpc::ComObject {
     std::shared_ptr<OpcServerObject> owner() const { return owner_.lock(); }
 
  private:
-    struct Table;
-
     std::weak_ptr<OpcServerObject> owner_;
     std::shared_ptr<Group> group_;
-    GroupStateMgtInterface stateMgt_;
-    ItemMgtInterface itemMgt_;
-    SyncIoInterface syncIo_;
-    AsyncIo2Interface asyncIo2_;
+    Interfaces interfaces_;
 };
 
 }  // namespace quelm::opcda::wire

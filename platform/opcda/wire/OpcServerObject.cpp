@@ -2,7 +2,6 @@
 
 #include <algorithm>
 
-#include "opcda/wire/InterfaceTable.h"
 #include "opcda/wire/OpcGroupObject.h"
 
 namespace quelm::opcda::wire {
@@ -15,29 +14,10 @@ constexpr std::size_t rememberedGroups = 256;
 }  // namespace
 
 OpcServerObject::OpcServerObject(Application& application, std::shared_ptr<ClientBudget> budget)
-    : server_(std::in_place, application, std::move(budget)),
-      serverInterface_(*this),
-      browse_(*this),
-      common_(*this),
-      itemProperties_(*this),
-      itemIo_(*this) {}
-
-// What clients may ask it for.
-struct OpcServerObject::Table {
-    using Row = Offered<OpcServerObject>;
-    static constexpr std::array rows{
-        Row{iidOpcServer, [](OpcServerObject& object) -> dcom::orpc::Interface* { return &object.serverInterface_; }},
-        Row{iidOpcBrowseServerAddressSpace,
-            [](OpcServerObject& object) -> dcom::orpc::Interface* { return &object.browse_; }},
-        Row{iidOpcCommon, [](OpcServerObject& object) -> dcom::orpc::Interface* { return &object.common_; }},
-        Row{iidOpcItemProperties,
-            [](OpcServerObject& object) -> dcom::orpc::Interface* { return &object.itemProperties_; }},
-        Row{iidOpcItemIo, [](OpcServerObject& object) -> dcom::orpc::Interface* { return &object.itemIo_; }},
-    };
-};
+    : server_(std::in_place, application, std::move(budget)), interfaces_(*this) {}
 
 dcom::orpc::Interface* OpcServerObject::queryInterface(const dcom::Uuid& iid) {
-    return findOffered(Table::rows, *this, iid);
+    return interfaces_.find(iid);
 }
 
 void OpcServerObject::disconnected() {

@@ -14,6 +14,7 @@
 #include "opcda/wire/CommonInterface.h"
 #include "opcda/wire/ItemIoInterface.h"
 #include "opcda/wire/ItemPropertiesInterface.h"
+#include "opcda/wire/OfferedInterfaces.h"
 #include "opcda/wire/ServerInterface.h"
 
 namespace quelm::opcda::wire {
@@ -22,6 +23,10 @@ class OpcGroupObject;
 
 class OpcServerObject final : public dcom::orpc::ComObject {
  public:
+    // What clients may ask it for.
+    using Interfaces =
+        OfferedInterfaces<ServerInterface, BrowseInterface, CommonInterface, ItemPropertiesInterface, ItemIoInterface>;
+
     // The application outlives the object. budget: where what the client holds is counted; none: one of its own.
     explicit OpcServerObject(Application& application, std::shared_ptr<ClientBudget> budget = nullptr);
     OpcServerObject(const OpcServerObject&) = delete;
@@ -45,16 +50,10 @@ class OpcServerObject final : public dcom::orpc::ComObject {
     void groupReleased(const Group& group);
 
  private:
-    struct Table;
-
     std::optional<Server> server_;
     std::unordered_map<std::uint32_t, std::weak_ptr<OpcGroupObject>> groupObjects_;  // by server handle
     std::deque<std::uint32_t> released_;  // handles of groups that went with their last interface, latest last
-    ServerInterface serverInterface_;
-    BrowseInterface browse_;
-    CommonInterface common_;
-    ItemPropertiesInterface itemProperties_;
-    ItemIoInterface itemIo_;
+    Interfaces interfaces_;
 };
 
 }  // namespace quelm::opcda::wire

@@ -2,28 +2,36 @@
 
 // Base of the server object's interfaces: calls end here once the client has let go of the object.
 
-#include "dcom/orpc/ComObject.h"
+#include "dcom/orpc/MethodTable.h"
 #include "opcda/Server.h"
 
 namespace quelm::opcda::wire {
 
 class OpcServerObject;
 
-class ServerBoundInterface : public dcom::orpc::Interface {
+class ServerBound : public dcom::orpc::Interface {
  public:
-    explicit ServerBoundInterface(OpcServerObject& object) : object_(object) {}
-    std::uint32_t invoke(std::uint16_t opnum, dcom::ndr::Reader& in, dcom::ndr::Writer& out,
-                         dcom::orpc::CallContext& context) final;
+    explicit ServerBound(OpcServerObject& object) : object_(object) {}
 
  protected:
     OpcServerObject& object() { return object_; }
+    // nullptr when the client has let go of the object.
+    Server* server();
 
  private:
-    // As Interface::invoke, with the server that exists.
-    virtual std::uint32_t call(Server& server, std::uint16_t opnum, dcom::ndr::Reader& in, dcom::ndr::Writer& out,
-                               dcom::orpc::CallContext& context) = 0;
-
     OpcServerObject& object_;
+};
+
+// Its methods get the server that exists.
+template <class Self>
+class ServerBoundInterface : public dcom::orpc::TableInterface<Self, ServerBound, Server&> {
+ public:
+    using dcom::orpc::TableInterface<Self, ServerBound, Server&>::TableInterface;
+    std::uint32_t invoke(std::uint16_t opnum, dcom::ndr::Reader& in, dcom::ndr::Writer& out,
+                         dcom::orpc::CallContext& context) final {
+        Server* const server = this->server();
+        return server != nullptr ? this->dispatch(opnum, *server, in, out, context) : dcom::faultDisconnected;
+    }
 };
 
 }  // namespace quelm::opcda::wire

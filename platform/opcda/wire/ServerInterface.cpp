@@ -2,7 +2,6 @@
 
 #include "dcom/orpc/OrpcTypes.h"
 #include "opcda/wire/EnumeratorObjects.h"
-#include "opcda/wire/Iids.h"
 #include "opcda/wire/OpcGroupObject.h"
 #include "opcda/wire/OpcServerObject.h"
 #include "opcda/wire/Parameters.h"
@@ -15,21 +14,14 @@ using dcom::orpc::CallContext;
 
 namespace {
 
-enum Opnum : std::uint16_t {
-    AddGroup = 3,
-    GetErrorString = 4,
-    GetGroupByName = 5,
-    GetStatus = 6,
-    RemoveGroup = 7,
-    CreateGroupEnumerator = 8,
-};
-
 void writeFileTime(Writer& out, std::int64_t fileTime) {
     out.u32(static_cast<std::uint32_t>(fileTime));
     out.u32(static_cast<std::uint32_t>(fileTime >> 32));
 }
 
-std::uint32_t getErrorString(const Server& server, Reader& in, Writer& out) {
+}  // namespace
+
+std::uint32_t ServerInterface::getErrorString(Server& server, Reader& in, Writer& out, CallContext& /*context*/) {
     const HResult code = in.u32();
     const std::uint32_t locale = in.u32();
     if (!in.good()) {
@@ -42,7 +34,7 @@ std::uint32_t getErrorString(const Server& server, Reader& in, Writer& out) {
     return 0;
 }
 
-std::uint32_t getStatus(const Server& server, Writer& out) {
+std::uint32_t ServerInterface::getStatus(Server& server, Reader& /*in*/, Writer& out, CallContext& /*context*/) {
     const ServerStatus status = server.status();
     out.pointer();
     writeFileTime(out, status.startTime);
@@ -58,28 +50,6 @@ std::uint32_t getStatus(const Server& server, Writer& out) {
     writeString(out, status.vendor);
     out.u32(S_OK);
     return 0;
-}
-
-}  // namespace
-
-std::uint32_t ServerInterface::call(Server& server, std::uint16_t opnum, Reader& in, Writer& out,
-                                    CallContext& context) {
-    switch (opnum) {
-        case AddGroup:
-            return addGroup(server, in, out, context);
-        case GetErrorString:
-            return getErrorString(server, in, out);
-        case GetGroupByName:
-            return groupByName(server, in, out, context);
-        case GetStatus:
-            return getStatus(server, out);
-        case RemoveGroup:
-            return removeGroup(in, out);
-        case CreateGroupEnumerator:
-            return createGroupEnumerator(server, in, out, context);
-        default:
-            return dcom::faultOpnumRange;
-    }
 }
 
 std::uint32_t ServerInterface::addGroup(Server& server, Reader& in, Writer& out, CallContext& context) {
@@ -121,7 +91,7 @@ std::uint32_t ServerInterface::groupByName(Server& server, Reader& in, Writer& o
     return 0;
 }
 
-std::uint32_t ServerInterface::removeGroup(Reader& in, Writer& out) {
+std::uint32_t ServerInterface::removeGroup(Server& /*server*/, Reader& in, Writer& out, CallContext& /*context*/) {
     const std::uint32_t handle = in.u32();
     const bool force = in.u32() != 0;
     if (!in.good()) {

@@ -6,20 +6,50 @@
 
 namespace quelm::opcda::wire {
 
-class ServerInterface final : public ServerBoundInterface {
+using namespace dcom::literals;
+
+inline constexpr dcom::Uuid iidOpcServer = "39C13A4D-011E-11D0-9675-0020AFD8ADB3"_uuid;
+
+enum class OpcServer : std::uint16_t {
+    AddGroup = dcom::orpc::firstOpnum,
+    GetErrorString,
+    GetGroupByName,
+    GetStatus,
+    RemoveGroup,
+    CreateGroupEnumerator,
+};
+
+class ServerInterface final : public ServerBoundInterface<ServerInterface> {
  public:
+    static constexpr dcom::Uuid interfaceId = iidOpcServer;
+    static constexpr std::string_view interfaceName = "IOPCServer";
+    using Opnum = OpcServer;
+
     using ServerBoundInterface::ServerBoundInterface;
 
  private:
-    std::uint32_t call(Server& server, std::uint16_t opnum, dcom::ndr::Reader& in, dcom::ndr::Writer& out,
-                       dcom::orpc::CallContext& context) override;
     std::uint32_t addGroup(Server& server, dcom::ndr::Reader& in, dcom::ndr::Writer& out,
                            dcom::orpc::CallContext& context);
+    std::uint32_t getErrorString(Server& server, dcom::ndr::Reader& in, dcom::ndr::Writer& out,
+                                 dcom::orpc::CallContext& context);
     std::uint32_t groupByName(Server& server, dcom::ndr::Reader& in, dcom::ndr::Writer& out,
                               dcom::orpc::CallContext& context);
-    std::uint32_t removeGroup(dcom::ndr::Reader& in, dcom::ndr::Writer& out);
+    std::uint32_t getStatus(Server& server, dcom::ndr::Reader& in, dcom::ndr::Writer& out,
+                            dcom::orpc::CallContext& context);
+    std::uint32_t removeGroup(Server& server, dcom::ndr::Reader& in, dcom::ndr::Writer& out,
+                              dcom::orpc::CallContext& context);
     std::uint32_t createGroupEnumerator(Server& server, dcom::ndr::Reader& in, dcom::ndr::Writer& out,
                                         dcom::orpc::CallContext& context);
+
+ public:
+    static constexpr std::array methods{
+        Row{Opnum::AddGroup, "AddGroup", &ServerInterface::addGroup},
+        Row{Opnum::GetErrorString, "GetErrorString", &ServerInterface::getErrorString},
+        Row{Opnum::GetGroupByName, "GetGroupByName", &ServerInterface::groupByName},
+        Row{Opnum::GetStatus, "GetStatus", &ServerInterface::getStatus},
+        Row{Opnum::RemoveGroup, "RemoveGroup", &ServerInterface::removeGroup},
+        Row{Opnum::CreateGroupEnumerator, "CreateGroupEnumerator", &ServerInterface::createGroupEnumerator},
+    };
 };
 
 }  // namespace quelm::opcda::wire

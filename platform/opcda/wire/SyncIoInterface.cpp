@@ -1,6 +1,7 @@
 #include "opcda/wire/SyncIoInterface.h"
 
 #include "opcda/Server.h"
+#include "opcda/wire/OpcGroupObject.h"
 #include "opcda/wire/Parameters.h"
 #include "opcda/wire/WireVariant.h"
 
@@ -86,16 +87,7 @@ std::uint32_t writeStates(Writer& out, ReplyRoom room, std::size_t count, std::v
 
 }  // namespace
 
-std::uint32_t SyncIoInterface::invoke(std::uint16_t opnum, Reader& in, Writer& out, dcom::orpc::CallContext& context) {
-    switch (opnum) {
-        case Read:
-            return read(in, out, context);
-        case Write:
-            return write(in, out, context);
-        default:
-            return dcom::faultOpnumRange;
-    }
-}
+SyncIoInterface::SyncIoInterface(OpcGroupObject& object) : group_(object.group()) {}
 
 std::uint32_t SyncIoInterface::read(Reader& in, Writer& out, dcom::orpc::CallContext& context) {
     const CallBuffers::Loan buffers(group_.application().callBuffers());

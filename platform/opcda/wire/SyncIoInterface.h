@@ -3,22 +3,41 @@
 // IOPCSyncIO of a group: the call that clients make all day. A read from the cache goes straight from the handles in
 // the request to the bytes of the reply.
 
-#include "dcom/orpc/ComObject.h"
+#include "dcom/orpc/MethodTable.h"
 #include "opcda/Group.h"
 
 namespace quelm::opcda::wire {
 
-class SyncIoInterface final : public dcom::orpc::Interface {
+using namespace dcom::literals;
+
+inline constexpr dcom::Uuid iidOpcSyncIo = "39C13A52-011E-11D0-9675-0020AFD8ADB3"_uuid;
+
+enum class SyncIo : std::uint16_t {
+    Read = dcom::orpc::firstOpnum,
+    Write,
+};
+
+class OpcGroupObject;
+
+class SyncIoInterface final : public dcom::orpc::Dispatched<SyncIoInterface> {
  public:
-    explicit SyncIoInterface(Group& group) : group_(group) {}
-    std::uint32_t invoke(std::uint16_t opnum, dcom::ndr::Reader& in, dcom::ndr::Writer& out,
-                         dcom::orpc::CallContext& context) override;
+    static constexpr dcom::Uuid interfaceId = iidOpcSyncIo;
+    static constexpr std::string_view interfaceName = "IOPCSyncIO";
+    using Opnum = SyncIo;
+
+    explicit SyncIoInterface(OpcGroupObject& object);
 
  private:
     std::uint32_t read(dcom::ndr::Reader& in, dcom::ndr::Writer& out, dcom::orpc::CallContext& context);
     std::uint32_t write(dcom::ndr::Reader& in, dcom::ndr::Writer& out, dcom::orpc::CallContext& context);
 
     Group& group_;
+
+ public:
+    static constexpr std::array methods{
+        Row{Opnum::Read, "Read", &SyncIoInterface::read},
+        Row{Opnum::Write, "Write", &SyncIoInterface::write},
+    };
 };
 
 }  // namespace quelm::opcda::wire

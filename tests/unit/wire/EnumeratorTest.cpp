@@ -5,13 +5,14 @@
 namespace quelm::opcda::wire::test {
 namespace {
 
-enum Opnum : std::uint16_t { Next = 3, Skip = 4, Reset = 5, Clone = 6 };
+using enum Enumeration;
 
 TEST_F(OpcWire, TextsAreWalkedAsAskedWhateverTheCount) {
     EnumString<std::string> texts(StringEnumerator({"one", "t", "three"}));
-    const auto expect = [this](dcom::orpc::ComObject& object, Opnum opnum, std::uint32_t count,
+    const auto expect = [this](dcom::orpc::ComObject& object, Enumeration opnum, std::uint32_t count,
                                const std::string& reply) {
-        EXPECT_HEX(call(object, iidEnumString, opnum, Parameters().u32(count)).bytes, reply) << opnum << ' ' << count;
+        EXPECT_HEX(call(object, {iidEnumString, opnum}, Parameters().u32(count)).bytes, reply)
+            << Method(iidEnumString, opnum) << ": " << count;
     };
     const char* three = "00000000 01000000 04000200 06000000 00000000 06000000 7400 6800 7200 6500 6500 0000 01000000";
     expect(texts, Next, 0, "00000000 00000000 00000000 00000000 00000000");
@@ -29,16 +30,16 @@ TEST_F(OpcWire, TextsAreWalkedAsAskedWhateverTheCount) {
     expect(texts, Skip, 0xFFFFFFFF, "01000000");
     expect(texts, Next, 1, "01000000 00000000 00000000 00000000 01000000");
     expect(*context_.written.back(), Next, 1, std::string("01000000") + three + "00000000");
-    EXPECT_EQ(call(texts, iidEnumString, 7, {}).fault, dcom::faultOpnumRange);
-    EXPECT_EQ(call(texts, iidEnumString, Next, {}).fault, dcom::faultBadStubData);
+    EXPECT_EQ(call(texts, {iidEnumString, 7}, {}).fault, dcom::faultOpnumRange);
+    EXPECT_EQ(call(texts, {iidEnumString, Next}, {}).fault, dcom::faultBadStubData);
 }
 
 TEST_F(OpcWire, GroupsAreGivenAsObjectsBehindTheirReferents) {
     addGroup("first");
     const Object first = group_;
     addGroup("second");
-    call(iidOpcServer, 8, Parameters().u16(4).uuid(iidEnumUnknown));
-    EXPECT_HEX(call(*context_.written.back(), iidEnumUnknown, Next, Parameters().u32(3)).bytes,
+    call(OpcServer::CreateGroupEnumerator, Parameters().u16(4).uuid(iidEnumUnknown));
+    EXPECT_HEX(call(*context_.written.back(), {iidEnumUnknown, Next}, Parameters().u32(3)).bytes,
                "03000000 00000000 02000000 04000200 08000200"
                "04000000 04000000 4D454F57 04000000 04000000 4D454F57"
                "02000000 01000000");
@@ -49,13 +50,13 @@ TEST_F(OpcWire, GroupsAreGivenAsObjectsBehindTheirReferents) {
 TEST_F(OpcWire, TheItemsOfAGroupAreDescribedEvenIfThereAreNone) {
     const Parameters byAttributes = Parameters().uuid(iidEnumOpcItemAttributes);
     addGroup("g");
-    EXPECT_HEX(call(iidOpcItemMgt, 9, byAttributes).bytes, interfacePointer + "01000000");
-    EXPECT_HEX(call(*context_.written.back(), iidEnumOpcItemAttributes, Next, Parameters().u32(5)).bytes,
+    EXPECT_HEX(call(ItemMgt::CreateEnumerator, byAttributes).bytes, interfacePointer + "01000000");
+    EXPECT_HEX(call(*context_.written.back(), {iidEnumOpcItemAttributes, Next}, Parameters().u32(5)).bytes,
                "04000200 00000000 00000000 01000000");
-    EXPECT_HEX(call(iidOpcItemMgt, 9, Parameters().uuid(iidEnumString)).bytes, "00000000 02400080");
+    EXPECT_HEX(call(ItemMgt::CreateEnumerator, Parameters().uuid(iidEnumString)).bytes, "00000000 02400080");
 
     const auto handles = addItems({"Name", "Flow"});
-    EXPECT_HEX(call(iidOpcItemMgt, 9, byAttributes).bytes, interfacePointer + "00000000");
+    EXPECT_HEX(call(ItemMgt::CreateEnumerator, byAttributes).bytes, interfacePointer + "00000000");
     const Object enumerator = context_.written.back();
     Parameters expected;
     expected.hex("04000200 01000000 08000200 0C000200 01000000 64000000");  // one: path, ID, active, client handle
@@ -66,8 +67,8 @@ TEST_F(OpcWire, TheItemsOfAGroupAreDescribedEvenIfThereAreNone) {
             "05000000 00000000 05000000 4E00 6100 6D00 6500 0000 0000 00000000"  // "Name" and padding to 8
             "03000000 00000000 0000 000000000000 00000000"
             "01000000 00000000");
-    EXPECT_HEX(call(*enumerator, iidEnumOpcItemAttributes, Next, Parameters().u32(1)).bytes, expected);
-    EXPECT_EQ(call(*enumerator, iidEnumOpcItemAttributes, Next, Parameters().u32(5)).result(), S_FALSE);
+    EXPECT_HEX(call(*enumerator, {iidEnumOpcItemAttributes, Next}, Parameters().u32(1)).bytes, expected);
+    EXPECT_EQ(call(*enumerator, {iidEnumOpcItemAttributes, Next}, Parameters().u32(5)).result(), S_FALSE);
 }
 
 }  // namespace

@@ -18,16 +18,16 @@ TEST_F(OpcWire, AddItemsTakesEveryFormOfADefinition) {
     request.u32(0).u32(5).u32(1).u32(1).u32(0).u32(0).u16(0x1234).u16(0);
     request.text("Flow", false).text("x", false).text("Switch", false).u32(3).hex("AABBCC");
     request.text("path").text("Flow", false);
-    const Reply reply = call(iidOpcItemMgt, 3, request);
+    const Reply reply = call(ItemMgt::AddItems, request);
     EXPECT_HEX(std::span(reply.bytes).subspan(8 + 4 * 20),
                "08000200 04000000 00000000 00000000 080004C0 040004C0 01000000");
 }
 
 TEST_F(OpcWire, ValidateItemsAddsNone) {
     addGroup("g");
-    EXPECT_HEX(call(iidOpcItemMgt, 4, definitions({"Flow"}).u32(0)).bytes,
+    EXPECT_HEX(call(ItemMgt::ValidateItems, definitions({"Flow"}).u32(0)).bytes,
                "04000200 01000000 00000000 0500 0000 01000000 00000000 00000000 08000200 01000000 00000000 00000000");
-    EXPECT_EQ(call(iidOpcItemMgt, 9, Parameters().uuid(iidEnumOpcItemAttributes)).result(), S_FALSE);
+    EXPECT_EQ(call(ItemMgt::CreateEnumerator, Parameters().uuid(iidEnumOpcItemAttributes)).result(), S_FALSE);
 }
 
 TEST_F(OpcWire, ChangesAndRemovesItemsOneByOne) {
@@ -35,17 +35,17 @@ TEST_F(OpcWire, ChangesAndRemovesItemsOneByOne) {
     const std::uint32_t handle = addItems({"A.Count"}).at(0);
     const Handles handles{handle, 0xBAD};
     const char* errors = "04000200 02000000 00000000 010004C0 01000000";
-    EXPECT_HEX(call(iidOpcItemMgt, 6, Parameters().counted(handles).u32(0)).bytes, errors);
-    EXPECT_HEX(call(iidOpcItemMgt, 7, Parameters().counted(handles).array(Handles{77, 78})).bytes, errors);
-    EXPECT_HEX(call(iidOpcItemMgt, 8, Parameters().counted(handles).u32(2).u16(VT_R8).u16(VT_R8)).bytes, errors);
+    EXPECT_HEX(call(ItemMgt::SetActiveState, Parameters().counted(handles).u32(0)).bytes, errors);
+    EXPECT_HEX(call(ItemMgt::SetClientHandles, Parameters().counted(handles).array(Handles{77, 78})).bytes, errors);
+    EXPECT_HEX(call(ItemMgt::SetDatatypes, Parameters().counted(handles).u32(2).u16(VT_R8).u16(VT_R8)).bytes, errors);
     // The new client handle, out of service, 7 as a double.
-    EXPECT_HEX(call(iidOpcSyncIo, 3, Parameters().u16(1).counted(Handles{handle})).bytes,
+    EXPECT_HEX(call(SyncIo::Read, Parameters().u16(1).counted(Handles{handle})).bytes,
                "04000200 01000000 4D000000" STAMP
                "1C00 0000 04000040 00000000"
                "04000000 00000000 0500 000000000000 05000000 00000000 0000000000001C40"
                "08000200 01000000 00000000 00000000");
-    EXPECT_HEX(call(iidOpcItemMgt, 5, Parameters().counted(handles)).bytes, errors);
-    EXPECT_HEX(call(iidOpcItemMgt, 5, Parameters().counted(Handles{handle})).bytes,
+    EXPECT_HEX(call(ItemMgt::RemoveItems, Parameters().counted(handles)).bytes, errors);
+    EXPECT_HEX(call(ItemMgt::RemoveItems, Parameters().counted(Handles{handle})).bytes,
                "04000200 01000000 010004C0 01000000");
 }
 
@@ -55,7 +55,7 @@ TEST_F(OpcWire, ReadsTheCacheInOneReplyAndTheDeviceByAskingTheHostOnce) {
     addGroup("g");
     auto handles = addItems({"A.Temp", "Name", "Flow"});
     handles.insert(handles.begin() + 2, 0xBAD);
-    EXPECT_HEX(call(iidOpcSyncIo, 3, Parameters().u16(1).counted(handles)).bytes,
+    EXPECT_HEX(call(SyncIo::Read, Parameters().u16(1).counted(handles)).bytes,
                "04000200 04000000"
                "64000000" STAMP
                "C080 0000 04000040"  // a quality with the marker bit stays as it is
@@ -70,7 +70,7 @@ TEST_F(OpcWire, ReadsTheCacheInOneReplyAndTheDeviceByAskingTheHostOnce) {
                "04000000 00000000 0500 000000000000 05000000 00000000 000000000000D03F"
                "0C000200 04000000 00000000 00000000 010004C0 00000000 01000000");
     EXPECT_TRUE(events_.reads.empty());
-    EXPECT_EQ(call(iidOpcSyncIo, 3, Parameters().u16(2).counted(handles)).result(), S_FALSE);
+    EXPECT_EQ(call(SyncIo::Read, Parameters().u16(2).counted(handles)).result(), S_FALSE);
     EXPECT_EQ(events_.reads, std::vector<std::int32_t>{3});
 }
 
@@ -82,19 +82,22 @@ TEST_F(OpcWire, RefusesWritesItemByItem) {
     request.counted(handles).u32(3).u32(0x72657355).u32(0x72657355).u32(0).align(8);
     request.hex("03000000 00000000 0300 CCCCCCCCCCCC 03000000 05000000");
     request.hex("05000000 00000000 0800 CCCCCCCCCCCC 08000000 55736572 01000000 02000000 01000000 4100");
-    EXPECT_HEX(call(iidOpcSyncIo, 4, request).bytes, "04000200 03000000 05400080 05400080 010004C0 01000000");
+    EXPECT_HEX(call(SyncIo::Write, request).bytes, "04000200 03000000 05400080 05400080 010004C0 01000000");
     EXPECT_EQ(events_.writes, std::vector<std::int32_t>{2});
 }
 
 TEST_F(OpcWire, CallsWithoutItemsAreInvalid) {
     addGroup("g");
-    for (const std::uint16_t opnum : {3, 4, 5, 6, 7, 8}) {
-        EXPECT_HEX(call(iidOpcItemMgt, opnum, Parameters().u32(0).u32(0).u32(0)).bytes,
-                   opnum <= 4 ? "00000000 00000000 57000780" : "00000000 57000780");
+    for (const ItemMgt method : {ItemMgt::AddItems, ItemMgt::ValidateItems}) {
+        EXPECT_HEX(call(method, Bytes(12)).bytes, "00000000 00000000 57000780") << Method(method);
     }
-    EXPECT_HEX(call(iidOpcSyncIo, 3, Parameters().u16(1).u32(0).u32(0)).bytes, "00000000 00000000 57000780");
-    EXPECT_HEX(call(iidOpcSyncIo, 3, Parameters().u16(3).counted(Handles{1})).bytes, "00000000 00000000 57000780");
-    EXPECT_HEX(call(iidOpcSyncIo, 4, Parameters().u32(0).u32(0).u32(0)).bytes, "00000000 57000780");
+    for (const ItemMgt method :
+         {ItemMgt::RemoveItems, ItemMgt::SetActiveState, ItemMgt::SetClientHandles, ItemMgt::SetDatatypes}) {
+        EXPECT_HEX(call(method, Bytes(12)).bytes, "00000000 57000780") << Method(method);
+    }
+    EXPECT_HEX(call(SyncIo::Read, Parameters().u16(1).u32(0).u32(0)).bytes, "00000000 00000000 57000780");
+    EXPECT_HEX(call(SyncIo::Read, Parameters().u16(3).counted(Handles{1})).bytes, "00000000 00000000 57000780");
+    EXPECT_HEX(call(SyncIo::Write, Parameters().u32(0).u32(0).u32(0)).bytes, "00000000 57000780");
 }
 
 // --- IOPCGroupStateMgt and IOPCAsyncIO2 ---
@@ -102,41 +105,44 @@ TEST_F(OpcWire, CallsWithoutItemsAreInvalid) {
 TEST_F(OpcWire, SetsOnlyWhatIsGiven) {
     addGroup("g");
     const auto unchanged = [] { return Parameters().u32(0).u32(0).u32(0); };
-    EXPECT_HEX(call(iidOpcGroupStateMgt, 4, unchanged().add(unchanged())).bytes, "E8030000 00000000");
+    EXPECT_HEX(call(GroupStateMgt::SetState, unchanged().add(unchanged())).bytes, "E8030000 00000000");
     Parameters all;
     all.u32(1).u32(1).u32(1).u32(0).u32(1).u32(30).u32(1).f32(2.5F).u32(1).u32(7).u32(1).u32(9);
-    EXPECT_HEX(call(iidOpcGroupStateMgt, 4, all).bytes, "64000000 0D000400");
-    EXPECT_HEX(call(iidOpcGroupStateMgt, 5, Parameters().text("h")).bytes, "00000000");
-    EXPECT_HEX(call(iidOpcGroupStateMgt, 3, {}).bytes,
+    EXPECT_HEX(call(GroupStateMgt::SetState, all).bytes, "64000000 0D000400");
+    EXPECT_HEX(call(GroupStateMgt::SetName, Parameters().text("h")).bytes, "00000000");
+    EXPECT_HEX(call(GroupStateMgt::GetState, {}).bytes,
                "64000000 00000000 04000200 02000000 00000000 02000000 6800 0000"
                "1E000000 00002040 07000000 09000000 01000000 00000000");
-    EXPECT_HEX(call(iidOpcGroupStateMgt, 4, unchanged().u32(1).f32(-1).u32(0).u32(0)).bytes, "64000000 57000780");
+    EXPECT_HEX(call(GroupStateMgt::SetState, unchanged().u32(1).f32(-1).u32(0).u32(0)).bytes, "64000000 57000780");
 }
 
 TEST_F(OpcWire, ClonesAGroupIntoOneOfItsOwn) {
     addGroup("g");
     addItems({"Flow"});
     const Parameters copy = Parameters().text("copy").uuid(iidOpcSyncIo);
-    EXPECT_HEX(call(iidOpcGroupStateMgt, 6, copy).bytes, interfacePointer + "00000000");
+    EXPECT_HEX(call(GroupStateMgt::CloneGroup, copy).bytes, interfacePointer + "00000000");
     const Object clone = context_.written.back();
     EXPECT_NE(clone, group_);
-    EXPECT_EQ(call(*clone, iidOpcItemMgt, 9, Parameters().uuid(iidEnumOpcItemAttributes)).result(), S_OK);
-    EXPECT_HEX(call(iidOpcGroupStateMgt, 6, copy).bytes, "00000000 0C0004C0");
-    EXPECT_HEX(call(iidOpcGroupStateMgt, 6, Parameters().text("third").uuid(iidEnumString)).bytes, "00000000 02400080");
+    EXPECT_EQ(call(*clone, ItemMgt::CreateEnumerator, Parameters().uuid(iidEnumOpcItemAttributes)).result(), S_OK);
+    EXPECT_HEX(call(GroupStateMgt::CloneGroup, copy).bytes, "00000000 0C0004C0");
+    EXPECT_HEX(call(GroupStateMgt::CloneGroup, Parameters().text("third").uuid(iidEnumString)).bytes,
+               "00000000 02400080");
     EXPECT_EQ(server_->server()->groupCount(), 2U);
 }
 
 TEST_F(OpcWire, SaysThatCallbacksAreNotImplemented) {
     addGroup("g");
-    const char* const replies[] = {
-        "00000000 00000000 01400080", "00000000 00000000 01400080", "00000000 01400080", "01400080", "01400080",
-        "00000000 01400080"};
-    std::uint16_t opnum = 3;
-    for (const char* reply : replies) {
-        EXPECT_HEX(call(iidOpcAsyncIo2, opnum, {}).bytes, reply) << opnum;
-        ++opnum;
+    const std::pair<Method, const char*> replies[] = {
+        {AsyncIo2::Read, "00000000 00000000 01400080"},
+        {AsyncIo2::Write, "00000000 00000000 01400080"},
+        {AsyncIo2::Refresh2, "00000000 01400080"},
+        {AsyncIo2::Cancel2, "01400080"},
+        {AsyncIo2::SetEnable, "01400080"},
+        {AsyncIo2::GetEnable, "00000000 01400080"},
+    };
+    for (const auto& [method, reply] : replies) {
+        EXPECT_HEX(call(method, {}).bytes, reply) << method;
     }
-    EXPECT_EQ(call(iidOpcAsyncIo2, opnum, {}).fault, dcom::faultOpnumRange);
 }
 
 }  // namespace

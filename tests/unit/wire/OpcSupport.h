@@ -6,6 +6,8 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <ostream>
+#include <type_traits>
 
 #include "FakeContext.h"
 #include "Parameters.h"
@@ -54,6 +56,41 @@ class HostEvents final : public ISLIKServerEvents {
     SLIKServer& control_;
 };
 
+// One method of one interface: by its name, or by a number that needn't be anything's.
+struct Method {
+    template <class Opnum>
+    requires std::is_enum_v<Opnum> Method(
+        Opnum named)  // NOLINT(google-explicit-constructor): a method's name is the method
+        : iid(iidOf<Opnum>(std::type_identity<OpcServerObject::Interfaces>(),
+                           std::type_identity<OpcGroupObject::Interfaces>())),
+          opnum(static_cast<std::uint16_t>(named)) {}
+    Method(const dcom::Uuid& itsIid, std::uint16_t number) : iid(itsIid), opnum(number) {}
+    // Enumerators of all kinds have the same methods.
+    Method(const dcom::Uuid& itsIid, Enumeration named) : Method(itsIid, static_cast<std::uint16_t>(named)) {}
+
+    bool is(const Method& other) const { return iid == other.iid && opnum == other.opnum; }
+
+    dcom::Uuid iid;
+    std::uint16_t opnum;
+
+ private:
+    template <class Opnum, class... Servers, class... Groups>
+    static constexpr dcom::Uuid iidOf(std::type_identity<OfferedInterfaces<Servers...>> /*server*/,
+                                      std::type_identity<OfferedInterfaces<Groups...>> /*group*/) {
+        dcom::Uuid iid;
+        static_assert((std::is_same_v<typename Servers::Opnum, Opnum> || ...) ||
+                      (std::is_same_v<typename Groups::Opnum, Opnum> || ...));
+        const auto take = [&iid](bool isIts, const dcom::Uuid& its) { iid = isIts ? its : iid; };
+        (take(std::is_same_v<typename Servers::Opnum, Opnum>, Servers::interfaceId), ...);
+        (take(std::is_same_v<typename Groups::Opnum, Opnum>, Groups::interfaceId), ...);
+        return iid;
+    }
+};
+
+inline std::ostream& operator<<(std::ostream& out, const Method& method) {
+    return out << method.iid.toText() << ' ' << method.opnum;
+}
+
 // The reply to one call: the fault status, the bytes, and a reader over them.
 struct Reply {
     std::uint32_t fault = 0;
@@ -83,31 +120,30 @@ class OpcWire : public ::testing::Test {
         server_ = std::make_shared<OpcServerObject>(application_);
     }
 
-    Reply call(dcom::orpc::ComObject& object, const dcom::Uuid& iid, std::uint16_t opnum,
-               std::span<const std::uint8_t> stub) {
+    Reply call(dcom::orpc::ComObject& object, const Method& method, std::span<const std::uint8_t> stub) {
         Reply reply;
         dcom::ndr::Reader in(stub);
         // ORPCTHAT is 8 bytes long, so that alignment from here is alignment in the whole reply.
         dcom::ndr::Writer out(reply.bytes);
-        dcom::orpc::Interface* const target = object.queryInterface(iid);
+        dcom::orpc::Interface* const target = object.queryInterface(method.iid);
         if (target == nullptr) {
-            ADD_FAILURE() << "no interface " << iid.toText();
+            ADD_FAILURE() << "no interface for " << method;
             return reply;
         }
-        reply.fault = context_.statusOf(target->invoke(opnum, in, out, context_), reply.bytes);
+        reply.fault = context_.statusOf(target->invoke(method.opnum, in, out, context_), reply.bytes);
         return reply;
     }
     // To the server's object, or to the latest group.
-    Reply call(const dcom::Uuid& iid, std::uint16_t opnum, std::span<const std::uint8_t> stub) {
-        const bool isGroups = group_ && group_->queryInterface(iid) != nullptr;
-        return call(isGroups ? *group_ : *server_, iid, opnum, stub);
+    Reply call(const Method& method, std::span<const std::uint8_t> stub) {
+        const bool isGroups = group_ && group_->queryInterface(method.iid) != nullptr;
+        return call(isGroups ? *group_ : *server_, method, stub);
     }
 
     // Adds a group as a client does, and gives its server handle.
     std::uint32_t addGroup(std::string_view name) {
         Parameters request;
         request.text(name).u32(1).u32(1000).u32(5).u32(0).u32(0).u32(0x409).uuid(iidOpcItemMgt);
-        const Reply reply = call(iidOpcServer, 3, request);
+        const Reply reply = call(OpcServer::AddGroup, request);
         EXPECT_EQ(reply.result(), S_OK);
         group_ = context_.written.back();
         return reply.reader().u32();
@@ -115,7 +151,7 @@ class OpcWire : public ::testing::Test {
 
     // Adds items with client handles 100, 101, ... and gives their server handles (0: refused).
     Handles addItems(const std::vector<std::string>& ids) {
-        const Reply reply = call(iidOpcItemMgt, 3, definitions(ids));
+        const Reply reply = call(ItemMgt::AddItems, definitions(ids));
         dcom::ndr::Reader in = reply.reader();
         in.u32();
         Handles handles(in.count(20));

@@ -10,28 +10,25 @@ TEST_F(OpcWire, TooManyItemsAreRefusedBeforeTheyAreRead) {
     addGroup("g");
     const std::uint32_t many = 10'006;  // five items, and ten thousand
     struct Case {
-        dcom::Uuid iid;
-        std::uint16_t opnum;
+        Method method;
         Parameters request;
         std::string_view reply;
     };
     const std::string_view oneArray = "00000000 0E000780";
     const std::string_view twoArrays = "00000000 00000000 0E000780";
-    for (const Case& each :
-         {Case{iidOpcSyncIo, 3, Parameters().u16(1).u32(many), twoArrays},
-          Case{iidOpcSyncIo, 4, Parameters().u32(many), oneArray},
-          Case{iidOpcItemMgt, 3, Parameters().u32(many), twoArrays},
-          Case{iidOpcItemMgt, 4, Parameters().u32(many), twoArrays},
-          Case{iidOpcItemMgt, 5, Parameters().u32(many), oneArray},
-          Case{iidOpcItemMgt, 6, Parameters().u32(many), oneArray},
-          Case{iidOpcItemMgt, 7, Parameters().u32(many), oneArray},
-          Case{iidOpcItemMgt, 8, Parameters().u32(many), oneArray},
-          Case{iidOpcItemIo, 3, Parameters().u32(many), "00000000 00000000 00000000 00000000 0E000780"},
-          Case{iidOpcItemIo, 4, Parameters().u32(many), oneArray},
-          Case{iidOpcItemProperties, 4, Parameters().text("Flow").u32(many), twoArrays},
-          Case{iidOpcItemProperties, 5, Parameters().text("Flow").u32(many), twoArrays}}) {
-        EXPECT_HEX(call(each.iid, each.opnum, each.request).bytes, std::string(each.reply))
-            << each.iid.toText() << ' ' << each.opnum;
+    for (const Case& each : {Case{SyncIo::Read, Parameters().u16(1).u32(many), twoArrays},
+                             Case{SyncIo::Write, Parameters().u32(many), oneArray},
+                             Case{ItemMgt::AddItems, Parameters().u32(many), twoArrays},
+                             Case{ItemMgt::ValidateItems, Parameters().u32(many), twoArrays},
+                             Case{ItemMgt::RemoveItems, Parameters().u32(many), oneArray},
+                             Case{ItemMgt::SetActiveState, Parameters().u32(many), oneArray},
+                             Case{ItemMgt::SetClientHandles, Parameters().u32(many), oneArray},
+                             Case{ItemMgt::SetDatatypes, Parameters().u32(many), oneArray},
+                             Case{ItemIo::Read, Parameters().u32(many), "00000000 00000000 00000000 00000000 0E000780"},
+                             Case{ItemIo::WriteVqt, Parameters().u32(many), oneArray},
+                             Case{ItemProperties::GetItemProperties, Parameters().text("Flow").u32(many), twoArrays},
+                             Case{ItemProperties::LookupItemIds, Parameters().text("Flow").u32(many), twoArrays}}) {
+        EXPECT_HEX(call(each.method, each.request).bytes, std::string(each.reply)) << each.method;
     }
 }
 
@@ -44,23 +41,24 @@ TEST_F(OpcWire, AReplyIsBoundedByWhatTheClientHasLeft) {
     control_.SLIKTags().Item("Name").SetVQT(Variant(text), 0xC0, localNow());
     const auto handles = addItems(std::vector<std::string>(2000, "Flow"));
     const std::uint32_t name = addItems({"Name"}).at(0);
-    call(iidOpcItemMgt, 9, Parameters().uuid(iidEnumOpcItemAttributes));
+    call(ItemMgt::CreateEnumerator, Parameters().uuid(iidEnumOpcItemAttributes));
     const Object items = context_.written.back();
-    call(iidOpcBrowseServerAddressSpace, 5, Parameters().u16(3).text("").u16(0).u32(0));
+    call(Browse::BrowseOpcItemIds, Parameters().u16(3).text("").u16(0).u32(0));
     Hold rest = memoryOf(budget);
     rest.set(budget->memory.room());
 
-    EXPECT_HEX(call(iidOpcSyncIo, 3, Parameters().u16(1).counted(handles)).bytes, "00000000 00000000 0E000780");
-    EXPECT_HEX(call(iidOpcSyncIo, 3, Parameters().u16(1).counted(Handles{name, name})).bytes,
-               "00000000 00000000 0E000780")
+    EXPECT_HEX(call(SyncIo::Read, Parameters().u16(1).counted(handles)).bytes, "00000000 00000000 0E000780");
+    EXPECT_HEX(call(SyncIo::Read, Parameters().u16(1).counted(Handles{name, name})).bytes, "00000000 00000000 0E000780")
         << "two texts of 40,000 bytes";
-    EXPECT_EQ(call(iidOpcSyncIo, 3, Parameters().u16(1).counted(Handles{name})).result(), S_OK);
-    EXPECT_HEX(call(iidOpcItemProperties, 4, Parameters().text("Name").counted(Handles{2, 2})).bytes,
+    EXPECT_EQ(call(SyncIo::Read, Parameters().u16(1).counted(Handles{name})).result(), S_OK);
+    EXPECT_HEX(call(ItemProperties::GetItemProperties, Parameters().text("Name").counted(Handles{2, 2})).bytes,
                "00000000 00000000 0E000780");
-    EXPECT_HEX(call(*items, iidEnumOpcItemAttributes, 3, Parameters().u32(2000)).bytes, "00000000 00000000 0E000780");
-    EXPECT_EQ(call(*items, iidEnumOpcItemAttributes, 3, Parameters().u32(100)).result(), S_OK);
-    EXPECT_HEX(call(*items, iidEnumOpcItemAttributes, 6, {}).bytes, "00000000 0E000780") << "no room for a clone";
-    EXPECT_EQ(call(*server_, iidOpcServer, 3,
+    EXPECT_HEX(call(*items, {iidEnumOpcItemAttributes, Enumeration::Next}, Parameters().u32(2000)).bytes,
+               "00000000 00000000 0E000780");
+    EXPECT_EQ(call(*items, {iidEnumOpcItemAttributes, Enumeration::Next}, Parameters().u32(100)).result(), S_OK);
+    EXPECT_HEX(call(*items, {iidEnumOpcItemAttributes, Enumeration::Clone}, {}).bytes, "00000000 0E000780")
+        << "no room for a clone";
+    EXPECT_EQ(call(*server_, OpcServer::AddGroup,
                    Parameters().text("h").u32(1).u32(1000).u32(5).u32(0).u32(0).u32(0x409).uuid(iidOpcItemMgt))
                   .result(),
               E_OUTOFMEMORY);

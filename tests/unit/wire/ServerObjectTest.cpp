@@ -12,10 +12,10 @@ namespace {
 TEST_F(OpcWire, AddGroupAnswersHandleRateAndPointer) {
     Parameters request;
     request.text("Trend").u32(1).u32(500).u32(0xFFFFFFF0).u32(0x72657355).u32(60).u32(0x72657355).f32(1.5F).u32(1033);
-    EXPECT_HEX(call(iidOpcServer, 3, request.uuid(iidOpcGroupStateMgt).hex("00000000 00000000")).bytes,
+    EXPECT_HEX(call(OpcServer::AddGroup, request.uuid(iidOpcGroupStateMgt).hex("00000000 00000000")).bytes,
                "01000000 F4010000" + interfacePointer + "00000000");  // server handle, revised rate
     group_ = context_.written.at(0);
-    EXPECT_HEX(call(iidOpcGroupStateMgt, 3, {}).bytes,
+    EXPECT_HEX(call(GroupStateMgt::GetState, {}).bytes,
                "F4010000 01000000"                                                  // rate, active
                "04000200 06000000 00000000 06000000 5400 7200 6500 6E00 6400 0000"  // name
                "3C000000 0000C03F 09040000 F0FFFFFF 01000000 00000000");            // bias to server handle
@@ -36,7 +36,7 @@ TEST_F(OpcWire, AddGroupRefusesWithCompleteParameters) {
     for (const auto& each : cases) {
         Parameters request;
         request.text(each.name).u32(1).u32(500).u32(0).u32(0).u32(1).f32(each.deadband).u32(1033).uuid(each.iid);
-        EXPECT_HEX(call(iidOpcServer, 3, request).bytes, each.reply);
+        EXPECT_HEX(call(OpcServer::AddGroup, request).bytes, each.reply);
     }
     EXPECT_EQ(server_->server()->groupCount(), 1U);
 }
@@ -54,17 +54,17 @@ TEST_F(OpcWire, GivesStatusAndTextsForResultCodes) {
         .hex(
             "0000 08000200"
             "07000000 00000000 07000000 4F00 6D00 6200 7200 6500 6C00 0000 0000 00000000");
-    EXPECT_HEX(call(iidOpcServer, 6, {}).bytes, status);
-    const Reply reply = call(iidOpcServer, 4, Parameters().u32(OPC_E_UNKNOWNITEMID).u32(0x409));
+    EXPECT_HEX(call(OpcServer::GetStatus, {}).bytes, status);
+    const Reply reply = call(OpcServer::GetErrorString, Parameters().u32(OPC_E_UNKNOWNITEMID).u32(0x409));
     EXPECT_HEX(reply.bytes, Parameters().u32(0x20004).text(errorText(OPC_E_UNKNOWNITEMID)).u32(S_OK));
-    EXPECT_HEX(call(iidOpcCommon, 6, Parameters().u32(OPC_E_UNKNOWNITEMID)).bytes, reply.bytes);
-    EXPECT_HEX(call(iidOpcServer, 4, Parameters().u32(0x12345678).u32(0)).bytes, "00000000 57000780");
-    EXPECT_HEX(call(iidOpcCommon, 6, Parameters().u32(0x12345678)).bytes, "00000000 57000780");
+    EXPECT_HEX(call(Common::GetErrorString, Parameters().u32(OPC_E_UNKNOWNITEMID)).bytes, reply.bytes);
+    EXPECT_HEX(call(OpcServer::GetErrorString, Parameters().u32(0x12345678).u32(0)).bytes, "00000000 57000780");
+    EXPECT_HEX(call(Common::GetErrorString, Parameters().u32(0x12345678)).bytes, "00000000 57000780");
 }
 
 TEST_F(OpcWire, EnumeratesGroupNamesEvenWhenThereAreNone) {
     const auto enumerate = [this](std::uint16_t scope, const dcom::Uuid& iid) {
-        return call(iidOpcServer, 8, Parameters().u16(scope).uuid(iid)).bytes;
+        return call(OpcServer::CreateGroupEnumerator, Parameters().u16(scope).uuid(iid)).bytes;
     };
     EXPECT_HEX(enumerate(6, iidEnumString), interfacePointer + "01000000");
     addGroup("g");
@@ -80,11 +80,11 @@ TEST_F(OpcWire, AGroupInUseLeavesWithItsLastInterface) {
     const std::uint32_t handle = addGroup("g");
     const Handles items = addItems({"A.Count"});
     const Parameters removal = Parameters().u32(handle).u32(0);
-    EXPECT_HEX(call(iidOpcServer, 7, removal).bytes, "0F000400");
+    EXPECT_HEX(call(OpcServer::RemoveGroup, removal).bytes, "0F000400");
     EXPECT_EQ(server_->server()->groupCount(), 0U);
-    EXPECT_EQ(call(iidOpcSyncIo, 3, Parameters().u16(1).counted(items)).result(), S_OK);
+    EXPECT_EQ(call(SyncIo::Read, Parameters().u16(1).counted(items)).result(), S_OK);
     group_->disconnected();
-    EXPECT_EQ(call(iidOpcServer, 7, removal).result(), E_INVALIDARG);
+    EXPECT_EQ(call(OpcServer::RemoveGroup, removal).result(), E_INVALIDARG);
 }
 
 TEST_F(OpcWire, AGroupGoesWithItsLastInterfaceAndMayBeRemovedAfterwards) {
@@ -94,9 +94,9 @@ TEST_F(OpcWire, AGroupGoesWithItsLastInterfaceAndMayBeRemovedAfterwards) {
     group_->disconnected();
     group_.reset();
     EXPECT_EQ(server_->server()->groupCount(), 0U);
-    EXPECT_EQ(call(iidOpcServer, 5, Parameters().text("g").uuid(iidOpcItemMgt)).result(), E_INVALIDARG);
-    EXPECT_EQ(call(iidOpcServer, 7, removal).result(), S_OK);
-    EXPECT_EQ(call(iidOpcServer, 7, removal).result(), E_INVALIDARG);
+    EXPECT_EQ(call(OpcServer::GetGroupByName, Parameters().text("g").uuid(iidOpcItemMgt)).result(), E_INVALIDARG);
+    EXPECT_EQ(call(OpcServer::RemoveGroup, removal).result(), S_OK);
+    EXPECT_EQ(call(OpcServer::RemoveGroup, removal).result(), E_INVALIDARG);
 }
 
 TEST_F(OpcWire, TheClientCountsUntilItLetsGoOfTheServer) {
@@ -109,10 +109,10 @@ TEST_F(OpcWire, TheClientCountsUntilItLetsGoOfTheServer) {
     addGroup("g");
     server_->disconnected();
     EXPECT_EQ(events_.disconnects, std::vector<std::int32_t>{1});
-    EXPECT_EQ(call(iidOpcServer, 6, {}).fault, dcom::faultDisconnected);
-    EXPECT_EQ(call(iidOpcSyncIo, 3, Parameters().u16(1).counted(Handles{1})).result(), E_FAIL);
+    EXPECT_EQ(call(OpcServer::GetStatus, {}).fault, dcom::faultDisconnected);
+    EXPECT_EQ(call(SyncIo::Read, Parameters().u16(1).counted(Handles{1})).result(), E_FAIL);
     server_.reset();
-    EXPECT_EQ(call(iidOpcGroupStateMgt, 6, Parameters().text("x").uuid(iidOpcItemMgt)).result(), E_FAIL);
+    EXPECT_EQ(call(GroupStateMgt::CloneGroup, Parameters().text("x").uuid(iidOpcItemMgt)).result(), E_FAIL);
     group_->disconnected();
 
     other->disconnected();
@@ -123,32 +123,32 @@ TEST_F(OpcWire, TheClientCountsUntilItLetsGoOfTheServer) {
 // --- IOPCBrowseServerAddressSpace ---
 
 TEST_F(OpcWire, BrowsingNothingGivesAnEmptyEnumerator) {
-    const dcom::Uuid& iid = iidOpcBrowseServerAddressSpace;
-    EXPECT_HEX(call(iid, 3, {}).bytes, "0100 0000 00000000");  // a tree
+    EXPECT_HEX(call(Browse::QueryOrganization, {}).bytes, "0100 0000 00000000");  // a tree
     const std::string empty = interfacePointer + "01000000";
-    EXPECT_HEX(call(iid, 5, Parameters().u16(3).text("none*").u16(0).u32(0)).bytes, empty);
-    EXPECT_HEX(call(iid, 5, Parameters().u16(3).text("*").u16(VT_CY).u32(0)).bytes, empty);
-    EXPECT_HEX(call(iid, 7, Parameters().text("Flow")).bytes, empty);
-    EXPECT_HEX(call(iid, 5, Parameters().u16(4).text("").u16(0).u32(0)).bytes, "00000000 57000780");
-    EXPECT_HEX(call(iid, 5, Parameters().u16(3).text("[a").u16(0).u32(0)).bytes, "00000000 090004C0");
-    EXPECT_HEX(call(iid, 7, Parameters().text("none")).bytes, "00000000 070004C0");
+    EXPECT_HEX(call(Browse::BrowseOpcItemIds, Parameters().u16(3).text("none*").u16(0).u32(0)).bytes, empty);
+    EXPECT_HEX(call(Browse::BrowseOpcItemIds, Parameters().u16(3).text("*").u16(VT_CY).u32(0)).bytes, empty);
+    EXPECT_HEX(call(Browse::BrowseAccessPaths, Parameters().text("Flow")).bytes, empty);
+    EXPECT_HEX(call(Browse::BrowseOpcItemIds, Parameters().u16(4).text("").u16(0).u32(0)).bytes, "00000000 57000780");
+    EXPECT_HEX(call(Browse::BrowseOpcItemIds, Parameters().u16(3).text("[a").u16(0).u32(0)).bytes, "00000000 090004C0");
+    EXPECT_HEX(call(Browse::BrowseAccessPaths, Parameters().text("none")).bytes, "00000000 070004C0");
 }
 
 // --- IOPCCommon ---
 
 TEST_F(OpcWire, KeepsTheClientsLocaleAndName) {
-    EXPECT_HEX(call(iidOpcCommon, 3, Parameters().u32(0x409)).bytes, "00000000");
-    EXPECT_HEX(call(iidOpcCommon, 3, Parameters().u32(0x407)).bytes, "57000780");
-    EXPECT_HEX(call(iidOpcCommon, 4, {}).bytes, "09040000 00000000");
-    EXPECT_HEX(call(iidOpcCommon, 5, {}).bytes, "03000000 04000200 03000000 09040000 00080000 00040000 00000000");
-    EXPECT_HEX(call(iidOpcCommon, 7, Parameters().text("Historian")).bytes, "00000000");
+    EXPECT_HEX(call(Common::SetLocaleId, Parameters().u32(0x409)).bytes, "00000000");
+    EXPECT_HEX(call(Common::SetLocaleId, Parameters().u32(0x407)).bytes, "57000780");
+    EXPECT_HEX(call(Common::GetLocaleId, {}).bytes, "09040000 00000000");
+    EXPECT_HEX(call(Common::QueryAvailableLocaleIds, {}).bytes,
+               "03000000 04000200 03000000 09040000 00080000 00040000 00000000");
+    EXPECT_HEX(call(Common::SetClientName, Parameters().text("Historian")).bytes, "00000000");
     EXPECT_EQ(server_->server()->clientName(), "Historian");
 }
 
 // --- IOPCItemProperties ---
 
 TEST_F(OpcWire, ListsTheSixPropertiesOfAnItem) {
-    const Reply reply = call(iidOpcItemProperties, 3, Parameters().text("Flow"));
+    const Reply reply = call(ItemProperties::QueryAvailableProperties, Parameters().text("Flow"));
     dcom::ndr::Reader in = reply.reader();
     EXPECT_HEX(in.bytes(40),
                "06000000 04000200 06000000 01000000 02000000 03000000 04000000 05000000 06000000 08000200");
@@ -158,25 +158,25 @@ TEST_F(OpcWire, ListsTheSixPropertiesOfAnItem) {
     }
     in.align(4);
     EXPECT_HEX(in.bytes(in.remaining()), "24000200 06000000 0200 0500 0200 0700 0300 0400 00000000");
-    EXPECT_HEX(call(iidOpcItemProperties, 3, Parameters().text("x")).bytes,
+    EXPECT_HEX(call(ItemProperties::QueryAvailableProperties, Parameters().text("x")).bytes,
                "00000000 00000000 00000000 00000000 070004C0");
 }
 
 TEST_F(OpcWire, GivesPropertiesAsVariants) {
     const Handles ids{1, 99, 2};
-    EXPECT_HEX(call(iidOpcItemProperties, 4, Parameters().text("A.Temp").counted(ids)).bytes,
+    EXPECT_HEX(call(ItemProperties::GetItemProperties, Parameters().text("A.Temp").counted(ids)).bytes,
                "04000200 03000000 08000200 0C000200 10000200 00000000"
                "03000000 00000000 0200 000000000000 02000000 04000000"
                "03000000 00000000 0000 000000000000 00000000 00000000"
                "03000000 00000000 0400 000000000000 04000000 00004841"
                "14000200 03000000 00000000 030204C0 00000000 01000000");
-    EXPECT_HEX(call(iidOpcItemProperties, 4, Parameters().text("x").counted(ids)).bytes, "00000000 00000000 070004C0");
-    EXPECT_HEX(call(iidOpcItemProperties, 5, Parameters().text("Flow").counted(ids)).bytes,
+    EXPECT_HEX(call(ItemProperties::GetItemProperties, Parameters().text("x").counted(ids)).bytes,
+               "00000000 00000000 070004C0");
+    EXPECT_HEX(call(ItemProperties::LookupItemIds, Parameters().text("Flow").counted(ids)).bytes,
                "04000200 03000000 00000000 00000000 00000000"
                "08000200 03000000 05400080 030204C0 05400080 01000000");
-    for (const std::uint16_t opnum : {4, 5}) {
-        EXPECT_HEX(call(iidOpcItemProperties, opnum, Parameters().text("Flow").u32(0).u32(0)).bytes,
-                   "00000000 00000000 57000780");
+    for (const ItemProperties method : {ItemProperties::GetItemProperties, ItemProperties::LookupItemIds}) {
+        EXPECT_HEX(call(method, Parameters().text("Flow").u32(0).u32(0)).bytes, "00000000 00000000 57000780");
     }
 }
 
@@ -185,7 +185,7 @@ TEST_F(OpcWire, GivesPropertiesAsVariants) {
 TEST_F(OpcWire, ReadsItemsByTheirIds) {
     Parameters request;
     request.u32(2).u32(2).u32(1).u32(2).text("A.Temp").text("none").align(4).array(Handles{0, 0});
-    EXPECT_HEX(call(iidOpcItemIo, 3, request).bytes,
+    EXPECT_HEX(call(ItemIo::Read, request).bytes,
                "04000200 02000000 08000200 0C000200"
                "03000000 00000000 0400 000000000000 04000000 00004841"
                "03000000 00000000 0000 000000000000 00000000"
@@ -194,7 +194,7 @@ TEST_F(OpcWire, ReadsItemsByTheirIds) {
                "00000000 00000000"
                "18000200 02000000 00000000 070004C0 01000000");
     EXPECT_EQ(events_.reads, std::vector<std::int32_t>{1});
-    EXPECT_HEX(call(iidOpcItemIo, 3, Bytes(12)).bytes, "00000000 00000000 00000000 00000000 57000780");
+    EXPECT_HEX(call(ItemIo::Read, Bytes(12)).bytes, "00000000 00000000 00000000 00000000 57000780");
 }
 
 TEST_F(OpcWire, RefusesWritesByItemIds) {
@@ -202,9 +202,9 @@ TEST_F(OpcWire, RefusesWritesByItemIds) {
     request.u32(1).u32(1).u32(1).text("Flow").align(4).u32(1);
     request.hex("55736572 01000000 C000 0000 01000000 00000000" STAMP).align(8);
     request.hex("04000000 00000000 0500 CCCCCCCCCCCC 05000000 00000000 000000000000D03F");
-    EXPECT_HEX(call(iidOpcItemIo, 4, request).bytes, "04000200 01000000 05400080 01000000");
+    EXPECT_HEX(call(ItemIo::WriteVqt, request).bytes, "04000200 01000000 05400080 01000000");
     EXPECT_EQ(events_.writes, std::vector<std::int32_t>{1});
-    EXPECT_HEX(call(iidOpcItemIo, 4, Bytes(12)).bytes, "00000000 57000780");
+    EXPECT_HEX(call(ItemIo::WriteVqt, Bytes(12)).bytes, "00000000 57000780");
 }
 
 }  // namespace
