@@ -74,7 +74,7 @@ function(quelm_program target folder)
   target_link_libraries(${target} PRIVATE quelm_settings ${room_SEES} ${room_INSIDE} ${room_USES})
 endfunction()
 
-# quelm_units(target): gives a program the systemd units as texts (OPC/Main/Units.h), so that they stand once.
+# quelm_units(target): gives a room the systemd units as texts (OPC/Main/Units.h), so that they stand once.
 function(quelm_units target)
   foreach(each SERVICE=quelm-opc-server.service ACTIVATION=quelm-opc-server.socket OBJECT=quelm-opc-server-objects.socket)
     string(REPLACE "=" ";" each ${each})

@@ -30,7 +30,7 @@ need_packages() {
 
 build_packages=(g++ cmake ninja-build ccache pkg-config libasio-dev libxml2-dev libsqlite3-dev libssl-dev
     libfmt-dev libfltk1.3-dev libcli11-dev nlohmann-json3-dev sqlite3 unixodbc-dev dpkg-dev)
-test_packages=(libgtest-dev libgmock-dev clang-14 clang-format-14 libclang-rt-14-dev python3-impacket iproute2
+test_packages=(libgtest-dev libgmock-dev clang-14 clang-format-14 clang-tidy-14 shellcheck libclang-rt-14-dev python3-impacket iproute2
     util-linux xvfb python3-xlib postgresql odbc-postgresql)
 bench_packages=(libbenchmark-dev libpq-dev postgresql odbc-postgresql python3)
 
