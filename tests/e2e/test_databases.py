@@ -199,6 +199,7 @@ ODD_ITEMS = [
     ('Odd.NoType', {'DataType': '9'}, '5.5', 'NULL', (R4, 0, 0)),
     ('Odd.Missing', {'ID': "'[@123456]'"}, None, None, (R4, 0.0, 0)),
     ('Odd.Undefined', {'ID': "'[@777]'"}, None, None, (R4, 4.25, 0xC0)),
+    ('Odd.McHuge', {'ID': "'[@{0}];[@992]'"}, '3.5', 'NULL', (R4, 3.5, 0)),
     ('Odd.P.McText', {'ID': "'1-001-0-04-01'"}, None, None, (R4, 3.5, 0xC0)),
     ('Odd.P.McBlob', {'ID': "'1-001-0-04-02'"}, None, None, (R4, 3.5, 0xC0)),
     ('Odd.P.Blob', {'ID': "'1-001-0-04-03'"}, None, None, (R4, 0.0, 0)),
@@ -211,7 +212,6 @@ OVERFLOWING = [
     ('Over.Float', {}, '1.5', '1e300', (R4, 1.5, 0xC0)),
     ('Over.Text', {'DataType': '2'}, "'8'", "'99999999999'", (I4, 8, 0xC0)),
     ('Over.Default', {'DataType': '2', 'NullValue': '-3000000000'}, '9', 'NULL', (I4, 9, 0xC0)),
-    ('Over.MonitorCode', {'ID': "'[@{0}];[@992]'"}, '2.5', '3.5', (R4, 2.5, 0xC0)),
 ]
 
 
@@ -246,7 +246,7 @@ class WrongValues(Databases):
             UPDATE SiteSettings SET FirstDayOfWeek = 'Monday' WHERE SiteID = 'NORTH';""")
         self.site.execute('realtime.db', values + """
             INSERT INTO CurrentIO VALUES ('NORTH', 'C990', 0, NULL, 'good', NULL),
-                ('NORTH', 'C992', 0, NULL, 0, NULL), ('NORTH', 'C777', 'x', 1e300, 4.25, 17),
+                ('NORTH', 'C992', 0, NULL, 1e30, NULL), ('NORTH', 'C777', 'x', 1e300, 4.25, 17),
                 ('NORTH', x'433131', 0, NULL, 666, NULL), ('NORTH', '', 0, NULL, 666, NULL),
                 ('NORTH', 'C0101', 0, NULL, 666, NULL), ('NORTH', 'C', 0, NULL, 666, NULL),
                 ('NORTH', 'C99999999999999999999', 0, NULL, 666, NULL), (x'4e4f525448', 'C101', 0, NULL, 666, NULL),
@@ -290,7 +290,6 @@ class WrongValues(Databases):
         self.site.execute('realtime.db', ''.join(
             f"UPDATE CurrentIO SET NValue = {then} WHERE IOID = 'C{channel}';"
             for channel, (_, _, _, then, _) in enumerate(OVERFLOWING, 900))
-            + "UPDATE CurrentIO SET NValue = 1e30 WHERE IOID = 'C992';"
             + "UPDATE CurrentIO SET NValue = 44.5 WHERE IOID = 'C105';")
         self.site.wait_pass(at)
         second = self.assert_values(client, {**expected, 'North.Stack1.Temperature': (R4, 44.5, 0x40)})
@@ -299,7 +298,7 @@ class WrongValues(Databases):
                 self.assertEqual(second[name]['filetime'], first[name]['filetime'])
                 self.assertEqual([line for line in self.site.log()[at:] if f"tag '{name}'" in line], [
                     f"Error [OPC-0144] 6, Overflow; Error updating SLIK tag values for NORTH tag '{name}' from "
-                    f"channel(s) {channel}, {992 if name == 'Over.MonitorCode' else 0}"])
+                    f'channel(s) {channel}, 0'])
         self.assertGreater(second['North.Stack1.NOx']['filetime'], first['North.Stack1.NOx']['filetime'])
 
 
