@@ -71,15 +71,6 @@ class ClockTest : public testing::Test {
     std::int64_t late_ = 0;
 };
 
-TEST(IntervalBoundariesTest, LieAtTheSameTimesOfEveryDay) {
-    constexpr std::int64_t day = 86'400'000;
-    EXPECT_EQ(IntervalBoundaries(20, 25).lastUpTo(24'999), 5'000);
-    EXPECT_EQ(IntervalBoundaries(86'400, 3'600).lastUpTo(1), 3'600'000 - day);
-    EXPECT_EQ(IntervalBoundaries(7, 0).lastUpTo(-1), -6'000);
-    EXPECT_EQ(IntervalBoundaries(7, 0).firstAfter(-1), 0);
-    EXPECT_EQ(IntervalBoundaries(20, 0).firstAfter(10 * day), 10 * day + 20'000);
-}
-
 TEST_F(ClockTest, ExpiresAtItsTimesOfDayToTheMillisecond) {
     const auto update = make(20, 5, "update");
     const auto read = make(20, 0, "read");

@@ -83,14 +83,5 @@ TEST_F(LogWriterTest, AFullDiskMayTearALineAndCostsLinesOnly) {
     EXPECT_THAT(elsewhere_, testing::ElementsAre(testing::HasSubstr("File too large"), "torn", "lost"));
 }
 
-TEST(MessageTypeNamesTest, NamesTypes) {
-    const std::pair<std::int32_t, const char*> cases[] = {
-        {0, "Progress"}, {1, "Information"},           {2, "Notice"}, {3, "3"},
-        {4, "Error"},    {20484, "Multi-value error"}, {-5, "-5"}};
-    for (const auto& [type, name] : cases) {
-        EXPECT_EQ(messageTypeName(type), name);
-    }
-}
-
 }  // namespace
 }  // namespace quelm

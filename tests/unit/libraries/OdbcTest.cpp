@@ -116,16 +116,6 @@ TEST_P(DatabasesTest, GiveEveryTextWholeHoweverLong) {
     EXPECT_EQ(toText(snapshot->Channel(1100000)->NValue), "3");
 }
 
-TEST_P(DatabasesTest, GiveMoreRowsThanOneBlock) {
-    run("WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 1234) "
-        "INSERT INTO CurrentIO(SiteID, IOID, NValue) SELECT 'S1', 'C' || i, i + 0.5 FROM n");
-    const auto snapshot = dbil_.RealtimeDB().ReadCurrentIO("S1", false);
-    ASSERT_EQ(snapshot->Count(), 1234U);
-    for (std::int32_t i = 1; i <= 1234; ++i) {
-        ASSERT_EQ(snapshot->Channel(i)->NValue, Variant(i + 0.5));
-    }
-}
-
 TEST_P(DatabasesTest, GiveDefinitionsParametersAndSettings) {
     run("INSERT INTO Q5OPCDEF(SiteID, Position, Tagname, ID, DataType, Write, NullValue, DownIsValid) VALUES "
         "('S1', 2, 'Last', '[@7]', 2, -1, -1.5, 1), ('s1', 0, 'Other', '', 1, 1, 0, 0)");
@@ -158,6 +148,7 @@ TEST_P(DatabasesTest, GiveDefinitionsParametersAndSettings) {
     EXPECT_EQ(channels->Channel(8)->Name, "");
     EXPECT_EQ(reader.LoadPIDDefinitions("S1", 12).at(0).IntervalType, "1H");
     EXPECT_EQ(reader.LoadSiteSettings("S1", 12).FirstDayOfWeek, 2);
+    EXPECT_EQ(reader.LoadSiteSettings("S1", 13).FirstDayOfWeek, 0) << "no day of the week";
     EXPECT_EQ(reader.LoadSiteSettings("S1", 14).FirstDayOfWeek, 0);
 
     std::vector<ParameterValue> values;
@@ -380,70 +371,6 @@ TEST_F(OdbcTest, AScanGivesTheSameRowsAsAQuery) {
                   fmt::format("{} 0.1; {} a; \n", static_cast<int>(SqlType::Real), static_cast<int>(SqlType::Text)));
     }
     runOnServer("ALTER ROLE quelm RESET search_path");
-}
-
-TEST_F(OdbcTest, LockedRowsCostOneCall) {
-    runOnServer("DROP TABLE IF EXISTS L; CREATE TABLE L(a int); INSERT INTO L VALUES (1)");
-    const auto holder = connect();
-    holder->execute("BEGIN", {});
-    holder->execute("UPDATE L SET a = 2", {});
-    const auto connection = connect(SqlTimeouts{.query = std::chrono::seconds(1)});
-    EXPECT_EQ(valueOf(*connection, "SELECT a FROM L"), Variant(std::int32_t{1}));
-    EXPECT_THAT(failureOf(*connection, "UPDATE L SET a = 3 RETURNING a"), HasSubstr("timeout"));
-    holder->execute("COMMIT", {});
-    EXPECT_EQ(connection->execute("UPDATE L SET a = a + 1", {}), 1);
-    EXPECT_EQ(valueOf(*connection, "SELECT a FROM L"), Variant(std::int32_t{3}));
-    EXPECT_EQ(connection->execute("UPDATE L SET a = 1 WHERE a = 77", {}), 0);
-}
-
-TEST_F(OdbcTest, NoSessionIsLeftBehind) {
-    const auto watcher = connect();
-    const auto connection = connect();
-    for (int i = 0; i < 30; ++i) {
-        EXPECT_NE(failureOf(*connection, i % 2 == 0 ? "SELECT * FROM Nowhere"
-                                                    : "SELECT pg_cancel_backend(pg_backend_pid()), pg_sleep(5)"),
-                  "none");
-    }
-    EXPECT_EQ(failureOf(*connection), "none");
-    EXPECT_EQ(sessions(*watcher), "1");
-}
-
-TEST_F(OdbcTest, AllThatIsDueAtOnceTriesToConnectOnce) {
-    ManualTimeSource time(makeDate(2026, 11, 22));
-    const ScopedTimeSource inForce(time);
-    // A server that turns everybody away.
-    const int listener = socket(AF_INET, SOCK_STREAM, 0);
-    ASSERT_EQ(listen(listener, 8), 0);
-    sockaddr_in address{};
-    socklen_t length = sizeof address;
-    getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length);
-    std::atomic<int> attempts = 0;
-    std::thread doorman([&] {
-        for (int client = -1; (client = accept(listener, nullptr, nullptr)) >= 0;) {
-            ++attempts;
-            close(client);
-        }
-    });
-    DBIL dbil(builtInSqlDrivers(), {});
-    const std::string text =
-        fmt::format("Driver=PostgreSQL Unicode;Server=127.0.0.1;Port={};UID=x", ntohs(address.sin_port));
-    EXPECT_TRUE(dbil.SetupSite("S1", text, text, "", "", "", true, false));
-    EXPECT_TRUE(dbil.SetupSite("S2", text, text, "", "", "", true, false));
-    for (const int tick : {1, 2, 3}) {
-        std::string id;
-        std::vector<ParameterValue> values;
-        EXPECT_THROW(dbil.RealtimeDB().ReadCurrentIO("S1", false), RuntimeError);
-        EXPECT_THROW(dbil.RealtimeDB().ReadCurrentIO("S2", false), RuntimeError);
-        EXPECT_THROW(dbil.RealtimeDB().ReadParameterValues("S1", values), RuntimeError);
-        EXPECT_THROW(dbil.RealtimeDB().InsertMessage(id, "S2", "", "", "", "", ""), RuntimeError);
-        time.advanceMilliseconds(999);
-        EXPECT_FALSE(dbil.TestConnections("", true, true, false, false, false, true));
-        EXPECT_EQ(attempts, tick);
-        time.advanceMilliseconds(1);
-    }
-    shutdown(listener, SHUT_RDWR);
-    doorman.join();
-    close(listener);
 }
 
 TEST_F(OdbcTest, AConnectionStringThatLeadsNowhereFailsWithTheReason) {

@@ -409,6 +409,19 @@ TEST_F(SitesSideBySideTest, NothingReadAtAnEarlierTickIsEverGiven) {
     EXPECT_THAT(readAll(), ElementsAre("4", "4", "4"));
 }
 
+TEST_F(SitesSideBySideTest, AllThatIsDueOverOneConnectionTriesToConnectOnce) {
+    setUp();
+    EXPECT_TRUE(dbil_->SetupSite("S4", "S1", "S1", "", "", "", true, false));
+    libraries_["S1"]->refuses = true;
+    std::string id;
+    std::vector<ParameterValue> values;
+    EXPECT_EQ(read("S1"), "101, refused");
+    EXPECT_EQ(read("S4"), "101, refused");
+    EXPECT_THROW(dbil_->RealtimeDB().ReadParameterValues("S4", values), RuntimeError);
+    EXPECT_THROW(dbil_->RealtimeDB().InsertMessage(id, "S1", "", "", "", "", ""), RuntimeError);
+    EXPECT_EQ(libraries_["S1"]->attempts, 1);
+}
+
 // As at start-up, when a site takes its time to be loaded.
 TEST_F(SitesSideBySideTest, SitesThatFirstAskedApartAreReadTogetherFromTheFirstTickOn) {
     setUp();
