@@ -67,17 +67,6 @@ TEST(Arguments, ChannelsAreWholeNumbersWithOrWithoutTheirLetter) {
     }
 }
 
-TEST(Arguments, OptionsMayStandAnywhere) {
-    const Request request = parse({"--json", "write", "--yes", "7", "--priority", "1", "--site=NORTH", "--frequent",
-                                   "--ini", "a.ini", "--require-aoe", "--requestor", "Shift 2", "--allow-empty"});
-    EXPECT_TRUE(request.json && request.yes && !request.verbose);
-    EXPECT_EQ(request.site, "NORTH");
-    EXPECT_EQ(request.ini, "a.ini");
-    EXPECT_EQ(request.requestor, "Shift 2");
-    const auto& write = std::get<WriteCommand>(request.command);
-    EXPECT_TRUE(write.isTimeSensitive && write.isFrequent && write.requiresAutoOutput && write.allowsEmpty);
-}
-
 TEST(Arguments, WaitTakesTheNumberThatFollows) {
     EXPECT_EQ(parsed<RefreshCommand>({"refresh", "12"}).waitSeconds, std::nullopt);
     EXPECT_EQ(parsed<RefreshCommand>({"refresh", "12", "--wait", "5"}).waitSeconds, 5);
@@ -89,12 +78,6 @@ TEST(Arguments, WaitTakesTheNumberThatFollows) {
     for (const char* seconds : {"--wait=0", "--wait=-1", "--wait=1.5", "--wait=86401"}) {
         EXPECT_THAT(refused({"refresh", "12", seconds}), HasSubstr("--wait must be")) << seconds;
     }
-}
-
-TEST(Arguments, ListsTakeBlocksAndAPID) {
-    const auto list = parsed<ListCommand>({"list", "700", "--blocks", "2", "--block-length", "10"});
-    EXPECT_EQ((std::array{list.channel, list.blocks, list.blockLength, list.pid}), (std::array{700, 2, 10, 0}));
-    EXPECT_EQ(parsed<ListCommand>({"list", "700", "--pid", "1-001-0-01-01"}).pid, 100100101);
 }
 
 TEST(Arguments, WhatIsNotUnderstoodIsNamed) {

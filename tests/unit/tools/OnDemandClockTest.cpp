@@ -26,22 +26,5 @@ TEST(OnDemandClock, PeriodsAddUpToTheTimeGoneBy) {
     EXPECT_EQ(periods, (std::vector<std::int32_t>{46, 1, 2, 1, 0, 31}));
 }
 
-TEST(OnDemandClock, CancelledDisabledAndForgottenIntervalsStaySilent) {
-    OnDemandClock clock;
-    int expiries = 0;
-    const auto count = [&](std::int32_t, const Variant&, Date, bool) { ++expiries; };
-    auto interval = clock.CreateInterval(20, 0, Variant(), "read", false, false, true, 1000, 0);
-    interval->OnIntervalExpired(count);
-    clock.expire();
-    interval->SetIntervalEnabled(true);
-    clock.expire();
-    EXPECT_EQ(expiries, 1);
-    interval->CancelInterval(true);
-    clock.expire();
-    interval.reset();
-    clock.expire();
-    EXPECT_EQ(expiries, 1);
-}
-
 }  // namespace
 }  // namespace quelm::tools

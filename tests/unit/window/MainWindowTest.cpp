@@ -1,4 +1,4 @@
-// The main window on a display that records what is asked of it, and on none.
+// The main window on a display that records what is asked of it.
 
 #include "window/MainWindow.h"
 
@@ -11,7 +11,6 @@ namespace quelm {
 namespace {
 
 using testing::ElementsAre;
-using testing::IsEmpty;
 
 using Journal = std::vector<std::string>;
 
@@ -30,14 +29,14 @@ struct RecordingDisplay : IWindowDisplay {
 };
 
 struct MainWindowTest : testing::Test {
-    MainWindow make(bool displayThere, bool builtWithDisplays = true) {
-        OpenDisplay open = [this, displayThere](const std::vector<std::string>& lines, DisplayEvents events) {
+    MainWindow make() {
+        OpenDisplay open = [this](const std::vector<std::string>& lines, DisplayEvents events) {
             journal.push_back("open");
             display = std::move(events);
-            return displayThere ? std::make_unique<RecordingDisplay>(journal, lines) : nullptr;
+            return std::make_unique<RecordingDisplay>(journal, lines);
         };
         return {loop,
-                builtWithDisplays ? open : nullptr,
+                open,
                 {.closeRequested = [this] { journal.push_back("close requested"); },
                  .closed = [this] { journal.push_back("closed"); },
                  .noDisplay = [this](std::string_view) { journal.push_back("no display"); },
@@ -49,44 +48,8 @@ struct MainWindowTest : testing::Test {
     DisplayEvents display;
 };
 
-TEST_F(MainWindowTest, TheDisplayOpensOnceItIsNeededAndIsToldOfEveryLine) {
-    MainWindow window = make(true);
-    window.Hide();
-    window.lvMessages().Add("first");
-    window.Refresh();
-    EXPECT_THAT(journal, IsEmpty());
-    window.Show();
-    window.lvMessages().Add("second");
-    EXPECT_EQ(window.lvMessages().Count(), 2);
-    window.Refresh();
-    window.Show();
-    display.closeRequested();
-    window.Close();
-    window.Close();
-    EXPECT_THAT(journal, ElementsAre("open", "show", "line second", "refresh", "show", "close requested", "hide",
-                                     "closed", "hide"));
-}
-
-TEST_F(MainWindowTest, WithoutADisplayTheLinesArePrintedAndTheReasonIsGivenOnce) {
-    for (const bool builtWithDisplays : {true, false}) {
-        journal.clear();
-        MainWindow window = make(false, builtWithDisplays);
-        window.lvMessages().Add("first");
-        testing::internal::CaptureStderr();
-        window.Show();
-        window.lvMessages().Add("second");
-        window.Show();
-        EXPECT_EQ(testing::internal::GetCapturedStderr(), "first\nsecond\n");
-        EXPECT_EQ(journal, builtWithDisplays ? (Journal{"open", "no display"}) : Journal{});
-        testing::internal::CaptureStdout();
-        window.ShowInformationBox("Title", "a\r\nb");
-        EXPECT_EQ(testing::internal::GetCapturedStdout(), "Title\n\na\nb\n");
-        EXPECT_FALSE(window.boxOpen());
-    }
-}
-
 TEST_F(MainWindowTest, TheBoxOfAWindowThatIsNotShownClosesIt) {
-    MainWindow window = make(true);
+    MainWindow window = make();
     window.ShowInformationBox("Title", "text");
     EXPECT_TRUE(window.boxOpen());
     display.boxDismissed();
@@ -100,7 +63,7 @@ TEST_F(MainWindowTest, TheBoxOfAWindowThatIsNotShownClosesIt) {
 }
 
 TEST_F(MainWindowTest, ALostDisplayLeavesThePrintedListAndIsNotWaitedFor) {
-    MainWindow window = make(true);
+    MainWindow window = make();
     window.Show();
     window.lvMessages().Add("first");
     journal.clear();
@@ -113,7 +76,7 @@ TEST_F(MainWindowTest, ALostDisplayLeavesThePrintedListAndIsNotWaitedFor) {
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "first\nsecond\n");
     EXPECT_THAT(journal, ElementsAre("display lost"));
 
-    MainWindow waiting = make(true);
+    MainWindow waiting = make();
     waiting.ShowInformationBox("Title", "text");
     journal.clear();
     display.lost();

@@ -190,19 +190,5 @@ TEST(XmlDomTest, ListsKeepDocumentOrderAndTheirDocument) {
     EXPECT_EQ(rootOf("<a/>").selectNodes("b").length(), 0U);
 }
 
-TEST(XmlDomTest, Settings) {
-    XmlDocument document = XmlDocument::create();
-    ASSERT_TRUE(document.loadXML("<a> <b/> </a>"));
-    EXPECT_EQ(document.documentElement().text(), "  ") << "a new document keeps white space";
-    document.setProperty("NewParser", true);
-    document.setProperty("NormalizeAttributeValues", true);
-    EXPECT_THROW(document.setAsync(true), RuntimeError);
-    EXPECT_THROW(document.setValidateOnParse(true), RuntimeError);
-    EXPECT_THROW(document.setResolveExternals(true), RuntimeError);
-    EXPECT_THROW(document.setProperty("NormalizeAttributeValues", false), RuntimeError);
-    EXPECT_THROW(document.setProperty("ProhibitDTD", true), RuntimeError);
-    EXPECT_THROW(XmlDocument().loadXML("<a/>"), RuntimeError);
-}
-
 }  // namespace
 }  // namespace quelm
