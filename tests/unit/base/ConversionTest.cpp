@@ -143,16 +143,5 @@ TEST(ConversionTest, NaturalTexts) {
     EXPECT_EQ(raisedBy([] { toText(Variant(std::vector<std::string>{})); }), errors::typeMismatch);
 }
 
-TEST(VariantTest, EqualityIsIdentityOfKindAndContents) {
-    const auto object = std::make_shared<VariantObject>();
-    EXPECT_EQ(Variant(object), Variant(object));
-    EXPECT_FALSE(Variant(object) == Variant(std::make_shared<VariantObject>()));
-    EXPECT_EQ(Variant(std::nan("")), Variant(std::nan("")));
-    EXPECT_FALSE(Variant(std::int16_t{1}) == Variant(std::int32_t{1}));
-    EXPECT_FALSE(Variant() == Variant::null());
-    EXPECT_EQ(Variant(std::vector<std::string>{"a", ""}), Variant(std::vector<std::string>{"a", ""}));
-    EXPECT_FALSE(Variant(Decimal::fromText("1")) == Variant(Decimal::fromText("-1")));
-}
-
 }  // namespace
 }  // namespace quelm

@@ -42,13 +42,6 @@ TEST(TextTest, FoldsEveryScript) {
     }
 }
 
-TEST(TextTest, FoldingIsStable) {
-    for (char32_t codePoint = 0; codePoint < 0x20000; ++codePoint) {
-        const char32_t folded = foldCase(codePoint);
-        ASSERT_EQ(foldCase(folded), folded) << std::hex << static_cast<std::uint32_t>(codePoint);
-    }
-}
-
 TEST(TextTest, CountsCharactersNotBytes) {
     EXPECT_EQ(characterCount("äß漢\U0001F600"), 4U);
     EXPECT_EQ(leftCharacters("äß漢x", 2), "äß");
@@ -78,19 +71,6 @@ TEST(UtfTest, BrokenSequencesBecomeTheReplacement) {
     }
     EXPECT_EQ(utf16ToUtf8(std::u16string{u'a', char16_t{0xD800}, u'b', char16_t{0xDC00}}), "a\uFFFDb\uFFFD");
     EXPECT_EQ(utf16ToUtf8(u"\U0001F600"), "\U0001F600");
-}
-
-TEST(CollectionTest, KeysIgnoreCaseAndStayUnique) {
-    Collection<int> items;
-    items.Add(1, "Straße");
-    items.Add(2);
-    items.Add(3, std::string(100, 'Q'));
-    EXPECT_EQ(*items.Find("straße"), 1);
-    EXPECT_EQ(items.Item(std::string(100, 'q')), 3);
-    EXPECT_EQ(items.Find("missing"), nullptr);
-    EXPECT_EQ(test::raisedBy([&] { items.Add(4, "sTRAßE"); }), errors::duplicateKey);
-    EXPECT_EQ(items.Count(), 3U);
-    EXPECT_EQ(test::raisedBy([&] { items.Item("missing"); }), errors::invalidCall);
 }
 
 }  // namespace

@@ -108,14 +108,5 @@ TEST(CommandLineFunctionsTest, DateMode) {
     }
 }
 
-TEST(CommandLineFunctionsTest, KeywordOffsets) {
-    const std::pair<const char*, std::int32_t> cases[] = {{"today-1", -1},  {"today- 12 ", -12}, {"today", 0},
-                                                          {"today--5", 0},  {"today-x", 0},      {"now-3.5", -4},
-                                                          {"today-1-2", -1}};
-    for (const auto& [text, offset] : cases) {
-        EXPECT_EQ(GetKeywordOffset(text), offset) << text;
-    }
-}
-
 }  // namespace
 }  // namespace quelm

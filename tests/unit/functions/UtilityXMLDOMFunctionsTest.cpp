@@ -26,27 +26,6 @@ TEST(UtilityXMLDOMFunctionsTest, DocumentsThatDoNotParse) {
     }
 }
 
-TEST(UtilityXMLDOMFunctionsTest, Fragments) {
-    struct Case {
-        const char *fragment, *xpath, *text;
-    };
-    const Case cases[] = {
-        {"", ".", ""},
-        {"<a>1</a><b>2</b>", "b", "2"},
-        {"<a>$1 $$</a>$", "a", "$1 $$"},
-        {"text only", ".", "text only"},
-        {"<a> 12.5 </a>", "a", "12.5"},
-        {"<a>1</a>", "c", ""},
-    };
-    for (const Case& c : cases) {
-        Messages messages;
-        const XmlDocument document = LoadXMLFragment(&messages, c.fragment);
-        ASSERT_FALSE(document.isNothing()) << c.fragment;
-        EXPECT_EQ(GetNodeText(document.documentElement(), c.xpath), c.text) << c.fragment;
-        EXPECT_THAT(messages.lines, IsEmpty());
-    }
-}
-
 TEST(UtilityXMLDOMFunctionsTest, AFragmentThatDoesNotParseIsReportedTwice) {
     for (const std::string fragment : {"<a>", "</Z76335016_A23E_E011_A164_0019B97C8595><b>", "ä&"}) {
         Messages messages;
@@ -57,18 +36,6 @@ TEST(UtilityXMLDOMFunctionsTest, AFragmentThatDoesNotParseIsReportedTwice) {
                                 "4 XMLDOM-0005: Cannot parse XML fragment; " + TruncateText(fragment, 40)));
         EXPECT_TRUE(LoadXMLFragment(nullptr, fragment).isNothing());
     }
-}
-
-TEST(UtilityXMLDOMFunctionsTest, NodeAndAttributeTexts) {
-    const XmlDocument document = LoadXMLDocument(nullptr, "<CSV separator=' , ' empty=''>1<b>x</b></CSV>");
-    const XmlNode root = document.documentElement();
-    EXPECT_EQ(GetAttributeText(root, "separator"), ",");
-    EXPECT_EQ(GetAttributeText(root, "empty"), "");
-    EXPECT_EQ(GetAttributeText(root, "missing"), "");
-    EXPECT_EQ(GetAttributeText(XmlNode(), "separator"), "");
-    EXPECT_EQ(GetNodeText(XmlNode(), "b["), "");
-    EXPECT_THROW(GetNodeText(root, "b["), RuntimeError);
-    EXPECT_THROW(GetNodeDate(root, "b["), RuntimeError);
 }
 
 TEST(UtilityXMLDOMFunctionsTest, Dates) {
