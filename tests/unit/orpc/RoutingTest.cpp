@@ -110,18 +110,6 @@ TEST_F(Routing, FlagsOfTheCallHeader) {
     }
 }
 
-TEST_F(Routing, BindingIsPossibleToWhatAClassKnowsAndToComItself) {
-    for (const Uuid& iid : {iidServer, iidUnknown, iidRemUnknown, iidRemUnknown2, iidClassFactory}) {
-        EXPECT_TRUE(objects.supports(iid, 0, 0) && !objects.supports(iid, 1, 0)) << iid.toText();
-        EXPECT_FALSE(activation.supports(iid, 0, 0)) << iid.toText();
-    }
-    for (const Uuid& iid : {iidActivation, iidRemoteScmActivator, iidObjectExporter}) {
-        EXPECT_TRUE(activation.supports(iid, 0, 0) && !activation.supports(iid, 1, 0)) << iid.toText();
-        EXPECT_FALSE(objects.supports(iid, 0, 0)) << iid.toText();
-    }
-    EXPECT_FALSE(objects.supports(iidNobody, 0, 0));
-}
-
 TEST_F(Routing, ACallAllocatesNothingOnItsWayToTheObject) {
     const Uuid ipid = activate();
     const rpc::Peer client = peer(2);

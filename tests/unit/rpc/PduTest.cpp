@@ -61,14 +61,5 @@ TEST(PduBind, DecodesWholeOnlyAndNeverReadsBeyond) {
     EXPECT_TRUE(parseBind(whole));
 }
 
-TEST(PduReplies, HaveTheDocumentedBytes) {
-    Data out;
-    appendFault(out, 0x11223344, 2, 5, flagDidNotExecute);
-    EXPECT_HEX(out, "05000323 10000000 20000000 44332211 08000000 02000000 05000000 00000000");
-    out.clear();
-    appendBindNak(out, 7, nakProtocolVersion);
-    EXPECT_HEX(out, "05000D03 10000000 18000000 07000000 0400 01 05 00 000000");
-}
-
 }  // namespace
 }  // namespace quelm::dcom::rpc::test

@@ -135,20 +135,6 @@ TEST_P(EachProtection, CancelsAndOrphansMayBeSigned) {
     EXPECT_EQ(connection->closing(), level != 2);
 }
 
-TEST_P(EachProtection, CallsArePutTogether) {
-    const unsigned level = GetParam();
-    NtlmLogOn client;
-    logOn(client, level, 1);
-    const auto send = [&](unsigned flags, const char* stub) {
-        const CallParts parts{.callId = 2, .opnum = 3, .stub = fromHex(stub), .flags = flags};
-        return exchange(protectedRequest(parts, level, 1, client)).size();
-    };
-    EXPECT_EQ(send(flagFirst, "0102030405060708"), 0U);
-    EXPECT_EQ(send(0, "1112131415161718"), 0U);
-    EXPECT_EQ(send(flagLast, "21"), 1U);
-    EXPECT_THAT(handler.calls, ElementsAre(testing::EndsWith("0102030405060708111213141516171821")));
-}
-
 TEST_P(EachProtection, RepliesAreCutToWhatTheClientTakes) {
     const unsigned level = GetParam();
     const std::size_t piece = level == 2 ? 1408 : 1376;
@@ -309,12 +295,13 @@ TEST_F(RpcFixture, ChangedOrRepeatedMessagesEndTheConnection) {
         const struct {
             const char* name;
             std::size_t flip;  // bit of which byte; 0: none, and the message is sent twice
-        } cases[] = {{"opnum", 22}, {"stub", 24}, {"padding length", 30}, {"signature", 40}, {"repeated", 0}};
+        } cases[] = {{"opnum", 22}, {"object", 27}, {"stub", 40}, {"padding", 46}, {"signature", 56}, {"repeated", 0}};
         for (const auto& entry : cases) {
             reconnect();
             NtlmLogOn client;
             logOn(client, level, 1);
-            Data call = protectedRequest({.callId = 2, .opnum = 3, .stub = fromHex("01020304")}, level, 1, client);
+            const CallParts parts{.callId = 2, .opnum = 3, .stub = fromHex("01020304"), .object = interfaceB};
+            Data call = protectedRequest(parts, level, 1, client);
             if (entry.flip == 0) {
                 expectOne(call, PduType::Response);
                 handler.calls.clear();
