@@ -1,5 +1,4 @@
-// The texts in which tag definitions and I/O servers give parameter numbers, channel numbers, numbers and dates, and
-// the text functions that take them apart.
+// The texts in which tag definitions and I/O servers give parameter numbers, channel numbers, numbers and dates.
 
 #include <cmath>
 
@@ -7,7 +6,6 @@
 #include "OPC/OPC DA Server/IOChannelIDFunctions.h"
 #include "OPC/OPC DA Server/PIDFunctions.h"
 #include "OPC/OPC DA Server/TextConversionFunctions.h"
-#include "OPC/OPC DA Server/UtilityFunctions.h"
 #include "base/Conversion.h"
 #include "base/Text.h"
 
@@ -83,31 +81,6 @@ void checkDouble(double number) {
     }
 }
 
-void checkTexts(std::string_view text, Input& input) {
-    const std::string start = input.text();
-    const std::string end = input.text();
-    const auto position = static_cast<std::int16_t>(input.u16());
-    const auto mode = (position & 1) != 0 ? CompareMode::Exact : CompareMode::IgnoreCase;
-    mayRaise({errors::invalidCall}, "a start below 1 and nothing else", [&] {
-        std::int32_t next = 0;
-        std::int32_t found = 0;
-        const std::string between = GetTextBetween(text, start, end, position, mode, next, found);
-        require(text.find(between) != std::string_view::npos, "what stands between stands in the text");
-        require(found >= 0 && next >= 0, "positions are never negative");
-    });
-    const std::int32_t width = position % 1000;
-    for (const bool left : {false, true}) {
-        const std::string padded = PadText(text, width, left, true);
-        if (width >= 0) {
-            require(characterCount(padded) == static_cast<std::size_t>(width), "padded to its width");
-        }
-        require(characterCount(PadText(text, width, left, false)) >= characterCount(text), "nothing is cut");
-    }
-    TruncateText(text, width);
-    StripQuotes(text);
-    require(foldCase(foldCase(text)) == foldCase(text), "folding twice is folding once");
-}
-
 }  // namespace
 
 void runInput(Input input) {
@@ -122,7 +95,6 @@ void runInput(Input input) {
     checkPid(pid);
     checkDouble(number);
     checkConversions(text.text());
-    checkTexts(text.text(), input);
 }
 
 }  // namespace quelm::fuzz
