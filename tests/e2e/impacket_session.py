@@ -145,13 +145,9 @@ class Interface:
 class Client:
     LEVELS = {'connect': 2, 'integrity': 5, 'privacy': 6}
 
-    def connect(self, address, user, password, domain='DEMO', level='privacy', objectPort=None):
-        """objectPort: where the objects are called instead of where the server says."""
+    def connect(self, address, user, password, domain='DEMO', level='privacy'):
         self.connection = dcomrt.DCOMConnection(address, user, password, domain, authLevel=self.LEVELS[level])
         pointer = self.connection.CoCreateInstanceEx(string_to_bin(CLASS_ID), string_to_bin(IOPC_SERVER))
-        if objectPort is not None:
-            for binding in pointer.get_cinstance().get_string_bindings():
-                binding['aNetworkAddr'] = f'{address}[{objectPort}]\0'
         self.server = Interface(pointer, IOPC_SERVER)
 
     def status(self):

@@ -2,65 +2,24 @@
 
 import itertools
 import os
-import random
 import resource
 import socket
 import struct
-import threading
 import time
 import unittest
 import uuid
-from contextlib import suppress
 
 from impacket.dcerpc.v5 import transport
 from impacket.uuid import uuidtup_to_bin
 
 from harness import ClientError, SiteTest, wait_for
-from raw_rpc import (ACCESS_DENIED, ACTIVATION, ACTIVATOR, ALTER_CONTEXT, AUTH3, BIND, BIND_ACK, BIND_NAK, FAULT, FIRST, LAST,
-                     OBJECT, OBJECT_EXPORTER, OBJECTS, REM_UNKNOWN, REQUEST, RESPONSE, Raw, bind, messages, pdu, request,
-                     status_of)
+from raw_rpc import (ACCESS_DENIED, ACTIVATION, ACTIVATOR, BIND, BIND_ACK, BIND_NAK, FAULT, FIRST, LAST, OBJECT_EXPORTER,
+                     OBJECTS, REM_UNKNOWN, REQUEST, RESPONSE, Raw, bind, pdu, request, status_of)
 
 SERVER_ALIVE = 3
 INTERFACE = {ACTIVATION: OBJECT_EXPORTER, OBJECTS: REM_UNKNOWN}
 
 MAX_CONNECTIONS = 512
-
-
-class Between(threading.Thread):
-    """A device between client and server that hands on messages, and tampers with one call when told to."""
-
-    def __init__(self, address, port):
-        super().__init__(daemon=True)
-        self.server = (address, port)
-        self.listener = socket.create_server((address, 0))
-        self.port = self.listener.getsockname()[1]
-        self.tamper = None  # bytes of a request -> bytes to send instead; used once
-        self.closed_by_server = threading.Event()
-        self.start()
-
-    def run(self):
-        with suppress(OSError):  # until it is closed
-            while True:
-                client, _ = self.listener.accept()
-                server = socket.create_connection(self.server)
-                for ends in ((client, server, True), (server, client, False)):
-                    threading.Thread(target=self.forward, args=ends, daemon=True).start()
-
-    def forward(self, source, target, to_server):
-        with suppress(OSError):  # one side has gone; so shall the other
-            for message in messages(source):
-                if to_server and self.tamper and message[2] == REQUEST:
-                    message, self.tamper = self.tamper(message), None
-                target.sendall(message)
-        if not to_server:
-            self.closed_by_server.set()
-        for end in (source, target):
-            with suppress(OSError):
-                end.shutdown(socket.SHUT_RDWR)
-
-    def close(self):
-        self.listener.shutdown(socket.SHUT_RDWR)
-        self.listener.close()
 
 
 class Wire(SiteTest):
@@ -93,28 +52,15 @@ class BadMessages(Wire):
         begun = request(SERVER_ALIVE, flags=FIRST)
         cases = [
             ('another protocol', b'GET / HTTP/1.1\r\nHost: x\r\n\r\n', [], 'not RPC version 5'),
-            ('version 4', pdu(BIND, large[:40], version=4), [BIND_NAK], 'not RPC version 5'),
             ('big endian', pdu(BIND, large[:40], representation=0), [BIND_NAK], 'data representation'),
-            ('length beyond all bounds', pdu(BIND, length=0xFFFF), [BIND_NAK], "a message's length is out of range"),
             ('length of nothing', pdu(REQUEST, length=0), [], "a message's length is out of range"),
-            ('length inside the header', pdu(REQUEST, length=15), [], "a message's length is out of range"),
             ('call before bind', request(SERVER_ALIVE), [FAULT], 'it did not bind first'),
-            ('change of context before bind', bind(kind=ALTER_CONTEXT), [FAULT], 'it did not bind first'),
-            ('log-on before bind', pdu(AUTH3, large[:40]), [FAULT], 'the end of its log-on is malformed'),
-            ("a server's message", pdu(RESPONSE, large[:8]), [FAULT], 'a message that no client may send'),
             ('bind without contexts that it counts', pdu(BIND, struct.pack('<HHIBBH', 5840, 5840, 0, 200, 0, 0)),
              [BIND_NAK], 'a bind message is malformed'),
-            ('bind with a log-on larger than itself', pdu(BIND, bind(OBJECT_EXPORTER)[16:], auth=0xFFF0), [BIND_NAK],
-             'a bind message is malformed'),
         ]
         behind_bind = [
-            ('call without its header', pdu(REQUEST, b'\0\0\0\0'), 'a call is malformed'),
-            ('call with half an object', pdu(REQUEST, bytes(12), FIRST | LAST | OBJECT), 'a call is malformed'),
             ('log-on larger than its call', pdu(REQUEST, bytes(20), auth=4000), 'a call is malformed'),
-            ('end without beginning', request(SERVER_ALIVE, flags=LAST), 'out of order'),
             ('beginning twice', begun * 2, 'out of order'),
-            ('whole call within a call', begun + request(SERVER_ALIVE), 'out of order'),
-            ('two calls mixed', begun + request(SERVER_ALIVE, flags=LAST, call=3), 'mixed'),
         ]
         for port in (ACTIVATION, OBJECTS):
             hello = bind(INTERFACE[port])
@@ -167,66 +113,6 @@ class BadMessages(Wire):
             self.assertEqual(status_of(connection.receive()), ACCESS_DENIED)
         self.assert_good_client_went_on()
 
-    def test_cut_and_mangled_messages(self):
-        random.seed(20261122)
-        before = self.descriptors()
-        for port in (ACTIVATION, OBJECTS):
-            good = bind(INTERFACE[port]) + request(SERVER_ALIVE, bytes(24), target=uuid.uuid4())
-            damaged = [good[:at] for at in range(0, len(good), 3)]
-            for _ in range(300):
-                mangled = bytearray(good)
-                for _ in range(random.choice((1, 1, 2, 5, 40))):
-                    mangled[random.randrange(len(mangled))] = random.choice(
-                        (0, 1, 0x7F, 0x80, 0xFF, random.randrange(256)))
-                damaged.append(bytes(mangled) + random.randbytes(random.randrange(200)))
-            for message in damaged:
-                connection = Raw(self.site.address, port)
-                with suppress(OSError):  # closed early, as it may be
-                    connection.send(message).socket.shutdown(socket.SHUT_WR)
-                    list(connection.messages)
-                connection.close()
-        wait_for('descriptors given back', lambda: self.descriptors() <= before)
-        self.assert_good_client_went_on()
-
-
-def altered(position):
-    def change(message):
-        changed = bytearray(message)
-        changed[position] ^= 0x10
-        return bytes(changed)
-    return change
-
-
-def stripped(message):
-    """Without padding, its trailer and the signature."""
-    return pdu(REQUEST, message[16:-24], message[3], struct.unpack_from('<I', message, 12)[0])
-
-
-class Tampering(Wire):
-    def test_repeated_and_altered_calls_end_their_connection(self):
-        own_object, stub, signature = 24 + 3, 24 + 16 + 5, -3
-        wrong = "a message's signature is wrong"
-        for level in ('integrity', 'privacy'):
-            for name, tamper, reason in (
-                    ('repeated', lambda message: message + message, wrong), ('stub altered', altered(stub), wrong),
-                    ('object altered', altered(own_object), wrong), ('signature altered', altered(signature), wrong),
-                    ('unprotected', stripped, 'a call lacks the protection that its log-on promised')):
-                with self.subTest(level=level, case=name), self.refused(f"'DEMO\\operator', level {level}: {reason}"):
-                    device = Between(self.site.address, OBJECTS)
-                    self.addCleanup(device.close)
-                    client = self.client(items=['North.Stack1.NOx'], level=level, objectPort=device.port)
-                    client('read')
-                    device.tamper = tamper
-                    if name == 'repeated':
-                        self.assertEqual(client('read')['errors'], [0], 'once it is a call like any other')
-                    else:
-                        with self.assertRaises(ClientError):
-                            client('read')
-                    if reason == wrong:
-                        self.assertTrue(device.closed_by_server.wait(10))
-        self.assert_good_client_went_on()
-
-
 class DeadObjects(Wire):
     def test_what_is_gone_or_never_was_fails_alone(self):
         gone, other = (self.client(items=['North.Stack1.NOx']) for _ in range(2))
@@ -258,8 +144,7 @@ class Pings(Wire):
 
     def setUp(self):
         SiteTest.setUp(self)
-        self.site.edit('dcom.conf', ('[Clients]', f'[Clients]\nPingTimeout = {self.TIMEOUT}'),
-                       ('password:stack-7', 'password:stack-7\nDEMO\\thief = password:other-7'))
+        self.site.edit('dcom.conf', ('[Clients]', f'[Clients]\nPingTimeout = {self.TIMEOUT}'))
         self.site.start().started()
         self.good = self.steady()
 
@@ -294,15 +179,6 @@ class Pings(Wire):
         self.assertEqual(len(gone), 1, gone)
         self.assert_good_client_went_on()
 
-    def test_another_accounts_objects_are_out_of_reach(self):
-        owner = self.client(items=['North.Stack1.NOx'])
-        thief = self.client(user='thief', password='other-7')
-        answer = thief.raw('raw', on='server', opnum=6, stub='', ipid=owner('ipid', on='server'))
-        self.assertIn('ACCESS_DENIED', answer.get('error', '').upper())
-        self.site.wait_error('(DEMO\\thief) was refused an object that another account holds')
-        self.assertEqual(owner('read')['errors'], [0])
-
-
 class Crowds(Wire):
     def setUp(self):
         # The tests side by side share this process's descriptors.
@@ -336,25 +212,6 @@ class Crowds(Wire):
             sizes.append(self.memory())
         self.assertLess(sizes[-1] - sizes[0], 2048, sizes)
         self.assert_good_client_went_on()
-
-    def test_a_client_that_takes_no_replies_costs_little(self):
-        descriptors, memory = self.descriptors(), self.memory()
-        deaf = [Raw(self.site.address, ACTIVATION) for _ in range(4)]
-        call = request(SERVER_ALIVE) * 500
-        for connection in deaf:
-            connection.socket.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4096)
-            connection.send(bind(OBJECT_EXPORTER)).socket.settimeout(1)
-            sent = 0
-            with self.assertRaises(TimeoutError):
-                while sent < 200 << 20:
-                    sent += connection.socket.send(call)
-            self.assertLess(sent, 64 << 20, 'calls are taken without end')
-        self.assertLess(self.memory() - memory, 4096)
-        for connection in deaf:
-            connection.close()
-        wait_for('descriptors given back', lambda: self.descriptors() <= descriptors)
-        self.assert_good_client_went_on()
-
 
 if __name__ == '__main__':
     unittest.main()
