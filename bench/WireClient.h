@@ -23,7 +23,6 @@
 
 namespace quelm::bench {
 
-using dcom::Uuid;
 using Bytes = std::vector<std::uint8_t>;
 namespace rpc = dcom::rpc;
 

@@ -13,7 +13,7 @@
 #include <string>
 #include <string_view>
 
-namespace quelm::dcom {
+namespace quelm {
 
 struct Uuid {
     std::array<std::uint8_t, 16> bytes{};
@@ -81,11 +81,11 @@ consteval Uuid operator""_uuid(const char* text, std::size_t size) {
 }
 }  // namespace literals
 
-}  // namespace quelm::dcom
+}  // namespace quelm
 
 template <>
-struct std::hash<quelm::dcom::Uuid> {
-    std::size_t operator()(const quelm::dcom::Uuid& uuid) const noexcept {
+struct std::hash<quelm::Uuid> {
+    std::size_t operator()(const quelm::Uuid& uuid) const noexcept {
         std::uint64_t low = 0;
         std::uint64_t high = 0;
         std::memcpy(&low, uuid.bytes.data(), 8);

@@ -15,7 +15,6 @@ namespace {
 
 namespace orpc = dcom::orpc;
 namespace wire = opcda::wire;
-using dcom::Uuid;
 using Object = std::shared_ptr<orpc::ComObject>;
 
 // A host that fills most of what it is asked for, and at times reports a failure.
@@ -38,8 +37,8 @@ class Host final : public ISLIKServerEvents {
 // Keeps what the client was given, as the exporter does: each object once, until the client lets go of it.
 class Client final : public wire::test::FakeContext {
  public:
-    dcom::HResult writeInterface(dcom::ndr::Writer& out, const Object& object, const Uuid& iid) override {
-        const dcom::HResult result = FakeContext::writeInterface(out, object, iid);
+    HResult writeInterface(dcom::ndr::Writer& out, const Object& object, const Uuid& iid) override {
+        const HResult result = FakeContext::writeInterface(out, object, iid);
         for (const Object& one : std::exchange(written, {})) {
             hold(one);
         }
@@ -78,9 +77,9 @@ class Plant {
         items.Add("Switch", 1, true, 0xC0, now);
         items.Add("Date", 1, now, 0xC0, now);
         items.Add("Empty", 1, Variant(), 0, now);
-        dcom::HResult result = dcom::S_OK;
+        HResult result = S_OK;
         client_.hold(wire::OpcClassFactory(application_).create(client_.peer(), client_.account(), result));
-        require(!dcom::failed(result) && control_.InUse(), "a client's object keeps the server in use");
+        require(!failed(result) && control_.InUse(), "a client's object keeps the server in use");
     }
     ~Plant() {
         while (client_.holdsAny()) {
@@ -125,7 +124,7 @@ class Plant {
         dcom::ndr::Writer out(reply_);
         const std::uint32_t fault = client_.statusOf(target.invoke(opnum, in, out, client_), reply_);
         require(fault != 0 || reply_.size() >= 12, "an answer holds a result");
-        require(fault == 0 || fault == dcom::faultBadStubData || fault == dcom::faultOpnumRange, "a known fault");
+        require(fault == 0 || fault == faultBadStubData || fault == faultOpnumRange, "a known fault");
         require(reply_.size() < 1000 * (stub.size() + 100), "a reply is of a sane length");
     }
 

@@ -14,7 +14,6 @@ namespace {
 
 namespace orpc = dcom::orpc;
 namespace rpc = dcom::rpc;
-using dcom::Uuid;
 
 constexpr Uuid classId = Uuid::parse("43FB6634-CC72-4EE9-A292-BEDF9FF018BD");
 constexpr Uuid iidDummy = Uuid::parse("39C13A4D-011E-11D0-9675-0020AFD8ADB3");
@@ -46,7 +45,7 @@ class Dummy final : public orpc::ComObject, public orpc::Interface {
                 out.bytes(in.bytes(in.remaining()));
                 return 0;
             default:
-                return dcom::faultOpnumRange;
+                return faultOpnumRange;
         }
     }
 
@@ -59,7 +58,7 @@ class Dummy final : public orpc::ComObject, public orpc::Interface {
 class DummyFactory final : public orpc::ClassFactory {
  public:
     Uuid classId() const override { return quelm::fuzz::classId; }
-    std::shared_ptr<orpc::ComObject> create(const rpc::Peer&, const std::string&, dcom::HResult&) override {
+    std::shared_ptr<orpc::ComObject> create(const rpc::Peer&, const std::string&, HResult&) override {
         return std::make_shared<Dummy>();
     }
     std::shared_ptr<void> holdServer() override { return std::make_shared<Dummy>(); }

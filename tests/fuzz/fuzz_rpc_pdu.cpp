@@ -23,10 +23,10 @@ class Handler final : public rpc::CallHandler {
  public:
     explicit Handler(rpc::AuthLevel minimum) : minimum_(minimum) {}
 
-    bool supports(const dcom::Uuid& interfaceId, std::uint16_t, std::uint16_t) override {
+    bool supports(const Uuid& interfaceId, std::uint16_t, std::uint16_t) override {
         return interfaceId == interfaceA || interfaceId == interfaceOpen;
     }
-    bool isOpenToAll(const dcom::Uuid& interfaceId) override { return interfaceId == interfaceOpen; }
+    bool isOpenToAll(const Uuid& interfaceId) override { return interfaceId == interfaceOpen; }
     std::uint32_t call(const rpc::Call& call, dcom::ndr::Writer& reply) override {
         require(supports(call.interfaceId, 0, 0), "a call goes to an interface that exists");
         if (call.interfaceId != interfaceOpen) {
@@ -44,7 +44,7 @@ class Handler final : public rpc::CallHandler {
         for (unsigned i = 0; i < copies; ++i) {
             reply.bytes(call.stub);
         }
-        return call.opnum == 3 ? dcom::faultOpnumRange : 0;
+        return call.opnum == 3 ? faultOpnumRange : 0;
     }
     void connectionClosed(const rpc::Peer&, bool) override {}
 

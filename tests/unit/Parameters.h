@@ -15,7 +15,7 @@ class Parameters {
     Parameters& u32(std::uint64_t value) { return number(value, 4); }
     Parameters& u64(std::uint64_t value) { return number(value, 8); }
     Parameters& f32(float value) { return u32(std::bit_cast<std::uint32_t>(value)); }
-    Parameters& uuid(const dcom::Uuid& value) { return align(4).add(value.bytes); }
+    Parameters& uuid(const Uuid& value) { return align(4).add(value.bytes); }
     // A wide string of ASCII; scripted clients leave out its NUL.
     Parameters& text(std::string_view ascii, bool withNul = true) {
         const std::size_t size = ascii.size() + (withNul ? 1 : 0);
@@ -33,9 +33,9 @@ class Parameters {
         }
         return *this;
     }
-    Parameters& array(std::span<const dcom::Uuid> values) {
+    Parameters& array(std::span<const Uuid> values) {
         u32(values.size());
-        for (const dcom::Uuid& value : values) {
+        for (const Uuid& value : values) {
             uuid(value);
         }
         return *this;

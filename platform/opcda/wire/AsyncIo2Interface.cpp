@@ -17,7 +17,7 @@ std::uint32_t AsyncIo2Interface::refuseNumber(Reader& in, Writer& out, dcom::orp
 }
 
 std::uint32_t AsyncIo2Interface::refuse(Reader& /*in*/, Writer& out, dcom::orpc::CallContext& /*context*/) {
-    out.u32(dcom::E_NOTIMPL);
+    out.u32(E_NOTIMPL);
     return 0;
 }
 

@@ -7,9 +7,9 @@
 
 namespace quelm::opcda::wire {
 
-using namespace dcom::literals;
+using namespace literals;
 
-inline constexpr dcom::Uuid iidOpcAsyncIo2 = "39C13A71-011E-11D0-9675-0020AFD8ADB3"_uuid;
+inline constexpr Uuid iidOpcAsyncIo2 = "39C13A71-011E-11D0-9675-0020AFD8ADB3"_uuid;
 
 enum class AsyncIo2 : std::uint16_t {
     Read = dcom::orpc::firstOpnum,
@@ -24,7 +24,7 @@ class OpcGroupObject;
 
 class AsyncIo2Interface final : public dcom::orpc::Dispatched<AsyncIo2Interface> {
  public:
-    static constexpr dcom::Uuid interfaceId = iidOpcAsyncIo2;
+    static constexpr Uuid interfaceId = iidOpcAsyncIo2;
     static constexpr std::string_view interfaceName = "IOPCAsyncIO2";
     using Opnum = AsyncIo2;
 

@@ -31,7 +31,7 @@ std::uint32_t BrowseInterface::changePosition(Server& server, Reader& in, Writer
     const std::uint16_t direction = in.u16();
     const std::string text = in.wideString();
     if (!in.good()) {
-        return dcom::faultBadStubData;
+        return faultBadStubData;
     }
     out.u32(server.browser().changePosition(direction, text));
     return 0;
@@ -43,7 +43,7 @@ std::uint32_t BrowseInterface::browseItemIds(Server& server, Reader& in, Writer&
     const VarType dataType = in.u16();
     const std::uint32_t accessRights = in.u32();
     if (!in.good()) {
-        return dcom::faultBadStubData;
+        return faultBadStubData;
     }
     NameEnumerator names;
     const HResult result = server.browser().browse(type, filter, dataType, accessRights, names);
@@ -53,7 +53,7 @@ std::uint32_t BrowseInterface::browseItemIds(Server& server, Reader& in, Writer&
 std::uint32_t BrowseInterface::getItemId(Server& server, Reader& in, Writer& out, CallContext& /*context*/) {
     const std::string name = in.wideString();
     if (!in.good()) {
-        return dcom::faultBadStubData;
+        return faultBadStubData;
     }
     std::string itemId;
     const HResult result = server.browser().itemId(name, itemId);
@@ -65,7 +65,7 @@ std::uint32_t BrowseInterface::getItemId(Server& server, Reader& in, Writer& out
 std::uint32_t BrowseInterface::browseAccessPaths(Server& server, Reader& in, Writer& out, CallContext& context) {
     const std::string itemId = in.wideString();
     if (!in.good()) {
-        return dcom::faultBadStubData;
+        return faultBadStubData;
     }
     NameEnumerator paths;
     const HResult result = server.browser().accessPaths(itemId, paths);

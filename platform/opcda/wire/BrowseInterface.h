@@ -6,9 +6,9 @@
 
 namespace quelm::opcda::wire {
 
-using namespace dcom::literals;
+using namespace literals;
 
-inline constexpr dcom::Uuid iidOpcBrowseServerAddressSpace = "39C13A4F-011E-11D0-9675-0020AFD8ADB3"_uuid;
+inline constexpr Uuid iidOpcBrowseServerAddressSpace = "39C13A4F-011E-11D0-9675-0020AFD8ADB3"_uuid;
 
 enum class Browse : std::uint16_t {
     QueryOrganization = dcom::orpc::firstOpnum,
@@ -20,7 +20,7 @@ enum class Browse : std::uint16_t {
 
 class BrowseInterface final : public ServerBoundInterface<BrowseInterface> {
  public:
-    static constexpr dcom::Uuid interfaceId = iidOpcBrowseServerAddressSpace;
+    static constexpr Uuid interfaceId = iidOpcBrowseServerAddressSpace;
     static constexpr std::string_view interfaceName = "IOPCBrowseServerAddressSpace";
     using Opnum = Browse;
 

@@ -11,7 +11,7 @@ std::uint32_t CommonInterface::setLocale(Server& server, Reader& in, Writer& out
                                          dcom::orpc::CallContext& /*context*/) {
     const std::uint32_t locale = in.u32();
     if (!in.good()) {
-        return dcom::faultBadStubData;
+        return faultBadStubData;
     }
     out.u32(server.setLocale(locale));
     return 0;
@@ -37,7 +37,7 @@ std::uint32_t CommonInterface::getErrorString(Server& server, Reader& in, Writer
                                               dcom::orpc::CallContext& /*context*/) {
     const HResult code = in.u32();
     if (!in.good()) {
-        return dcom::faultBadStubData;
+        return faultBadStubData;
     }
     std::string_view text;
     const HResult result = server.errorString(code, server.locale(), text);
@@ -50,7 +50,7 @@ std::uint32_t CommonInterface::setClientName(Server& server, Reader& in, Writer&
                                              dcom::orpc::CallContext& /*context*/) {
     const std::string name = in.wideString();
     if (!in.good()) {
-        return dcom::faultBadStubData;
+        return faultBadStubData;
     }
     server.setClientName(name);
     out.u32(S_OK);

@@ -6,9 +6,9 @@
 
 namespace quelm::opcda::wire {
 
-using namespace dcom::literals;
+using namespace literals;
 
-inline constexpr dcom::Uuid iidOpcCommon = "F31DFDE2-07B6-11D2-B2D8-0060083BA1FB"_uuid;
+inline constexpr Uuid iidOpcCommon = "F31DFDE2-07B6-11D2-B2D8-0060083BA1FB"_uuid;
 
 enum class Common : std::uint16_t {
     SetLocaleId = dcom::orpc::firstOpnum,
@@ -20,7 +20,7 @@ enum class Common : std::uint16_t {
 
 class CommonInterface final : public ServerBoundInterface<CommonInterface> {
  public:
-    static constexpr dcom::Uuid interfaceId = iidOpcCommon;
+    static constexpr Uuid interfaceId = iidOpcCommon;
     static constexpr std::string_view interfaceName = "IOPCCommon";
     using Opnum = Common;
 

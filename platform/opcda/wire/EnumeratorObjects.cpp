@@ -73,7 +73,7 @@ void writeAttributes(Writer& out, const ItemAttributes& item) {
 std::uint32_t EnumeratorObject::nextCall(Reader& in, Writer& out, CallContext& context) {
     const std::uint32_t count = in.u32();
     if (!in.good()) {
-        return dcom::faultBadStubData;
+        return faultBadStubData;
     }
     next(count, out, context);
     return 0;
@@ -82,7 +82,7 @@ std::uint32_t EnumeratorObject::nextCall(Reader& in, Writer& out, CallContext& c
 std::uint32_t EnumeratorObject::skipCall(Reader& in, Writer& out, CallContext& /*context*/) {
     const std::uint32_t count = in.u32();
     if (!in.good()) {
-        return dcom::faultBadStubData;
+        return faultBadStubData;
     }
     out.u32(skip(count) ? S_OK : S_FALSE);
     return 0;

@@ -14,11 +14,11 @@
 
 namespace quelm::opcda::wire {
 
-using namespace dcom::literals;
+using namespace literals;
 
-inline constexpr dcom::Uuid iidEnumUnknown = "00000100-0000-0000-C000-000000000046"_uuid;
-inline constexpr dcom::Uuid iidEnumString = "00000101-0000-0000-C000-000000000046"_uuid;
-inline constexpr dcom::Uuid iidEnumOpcItemAttributes = "39C13A55-011E-11D0-9675-0020AFD8ADB3"_uuid;
+inline constexpr Uuid iidEnumUnknown = "00000100-0000-0000-C000-000000000046"_uuid;
+inline constexpr Uuid iidEnumString = "00000101-0000-0000-C000-000000000046"_uuid;
+inline constexpr Uuid iidEnumOpcItemAttributes = "39C13A55-011E-11D0-9675-0020AFD8ADB3"_uuid;
 
 enum class Enumeration : std::uint16_t { Next = dcom::orpc::firstOpnum, Skip, Reset, Clone };
 
@@ -28,12 +28,12 @@ class EnumeratorObject : public dcom::orpc::ComObject, public dcom::orpc::Dispat
     // Bytes that one takes without its list: itself and the books about it.
     static constexpr std::size_t footprint = 1024;
 
-    dcom::orpc::Interface* queryInterface(const dcom::Uuid& iid) override { return iid == iid_ ? this : nullptr; }
+    dcom::orpc::Interface* queryInterface(const Uuid& iid) override { return iid == iid_ ? this : nullptr; }
     void disconnected() override {}
 
  protected:
     // memory: so much of the client's budget as the object takes.
-    EnumeratorObject(const dcom::Uuid& iid, Hold memory) : iid_(iid), memory_(std::move(memory)) {}
+    EnumeratorObject(const Uuid& iid, Hold memory) : iid_(iid), memory_(std::move(memory)) {}
     std::size_t memoryLeft() const { return memory_.room(); }
 
  private:
@@ -47,7 +47,7 @@ class EnumeratorObject : public dcom::orpc::ComObject, public dcom::orpc::Dispat
     std::uint32_t resetCall(dcom::ndr::Reader& in, dcom::ndr::Writer& out, dcom::orpc::CallContext& context);
     std::uint32_t cloneCall(dcom::ndr::Reader& in, dcom::ndr::Writer& out, dcom::orpc::CallContext& context);
 
-    dcom::Uuid iid_;
+    Uuid iid_;
     Hold memory_;
 
  public:
@@ -69,7 +69,7 @@ inline constexpr std::array enumeratorRows{
 template <class Self, class Element>
 class ListEnumerator : public EnumeratorObject {
  protected:
-    ListEnumerator(const dcom::Uuid& iid, Enumerator<Element> list, Hold memory)
+    ListEnumerator(const Uuid& iid, Enumerator<Element> list, Hold memory)
         : EnumeratorObject(iid, std::move(memory)), list_(std::move(list)) {}
     Enumerator<Element> list_;
 
@@ -115,7 +115,7 @@ class EnumOpcItemAttributes final : public ListEnumerator<EnumOpcItemAttributes,
 // Gives the client an enumerator over the list, whose making gave the result; the null pointer when that failed or the
 // client's budget has no room. Gives the call's result.
 template <class Object, class Element>
-HResult writeEnumerator(dcom::ndr::Writer& out, dcom::orpc::CallContext& context, const dcom::Uuid& iid, Hold memory,
+HResult writeEnumerator(dcom::ndr::Writer& out, dcom::orpc::CallContext& context, const Uuid& iid, Hold memory,
                         Enumerator<Element> list, HResult result) {
     if (failed(result) || !memory.resize(EnumeratorObject::footprint)) {
         out.nullPointer();

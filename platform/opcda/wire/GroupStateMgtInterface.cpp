@@ -50,7 +50,7 @@ std::uint32_t GroupStateMgtInterface::setState(Reader& in, Writer& out, dcom::or
     readOptional(in, change.localeId, [&in] { return in.u32(); });
     readOptional(in, change.clientHandle, [&in] { return in.u32(); });
     if (!in.good()) {
-        return dcom::faultBadStubData;
+        return faultBadStubData;
     }
     Group& group = object_.group();
     const HResult result = group.isRemoved() ? E_FAIL : group.setState(change);
@@ -62,7 +62,7 @@ std::uint32_t GroupStateMgtInterface::setState(Reader& in, Writer& out, dcom::or
 std::uint32_t GroupStateMgtInterface::setName(Reader& in, Writer& out, dcom::orpc::CallContext& /*context*/) {
     const std::string name = in.wideString();
     if (!in.good()) {
-        return dcom::faultBadStubData;
+        return faultBadStubData;
     }
     Group& group = object_.group();
     out.u32(group.isRemoved() ? E_FAIL : group.setName(name));
@@ -71,9 +71,9 @@ std::uint32_t GroupStateMgtInterface::setName(Reader& in, Writer& out, dcom::orp
 
 std::uint32_t GroupStateMgtInterface::cloneGroup(Reader& in, Writer& out, dcom::orpc::CallContext& context) {
     const std::string name = in.wideString();
-    const dcom::Uuid iid = in.uuid();
+    const Uuid iid = in.uuid();
     if (!in.good()) {
-        return dcom::faultBadStubData;
+        return faultBadStubData;
     }
     const auto owner = object_.owner();
     if (object_.group().isRemoved() || !owner || owner->server() == nullptr) {

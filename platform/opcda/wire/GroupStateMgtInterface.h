@@ -6,9 +6,9 @@
 
 namespace quelm::opcda::wire {
 
-using namespace dcom::literals;
+using namespace literals;
 
-inline constexpr dcom::Uuid iidOpcGroupStateMgt = "39C13A50-011E-11D0-9675-0020AFD8ADB3"_uuid;
+inline constexpr Uuid iidOpcGroupStateMgt = "39C13A50-011E-11D0-9675-0020AFD8ADB3"_uuid;
 
 enum class GroupStateMgt : std::uint16_t {
     GetState = dcom::orpc::firstOpnum,
@@ -21,7 +21,7 @@ class OpcGroupObject;
 
 class GroupStateMgtInterface final : public dcom::orpc::Dispatched<GroupStateMgtInterface> {
  public:
-    static constexpr dcom::Uuid interfaceId = iidOpcGroupStateMgt;
+    static constexpr Uuid interfaceId = iidOpcGroupStateMgt;
     static constexpr std::string_view interfaceName = "IOPCGroupStateMgt";
     using Opnum = GroupStateMgt;
 

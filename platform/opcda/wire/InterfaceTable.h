@@ -21,7 +21,7 @@ inline constexpr auto interfaceTable = [] {
     return all;
 }();
 
-constexpr bool isOpcInterface(const dcom::Uuid& iid) {
+constexpr bool isOpcInterface(const Uuid& iid) {
     return std::any_of(interfaceTable.begin(), interfaceTable.end(),
                        [&iid](const InterfaceRow& row) { return row.iid == iid; });
 }

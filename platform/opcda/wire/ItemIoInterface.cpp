@@ -77,7 +77,7 @@ std::uint32_t ItemIoInterface::read(Server& server, Reader& in, Writer& out, dco
     readStringArray(in, count, buffers->itemIds);
     readU32Array(in, count, buffers->numbers);
     if (!in.good()) {
-        return dcom::faultBadStubData;
+        return faultBadStubData;
     }
     buffers->views.assign(buffers->itemIds.begin(), buffers->itemIds.end());
     std::vector<ItemIOReading>& readings = buffers->readings;
@@ -107,7 +107,7 @@ std::uint32_t ItemIoInterface::writeVqt(Server& server, Reader& in, Writer& out,
     readStringArray(in, count, buffers->itemIds);
     skipVqts(in, count);
     if (!in.good()) {
-        return dcom::faultBadStubData;
+        return faultBadStubData;
     }
     buffers->views.assign(buffers->itemIds.begin(), buffers->itemIds.end());
     const auto reply = context.defer(out);

@@ -6,9 +6,9 @@
 
 namespace quelm::opcda::wire {
 
-using namespace dcom::literals;
+using namespace literals;
 
-inline constexpr dcom::Uuid iidOpcItemIo = "85C0B427-2893-4CBC-BD78-E5FC5146F08F"_uuid;
+inline constexpr Uuid iidOpcItemIo = "85C0B427-2893-4CBC-BD78-E5FC5146F08F"_uuid;
 
 enum class ItemIo : std::uint16_t {
     Read = dcom::orpc::firstOpnum,
@@ -17,7 +17,7 @@ enum class ItemIo : std::uint16_t {
 
 class ItemIoInterface final : public ServerBoundInterface<ItemIoInterface> {
  public:
-    static constexpr dcom::Uuid interfaceId = iidOpcItemIo;
+    static constexpr Uuid interfaceId = iidOpcItemIo;
     static constexpr std::string_view interfaceName = "IOPCItemIO";
     using Opnum = ItemIo;
 

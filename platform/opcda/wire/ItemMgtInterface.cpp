@@ -86,7 +86,7 @@ std::uint32_t ItemMgtInterface::addOrValidate(bool add, Reader& in, Writer& out)
             in.u32();  // whether to send blobs back: there are none
         }
         if (!in.good()) {
-            return dcom::faultBadStubData;
+            return faultBadStubData;
         }
         result = E_INVALIDARG;
         if (group_.isRemoved()) {
@@ -131,7 +131,7 @@ std::uint32_t ItemMgtInterface::forHandles(Reader& in, Writer& out, ReadMore rea
     readU32Array(in, count, buffers->handles);
     readMore(*buffers);
     if (!in.good()) {
-        return dcom::faultBadStubData;
+        return faultBadStubData;
     }
     HResult result = E_INVALIDARG;
     if (group_.isRemoved()) {
@@ -181,9 +181,9 @@ std::uint32_t ItemMgtInterface::setDatatypes(Reader& in, Writer& out, dcom::orpc
 }
 
 std::uint32_t ItemMgtInterface::createEnumerator(Reader& in, Writer& out, dcom::orpc::CallContext& context) {
-    const dcom::Uuid iid = in.uuid();
+    const Uuid iid = in.uuid();
     if (!in.good()) {
-        return dcom::faultBadStubData;
+        return faultBadStubData;
     }
     Enumerator<ItemAttributes> items;
     const HResult result = group_.isRemoved() ? E_FAIL : group_.enumerateItems(items);

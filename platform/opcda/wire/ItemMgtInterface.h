@@ -8,9 +8,9 @@
 
 namespace quelm::opcda::wire {
 
-using namespace dcom::literals;
+using namespace literals;
 
-inline constexpr dcom::Uuid iidOpcItemMgt = "39C13A54-011E-11D0-9675-0020AFD8ADB3"_uuid;
+inline constexpr Uuid iidOpcItemMgt = "39C13A54-011E-11D0-9675-0020AFD8ADB3"_uuid;
 
 enum class ItemMgt : std::uint16_t {
     AddItems = dcom::orpc::firstOpnum,
@@ -26,7 +26,7 @@ class OpcGroupObject;
 
 class ItemMgtInterface final : public dcom::orpc::Dispatched<ItemMgtInterface> {
  public:
-    static constexpr dcom::Uuid interfaceId = iidOpcItemMgt;
+    static constexpr Uuid interfaceId = iidOpcItemMgt;
     static constexpr std::string_view interfaceName = "IOPCItemMgt";
     using Opnum = ItemMgt;
 

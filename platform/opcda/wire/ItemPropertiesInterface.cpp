@@ -61,7 +61,7 @@ std::uint32_t ItemPropertiesInterface::queryAvailable(Server& server, Reader& in
                                                       dcom::orpc::CallContext& /*context*/) {
     const std::string itemId = in.wideString();
     if (!in.good()) {
-        return dcom::faultBadStubData;
+        return faultBadStubData;
     }
     std::vector<PropertyDescription> properties;
     const HResult result = server.properties().available(itemId, properties);
@@ -82,7 +82,7 @@ std::uint32_t ItemPropertiesInterface::getProperties(Server& server, Reader& in,
                                                      dcom::orpc::CallContext& /*context*/) {
     const PropertyRequest request = readRequest(in);
     if (!in.good()) {
-        return dcom::faultBadStubData;
+        return faultBadStubData;
     }
     if (request.tooMany) {
         return writeFailure(out, E_OUTOFMEMORY);
@@ -109,7 +109,7 @@ std::uint32_t ItemPropertiesInterface::lookupItemIds(Server& server, Reader& in,
                                                      dcom::orpc::CallContext& /*context*/) {
     const PropertyRequest request = readRequest(in);
     if (!in.good()) {
-        return dcom::faultBadStubData;
+        return faultBadStubData;
     }
     if (request.tooMany) {
         return writeFailure(out, E_OUTOFMEMORY);

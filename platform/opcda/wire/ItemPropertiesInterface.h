@@ -6,9 +6,9 @@
 
 namespace quelm::opcda::wire {
 
-using namespace dcom::literals;
+using namespace literals;
 
-inline constexpr dcom::Uuid iidOpcItemProperties = "39C13A72-011E-11D0-9675-0020AFD8ADB3"_uuid;
+inline constexpr Uuid iidOpcItemProperties = "39C13A72-011E-11D0-9675-0020AFD8ADB3"_uuid;
 
 enum class ItemProperties : std::uint16_t {
     QueryAvailableProperties = dcom::orpc::firstOpnum,
@@ -18,7 +18,7 @@ enum class ItemProperties : std::uint16_t {
 
 class ItemPropertiesInterface final : public ServerBoundInterface<ItemPropertiesInterface> {
  public:
-    static constexpr dcom::Uuid interfaceId = iidOpcItemProperties;
+    static constexpr Uuid interfaceId = iidOpcItemProperties;
     static constexpr std::string_view interfaceName = "IOPCItemProperties";
     using Opnum = ItemProperties;
 

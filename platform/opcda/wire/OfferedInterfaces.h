@@ -13,7 +13,7 @@
 namespace quelm::opcda::wire {
 
 struct InterfaceRow {
-    dcom::Uuid iid;
+    Uuid iid;
     std::string_view name;
     std::span<const std::string_view> methods;  // from firstOpnum on
 };
@@ -44,13 +44,13 @@ class OfferedInterfaces {
     explicit OfferedInterfaces(Object& object) : interfaces_(forEach<Interfaces>(object)...) {}
 
     // nullptr: the object does not offer it.
-    dcom::orpc::Interface* find(const dcom::Uuid& iid) {
+    dcom::orpc::Interface* find(const Uuid& iid) {
         dcom::orpc::Interface* found = nullptr;
         static_cast<void>(
             ((Interfaces::interfaceId == iid && (found = &std::get<Interfaces>(interfaces_)) != nullptr) || ...));
         return found;
     }
-    static constexpr bool has(const dcom::Uuid& iid) { return ((Interfaces::interfaceId == iid) || ...); }
+    static constexpr bool has(const Uuid& iid) { return ((Interfaces::interfaceId == iid) || ...); }
 
  private:
     template <class Interface, class Object>

@@ -5,13 +5,13 @@
 
 namespace quelm::opcda::wire {
 
-dcom::Uuid OpcClassFactory::classId() const {
-    static constexpr dcom::Uuid id = dcom::Uuid::parse(identity::classId);
+Uuid OpcClassFactory::classId() const {
+    static constexpr Uuid id = Uuid::parse(identity::classId);
     return id;
 }
 
 std::shared_ptr<dcom::orpc::ComObject> OpcClassFactory::create(const dcom::rpc::Peer& peer, const std::string& account,
-                                                               dcom::HResult& result) {
+                                                               HResult& result) {
     std::shared_ptr<ClientBudget> budget = application_.budgets().of(account, peer.host());
     if (budget->memory.room() < Server::footprint) {
         result = E_OUTOFMEMORY;
@@ -19,7 +19,7 @@ std::shared_ptr<dcom::orpc::ComObject> OpcClassFactory::create(const dcom::rpc::
     }
     auto object = std::make_shared<OpcServerObject>(application_, std::move(budget));
     const bool isAdmitted = object->server()->isAdmitted();
-    result = isAdmitted ? S_OK : dcom::CO_E_SERVER_STOPPING;
+    result = isAdmitted ? S_OK : CO_E_SERVER_STOPPING;
     return isAdmitted ? object : nullptr;
 }
 

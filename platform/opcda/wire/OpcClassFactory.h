@@ -12,9 +12,9 @@ class OpcClassFactory final : public dcom::orpc::ClassFactory {
     // The application outlives the factory and all its objects.
     explicit OpcClassFactory(Application& application) : application_(application) {}
 
-    dcom::Uuid classId() const override;
+    Uuid classId() const override;
     std::shared_ptr<dcom::orpc::ComObject> create(const dcom::rpc::Peer& peer, const std::string& account,
-                                                  dcom::HResult& result) override;
+                                                  HResult& result) override;
     // Counts as a client of the server.
     std::shared_ptr<void> holdServer() override;
 

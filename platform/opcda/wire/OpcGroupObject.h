@@ -26,11 +26,11 @@ class OpcGroupObject final : public dcom::orpc::ComObject {
     OpcGroupObject(const OpcGroupObject&) = delete;
     OpcGroupObject& operator=(const OpcGroupObject&) = delete;
 
-    dcom::orpc::Interface* queryInterface(const dcom::Uuid& iid) override;
+    dcom::orpc::Interface* queryInterface(const Uuid& iid) override;
     void disconnected() override;
 
     // Whether clients can ask a group for this interface, IUnknown included.
-    static bool hasInterface(const dcom::Uuid& iid);
+    static bool hasInterface(const Uuid& iid);
 
     Group& group() { return *group_; }
     // Empty when the client has let go of its server object.

@@ -16,7 +16,7 @@ constexpr std::size_t rememberedGroups = 256;
 OpcServerObject::OpcServerObject(Application& application, std::shared_ptr<ClientBudget> budget)
     : server_(std::in_place, application, std::move(budget)), interfaces_(*this) {}
 
-dcom::orpc::Interface* OpcServerObject::queryInterface(const dcom::Uuid& iid) {
+dcom::orpc::Interface* OpcServerObject::queryInterface(const Uuid& iid) {
     return interfaces_.find(iid);
 }
 
@@ -37,7 +37,7 @@ std::shared_ptr<OpcGroupObject> OpcServerObject::groupObject(const std::shared_p
 }
 
 HResult OpcServerObject::writeGroup(dcom::ndr::Writer& out, dcom::orpc::CallContext& context,
-                                    const std::shared_ptr<Group>& group, const dcom::Uuid& iid, HResult result) {
+                                    const std::shared_ptr<Group>& group, const Uuid& iid, HResult result) {
     if (failed(result)) {
         out.nullPointer();
         return result;

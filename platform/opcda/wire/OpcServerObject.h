@@ -32,7 +32,7 @@ class OpcServerObject final : public dcom::orpc::ComObject {
     OpcServerObject(const OpcServerObject&) = delete;
     OpcServerObject& operator=(const OpcServerObject&) = delete;
 
-    dcom::orpc::Interface* queryInterface(const dcom::Uuid& iid) override;
+    dcom::orpc::Interface* queryInterface(const Uuid& iid) override;
     void disconnected() override;
 
     // nullptr when the client has let go.
@@ -43,7 +43,7 @@ class OpcServerObject final : public dcom::orpc::ComObject {
     // Writes a group's [out] interface pointer, or the null pointer when result, which made the group, says failure.
     // Gives the call's result. The interface is one that groups have.
     HResult writeGroup(dcom::ndr::Writer& out, dcom::orpc::CallContext& context, const std::shared_ptr<Group>& group,
-                       const dcom::Uuid& iid, HResult result);
+                       const Uuid& iid, HResult result);
     // RemoveGroup. A group whose interfaces the client let go of before is gone already: that is no error.
     HResult removeGroup(std::uint32_t serverHandle, bool force);
     // The client let go of all interfaces of a group without removing it.

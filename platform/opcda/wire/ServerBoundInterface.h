@@ -30,7 +30,7 @@ class ServerBoundInterface : public dcom::orpc::TableInterface<Self, ServerBound
     std::uint32_t invoke(std::uint16_t opnum, dcom::ndr::Reader& in, dcom::ndr::Writer& out,
                          dcom::orpc::CallContext& context) final {
         Server* const server = this->server();
-        return server != nullptr ? this->dispatch(opnum, *server, in, out, context) : dcom::faultDisconnected;
+        return server != nullptr ? this->dispatch(opnum, *server, in, out, context) : faultDisconnected;
     }
 };
 

@@ -25,7 +25,7 @@ std::uint32_t ServerInterface::getErrorString(Server& server, Reader& in, Writer
     const HResult code = in.u32();
     const std::uint32_t locale = in.u32();
     if (!in.good()) {
-        return dcom::faultBadStubData;
+        return faultBadStubData;
     }
     std::string_view text;
     const HResult result = server.errorString(code, locale, text);
@@ -66,9 +66,9 @@ std::uint32_t ServerInterface::addGroup(Server& server, Reader& in, Writer& out,
         request.percentDeadband = in.f32();
     }
     request.localeId = in.u32();
-    const dcom::Uuid iid = in.uuid();
+    const Uuid iid = in.uuid();
     if (!in.good()) {
-        return dcom::faultBadStubData;
+        return faultBadStubData;
     }
     std::shared_ptr<Group> group;
     const HResult result = OpcGroupObject::hasInterface(iid) ? server.addGroup(request, group) : E_NOINTERFACE;
@@ -81,9 +81,9 @@ std::uint32_t ServerInterface::addGroup(Server& server, Reader& in, Writer& out,
 
 std::uint32_t ServerInterface::groupByName(Server& server, Reader& in, Writer& out, CallContext& context) {
     const std::string name = in.wideString();
-    const dcom::Uuid iid = in.uuid();
+    const Uuid iid = in.uuid();
     if (!in.good()) {
-        return dcom::faultBadStubData;
+        return faultBadStubData;
     }
     std::shared_ptr<Group> group;
     const HResult result = OpcGroupObject::hasInterface(iid) ? server.groupByName(name, group) : E_NOINTERFACE;
@@ -95,7 +95,7 @@ std::uint32_t ServerInterface::removeGroup(Server& /*server*/, Reader& in, Write
     const std::uint32_t handle = in.u32();
     const bool force = in.u32() != 0;
     if (!in.good()) {
-        return dcom::faultBadStubData;
+        return faultBadStubData;
     }
     out.u32(object().removeGroup(handle, force));
     return 0;
@@ -103,9 +103,9 @@ std::uint32_t ServerInterface::removeGroup(Server& /*server*/, Reader& in, Write
 
 std::uint32_t ServerInterface::createGroupEnumerator(Server& server, Reader& in, Writer& out, CallContext& context) {
     const std::uint16_t scope = in.u16();
-    const dcom::Uuid iid = in.uuid();
+    const Uuid iid = in.uuid();
     if (!in.good()) {
-        return dcom::faultBadStubData;
+        return faultBadStubData;
     }
     if (iid == iidEnumString) {
         StringEnumerator names;

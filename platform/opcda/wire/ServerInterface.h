@@ -6,9 +6,9 @@
 
 namespace quelm::opcda::wire {
 
-using namespace dcom::literals;
+using namespace literals;
 
-inline constexpr dcom::Uuid iidOpcServer = "39C13A4D-011E-11D0-9675-0020AFD8ADB3"_uuid;
+inline constexpr Uuid iidOpcServer = "39C13A4D-011E-11D0-9675-0020AFD8ADB3"_uuid;
 
 enum class OpcServer : std::uint16_t {
     AddGroup = dcom::orpc::firstOpnum,
@@ -21,7 +21,7 @@ enum class OpcServer : std::uint16_t {
 
 class ServerInterface final : public ServerBoundInterface<ServerInterface> {
  public:
-    static constexpr dcom::Uuid interfaceId = iidOpcServer;
+    static constexpr Uuid interfaceId = iidOpcServer;
     static constexpr std::string_view interfaceName = "IOPCServer";
     using Opnum = OpcServer;
 

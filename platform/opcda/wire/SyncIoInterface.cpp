@@ -99,7 +99,7 @@ std::uint32_t SyncIoInterface::read(Reader& in, Writer& out, dcom::orpc::CallCon
     }
     readU32Array(in, count, handles);
     if (!in.good()) {
-        return dcom::faultBadStubData;
+        return faultBadStubData;
     }
     if (group_.isRemoved()) {
         return refuseRead(out, E_FAIL);
@@ -137,7 +137,7 @@ std::uint32_t SyncIoInterface::write(Reader& in, Writer& out, dcom::orpc::CallCo
     readU32Array(in, count, buffers->handles);
     skipVariantArray(in, count);
     if (!in.good()) {
-        return dcom::faultBadStubData;
+        return faultBadStubData;
     }
     if (group_.isRemoved() || count == 0) {
         writeErrors(out, group_.isRemoved() ? E_FAIL : E_INVALIDARG, {});

@@ -8,9 +8,9 @@
 
 namespace quelm::opcda::wire {
 
-using namespace dcom::literals;
+using namespace literals;
 
-inline constexpr dcom::Uuid iidOpcSyncIo = "39C13A52-011E-11D0-9675-0020AFD8ADB3"_uuid;
+inline constexpr Uuid iidOpcSyncIo = "39C13A52-011E-11D0-9675-0020AFD8ADB3"_uuid;
 
 enum class SyncIo : std::uint16_t {
     Read = dcom::orpc::firstOpnum,
@@ -21,7 +21,7 @@ class OpcGroupObject;
 
 class SyncIoInterface final : public dcom::orpc::Dispatched<SyncIoInterface> {
  public:
-    static constexpr dcom::Uuid interfaceId = iidOpcSyncIo;
+    static constexpr Uuid interfaceId = iidOpcSyncIo;
     static constexpr std::string_view interfaceName = "IOPCSyncIO";
     using Opnum = SyncIo;
 

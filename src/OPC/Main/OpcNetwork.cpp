@@ -62,11 +62,11 @@ class ToldClients final : public dcom::orpc::ClassFactory {
     ToldClients(std::shared_ptr<dcom::orpc::ClassFactory> factory, std::function<void(std::string_view)> say)
         : factory_(std::move(factory)), say_(std::move(say)) {}
 
-    dcom::Uuid classId() const override { return factory_->classId(); }
+    Uuid classId() const override { return factory_->classId(); }
     std::shared_ptr<void> holdServer() override { return factory_->holdServer(); }
 
     std::shared_ptr<dcom::orpc::ComObject> create(const dcom::rpc::Peer& peer, const std::string& account,
-                                                  dcom::HResult& result) override {
+                                                  HResult& result) override {
         auto object = factory_->create(peer, account, result);
         if (object == nullptr) {
             return nullptr;

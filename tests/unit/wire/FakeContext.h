@@ -16,18 +16,18 @@ class FakeContext : public dcom::orpc::CallContext {
  public:
     std::vector<std::shared_ptr<dcom::orpc::ComObject>> written;
 
-    dcom::HResult writeInterface(dcom::ndr::Writer& out, const std::shared_ptr<dcom::orpc::ComObject>& object,
-                                 const dcom::Uuid& iid) override {
+    HResult writeInterface(dcom::ndr::Writer& out, const std::shared_ptr<dcom::orpc::ComObject>& object,
+                           const Uuid& iid) override {
         if (!object || (iid != dcom::orpc::iidUnknown && object->queryInterface(iid) == nullptr)) {
             out.nullPointer();
-            return dcom::E_NOINTERFACE;
+            return E_NOINTERFACE;
         }
         written.push_back(object);
         out.pointer();
         for (const std::uint32_t word : {4U, 4U, 0x574F454DU}) {
             out.u32(word);
         }
-        return dcom::S_OK;
+        return S_OK;
     }
     std::shared_ptr<dcom::orpc::DeferredReply> defer(const dcom::ndr::Writer& out) override {
         const auto head = out.written();

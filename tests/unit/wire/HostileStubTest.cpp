@@ -79,13 +79,13 @@ TEST_F(HostileStub, CutStubsAreRefusedAndWholeOnesAnswered) {
         for (std::size_t size = 0; size < stub.size(); ++size) {
             // A copy of just that size, so that a sanitizer sees every step beyond it.
             const Bytes cut(stub.begin(), stub.begin() + static_cast<std::ptrdiff_t>(size));
-            EXPECT_EQ(send(each, cut).fault, dcom::faultBadStubData) << size << " bytes";
+            EXPECT_EQ(send(each, cut).fault, faultBadStubData) << size << " bytes";
         }
         const Reply whole = send(each, stub);
         EXPECT_EQ(whole.fault, 0U);
         EXPECT_GE(whole.bytes.size(), 4U);
         for (const std::uint16_t opnum : {0, 2, 10, 0xFFFF}) {
-            EXPECT_EQ(send({each.iid, opnum}, {}).fault, dcom::faultOpnumRange);
+            EXPECT_EQ(send({each.iid, opnum}, {}).fault, faultOpnumRange);
         }
     }
 }
@@ -103,10 +103,10 @@ TEST_F(HostileStub, EveryMethodThatTakesParametersIsAmongTheCases) {
                 return each.is({row.iid, opnum});
             });
             const std::uint32_t fault = send({row.iid, opnum}, {}).fault;
-            EXPECT_EQ(fault, isCase ? dcom::faultBadStubData : 0) << row.name << ' ' << row.methods[i];
+            EXPECT_EQ(fault, isCase ? faultBadStubData : 0) << row.name << ' ' << row.methods[i];
         }
         const auto behind = static_cast<std::uint16_t>(dcom::orpc::firstOpnum + row.methods.size());
-        EXPECT_EQ(send({row.iid, behind}, {}).fault, dcom::faultOpnumRange) << row.name;
+        EXPECT_EQ(send({row.iid, behind}, {}).fault, faultOpnumRange) << row.name;
     }
 }
 

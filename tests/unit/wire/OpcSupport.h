@@ -64,23 +64,23 @@ struct Method {
         : iid(iidOf<Opnum>(std::type_identity<OpcServerObject::Interfaces>(),
                            std::type_identity<OpcGroupObject::Interfaces>())),
           opnum(static_cast<std::uint16_t>(named)) {}
-    Method(const dcom::Uuid& itsIid, std::uint16_t number) : iid(itsIid), opnum(number) {}
+    Method(const Uuid& itsIid, std::uint16_t number) : iid(itsIid), opnum(number) {}
     // Enumerators of all kinds have the same methods.
-    Method(const dcom::Uuid& itsIid, Enumeration named) : Method(itsIid, static_cast<std::uint16_t>(named)) {}
+    Method(const Uuid& itsIid, Enumeration named) : Method(itsIid, static_cast<std::uint16_t>(named)) {}
 
     bool is(const Method& other) const { return iid == other.iid && opnum == other.opnum; }
 
-    dcom::Uuid iid;
+    Uuid iid;
     std::uint16_t opnum;
 
  private:
     template <class Opnum, class... Servers, class... Groups>
-    static constexpr dcom::Uuid iidOf(std::type_identity<OfferedInterfaces<Servers...>> /*server*/,
-                                      std::type_identity<OfferedInterfaces<Groups...>> /*group*/) {
-        dcom::Uuid iid;
+    static constexpr Uuid iidOf(std::type_identity<OfferedInterfaces<Servers...>> /*server*/,
+                                std::type_identity<OfferedInterfaces<Groups...>> /*group*/) {
+        Uuid iid;
         static_assert((std::is_same_v<typename Servers::Opnum, Opnum> || ...) ||
                       (std::is_same_v<typename Groups::Opnum, Opnum> || ...));
-        const auto take = [&iid](bool isIts, const dcom::Uuid& its) { iid = isIts ? its : iid; };
+        const auto take = [&iid](bool isIts, const Uuid& its) { iid = isIts ? its : iid; };
         (take(std::is_same_v<typename Servers::Opnum, Opnum>, Servers::interfaceId), ...);
         (take(std::is_same_v<typename Groups::Opnum, Opnum>, Groups::interfaceId), ...);
         return iid;
@@ -97,8 +97,8 @@ struct Reply {
     Bytes bytes;
     dcom::ndr::Reader reader() const { return dcom::ndr::Reader(bytes); }
     // The last four bytes.
-    dcom::HResult result() const {
-        dcom::HResult value = 0xDEADBEEF;
+    HResult result() const {
+        HResult value = 0xDEADBEEF;
         if (bytes.size() >= 4) {
             std::memcpy(&value, bytes.data() + bytes.size() - 4, 4);
         }

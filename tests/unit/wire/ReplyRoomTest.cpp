@@ -64,7 +64,7 @@ TEST_F(OpcWire, AReplyIsBoundedByWhatTheClientHasLeft) {
               E_OUTOFMEMORY);
 
     OpcClassFactory factory(application_);
-    dcom::HResult result = S_OK;
+    HResult result = S_OK;
     EXPECT_EQ(factory.create({1, "192.0.2.7:49152", "", 0}, "PLANT\\reader", result), nullptr);
     EXPECT_EQ(result, E_OUTOFMEMORY);
     EXPECT_NE(factory.create({1, "192.0.2.8:49152", "", 0}, "PLANT\\reader", result), nullptr);

@@ -26,7 +26,7 @@ TEST_F(OpcWire, AddGroupRefusesWithCompleteParameters) {
     const struct {
         const char* name;
         float deadband;
-        dcom::Uuid iid;
+        Uuid iid;
         const char* reply;
     } cases[] = {
         {"taken", 0, iidOpcItemMgt, "00000000 00000000 00000000 0C0004C0"},
@@ -63,7 +63,7 @@ TEST_F(OpcWire, GivesStatusAndTextsForResultCodes) {
 }
 
 TEST_F(OpcWire, EnumeratesGroupNamesEvenWhenThereAreNone) {
-    const auto enumerate = [this](std::uint16_t scope, const dcom::Uuid& iid) {
+    const auto enumerate = [this](std::uint16_t scope, const Uuid& iid) {
         return call(OpcServer::CreateGroupEnumerator, Parameters().u16(scope).uuid(iid)).bytes;
     };
     EXPECT_HEX(enumerate(6, iidEnumString), interfacePointer + "01000000");
@@ -109,7 +109,7 @@ TEST_F(OpcWire, TheClientCountsUntilItLetsGoOfTheServer) {
     addGroup("g");
     server_->disconnected();
     EXPECT_EQ(events_.disconnects, std::vector<std::int32_t>{1});
-    EXPECT_EQ(call(OpcServer::GetStatus, {}).fault, dcom::faultDisconnected);
+    EXPECT_EQ(call(OpcServer::GetStatus, {}).fault, faultDisconnected);
     EXPECT_EQ(call(SyncIo::Read, Parameters().u16(1).counted(Handles{1})).result(), E_FAIL);
     server_.reset();
     EXPECT_EQ(call(GroupStateMgt::CloneGroup, Parameters().text("x").uuid(iidOpcItemMgt)).result(), E_FAIL);
