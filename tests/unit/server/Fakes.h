@@ -147,7 +147,7 @@ struct Host : World {
         form.emplace(ServerParts{slik, window, std::move(commandLine), 1234,
                                  [this] { return std::make_unique<SystemINI>(ini); },
                                  [this](const ISystemINI&) { return dbil; },
-                                 [this]() -> std::shared_ptr<IClock> { return realClock ? realClock : clock; },
+                                 [this]() -> std::shared_ptr<IClock> { return clock; },
                                  [this] {
                                      raiseIf(logFailure);
                                      return std::make_unique<LogWriter>(journal);
@@ -170,7 +170,6 @@ struct Host : World {
     }
 
     SystemINI ini;
-    std::shared_ptr<IClock> realClock;  // takes the place of the fake one when set
     VirtualLoop loop;
     SLIKServer slik{loop, loop};
     Failure controlFailure, logFailure;
