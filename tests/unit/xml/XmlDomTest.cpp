@@ -8,6 +8,7 @@
 #include <limits>
 #include <new>
 
+#include "base/Raised.h"
 #include "base/RuntimeError.h"
 
 namespace quelm {
@@ -30,12 +31,7 @@ std::string textOf(const std::string& xml, const std::string& xpath) {
 }
 
 long raisedBy(const XmlNode& node, const std::string& xpath) {
-    try {
-        node.selectNodes(xpath);
-    } catch (const RuntimeError& error) {
-        return error.number();
-    }
-    return 0;
+    return test::raisedBy([&] { node.selectNodes(xpath); });
 }
 
 TEST(XmlDomTest, ReadsTextsByXPath) {
