@@ -191,7 +191,8 @@ class Crowds(Wire):
         try:
             for number in range(count):
                 port = (ACTIVATION, OBJECTS)[number % 2]
-                connections.append(Raw(self.site.address, port))
+                # From several hosts, as each has its share of the places.
+                connections.append(Raw(self.site.address, port, f'127.0.0.{70 + number % 7}'))
                 if number % 3 == 0:
                     connections[-1].send(bind(INTERFACE[port])[:40])
             wait_for('the limit kept', lambda: self.descriptors() <= MAX_CONNECTIONS + 40)

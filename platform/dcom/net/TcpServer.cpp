@@ -1,6 +1,7 @@
 #include "dcom/net/TcpServer.h"
 
 #include <fmt/format.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -12,10 +13,13 @@
 #include <cstring>
 #include <exception>
 #include <optional>
-#include <unordered_map>
 #include <utility>
 #include <vector>
 
+#include "base/Text.h"
+#include "base/TimeSource.h"
+#include "dcom/net/ConnectionTable.h"
+#include "dcom/net/RepeatFilter.h"
 #include "dcom/net/Sockets.h"
 
 namespace quelm::dcom::net {
@@ -38,7 +42,12 @@ struct TcpServer::Impl {
     class Listener;
 
     Impl(AsioLoop& socketLoop, IMessageLoop& timerLoop, const rpc::ServerSettings& protocolSettings, TcpSettings own)
-        : loop(socketLoop), timers(timerLoop), protocol(protocolSettings), settings(std::move(own)) {}
+        : loop(socketLoop),
+          timers(timerLoop),
+          protocol(protocolSettings),
+          settings(std::move(own)),
+          lines(timerLoop, [this](std::string_view line) { trouble(line); }),
+          connections({settings.maxConnections, settings.maxOfHost, settings.maxOfAccount}, lines) {}
 
     void trouble(std::string_view line) {
         if (settings.onTrouble) {
@@ -47,22 +56,24 @@ struct TcpServer::Impl {
     }
     Listening addListener(int descriptor, rpc::CallHandler& handler);
     void admit(int descriptor, rpc::CallHandler& handler, const Endpoint& remote);
-    bool makeRoom();
-    void forget(std::uint64_t id);
+    // kind: of what befell the client, the same for all lines that are repeats of each other.
+    void say(std::string_view what, const rpc::Peer& peer, const std::string& kind, std::string_view why) {
+        lines.say(std::string(peer.host()), kind, fmt::format("{} OPC client {}: {}", what, peer.remoteAddress, why));
+    }
 
     AsioLoop& loop;
     IMessageLoop& timers;
     const rpc::ServerSettings& protocol;
     TcpSettings settings;
     std::vector<std::shared_ptr<Listener>> listeners;
-    std::unordered_map<std::uint64_t, std::shared_ptr<Connection>> connections;
+    RepeatFilter lines;
+    ConnectionTable connections;
     std::uint64_t lastPeerId = 0;
-    bool fullReported = false;
 };
 
 // ---- One client ----------------------------------------------------------------------------------------------
 
-class TcpServer::Impl::Connection : public std::enable_shared_from_this<Connection> {
+class TcpServer::Impl::Connection final : public IConnection, public std::enable_shared_from_this<Connection> {
  public:
     Connection(Impl& server, int descriptor, rpc::CallHandler& handler, rpc::Peer peer)
         : server_(server),
@@ -73,16 +84,23 @@ class TcpServer::Impl::Connection : public std::enable_shared_from_this<Connecti
 
     void start() {
         protocol_.onAnswered([this] { onAnswered(); });
-        awaitLogOn();
+        watch();
         read();
     }
 
-    std::uint64_t id() const { return protocol_.peer().id; }
-    // Also true where calls need no log-on.
-    bool loggedOn() const { return protocol_.loggedOn() || server_.protocol.minimumLevel == rpc::AuthLevel::None; }
+    const rpc::Peer& peer() const override { return protocol_.peer(); }
+    const std::string& user() const override { return user_; }
+    bool isLoggedOn() const override {
+        return protocol_.loggedOn() || server_.protocol.minimumLevel == rpc::AuthLevel::None;
+    }
+    std::uint64_t lastUse() const override { return lastUse_; }
+    bool isSpare() const override {
+        return !protocol_.deferred() && !protocol_.waiting() && protocol_.output().empty() &&
+               !handler_.holdsAnything(peer());
+    }
 
     // The last thing that happens to a connection; the handler is told once.
-    void close(bool abrupt) {
+    void close(bool abrupt) override {
         if (phase_ == Phase::Closed) {
             return;
         }
@@ -92,7 +110,7 @@ class TcpServer::Impl::Connection : public std::enable_shared_from_this<Connecti
         timer_.reset();            // waits under way keep this object a little longer than the loops need to live
         asio::error_code ignored;  // the descriptor is gone either way
         descriptor_.close(ignored);
-        server_.forget(protocol_.peer().id);
+        server_.connections.remove(peer());
         handler_.connectionClosed(protocol_.peer(), abrupt);
     }
 
@@ -106,7 +124,7 @@ class TcpServer::Impl::Connection : public std::enable_shared_from_this<Connecti
         try {
             step();
         } catch (const std::exception& error) {
-            server_.trouble(fmt::format("Dropped OPC client {}: {}", protocol_.peer().remoteAddress, error.what()));
+            server_.say("Dropped", peer(), "failure", error.what());
             close(true);
         }
     }
@@ -120,10 +138,22 @@ class TcpServer::Impl::Connection : public std::enable_shared_from_this<Connecti
         });
     }
 
-    void awaitLogOn() {
-        if (!loggedOn()) {
-            timer_->start(server_.settings.logOnTimeout);
+    void watch() { timer_->start(isLoggedOn() ? server_.settings.idleTimeout : server_.settings.logOnTimeout); }
+
+    // False when the connection ends over it.
+    bool mayStay() {
+        if (!protocol_.loggedOn() || !user_.empty()) {
+            return true;
         }
+        const std::string& account = protocol_.account();
+        user_ = foldCase(std::string_view(account).substr(account.rfind('\\') + 1));
+        watch();
+        const std::string refusal = server_.connections.refusalOf(*this);
+        if (!refusal.empty()) {
+            server_.say("Refused", peer(), "account " + user_, refusal);
+            close(false);
+        }
+        return refusal.empty();
     }
 
     // While an answer is waited for, what comes is only taken as far as there is room for it; that the client is gone
@@ -154,13 +184,9 @@ class TcpServer::Impl::Connection : public std::enable_shared_from_this<Connecti
         }
         const ssize_t count = ::recv(descriptor_.native_handle(), space.data(), space.size(), MSG_DONTWAIT);
         if (count > 0) {
-            const bool wasLoggedOn = protocol_.loggedOn();
             protocol_.received(static_cast<std::size_t>(count));
-            if (phase_ == Phase::Closed) {
-                return;  // a call ended the whole server
-            }
-            if (!wasLoggedOn && protocol_.loggedOn()) {
-                timer_->stop();
+            if (phase_ == Phase::Closed || !mayStay()) {
+                return;  // a call ended the whole server, or there is no room
             }
             if (protocol_.output().empty()) {
                 // Nothing goes back that could carry the acknowledgement, and a client that waits for it before it
@@ -200,9 +226,9 @@ class TcpServer::Impl::Connection : public std::enable_shared_from_this<Connecti
     }
 
     void onSent() {
+        lastUse_ = timeSource().monotonicMilliseconds();
         if (phase_ == Phase::Sending) {
-            timer_->stop();
-            awaitLogOn();
+            watch();
             phase_ = Phase::Reading;
         }
         if (protocol_.closing()) {
@@ -220,7 +246,7 @@ class TcpServer::Impl::Connection : public std::enable_shared_from_this<Connecti
 
     void carryOn() {
         protocol_.process();
-        if (phase_ != Phase::Closed) {
+        if (phase_ != Phase::Closed && mayStay()) {
             send();
         }
     }
@@ -256,21 +282,33 @@ class TcpServer::Impl::Connection : public std::enable_shared_from_this<Connecti
         }
     }
 
+    // A client that holds something may be silent for as long as it likes; by its pings it shows that it lives.
+    void onIdle() {
+        const std::chrono::milliseconds limit = server_.settings.idleTimeout;
+        const std::chrono::milliseconds idle(timeSource().monotonicMilliseconds() - lastUse_);
+        if (idle >= limit && isSpare()) {
+            return close(false);  // it will come anew, should it have more to ask
+        }
+        timer_->start(idle < limit ? limit - idle : limit);
+    }
+
     void onTimeout() {
         const auto self = shared_from_this();
+        if (phase_ == Phase::Reading && isLoggedOn()) {
+            return onIdle();
+        }
         const auto seconds = [](std::chrono::milliseconds time) { return static_cast<double>(time.count()) / 1000; };
         if (phase_ == Phase::Reading && protocol_.served()) {
             // A machine that pings without a log-on and keeps its connection for the next time; it will come anew.
         } else if (phase_ == Phase::Reading) {
-            server_.trouble(
-                fmt::format("Dropped OPC client {}: no log-on within {} s; remedy: check which program "
-                            "connects to this port",
-                            protocol_.peer().remoteAddress, seconds(server_.settings.logOnTimeout)));
+            server_.say("Dropped", peer(), "no log-on",
+                        fmt::format("no log-on within {} s; remedy: check which program connects to this port",
+                                    seconds(server_.settings.logOnTimeout)));
         } else if (phase_ == Phase::Sending) {
-            server_.trouble(
-                fmt::format("Dropped OPC client {}: it took none of its replies for {} s; remedy: check "
-                            "whether the client program hangs",
-                            protocol_.peer().remoteAddress, seconds(server_.settings.sendTimeout)));
+            server_.say("Dropped", peer(), "replies",
+                        fmt::format("it took none of its replies for {} s; remedy: check whether the client program "
+                                    "hangs",
+                                    seconds(server_.settings.sendTimeout)));
         }
         close(true);
     }
@@ -283,6 +321,8 @@ class TcpServer::Impl::Connection : public std::enable_shared_from_this<Connecti
     std::unique_ptr<ITimer> pause_;  // made when needed
     Phase phase_ = Phase::Reading;
     bool awaitingInput_ = false;
+    std::string user_;
+    std::uint64_t lastUse_ = timeSource().monotonicMilliseconds();
 };
 
 // ---- One listening socket ------------------------------------------------------------------------------------
@@ -314,21 +354,39 @@ class TcpServer::Impl::Listener : public std::enable_shared_from_this<Listener> 
 
  private:
     void accept() {
+        bool roomMade = false;  // for the next one
         for (int i = 0; i < acceptsPerTurn; ++i) {
             Endpoint remote;
             const int client =
                 ::accept4(descriptor_.native_handle(), remote.raw(), &remote.size, SOCK_NONBLOCK | SOCK_CLOEXEC);
             if (client >= 0) {
-                troubled_ = false;
+                troubled_ = roomMade = false;
                 server_.admit(client, handler_, remote);
             } else if (wouldBlock(errno)) {
                 break;
-            } else if (isWantOfResources(errno)) {
-                return pause(errno);
+            } else if (const int error = errno; isWantOfResources(error)) {
+                if (!isSomebodyWaiting()) {
+                    break;
+                }
+                if (roomMade || !makeRoom(error)) {
+                    return pause(error);
+                }
+                roomMade = true;
             }
             // Anything else is the fate of that one client, which was gone before it was accepted.
         }
         wait();
+    }
+
+    // Without a descriptor an accept fails the same when nobody is there.
+    bool isSomebodyWaiting() {
+        pollfd listener{descriptor_.native_handle(), POLLIN, 0};
+        return ::poll(&listener, 1, 0) != 0;
+    }
+
+    bool makeRoom(int error) {
+        return (error == EMFILE || error == ENFILE) &&
+               server_.connections.makeRoom(fmt::format("no descriptors are left ({})", std::strerror(error)));
     }
 
     static bool isWantOfResources(int error) {
@@ -360,47 +418,21 @@ TcpServer::Listening TcpServer::Impl::addListener(int descriptor, rpc::CallHandl
 }
 
 void TcpServer::Impl::admit(int descriptor, rpc::CallHandler& handler, const Endpoint& remote) {
-    const std::string client = remote.text();
-    if (connections.size() >= settings.maxConnections && !makeRoom()) {
-        ::close(descriptor);
-        if (!std::exchange(fullReported, true)) {
-            trouble(
-                fmt::format("Refused OPC client {}: {} connections are open already; remedy: close clients that "
-                            "are not needed, or look for one that opens connections without end",
-                            client, connections.size()));
-        }
-        return;
-    }
-    fullReported = false;
     const Endpoint own = Endpoint::ownOf(descriptor);
+    const rpc::Peer peer{++lastPeerId, remote.text(), own.host(), own.port()};
+    if (const std::string refusal = connections.refusalOf(peer); !refusal.empty()) {
+        ::close(descriptor);
+        return say("Refused", peer, "no room", refusal);
+    }
     setClientOptions(descriptor);
     try {
-        const auto connection = std::make_shared<Connection>(*this, descriptor, handler,
-                                                             rpc::Peer{++lastPeerId, client, own.host(), own.port()});
-        connections.emplace(lastPeerId, connection);
+        const auto connection = std::make_shared<Connection>(*this, descriptor, handler, peer);
+        connections.add(connection);
         connection->start();
     } catch (const std::exception& error) {
         ::close(descriptor);  // nobody else can have got this number meanwhile, should it be closed already
-        trouble(fmt::format("Refused OPC client {}: {}", client, error.what()));
+        say("Refused", peer, "failure", error.what());
     }
-}
-
-// Clients that have not logged on must not keep those out that can: the oldest of them goes.
-bool TcpServer::Impl::makeRoom() {
-    std::shared_ptr<Connection> oldest;
-    for (const auto& [id, connection] : connections) {
-        if (!connection->loggedOn() && (!oldest || id < oldest->id())) {
-            oldest = connection;
-        }
-    }
-    if (oldest) {
-        oldest->close(true);
-    }
-    return oldest != nullptr;
-}
-
-void TcpServer::Impl::forget(std::uint64_t id) {
-    connections.erase(id);
 }
 
 // ---- The server ----------------------------------------------------------------------------------------------
@@ -425,10 +457,7 @@ void TcpServer::close() {
     for (const auto& listener : std::exchange(impl_->listeners, {})) {
         listener->close();
     }
-    while (!impl_->connections.empty()) {
-        const auto connection = impl_->connections.begin()->second;
-        connection->close(false);
-    }
+    impl_->connections.closeAll();
 }
 
 std::size_t TcpServer::connectionCount() const {

@@ -20,10 +20,14 @@ namespace quelm::dcom::net {
 
 struct TcpSettings {
     std::size_t maxConnections = 512;
+    // Shares of it, so that neither a host nor an account, wherever it comes from, takes all.
+    std::size_t maxOfHost = 128;
+    std::size_t maxOfAccount = 256;
     std::chrono::milliseconds logOnTimeout{30'000};   // for a log-on to be complete; none when calls need no log-on
+    std::chrono::milliseconds idleTimeout{600'000};   // after the last call, for a client that holds nothing
     std::chrono::milliseconds sendTimeout{120'000};   // for a client to take some of the output that waits for it
     std::chrono::milliseconds acceptRetry{500};       // pause after an accept that failed for want of resources
-    std::function<void(std::string_view)> onTrouble;  // one plain line; once per spell of trouble
+    std::function<void(std::string_view)> onTrouble;  // one plain line; repeats are summed up
 };
 
 class TcpServer {

@@ -112,6 +112,12 @@ void ObjectExporter::disconnect(Client& client) {
     client.connections.clear();
 }
 
+bool ObjectExporter::isHolding(const rpc::Peer& peer) const {
+    const auto found = byConnection_.find(peer.id);
+    return found != byConnection_.end() && std::any_of(found->second.begin(), found->second.end(),
+                                                       [](const Client* client) { return !client->objects.empty(); });
+}
+
 void ObjectExporter::connectionClosed(const rpc::Peer& peer, bool abrupt) {
     refusedConnections_.erase(peer.id);
     const auto found = byConnection_.find(peer.id);

@@ -128,6 +128,8 @@ class ObjectExporter final : private PingSets::Listener {
     // --- signs of life ---
 
     void connectionClosed(const rpc::Peer& peer, bool abrupt);
+    // Whether any client that calls over this connection holds objects.
+    bool isHolding(const rpc::Peer& peer) const;
     // Pings come from the client's machine; an account says nothing about them. Also a refused one is a sign of life.
     bool ping(std::uint64_t setId, const rpc::Peer& peer);
     PingSets::Change changePingSet(std::uint64_t& setId, const rpc::Peer& peer, std::uint16_t sequence,

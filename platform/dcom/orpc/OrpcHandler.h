@@ -19,6 +19,7 @@ class OrpcHandler final : public rpc::CallHandler {
 
     bool supports(const Uuid& interfaceId, std::uint16_t versionMajor, std::uint16_t versionMinor) override;
     std::uint32_t call(const rpc::Call& call, ndr::Writer& reply) override;
+    bool holdsAnything(const rpc::Peer& peer) const override { return exporter_.isHolding(peer); }
     void connectionClosed(const rpc::Peer& peer, bool abrupt) override;
 
  private:

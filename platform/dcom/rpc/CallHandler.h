@@ -67,6 +67,13 @@ class CallHandler {
     // in the network. All other connections go on.
     virtual std::uint32_t call(const Call& call, ndr::Writer& reply) = 0;
 
+    // Whether the client behind this connection holds anything by it, which it would lose with the connection. One that
+    // holds nothing may be closed while it is idle.
+    virtual bool holdsAnything(const Peer& peer) const {
+        static_cast<void>(peer);
+        return false;
+    }
+
     // The connection is gone. abrupt: reset by the network or the peer rather than closed in order.
     virtual void connectionClosed(const Peer& peer, bool abrupt) = 0;
 };

@@ -86,6 +86,8 @@ class SecurityContexts {
     const SecurityContext* latest() const { return contexts_.empty() ? nullptr : &contexts_.back(); }
     // Whether any log-on of the connection succeeded.
     bool loggedOn() const { return loggedOn_; }
+    // Of the first that succeeded; empty before.
+    const std::string& account() const { return account_; }
 
  private:
     using Token = std::vector<std::uint8_t>;
@@ -104,6 +106,7 @@ class SecurityContexts {
     std::vector<SecurityContext> contexts_;
     std::uint64_t uses_ = 0;
     bool loggedOn_ = false;
+    std::string account_;
 };
 
 }  // namespace quelm::dcom::rpc

@@ -56,6 +56,8 @@ class ServerConnection final : private ITicketOffice {
     bool closing() const { return closing_; }
     // Whether any log-on of this connection succeeded.
     bool loggedOn() const { return security_.loggedOn(); }
+    // Of the first log-on that succeeded; empty before.
+    const std::string& account() const { return security_.account(); }
     // Whether any call was carried out, be it without a log-on.
     bool served() const { return served_; }
     const Peer& peer() const { return peer_; }

@@ -1,7 +1,9 @@
 #pragma once
 
-// What all connections of the RPC server have in common, and what one of them may cost. The limits on connections are
-// in net::TcpSettings, the waits after failed log-ons in GuessGuard; the operator's guide has them all in one table.
+// What all connections of the RPC server have in common, and what one of them may cost. Of the other limits, numbers
+// and times of connections are in net::TcpSettings, the waits after failed log-ons in GuessGuard, sizes of messages in
+// Pdu.h (ownMaxFragment, maxHandshake) and of tokens in SecurityContexts, repeats of lines in net::RepeatFilter, and
+// what a client may hold in ClientBudgets. The operator's guide has them all in tables.
 
 #include <array>
 #include <cstddef>

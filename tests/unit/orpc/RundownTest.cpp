@@ -28,6 +28,8 @@ TEST_F(Rundown, CallsAreSignsOfLifeForAllThatTheClientHolds) {
     const Uuid ipid = activate();
     const Uuid other = activate();
     EXPECT_TRUE(alive(peer(2), ipid));
+    EXPECT_TRUE(exporter.isHolding(peer(2)));
+    EXPECT_FALSE(exporter.isHolding(peer(1)));
     EXPECT_TRUE(alive(peer(2), other));
     for (int i = 0; i < 5; ++i) {
         pass(300);

@@ -5,6 +5,8 @@
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 
+#include <set>
+
 #include "RpcClient.h"
 #include "base/HResult.h"
 #include "dcom/ndr/Reader.h"
@@ -47,6 +49,7 @@ class RecordingHandler : public CallHandler {
         }
         return call.opnum == 5 ? faultOpnumRange : 0;
     }
+    bool holdsAnything(const Peer& peer) const override { return holders.contains(peer.id); }
     void connectionClosed(const Peer& peer, bool abrupt) override {
         closed.push_back(fmt::format("{} {}", peer.id, abrupt ? "abrupt" : "orderly"));
     }
@@ -56,6 +59,7 @@ class RecordingHandler : public CallHandler {
     std::vector<std::string> calls;
     std::vector<std::string> closed;
     std::vector<CallTicket> tickets;
+    std::set<std::uint64_t> holders;  // connections whose clients hold something
 };
 
 class RpcFixture : public testing::Test {

@@ -7,8 +7,10 @@
 #include <asio/io_context.hpp>
 #include <asio/ip/tcp.hpp>
 #include <asio/write.hpp>
+#include <deque>
 
 #include "RpcFixture.h"
+#include "base/TimeSource.h"
 #include "loop/VirtualLoop.h"
 
 namespace quelm::dcom::net {
@@ -16,6 +18,7 @@ namespace {
 
 using namespace rpc::test;
 using rpc::PduType;
+using testing::_;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
@@ -79,8 +82,8 @@ class TcpServerTest : public RpcFixture {
         socket.send(data);
         return receive(socket, rpc::headerSize);
     }
-    void logOn(Socket& socket) {
-        NtlmLogOn client;
+    void logOn(Socket& socket, const char* user = "opc") {
+        NtlmLogOn client(NtlmLogOn::Kind::V2, user, "secret");
         const auto ack =
             splitReplies(roundTrip(socket, pdu(PduType::Bind, 3, 0, bindBody({{0}}), {2, 1, client.negotiate()})));
         ASSERT_EQ(ack.size(), 1U);
@@ -88,6 +91,20 @@ class TcpServerTest : public RpcFixture {
         EXPECT_EQ(roundTrip(socket, request({.opnum = 3})).size(), 24U);
     }
 
+    // Connections one after the other, each used later than those before.
+    void logOn(std::deque<Socket>& sockets, std::size_t count, const char* user = "opc") {
+        for (std::size_t i = 0; i < count; ++i) {
+            pass(1);
+            logOn(sockets.emplace_back(port), user);
+        }
+    }
+    void pass(std::int64_t milliseconds) {
+        time.advanceMilliseconds(milliseconds);
+        timers.advance(milliseconds);
+    }
+
+    ManualTimeSource time{Date{46348.5}};
+    ScopedTimeSource inForce{time};
     AsioLoop loop;
     VirtualLoop timers;
     TcpSettings tcp;
@@ -138,6 +155,7 @@ TEST_F(TcpServerTest, SaysWhyItCannotListen) {
 
 TEST_F(TcpServerTest, TurnsAwayConnectionsBeyondTheLimit) {
     tcp.maxConnections = 2;
+    handler.holders = {1, 3};
     start();
     Socket first(port);
     logOn(first);
@@ -150,11 +168,48 @@ TEST_F(TcpServerTest, TurnsAwayConnectionsBeyondTheLimit) {
         Socket more(port);
         EXPECT_THAT(receive(more, 1), IsEmpty());
     }
-    EXPECT_THAT(troubles, ElementsAre(HasSubstr("2 connections are open already")));
+    EXPECT_THAT(troubles, ElementsAre(HasSubstr("has not logged on, and another one comes while 2 connections are"),
+                                      HasSubstr("Refused OPC client 127.0.0.1:"),
+                                      HasSubstr(": 2 connections are open already; remedy: close clients"), _));
     first.close();
     runUntilConnections(1);
     Socket again(port);
     logOn(again);
+}
+
+// The share of a host or of an account is used up: what holds nothing goes, the longest idle first, then the newcomer.
+TEST_F(TcpServerTest, NoHostAndNoAccountTakesAllPlaces) {
+    accounts.add("*", "other", ntlm::ntHash("secret"));
+    tcp.maxOfHost = 5;
+    tcp.maxOfAccount = 3;
+    handler.holders = {1};
+    start();
+    std::deque<Socket> sockets;
+    logOn(sockets, 2);
+    pass(1);
+    sockets[1].send(request({.callId = 1, .opnum = 7}));  // waits for its answer
+    runUntil([&] { return handler.tickets.size() == 1; });
+    logOn(sockets, 2, "OPC");
+    EXPECT_THAT(handler.closed, ElementsAre("3 orderly"));
+    handler.holders = {1, 4};
+    Socket refused(port);
+    NtlmLogOn client;
+    const auto ack =
+        splitReplies(roundTrip(refused, pdu(PduType::Bind, 3, 0, bindBody({{0}}), {2, 1, client.negotiate()})));
+    refused.send(pdu(PduType::Auth3, 3, 0, Data(4), {2, 1, client.authenticate(ack[0].token())}));
+    EXPECT_THAT(receive(refused, 1), IsEmpty());
+
+    handler.closed.clear();
+    logOn(sockets, 3, "other");
+    EXPECT_THAT(handler.closed, ElementsAre("6 orderly"));
+    handler.holders = {1, 4, 7, 8};
+    Socket last(port);
+    EXPECT_THAT(receive(last, 1), IsEmpty());
+    EXPECT_THAT(troubles,
+                ElementsAre(HasSubstr("has been idle for 0 s and holds nothing, and another one comes while 3 conn"),
+                            HasSubstr("3 connections of account 'opc' are open already; remedy: give clients"),
+                            HasSubstr("and another one comes while 5 connections of its host are open already"),
+                            HasSubstr(": 5 connections of its host are open already; remedy: look for a program")));
 }
 
 TEST_F(TcpServerTest, ClosesConnectionsWithoutLogOn) {
@@ -169,8 +224,25 @@ TEST_F(TcpServerTest, ClosesConnectionsWithoutLogOn) {
     EXPECT_EQ(server->connectionCount(), 1U);
     EXPECT_THAT(handler.closed, ElementsAre("2 abrupt"));
     EXPECT_THAT(troubles, ElementsAre(HasSubstr("no log-on within 30 s")));
-    timers.advance(std::chrono::hours(24));
+}
+
+TEST_F(TcpServerTest, ClosesIdleConnectionsOfClientsThatHoldNothing) {
+    handler.holders = {1};
+    start();
+    std::deque<Socket> sockets;
+    logOn(sockets, 2);
+    pass(599'990);
+    logOn(sockets[1]);
+    pass(599'999);
+    EXPECT_THAT(handler.closed, IsEmpty());
+    pass(1);
+    EXPECT_THAT(handler.closed, ElementsAre("2 orderly"));
+    pass(24LL * 3600 * 1000);
     EXPECT_EQ(server->connectionCount(), 1U);
+    handler.holders.clear();
+    pass(600'000);
+    EXPECT_EQ(server->connectionCount(), 0U);
+    EXPECT_THAT(troubles, IsEmpty());
 }
 
 TEST_F(TcpServerTest, AClientThatTakesItsRepliesLateGetsThemAllAndOneThatTakesNothingIsDropped) {
@@ -184,7 +256,7 @@ TEST_F(TcpServerTest, AClientThatTakesItsRepliesLateGetsThemAllAndOneThatTakesNo
         for (int i = 0; i < 3; ++i) {
             client.send(request({.opnum = 4, .stub = Builder().u32(size).data()}));
         }
-        runUntil([&] { return timers.pendingTimers() == 1; });  // the server waits for room
+        runUntil([&] { return !handler.calls.empty() && loop.context().poll() == 0; });  // the server waits for room
         EXPECT_LT(handler.calls.size(), 3U);
     };
     sendCalls();
@@ -193,7 +265,6 @@ TEST_F(TcpServerTest, AClientThatTakesItsRepliesLateGetsThemAllAndOneThatTakesNo
     constexpr std::size_t expected = 3 * (size + pieces * 24);
     runUntil([&] { return !client.receive(received) || received.size() >= expected; });
     EXPECT_EQ(received.size(), expected);
-    EXPECT_EQ(timers.pendingTimers(), 0U);
 
     sendCalls();
     timers.advance(120'000);
@@ -251,26 +322,52 @@ TEST_F(TcpServerTest, ALateAnswerHoldsUpItsOwnConnectionOnly) {
     logOn(other);
 }
 
+// While it lives no descriptor can be opened.
+class NoDescriptors {
+ public:
+    NoDescriptors() {
+        ::getrlimit(RLIMIT_NOFILE, &normal_);
+        const int lowestFree = ::dup(STDIN_FILENO);
+        ::close(lowestFree);
+        const rlimit none{static_cast<rlim_t>(lowestFree), normal_.rlim_max};
+        EXPECT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
+    }
+    NoDescriptors(const NoDescriptors&) = delete;
+    NoDescriptors& operator=(const NoDescriptors&) = delete;
+    ~NoDescriptors() { end(); }
+    void end() const { ::setrlimit(RLIMIT_NOFILE, &normal_); }
+
+ private:
+    rlimit normal_{};
+};
+
 TEST_F(TcpServerTest, WantOfDescriptorsIsWaitedOut) {
     start();
     Socket client(port);
-    rlimit normal{};
-    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &normal), 0);
-    const int lowestFree = ::dup(STDIN_FILENO);
-    ::close(lowestFree);
-    const rlimit none{static_cast<rlim_t>(lowestFree), normal.rlim_max};
-    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
+    const NoDescriptors none;
     for (int i = 0; i < 3; ++i) {
         runUntil([&] { return timers.pendingTimers() == 1; });
         EXPECT_EQ(loop.context().poll(), 0U) << "it must not spin";
         timers.advance(500);
     }
-    ::setrlimit(RLIMIT_NOFILE, &normal);
+    none.end();
     runUntil([&] {
         timers.advance(500);
         return server->connectionCount() == 1;
     });
     EXPECT_THAT(troubles, ElementsAre(HasSubstr("Cannot accept OPC clients: Too many open files")));
+}
+
+TEST_F(TcpServerTest, WantOfDescriptorsCostsWhoeverHoldsNothing) {
+    handler.holders = {2};
+    start();
+    std::deque<Socket> sockets;
+    logOn(sockets, 2);
+    Socket newcomer(port);
+    const NoDescriptors none;
+    logOn(newcomer);
+    EXPECT_THAT(handler.closed, ElementsAre("1 orderly"));
+    EXPECT_THAT(troubles, ElementsAre(HasSubstr("another one comes while no descriptors are left (Too many open")));
 }
 
 }  // namespace
