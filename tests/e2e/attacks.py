@@ -6,6 +6,7 @@ their own, by beside_attacks.py.
 What an attack prints is what it gained and should not have.
 """
 
+import itertools
 import json
 import os
 import struct
@@ -55,6 +56,8 @@ def activate(address):
     at = 28 + 2 * struct.unpack_from('<H', reply, 24)[0]  # behind the bindings
     at += -at % 4
     found = list(references(reply))
+    if not found:
+        raise PermissionError('the activation is refused')
     ipids = dict(enumerate(ipid for _, ipid in found))
     return {**ipids, REM: uuid.UUID(bytes_le=reply[at:at + 16])}, found[0][0]
 
@@ -135,12 +138,12 @@ def deaf(address, scale):
     """Large replies that nobody takes."""
     attackers = []
     for _ in range(8 * scale):
-        attacker = Attacker(address)
-        attackers.append(attacker)
-        with suppress(OSError, ValueError, TimeoutError):
+        with suppress(OSError, ValueError, TimeoutError):  # no more than the budget allows
+            attacker = Attacker(address)
+            attackers.append(attacker)
             _, sync, handle = attacker.group_with(1)
             stub = Writer().u16(CACHE).u32(1_100_000).handles([handle] * 1_100_000)
-            attacker.connection.socket.settimeout(3)
+            attacker.connection.socket.settimeout(1)
             attacker.connection.send(requests(READ, bytes(stub.data), SYNC_IO, sync))
     time.sleep(1)
 
@@ -216,9 +219,13 @@ def idle(address, scale):
 def guessing(address, scale):
     """Passwords tried one after the other, on one connection as long as it is kept."""
     connection = None
-    for number in range(1000 * scale):
+    ends = time.monotonic() + 5 * scale
+    for number in itertools.count():
+        if time.monotonic() > ends:
+            return
         try:
             connection = connection or Raw(address, OBJECTS, SOURCE)
+            connection.socket.settimeout(1)  # it is held up for longer and longer
             connection.log_on(INTERFACES[:1], 'operator', f'guess-{number}')
         except (OSError, StopIteration):
             connection = None
