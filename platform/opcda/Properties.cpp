@@ -10,22 +10,6 @@ namespace quelm::opcda {
 
 namespace {
 
-enum PropertyId : std::uint32_t { dataType = 1, itemValue, itemQuality, itemTimestamp, accessRights, scanRate };
-
-// The value's own type is the item's.
-constexpr std::array<PropertyDescription, 6> descriptions{{
-    {dataType, "Item Canonical DataType", VT_I2},
-    {itemValue, "Item Value", VT_EMPTY},
-    {itemQuality, "Item Quality", VT_I2},
-    {itemTimestamp, "Item Timestamp", VT_DATE},
-    {accessRights, "Item Access Rights", VT_I4},
-    {scanRate, "Server Scan Rate", VT_R4},
-}};
-
-bool isKnown(std::uint32_t id) {
-    return id >= dataType && id <= scanRate;
-}
-
 // Days since 1899-12-30 in UTC; an item without a time stamp has no value here.
 Variant utcDate(std::int64_t fileTime) {
     constexpr double unitsPerDay = 864'000'000'000;
@@ -33,50 +17,67 @@ Variant utcDate(std::int64_t fileTime) {
     return fileTime == 0 ? Variant() : Variant(Date{static_cast<double>(fileTime) / unitsPerDay + fileTimeEpoch});
 }
 
-Variant propertyOf(const SLIKTag& tag, std::uint32_t id) {
-    switch (id) {
-        case dataType:
-            return Variant(static_cast<std::int16_t>(tag.varType()));
-        case itemValue:
-            return tag.Value();
-        case itemQuality:
-            return Variant(static_cast<std::int16_t>(tag.qualityWord()));
-        case itemTimestamp:
-            return utcDate(tag.fileTime());
-        case accessRights:
-            return Variant(static_cast<std::int32_t>(tag.accessRights()));
-        default:
-            return Variant(static_cast<float>(identity::scanRateMilliseconds));
+struct Property {
+    PropertyDescription description;  // VT_EMPTY: its type is the item's
+    Variant (*valueOf)(const SLIKTag& tag);
+};
+
+constexpr std::array properties{
+    Property{{1, "Item Canonical DataType", VT_I2},
+             [](const SLIKTag& tag) { return Variant(static_cast<std::int16_t>(tag.varType())); }},
+    Property{{2, "Item Value", VT_EMPTY}, [](const SLIKTag& tag) { return tag.Value(); }},
+    Property{{3, "Item Quality", VT_I2},
+             [](const SLIKTag& tag) { return Variant(static_cast<std::int16_t>(tag.qualityWord())); }},
+    Property{{4, "Item Timestamp", VT_DATE}, [](const SLIKTag& tag) { return utcDate(tag.fileTime()); }},
+    Property{{5, "Item Access Rights", VT_I4},
+             [](const SLIKTag& tag) { return Variant(static_cast<std::int32_t>(tag.accessRights())); }},
+    Property{{6, "Server Scan Rate", VT_R4},
+             [](const SLIKTag& /*tag*/) { return Variant(static_cast<float>(identity::scanRateMilliseconds)); }},
+};
+
+// nullptr: there is none of this number.
+const Property* find(std::uint32_t id) {
+    const auto found = std::find_if(properties.begin(), properties.end(),
+                                    [id](const Property& property) { return property.description.id == id; });
+    return found == properties.end() ? nullptr : &*found;
+}
+
+PropertyDescription describe(const Property& property, const SLIKTag& tag) {
+    PropertyDescription description = property.description;
+    if (description.type == VT_EMPTY) {
+        description.type = tag.varType();
     }
+    return description;
 }
 
 PropertyValue valueOf(const SLIKTag& tag, std::uint32_t id) {
-    if (!isKnown(id)) {
+    const Property* const property = find(id);
+    if (property == nullptr) {
         return {OPC_E_INVALID_PID, VT_EMPTY, Variant()};
     }
-    const VarType type = id == itemValue ? tag.varType() : descriptions[id - 1].type;
-    PropertyValue property{S_OK, type, propertyOf(tag, id)};
+    PropertyValue value{S_OK, describe(*property, tag).type, property->valueOf(tag)};
     OpcValue converted;
-    property.error = convert(property.value, type, converted);
-    return property;
+    value.error = convert(value.value, value.type, converted);
+    return value;
 }
 
 }  // namespace
 
-HResult Properties::available(std::string_view itemId, std::vector<PropertyDescription>& properties) const {
-    properties.clear();
+HResult Properties::available(std::string_view itemId, std::vector<PropertyDescription>& described) const {
+    described.clear();
     const SLIKTag* tag = nullptr;
     if (const HResult error = findItem(*items_, itemId, tag); error != S_OK) {
         return error;
     }
-    properties.assign(descriptions.begin(), descriptions.end());
-    properties[itemValue - 1].type = tag->varType();
+    for (const Property& property : properties) {
+        described.push_back(describe(property, *tag));
+    }
     return S_OK;
 }
 
 HResult Properties::values(std::string_view itemId, std::span<const std::uint32_t> ids,
-                           std::vector<PropertyValue>& properties) const {
-    properties.clear();
+                           std::vector<PropertyValue>& found) const {
+    found.clear();
     if (ids.empty()) {
         return E_INVALIDARG;
     }
@@ -86,7 +87,7 @@ HResult Properties::values(std::string_view itemId, std::span<const std::uint32_
     }
     HResult all = S_OK;
     for (const std::uint32_t id : ids) {
-        all = properties.emplace_back(valueOf(*tag, id)).error == S_OK ? all : S_FALSE;
+        all = found.emplace_back(valueOf(*tag, id)).error == S_OK ? all : S_FALSE;
     }
     return all;
 }
@@ -102,7 +103,7 @@ HResult Properties::lookupItemIds(std::string_view itemId, std::span<const std::
         return error;
     }
     for (const std::uint32_t id : ids) {
-        errors.push_back(isKnown(id) ? E_FAIL : OPC_E_INVALID_PID);
+        errors.push_back(find(id) != nullptr ? E_FAIL : OPC_E_INVALID_PID);
     }
     return S_FALSE;
 }

@@ -31,10 +31,10 @@ class Properties {
     explicit Properties(const ItemStore& items) : items_(&items) {}
 
     // OPC_E_INVALIDITEMID for an empty ID, OPC_E_UNKNOWNITEMID for an unknown one.
-    HResult available(std::string_view itemId, std::vector<PropertyDescription>& properties) const;
+    HResult available(std::string_view itemId, std::vector<PropertyDescription>& described) const;
     // The same; S_FALSE when a property has an error (OPC_E_INVALID_PID). The time stamp is in UTC.
     HResult values(std::string_view itemId, std::span<const std::uint32_t> ids,
-                   std::vector<PropertyValue>& properties) const;
+                   std::vector<PropertyValue>& found) const;
     // No property is an item of its own: E_FAIL for each known one, OPC_E_INVALID_PID for others, S_FALSE in all.
     HResult lookupItemIds(std::string_view itemId, std::span<const std::uint32_t> ids,
                           std::vector<HResult>& errors) const;
