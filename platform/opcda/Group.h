@@ -13,6 +13,7 @@
 #include <string_view>
 #include <vector>
 
+#include "base/Quality.h"
 #include "budget/ClientBudget.h"
 #include "opcda/Coercion.h"
 #include "opcda/Enumerators.h"
@@ -237,14 +238,14 @@ template <class Sink>
 bool Group::deliver(std::uint32_t clientHandle, VarType type, const Variant& value, std::uint16_t quality,
                     std::int64_t fileTime, Sink&& sink) {
     const HResult error = convert(value, type, value_);
-    sink(ItemReading{error, clientHandle, fileTime, error == S_OK ? quality : qualityBad, value_});
+    sink(ItemReading{error, clientHandle, fileTime, error == S_OK ? quality : quality::bad, value_});
     return error == S_OK;
 }
 
 template <class Sink>
 void Group::deliverError(std::uint32_t clientHandle, HResult error, Sink&& sink) {
     value_.type = VT_EMPTY;
-    sink(ItemReading{error, clientHandle, 0, qualityBad, value_});
+    sink(ItemReading{error, clientHandle, 0, quality::bad, value_});
 }
 
 inline const Group::Slot* Group::findReadable(std::uint32_t handle, HResult& error, std::uint32_t& clientHandle) {
@@ -273,7 +274,7 @@ HResult Group::readCache(std::span<const std::uint32_t> handles, Sink&& sink) {
             continue;
         }
         const SLIKTag& tag = *slot->tag;
-        const std::uint16_t quality = state_.active && slot->active ? tag.qualityWord() : qualityOutOfService;
+        const std::uint16_t quality = state_.active && slot->active ? tag.qualityWord() : quality::badOutOfService;
         allGood &= deliver(slot->clientHandle, slot->type, tag.Value(), quality, tag.fileTime(), sink);
     }
     noteDataSent();

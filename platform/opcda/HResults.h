@@ -33,10 +33,6 @@ inline constexpr HResult OPC_S_DATAQUEUEOVERFLOW = 0x00040404;
 inline constexpr HResult OPC_E_RATENOTSET = 0xC0040405;
 inline constexpr HResult OPC_E_NOTSUPPORTED = 0xC0040406;
 
-// Quality words that the object model itself gives.
-inline constexpr std::uint16_t qualityBad = 0x00;
-inline constexpr std::uint16_t qualityOutOfService = 0x1C;
-
 // The English text of a result code; empty for a code that no call of this server returns.
 std::string_view errorText(HResult result);
 

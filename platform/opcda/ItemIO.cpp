@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "base/Quality.h"
 #include "base/TimeSource.h"
 #include "opcda/ItemLookup.h"
 
@@ -22,7 +23,7 @@ void settle(ItemIOReading& reading) {
     reading.error = convert(reading.value, reading.type, value);
     if (reading.error != S_OK) {
         reading.value = Variant();
-        reading.quality = qualityBad;
+        reading.quality = quality::bad;
     }
 }
 

@@ -3,6 +3,7 @@
 #include <string>
 
 #include "base/Conversion.h"
+#include "base/Quality.h"
 
 namespace quelm {
 
@@ -19,18 +20,8 @@ constexpr std::int32_t text = 8;
 constexpr std::int32_t boolean = 11;
 }  // namespace vartype
 
-namespace quality {
-constexpr int bad = 0x00;
-constexpr int badDeviceFailure = 0x0C;
-constexpr int badCommFailure = 0x18;
-constexpr int badOutOfService = 0x1C;
-constexpr int uncertainLastUsable = 0x44;
-constexpr int uncertainSensor = 0x50;
-constexpr int uncertainUnitsExceeded = 0x54;
-constexpr int uncertainSubNormal = 0x58;
-constexpr int good = 0xC0;
+// Set beside the quality of an item that is down.
 constexpr int downMarker = 0x8000;
-}  // namespace quality
 
 // A number or a date of another kind; text has its own rules.
 bool convertNumber(std::int16_t type, const Variant& from, Variant& to) {
@@ -129,7 +120,7 @@ int qualityWord(std::int32_t code, bool downIsInvalid, bool useSubStatus) {
         return quality::good;
     }
     if (IsDownMonitorCode(code)) {
-        return downQuality(code, downIsInvalid, useSubStatus) | quality::downMarker;
+        return downQuality(code, downIsInvalid, useSubStatus) | downMarker;
     }
     return useSubStatus ? subStatusQuality(code) : quality::bad;
 }

@@ -12,6 +12,7 @@
 #include "OPC/OPC DA Server/QuelmOpcMappingFunctions.h"
 #include "OPC/OPC DA Server/UtilityFunctions.h"
 #include "base/Conversion.h"
+#include "base/Quality.h"
 #include "base/RuntimeError.h"
 
 namespace quelm {
@@ -19,11 +20,6 @@ namespace {
 
 constexpr std::int32_t readableOnly = 1;
 constexpr std::int32_t readerPeriodSeconds = 15;
-
-constexpr std::int16_t qualityBad = 0x00;
-constexpr std::int16_t qualityCommFailure = 0x18;
-constexpr std::int16_t qualityUncertain = 0x40;
-constexpr std::int16_t qualityGood = 0xC0;
 
 // A number in its own right: a channel-fed text item is published as Bad even when its text reads as a number.
 bool isNumberKind(const Variant& value) {
@@ -120,7 +116,7 @@ bool SiteDataManager::CreateTag(ISLIKTags& objSLIKTags, const OPCDef& objOPCDef)
                   fmt::format("[OPC-0206] Could not initialize OPC tag '{}' value; 0, ", objTag.OPCTagName));
         }
         ISLIKTag* objItem =
-            CreateSlikTag(objSLIKTags, objTag.OPCTagName, readableOnly, varValue, qualityCommFailure, dtmNow);
+            CreateSlikTag(objSLIKTags, objTag.OPCTagName, readableOnly, varValue, quality::badCommFailure, dtmNow);
         // A refused item leaves its tag in the collection: the summary counts it and every update pass reports it.
         // Deliberate.
         if (objItem == nullptr) {
@@ -267,7 +263,7 @@ void SiteDataManager::UpdateQuelmTagValue(Date dtmTimestamp, const TagConfig& ob
             throw RuntimeError(errors::objectNotSet);
         }
         Variant varValue;
-        std::int16_t intQuality = qualityBad;
+        std::int16_t intQuality = quality::bad;
         if (const CurrentValueRecord* record = mobjCDR->CurrentValue(objTag.PID, objTag.IntervalType)) {
             const std::int16_t intVarType = slikTag(objTag).DataType();
             varValue = record->Value;
@@ -278,7 +274,7 @@ void SiteDataManager::UpdateQuelmTagValue(Date dtmTimestamp, const TagConfig& ob
                 // Any number goes to the quality table here; a channel's code must be a ranked one. Deliberate.
                 intQuality = GetOPCQuality(toInt32(record->MonitorCode), objTag.DownIsInvalid, objTag.UseSubStatus);
             } else if (isNumeric(record->Value)) {
-                intQuality = qualityGood;
+                intQuality = quality::good;
             }
         }
         slikTag(objTag).SetVQT(varValue, intQuality, dtmTimestamp);
@@ -295,7 +291,7 @@ void SiteDataManager::UpdateChannelTagValue(Date dtmTimestamp, const TagConfig& 
         }
         Variant varValue = mobjIOSManager->GetChannelValue(objTag.IOChannelID_Value);
         const std::int16_t intVarType = slikTag(objTag).DataType();
-        std::int16_t intQuality = qualityBad;
+        std::int16_t intQuality = quality::bad;
         if (!ConvertToOPCType(intVarType, varValue, objTag.DefaultValue)) {
             varValue = Variant(std::int16_t{0});
             ConvertToOPCType(intVarType, varValue, objTag.DefaultValue);
@@ -314,18 +310,20 @@ void SiteDataManager::UpdateChannelTagValue(Date dtmTimestamp, const TagConfig& 
 // The quality of a channel's numeric value, by its monitor-code channel.
 std::int16_t SiteDataManager::ChannelQuality(const TagConfig& objTag) {
     if (objTag.IOChannelID_MC == 0) {
-        return qualityGood;
+        return quality::good;
     }
     const Variant varCode = mobjIOSManager->GetChannelValue(objTag.IOChannelID_MC);
     if (!isNumeric(varCode)) {
-        return qualityUncertain;
+        return quality::uncertain;
     }
     if (!(std::fabs(toDouble(varCode)) <= MaxMonitorCode() + 1)) {
-        return qualityBad;
+        return quality::bad;
     }
     const std::int32_t lngCode = toInt32(varCode);
-    return IsRankedMonitorCode(lngCode) ? GetOPCQuality(lngCode, objTag.DownIsInvalid, objTag.UseSubStatus)
-                                        : qualityBad;
+    if (!IsRankedMonitorCode(lngCode)) {
+        return quality::bad;
+    }
+    return GetOPCQuality(lngCode, objTag.DownIsInvalid, objTag.UseSubStatus);
 }
 
 // ---- what the current-data reader asks

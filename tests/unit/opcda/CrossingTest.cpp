@@ -4,6 +4,7 @@
 
 #include <thread>
 
+#include "base/Quality.h"
 #include "base/Raised.h"
 #include "loop/AsioLoop.h"
 #include "loop/LineCrossing.h"
@@ -26,7 +27,7 @@ class CrossingTest : public testing::Test {
         control.StartServer();
     }
     void set(const char* name, const char* value) {
-        control.SLIKTags().Item(name).SetVQT(Variant(value), 0xC0, localNow());
+        control.SLIKTags().Item(name).SetVQT(Variant(value), quality::good, localNow());
     }
     // One handler of the plant.
     void onPlant(std::function<void()> handler) {
@@ -185,7 +186,7 @@ class Threads : public ISLIKServerEvents {
  public:
     Threads() {
         for (int i = 0; i < 50; ++i) {
-            control.SLIKTags().Add(fmt::format("Item{}", i), 1, Variant("0"), 0xC0, localNow());
+            control.SLIKTags().Add(fmt::format("Item{}", i), 1, Variant("0"), quality::good, localNow());
         }
         control.SetEvents(this);
         control.setHooks({[this] { thread = std::thread([this] { network.run(); }); }, {}, {}, {}, {}});
@@ -214,7 +215,7 @@ class Threads : public ISLIKServerEvents {
     void pass() {
         const Variant value(std::to_string(++passes));
         for (std::size_t i = 0; i < control.SLIKTags().Count(); ++i) {
-            control.SLIKTags().Item(fmt::format("item{}", i)).SetVQT(value, 0xC0, localNow());
+            control.SLIKTags().Item(fmt::format("item{}", i)).SetVQT(value, quality::good, localNow());
         }
         if (passes < 500) {
             plant.post([this] { pass(); });

@@ -9,9 +9,9 @@ using testing::IsEmpty;
 using Handles = std::vector<std::uint32_t>;
 
 const Seen dead{.error = OPC_E_INVALIDHANDLE};
-const Seen nox{S_OK, 100, 0xC0, VT_R4, 12.5};
-const Seen count{S_OK, 101, 0xC0, VT_I4, 70000};
-const Seen status{S_OK, 101, 0xC0, VT_BOOL, -1};
+const Seen nox{S_OK, 100, quality::good, VT_R4, 12.5};
+const Seen count{S_OK, 101, quality::good, VT_I4, 70000};
+const Seen status{S_OK, 101, quality::good, VT_BOOL, -1};
 
 class GroupTest : public OpcDaTest {
  protected:

@@ -1,3 +1,4 @@
+#include "base/Quality.h"
 #include "opcda/Fixture.h"
 
 namespace quelm::opcda {
@@ -67,7 +68,7 @@ TEST_F(ItemIOTest, OnlyWhatIsTooOldIsAskedFor) {
         S_OK);
     EXPECT_THAT(events.log, ElementsAre("read 2 Status Plant.Stack1.NOx"));
     EXPECT_EQ(readings[0].value, Variant(std::int32_t{70000}));
-    EXPECT_EQ(readings[0].quality, 0xC0);
+    EXPECT_EQ(readings[0].quality, quality::good);
     EXPECT_EQ(readings[2].value, Variant(12.5F));
     EXPECT_EQ(readings[2].fileTime, readings[0].fileTime);
 }
@@ -87,7 +88,7 @@ TEST_F(ItemIOTest, EachItemHasItsOwnError) {
     control.SLIKTags().Item("Plant.Stack1.Count").SetVQT(Variant("n/a"), 0xC0, noon);
     EXPECT_EQ(read({"Plant.Stack1.Count"}, {0xFFFFFFFF}), S_FALSE);
     EXPECT_THAT(errors, ElementsAre(DISP_E_TYPEMISMATCH));
-    EXPECT_EQ(readings[0].quality, qualityBad);
+    EXPECT_EQ(readings[0].quality, quality::bad);
     EXPECT_TRUE(readings[0].value.isEmpty());
 }
 

@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 
+#include "base/Quality.h"
 #include "server/Fakes.h"
 
 namespace quelm {
@@ -218,12 +219,12 @@ TEST(UpdateTagValues, GivesAParameterItsValueAndItsMonitorCodesQuality) {
         {"down, sub-status", Variant(12.5), code(23), {.useSubstatus = true}, Variant(12.5F), 0x8044},
         {"unranked code", Variant(12.5), code(5), {}, Variant(12.5F), 0x00},
         {"code as text", Variant(12.5), Variant("22"), {.useSubstatus = true}, Variant(12.5F), 0x18},
-        {"Empty code", Variant(12.5), Variant(), {}, Variant(12.5F), 0xC0},
-        {"no code, number", Variant(3.0), null, {}, Variant(3.0F), 0xC0},
+        {"Empty code", Variant(12.5), Variant(), {}, Variant(12.5F), quality::good},
+        {"no code, number", Variant(3.0), null, {}, Variant(3.0F), quality::good},
         {"no code, default", null, null, withDefault, Variant(7.0F), 0x00},
-        {"code, default", null, code(0), withDefault, Variant(7.0F), 0xC0},
+        {"code, default", null, code(0), withDefault, Variant(7.0F), quality::good},
         {"no conversion", Variant("abc"), code(0), {}, Variant(0.0F), 0x00},
-        {"text item", Variant("abc"), code(0), {.dataType = 3}, Variant("abc"), 0xC0},
+        {"text item", Variant("abc"), code(0), {.dataType = 3}, Variant("abc"), quality::good},
         {"text item, no code", Variant("abc"), Variant("?"), {.dataType = 3}, Variant("abc"), 0x00},
     };
     for (const Fed& c : cases) {
@@ -246,7 +247,7 @@ TEST(UpdateTagValues, GivesAChannelItsValueAndItsMonitorCodeChannelsQuality) {
     const Definition sub{.id = "[@7];[@8]", .useSubstatus = true};
     const Definition codedText{.id = "[@7];[@8]", .dataType = 3};
     const Fed cases[] = {
-        {"without code channel", Variant(12.5), null, {}, Variant(12.5F), 0xC0},
+        {"without code channel", Variant(12.5), null, {}, Variant(12.5F), quality::good},
         {"code channel silent", Variant(12.5), null, coded, Variant(12.5F), 0x40},
         {"code is text", Variant(12.5), Variant("bad"), coded, Variant(12.5F), 0x40},
         {"unranked", Variant(12.5), code(5), coded, Variant(12.5F), 0x00},
@@ -254,12 +255,12 @@ TEST(UpdateTagValues, GivesAChannelItsValueAndItsMonitorCodeChannelsQuality) {
         {"down", Variant(12.5), code(60), coded, Variant(12.5F), 0x80C0},
         {"beyond 32 bits", Variant(12.5), Variant(3e9), coded, Variant(12.5F), 0x00},
         {"beyond 32 bits as text", Variant(12.5), Variant("-4294967296"), coded, Variant(12.5F), 0x00},
-        {"halfway between good codes", Variant(12.5), Variant(84.5), coded, Variant(12.5F), 0xC0},
-        {"Empty counts as 0", Variant(), code(0), coded, Variant(0.0F), 0xC0},
+        {"halfway between good codes", Variant(12.5), Variant(84.5), coded, Variant(12.5F), quality::good},
+        {"Empty counts as 0", Variant(), code(0), coded, Variant(0.0F), quality::good},
         {"no value", null, code(0), coded, Variant(0.0F), 0x00},
-        {"default", null, null, {.nullValue = Variant(7.0)}, Variant(7.0F), 0xC0},
+        {"default", null, null, {.nullValue = Variant(7.0)}, Variant(7.0F), quality::good},
         {"text item that reads as a number", Variant("12"), code(0), codedText, Variant("12"), 0x00},
-        {"Boolean", Variant(0.1), null, {.dataType = 4}, Variant(true), 0xC0},
+        {"Boolean", Variant(0.1), null, {.dataType = 4}, Variant(true), quality::good},
         {"unknown type", Variant(1.0), null, {.dataType = 9}, Variant(std::int16_t{0}), 0x00},
     };
     for (const Fed& c : cases) {

@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 
+#include "base/Quality.h"
 #include "server/Fakes.h"
 
 namespace quelm {
@@ -238,7 +239,7 @@ TEST_F(RunningServer, StartsReadersAndEverySiteGetsItsValuesInOrder) {
     for (const auto& [name, value] : {std::pair{"P", 3.0F}, {"C", 12.5F}, {"D", 12.5F}}) {
         const ISLIKTag& tag = host.slik.SLIKTags().Item(name);
         EXPECT_EQ(tag.Value(), Variant(value)) << name;
-        EXPECT_EQ(tag.Quality(), 0xC0) << name;
+        EXPECT_EQ(tag.Quality(), quality::good) << name;
         EXPECT_EQ(tag.Timestamp(), localNow()) << name;
     }
 }
@@ -250,7 +251,7 @@ TEST_F(RunningServer, CopiesTheCacheOnADeviceRead) {
         const std::string& Name() const override { return name; }
         void SetVQT(const Variant& v, std::int16_t, Date) override { value = v; }
     };
-    host.slik.SLIKTags().Item("P").SetVQT(Variant(1.5F), 0xC0, localNow());
+    host.slik.SLIKTags().Item("P").SetVQT(Variant(1.5F), quality::good, localNow());
     struct Case {
         std::string second;
         std::int32_t count;

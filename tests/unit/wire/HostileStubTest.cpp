@@ -143,7 +143,7 @@ TEST_F(HostileStub, ARemovedGroupAnswersEverythingWithFailure) {
 
 // The same long text asked for over and over.
 TEST_F(HostileStub, RepliesOutOfAllProportionAreRefused) {
-    control_.SLIKTags().Add("Long", 1, std::string(60'000, 'x'), 0xC0, localNow());
+    control_.SLIKTags().Add("Long", 1, std::string(60'000, 'x'), quality::good, localNow());
     const Handles handles(600, addItems({"Long"}).at(0));
     for (const Handles& wanted : {handles, Handles(2'000'000)}) {
         EXPECT_HEX(call(SyncIo::Read, Parameters().u16(1).counted(wanted)).bytes, "00000000 00000000 0E000780");

@@ -11,6 +11,7 @@
 
 #include "FakeContext.h"
 #include "Parameters.h"
+#include "base/Quality.h"
 #include "base/TimeSource.h"
 #include "loop/VirtualLoop.h"
 #include "opcda/wire/InterfaceTable.h"
@@ -113,10 +114,10 @@ class OpcWire : public ::testing::Test {
         const Date now = localNow();
         PlantItems& items = control_.SLIKTags();
         items.Add("A.Temp", 1, 12.5F, static_cast<std::int16_t>(0x80C0U), now);
-        items.Add("A.Count", 1, std::int32_t{7}, 0xC0, now);
+        items.Add("A.Count", 1, std::int32_t{7}, quality::good, now);
         items.Add("Name", 1, "Ab", 0x40, now);
         items.Add("Flow", 1, 0.25, 0x18, now);
-        items.Add("Switch", 1, true, 0xC0, now);
+        items.Add("Switch", 1, true, quality::good, now);
         server_ = std::make_shared<OpcServerObject>(application_);
     }
 

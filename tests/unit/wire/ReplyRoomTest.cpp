@@ -38,7 +38,7 @@ TEST_F(OpcWire, AReplyIsBoundedByWhatTheClientHasLeft) {
     server_ = std::make_shared<OpcServerObject>(application_, budget);
     addGroup("g");
     const std::string text(20'000, 'x');
-    control_.SLIKTags().Item("Name").SetVQT(Variant(text), 0xC0, localNow());
+    control_.SLIKTags().Item("Name").SetVQT(Variant(text), quality::good, localNow());
     const auto handles = addItems(std::vector<std::string>(2000, "Flow"));
     const std::uint32_t name = addItems({"Name"}).at(0);
     call(ItemMgt::CreateEnumerator, Parameters().uuid(iidEnumOpcItemAttributes));
