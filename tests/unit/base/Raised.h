@@ -1,6 +1,7 @@
 #pragma once
 
 #include <functional>
+#include <string>
 
 #include "base/RuntimeError.h"
 
@@ -14,6 +15,16 @@ inline long raisedBy(const std::function<void()>& action) {
         return error.number();
     }
     return 0;
+}
+
+// The same as "number, text"; "none" when it raises none.
+inline std::string failureOf(const std::function<void()>& action) {
+    try {
+        action();
+    } catch (const RuntimeError& error) {
+        return std::to_string(error.number()) + ", " + error.description();
+    }
+    return "none";
 }
 
 }  // namespace quelm::test

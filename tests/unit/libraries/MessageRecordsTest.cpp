@@ -8,6 +8,7 @@
 #include "DB Interface Library/MessageIDs.h"
 #include "DB Interface Library/SqliteDriver.h"
 #include "base/Date.h"
+#include "base/Raised.h"
 #include "base/RuntimeError.h"
 #include "base/TimeSource.h"
 #include "libraries/TestDatabase.h"
@@ -73,12 +74,7 @@ class MessageRecordsTest : public testing::Test {
         return dbil_.RealtimeDB().InsertMessage(id_, site, queue, data, "one", "two", "who asked");
     }
     std::string failureOfInsert() {
-        try {
-            insert("S1", "<Command />");
-        } catch (const RuntimeError& error) {
-            return error.description();
-        }
-        return "none";
+        return test::failureOf([this] { insert("S1", "<Command />"); });
     }
     Rows rows(const std::string& sql) {
         sqlite3* database = nullptr;
@@ -144,15 +140,15 @@ TEST_F(MessageRecordsTest, RaiseWhatTheDatabaseRaisesAndLeaveNothing) {
     id_ = "as before";
     // Another program in the middle of its own write.
     database_.run("BEGIN IMMEDIATE");
-    EXPECT_EQ(failureOfInsert(), "database is locked");
+    EXPECT_EQ(failureOfInsert(), "5, database is locked");
     database_.run("COMMIT; CREATE TRIGGER Refuse BEFORE INSERT ON Message BEGIN SELECT RAISE(ABORT, 'disk full'); END");
-    EXPECT_EQ(failureOfInsert(), "disk full");
+    EXPECT_EQ(failureOfInsert(), "1811, disk full");
     database_.run("DROP TRIGGER Refuse");
     EXPECT_THAT(rows("SELECT count(*) FROM Message"), ElementsAre("0"));
     EXPECT_EQ(id_, "as before");
     EXPECT_TRUE(insert("S1", "<Command />"));
     database_.run("DROP TABLE Message");
-    EXPECT_EQ(failureOfInsert(), "no such table: Message");
+    EXPECT_EQ(failureOfInsert(), "1, no such table: Message");
     EXPECT_THROW(insert("S3", "<Command />"), RuntimeError);
 }
 

@@ -17,6 +17,7 @@
 #include "DB Interface Library/DBIL.h"
 #include "DB Interface Library/SqliteDriver.h"
 #include "base/Conversion.h"
+#include "base/Raised.h"
 #include "base/RuntimeError.h"
 #include "base/Text.h"
 #include "base/TimeSource.h"
@@ -228,14 +229,11 @@ TEST_P(DatabasesTest, ReadOnWhileTheDiskIsFullAndWriteAgainOnceThereIsRoom) {
     limitFiles(17 << 20);
     IRealtimeDB& realtime = dbil_.RealtimeDB();
     std::string id = "none";
-    std::string failure;
-    for (int i = 0; i < 200 && failure.empty(); ++i) {
+    std::string failure = "none";
+    for (int i = 0; i < 200 && failure == "none"; ++i) {
         id = "none";
-        try {
-            EXPECT_TRUE(realtime.InsertMessage(id, "S1", "Q6IOCOMMAND", data, "", "", ""));
-        } catch (const RuntimeError& error) {
-            failure = fmt::format("{}, {}", error.number(), error.description());
-        }
+        failure =
+            test::failureOf([&] { EXPECT_TRUE(realtime.InsertMessage(id, "S1", "Q6IOCOMMAND", data, "", "", "")); });
     }
     EXPECT_THAT(failure, testing::MatchesRegex(GetParam() == Kind::Sqlite ? "778, disk I/O error"
                                                                           : "1, .*could not extend file .*"));

@@ -16,13 +16,14 @@
 #include <vector>
 
 #include "DB Interface Library/DBIL.h"
-#include "base/RuntimeError.h"
+#include "base/Raised.h"
 #include "base/TimeSource.h"
 
 namespace quelm {
 namespace {
 
 using namespace std::chrono_literals;
+using test::failureOf;
 using testing::ElementsAre;
 
 // Opens once; whoever comes before waits.
@@ -114,15 +115,6 @@ class Connection final : public ISqlConnection {
     std::shared_ptr<Library> library_;
     bool isOpen_ = false;
 };
-
-std::string failureOf(const std::function<void()>& call) {
-    try {
-        call();
-        return "none";
-    } catch (const RuntimeError& error) {
-        return fmt::format("{}, {}", error.number(), error.description());
-    }
-}
 
 // What callers give a library that hangs; much more than one takes that does not.
 constexpr std::chrono::milliseconds shortTime = 300ms;
