@@ -57,6 +57,7 @@ struct CallBuffers {
 
     template <class T>
     static void giveBack(std::vector<T>& room) {
+        // Some rooms hold pointers.  NOLINTNEXTLINE(bugprone-sizeof-expression)
         if (room.capacity() * sizeof(T) > kept) {
             room = {};
         }

@@ -139,7 +139,7 @@ HResult Group::addItems(std::span<const ItemDefinition> items, std::vector<ItemR
     for (const ItemDefinition& item : items) {
         const SLIKTag* tag = nullptr;
         ItemResult& result = results.emplace_back(validate(item, tag));
-        if (result.error == S_OK) {
+        if (result.error == S_OK && tag != nullptr) {
             result.serverHandle = insert(item, *tag);
             result.error = result.serverHandle == 0 ? E_OUTOFMEMORY : S_OK;
         }

@@ -98,6 +98,7 @@ std::uint32_t ItemPropertiesInterface::getProperties(Server& server, Reader& in,
         return writeFailure(out, E_OUTOFMEMORY);
     }
     std::vector<HResult> errors;
+    errors.reserve(properties.size());
     for (const PropertyValue& property : properties) {
         errors.push_back(property.error);
     }

@@ -124,6 +124,7 @@ std::uint32_t ServerInterface::createGroupEnumerator(Server& server, Reader& in,
         return writeNoInterface(out, E_OUTOFMEMORY);
     }
     std::vector<std::shared_ptr<dcom::orpc::ComObject>> objects;
+    objects.reserve(groups.size());
     for (const auto& group : groups) {
         objects.push_back(object().groupObject(group));
     }

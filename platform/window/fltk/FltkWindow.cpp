@@ -215,6 +215,7 @@ void FltkWindow::ShowInformationBox(std::string_view strTitle, std::string_view 
     const int upper = std::max(textHeight, icon);
     delete box_;
     box_ = new DrawnWindow(icon + textWidth + 3 * margin, upper + buttonHeight + 3 * margin);
+    // What is made before end() belongs to the box.  NOLINTBEGIN(clang-analyzer-cplusplus.NewDeleteLeaks)
     auto* mark = new Fl_Box(FL_OFLAT_BOX, margin, margin, icon, icon, "i");
     mark->color(fl_rgb_color(0x1f, 0x5f, 0xbf));
     mark->labelcolor(FL_WHITE);
@@ -226,6 +227,7 @@ void FltkWindow::ShowInformationBox(std::string_view strTitle, std::string_view 
     auto* ok = new Fl_Return_Button((box_->w() - buttonWidth) / 2, upper + 2 * margin, buttonWidth, buttonHeight, "OK");
     ok->callback(okPressed, this);
     box_->end();
+    // NOLINTEND(clang-analyzer-cplusplus.NewDeleteLeaks)
     box_->copy_label(std::string(strTitle).c_str());
     box_->xclass(windowClass);
     box_->callback(okPressed, this);
