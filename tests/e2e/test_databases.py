@@ -5,11 +5,12 @@ import shutil
 import unittest
 
 from harness import SiteTest
-from plant import BSTR, DATE, EXPECTED, I4, R4
+from plant import BOOL, BSTR, DATE, EXPECTED, I4, R4
 
 NORTH = {name: value for name, value in EXPECTED.items() if name.startswith('North.')}
 SOUTH = {name: value for name, value in EXPECTED.items() if name.startswith('South.')}
-
+PARAMETERS = [name for name in EXPECTED if name.startswith(('North.Stack1.', 'South.Boiler.NOx')) and name.rpartition(
+    '.')[2] not in ('Raw', 'Opacity', 'Temperature', 'Moisture')]
 
 
 class Databases(SiteTest):
@@ -28,6 +29,11 @@ class Databases(SiteTest):
                     f'Connection1 = Driver=SQLite;Database={folder}/{name}-configuration.db\n'
                     f'Connection2 = Driver=SQLite;Database={folder}/{name}-realtime.db\n')
         self.site.write('Quelm.ini', ini)
+
+    def started_client(self, *realtime):
+        """A client of all items of the server, which is started on the databases of these names."""
+        self.site.start(beat=realtime).started()
+        return self.client(items=EXPECTED)
 
 
 class Away(Databases):
@@ -62,6 +68,35 @@ class Away(Databases):
         self.site.wait_pass()
         self.assert_values(client, EXPECTED)
         self.assertEqual(len(self.site.logged('[OPC-0225]')), 2)
+
+    def test_away_while_running_values_stay_for_two_ticks_then_turn_bad_and_come_back(self):
+        client = self.started_client('realtime.db')
+        at = self.site.wait_pass()
+        good = self.assert_values(client, EXPECTED)
+        self.give('realtime.db', 'away.db')
+
+        channels = {name: value for name, value in EXPECTED.items() if name not in PARAMETERS}
+        for _ in range(2):
+            at = self.site.wait_log('[OPC-0127]', self.site.wait_log('OPC-0192: ', at))
+            later = self.assert_values(client, channels)
+            self.assertGreater(later['South.Boiler.Steam']['filetime'], good['South.Boiler.Steam']['filetime'])
+        self.assertEqual(self.site.logged('[OPC-0185]'), [])
+
+        at = self.site.wait_log('[OPC-0127]', self.site.wait_log('[OPC-0185]', at))
+        self.assertRegex(self.site.logged('[OPC-0185]')[0],
+                         r'Quelm I/O Server is not active; IOS5; Elapsed=60; TStamp=.*; AllCommsOk=1 \[OPC-0185\]$')
+        nothing = {R4: 0.0, I4: 0, BOOL: False, BSTR: '0', DATE: 36526.0}
+        self.assert_values(client, {name: (kind, None if name in PARAMETERS else nothing[kind], 0)
+                                    for name, (kind, _, _) in EXPECTED.items()})
+        self.assertEqual(len(self.site.logged('OPC-0192: ')), 6, 'three ticks of two sites')
+        self.assertTrue(self.site.logged('the last values are too old and no longer published'))
+        self.assertFalse(os.path.exists(self.site.path('realtime.db')), 'a database was made')
+
+        self.give('away.db', 'realtime.db')
+        self.site.beat()
+        self.site.wait_pass(at)
+        self.assert_values(client, EXPECTED)
+
 
 class Incomplete(Databases):
     def test_each_site_pays_for_its_own_database_alone(self):
@@ -102,6 +137,35 @@ class Incomplete(Databases):
         self.assert_values(client, served)
         self.assertEqual(len(self.site.logged('Error OPC-0154: 1, no such table: IOChannelDef')), 1)
         self.assertTrue(self.site.logged("Cannot read the current parameter values of site 'VALUES'; 1, no such table"))
+
+    def test_a_locked_database_and_a_missing_table_for_a_tick(self):
+        self.separate_files('NORTH', 'SOUTH')
+        connection = self.site.database('NORTH-realtime.db')
+        self.assertEqual(connection.execute('PRAGMA journal_mode = DELETE').fetchone(), ('delete',))
+        client = self.started_client('NORTH-realtime.db', 'SOUTH-realtime.db')
+        at = self.site.wait_pass()
+        self.assert_values(client, EXPECTED)
+        reader = self.steady()
+
+        connection.execute('BEGIN EXCLUSIVE')
+        self.site.execute('SOUTH-realtime.db', 'ALTER TABLE CurrentIO RENAME TO Elsewhere')
+        for text in ('OPC-0192: 5, database is locked', 'OPC-0192: 1, no such table: CurrentIO', '[OPC-0127]'):
+            at = self.site.wait_log(text, at)
+        self.assert_values(client, EXPECTED)
+        # The plant waits for the locked database, and no client for the plant.
+        self.assertLess(reader.longest_read(), 3)
+
+        connection.rollback()
+        connection.close()
+        self.site.execute('NORTH-realtime.db', "UPDATE CurrentIO SET NValue = 99.5 WHERE IOID = 'C110'")
+        self.site.execute('SOUTH-realtime.db', "ALTER TABLE Elsewhere RENAME TO CurrentIO;"
+                          "UPDATE CurrentIO SET NValue = 77.5 WHERE IOID = 'C11'")
+        for name in ('NORTH', 'SOUTH'):
+            self.site.beat(f'{name}-realtime.db')
+        self.site.wait_pass(at)
+        self.assert_values(client, {**EXPECTED, 'North.Stack1.Moisture': (R4, 99.5, 0xC0),
+                                    'South.Boiler.Steam': (R4, 77.5, 0xC0)})
+
 
 # Definitions that give no item: columns, why not. Columns that are not given have the table's defaults; ID is [@110]
 # and DataType 1.

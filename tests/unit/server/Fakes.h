@@ -144,19 +144,20 @@ struct Host : World {
                        [this] { asked("slik: register"); }, [this] { asked("slik: unregister"); },
                        [this](std::string_view reason) { asked(fmt::format("slik: shutdown notice '{}'", reason)); },
                        nullptr});
-        form.emplace(ServerParts{
-            slik, window, std::move(commandLine), 1234, [this] { return std::make_unique<SystemINI>(ini); },
-            [this](const ISystemINI&) { return dbil; }, [this]() -> std::shared_ptr<IClock> { return clock; },
-            [this] {
-                raiseIf(logFailure);
-                return std::make_unique<LogWriter>(journal);
-            },
-            [](std::int32_t type) { return std::to_string(type); },
-            SiteParts{[this](IDBIL&, std::string_view id) {
-                          return std::make_unique<DataInterface>(journal, sites[std::string(id)]);
-                      },
-                      // All sites read the same values.
-                      [this] { return std::make_unique<CurrentDataReader>(journal, reader); }}});
+        form.emplace(ServerParts{slik, window, std::move(commandLine), 1234,
+                                 [this] { return std::make_unique<SystemINI>(ini); },
+                                 [this](const ISystemINI&) { return dbil; },
+                                 [this]() -> std::shared_ptr<IClock> { return realClock ? realClock : clock; },
+                                 [this] {
+                                     raiseIf(logFailure);
+                                     return std::make_unique<LogWriter>(journal);
+                                 },
+                                 [](std::int32_t type) { return std::to_string(type); },
+                                 SiteParts{[this](IDBIL&, std::string_view id) {
+                                               return std::make_unique<DataInterface>(journal, sites[std::string(id)]);
+                                           },
+                                           // All sites read the same values.
+                                           [this] { return std::make_unique<CurrentDataReader>(journal, reader); }}});
     }
 
     static DAHSEntry site(const std::string& id, std::int32_t dahs) {
@@ -169,6 +170,7 @@ struct Host : World {
     }
 
     SystemINI ini;
+    std::shared_ptr<IClock> realClock;  // takes the place of the fake one when set
     VirtualLoop loop;
     SLIKServer slik{loop, loop};
     Failure controlFailure, logFailure;
