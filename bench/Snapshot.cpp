@@ -152,7 +152,7 @@ const DatabaseFile& databaseFile() {
 }
 
 void sqliteSnapshot(benchmark::State& state) {
-    SiteTable sites(builtInSqlDrivers());
+    SiteTable sites(builtInSqlDrivers(), {});
     const std::string connection = "Driver=SQLite;Database=" + databaseFile().path();
     sites.setUp("PLANT", {connection, connection, "", "", ""});
     RealtimeDB realtime(sites);
@@ -248,7 +248,7 @@ void postgresSnapshot(benchmark::State& state) {
         return;
     }
     fillServer();
-    SiteTable sites(builtInSqlDrivers());
+    SiteTable sites(builtInSqlDrivers(), {});
     const std::string site = siteOf(state.range(0));
     const std::string connection =
         "Driver=PostgreSQL Unicode;Server=" + serverFolder() + ";Database=postgres;UID=quelm";
