@@ -93,7 +93,10 @@ class Attacker:
 
     def group_with(self, count):
         """IPIDs of IOPCItemMgt and IOPCSyncIO of a group that holds one item so many times, its first handle."""
-        (_, items), = references(self.add_group('many'))
+        made = list(references(self.add_group('many')))
+        if not made:
+            raise PermissionError('the group is refused')
+        (_, items), = made
         (_, sync), = references(self.call(SERVER, GROUP_BY_NAME, Writer().string('many').guid(IOPC_SYNC_IO)))
         handle = 0
         while count > 0:

@@ -238,7 +238,9 @@ class BadInputs(harness.SiteTest):
 
     def run_all(self, count, seed):
         self.setUp()
-        self.site.edit('dcom.conf', ('[Accounts]\n', f'[Accounts]\nDEMO\\{attacks.USER} = password:{attacks.PASSWORD}\n'))
+        # The objects of clients that only come and go would use the account's budget up.
+        self.site.edit('dcom.conf', ('FirstPing = 10\nCloseGrace = 5\n', 'FirstPing = 1\nCloseGrace = 1\n'),
+                       ('[Accounts]\n', f'[Accounts]\nDEMO\\{attacks.USER} = password:{attacks.PASSWORD}\n'))
         self.site.start(environment={'ASAN_OPTIONS': 'exitcode=99:detect_leaks=1', 'UBSAN_OPTIONS': 'print_stacktrace=1'})
         self.site.started()
         steady = self.steady()
