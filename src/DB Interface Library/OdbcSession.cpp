@@ -16,7 +16,7 @@ namespace {
 constexpr std::size_t maxKeptStatements = 16;
 
 // The messages of drivers run over several lines.
-std::string onOneLine(std::string text) {
+std::string onOneLine(const std::string& text) {
     std::string line;
     for (const char c : text) {
         const bool isBlank = static_cast<unsigned char>(c) <= ' ';
@@ -55,7 +55,10 @@ Diagnosis diagnose(SQLSMALLINT type, SQLHANDLE handle) {
 // server can be. A connection string that says what is to be logged is left alone.
 void keepFromLogging(SQLHANDLE environment, const ConnectionString& connectionString) {
     const std::string* const driver = connectionString.find("Driver");
-    const std::string name = driver != nullptr ? toUpperCase(*driver) : "";
+    if (driver == nullptr) {
+        return;
+    }
+    const std::string name = toUpperCase(*driver);
     const bool isPostgreSQL = name.find("POSTGRES") != std::string::npos || name.find("PSQLODBC") != std::string::npos;
     if (!isPostgreSQL || connectionString.find("CommLog") != nullptr || connectionString.find("Debug") != nullptr) {
         return;

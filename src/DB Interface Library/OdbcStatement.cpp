@@ -351,7 +351,9 @@ void OdbcStatement::placeColumns() {
             boundColumns_ = std::min(boundColumns_, i);
         }
     }
-    rows_ = boundColumns_ < columns_.size() ? 1 : std::clamp<std::size_t>(blockMemory / rowBytes, 1, blockRows);
+    rows_ = boundColumns_ < columns_.size()
+                ? 1
+                : std::clamp<std::size_t>(blockMemory / std::max<std::size_t>(rowBytes, 1), 1, blockRows);
     std::size_t size = 0;
     for (OdbcColumn& column : columns_) {
         constexpr std::size_t alignment = alignof(std::max_align_t);

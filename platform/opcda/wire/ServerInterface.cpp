@@ -128,7 +128,8 @@ std::uint32_t ServerInterface::createGroupEnumerator(Server& server, Reader& in,
     for (const auto& group : groups) {
         objects.push_back(object().groupObject(group));
     }
-    out.u32(writeEnumerator<EnumUnknown>(out, context, iid, memory.another(),
+    Hold others = memory.another();
+    out.u32(writeEnumerator<EnumUnknown>(out, context, iid, std::move(others),
                                          Enumerator(std::move(objects), std::move(memory)), result));
     return 0;
 }
