@@ -280,7 +280,8 @@ void Parser::readAddresses(std::string_view value) {
     for (const std::string_view part : splitAtCommas(value)) {
         const std::string address(part);
         in_addr binary{};
-        if (inet_pton(AF_INET, address.c_str(), &binary) != 1) {
+        // What stands behind a NUL would pass unread.
+        if (address.find('\0') != std::string::npos || inet_pton(AF_INET, address.c_str(), &binary) != 1) {
             problem("[Listen] Address",
                     fmt::format("\"{}\" is not an IPv4 address and is left out", shownValue(address)),
                     "Write numeric addresses such as 192.168.1.5, with commas between them");
