@@ -1,0 +1,63 @@
+#pragma once
+
+// What clients are told without asking: changed values, answers to their asynchronous calls, and that the server stops.
+// The groups gather it, sinks take it to the clients.
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <string_view>
+#include <vector>
+
+#include "opcda/Coercion.h"
+#include "opcda/HResults.h"
+
+namespace quelm::opcda {
+
+// Where the values of one callback are written down while they are converted, in the form in which they go out.
+class IValueWriter {
+ public:
+    virtual ~IValueWriter() = default;
+    // Forgets what was written.
+    virtual void begin() = 0;
+    virtual void add(const OpcValue& value) = 0;
+    // Bytes that were written.
+    virtual std::size_t size() const = 0;
+};
+
+// The items of one callback, column by column; their values are in the value writer. Shared by all groups, so that a
+// steady load allocates nothing.
+struct CallbackItems {
+    std::uint32_t transaction = 0;  // the client's number; 0: by subscription
+    std::uint32_t clientGroup = 0;  // the group's client handle
+    HResult masterQuality = S_OK;   // S_FALSE: not all qualities are good
+    HResult masterError = S_OK;     // S_FALSE: an item has an error
+    std::vector<std::uint32_t> clientHandles;
+    std::vector<std::uint16_t> qualities;
+    std::vector<std::int64_t> fileTimes;  // UTC, FILETIME
+    std::vector<HResult> errors;
+};
+
+// A client's IOPCDataCallback, advised to one group. Called on the network's thread and never from within a call of the
+// client. Its end takes back what waits.
+class IDataSink {
+ public:
+    virtual ~IDataSink() = default;
+    // Callbacks that the client has not answered yet. Values that changed wait until there are none; the others are
+    // taken at once, as there are never more of them than transactions that the group lets its client begin.
+    virtual std::size_t unanswered() const = 0;
+    virtual void onDataChange(const CallbackItems& items) = 0;
+    virtual void onReadComplete(const CallbackItems& items) = 0;
+    virtual void onWriteComplete(std::uint32_t transaction, std::uint32_t clientGroup, HResult masterError,
+                                 std::span<const std::uint32_t> clientHandles, std::span<const HResult> errors) = 0;
+    virtual void onCancelComplete(std::uint32_t transaction, std::uint32_t clientGroup) = 0;
+};
+
+// A client's IOPCShutdown, advised to its server object.
+class IShutdownSink {
+ public:
+    virtual ~IShutdownSink() = default;
+    virtual void onShutdownRequest(std::string_view reason) = 0;
+};
+
+}  // namespace quelm::opcda
