@@ -263,8 +263,8 @@ void Group::readDevice(std::span<const std::uint32_t> handles, std::function<voi
         }
     }
     application_->control().deviceRead(
-        tags, [reading, done = std::move(done)](std::int32_t error, std::span<const RequestedItem> readings) {
-            reading->hostError_ = static_cast<HResult>(error);
+        tags, [reading, done = std::move(done)](HResult error, std::span<const RequestedItem> readings) {
+            reading->hostError_ = error;
             reading->readings_ = readings;
             done(*reading);
         });
@@ -277,12 +277,11 @@ void Group::write(std::span<const std::uint32_t> handles, WriteDone done) {
         ++valid;
         return S_OK;
     });
-    application_->control().write(
-        valid, [all, errors = std::move(errors), done = std::move(done)](std::int32_t error) mutable {
-            const auto hostError = static_cast<HResult>(error);
-            std::replace(errors.begin(), errors.end(), S_OK, hostError);
-            done(hostError != S_OK ? S_FALSE : all, errors);
-        });
+    application_->control().write(valid,
+                                  [all, errors = std::move(errors), done = std::move(done)](HResult error) mutable {
+                                      std::replace(errors.begin(), errors.end(), S_OK, error);
+                                      done(error != S_OK ? S_FALSE : all, errors);
+                                  });
 }
 
 void Group::noteDataSent() {

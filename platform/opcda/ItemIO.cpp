@@ -86,11 +86,11 @@ void ItemIO::readDevice(std::vector<ItemIOReading> readings, ReadDone done) {
         }
     }
     control_->deviceRead(asked, [readings = std::move(readings), done = std::move(done)](
-                                    std::int32_t error, std::span<const RequestedItem> answers) mutable {
+                                    HResult error, std::span<const RequestedItem> answers) mutable {
         std::size_t next = 0;
         for (ItemIOReading& reading : readings) {
-            if (reading.asked != nullptr && error != 0) {
-                reading.error = static_cast<HResult>(error);
+            if (reading.asked != nullptr && error != S_OK) {
+                reading.error = error;
             } else if (reading.asked != nullptr) {
                 take(answers[next++], reading);
             }
@@ -106,8 +106,8 @@ void ItemIO::writeVQT(std::span<const std::string_view> itemIds, WriteDone done)
         errors.push_back(findItem(control_->items(), itemId, tag));
     }
     const auto valid = static_cast<std::size_t>(std::count(errors.begin(), errors.end(), S_OK));
-    control_->write(valid, [errors = std::move(errors), done = std::move(done)](std::int32_t error) mutable {
-        std::replace(errors.begin(), errors.end(), S_OK, static_cast<HResult>(error));
+    control_->write(valid, [errors = std::move(errors), done = std::move(done)](HResult error) mutable {
+        std::replace(errors.begin(), errors.end(), S_OK, error);
         const bool allGood = std::all_of(errors.begin(), errors.end(), [](HResult each) { return each == S_OK; });
         done(errors.empty() ? E_INVALIDARG : allGood ? S_OK : S_FALSE, errors);
     });

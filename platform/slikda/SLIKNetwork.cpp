@@ -13,7 +13,7 @@ struct DeviceRead {
     std::vector<RequestedItem> items;
     std::vector<ISLIKRequestedItem*> list;
     std::uint64_t question = 0;
-    std::int32_t error = 0;
+    HResult error = S_OK;
 };
 
 }  // namespace
@@ -34,11 +34,11 @@ void SLIKNetwork::clientGone() {
 
 void SLIKNetwork::deviceRead(std::span<const SLIKTag* const> tags, ReadDone done) {
     if (tags.empty()) {
-        done(0, {});
+        done(S_OK, {});
         return;
     }
     if (asked_ + tags.size() > mostAsked()) {
-        done(outOfMemory, {});
+        done(E_OUTOFMEMORY, {});
         return;
     }
     const auto read = std::make_shared<DeviceRead>();
@@ -62,17 +62,17 @@ void SLIKNetwork::deviceRead(std::span<const SLIKTag* const> tags, ReadDone done
 
 void SLIKNetwork::write(std::size_t count, WriteDone done) {
     if (count == 0) {
-        done(0);
+        done(S_OK);
         return;
     }
     if (asked_ >= mostAsked()) {
-        done(outOfMemory);
+        done(E_OUTOFMEMORY);
         return;
     }
     ++asked_;
     writes_.emplace(++lastQuestion_, std::move(done));
     crossing_->toPlant([this, count, question = lastQuestion_] {
-        const std::int32_t error = plant_->raiseWrite(count);
+        const HResult error = plant_->raiseWrite(count);
         crossing_->toNetwork([this, error, question] {
             --asked_;
             if (const auto waiting = writes_.extract(question)) {

@@ -10,6 +10,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "base/HResult.h"
 #include "slikda/ClientDoor.h"
 #include "slikda/Crossing.h"
 #include "slikda/ISLIKServer.h"
@@ -47,18 +48,17 @@ class IPlantSide {
     virtual ~IPlantSide() = default;
     virtual void raiseDisconnect(std::int32_t remaining) noexcept = 0;
     // The event's error code.
-    virtual std::int32_t raiseRead(const std::vector<ISLIKRequestedItem*>& items) noexcept = 0;
-    virtual std::int32_t raiseWrite(std::size_t count) noexcept = 0;
+    virtual HResult raiseRead(const std::vector<ISLIKRequestedItem*>& items) noexcept = 0;
+    virtual HResult raiseWrite(std::size_t count) noexcept = 0;
     // To be used on the plant's thread only.
     virtual StampConverter& stamps() = 0;
 };
 
 class SLIKNetwork {
  public:
-    // error: of the event (0: success); readings: one entry for each tag that was asked for, valid during the call.
-    using ReadDone = std::function<void(std::int32_t error, std::span<const RequestedItem> readings)>;
-    using WriteDone = std::function<void(std::int32_t error)>;
-    static constexpr std::int32_t outOfMemory = static_cast<std::int32_t>(0x8007000EU);  // E_OUTOFMEMORY
+    // error: of the event; readings: one entry for each tag that was asked for, valid during the call.
+    using ReadDone = std::function<void(HResult error, std::span<const RequestedItem> readings)>;
+    using WriteDone = std::function<void(HResult error)>;
 
     SLIKNetwork(ItemStore& items, Crossing& crossing, ClientDoor& door, IPlantSide& plant)
         : items_(&items), crossing_(&crossing), door_(&door), plant_(&plant) {}
@@ -75,7 +75,7 @@ class SLIKNetwork {
 
     // A client's device read: OnRead once with the whole list, done once, maybe before this returns. Nothing is raised
     // for an empty list. What all clients wait for together is bounded by the number of items there are; beyond that
-    // the answer is outOfMemory at once.
+    // the answer is E_OUTOFMEMORY at once.
     void deviceRead(std::span<const SLIKTag* const> tags, ReadDone done);
     // A client's write of so many items: OnWrite once, unless there are none; its error code applies to every item.
     void write(std::size_t count, WriteDone done);

@@ -104,20 +104,20 @@ void SLIKServer::raiseDisconnect(std::int32_t remaining) noexcept {
     raise("OnClientDisconnect", [&](ISLIKServerEvents& events) { events.SLIKServer1_OnClientDisconnect(remaining); });
 }
 
-std::int32_t SLIKServer::raiseRead(const std::vector<ISLIKRequestedItem*>& items) noexcept {
+HResult SLIKServer::raiseRead(const std::vector<ISLIKRequestedItem*>& items) noexcept {
     std::int32_t error = 0;
     const bool answered = raise("OnRead", [&](ISLIKServerEvents& events) {
         events.SLIKServer1_OnRead(static_cast<std::int32_t>(items.size()), items, error);
     });
-    return answered ? error : failed;
+    return answered ? asResult(error) : E_FAIL;
 }
 
-std::int32_t SLIKServer::raiseWrite(std::size_t count) noexcept {
+HResult SLIKServer::raiseWrite(std::size_t count) noexcept {
     std::int32_t error = 0;
     const bool answered = raise("OnWrite", [&](ISLIKServerEvents& events) {
         events.SLIKServer1_OnWrite(static_cast<std::int32_t>(count), error);
     });
-    return answered ? error : failed;
+    return answered ? asResult(error) : E_FAIL;
 }
 
 }  // namespace quelm

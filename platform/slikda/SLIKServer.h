@@ -31,7 +31,6 @@ class SLIKServer final : public ISLIKServer, private IPlantSide {
         // A handler of the events let a failure out.
         std::function<void(std::string_view event, const ErrorInfo& failure)> eventFailed;
     };
-    static constexpr std::int32_t failed = static_cast<std::int32_t>(0x80004005U);  // E_FAIL
 
     // The loops of the two sides must outlive the control, and run nothing of it when it is gone; tests have one for
     // both.
@@ -56,8 +55,8 @@ class SLIKServer final : public ISLIKServer, private IPlantSide {
 
  private:
     void raiseDisconnect(std::int32_t remaining) noexcept override;
-    std::int32_t raiseRead(const std::vector<ISLIKRequestedItem*>& items) noexcept override;
-    std::int32_t raiseWrite(std::size_t count) noexcept override;
+    HResult raiseRead(const std::vector<ISLIKRequestedItem*>& items) noexcept override;
+    HResult raiseWrite(std::size_t count) noexcept override;
     StampConverter& stamps() override { return items_.stamps(); }
     template <class Raise>
     bool raise(std::string_view event, Raise&& how) noexcept;

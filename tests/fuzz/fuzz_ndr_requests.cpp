@@ -29,9 +29,9 @@ class Host final : public ISLIKServerEvents {
         for (std::size_t i = 0; i < items.size() && !items[i]->Name().ends_with("Date"); ++i) {
             items[i]->SetVQT(Variant("12.5"), 0xC0, localNow());
         }
-        error = count % 7 == 6 ? SLIKServer::failed : 0;
+        error = count % 7 == 6 ? asNumber(E_FAIL) : 0;
     }
-    void SLIKServer1_OnWrite(std::int32_t, std::int32_t& error) override { error = SLIKServer::failed; }
+    void SLIKServer1_OnWrite(std::int32_t, std::int32_t& error) override { error = asNumber(E_FAIL); }
 };
 
 // Keeps what the client was given, as the exporter does: each object once, until the client lets go of it.
@@ -122,9 +122,10 @@ class Plant {
         dcom::ndr::Reader in({reinterpret_cast<const std::uint8_t*>(exact.text().data()), stub.size()});
         reply_.assign(8, 0);
         dcom::ndr::Writer out(reply_);
-        const std::uint32_t fault = client_.statusOf(target.invoke(opnum, in, out, client_), reply_);
-        require(fault != 0 || reply_.size() >= 12, "an answer holds a result");
-        require(fault == 0 || fault == faultBadStubData || fault == faultOpnumRange, "a known fault");
+        const dcom::Fault fault = client_.statusOf(target.invoke(opnum, in, out, client_), reply_);
+        require(fault != dcom::Fault::None || reply_.size() >= 12, "an answer holds a result");
+        require(fault == dcom::Fault::None || fault == dcom::Fault::BadStubData || fault == dcom::Fault::OpnumRange,
+                "a known fault");
         require(reply_.size() < 1000 * (stub.size() + 100), "a reply is of a sane length");
     }
 

@@ -29,23 +29,23 @@ class Dummy final : public orpc::ComObject, public orpc::Interface {
         require(!told_, "an object is told only once that it is let go");
         told_ = true;
     }
-    std::uint32_t invoke(std::uint16_t opnum, dcom::ndr::Reader& in, dcom::ndr::Writer& out,
-                         orpc::CallContext& context) override {
+    dcom::Fault invoke(std::uint16_t opnum, dcom::ndr::Reader& in, dcom::ndr::Writer& out,
+                       orpc::CallContext& context) override {
         require(!told_, "an object that was let go is not called");
         switch (opnum) {
             case 3:
-                out.u32(context.writeInterface(out, std::make_shared<Dummy>(), in.uuid()));
-                return 0;
+                out.hresult(context.writeInterface(out, std::make_shared<Dummy>(), in.uuid()));
+                return dcom::Fault::None;
             case 4:
-                out.u32(context.writeInterface(out, shared_from_this(), in.uuid()));
-                return 0;
+                out.hresult(context.writeInterface(out, shared_from_this(), in.uuid()));
+                return dcom::Fault::None;
             case 5:
                 throw std::runtime_error("breaks down");
             case 6:
                 out.bytes(in.bytes(in.remaining()));
-                return 0;
+                return dcom::Fault::None;
             default:
-                return faultOpnumRange;
+                return dcom::Fault::OpnumRange;
         }
     }
 

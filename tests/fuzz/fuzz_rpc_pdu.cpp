@@ -3,7 +3,6 @@
 // below the minimum level.
 
 #include "FuzzInput.h"
-#include "base/HResult.h"
 #include "dcom/ntlm/AccountTable.h"
 #include "dcom/rpc/ServerConnection.h"
 #include "rpc/RpcClient.h"
@@ -27,7 +26,7 @@ class Handler final : public rpc::CallHandler {
         return interfaceId == interfaceA || interfaceId == interfaceOpen;
     }
     bool isOpenToAll(const Uuid& interfaceId) override { return interfaceId == interfaceOpen; }
-    std::uint32_t call(const rpc::Call& call, dcom::ndr::Writer& reply) override {
+    dcom::Fault call(const rpc::Call& call, dcom::ndr::Writer& reply) override {
         require(supports(call.interfaceId, 0, 0), "a call goes to an interface that exists");
         if (call.interfaceId != interfaceOpen) {
             require(call.level >= minimum_, "no call below the minimum level");
@@ -38,13 +37,13 @@ class Handler final : public rpc::CallHandler {
         calls.insert(calls.end(), call.stub.begin(), call.stub.end());
         if (call.opnum == lateOpnum) {
             tickets.push_back(call.defer());
-            return rpc::statusDeferred;
+            return dcom::Fault::Deferred;
         }
         const unsigned copies = call.opnum == 4 ? 40 : 1;
         for (unsigned i = 0; i < copies; ++i) {
             reply.bytes(call.stub);
         }
-        return call.opnum == 3 ? faultOpnumRange : 0;
+        return call.opnum == 3 ? dcom::Fault::OpnumRange : dcom::Fault::None;
     }
     void connectionClosed(const rpc::Peer&, bool) override {}
 
@@ -52,7 +51,7 @@ class Handler final : public rpc::CallHandler {
     bool answerLate() {
         auto late = std::exchange(tickets, {});
         for (rpc::CallTicket& ticket : late) {
-            ticket.complete(0, Data(3000, 0x5A));
+            ticket.complete(dcom::Fault::None, Data(3000, 0x5A));
         }
         return !late.empty();
     }

@@ -5,6 +5,7 @@
 #include <bit>
 
 #include "Bytes.h"
+#include "Codes.h"
 #include "base/Uuid.h"
 
 namespace quelm::test {
@@ -14,6 +15,7 @@ class Parameters {
     Parameters& u16(std::uint16_t value) { return number(value, 2); }
     Parameters& u32(std::uint64_t value) { return number(value, 4); }
     Parameters& u64(std::uint64_t value) { return number(value, 8); }
+    Parameters& hresult(HResult value) { return u32(fmt::underlying(value)); }
     Parameters& f32(float value) { return u32(std::bit_cast<std::uint32_t>(value)); }
     Parameters& uuid(const Uuid& value) { return align(4).add(value.bytes); }
     // A wide string of ASCII; scripted clients leave out its NUL.

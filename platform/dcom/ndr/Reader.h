@@ -10,6 +10,7 @@
 #include <span>
 #include <string>
 
+#include "base/HResult.h"
 #include "base/Uuid.h"
 
 namespace quelm::dcom::ndr {
@@ -46,6 +47,7 @@ class Reader {
     std::int64_t i64() { return static_cast<std::int64_t>(u64()); }
     float f32() { return scalar<float>(); }
     double f64() { return scalar<double>(); }
+    HResult hresult() { return HResult{u32()}; }
 
     // 16 raw bytes, aligned to 4 as a structure with a 32-bit first member.
     Uuid uuid() {

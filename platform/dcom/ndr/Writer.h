@@ -10,6 +10,7 @@
 #include <string_view>
 #include <vector>
 
+#include "base/HResult.h"
 #include "base/Uuid.h"
 
 namespace quelm::dcom::ndr {
@@ -38,6 +39,7 @@ class Writer {
     void i64(std::int64_t value) { scalar(value); }
     void f32(float value) { scalar(value); }
     void f64(double value) { scalar(value); }
+    void hresult(HResult value) { scalar(value); }
 
     void uuid(const Uuid& value) {
         align(4);

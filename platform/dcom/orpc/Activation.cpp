@@ -5,7 +5,6 @@
 #include <exception>
 #include <utility>
 
-#include "dcom/orpc/MethodTable.h"
 #include "dcom/orpc/Resolver.h"
 
 namespace quelm::dcom::orpc {
@@ -44,10 +43,10 @@ class ClassObject final : public ComObject, public Dispatched<ClassObject> {
     void disconnected() override { hold_ = nullptr; }
 
  private:
-    std::uint32_t createInstance(ndr::Reader& in, ndr::Writer& out, CallContext& context) {
+    Fault createInstance(ndr::Reader& in, ndr::Writer& out, CallContext& context) {
         const Uuid iid = in.uuid();
         if (!in.good()) {
-            return faultBadStubData;
+            return Fault::BadStubData;
         }
         HResult result = S_OK;
         const auto object = makeInstance(exporter_, *factory_, context.peer(), context.account(), result);
@@ -56,15 +55,15 @@ class ClassObject final : public ComObject, public Dispatched<ClassObject> {
         } else if (result = context.writeInterface(out, object, iid); failed(result)) {
             exporter_.dismiss(object);
         }
-        out.u32(result);
-        return 0;
+        out.hresult(result);
+        return Fault::None;
     }
 
     // Locks are counted by client, as each client has a class object of its own, and end with it.
-    std::uint32_t lockServer(ndr::Reader& in, ndr::Writer& out, CallContext& /*context*/) {
+    Fault lockServer(ndr::Reader& in, ndr::Writer& out, CallContext& /*context*/) {
         const bool lock = in.u32() != 0;
         if (!in.good()) {
-            return faultBadStubData;
+            return Fault::BadStubData;
         }
         if (lock && hold_ == nullptr) {
             hold_ = factory_->holdServer();
@@ -76,8 +75,8 @@ class ClassObject final : public ComObject, public Dispatched<ClassObject> {
         if (locks_ == 0) {
             hold_ = nullptr;
         }
-        out.u32(possible ? S_OK : E_FAIL);
-        return 0;
+        out.hresult(possible ? S_OK : E_FAIL);
+        return Fault::None;
     }
 
     ObjectExporter& exporter_;
@@ -87,8 +86,8 @@ class ClassObject final : public ComObject, public Dispatched<ClassObject> {
 
  public:
     static constexpr std::array methods{
-        Row{3, "CreateInstance", &ClassObject::createInstance},
-        Row{4, "LockServer", &ClassObject::lockServer},
+        Row{ClassFactoryCall::CreateInstance, "CreateInstance", &ClassObject::createInstance},
+        Row{ClassFactoryCall::LockServer, "LockServer", &ClassObject::lockServer},
     };
 };
 
@@ -142,46 +141,55 @@ std::shared_ptr<ClassFactory> ClassRegistry::find(const Uuid& classId) const {
     return found == factories_.end() ? nullptr : found->second;
 }
 
-std::uint32_t Activation::invokeActivation(const rpc::Call& call, ndr::Writer& out) {
-    return call.opnum == 0 ? remoteActivation(call, out) : faultOpnumRange;
+Fault Activation::invokeActivation(const rpc::Call& call, ndr::Writer& out) {
+    return invoke(methodOf<activationMethods>(call.opnum), call, out);
 }
 
-std::uint32_t Activation::invokeScmActivator(const rpc::Call& call, ndr::Writer& out) {
-    constexpr std::uint16_t getClassObject = 3;
-    constexpr std::uint16_t createInstance = 4;
-    if (call.opnum != getClassObject && call.opnum != createInstance) {
-        return faultOpnumRange;
+Fault Activation::invokeScmActivator(const rpc::Call& call, ndr::Writer& out) {
+    return invoke(methodOf<scmActivatorMethods>(call.opnum), call, out);
+}
+
+Fault Activation::invoke(Method method, const rpc::Call& call, ndr::Writer& out) {
+    if (method == nullptr) {
+        return Fault::OpnumRange;
     }
     ndr::Reader in(call.stub);
     const OrpcThis header = readOrpcThis(in);
-    if (header.fault != 0) {
+    if (header.fault != Fault::None) {
         return header.fault;
     }
     writeOrpcThat(out, header);
-    if (call.opnum == createInstance && in.pointer()) {
-        readInterfacePointer(in);
-        if (!in.good()) {
-            return faultBadStubData;
-        }
-        out.nullPointer();
-        out.u32(CLASS_E_NOAGGREGATION);
-        return 0;
-    }
-    return activateByProperties(call, in, out, call.opnum == getClassObject);
+    return (this->*method)(call, in, out);
 }
 
-std::uint32_t Activation::activateByProperties(const rpc::Call& call, ndr::Reader& in, ndr::Writer& out,
-                                               bool classObject) {
+Fault Activation::getClassObject(const rpc::Call& call, ndr::Reader& in, ndr::Writer& out) {
+    return activateByProperties(call, in, out, true);
+}
+
+Fault Activation::createInstance(const rpc::Call& call, ndr::Reader& in, ndr::Writer& out) {
+    if (!in.pointer()) {
+        return activateByProperties(call, in, out, false);
+    }
+    readInterfacePointer(in);
+    if (!in.good()) {
+        return Fault::BadStubData;
+    }
+    out.nullPointer();
+    out.hresult(CLASS_E_NOAGGREGATION);
+    return Fault::None;
+}
+
+Fault Activation::activateByProperties(const rpc::Call& call, ndr::Reader& in, ndr::Writer& out, bool classObject) {
     const bool hasProperties = in.pointer();
     const auto properties = hasProperties ? readInterfacePointer(in) : std::span<const std::uint8_t>{};
     if (!in.good()) {
-        return faultBadStubData;
+        return Fault::BadStubData;
     }
     ActivationRequest request;
     if (!readActivationProperties(properties, request)) {
         out.nullPointer();
-        out.u32(E_INVALIDARG);
-        return 0;
+        out.hresult(E_INVALIDARG);
+        return Fault::None;
     }
     request.classObject = classObject;
     const ActivationAnswer answer = activate(call, request);
@@ -192,38 +200,32 @@ std::uint32_t Activation::activateByProperties(const rpc::Call& call, ndr::Reade
         writeActivationProperties(out, answer, exporter_.objectBindings(call.peer),
                                   exporter_.resolverBindings(call.peer));
     }
-    out.u32(answer.result);
-    return 0;
+    out.hresult(answer.result);
+    return Fault::None;
 }
 
 // The reply is complete on failure as well: clients read all of it before they look at the outcome. A test program
 // exists that breaks down over the successful one in its own memory; its strict decoder by itself takes the reply
 // whole.
-std::uint32_t Activation::remoteActivation(const rpc::Call& call, ndr::Writer& out) {
-    ndr::Reader in(call.stub);
-    const OrpcThis header = readOrpcThis(in);
-    if (header.fault != 0) {
-        return header.fault;
-    }
+Fault Activation::remoteActivation(const rpc::Call& call, ndr::Reader& in, ndr::Writer& out) {
     const ActivationRequest request = readRemoteActivation(in);
     if (!in.good()) {
-        return faultBadStubData;
+        return Fault::BadStubData;
     }
     const ActivationAnswer answer = activate(call, request);
-    writeOrpcThat(out, header);
     out.u64(answer.oxid);
     exporter_.objectBindings(call.peer).writePointed(out);
     out.uuid(answer.remUnknownIpid);
     out.u32(answer.levelHint);
     writeComVersion(out);
-    out.u32(answer.result);
+    out.hresult(answer.result);
     writeInterfacePointers(out, answer.interfaces, exporter_.resolverBindings(call.peer));
     out.u32(static_cast<std::uint32_t>(answer.interfaces.size()));
     for (const ActivatedInterface& entry : answer.interfaces) {
-        out.u32(entry.result);
+        out.hresult(entry.result);
     }
     out.u32(0);  // the service itself worked
-    return 0;
+    return Fault::None;
 }
 
 ActivationAnswer Activation::activate(const rpc::Call& call, const ActivationRequest& request) {

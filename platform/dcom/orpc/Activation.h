@@ -8,6 +8,7 @@
 
 #include "dcom/orpc/ActivationProperties.h"
 #include "dcom/orpc/ComObject.h"
+#include "dcom/orpc/MethodTable.h"
 #include "dcom/orpc/ObjectExporter.h"
 #include "dcom/rpc/CallHandler.h"
 
@@ -30,14 +31,20 @@ class Activation {
     // Both must outlive the activation.
     Activation(ObjectExporter& exporter, ClassRegistry& classes) : exporter_(exporter), classes_(classes) {}
 
-    // RemoteActivation, the older form, with everything in plain parameters. Gives 0 or a fault status.
-    std::uint32_t invokeActivation(const rpc::Call& call, ndr::Writer& out);
-    // RemoteGetClassObject and RemoteCreateInstance, the younger form, with property blobs. Gives 0 or a fault status.
-    std::uint32_t invokeScmActivator(const rpc::Call& call, ndr::Writer& out);
+    // RemoteActivation, the older form, with everything in plain parameters.
+    Fault invokeActivation(const rpc::Call& call, ndr::Writer& out);
+    // RemoteGetClassObject and RemoteCreateInstance, the younger form, with property blobs.
+    Fault invokeScmActivator(const rpc::Call& call, ndr::Writer& out);
 
  private:
-    std::uint32_t remoteActivation(const rpc::Call& call, ndr::Writer& out);
-    std::uint32_t activateByProperties(const rpc::Call& call, ndr::Reader& in, ndr::Writer& out, bool classObject);
+    using Method = Fault (Activation::*)(const rpc::Call&, ndr::Reader&, ndr::Writer&);
+    using Row = MethodRow<Method>;
+
+    Fault invoke(Method method, const rpc::Call& call, ndr::Writer& out);
+    Fault remoteActivation(const rpc::Call& call, ndr::Reader& in, ndr::Writer& out);
+    Fault getClassObject(const rpc::Call& call, ndr::Reader& in, ndr::Writer& out);
+    Fault createInstance(const rpc::Call& call, ndr::Reader& in, ndr::Writer& out);
+    Fault activateByProperties(const rpc::Call& call, ndr::Reader& in, ndr::Writer& out, bool classObject);
     ActivationAnswer activate(const rpc::Call& call, const ActivationRequest& request);
     HResult makeObject(const rpc::Call& call, const ActivationRequest& request, std::shared_ptr<ComObject>& object);
     HResult exportInterfaces(const rpc::Call& call, const std::shared_ptr<ComObject>& object,
@@ -45,6 +52,15 @@ class Activation {
 
     ObjectExporter& exporter_;
     ClassRegistry& classes_;
+
+ public:
+    static constexpr std::array activationMethods{
+        Row{ActivationCall::RemoteActivation, "RemoteActivation", &Activation::remoteActivation},
+    };
+    static constexpr std::array scmActivatorMethods{
+        Row{ScmActivatorCall::GetClassObject, "RemoteGetClassObject", &Activation::getClassObject},
+        Row{ScmActivatorCall::CreateInstance, "RemoteCreateInstance", &Activation::createInstance},
+    };
 };
 
 }  // namespace quelm::dcom::orpc

@@ -15,7 +15,7 @@ bool ActivationHandler::isOpenToAll(const Uuid& interfaceId) {
     return interfaceId == iidObjectExporter;
 }
 
-std::uint32_t ActivationHandler::call(const rpc::Call& call, ndr::Writer& reply) {
+Fault ActivationHandler::call(const rpc::Call& call, ndr::Writer& reply) {
     try {
         return dispatch(call, reply);
     } catch (...) {
@@ -23,7 +23,7 @@ std::uint32_t ActivationHandler::call(const rpc::Call& call, ndr::Writer& reply)
     }
 }
 
-std::uint32_t ActivationHandler::dispatch(const rpc::Call& call, ndr::Writer& reply) {
+Fault ActivationHandler::dispatch(const rpc::Call& call, ndr::Writer& reply) {
     if (call.interfaceId == iidObjectExporter) {
         return resolver_.invoke(call, reply);
     }
@@ -33,7 +33,7 @@ std::uint32_t ActivationHandler::dispatch(const rpc::Call& call, ndr::Writer& re
     if (call.interfaceId == iidRemoteScmActivator) {
         return activation_.invokeScmActivator(call, reply);
     }
-    return faultUnknownInterface;
+    return Fault::UnknownInterface;
 }
 
 void ActivationHandler::connectionClosed(const rpc::Peer&, bool) {}

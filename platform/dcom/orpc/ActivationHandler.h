@@ -18,12 +18,12 @@ class ActivationHandler final : public rpc::CallHandler {
 
     bool supports(const Uuid& interfaceId, std::uint16_t versionMajor, std::uint16_t versionMinor) override;
     bool isOpenToAll(const Uuid& interfaceId) override;
-    std::uint32_t call(const rpc::Call& call, ndr::Writer& reply) override;
+    Fault call(const rpc::Call& call, ndr::Writer& reply) override;
     // No client is judged by these connections: most of them close right after the one answer that they are for.
     void connectionClosed(const rpc::Peer& peer, bool abrupt) override;
 
  private:
-    std::uint32_t dispatch(const rpc::Call& call, ndr::Writer& reply);
+    Fault dispatch(const rpc::Call& call, ndr::Writer& reply);
 
     ObjectExporter& exporter_;
     Activation activation_;

@@ -122,7 +122,7 @@ std::vector<std::uint8_t> propsOutBody(const ActivationAnswer& answer, const Bin
     }
     out.u32(count);
     for (const ActivatedInterface& entry : answer.interfaces) {
-        out.u32(entry.result);
+        out.hresult(entry.result);
     }
     writeInterfacePointers(out, answer.interfaces, resolver);
     return bytes;

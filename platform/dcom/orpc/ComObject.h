@@ -29,14 +29,14 @@ class DeferredReply {
 
     // Whether anybody still waits for it.
     bool wanted() const { return ticket_.wanted(); }
-    // write(ndr::Writer&) writes the results as invoke would have, and gives the same status.
+    // write(ndr::Writer&) writes the results as invoke would have, and gives the same.
     template <class Write>
     void complete(Write&& write) {
         std::vector<std::uint8_t> stub;
         ndr::Writer out(stub);
         out.bytes(head_);
-        const std::uint32_t status = write(out);
-        ticket_.complete(status, stub);
+        const Fault fault = write(out);
+        ticket_.complete(fault, stub);
     }
 
  private:
@@ -54,7 +54,7 @@ class CallContext {
     virtual HResult writeInterface(ndr::Writer& out, const std::shared_ptr<ComObject>& object, const Uuid& iid) = 0;
     virtual const rpc::Peer& peer() const = 0;
     virtual const std::string& account() const = 0;
-    // For a method that has to wait for somebody: it returns rpc::statusDeferred and completes the reply later, or at
+    // For a method that has to wait for somebody: it returns Fault::Deferred and completes the reply later, or at
     // once. out: where it would have written its results, of which it has written none.
     virtual std::shared_ptr<DeferredReply> defer(const ndr::Writer& out) = 0;
 };
@@ -64,11 +64,11 @@ class Interface {
  public:
     virtual ~Interface() = default;
     // Decodes the parameters after ORPCTHIS, acts, and writes the results after ORPCTHAT, HRESULT included.
-    // Returns 0, rpc::statusDeferred after context.defer(), or a fault status for parameters that do not decode
-    // (faultBadStubData) or an opnum that does not exist (faultOpnumRange). Known methods report their failures as
-    // HRESULT with complete out parameters, because clients exist that hang after a fault. May throw; the exporter
-    // turns that into a fault.
-    virtual std::uint32_t invoke(std::uint16_t opnum, ndr::Reader& in, ndr::Writer& out, CallContext& context) = 0;
+    // Returns Fault::None, Fault::Deferred after context.defer(), or the fault for parameters that do not decode
+    // (BadStubData) or an opnum that does not exist (OpnumRange). Known methods report their failures as HRESULT with
+    // complete out parameters, because clients exist that hang after a fault. May throw; the exporter turns that into
+    // a fault.
+    virtual Fault invoke(std::uint16_t opnum, ndr::Reader& in, ndr::Writer& out, CallContext& context) = 0;
 };
 
 class ComObject : public std::enable_shared_from_this<ComObject> {

@@ -9,25 +9,46 @@
 #include <string_view>
 
 #include "dcom/orpc/ComObject.h"
+#include "dcom/orpc/OrpcTypes.h"
 
 namespace quelm::dcom::orpc {
 
 // The three methods of IUnknown before it never travel.
 inline constexpr std::uint16_t firstOpnum = 3;
 
-// Method: pointer to the member that carries the call out, with parameters and status as Interface::invoke.
+// Method: pointer to the member that carries the call out.
 template <class Method>
 struct MethodRow {
     template <class Opnum>
     constexpr MethodRow(Opnum number, std::string_view itsName, Method itsMethod)
-        : opnum(static_cast<std::uint16_t>(number)), name(itsName), method(itsMethod) {}
+        : opnum(opnumOf(number)), name(itsName), method(itsMethod) {}
 
     std::uint16_t opnum;
     std::string_view name;
     Method method;
 };
 
-// An interface whose class Self has the table "methods", with a row for each opnum from firstOpnum on, in their order.
+// Whether a table has a row for each opnum from the first one's on, in their order.
+template <class Table>
+constexpr bool isInOrder(const Table& table) {
+    for (std::size_t i = 0; i < table.size(); ++i) {
+        if (table[i].opnum != table[0].opnum + i) {
+            return false;
+        }
+    }
+    return true;
+}
+
+// The method of an opnum; nullptr when the table has none. Table: an array of rows that is in order.
+template <const auto& table>
+constexpr auto methodOf(std::uint16_t opnum) {
+    static_assert(isInOrder(table), "a row for each opnum, in their order");
+    const std::size_t at = std::size_t{opnum} - table[0].opnum;  // too small a number becomes a huge one
+    return at < table.size() ? table[at].method : nullptr;
+}
+
+// An interface whose class Self has the table "methods", from firstOpnum on; they are members with parameters and
+// result as Interface::invoke.
 // Rest: what its methods take before the parameters.
 template <class Self, class Base, class... Rest>
 class TableInterface : public Base {
@@ -35,26 +56,13 @@ class TableInterface : public Base {
     using Base::Base;
 
  protected:
-    using Row = MethodRow<std::uint32_t (Self::*)(Rest..., ndr::Reader&, ndr::Writer&, CallContext&)>;
+    using Row = MethodRow<Fault (Self::*)(Rest..., ndr::Reader&, ndr::Writer&, CallContext&)>;
 
     // As Interface::invoke.
-    std::uint32_t dispatch(std::uint16_t opnum, Rest... rest, ndr::Reader& in, ndr::Writer& out, CallContext& context) {
-        static_assert(isInOrder(Self::methods), "a row for each opnum, in their order");
-        const std::size_t at = std::size_t{opnum} - firstOpnum;  // too small a number becomes a huge one
-        return at < Self::methods.size()
-                   ? (static_cast<Self&>(*this).*Self::methods[at].method)(rest..., in, out, context)
-                   : faultOpnumRange;
-    }
-
- private:
-    template <class Table>
-    static constexpr bool isInOrder(const Table& table) {
-        for (std::size_t i = 0; i < table.size(); ++i) {
-            if (table[i].opnum != firstOpnum + i) {
-                return false;
-            }
-        }
-        return true;
+    Fault dispatch(std::uint16_t opnum, Rest... rest, ndr::Reader& in, ndr::Writer& out, CallContext& context) {
+        static_assert(Self::methods[0].opnum == firstOpnum);
+        const auto method = methodOf<Self::methods>(opnum);
+        return method != nullptr ? (static_cast<Self&>(*this).*method)(rest..., in, out, context) : Fault::OpnumRange;
     }
 };
 
@@ -63,7 +71,7 @@ template <class Self, class Base = Interface>
 class Dispatched : public TableInterface<Self, Base> {
  public:
     using TableInterface<Self, Base>::TableInterface;
-    std::uint32_t invoke(std::uint16_t opnum, ndr::Reader& in, ndr::Writer& out, CallContext& context) final {
+    Fault invoke(std::uint16_t opnum, ndr::Reader& in, ndr::Writer& out, CallContext& context) final {
         return this->dispatch(opnum, in, out, context);
     }
 };

@@ -64,18 +64,30 @@ Bindings ObjectExporter::resolverBindings(const rpc::Peer& peer) const {
 
 // --- calls ---
 
+HResult resultOf(Access access) {
+    switch (access) {
+        case Access::Granted:
+            return S_OK;
+        case Access::Gone:
+            return RPC_E_DISCONNECTED;
+        case Access::Denied:
+            break;
+    }
+    return E_ACCESSDENIED;
+}
+
 ObjectExporter::Target ObjectExporter::route(const Uuid& ipid, const rpc::Peer& peer, const std::string& account) {
     const Reached reached = reach(ipid, peer, account);
-    if (failed(reached.refusal)) {
-        return {nullptr, nullptr, reached.refusal};
+    if (reached.access != Access::Granted) {
+        return {nullptr, nullptr, reached.access};
     }
-    return {reached.entry->object->object, reached.entry->methods, S_OK};
+    return {reached.entry->object->object, reached.entry->methods, Access::Granted};
 }
 
 ObjectExporter::Reached ObjectExporter::reach(const Uuid& ipid, const rpc::Peer& peer, const std::string& account) {
     const auto found = byIpid_.find(ipid);
     if (found == byIpid_.end()) {
-        return {nullptr, nullptr, faultDisconnected};
+        return {nullptr, nullptr, Access::Gone};
     }
     ExportedInterface& entry = *found->second;
     Client* const client = callerOf(*entry.object, peer, account);
@@ -87,14 +99,14 @@ ObjectExporter::Reached ObjectExporter::reach(const Uuid& ipid, const rpc::Peer&
     if (!takenOut_.empty()) {
         takenOut_.erase(entry.object->oid);
     }
-    return {&entry, client, S_OK};
+    return {&entry, client, Access::Granted};
 }
 
 // Identifiers of objects travel in the clear at the lower levels, so that knowing one proves nothing.
-HResult ObjectExporter::refuseCaller(const Object& object, const rpc::Peer& peer, const std::string& account) {
+Access ObjectExporter::refuseCaller(const Object& object, const rpc::Peer& peer, const std::string& account) {
     if (std::all_of(object.holders.begin(), object.holders.end(),
                     [](const Holder& holder) { return holder.client->ended; })) {
-        return faultDisconnected;
+        return Access::Gone;
     }
     if (refusedConnections_.insert(peer.id).second) {
         writeLog(
@@ -102,7 +114,7 @@ HResult ObjectExporter::refuseCaller(const Object& object, const rpc::Peer& peer
                         "share objects use one account",
                         peer.remoteAddress, account));
     }
-    return E_ACCESSDENIED;
+    return Access::Denied;
 }
 
 void ObjectExporter::writeLog(const std::string& what) noexcept {
@@ -207,32 +219,32 @@ bool ObjectExporter::mayHoldMore(Client& client) {
     return false;
 }
 
-HResult ObjectExporter::addReferences(const Uuid& ipid, const rpc::Peer& peer, const std::string& account,
-                                      std::uint64_t count) {
+Access ObjectExporter::addReferences(const Uuid& ipid, const rpc::Peer& peer, const std::string& account,
+                                     std::uint64_t count) {
     const Reached reached = reach(ipid, peer, account);
-    if (!failed(reached.refusal)) {
+    if (reached.access == Access::Granted) {
         book(*reached.client, *reached.entry, count);
     }
-    return reached.refusal;
+    return reached.access;
 }
 
-HResult ObjectExporter::release(const Uuid& ipid, const rpc::Peer& peer, const std::string& account,
-                                std::uint64_t count) {
+Access ObjectExporter::release(const Uuid& ipid, const rpc::Peer& peer, const std::string& account,
+                               std::uint64_t count) {
     const Reached reached = reach(ipid, peer, account);
-    if (failed(reached.refusal)) {
-        return reached.refusal;
+    if (reached.access != Access::Granted) {
+        return reached.access;
     }
     Object& object = *reached.entry->object;
     Holder& holder = *object.holderOf(reached.client);
     if (holder.counts.size() <= reached.entry->index) {
-        return S_OK;
+        return Access::Granted;
     }
     std::uint64_t& held = holder.counts[reached.entry->index];
     held -= std::min(held, count);
     if (std::all_of(holder.counts.begin(), holder.counts.end(), [](std::uint64_t left) { return left == 0; })) {
         drop(object, *reached.client);
     }
-    return S_OK;
+    return Access::Granted;
 }
 
 void ObjectExporter::drop(Object& object, Client& client) {

@@ -52,6 +52,15 @@ using MillisecondClock = std::function<std::uint64_t()>;
 // One client process as far as it can be told: 0 is none.
 using ClientId = std::uint64_t;
 
+// Whether a caller reaches the object behind an IPID.
+enum class Access : std::uint8_t {
+    Granted,
+    Gone,    // the IPID is dead or unknown
+    Denied,  // nobody gave the object to this account
+};
+// The result that says so.
+HResult resultOf(Access access);
+
 // The peer's address without its port: the machine that a client runs on.
 std::string hostOf(const rpc::Peer& peer);
 
@@ -91,9 +100,7 @@ class ObjectExporter final : private PingSets::Listener {
     struct Target {
         std::shared_ptr<ComObject> object;  // keeps it alive during the call; empty when it cannot be called
         Interface* methods = nullptr;       // nullptr for IUnknown
-        // Why it cannot be called: the IPID is dead or unknown (faultDisconnected), or nobody gave the object to this
-        // account (E_ACCESSDENIED); both are the same as fault and as result.
-        HResult refusal = S_OK;
+        Access access = Access::Granted;
     };
     // The object behind an IPID, for a call over an object connection, which is a sign of life of its client. Another
     // program of the same account may call it, as clients hand on what they hold.
@@ -114,11 +121,11 @@ class ObjectExporter final : private PingSets::Listener {
     // when the object has no such interface (E_NOINTERFACE) or the user holds too many objects (E_OUTOFMEMORY).
     HResult addReference(ClientId client, const std::shared_ptr<ComObject>& object, const Uuid& iid,
                          std::uint32_t count, ObjectReference& reference);
-    // More references to what is held already. A failure is a target's refusal.
-    HResult addReferences(const Uuid& ipid, const rpc::Peer& peer, const std::string& account, std::uint64_t count);
-    // Takes references back, at most as many as the client has. A failure is a target's refusal. Objects that nobody
-    // holds any more are told by settle().
-    HResult release(const Uuid& ipid, const rpc::Peer& peer, const std::string& account, std::uint64_t count);
+    // More references to what is held already, where access is granted.
+    Access addReferences(const Uuid& ipid, const rpc::Peer& peer, const std::string& account, std::uint64_t count);
+    // Takes references back where access is granted, at most as many as the client has. Objects that nobody holds any
+    // more are told by settle().
+    Access release(const Uuid& ipid, const rpc::Peer& peer, const std::string& account, std::uint64_t count);
     // Tells the objects that nobody holds any more; of very many the rest is told by tick().
     void settle();
     // For an object that was made for a client which then could not use it: unless others hold it, it is told
@@ -184,7 +191,7 @@ class ObjectExporter final : private PingSets::Listener {
     struct Reached {
         ExportedInterface* entry = nullptr;
         Client* client = nullptr;
-        HResult refusal = S_OK;
+        Access access = Access::Granted;
     };
     struct TakenOut {
         std::uint64_t since = 0;
@@ -203,7 +210,7 @@ class ObjectExporter final : private PingSets::Listener {
     void connect(Client& client, const rpc::Peer& peer);
     Client* callerOf(Object& object, const rpc::Peer& peer, const std::string& account);
     Reached reach(const Uuid& ipid, const rpc::Peer& peer, const std::string& account);
-    HResult refuseCaller(const Object& object, const rpc::Peer& peer, const std::string& account);
+    Access refuseCaller(const Object& object, const rpc::Peer& peer, const std::string& account);
     Client* merged(Client& one, Client& other);
     static void moveReferences(Client& into, Client& from);
     bool mayHoldMore(Client& client);

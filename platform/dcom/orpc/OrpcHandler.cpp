@@ -27,15 +27,15 @@ std::string whatWentWrong() {
 
 }  // namespace
 
-std::uint32_t faultOfException(ObjectExporter& exporter, const rpc::Call& call) noexcept {
+Fault faultOfException(ObjectExporter& exporter, const rpc::Call& call) noexcept {
     try {
         exporter.writeLog(fmt::format("Method {} of interface {} failed, called by {} ({}): {}", call.opnum,
                                       call.interfaceId.toText(), call.peer.remoteAddress, call.account,
                                       whatWentWrong()));
     } catch (...) {  // Out of memory for the line itself: the fault tells the client all the same.
-        return faultServer;
+        return Fault::Server;
     }
-    return faultServer;
+    return Fault::Server;
 }
 
 HResult ExporterContext::writeInterface(ndr::Writer& out, const std::shared_ptr<ComObject>& object, const Uuid& iid) {
@@ -59,7 +59,7 @@ bool OrpcHandler::supports(const Uuid& interfaceId, std::uint16_t versionMajor, 
                                  interfaceId == iidClassFactory || knownInterface_(interfaceId));
 }
 
-std::uint32_t OrpcHandler::call(const rpc::Call& call, ndr::Writer& reply) {
+Fault OrpcHandler::call(const rpc::Call& call, ndr::Writer& reply) {
     try {
         return dispatch(call, reply);
     } catch (...) {
@@ -67,32 +67,32 @@ std::uint32_t OrpcHandler::call(const rpc::Call& call, ndr::Writer& reply) {
     }
 }
 
-std::uint32_t OrpcHandler::dispatch(const rpc::Call& call, ndr::Writer& reply) {
+Fault OrpcHandler::dispatch(const rpc::Call& call, ndr::Writer& reply) {
     ndr::Reader in(call.stub);
     const OrpcThis header = readOrpcThis(in);
-    if (header.fault != 0) {
+    if (header.fault != Fault::None) {
         return header.fault;
     }
     writeOrpcThat(reply, header);
     if (call.hasObject && call.object == exporter_.remUnknownIpid()) {
         return remUnknown_.invoke(call, in, reply);
     }
-    return call.hasObject ? callObject(call, in, reply) : faultDisconnected;
+    return call.hasObject ? callObject(call, in, reply) : Fault::Disconnected;
 }
 
 // The IPID decides which interface is called: clients call the methods that an interface inherits through a
 // binding to its base, and the other way round.
-std::uint32_t OrpcHandler::callObject(const rpc::Call& call, ndr::Reader& in, ndr::Writer& reply) {
+Fault OrpcHandler::callObject(const rpc::Call& call, ndr::Reader& in, ndr::Writer& reply) {
     const auto target = exporter_.route(call.object, call.peer, call.account);
     if (target.object == nullptr) {
-        return target.refusal;
+        return faultOf(resultOf(target.access));
     }
     // A binding to IRemUnknown with another object's IPID would run some other method than the client meant.
     if (isRemUnknown(call.interfaceId)) {
-        return faultUnknownInterface;
+        return Fault::UnknownInterface;
     }
     if (call.opnum < firstOpnum || target.methods == nullptr) {
-        return faultOpnumRange;
+        return Fault::OpnumRange;
     }
     ExporterContext context(exporter_, call);
     return target.methods->invoke(call.opnum, in, reply, context);

@@ -18,13 +18,13 @@ class OrpcHandler final : public rpc::CallHandler {
     OrpcHandler(ObjectExporter& exporter, std::function<bool(const Uuid&)> knownInterface);
 
     bool supports(const Uuid& interfaceId, std::uint16_t versionMajor, std::uint16_t versionMinor) override;
-    std::uint32_t call(const rpc::Call& call, ndr::Writer& reply) override;
+    Fault call(const rpc::Call& call, ndr::Writer& reply) override;
     bool holdsAnything(const rpc::Peer& peer) const override { return exporter_.isHolding(peer); }
     void connectionClosed(const rpc::Peer& peer, bool abrupt) override;
 
  private:
-    std::uint32_t dispatch(const rpc::Call& call, ndr::Writer& reply);
-    std::uint32_t callObject(const rpc::Call& call, ndr::Reader& in, ndr::Writer& reply);
+    Fault dispatch(const rpc::Call& call, ndr::Writer& reply);
+    Fault callObject(const rpc::Call& call, ndr::Reader& in, ndr::Writer& reply);
 
     ObjectExporter& exporter_;
     RemUnknown remUnknown_;
@@ -50,6 +50,6 @@ class ExporterContext final : public CallContext {
 };
 
 // The fault for a call that an exception ended; to be called while it is being handled. Leaves a line in the log.
-std::uint32_t faultOfException(ObjectExporter& exporter, const rpc::Call& call) noexcept;
+Fault faultOfException(ObjectExporter& exporter, const rpc::Call& call) noexcept;
 
 }  // namespace quelm::dcom::orpc

@@ -1,7 +1,5 @@
 #include "dcom/orpc/OrpcTypes.h"
 
-#include "base/HResult.h"
-
 namespace quelm::dcom::orpc {
 
 namespace {
@@ -56,10 +54,10 @@ OrpcThis readOrpcThis(ndr::Reader& in) {
         skipExtensions(in);
     }
     if (!in.good()) {
-        return {faultBadStubData, flags};
+        return {Fault::BadStubData, flags};
     }
     const bool speaksOurs = major == comMajorVersion && minor >= 1 && minor <= comMinorVersion;
-    return {speaksOurs ? 0 : faultVersionMismatch, flags};
+    return {speaksOurs ? Fault::None : Fault::VersionMismatch, flags};
 }
 
 void skipOrpcThat(ndr::Reader& in) {

@@ -6,9 +6,11 @@
 #include <cstdint>
 #include <span>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 #include "base/Uuid.h"
+#include "dcom/Fault.h"
 #include "dcom/ndr/Reader.h"
 #include "dcom/ndr/Writer.h"
 
@@ -22,9 +24,26 @@ inline constexpr Uuid iidRemoteScmActivator = Uuid::parse("000001A0-0000-0000-C0
 inline constexpr Uuid iidActivation = Uuid::parse("4D9F4AB8-7D1C-11CF-861E-0020AF6E7C57");
 inline constexpr Uuid iidObjectExporter = Uuid::parse("99FCFEC4-5260-101B-BBCB-00AA0021347A");
 
-// Further fault statuses: a method that broke down inside, a client of another protocol generation.
-inline constexpr std::uint32_t faultServer = 0x80010105;
-inline constexpr std::uint32_t faultVersionMismatch = 0x80010110;
+// The methods of COM's own interfaces.
+enum class ObjectExporterCall : std::uint16_t {
+    ResolveOxid,
+    SimplePing,
+    ComplexPing,
+    ServerAlive,
+    ResolveOxid2,
+    ServerAlive2,
+};
+enum class RemUnknownCall : std::uint16_t { QueryInterface = 3, AddRef, Release, QueryInterface2 };
+enum class ActivationCall : std::uint16_t { RemoteActivation };
+enum class ScmActivatorCall : std::uint16_t { GetClassObject = 3, CreateInstance };
+enum class ClassFactoryCall : std::uint16_t { CreateInstance = 3, LockServer };
+
+// The number by which a method of these or any other interface is called.
+template <class Call>
+constexpr std::uint16_t opnumOf(Call method) {
+    static_assert(std::is_enum_v<Call>);
+    return static_cast<std::uint16_t>(method);
+}
 
 // A packed object reference begins with the one, and the kind that needs no code of its own has the other.
 inline constexpr std::uint32_t objectSignature = 0x574F454D;  // "MEOW"
@@ -40,7 +59,7 @@ inline constexpr std::uint32_t referencesPerPointer = 5;
 
 // The header in front of an object call's parameters, as far as its answer depends on it.
 struct OrpcThis {
-    std::uint32_t fault = 0;  // not 0: the call is answered with this status
+    Fault fault = Fault::None;  // another one: the call is answered with it
     std::uint32_t flags = 0;
 };
 

@@ -65,19 +65,9 @@ class Overall {
 
 }  // namespace
 
-std::uint32_t RemUnknown::invoke(const rpc::Call& call, ndr::Reader& in, ndr::Writer& out) {
-    switch (call.opnum) {
-        case 3:
-            return queryInterface(call, in, out);
-        case 4:
-            return addRef(call, in, out);
-        case 5:
-            return release(call, in, out);
-        case 6:
-            return queryInterface2(call, in, out);
-        default:
-            return faultOpnumRange;
-    }
+Fault RemUnknown::invoke(const rpc::Call& call, ndr::Reader& in, ndr::Writer& out) {
+    const auto method = methodOf<methods>(call.opnum);
+    return method != nullptr ? (this->*method)(call, in, out) : Fault::OpnumRange;
 }
 
 HResult RemUnknown::query(const rpc::Call& call, const Uuid& ipid, const Uuid& iid, std::uint32_t count,
@@ -85,18 +75,18 @@ HResult RemUnknown::query(const rpc::Call& call, const Uuid& ipid, const Uuid& i
     const auto target = exporter_.route(ipid, call.peer, call.account);
     if (target.object == nullptr) {
         reference = {};
-        return target.refusal;
+        return resultOf(target.access);
     }
     return exporter_.addReference(exporter_.clientOf(call.peer, call.account), target.object, iid, count, reference);
 }
 
 // The results come in full even when nothing was found: clients walk the array without looking at the outcome.
-std::uint32_t RemUnknown::queryInterface(const rpc::Call& call, ndr::Reader& in, ndr::Writer& out) {
+Fault RemUnknown::queryInterface(const rpc::Call& call, ndr::Reader& in, ndr::Writer& out) {
     const Uuid ipid = in.uuid();
     const std::uint32_t references = in.u32();
     const std::vector<Uuid> iids = readIids(in);
     if (!in.good()) {
-        return faultBadStubData;
+        return Fault::BadStubData;
     }
     out.pointer();
     out.u32(static_cast<std::uint32_t>(iids.size()));
@@ -106,20 +96,20 @@ std::uint32_t RemUnknown::queryInterface(const rpc::Call& call, ndr::Reader& in,
         const HResult result = query(call, ipid, iid, references, reference);
         overall.add(result);
         out.align(8);
-        out.u32(result);
+        out.hresult(result);
         out.align(8);
         writeObjectReference(out, reference);
     }
-    out.u32(overall.result());
-    return 0;
+    out.hresult(overall.result());
+    return Fault::None;
 }
 
 // The younger form, which answers with whole interface pointers.
-std::uint32_t RemUnknown::queryInterface2(const rpc::Call& call, ndr::Reader& in, ndr::Writer& out) {
+Fault RemUnknown::queryInterface2(const rpc::Call& call, ndr::Reader& in, ndr::Writer& out) {
     const Uuid ipid = in.uuid();
     const std::vector<Uuid> iids = readIids(in);
     if (!in.good()) {
-        return faultBadStubData;
+        return Fault::BadStubData;
     }
     const auto count = static_cast<std::uint32_t>(iids.size());
     std::vector<ObjectReference> references(iids.size());
@@ -128,7 +118,7 @@ std::uint32_t RemUnknown::queryInterface2(const rpc::Call& call, ndr::Reader& in
     for (std::size_t i = 0; i < iids.size(); ++i) {
         const HResult result = query(call, ipid, iids[i], referencesPerPointer, references[i]);
         overall.add(result);
-        out.u32(result);
+        out.hresult(result);
     }
     out.u32(count);
     for (const ObjectReference& reference : references) {
@@ -140,44 +130,42 @@ std::uint32_t RemUnknown::queryInterface2(const rpc::Call& call, ndr::Reader& in
             writeMarshalledReference(out, iids[i], references[i], resolver);
         }
     }
-    out.u32(overall.result());
-    return 0;
+    out.hresult(overall.result());
+    return Fault::None;
 }
 
-std::uint32_t RemUnknown::addRef(const rpc::Call& call, ndr::Reader& in, ndr::Writer& out) {
+Fault RemUnknown::addRef(const rpc::Call& call, ndr::Reader& in, ndr::Writer& out) {
     const std::vector<ReferenceChange> changes = readChanges(in);
     if (!in.good()) {
-        return faultBadStubData;
+        return Fault::BadStubData;
     }
     HResult outcome = S_OK;
     out.u32(static_cast<std::uint32_t>(changes.size()));
     for (const ReferenceChange& change : changes) {
-        HResult result = exporter_.addReferences(change.ipid, call.peer, call.account, change.count);
-        if (result == faultDisconnected) {
-            result = E_INVALIDARG;
-        }
-        out.u32(result);
+        const Access access = exporter_.addReferences(change.ipid, call.peer, call.account, change.count);
+        const HResult result = access == Access::Gone ? E_INVALIDARG : resultOf(access);
+        out.hresult(result);
         outcome = failed(result) ? result : outcome;
     }
-    out.u32(outcome);
-    return 0;
+    out.hresult(outcome);
+    return Fault::None;
 }
 
 // What is gone already is no error: clients give back the same pointer twice while they shut down.
-std::uint32_t RemUnknown::release(const rpc::Call& call, ndr::Reader& in, ndr::Writer& out) {
+Fault RemUnknown::release(const rpc::Call& call, ndr::Reader& in, ndr::Writer& out) {
     const std::vector<ReferenceChange> changes = readChanges(in);
     if (!in.good()) {
-        return faultBadStubData;
+        return Fault::BadStubData;
     }
     HResult outcome = S_OK;
     for (const ReferenceChange& change : changes) {
-        if (exporter_.release(change.ipid, call.peer, call.account, change.count) == E_ACCESSDENIED) {
+        if (exporter_.release(change.ipid, call.peer, call.account, change.count) == Access::Denied) {
             outcome = E_ACCESSDENIED;
         }
     }
     exporter_.settle();
-    out.u32(outcome);
-    return 0;
+    out.hresult(outcome);
+    return Fault::None;
 }
 
 }  // namespace quelm::dcom::orpc

@@ -7,6 +7,7 @@
 
 #include "dcom/ndr/Reader.h"
 #include "dcom/ndr/Writer.h"
+#include "dcom/orpc/MethodTable.h"
 #include "dcom/orpc/ObjectExporter.h"
 #include "dcom/rpc/CallHandler.h"
 
@@ -16,18 +17,28 @@ class RemUnknown {
  public:
     explicit RemUnknown(ObjectExporter& exporter) : exporter_(exporter) {}
 
-    // Carries out one method, parameters behind ORPCTHIS and results behind ORPCTHAT. Gives 0 or a fault status.
-    std::uint32_t invoke(const rpc::Call& call, ndr::Reader& in, ndr::Writer& out);
+    // Carries out one method, parameters behind ORPCTHIS and results behind ORPCTHAT.
+    Fault invoke(const rpc::Call& call, ndr::Reader& in, ndr::Writer& out);
 
  private:
-    std::uint32_t queryInterface(const rpc::Call& call, ndr::Reader& in, ndr::Writer& out);
-    std::uint32_t queryInterface2(const rpc::Call& call, ndr::Reader& in, ndr::Writer& out);
-    std::uint32_t addRef(const rpc::Call& call, ndr::Reader& in, ndr::Writer& out);
-    std::uint32_t release(const rpc::Call& call, ndr::Reader& in, ndr::Writer& out);
+    Fault queryInterface(const rpc::Call& call, ndr::Reader& in, ndr::Writer& out);
+    Fault queryInterface2(const rpc::Call& call, ndr::Reader& in, ndr::Writer& out);
+    Fault addRef(const rpc::Call& call, ndr::Reader& in, ndr::Writer& out);
+    Fault release(const rpc::Call& call, ndr::Reader& in, ndr::Writer& out);
     HResult query(const rpc::Call& call, const Uuid& ipid, const Uuid& iid, std::uint32_t count,
                   ObjectReference& reference);
 
     ObjectExporter& exporter_;
+
+    using Row = MethodRow<Fault (RemUnknown::*)(const rpc::Call&, ndr::Reader&, ndr::Writer&)>;
+
+ public:
+    static constexpr std::array methods{
+        Row{RemUnknownCall::QueryInterface, "RemQueryInterface", &RemUnknown::queryInterface},
+        Row{RemUnknownCall::AddRef, "RemAddRef", &RemUnknown::addRef},
+        Row{RemUnknownCall::Release, "RemRelease", &RemUnknown::release},
+        Row{RemUnknownCall::QueryInterface2, "RemQueryInterface2", &RemUnknown::queryInterface2},
+    };
 };
 
 }  // namespace quelm::dcom::orpc

@@ -181,11 +181,11 @@ std::optional<QueriedInterface> parseRemQueryInterface(std::span<const std::uint
     HResult entry = E_NOINTERFACE;
     if (in.pointer() && in.u32() == 1) {
         in.align(8);
-        entry = in.u32();
+        entry = in.hresult();
         in.align(8);
         queried.reference = readObjectReference(in);
     }
-    const HResult call = in.u32();
+    const HResult call = in.hresult();
     queried.result = failed(call) ? call : entry;
     return whole(in, queried);
 }

@@ -45,10 +45,7 @@ struct ResolvedOxid {
     std::uint32_t status = 0;  // 0: success
 };
 
-// IObjectExporter (no header in front): opnums and forms.
-inline constexpr std::uint16_t opnumSimplePing = 1;
-inline constexpr std::uint16_t opnumComplexPing = 2;
-inline constexpr std::uint16_t opnumResolveOxid2 = 4;
+// IObjectExporter (no header in front).
 void writeResolveOxid2(ndr::Writer& out, std::uint64_t oxid);
 std::optional<ResolvedOxid> parseResolveOxid2(std::span<const std::uint8_t> stub);
 void writeSimplePing(ndr::Writer& out, std::uint64_t setId);
@@ -66,8 +63,6 @@ std::optional<ComplexPingAnswer> parseComplexPing(std::span<const std::uint8_t> 
 void writeOrpcThis(ndr::Writer& out);
 
 // IRemUnknown.
-inline constexpr std::uint16_t opnumRemQueryInterface = 3;
-inline constexpr std::uint16_t opnumRemRelease = 5;
 void writeRemQueryInterface(ndr::Writer& out, const Uuid& ipid, const Uuid& iid, std::uint32_t references);
 struct QueriedInterface {
     HResult result = S_OK;  // of the call or of the entry, whichever failed

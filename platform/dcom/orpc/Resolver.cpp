@@ -47,34 +47,27 @@ std::uint32_t levelHint(const ObjectExporter& exporter, const rpc::Call& call) {
     return static_cast<std::uint32_t>(std::max(call.level, exporter.settings().minimumLevel));
 }
 
-std::uint32_t Resolver::invoke(const rpc::Call& call, ndr::Writer& out) {
-    switch (call.opnum) {
-        case 0:
-            return resolveOxid(call, out, Form::Plain);
-        case 1:
-            return simplePing(call, out);
-        case 2:
-            return complexPing(call, out);
-        case 3:  // is the machine alive?
-            out.u32(statusOk);
-            return 0;
-        case 4:
-            return resolveOxid(call, out, Form::WithVersion);
-        case 5:
-            return serverAlive2(call, out);
-        default:
-            return faultOpnumRange;
-    }
+Fault Resolver::invoke(const rpc::Call& call, ndr::Writer& out) {
+    const auto method = methodOf<methods>(call.opnum);
+    ndr::Reader in(call.stub);
+    return method != nullptr ? (this->*method)(call, in, out) : Fault::OpnumRange;
 }
 
-std::uint32_t Resolver::resolveOxid(const rpc::Call& call, ndr::Writer& out, Form form) {
-    ndr::Reader in(call.stub);
+Fault Resolver::resolveOxid(const rpc::Call& call, ndr::Reader& in, ndr::Writer& out) {
+    return resolve(call, in, out, Form::Plain);
+}
+
+Fault Resolver::resolveOxid2(const rpc::Call& call, ndr::Reader& in, ndr::Writer& out) {
+    return resolve(call, in, out, Form::WithVersion);
+}
+
+Fault Resolver::resolve(const rpc::Call& call, ndr::Reader& in, ndr::Writer& out, Form form) {
     const std::uint64_t oxid = in.u64();
     const std::uint16_t stated = in.u16();
     const std::uint32_t protocols = in.count(sizeof(std::uint16_t));
     in.bytes(protocols * sizeof(std::uint16_t));  // there is only TCP to offer, whatever was asked for
     if (!in.good() || protocols != stated) {
-        return faultBadStubData;
+        return Fault::BadStubData;
     }
     const bool known = oxid == exporter_.oxid();
     if (known) {
@@ -88,23 +81,21 @@ std::uint32_t Resolver::resolveOxid(const rpc::Call& call, ndr::Writer& out, For
         writeComVersion(out);
     }
     out.u32(known ? statusOk : statusInvalidOxid);
-    return 0;
+    return Fault::None;
 }
 
-std::uint32_t Resolver::simplePing(const rpc::Call& call, ndr::Writer& out) {
-    ndr::Reader in(call.stub);
+Fault Resolver::simplePing(const rpc::Call& call, ndr::Reader& in, ndr::Writer& out) {
     const std::uint64_t setId = in.u64();
     if (!in.good()) {
-        return faultBadStubData;
+        return Fault::BadStubData;
     }
     out.u32(exporter_.ping(setId, call.peer) ? statusOk : statusInvalidSet);
-    return 0;
+    return Fault::None;
 }
 
 // Objects that are not known (any more) are passed over: clients forget to take released ones out, and one
 // client puts in quite other numbers.
-std::uint32_t Resolver::complexPing(const rpc::Call& call, ndr::Writer& out) {
-    ndr::Reader in(call.stub);
+Fault Resolver::complexPing(const rpc::Call& call, ndr::Reader& in, ndr::Writer& out) {
     std::uint64_t setId = in.u64();
     const std::uint16_t sequence = in.u16();
     const std::uint16_t addCount = in.u16();
@@ -112,21 +103,27 @@ std::uint32_t Resolver::complexPing(const rpc::Call& call, ndr::Writer& out) {
     const auto add = readOids(in, addCount);
     const auto remove = readOids(in, removeCount);
     if (!in.good()) {
-        return faultBadStubData;
+        return Fault::BadStubData;
     }
     const auto change = exporter_.changePingSet(setId, call.peer, sequence, add, remove);
     out.u64(setId);
     out.u16(0);  // no wish for pings further apart
     out.u32(statusOf(change));
-    return 0;
+    return Fault::None;
 }
 
-std::uint32_t Resolver::serverAlive2(const rpc::Call& call, ndr::Writer& out) {
+// Is the machine alive? The younger form also tells its addresses.
+Fault Resolver::serverAlive(const rpc::Call& /*call*/, ndr::Reader& /*in*/, ndr::Writer& out) {
+    out.u32(statusOk);
+    return Fault::None;
+}
+
+Fault Resolver::serverAlive2(const rpc::Call& call, ndr::Reader& /*in*/, ndr::Writer& out) {
     writeComVersion(out);
     exporter_.resolverBindings(call.peer).writePointed(out);
     out.u32(0);
     out.u32(statusOk);
-    return 0;
+    return Fault::None;
 }
 
 }  // namespace quelm::dcom::orpc

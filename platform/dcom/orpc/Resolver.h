@@ -6,6 +6,7 @@
 
 #include <cstdint>
 
+#include "dcom/orpc/MethodTable.h"
 #include "dcom/orpc/ObjectExporter.h"
 #include "dcom/rpc/CallHandler.h"
 
@@ -16,19 +17,34 @@ class Resolver {
     // The exporter must outlive the resolver.
     explicit Resolver(ObjectExporter& exporter) : exporter_(exporter) {}
 
-    // Carries out one method of IObjectExporter. Gives 0 or a fault status; whatever names something unknown is
-    // answered with a status in the reply, never with a fault.
-    std::uint32_t invoke(const rpc::Call& call, ndr::Writer& out);
+    // Carries out one method of IObjectExporter. Whatever names something unknown is answered with a status in the
+    // reply, never with a fault.
+    Fault invoke(const rpc::Call& call, ndr::Writer& out);
 
  private:
     enum class Form { Plain, WithVersion };
 
-    std::uint32_t resolveOxid(const rpc::Call& call, ndr::Writer& out, Form form);
-    std::uint32_t simplePing(const rpc::Call& call, ndr::Writer& out);
-    std::uint32_t complexPing(const rpc::Call& call, ndr::Writer& out);
-    std::uint32_t serverAlive2(const rpc::Call& call, ndr::Writer& out);
+    Fault resolveOxid(const rpc::Call& call, ndr::Reader& in, ndr::Writer& out);
+    Fault simplePing(const rpc::Call& call, ndr::Reader& in, ndr::Writer& out);
+    Fault complexPing(const rpc::Call& call, ndr::Reader& in, ndr::Writer& out);
+    Fault serverAlive(const rpc::Call& call, ndr::Reader& in, ndr::Writer& out);
+    Fault resolveOxid2(const rpc::Call& call, ndr::Reader& in, ndr::Writer& out);
+    Fault serverAlive2(const rpc::Call& call, ndr::Reader& in, ndr::Writer& out);
+    Fault resolve(const rpc::Call& call, ndr::Reader& in, ndr::Writer& out, Form form);
 
     ObjectExporter& exporter_;
+
+    using Row = MethodRow<Fault (Resolver::*)(const rpc::Call&, ndr::Reader&, ndr::Writer&)>;
+
+ public:
+    static constexpr std::array methods{
+        Row{ObjectExporterCall::ResolveOxid, "ResolveOxid", &Resolver::resolveOxid},
+        Row{ObjectExporterCall::SimplePing, "SimplePing", &Resolver::simplePing},
+        Row{ObjectExporterCall::ComplexPing, "ComplexPing", &Resolver::complexPing},
+        Row{ObjectExporterCall::ServerAlive, "ServerAlive", &Resolver::serverAlive},
+        Row{ObjectExporterCall::ResolveOxid2, "ResolveOxid2", &Resolver::resolveOxid2},
+        Row{ObjectExporterCall::ServerAlive2, "ServerAlive2", &Resolver::serverAlive2},
+    };
 };
 
 // The level that the client of an activation is told to use for its object calls: the one that it came with,

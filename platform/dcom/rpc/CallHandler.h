@@ -38,7 +38,7 @@ struct Call {
     const std::string& account;       // "DOMAIN\\user" as it logged on; empty without a log-on
     ITicketOffice* office = nullptr;  // none in tests of single layers
 
-    // For a handler that cannot answer at once; it then returns statusDeferred. Whoever returns anything else has
+    // For a handler that cannot answer at once; it then returns Fault::Deferred. Whoever returns anything else has
     // answered, and the ticket is worth nothing. One for each call.
     CallTicket defer() const { return office != nullptr ? office->ticket() : CallTicket(); }
 };
@@ -57,15 +57,15 @@ class CallHandler {
         return false;
     }
 
-    // Carries out one call and writes the reply's stub data. Returns 0, or the status for a FAULT PDU; what was
-    // written is then dropped. Must not throw.
+    // Carries out one call and writes the reply's stub data. Returns Fault::None, or the fault to answer with;
+    // what was written is then dropped. Must not throw.
     //
     // A handler that has to wait for somebody takes call.defer(), keeps the ticket and what it needs of the call (of
-    // which nothing is valid later, stub and account included), returns statusDeferred, and later completes the ticket
-    // with the same status and stub data that it would have given here; what it wrote to reply is dropped. Until then
+    // which nothing is valid later, stub and account included), returns Fault::Deferred, and later completes the ticket
+    // with the same fault and stub data that it would have given here; what it wrote to reply is dropped. Until then
     // this connection begins no further call: what its client goes on sending waits, in its input buffer first, then
     // in the network. All other connections go on.
-    virtual std::uint32_t call(const Call& call, ndr::Writer& reply) = 0;
+    virtual Fault call(const Call& call, ndr::Writer& reply) = 0;
 
     // Whether the client behind this connection holds anything by it, which it would lose with the connection. One that
     // holds nothing may be closed while it is idle.

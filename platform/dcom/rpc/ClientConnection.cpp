@@ -3,17 +3,9 @@
 #include <algorithm>
 #include <utility>
 
-#include "base/HResult.h"
 #include "dcom/rpc/Fragments.h"
 
 namespace quelm::dcom::rpc {
-
-namespace {
-
-// For a fault that names no reason.
-constexpr std::uint32_t faultUnspecified = 0x1C000012;
-
-}  // namespace
 
 std::string_view clientFailureText(ClientFailure failure) {
     switch (failure) {
@@ -155,7 +147,7 @@ void ClientConnection::onBindAnswer(const Header& header, std::span<const std::u
         return goOnLoggingOn(header, pdu);
     }
     if (!answer->accepted) {
-        return finish({faultUnknownInterface, {}});
+        return finish({Fault::UnknownInterface, {}});
     }
     interfaces_.push_back(asked_);
     const std::size_t start = output_.size();
@@ -203,7 +195,7 @@ void ClientConnection::onFault(const Header& header, std::span<std::uint8_t> pdu
             return fail(ClientFailure::Unprotected);
         }
     }
-    finish({answer.fault == 0 ? faultUnspecified : answer.fault, {}});
+    finish({answer.fault == Fault::None ? Fault::Unspecified : answer.fault, {}});
 }
 
 void ClientConnection::onResponse(const Header& header, std::span<std::uint8_t> pdu) {
@@ -228,7 +220,7 @@ void ClientConnection::onResponse(const Header& header, std::span<std::uint8_t> 
     }
     if ((header.flags & flagLast) != 0) {
         assembly_.end();
-        finish({0, assembly_.stub()});
+        finish({Fault::None, assembly_.stub()});
     }
 }
 

@@ -39,9 +39,9 @@ struct CallTarget {
     std::optional<Uuid> object = {};  // the IPID of an object call
 };
 
-// How a call ended: fault 0 and the stub data of the reply, or a fault's status.
+// How a call ended: with the stub data of the reply, or a fault.
 struct CallResult {
-    std::uint32_t fault = 0;
+    Fault fault = Fault::None;
     std::span<const std::uint8_t> stub;  // valid during the handler only
 };
 

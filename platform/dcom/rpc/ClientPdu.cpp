@@ -73,7 +73,7 @@ bool parseAnswer(std::span<const std::uint8_t> pdu, const Header& header, Answer
     in.u16();
     answer.stubOffset = callHeaderSize;
     if (header.type == PduType::Fault) {
-        answer.fault = in.u32();
+        answer.fault = Fault{in.u32()};
     }
     return in.good();
 }

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "base/Uuid.h"
+#include "dcom/Fault.h"
 #include "dcom/rpc/Pdu.h"
 
 namespace quelm::dcom::rpc {
@@ -41,7 +42,7 @@ std::optional<BindAnswer> parseBindAnswer(std::span<const std::uint8_t> pdu);
 struct Answer {
     std::uint16_t contextId = 0;
     std::size_t stubOffset = 0;
-    std::uint32_t fault = 0;  // of a FAULT
+    Fault fault = Fault::None;  // of a FAULT
 };
 // False when the PDU is too short for its kind.
 bool parseAnswer(std::span<const std::uint8_t> pdu, const Header& header, Answer& answer);

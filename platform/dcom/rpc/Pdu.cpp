@@ -172,7 +172,7 @@ void appendBindNak(std::vector<std::uint8_t>& out, std::uint32_t callId, std::ui
     at[19] = protocolVersion;
 }
 
-void appendFault(std::vector<std::uint8_t>& out, std::uint32_t callId, std::uint16_t contextId, std::uint32_t status,
+void appendFault(std::vector<std::uint8_t>& out, std::uint32_t callId, std::uint16_t contextId, Fault fault,
                  std::uint8_t flags) {
     const std::size_t start = out.size();
     out.resize(start + faultSize);
@@ -180,7 +180,7 @@ void appendFault(std::vector<std::uint8_t>& out, std::uint32_t callId, std::uint
     putHeader(at, PduType::Fault, flagFirst | flagLast | flags, faultSize, 0, callId);
     put(at + 16, static_cast<std::uint32_t>(faultSize - callHeaderSize));
     put(at + 20, contextId);
-    put(at + 24, status);
+    put(at + 24, fault);
 }
 
 void putCallHeader(std::uint8_t* at, const CallHeader& header, std::uint8_t flags, std::size_t fragmentLength,

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "base/Uuid.h"
+#include "dcom/Fault.h"
 #include "dcom/RefusalReason.h"
 #include "dcom/ndr/Writer.h"
 
@@ -146,7 +147,7 @@ struct BindAck {
 
 void appendBindAck(std::vector<std::uint8_t>& out, const BindAck& ack);
 void appendBindNak(std::vector<std::uint8_t>& out, std::uint32_t callId, std::uint16_t reason);
-void appendFault(std::vector<std::uint8_t>& out, std::uint32_t callId, std::uint16_t contextId, std::uint32_t status,
+void appendFault(std::vector<std::uint8_t>& out, std::uint32_t callId, std::uint16_t contextId, Fault fault,
                  std::uint8_t flags);
 
 // The parts of which both ends build their PDUs: fills in headerSize bytes; writes an interface or transfer syntax.

@@ -6,7 +6,6 @@
 #include <cstring>
 #include <utility>
 
-#include "base/HResult.h"
 #include "dcom/rpc/Fragments.h"
 
 namespace quelm::dcom::rpc {
@@ -28,17 +27,17 @@ class ServerConnection::Deferral final : public IDeferredAnswer {
  public:
     explicit Deferral(ServerConnection& connection) : connection_(connection) {}
 
-    void complete(std::uint32_t status, std::span<const std::uint8_t> stub) override {
+    void complete(Fault fault, std::span<const std::uint8_t> stub) override {
         if (calling) {
-            early = {status, {stub.begin(), stub.end()}};
+            early = {fault, {stub.begin(), stub.end()}};
         } else {
-            connection_.answerDeferred(status, stub);
+            connection_.answerDeferred(fault, stub);
             connection_.wakeUp();
         }
     }
 
-    bool calling = true;                                                       // the handler has not returned yet
-    std::optional<std::pair<std::uint32_t, std::vector<std::uint8_t>>> early;  // answered while it was calling
+    bool calling = true;                                               // the handler has not returned yet
+    std::optional<std::pair<Fault, std::vector<std::uint8_t>>> early;  // answered while it was calling
     CallHeader header;
     std::optional<std::uint32_t> securityId;
 
@@ -188,7 +187,7 @@ void ServerConnection::onAlterContext(const Header& header, std::span<const std:
     }
     std::vector<std::uint8_t> token;
     if (header.authLength != 0 && logOn(header, trailer, token) != SecurityContexts::Step::Answered) {
-        appendFault(output_, header.callId, 0, faultAccessDenied, flagDidNotExecute);
+        appendFault(output_, header.callId, 0, Fault::AccessDenied, flagDidNotExecute);
         closing_ = true;
         return;
     }
@@ -305,25 +304,25 @@ void ServerConnection::onRequest(const Header& header, std::span<std::uint8_t> p
     if ((header.flags & whole) != whole || assembly_.active()) {
         return assemble(header, request, stub, context);
     }
-    if (const std::uint32_t status = faultBeforeCall(context, request); status != 0) {
-        return appendFault(output_, header.callId, request.contextId, status, flagDidNotExecute);
+    if (const Fault fault = faultBeforeCall(context, request); fault != Fault::None) {
+        return appendFault(output_, header.callId, request.contextId, fault, flagDidNotExecute);
     }
     perform(header.callId, request, stub, context);
 }
 
-// 0, or the fault that answers the call instead of carrying it out.
-std::uint32_t ServerConnection::faultBeforeCall(const SecurityContext* context, const Request& request) {
+// None, or the fault that answers the call instead of carrying it out.
+Fault ServerConnection::faultBeforeCall(const SecurityContext* context, const Request& request) {
     const Uuid* const interfaceId = presentations_.find(request.contextId);
     if (interfaceId == nullptr) {
-        return faultUnknownInterface;
+        return Fault::UnknownInterface;
     }
     if (!admits(context, *interfaceId)) {
         if (!handler_.isOpenToAll(*interfaceId)) {
             reportInadmissible(context);
         }
-        return faultAccessDenied;
+        return Fault::AccessDenied;
     }
-    return 0;
+    return Fault::None;
 }
 
 bool ServerConnection::admits(const SecurityContext* context, const Uuid& interfaceId) {
@@ -363,16 +362,16 @@ void ServerConnection::assemble(const Header& header, const Request& request, st
         return protocolError(header, RefusalReason::FragmentsMixed);
     }
     if (!assembly_.dropped()) {
-        const std::uint32_t status = faultBeforeCall(context, request);
-        if (status != 0 && step == CallAssembly::Step::Continued) {
+        const Fault fault = faultBeforeCall(context, request);
+        if (fault != Fault::None && step == CallAssembly::Step::Continued) {
             // The log-on that the call began under was taken back meanwhile, by whoever sits between.
             return protocolError(header, RefusalReason::LogOnChanged);
         }
-        if (status != 0) {
-            appendFault(output_, header.callId, request.contextId, status, flagDidNotExecute);
+        if (fault != Fault::None) {
+            appendFault(output_, header.callId, request.contextId, fault, flagDidNotExecute);
             assembly_.drop();
         } else if (stub.size() > held_.room()) {
-            appendFault(output_, header.callId, request.contextId, faultOutOfMemory, flagDidNotExecute);
+            appendFault(output_, header.callId, request.contextId, Fault::OutOfMemory, flagDidNotExecute);
             assembly_.drop();
             assembly_.release();
         } else if (!assembly_.add(stub, loggedOn()
@@ -406,17 +405,17 @@ void ServerConnection::perform(std::uint32_t callId, const Request& request, std
     output_.resize(start + callHeaderSize);
     ndr::Writer reply(output_);
     peer_.level = context != nullptr ? context->level() : AuthLevel::None;
-    const std::uint32_t status =
+    const Fault fault =
         handler_.call({peer_, *presentations_.find(request.contextId), request.opnum, request.hasObject, request.object,
                        stub, peer_.level, context != nullptr ? context->account() : noAccount, this},
                       reply);
     const CallHeader header{PduType::Response, callId, request.contextId};
-    if (status == statusDeferred) {
+    if (fault == Fault::Deferred) {
         output_.resize(start);
         return postpone(header, context);
     }
     deferral_.reset();
-    finishReply(start, header, context, status);
+    finishReply(start, header, context, fault);
 }
 
 CallTicket ServerConnection::ticket() {
@@ -426,7 +425,7 @@ CallTicket ServerConnection::ticket() {
 
 void ServerConnection::postpone(const CallHeader& header, const SecurityContext* context) {
     if (!deferral_) {
-        return appendFault(output_, header.callId, header.contextId, faultCallFailed, 0);
+        return appendFault(output_, header.callId, header.contextId, Fault::CallFailed, 0);
     }
     deferral_->calling = false;
     deferral_->header = header;
@@ -436,12 +435,12 @@ void ServerConnection::postpone(const CallHeader& header, const SecurityContext*
     }
 }
 
-void ServerConnection::answerDeferred(std::uint32_t status, std::span<const std::uint8_t> stub) {
+void ServerConnection::answerDeferred(Fault fault, std::span<const std::uint8_t> stub) {
     const auto done = std::exchange(deferral_, nullptr);
     const std::size_t start = output_.size();
     output_.resize(start + callHeaderSize);
     output_.insert(output_.end(), stub.begin(), stub.end());
-    finishReply(start, done->header, done->securityId ? security_.find(*done->securityId) : nullptr, status);
+    finishReply(start, done->header, done->securityId ? security_.find(*done->securityId) : nullptr, fault);
     held_.set(bytesHeld());
 }
 
@@ -453,11 +452,10 @@ void ServerConnection::wakeUp() {
 }
 
 // Makes the reply of the stub data that stands behind the room for one header.
-void ServerConnection::finishReply(std::size_t start, const CallHeader& header, SecurityContext* context,
-                                   std::uint32_t status) {
-    if (status != 0) {
+void ServerConnection::finishReply(std::size_t start, const CallHeader& header, SecurityContext* context, Fault fault) {
+    if (fault != Fault::None) {
         output_.resize(start);
-        return appendFault(output_, header.callId, header.contextId, status, 0);
+        return appendFault(output_, header.callId, header.contextId, fault, 0);
     }
     if (context != nullptr && context->protects()) {
         const MessageGuard guard = context->guard();
@@ -479,7 +477,7 @@ bool ServerConnection::unprotect(const Header& header, std::span<std::uint8_t> p
     }
     if (context->protects() && !context->guard().unprotect(pdu, bodyOffset, trailer)) {
         refusals_.report(RefusalReason::WrongSignature, context->account(), context->level());
-        appendFault(output_, header.callId, 0, faultAccessDenied, flagDidNotExecute);
+        appendFault(output_, header.callId, 0, Fault::AccessDenied, flagDidNotExecute);
         closing_ = true;
         return false;
     }
@@ -492,7 +490,7 @@ void ServerConnection::protocolError(const Header& header, RefusalReason reason,
     } else {
         refusals_.report(reason);
     }
-    appendFault(output_, header.callId, 0, faultProtocol, flagDidNotExecute);
+    appendFault(output_, header.callId, 0, Fault::Protocol, flagDidNotExecute);
     closing_ = true;
 }
 

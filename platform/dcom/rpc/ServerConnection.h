@@ -78,16 +78,16 @@ class ServerConnection final : private ITicketOffice {
     bool isMachineAsking(const std::string& account);
     bool admits(const SecurityContext* context, const Uuid& interfaceId);
     void reportInadmissible(const SecurityContext* context);
-    std::uint32_t faultBeforeCall(const SecurityContext* context, const Request& request);
+    Fault faultBeforeCall(const SecurityContext* context, const Request& request);
     void assemble(const Header& header, const Request& request, std::span<const std::uint8_t> stub,
                   SecurityContext* context);
     void perform(std::uint32_t callId, const Request& request, std::span<const std::uint8_t> stub,
                  SecurityContext* context);
     CallTicket ticket() override;
     void postpone(const CallHeader& header, const SecurityContext* context);
-    void answerDeferred(std::uint32_t status, std::span<const std::uint8_t> stub);
+    void answerDeferred(Fault fault, std::span<const std::uint8_t> stub);
     void wakeUp();
-    void finishReply(std::size_t start, const CallHeader& header, SecurityContext* context, std::uint32_t status);
+    void finishReply(std::size_t start, const CallHeader& header, SecurityContext* context, Fault fault);
     bool unprotect(const Header& header, std::span<std::uint8_t> pdu, std::size_t bodyOffset,
                    const AuthTrailer& trailer, SecurityContext* context);
     void countFor(const SecurityContext& client);

@@ -31,9 +31,9 @@ class AsyncIo2Interface final : public dcom::orpc::Dispatched<AsyncIo2Interface>
     explicit AsyncIo2Interface(OpcGroupObject& /*object*/) {}
 
  private:
-    std::uint32_t refuseBegin(dcom::ndr::Reader& in, dcom::ndr::Writer& out, dcom::orpc::CallContext& context);
-    std::uint32_t refuseNumber(dcom::ndr::Reader& in, dcom::ndr::Writer& out, dcom::orpc::CallContext& context);
-    std::uint32_t refuse(dcom::ndr::Reader& in, dcom::ndr::Writer& out, dcom::orpc::CallContext& context);
+    dcom::Fault refuseBegin(dcom::ndr::Reader& in, dcom::ndr::Writer& out, dcom::orpc::CallContext& context);
+    dcom::Fault refuseNumber(dcom::ndr::Reader& in, dcom::ndr::Writer& out, dcom::orpc::CallContext& context);
+    dcom::Fault refuse(dcom::ndr::Reader& in, dcom::ndr::Writer& out, dcom::orpc::CallContext& context);
 
  public:
     static constexpr std::array methods{

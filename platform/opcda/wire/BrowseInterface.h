@@ -27,16 +27,16 @@ class BrowseInterface final : public ServerBoundInterface<BrowseInterface> {
     using ServerBoundInterface::ServerBoundInterface;
 
  private:
-    std::uint32_t organization(Server& server, dcom::ndr::Reader& in, dcom::ndr::Writer& out,
+    dcom::Fault organization(Server& server, dcom::ndr::Reader& in, dcom::ndr::Writer& out,
+                             dcom::orpc::CallContext& context);
+    dcom::Fault changePosition(Server& server, dcom::ndr::Reader& in, dcom::ndr::Writer& out,
                                dcom::orpc::CallContext& context);
-    std::uint32_t changePosition(Server& server, dcom::ndr::Reader& in, dcom::ndr::Writer& out,
-                                 dcom::orpc::CallContext& context);
-    std::uint32_t browseItemIds(Server& server, dcom::ndr::Reader& in, dcom::ndr::Writer& out,
-                                dcom::orpc::CallContext& context);
-    std::uint32_t getItemId(Server& server, dcom::ndr::Reader& in, dcom::ndr::Writer& out,
-                            dcom::orpc::CallContext& context);
-    std::uint32_t browseAccessPaths(Server& server, dcom::ndr::Reader& in, dcom::ndr::Writer& out,
-                                    dcom::orpc::CallContext& context);
+    dcom::Fault browseItemIds(Server& server, dcom::ndr::Reader& in, dcom::ndr::Writer& out,
+                              dcom::orpc::CallContext& context);
+    dcom::Fault getItemId(Server& server, dcom::ndr::Reader& in, dcom::ndr::Writer& out,
+                          dcom::orpc::CallContext& context);
+    dcom::Fault browseAccessPaths(Server& server, dcom::ndr::Reader& in, dcom::ndr::Writer& out,
+                                  dcom::orpc::CallContext& context);
 
  public:
     static constexpr std::array methods{

@@ -4,57 +4,54 @@
 
 namespace quelm::opcda::wire {
 
+using dcom::Fault;
 using dcom::ndr::Reader;
 using dcom::ndr::Writer;
 
-std::uint32_t CommonInterface::setLocale(Server& server, Reader& in, Writer& out,
-                                         dcom::orpc::CallContext& /*context*/) {
+Fault CommonInterface::setLocale(Server& server, Reader& in, Writer& out, dcom::orpc::CallContext& /*context*/) {
     const std::uint32_t locale = in.u32();
     if (!in.good()) {
-        return faultBadStubData;
+        return Fault::BadStubData;
     }
-    out.u32(server.setLocale(locale));
-    return 0;
+    out.hresult(server.setLocale(locale));
+    return Fault::None;
 }
 
-std::uint32_t CommonInterface::getLocale(Server& server, Reader& /*in*/, Writer& out,
-                                         dcom::orpc::CallContext& /*context*/) {
+Fault CommonInterface::getLocale(Server& server, Reader& /*in*/, Writer& out, dcom::orpc::CallContext& /*context*/) {
     out.u32(server.locale());
-    out.u32(S_OK);
-    return 0;
+    out.hresult(S_OK);
+    return Fault::None;
 }
 
-std::uint32_t CommonInterface::availableLocales(Server& /*server*/, Reader& /*in*/, Writer& out,
-                                                dcom::orpc::CallContext& /*context*/) {
+Fault CommonInterface::availableLocales(Server& /*server*/, Reader& /*in*/, Writer& out,
+                                        dcom::orpc::CallContext& /*context*/) {
     const auto locales = Server::availableLocales();
     out.u32(static_cast<std::uint32_t>(locales.size()));
     writeU32Array(out, locales);
-    out.u32(S_OK);
-    return 0;
+    out.hresult(S_OK);
+    return Fault::None;
 }
 
-std::uint32_t CommonInterface::getErrorString(Server& server, Reader& in, Writer& out,
-                                              dcom::orpc::CallContext& /*context*/) {
-    const HResult code = in.u32();
+Fault CommonInterface::getErrorString(Server& server, Reader& in, Writer& out, dcom::orpc::CallContext& /*context*/) {
+    const HResult code = in.hresult();
     if (!in.good()) {
-        return faultBadStubData;
+        return Fault::BadStubData;
     }
     std::string_view text;
     const HResult result = server.errorString(code, server.locale(), text);
     writeStringOrNull(out, result, text);
-    out.u32(result);
-    return 0;
+    out.hresult(result);
+    return Fault::None;
 }
 
-std::uint32_t CommonInterface::setClientName(Server& server, Reader& in, Writer& out,
-                                             dcom::orpc::CallContext& /*context*/) {
+Fault CommonInterface::setClientName(Server& server, Reader& in, Writer& out, dcom::orpc::CallContext& /*context*/) {
     const std::string name = in.wideString();
     if (!in.good()) {
-        return faultBadStubData;
+        return Fault::BadStubData;
     }
     server.setClientName(name);
-    out.u32(S_OK);
-    return 0;
+    out.hresult(S_OK);
+    return Fault::None;
 }
 
 }  // namespace quelm::opcda::wire

@@ -27,16 +27,16 @@ class CommonInterface final : public ServerBoundInterface<CommonInterface> {
     using ServerBoundInterface::ServerBoundInterface;
 
  private:
-    std::uint32_t setLocale(Server& server, dcom::ndr::Reader& in, dcom::ndr::Writer& out,
-                            dcom::orpc::CallContext& context);
-    std::uint32_t getLocale(Server& server, dcom::ndr::Reader& in, dcom::ndr::Writer& out,
-                            dcom::orpc::CallContext& context);
-    std::uint32_t availableLocales(Server& server, dcom::ndr::Reader& in, dcom::ndr::Writer& out,
-                                   dcom::orpc::CallContext& context);
-    std::uint32_t getErrorString(Server& server, dcom::ndr::Reader& in, dcom::ndr::Writer& out,
+    dcom::Fault setLocale(Server& server, dcom::ndr::Reader& in, dcom::ndr::Writer& out,
+                          dcom::orpc::CallContext& context);
+    dcom::Fault getLocale(Server& server, dcom::ndr::Reader& in, dcom::ndr::Writer& out,
+                          dcom::orpc::CallContext& context);
+    dcom::Fault availableLocales(Server& server, dcom::ndr::Reader& in, dcom::ndr::Writer& out,
                                  dcom::orpc::CallContext& context);
-    std::uint32_t setClientName(Server& server, dcom::ndr::Reader& in, dcom::ndr::Writer& out,
-                                dcom::orpc::CallContext& context);
+    dcom::Fault getErrorString(Server& server, dcom::ndr::Reader& in, dcom::ndr::Writer& out,
+                               dcom::orpc::CallContext& context);
+    dcom::Fault setClientName(Server& server, dcom::ndr::Reader& in, dcom::ndr::Writer& out,
+                              dcom::orpc::CallContext& context);
 
  public:
     static constexpr std::array methods{

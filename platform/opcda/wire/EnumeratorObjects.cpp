@@ -8,6 +8,7 @@
 
 namespace quelm::opcda::wire {
 
+using dcom::Fault;
 using dcom::ndr::Reader;
 using dcom::ndr::Writer;
 using dcom::orpc::CallContext;
@@ -31,13 +32,13 @@ void writeVaryingHead(Writer& out, std::uint32_t wanted, std::size_t fetched) {
 
 void writeFetched(Writer& out, std::uint32_t wanted, std::size_t fetched) {
     out.u32(static_cast<std::uint32_t>(fetched));
-    out.u32(fetched < wanted ? S_FALSE : S_OK);
+    out.hresult(fetched < wanted ? S_FALSE : S_OK);
 }
 
 // The client stays where it is and may ask for fewer.
 void refuse(Writer& out) {
     out.u32(0);  // fetched
-    out.u32(E_OUTOFMEMORY);
+    out.hresult(E_OUTOFMEMORY);
 }
 
 void refuseVarying(Writer& out, ReplyRoom& room, std::uint32_t wanted) {
@@ -70,37 +71,37 @@ void writeAttributes(Writer& out, const ItemAttributes& item) {
 
 }  // namespace
 
-std::uint32_t EnumeratorObject::nextCall(Reader& in, Writer& out, CallContext& context) {
+Fault EnumeratorObject::nextCall(Reader& in, Writer& out, CallContext& context) {
     const std::uint32_t count = in.u32();
     if (!in.good()) {
-        return faultBadStubData;
+        return Fault::BadStubData;
     }
     next(count, out, context);
-    return 0;
+    return Fault::None;
 }
 
-std::uint32_t EnumeratorObject::skipCall(Reader& in, Writer& out, CallContext& /*context*/) {
+Fault EnumeratorObject::skipCall(Reader& in, Writer& out, CallContext& /*context*/) {
     const std::uint32_t count = in.u32();
     if (!in.good()) {
-        return faultBadStubData;
+        return Fault::BadStubData;
     }
-    out.u32(skip(count) ? S_OK : S_FALSE);
-    return 0;
+    out.hresult(skip(count) ? S_OK : S_FALSE);
+    return Fault::None;
 }
 
-std::uint32_t EnumeratorObject::resetCall(Reader& /*in*/, Writer& out, CallContext& /*context*/) {
+Fault EnumeratorObject::resetCall(Reader& /*in*/, Writer& out, CallContext& /*context*/) {
     reset();
-    out.u32(S_OK);
-    return 0;
+    out.hresult(S_OK);
+    return Fault::None;
 }
 
-std::uint32_t EnumeratorObject::cloneCall(Reader& /*in*/, Writer& out, CallContext& context) {
+Fault EnumeratorObject::cloneCall(Reader& /*in*/, Writer& out, CallContext& context) {
     Hold memory = memory_.another();
     if (!memory.resize(footprint)) {
         return writeNoInterface(out, E_OUTOFMEMORY);
     }
-    out.u32(context.writeInterface(out, clone(std::move(memory)), iid_));
-    return 0;
+    out.hresult(context.writeInterface(out, clone(std::move(memory)), iid_));
+    return Fault::None;
 }
 
 template <class Text>

@@ -42,10 +42,10 @@ class EnumeratorObject : public dcom::orpc::ComObject, public dcom::orpc::Dispat
     virtual bool skip(std::uint32_t count) = 0;
     virtual void reset() = 0;
     virtual std::shared_ptr<EnumeratorObject> clone(Hold memory) const = 0;
-    std::uint32_t nextCall(dcom::ndr::Reader& in, dcom::ndr::Writer& out, dcom::orpc::CallContext& context);
-    std::uint32_t skipCall(dcom::ndr::Reader& in, dcom::ndr::Writer& out, dcom::orpc::CallContext& context);
-    std::uint32_t resetCall(dcom::ndr::Reader& in, dcom::ndr::Writer& out, dcom::orpc::CallContext& context);
-    std::uint32_t cloneCall(dcom::ndr::Reader& in, dcom::ndr::Writer& out, dcom::orpc::CallContext& context);
+    dcom::Fault nextCall(dcom::ndr::Reader& in, dcom::ndr::Writer& out, dcom::orpc::CallContext& context);
+    dcom::Fault skipCall(dcom::ndr::Reader& in, dcom::ndr::Writer& out, dcom::orpc::CallContext& context);
+    dcom::Fault resetCall(dcom::ndr::Reader& in, dcom::ndr::Writer& out, dcom::orpc::CallContext& context);
+    dcom::Fault cloneCall(dcom::ndr::Reader& in, dcom::ndr::Writer& out, dcom::orpc::CallContext& context);
 
     Uuid iid_;
     Hold memory_;

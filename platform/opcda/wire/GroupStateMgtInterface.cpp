@@ -6,6 +6,7 @@
 
 namespace quelm::opcda::wire {
 
+using dcom::Fault;
 using dcom::ndr::Reader;
 using dcom::ndr::Writer;
 
@@ -21,7 +22,7 @@ void readOptional(Reader& in, std::optional<T>& value, ReadOne readOne) {
 
 }  // namespace
 
-std::uint32_t GroupStateMgtInterface::getState(Reader& /*in*/, Writer& out, dcom::orpc::CallContext& /*context*/) {
+Fault GroupStateMgtInterface::getState(Reader& /*in*/, Writer& out, dcom::orpc::CallContext& /*context*/) {
     const Group& group = object_.group();
     const bool removed = group.isRemoved();
     const GroupState state = removed ? GroupState{} : group.state();
@@ -37,11 +38,11 @@ std::uint32_t GroupStateMgtInterface::getState(Reader& /*in*/, Writer& out, dcom
     out.u32(state.localeId);
     out.u32(state.clientHandle);
     out.u32(removed ? 0 : group.serverHandle());
-    out.u32(removed ? E_FAIL : S_OK);
-    return 0;
+    out.hresult(removed ? E_FAIL : S_OK);
+    return Fault::None;
 }
 
-std::uint32_t GroupStateMgtInterface::setState(Reader& in, Writer& out, dcom::orpc::CallContext& /*context*/) {
+Fault GroupStateMgtInterface::setState(Reader& in, Writer& out, dcom::orpc::CallContext& /*context*/) {
     GroupChange change;
     readOptional(in, change.updateRate, [&in] { return in.u32(); });
     readOptional(in, change.active, [&in] { return in.u32() != 0; });
@@ -50,30 +51,30 @@ std::uint32_t GroupStateMgtInterface::setState(Reader& in, Writer& out, dcom::or
     readOptional(in, change.localeId, [&in] { return in.u32(); });
     readOptional(in, change.clientHandle, [&in] { return in.u32(); });
     if (!in.good()) {
-        return faultBadStubData;
+        return Fault::BadStubData;
     }
     Group& group = object_.group();
     const HResult result = group.isRemoved() ? E_FAIL : group.setState(change);
     out.u32(group.isRemoved() ? 0 : group.state().updateRate);
-    out.u32(result);
-    return 0;
+    out.hresult(result);
+    return Fault::None;
 }
 
-std::uint32_t GroupStateMgtInterface::setName(Reader& in, Writer& out, dcom::orpc::CallContext& /*context*/) {
+Fault GroupStateMgtInterface::setName(Reader& in, Writer& out, dcom::orpc::CallContext& /*context*/) {
     const std::string name = in.wideString();
     if (!in.good()) {
-        return faultBadStubData;
+        return Fault::BadStubData;
     }
     Group& group = object_.group();
-    out.u32(group.isRemoved() ? E_FAIL : group.setName(name));
-    return 0;
+    out.hresult(group.isRemoved() ? E_FAIL : group.setName(name));
+    return Fault::None;
 }
 
-std::uint32_t GroupStateMgtInterface::cloneGroup(Reader& in, Writer& out, dcom::orpc::CallContext& context) {
+Fault GroupStateMgtInterface::cloneGroup(Reader& in, Writer& out, dcom::orpc::CallContext& context) {
     const std::string name = in.wideString();
     const Uuid iid = in.uuid();
     if (!in.good()) {
-        return faultBadStubData;
+        return Fault::BadStubData;
     }
     const auto owner = object_.owner();
     if (object_.group().isRemoved() || !owner || owner->server() == nullptr) {
@@ -84,8 +85,8 @@ std::uint32_t GroupStateMgtInterface::cloneGroup(Reader& in, Writer& out, dcom::
     }
     std::shared_ptr<Group> clone;
     const HResult result = owner->server()->cloneGroup(object_.group(), name, clone);
-    out.u32(owner->writeGroup(out, context, clone, iid, result));
-    return 0;
+    out.hresult(owner->writeGroup(out, context, clone, iid, result));
+    return Fault::None;
 }
 
 }  // namespace quelm::opcda::wire

@@ -28,10 +28,10 @@ class GroupStateMgtInterface final : public dcom::orpc::Dispatched<GroupStateMgt
     explicit GroupStateMgtInterface(OpcGroupObject& object) : object_(object) {}
 
  private:
-    std::uint32_t getState(dcom::ndr::Reader& in, dcom::ndr::Writer& out, dcom::orpc::CallContext& context);
-    std::uint32_t setState(dcom::ndr::Reader& in, dcom::ndr::Writer& out, dcom::orpc::CallContext& context);
-    std::uint32_t setName(dcom::ndr::Reader& in, dcom::ndr::Writer& out, dcom::orpc::CallContext& context);
-    std::uint32_t cloneGroup(dcom::ndr::Reader& in, dcom::ndr::Writer& out, dcom::orpc::CallContext& context);
+    dcom::Fault getState(dcom::ndr::Reader& in, dcom::ndr::Writer& out, dcom::orpc::CallContext& context);
+    dcom::Fault setState(dcom::ndr::Reader& in, dcom::ndr::Writer& out, dcom::orpc::CallContext& context);
+    dcom::Fault setName(dcom::ndr::Reader& in, dcom::ndr::Writer& out, dcom::orpc::CallContext& context);
+    dcom::Fault cloneGroup(dcom::ndr::Reader& in, dcom::ndr::Writer& out, dcom::orpc::CallContext& context);
 
     OpcGroupObject& object_;
 

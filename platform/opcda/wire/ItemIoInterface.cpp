@@ -5,6 +5,7 @@
 
 namespace quelm::opcda::wire {
 
+using dcom::Fault;
 using dcom::ndr::Reader;
 using dcom::ndr::Writer;
 
@@ -41,16 +42,16 @@ std::size_t behindValues(std::size_t count) {
     return 64 + count * (sizeof(std::uint16_t) + sizeof(std::int64_t) + sizeof(HResult));
 }
 
-std::uint32_t refuseRead(Writer& out, HResult result) {
+Fault refuseRead(Writer& out, HResult result) {
     out.nullPointer();
     out.nullPointer();
     out.nullPointer();
     writeErrors(out, result, {});
-    return 0;
+    return Fault::None;
 }
 
-std::uint32_t writeReadings(Writer& out, std::size_t memoryLeft, HResult result,
-                            const std::vector<ItemIOReading>& readings, std::vector<HResult>& errors) {
+Fault writeReadings(Writer& out, std::size_t memoryLeft, HResult result, const std::vector<ItemIOReading>& readings,
+                    std::vector<HResult>& errors) {
     if (failed(result)) {
         return refuseRead(out, result);
     }
@@ -63,12 +64,12 @@ std::uint32_t writeReadings(Writer& out, std::size_t memoryLeft, HResult result,
         errors.push_back(reading.error);
     }
     writeErrors(out, result, errors);
-    return 0;
+    return Fault::None;
 }
 
 }  // namespace
 
-std::uint32_t ItemIoInterface::read(Server& server, Reader& in, Writer& out, dcom::orpc::CallContext& context) {
+Fault ItemIoInterface::read(Server& server, Reader& in, Writer& out, dcom::orpc::CallContext& context) {
     const CallBuffers::Loan buffers(server.application().callBuffers());
     const std::uint32_t count = in.u32();
     if (count > server.application().itemsPerCall()) {
@@ -77,7 +78,7 @@ std::uint32_t ItemIoInterface::read(Server& server, Reader& in, Writer& out, dco
     readStringArray(in, count, buffers->itemIds);
     readU32Array(in, count, buffers->numbers);
     if (!in.good()) {
-        return faultBadStubData;
+        return Fault::BadStubData;
     }
     buffers->views.assign(buffers->itemIds.begin(), buffers->itemIds.end());
     std::vector<ItemIOReading>& readings = buffers->readings;
@@ -94,30 +95,30 @@ std::uint32_t ItemIoInterface::read(Server& server, Reader& in, Writer& out, dco
             });
         }
     });
-    return dcom::rpc::statusDeferred;
+    return Fault::Deferred;
 }
 
-std::uint32_t ItemIoInterface::writeVqt(Server& server, Reader& in, Writer& out, dcom::orpc::CallContext& context) {
+Fault ItemIoInterface::writeVqt(Server& server, Reader& in, Writer& out, dcom::orpc::CallContext& context) {
     const CallBuffers::Loan buffers(server.application().callBuffers());
     const std::uint32_t count = in.u32();
     if (count > server.application().itemsPerCall()) {
         writeErrors(out, E_OUTOFMEMORY, {});
-        return 0;
+        return Fault::None;
     }
     readStringArray(in, count, buffers->itemIds);
     skipVqts(in, count);
     if (!in.good()) {
-        return faultBadStubData;
+        return Fault::BadStubData;
     }
     buffers->views.assign(buffers->itemIds.begin(), buffers->itemIds.end());
     const auto reply = context.defer(out);
     server.itemIO().writeVQT(buffers->views, [reply](HResult result, const std::vector<HResult>& errors) {
         reply->complete([&](Writer& late) {
             writeErrors(late, result, errors);
-            return 0U;
+            return Fault::None;
         });
     });
-    return dcom::rpc::statusDeferred;
+    return Fault::Deferred;
 }
 
 }  // namespace quelm::opcda::wire

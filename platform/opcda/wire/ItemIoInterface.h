@@ -24,9 +24,9 @@ class ItemIoInterface final : public ServerBoundInterface<ItemIoInterface> {
     using ServerBoundInterface::ServerBoundInterface;
 
  private:
-    std::uint32_t read(Server& server, dcom::ndr::Reader& in, dcom::ndr::Writer& out, dcom::orpc::CallContext& context);
-    std::uint32_t writeVqt(Server& server, dcom::ndr::Reader& in, dcom::ndr::Writer& out,
-                           dcom::orpc::CallContext& context);
+    dcom::Fault read(Server& server, dcom::ndr::Reader& in, dcom::ndr::Writer& out, dcom::orpc::CallContext& context);
+    dcom::Fault writeVqt(Server& server, dcom::ndr::Reader& in, dcom::ndr::Writer& out,
+                         dcom::orpc::CallContext& context);
 
  public:
     static constexpr std::array methods{

@@ -7,6 +7,7 @@
 
 namespace quelm::opcda::wire {
 
+using dcom::Fault;
 using dcom::ndr::Reader;
 using dcom::ndr::Writer;
 
@@ -78,7 +79,7 @@ bool ItemMgtInterface::readDefinitions(Reader& in, CallBuffers& buffers) {
     return true;
 }
 
-std::uint32_t ItemMgtInterface::addOrValidate(bool add, Reader& in, Writer& out) {
+Fault ItemMgtInterface::addOrValidate(bool add, Reader& in, Writer& out) {
     const CallBuffers::Loan buffers(group_.application().callBuffers());
     HResult result = E_OUTOFMEMORY;
     if (readDefinitions(in, *buffers)) {
@@ -86,7 +87,7 @@ std::uint32_t ItemMgtInterface::addOrValidate(bool add, Reader& in, Writer& out)
             in.u32();  // whether to send blobs back: there are none
         }
         if (!in.good()) {
-            return faultBadStubData;
+            return Fault::BadStubData;
         }
         result = E_INVALIDARG;
         if (group_.isRemoved()) {
@@ -109,29 +110,29 @@ std::uint32_t ItemMgtInterface::addOrValidate(bool add, Reader& in, Writer& out)
         }
     }
     writeErrors(out, result, buffers->errors);
-    return 0;
+    return Fault::None;
 }
 
-std::uint32_t ItemMgtInterface::addItems(Reader& in, Writer& out, dcom::orpc::CallContext& /*context*/) {
+Fault ItemMgtInterface::addItems(Reader& in, Writer& out, dcom::orpc::CallContext& /*context*/) {
     return addOrValidate(true, in, out);
 }
 
-std::uint32_t ItemMgtInterface::validateItems(Reader& in, Writer& out, dcom::orpc::CallContext& /*context*/) {
+Fault ItemMgtInterface::validateItems(Reader& in, Writer& out, dcom::orpc::CallContext& /*context*/) {
     return addOrValidate(false, in, out);
 }
 
 template <class ReadMore, class Action>
-std::uint32_t ItemMgtInterface::forHandles(Reader& in, Writer& out, ReadMore readMore, Action action) {
+Fault ItemMgtInterface::forHandles(Reader& in, Writer& out, ReadMore readMore, Action action) {
     const CallBuffers::Loan buffers(group_.application().callBuffers());
     const std::uint32_t count = in.u32();
     if (count > group_.application().itemsPerCall()) {
         writeErrors(out, E_OUTOFMEMORY, {});
-        return 0;
+        return Fault::None;
     }
     readU32Array(in, count, buffers->handles);
     readMore(*buffers);
     if (!in.good()) {
-        return faultBadStubData;
+        return Fault::BadStubData;
     }
     HResult result = E_INVALIDARG;
     if (group_.isRemoved()) {
@@ -140,23 +141,23 @@ std::uint32_t ItemMgtInterface::forHandles(Reader& in, Writer& out, ReadMore rea
         result = action(*buffers);
     }
     writeErrors(out, result, buffers->errors);
-    return 0;
+    return Fault::None;
 }
 
-std::uint32_t ItemMgtInterface::removeItems(Reader& in, Writer& out, dcom::orpc::CallContext& /*context*/) {
+Fault ItemMgtInterface::removeItems(Reader& in, Writer& out, dcom::orpc::CallContext& /*context*/) {
     return forHandles(
         in, out, [](CallBuffers&) {},
         [&](CallBuffers& buffers) { return group_.removeItems(buffers.handles, buffers.errors); });
 }
 
-std::uint32_t ItemMgtInterface::setActiveState(Reader& in, Writer& out, dcom::orpc::CallContext& /*context*/) {
+Fault ItemMgtInterface::setActiveState(Reader& in, Writer& out, dcom::orpc::CallContext& /*context*/) {
     bool active = false;
     return forHandles(
         in, out, [&](CallBuffers&) { active = in.u32() != 0; },
         [&](CallBuffers& buffers) { return group_.setActiveState(buffers.handles, active, buffers.errors); });
 }
 
-std::uint32_t ItemMgtInterface::setClientHandles(Reader& in, Writer& out, dcom::orpc::CallContext& /*context*/) {
+Fault ItemMgtInterface::setClientHandles(Reader& in, Writer& out, dcom::orpc::CallContext& /*context*/) {
     const auto readNumbers = [&](CallBuffers& buffers) {
         readU32Array(in, static_cast<std::uint32_t>(buffers.handles.size()), buffers.numbers);
     };
@@ -165,7 +166,7 @@ std::uint32_t ItemMgtInterface::setClientHandles(Reader& in, Writer& out, dcom::
     });
 }
 
-std::uint32_t ItemMgtInterface::setDatatypes(Reader& in, Writer& out, dcom::orpc::CallContext& /*context*/) {
+Fault ItemMgtInterface::setDatatypes(Reader& in, Writer& out, dcom::orpc::CallContext& /*context*/) {
     std::vector<VarType> types;
     const auto readTypes = [&](CallBuffers& buffers) {
         if (readConformance(in, static_cast<std::uint32_t>(buffers.handles.size()), sizeof(VarType))) {
@@ -180,15 +181,15 @@ std::uint32_t ItemMgtInterface::setDatatypes(Reader& in, Writer& out, dcom::orpc
     });
 }
 
-std::uint32_t ItemMgtInterface::createEnumerator(Reader& in, Writer& out, dcom::orpc::CallContext& context) {
+Fault ItemMgtInterface::createEnumerator(Reader& in, Writer& out, dcom::orpc::CallContext& context) {
     const Uuid iid = in.uuid();
     if (!in.good()) {
-        return faultBadStubData;
+        return Fault::BadStubData;
     }
     Enumerator<ItemAttributes> items;
     const HResult result = group_.isRemoved() ? E_FAIL : group_.enumerateItems(items);
-    out.u32(writeEnumerator<EnumOpcItemAttributes>(out, context, iid, group_.memory(), std::move(items), result));
-    return 0;
+    out.hresult(writeEnumerator<EnumOpcItemAttributes>(out, context, iid, group_.memory(), std::move(items), result));
+    return Fault::None;
 }
 
 }  // namespace quelm::opcda::wire

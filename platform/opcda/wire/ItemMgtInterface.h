@@ -33,21 +33,21 @@ class ItemMgtInterface final : public dcom::orpc::Dispatched<ItemMgtInterface> {
     explicit ItemMgtInterface(OpcGroupObject& object);
 
  private:
-    std::uint32_t addItems(dcom::ndr::Reader& in, dcom::ndr::Writer& out, dcom::orpc::CallContext& context);
-    std::uint32_t validateItems(dcom::ndr::Reader& in, dcom::ndr::Writer& out, dcom::orpc::CallContext& context);
-    std::uint32_t removeItems(dcom::ndr::Reader& in, dcom::ndr::Writer& out, dcom::orpc::CallContext& context);
-    std::uint32_t setActiveState(dcom::ndr::Reader& in, dcom::ndr::Writer& out, dcom::orpc::CallContext& context);
-    std::uint32_t setClientHandles(dcom::ndr::Reader& in, dcom::ndr::Writer& out, dcom::orpc::CallContext& context);
-    std::uint32_t setDatatypes(dcom::ndr::Reader& in, dcom::ndr::Writer& out, dcom::orpc::CallContext& context);
-    std::uint32_t createEnumerator(dcom::ndr::Reader& in, dcom::ndr::Writer& out, dcom::orpc::CallContext& context);
+    dcom::Fault addItems(dcom::ndr::Reader& in, dcom::ndr::Writer& out, dcom::orpc::CallContext& context);
+    dcom::Fault validateItems(dcom::ndr::Reader& in, dcom::ndr::Writer& out, dcom::orpc::CallContext& context);
+    dcom::Fault removeItems(dcom::ndr::Reader& in, dcom::ndr::Writer& out, dcom::orpc::CallContext& context);
+    dcom::Fault setActiveState(dcom::ndr::Reader& in, dcom::ndr::Writer& out, dcom::orpc::CallContext& context);
+    dcom::Fault setClientHandles(dcom::ndr::Reader& in, dcom::ndr::Writer& out, dcom::orpc::CallContext& context);
+    dcom::Fault setDatatypes(dcom::ndr::Reader& in, dcom::ndr::Writer& out, dcom::orpc::CallContext& context);
+    dcom::Fault createEnumerator(dcom::ndr::Reader& in, dcom::ndr::Writer& out, dcom::orpc::CallContext& context);
 
-    std::uint32_t addOrValidate(bool add, dcom::ndr::Reader& in, dcom::ndr::Writer& out);
+    dcom::Fault addOrValidate(bool add, dcom::ndr::Reader& in, dcom::ndr::Writer& out);
     // False, and nothing read, for more items than a call may have.
     bool readDefinitions(dcom::ndr::Reader& in, CallBuffers& buffers);
     // A call that names items by their handles and is answered with a result for each and nothing else.
     // readMore(buffers) reads what stands behind the handles; action(buffers) carries the call out.
     template <class ReadMore, class Action>
-    std::uint32_t forHandles(dcom::ndr::Reader& in, dcom::ndr::Writer& out, ReadMore readMore, Action action);
+    dcom::Fault forHandles(dcom::ndr::Reader& in, dcom::ndr::Writer& out, ReadMore readMore, Action action);
 
     Group& group_;
 

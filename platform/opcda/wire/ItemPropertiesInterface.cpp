@@ -5,6 +5,7 @@
 
 namespace quelm::opcda::wire {
 
+using dcom::Fault;
 using dcom::ndr::Reader;
 using dcom::ndr::Writer;
 
@@ -30,10 +31,10 @@ PropertyRequest readRequest(Reader& in) {
     return request;
 }
 
-std::uint32_t writeFailure(Writer& out, HResult result) {
+Fault writeFailure(Writer& out, HResult result) {
     out.nullPointer();
     writeErrors(out, result, {});
-    return 0;
+    return Fault::None;
 }
 
 void writeDescriptions(Writer& out, const std::vector<PropertyDescription>& properties) {
@@ -57,11 +58,11 @@ void writeDescriptions(Writer& out, const std::vector<PropertyDescription>& prop
 
 }  // namespace
 
-std::uint32_t ItemPropertiesInterface::queryAvailable(Server& server, Reader& in, Writer& out,
-                                                      dcom::orpc::CallContext& /*context*/) {
+Fault ItemPropertiesInterface::queryAvailable(Server& server, Reader& in, Writer& out,
+                                              dcom::orpc::CallContext& /*context*/) {
     const std::string itemId = in.wideString();
     if (!in.good()) {
-        return faultBadStubData;
+        return Fault::BadStubData;
     }
     std::vector<PropertyDescription> properties;
     const HResult result = server.properties().available(itemId, properties);
@@ -74,15 +75,15 @@ std::uint32_t ItemPropertiesInterface::queryAvailable(Server& server, Reader& in
         out.u32(static_cast<std::uint32_t>(properties.size()));
         writeDescriptions(out, properties);
     }
-    out.u32(result);
-    return 0;
+    out.hresult(result);
+    return Fault::None;
 }
 
-std::uint32_t ItemPropertiesInterface::getProperties(Server& server, Reader& in, Writer& out,
-                                                     dcom::orpc::CallContext& /*context*/) {
+Fault ItemPropertiesInterface::getProperties(Server& server, Reader& in, Writer& out,
+                                             dcom::orpc::CallContext& /*context*/) {
     const PropertyRequest request = readRequest(in);
     if (!in.good()) {
-        return faultBadStubData;
+        return Fault::BadStubData;
     }
     if (request.tooMany) {
         return writeFailure(out, E_OUTOFMEMORY);
@@ -103,14 +104,14 @@ std::uint32_t ItemPropertiesInterface::getProperties(Server& server, Reader& in,
         errors.push_back(property.error);
     }
     writeErrors(out, result, errors);
-    return 0;
+    return Fault::None;
 }
 
-std::uint32_t ItemPropertiesInterface::lookupItemIds(Server& server, Reader& in, Writer& out,
-                                                     dcom::orpc::CallContext& /*context*/) {
+Fault ItemPropertiesInterface::lookupItemIds(Server& server, Reader& in, Writer& out,
+                                             dcom::orpc::CallContext& /*context*/) {
     const PropertyRequest request = readRequest(in);
     if (!in.good()) {
-        return faultBadStubData;
+        return Fault::BadStubData;
     }
     if (request.tooMany) {
         return writeFailure(out, E_OUTOFMEMORY);
@@ -126,7 +127,7 @@ std::uint32_t ItemPropertiesInterface::lookupItemIds(Server& server, Reader& in,
         out.nullPointer();  // no property is an item
     }
     writeErrors(out, result, errors);
-    return 0;
+    return Fault::None;
 }
 
 }  // namespace quelm::opcda::wire

@@ -25,12 +25,12 @@ class ItemPropertiesInterface final : public ServerBoundInterface<ItemProperties
     using ServerBoundInterface::ServerBoundInterface;
 
  private:
-    std::uint32_t queryAvailable(Server& server, dcom::ndr::Reader& in, dcom::ndr::Writer& out,
-                                 dcom::orpc::CallContext& context);
-    std::uint32_t getProperties(Server& server, dcom::ndr::Reader& in, dcom::ndr::Writer& out,
-                                dcom::orpc::CallContext& context);
-    std::uint32_t lookupItemIds(Server& server, dcom::ndr::Reader& in, dcom::ndr::Writer& out,
-                                dcom::orpc::CallContext& context);
+    dcom::Fault queryAvailable(Server& server, dcom::ndr::Reader& in, dcom::ndr::Writer& out,
+                               dcom::orpc::CallContext& context);
+    dcom::Fault getProperties(Server& server, dcom::ndr::Reader& in, dcom::ndr::Writer& out,
+                              dcom::orpc::CallContext& context);
+    dcom::Fault lookupItemIds(Server& server, dcom::ndr::Reader& in, dcom::ndr::Writer& out,
+                              dcom::orpc::CallContext& context);
 
  public:
     static constexpr std::array methods{

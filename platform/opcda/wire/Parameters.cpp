@@ -2,6 +2,7 @@
 
 namespace quelm::opcda::wire {
 
+using dcom::Fault;
 using dcom::ndr::Reader;
 using dcom::ndr::Writer;
 
@@ -37,20 +38,30 @@ void writeArrayHead(Writer& out, std::size_t count) {
     out.u32(static_cast<std::uint32_t>(count));
 }
 
-void writeU32Array(Writer& out, std::span<const std::uint32_t> values) {
+namespace {
+
+template <class Word>
+void writeWords(Writer& out, std::span<const Word> values) {
+    static_assert(sizeof(Word) == 4);
     writeArrayHead(out, values.size());
     if (!values.empty()) {
         std::memcpy(out.extend(values.size_bytes()), values.data(), values.size_bytes());
     }
 }
 
+}  // namespace
+
+void writeU32Array(Writer& out, std::span<const std::uint32_t> values) {
+    writeWords(out, values);
+}
+
 void writeErrors(Writer& out, HResult result, std::span<const HResult> errors) {
     if (failed(result)) {
         out.nullPointer();
     } else {
-        writeU32Array(out, errors);
+        writeWords(out, errors);
     }
-    out.u32(result);
+    out.hresult(result);
 }
 
 void writeString(Writer& out, std::string_view utf8) {
@@ -66,10 +77,10 @@ void writeStringOrNull(Writer& out, HResult result, std::string_view utf8) {
     }
 }
 
-std::uint32_t writeNoInterface(Writer& out, HResult result) {
+Fault writeNoInterface(Writer& out, HResult result) {
     out.nullPointer();
-    out.u32(result);
-    return 0;
+    out.hresult(result);
+    return Fault::None;
 }
 
 }  // namespace quelm::opcda::wire

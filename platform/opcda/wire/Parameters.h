@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "base/HResult.h"
+#include "dcom/Fault.h"
 #include "dcom/ndr/Reader.h"
 #include "dcom/ndr/Writer.h"
 #include "opcda/HResults.h"
@@ -71,9 +72,8 @@ void writeString(dcom::ndr::Writer& out, std::string_view utf8);
 // The same; the null pointer when the call failed and there is no text.
 void writeStringOrNull(dcom::ndr::Writer& out, HResult result, std::string_view utf8);
 
-// An [out] interface pointer of a call that failed, and the call's result.
-// Gives 0, the call being answered.
-std::uint32_t writeNoInterface(dcom::ndr::Writer& out, HResult result);
+// An [out] interface pointer of a call that failed, and the call's result. Gives Fault::None, the call being answered.
+dcom::Fault writeNoInterface(dcom::ndr::Writer& out, HResult result);
 
 // Stores a little-endian value at a place in a reply and gives the place behind it.
 template <class T>

@@ -27,10 +27,10 @@ template <class Self>
 class ServerBoundInterface : public dcom::orpc::TableInterface<Self, ServerBound, Server&> {
  public:
     using dcom::orpc::TableInterface<Self, ServerBound, Server&>::TableInterface;
-    std::uint32_t invoke(std::uint16_t opnum, dcom::ndr::Reader& in, dcom::ndr::Writer& out,
-                         dcom::orpc::CallContext& context) final {
+    dcom::Fault invoke(std::uint16_t opnum, dcom::ndr::Reader& in, dcom::ndr::Writer& out,
+                       dcom::orpc::CallContext& context) final {
         Server* const server = this->server();
-        return server != nullptr ? this->dispatch(opnum, *server, in, out, context) : faultDisconnected;
+        return server != nullptr ? this->dispatch(opnum, *server, in, out, context) : dcom::Fault::Disconnected;
     }
 };
 

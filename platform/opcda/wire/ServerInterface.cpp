@@ -8,6 +8,7 @@
 
 namespace quelm::opcda::wire {
 
+using dcom::Fault;
 using dcom::ndr::Reader;
 using dcom::ndr::Writer;
 using dcom::orpc::CallContext;
@@ -21,20 +22,20 @@ void writeFileTime(Writer& out, std::int64_t fileTime) {
 
 }  // namespace
 
-std::uint32_t ServerInterface::getErrorString(Server& server, Reader& in, Writer& out, CallContext& /*context*/) {
-    const HResult code = in.u32();
+Fault ServerInterface::getErrorString(Server& server, Reader& in, Writer& out, CallContext& /*context*/) {
+    const HResult code = in.hresult();
     const std::uint32_t locale = in.u32();
     if (!in.good()) {
-        return faultBadStubData;
+        return Fault::BadStubData;
     }
     std::string_view text;
     const HResult result = server.errorString(code, locale, text);
     writeStringOrNull(out, result, text);
-    out.u32(result);
-    return 0;
+    out.hresult(result);
+    return Fault::None;
 }
 
-std::uint32_t ServerInterface::getStatus(Server& server, Reader& /*in*/, Writer& out, CallContext& /*context*/) {
+Fault ServerInterface::getStatus(Server& server, Reader& /*in*/, Writer& out, CallContext& /*context*/) {
     const ServerStatus status = server.status();
     out.pointer();
     writeFileTime(out, status.startTime);
@@ -48,11 +49,11 @@ std::uint32_t ServerInterface::getStatus(Server& server, Reader& /*in*/, Writer&
     out.u16(status.buildNumber);
     out.u16(0);  // reserved
     writeString(out, status.vendor);
-    out.u32(S_OK);
-    return 0;
+    out.hresult(S_OK);
+    return Fault::None;
 }
 
-std::uint32_t ServerInterface::addGroup(Server& server, Reader& in, Writer& out, CallContext& context) {
+Fault ServerInterface::addGroup(Server& server, Reader& in, Writer& out, CallContext& context) {
     const std::string name = in.wideString();
     GroupRequest request;
     request.name = name;
@@ -68,51 +69,51 @@ std::uint32_t ServerInterface::addGroup(Server& server, Reader& in, Writer& out,
     request.localeId = in.u32();
     const Uuid iid = in.uuid();
     if (!in.good()) {
-        return faultBadStubData;
+        return Fault::BadStubData;
     }
     std::shared_ptr<Group> group;
     const HResult result = OpcGroupObject::hasInterface(iid) ? server.addGroup(request, group) : E_NOINTERFACE;
     const bool added = !failed(result);
     out.u32(added ? group->serverHandle() : 0);
     out.u32(added ? group->state().updateRate : 0);
-    out.u32(object().writeGroup(out, context, group, iid, result));
-    return 0;
+    out.hresult(object().writeGroup(out, context, group, iid, result));
+    return Fault::None;
 }
 
-std::uint32_t ServerInterface::groupByName(Server& server, Reader& in, Writer& out, CallContext& context) {
+Fault ServerInterface::groupByName(Server& server, Reader& in, Writer& out, CallContext& context) {
     const std::string name = in.wideString();
     const Uuid iid = in.uuid();
     if (!in.good()) {
-        return faultBadStubData;
+        return Fault::BadStubData;
     }
     std::shared_ptr<Group> group;
     const HResult result = OpcGroupObject::hasInterface(iid) ? server.groupByName(name, group) : E_NOINTERFACE;
-    out.u32(object().writeGroup(out, context, group, iid, result));
-    return 0;
+    out.hresult(object().writeGroup(out, context, group, iid, result));
+    return Fault::None;
 }
 
-std::uint32_t ServerInterface::removeGroup(Server& /*server*/, Reader& in, Writer& out, CallContext& /*context*/) {
+Fault ServerInterface::removeGroup(Server& /*server*/, Reader& in, Writer& out, CallContext& /*context*/) {
     const std::uint32_t handle = in.u32();
     const bool force = in.u32() != 0;
     if (!in.good()) {
-        return faultBadStubData;
+        return Fault::BadStubData;
     }
-    out.u32(object().removeGroup(handle, force));
-    return 0;
+    out.hresult(object().removeGroup(handle, force));
+    return Fault::None;
 }
 
-std::uint32_t ServerInterface::createGroupEnumerator(Server& server, Reader& in, Writer& out, CallContext& context) {
+Fault ServerInterface::createGroupEnumerator(Server& server, Reader& in, Writer& out, CallContext& context) {
     const std::uint16_t scope = in.u16();
     const Uuid iid = in.uuid();
     if (!in.good()) {
-        return faultBadStubData;
+        return Fault::BadStubData;
     }
     if (iid == iidEnumString) {
         StringEnumerator names;
         const HResult result = server.groupNames(scope, names);
-        out.u32(writeEnumerator<EnumString<std::string>>(out, context, iid, memoryOf(server.budget()), std::move(names),
-                                                         result));
-        return 0;
+        out.hresult(writeEnumerator<EnumString<std::string>>(out, context, iid, memoryOf(server.budget()),
+                                                             std::move(names), result));
+        return Fault::None;
     }
     if (iid != iidEnumUnknown) {
         return writeNoInterface(out, E_NOINTERFACE);
@@ -129,9 +130,9 @@ std::uint32_t ServerInterface::createGroupEnumerator(Server& server, Reader& in,
         objects.push_back(object().groupObject(group));
     }
     Hold others = memory.another();
-    out.u32(writeEnumerator<EnumUnknown>(out, context, iid, std::move(others),
-                                         Enumerator(std::move(objects), std::move(memory)), result));
-    return 0;
+    out.hresult(writeEnumerator<EnumUnknown>(out, context, iid, std::move(others),
+                                             Enumerator(std::move(objects), std::move(memory)), result));
+    return Fault::None;
 }
 
 }  // namespace quelm::opcda::wire

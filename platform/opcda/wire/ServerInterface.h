@@ -28,18 +28,18 @@ class ServerInterface final : public ServerBoundInterface<ServerInterface> {
     using ServerBoundInterface::ServerBoundInterface;
 
  private:
-    std::uint32_t addGroup(Server& server, dcom::ndr::Reader& in, dcom::ndr::Writer& out,
-                           dcom::orpc::CallContext& context);
-    std::uint32_t getErrorString(Server& server, dcom::ndr::Reader& in, dcom::ndr::Writer& out,
-                                 dcom::orpc::CallContext& context);
-    std::uint32_t groupByName(Server& server, dcom::ndr::Reader& in, dcom::ndr::Writer& out,
-                              dcom::orpc::CallContext& context);
-    std::uint32_t getStatus(Server& server, dcom::ndr::Reader& in, dcom::ndr::Writer& out,
+    dcom::Fault addGroup(Server& server, dcom::ndr::Reader& in, dcom::ndr::Writer& out,
+                         dcom::orpc::CallContext& context);
+    dcom::Fault getErrorString(Server& server, dcom::ndr::Reader& in, dcom::ndr::Writer& out,
+                               dcom::orpc::CallContext& context);
+    dcom::Fault groupByName(Server& server, dcom::ndr::Reader& in, dcom::ndr::Writer& out,
                             dcom::orpc::CallContext& context);
-    std::uint32_t removeGroup(Server& server, dcom::ndr::Reader& in, dcom::ndr::Writer& out,
-                              dcom::orpc::CallContext& context);
-    std::uint32_t createGroupEnumerator(Server& server, dcom::ndr::Reader& in, dcom::ndr::Writer& out,
-                                        dcom::orpc::CallContext& context);
+    dcom::Fault getStatus(Server& server, dcom::ndr::Reader& in, dcom::ndr::Writer& out,
+                          dcom::orpc::CallContext& context);
+    dcom::Fault removeGroup(Server& server, dcom::ndr::Reader& in, dcom::ndr::Writer& out,
+                            dcom::orpc::CallContext& context);
+    dcom::Fault createGroupEnumerator(Server& server, dcom::ndr::Reader& in, dcom::ndr::Writer& out,
+                                      dcom::orpc::CallContext& context);
 
  public:
     static constexpr std::array methods{

@@ -7,6 +7,7 @@
 
 namespace quelm::opcda::wire {
 
+using dcom::Fault;
 using dcom::ndr::Reader;
 using dcom::ndr::Writer;
 
@@ -48,11 +49,11 @@ class StateArray {
     std::uint32_t referent_ = 0x40000000;
 };
 
-std::uint32_t refuseRead(Writer& out, HResult result) {
+Fault refuseRead(Writer& out, HResult result) {
     out.nullPointer();
     out.nullPointer();
-    out.u32(result);
-    return 0;
+    out.hresult(result);
+    return Fault::None;
 }
 
 // Bytes of a reply behind its states and values.
@@ -62,8 +63,7 @@ std::size_t behindStates(std::size_t count) {
 
 // readAll(sink) calls sink once for each of the items and gives the result of the whole.
 template <class ReadAll>
-std::uint32_t writeStates(Writer& out, ReplyRoom room, std::size_t count, std::vector<HResult>& errors,
-                          ReadAll&& readAll) {
+Fault writeStates(Writer& out, ReplyRoom room, std::size_t count, std::vector<HResult>& errors, ReadAll&& readAll) {
     const std::size_t behind = behindStates(count);
     if (!room.has(behind + count * StateArray::itemSize)) {
         return refuseRead(out, E_OUTOFMEMORY);
@@ -80,16 +80,15 @@ std::uint32_t writeStates(Writer& out, ReplyRoom room, std::size_t count, std::v
         room.clear();
         return refuseRead(out, E_OUTOFMEMORY);
     }
-    writeU32Array(out, errors);
-    out.u32(result);
-    return 0;
+    writeErrors(out, result, errors);
+    return Fault::None;
 }
 
 }  // namespace
 
 SyncIoInterface::SyncIoInterface(OpcGroupObject& object) : group_(object.group()) {}
 
-std::uint32_t SyncIoInterface::read(Reader& in, Writer& out, dcom::orpc::CallContext& context) {
+Fault SyncIoInterface::read(Reader& in, Writer& out, dcom::orpc::CallContext& context) {
     const CallBuffers::Loan buffers(group_.application().callBuffers());
     std::vector<std::uint32_t>& handles = buffers->handles;
     const std::uint16_t source = in.u16();
@@ -99,7 +98,7 @@ std::uint32_t SyncIoInterface::read(Reader& in, Writer& out, dcom::orpc::CallCon
     }
     readU32Array(in, count, handles);
     if (!in.good()) {
-        return faultBadStubData;
+        return Fault::BadStubData;
     }
     if (group_.isRemoved()) {
         return refuseRead(out, E_FAIL);
@@ -124,32 +123,32 @@ std::uint32_t SyncIoInterface::read(Reader& in, Writer& out, dcom::orpc::CallCon
             });
         }
     });
-    return dcom::rpc::statusDeferred;
+    return Fault::Deferred;
 }
 
-std::uint32_t SyncIoInterface::write(Reader& in, Writer& out, dcom::orpc::CallContext& context) {
+Fault SyncIoInterface::write(Reader& in, Writer& out, dcom::orpc::CallContext& context) {
     const CallBuffers::Loan buffers(group_.application().callBuffers());
     const std::uint32_t count = in.u32();
     if (count > group_.application().itemsPerCall()) {
         writeErrors(out, E_OUTOFMEMORY, {});
-        return 0;
+        return Fault::None;
     }
     readU32Array(in, count, buffers->handles);
     skipVariantArray(in, count);
     if (!in.good()) {
-        return faultBadStubData;
+        return Fault::BadStubData;
     }
     if (group_.isRemoved() || count == 0) {
         writeErrors(out, group_.isRemoved() ? E_FAIL : E_INVALIDARG, {});
-        return 0;
+        return Fault::None;
     }
     group_.write(buffers->handles, [reply = context.defer(out)](HResult result, const std::vector<HResult>& errors) {
         reply->complete([&](Writer& late) {
             writeErrors(late, result, errors);
-            return 0U;
+            return Fault::None;
         });
     });
-    return dcom::rpc::statusDeferred;
+    return Fault::Deferred;
 }
 
 }  // namespace quelm::opcda::wire

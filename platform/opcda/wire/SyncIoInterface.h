@@ -28,8 +28,8 @@ class SyncIoInterface final : public dcom::orpc::Dispatched<SyncIoInterface> {
     explicit SyncIoInterface(OpcGroupObject& object);
 
  private:
-    std::uint32_t read(dcom::ndr::Reader& in, dcom::ndr::Writer& out, dcom::orpc::CallContext& context);
-    std::uint32_t write(dcom::ndr::Reader& in, dcom::ndr::Writer& out, dcom::orpc::CallContext& context);
+    dcom::Fault read(dcom::ndr::Reader& in, dcom::ndr::Writer& out, dcom::orpc::CallContext& context);
+    dcom::Fault write(dcom::ndr::Reader& in, dcom::ndr::Writer& out, dcom::orpc::CallContext& context);
 
     Group& group_;
 

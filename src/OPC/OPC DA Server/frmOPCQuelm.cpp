@@ -8,6 +8,7 @@
 
 #include "OPC/OPC DA Server/CommandLineFunctions.h"
 #include "OPC/OPC DA Server/UtilityFunctions.h"
+#include "base/HResult.h"
 #include "base/RuntimeError.h"
 
 namespace quelm {
@@ -15,7 +16,7 @@ namespace {
 
 constexpr std::int32_t maxListedMessages = 500;
 constexpr std::int32_t shutdownDelayMilliseconds = 5000;
-constexpr std::int32_t comFailure = static_cast<std::int32_t>(0x80004005);  // E_FAIL
+constexpr std::int32_t comFailure = asNumber(E_FAIL);
 
 constexpr std::int32_t secondsOfDay = 86400;
 constexpr std::int32_t refreshPeriodSeconds = 20;

@@ -114,7 +114,7 @@ TEST_F(CrossingTest, QuestionsWaitForThePlantAndNobodyWaitsForThem) {
     std::vector<std::string> answers;
     const SLIKTag* asked[] = {&network.items().at(2), &network.items().at(0)};
     const auto ask = [&] {
-        network.deviceRead(asked, [&](std::int32_t error, std::span<const RequestedItem> readings) {
+        network.deviceRead(asked, [&](HResult error, std::span<const RequestedItem> readings) {
             answers.push_back(fmt::format("{:x}", static_cast<std::uint32_t>(error)));
             for (const RequestedItem& reading : readings) {
                 answers.push_back(reading.isFilled() ? reading.value().text() : "-");
@@ -122,8 +122,7 @@ TEST_F(CrossingTest, QuestionsWaitForThePlantAndNobodyWaitsForThem) {
         });
     };
     ask();
-    network.write(3,
-                  [&](std::int32_t error) { answers.push_back(fmt::format("write {}", error == SLIKServer::failed)); });
+    network.write(3, [&](HResult error) { answers.push_back(fmt::format("write {}", error == E_FAIL)); });
     networkLoop.drain();
     EXPECT_THAT(answers, IsEmpty());
     onPlant([&] { set("A", "set"); });
@@ -204,7 +203,7 @@ class Threads : public ISLIKServerEvents {
             item->SetVQT(tag.Value(), tag.Quality(), tag.Timestamp());
         }
     }
-    void SLIKServer1_OnWrite(std::int32_t, std::int32_t& error) override { error = SLIKServer::failed; }
+    void SLIKServer1_OnWrite(std::int32_t, std::int32_t& error) override { error = asNumber(E_FAIL); }
 
     int goings = 0;  // seen by the plant
     int comings = 0;
@@ -234,12 +233,12 @@ class Threads : public ISLIKServerEvents {
         }
         last = first;
         comings += side.clientCreated() ? 1 : 0;
-        side.deviceRead(all, [this](std::int32_t error, std::span<const RequestedItem> readings) {
+        side.deviceRead(all, [this](HResult error, std::span<const RequestedItem> readings) {
             for (const RequestedItem& reading : readings) {
-                mixed += error == 0 && reading.value().text() == readings[0].value().text() ? 0 : 1;
+                mixed += error == S_OK && reading.value().text() == readings[0].value().text() ? 0 : 1;
             }
-            control.network().write(1, [this](std::int32_t failed) {
-                mixed += failed == SLIKServer::failed ? 0 : 1;
+            control.network().write(1, [this](HResult failed) {
+                mixed += failed == E_FAIL ? 0 : 1;
                 control.network().clientGone();
                 network.post([this] { next(); });
             });

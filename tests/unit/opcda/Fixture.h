@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "Codes.h"
 #include "base/TimeSource.h"
 #include "loop/VirtualLoop.h"
 #include "opcda/Server.h"
@@ -40,7 +41,7 @@ class RecordingEvents : public ISLIKServerEvents {
     }
     void SLIKServer1_OnWrite(std::int32_t lngCount, std::int32_t& lngError) override {
         add("write " + std::to_string(lngCount));
-        lngError = SLIKServer::failed;
+        lngError = asNumber(E_FAIL);
     }
 
     std::vector<std::string> log;

@@ -173,7 +173,7 @@ TEST_F(GroupTest, DeviceReadAsksOnceForAllValidItemsActiveOrNot) {
 
 TEST_F(GroupTest, AFailedDeviceReadFailsEveryValidItem) {
     const Handles handles = addItems(*group, {"Plant.Stack1.NOx", "Status"});
-    events.readError = SLIKServer::failed;
+    events.readError = asNumber(E_FAIL);
     EXPECT_THAT(fromDevice({handles[0], 0, handles[1]}), ElementsAre(Seen{E_FAIL, 100}, dead, Seen{E_FAIL, 101}));
     events.readError = 0;
     events.answered = 1;

@@ -74,7 +74,7 @@ TEST_F(ItemIOTest, OnlyWhatIsTooOldIsAskedFor) {
 }
 
 TEST_F(ItemIOTest, EachItemHasItsOwnError) {
-    events.readError = SLIKServer::failed;
+    events.readError = asNumber(E_FAIL);
     EXPECT_EQ(read({"Status", "Other", "", "Plant.Stack1.NOx"}, {0, 0, 0, 0xFFFFFFFF}), S_FALSE);
     EXPECT_THAT(errors, ElementsAre(E_FAIL, OPC_E_UNKNOWNITEMID, OPC_E_INVALIDITEMID, S_OK));
     EXPECT_THAT(events.log, ElementsAre("read 1 Status"));

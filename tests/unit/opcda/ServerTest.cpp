@@ -28,7 +28,7 @@ TEST_F(ServerTest, AnEventHandlersFailureIsReportedAndHurtsNobody) {
     };
     control.setHooks(hooks);
     events.throws = true;
-    control.network().write(1, [](std::int32_t error) { EXPECT_EQ(error, SLIKServer::failed); });
+    control.network().write(1, [](HResult error) { EXPECT_EQ(error, E_FAIL); });
     { Server other(application); }
     control.setHooks({});
     EXPECT_THAT(reports, ElementsAre("OnWrite: 6, Overflow", "OnClientDisconnect: 6, Overflow"));
@@ -149,7 +149,7 @@ TEST_F(ServerTest, ErrorTextsAreEnglish) {
     EXPECT_EQ(server.errorString(E_FAIL, 0x409, text), S_OK);
     EXPECT_EQ(text, "Unspecified error");
     EXPECT_EQ(server.errorString(E_FAIL, 0x407, text), E_INVALIDARG);
-    EXPECT_EQ(server.errorString(0xC0040002, 0, text), E_INVALIDARG);
+    EXPECT_EQ(server.errorString(HResult{0xC0040002}, 0, text), E_INVALIDARG);
 }
 
 }  // namespace

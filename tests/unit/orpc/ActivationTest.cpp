@@ -61,7 +61,7 @@ class ActivationCalls : public World {
  protected:
     HResult activateYoungerForm(const Bytes& stub, std::uint16_t opnum = 4) {
         send(activation, peer(1), iidRemoteScmActivator, nullptr, opnum, stub);
-        EXPECT_EQ(status, 0U);
+        EXPECT_EQ(status, Fault::None);
         HResult result = S_OK;
         std::memcpy(&result, reply.data() + reply.size() - 4, 4);
         return result;
@@ -97,8 +97,8 @@ TEST_F(ActivationCalls, TheOlderFormAnswersInFullWhateverComesOfIt) {
         factory->breaksDown = entry.breaksDown;
         activateOlderForm(entry.classId, entry.iids);
         const std::vector<std::uint32_t> pointers(entry.iids.size(), 0);
-        const std::vector<std::uint32_t> results(entry.iids.size(), entry.result);
-        EXPECT_HEX(reply, Parameters(head).u32(entry.result).array(pointers).array(results).u32(0));
+        const std::vector<std::uint32_t> results(entry.iids.size(), fmt::underlying(entry.result));
+        EXPECT_HEX(reply, Parameters(head).hresult(entry.result).array(pointers).array(results).u32(0));
     }
     EXPECT_EQ(exporter.objectCount(), 1U);
     EXPECT_THAT(events, ElementsAre("server2"));  // was made, but nobody could use it
@@ -124,7 +124,7 @@ TEST_F(ActivationCalls, CreateInstanceAsTheWireHasIt) {
     // Where to call: OXID, IRemUnknown, level, version, bindings.
     expected.hex("01100800 CCCCCCCC B0000000 00000000 00000000 04000200 A100000000000000 08000200");
     expected.hex("A200000000000000A300000000000000 06000000 05000700").add(conformantBindings("[49200]")).u32(0);
-    EXPECT_HEX(reply, expected.u32(S_OK));
+    EXPECT_HEX(reply, expected.hresult(S_OK));
     EXPECT_TRUE(alive(peer(2), references().at(0).ipid));
 }
 
@@ -162,7 +162,7 @@ TEST_F(ActivationCalls, FailuresOfTheYoungerFormGiveANullPointerAndTheReason) {
     };
     for (const auto& [stub, result] : cases) {
         activateYoungerForm(stub);
-        EXPECT_HEX(reply, Parameters().hex("0000000000000000 00000000").u32(result));
+        EXPECT_HEX(reply, Parameters().hex("0000000000000000 00000000").hresult(result));
     }
     EXPECT_EQ(exporter.objectCount(), 0U);
 }
@@ -185,7 +185,7 @@ TEST_F(ActivationCalls, AClassObjectMakesInstances) {
     callObject(peer(2), classObject, 3, request().uuid(iidServer), iidClassFactory);
     EXPECT_HEX(reply, "0000000000000000 00000000 05400080");
     callObject(peer(2), classObject, 5, request().u32(1), iidClassFactory);
-    EXPECT_EQ(status, faultOpnumRange);
+    EXPECT_EQ(status, Fault::OpnumRange);
 }
 
 // The server lives while anybody's lock does; a lock ends with its client.
@@ -224,19 +224,19 @@ class Damaged : public ActivationCalls {
         for (std::size_t size = 0; size + unneeded < good.size(); ++size) {
             const Bytes cut(good.begin(), good.begin() + static_cast<std::ptrdiff_t>(size));
             send(port, peer(2), iid, ipid, opnum, cut);
-            EXPECT_EQ(status, faultBadStubData) << "cut at " << size;
+            EXPECT_EQ(status, Fault::BadStubData) << "cut at " << size;
         }
         for (std::size_t i = 0; i < good.size(); ++i) {
             for (const std::uint8_t value : {0x00, 0x01, 0x7F, 0x80, 0xFF}) {
                 Bytes wrong = good;
                 wrong[i] = value;
                 send(port, peer(2), iid, ipid, opnum, wrong);
-                EXPECT_NE(status, faultServer) << "byte " << i << " is " << int{value};
+                EXPECT_NE(status, Fault::Server) << "byte " << i << " is " << int{value};
             }
         }
         EXPECT_THAT(log, testing::IsEmpty());
         send(port, peer(2), iid, ipid, opnum, good);
-        EXPECT_EQ(status, 0U);
+        EXPECT_EQ(status, Fault::None);
     }
 };
 

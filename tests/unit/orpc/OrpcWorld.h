@@ -41,22 +41,22 @@ class TestObject final : public ComObject, public Interface {
             onDisconnected();
         }
     }
-    std::uint32_t invoke(std::uint16_t opnum, ndr::Reader& in, ndr::Writer& out, CallContext& context) override {
+    Fault invoke(std::uint16_t opnum, ndr::Reader& in, ndr::Writer& out, CallContext& context) override {
         switch (opnum) {
             case 3:
-                out.u32(context.writeInterface(out, child, iidServer));
-                return 0;
+                out.hresult(context.writeInterface(out, child, iidServer));
+                return Fault::None;
             case 4:
                 throw std::runtime_error("the field bus is on fire");
             case 5:
                 script();
-                out.u32(S_OK);
-                return 0;
+                out.hresult(S_OK);
+                return Fault::None;
             case 6:
                 out.u32(in.u32());
-                return in.good() ? 0 : faultBadStubData;
+                return in.good() ? Fault::None : Fault::BadStubData;
             default:
-                return faultOpnumRange;
+                return Fault::OpnumRange;
         }
     }
 
@@ -156,7 +156,7 @@ class World : public testing::Test {
     std::string account = "PLANT\\reader";
     rpc::AuthLevel level = rpc::AuthLevel::Connect;
     Bytes reply;
-    std::uint32_t status = 0;
+    Fault status = Fault::None;
 
     explicit World(std::size_t objectsPerUser = 16'384)
         : exporter(
@@ -225,7 +225,7 @@ class World : public testing::Test {
 
     bool alive(const rpc::Peer& from, const Uuid& ipid) {
         callObject(from, ipid, 6, request().u32(42));
-        return status == 0;
+        return status == Fault::None;
     }
 
     struct Change {
@@ -252,8 +252,8 @@ class World : public testing::Test {
 
     void release(const rpc::Peer& from, const std::vector<Change>& list) {
         ndr::Reader in = remUnknown(from, 5, changes(list));
-        EXPECT_EQ(status, 0U);
-        EXPECT_EQ(in.u32(), S_OK);
+        EXPECT_EQ(status, Fault::None);
+        EXPECT_EQ(in.hresult(), S_OK);
         EXPECT_EQ(in.remaining(), 0U);
     }
 
@@ -262,7 +262,7 @@ class World : public testing::Test {
         ndr::Reader in = remUnknown(from, 3, query(ipid, references, {iid}));
         in.u32();
         in.u32();
-        EXPECT_EQ(in.u32(), S_OK);
+        EXPECT_EQ(in.hresult(), S_OK);
         in.align(8);
         return readReference(in);
     }
@@ -278,7 +278,7 @@ class World : public testing::Test {
                            const rpc::Peer& from = peer(1)) {
         send(activation, from, iidActivation, nullptr, 0, activationRequest(classId, iids, mode));
         activation.connectionClosed(from, false);
-        EXPECT_EQ(status, 0U);
+        EXPECT_EQ(status, Fault::None);
     }
 
     // Activates a test object over a connection that is closed at once. Gives the IPID.

@@ -18,23 +18,23 @@ TEST_F(RemUnknownCalls, QueryInterfaceGivesOneResultForEachInterface) {
         {ipid, {iidNobody}, {E_NOINTERFACE}, E_NOINTERFACE},
         {ipid, {iidUnknown}, {S_OK}, S_OK},
         {ipid, {iidBrowse, iidNobody, iidUnknown}, {S_OK, E_NOINTERFACE, S_OK}, S_FALSE},
-        {iidNobody, {iidServer}, {faultDisconnected}, E_NOINTERFACE},  // an object that is gone
+        {iidNobody, {iidServer}, {RPC_E_DISCONNECTED}, E_NOINTERFACE},  // an object that is gone
     };
     for (const auto& entry : cases) {
         ndr::Reader in = remUnknown(peer(2), 3, query(entry.object, 1, entry.iids));
-        EXPECT_EQ(status, 0U);
+        EXPECT_EQ(status, Fault::None);
         EXPECT_NE(in.u32(), 0U);
         ASSERT_EQ(in.u32(), entry.results.size());
         for (const HResult result : entry.results) {
             in.align(8);
-            EXPECT_EQ(in.u32(), result);
+            EXPECT_EQ(in.hresult(), result);
             in.align(8);
             const WireReference reference = readReference(in);
             EXPECT_EQ(reference.oid, result == S_OK ? lastOid : 0U);
             EXPECT_EQ(reference.count, result == S_OK ? 1U : 0U);
             EXPECT_EQ(reference.ipid.isNull(), result != S_OK);
         }
-        EXPECT_EQ(in.u32(), entry.overall);
+        EXPECT_EQ(in.hresult(), entry.overall);
         EXPECT_EQ(in.remaining(), 0U);
     }
 }
@@ -45,7 +45,7 @@ TEST_F(RemUnknownCalls, TheYoungerQueryAnswersWithInterfacePointers) {
     Parameters expected;
     expected.hex("0000000000000000 02000000 02400080 00000000 02000000 00000000 04000200 90000000 90000000");
     expected.hex("4D454F57 01000000").uuid(iidServer).hex("00000000 05000000 A100000000000000 A400000000000000");
-    EXPECT_HEX(reply, expected.uuid(ipid).add(bindings()).align(4).u32(S_FALSE));
+    EXPECT_HEX(reply, expected.uuid(ipid).add(bindings()).align(4).hresult(S_FALSE));
 }
 
 TEST_F(RemUnknownCalls, AddRefAnswersForEachReference) {
@@ -114,12 +114,12 @@ TEST_F(RemUnknownCalls, AnotherAccountIsRefusedWhateverItAsksOfAnObject) {
         const rpc::Peer from = peer(connection, "192.0.2." + std::to_string(connection));
         account = "PLANT\\display";
         EXPECT_FALSE(alive(from, ipid));
-        EXPECT_EQ(status, E_ACCESSDENIED);
+        EXPECT_EQ(status, faultOf(E_ACCESSDENIED));
         remUnknown(from, 3, query(ipid, 5, {iidBrowse}));
         EXPECT_HEX(reply, Parameters()
                               .hex("0000000000000000 04000200 01000000 05000780 00000000")
                               .add(Bytes(40))
-                              .u32(E_ACCESSDENIED));
+                              .hresult(E_ACCESSDENIED));
         remUnknown(from, 4, changes({{ipid, 1}}));
         EXPECT_HEX(reply, "0000000000000000 01000000 05000780 05000780");
         remUnknown(from, 5, changes({{iidNobody, 5}, {ipid, 99}}));
@@ -153,7 +153,7 @@ TEST_F(RemUnknownCalls, CountsThatDoNotFitTheParametersAreRefused) {
     };
     for (const auto& [opnum, begin, stated, conformance] : cases) {
         remUnknown(peer(2), opnum, Parameters(begin).u16(stated).u32(conformance).uuid(ipid).u64(5));
-        EXPECT_EQ(status, faultBadStubData) << opnum << ' ' << stated << ' ' << conformance;
+        EXPECT_EQ(status, Fault::BadStubData) << opnum << ' ' << stated << ' ' << conformance;
     }
     EXPECT_TRUE(alive(peer(2), ipid));
 }

@@ -20,7 +20,7 @@ class RemoteCalls : public World {
     auto answered(Parse parse, rpc::CallHandler& port, const Uuid& iid, const Uuid* ipid, std::uint16_t opnum,
                   const Bytes& request) {
         send(port, peer(1), iid, ipid, opnum, request);
-        EXPECT_EQ(status, 0U);
+        EXPECT_EQ(status, Fault::None);
         for (std::size_t size = 0; size < reply.size(); ++size) {
             EXPECT_FALSE(parse(std::span(reply).first(size))) << size;
         }
@@ -31,8 +31,9 @@ class RemoteCalls : public World {
 TEST_F(RemoteCalls, FindAnObjectAskForAnInterfaceAndLetGo) {
     const Uuid ipid = activate();
     const std::uint64_t oxid = exporter.oxid();
-    const auto resolved = answered(parseResolveOxid2, activation, iidObjectExporter, nullptr, opnumResolveOxid2,
-                                   stub([oxid](ndr::Writer& out) { writeResolveOxid2(out, oxid); }));
+    const auto resolved =
+        answered(parseResolveOxid2, activation, iidObjectExporter, nullptr, opnumOf(ObjectExporterCall::ResolveOxid2),
+                 stub([oxid](ndr::Writer& out) { writeResolveOxid2(out, oxid); }));
     EXPECT_EQ(resolved.status, 0U);
     EXPECT_EQ(resolved.levelHint, 2U);
     const std::vector<StringBinding> expected{{"192.0.2.1", 49200}, {"quelm-srv", 49200}};
@@ -40,7 +41,7 @@ TEST_F(RemoteCalls, FindAnObjectAskForAnInterfaceAndLetGo) {
 
     const auto ask = [&](const Uuid& iid) {
         return answered(parseRemQueryInterface, objects, iidRemUnknown, &resolved.remUnknownIpid,
-                        opnumRemQueryInterface,
+                        opnumOf(RemUnknownCall::QueryInterface),
                         stub([&](ndr::Writer& out) { writeRemQueryInterface(out, ipid, iid, 5); }));
     };
     EXPECT_EQ(ask(iidNobody).result, E_NOINTERFACE);
@@ -51,7 +52,7 @@ TEST_F(RemoteCalls, FindAnObjectAskForAnInterfaceAndLetGo) {
     EXPECT_EQ(queried.reference.oid, lastOid);
 
     const std::vector<HeldReferences> held{HeldReferences{queried.reference.ipid, 5}, HeldReferences{ipid, 5}};
-    send(objects, peer(1), iidRemUnknown, &resolved.remUnknownIpid, opnumRemRelease,
+    send(objects, peer(1), iidRemUnknown, &resolved.remUnknownIpid, opnumOf(RemUnknownCall::Release),
          stub([&held](ndr::Writer& out) { writeRemRelease(out, held); }));
     EXPECT_EQ(exporter.objectCount(), 0U);
 }
@@ -59,11 +60,13 @@ TEST_F(RemoteCalls, FindAnObjectAskForAnInterfaceAndLetGo) {
 TEST_F(RemoteCalls, PingASet) {
     activate();
     const std::array oids{lastOid};
-    const auto made = answered(parseComplexPing, activation, iidObjectExporter, nullptr, opnumComplexPing,
-                               stub([&oids](ndr::Writer& out) { writeComplexPing(out, 0, 1, oids, {}); }));
+    const auto made =
+        answered(parseComplexPing, activation, iidObjectExporter, nullptr, opnumOf(ObjectExporterCall::ComplexPing),
+                 stub([&oids](ndr::Writer& out) { writeComplexPing(out, 0, 1, oids, {}); }));
     EXPECT_EQ(made.status, 0U);
-    const std::uint32_t pinged = answered(parseSimplePing, activation, iidObjectExporter, nullptr, opnumSimplePing,
-                                          stub([&made](ndr::Writer& out) { writeSimplePing(out, made.setId); }));
+    const std::uint32_t pinged =
+        answered(parseSimplePing, activation, iidObjectExporter, nullptr, opnumOf(ObjectExporterCall::SimplePing),
+                 stub([&made](ndr::Writer& out) { writeSimplePing(out, made.setId); }));
     EXPECT_EQ(pinged, 0U);
 }
 

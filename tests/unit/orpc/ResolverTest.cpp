@@ -38,7 +38,7 @@ TEST_F(ResolverCalls, ServerAlive) {
     send(activation, peer(1), iidObjectExporter, nullptr, 5, {});
     EXPECT_HEX(reply, Parameters().hex("05000700 04000200").add(conformantBindings("")).u32(0).u32(0));
     send(activation, peer(1), iidObjectExporter, nullptr, 6, {});
-    EXPECT_EQ(status, faultOpnumRange);
+    EXPECT_EQ(status, Fault::OpnumRange);
 }
 
 TEST_F(ResolverCalls, UnknownSetsAndForeignSetsAreToldByStatus) {

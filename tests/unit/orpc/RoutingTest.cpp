@@ -33,7 +33,7 @@ TEST_F(Routing, AMethodIsCalledByIpidWhateverInterfaceTheBindingNames) {
     for (const Uuid& iid : {iidServer, iidBrowse}) {
         // Some clients leave a verification trailer behind the parameters: whose answer this must be.
         callObject(peer(2), ipid, 6, request().u32(77).hex("8AE3137102F43671 01400400 01000000"), iid);
-        EXPECT_EQ(status, 0U);
+        EXPECT_EQ(status, Fault::None);
         EXPECT_HEX(reply, "0000000000000000 4D000000");
     }
 }
@@ -45,29 +45,29 @@ TEST_F(Routing, WhatCannotBeCalledGivesAFaultOfItsKind) {
         Uuid ipid;
         Uuid iid;
         std::uint16_t opnum;
-        std::uint32_t fault;
+        Fault fault;
     } cases[] = {
-        {ipid, iidServer, 0, faultOpnumRange},
-        {ipid, iidServer, 2, faultOpnumRange},
-        {ipid, iidServer, 99, faultOpnumRange},
-        {ipid, iidRemUnknown, 5, faultUnknownInterface},
-        {unknownIpid, iidUnknown, 3, faultOpnumRange},
-        {iidNobody, iidServer, 6, faultDisconnected},
-        {exporter.remUnknownIpid(), iidRemUnknown, 2, faultOpnumRange},
-        {exporter.remUnknownIpid(), iidRemUnknown2, 7, faultOpnumRange},
+        {ipid, iidServer, 0, Fault::OpnumRange},
+        {ipid, iidServer, 2, Fault::OpnumRange},
+        {ipid, iidServer, 99, Fault::OpnumRange},
+        {ipid, iidRemUnknown, 5, Fault::UnknownInterface},
+        {unknownIpid, iidUnknown, 3, Fault::OpnumRange},
+        {iidNobody, iidServer, 6, Fault::Disconnected},
+        {exporter.remUnknownIpid(), iidRemUnknown, 2, Fault::OpnumRange},
+        {exporter.remUnknownIpid(), iidRemUnknown2, 7, Fault::OpnumRange},
     };
     for (const auto& entry : cases) {
         callObject(peer(2), entry.ipid, entry.opnum, request(), entry.iid);
         EXPECT_EQ(status, entry.fault) << entry.ipid.toText() << ' ' << entry.opnum;
     }
     send(objects, peer(2), iidRemUnknown, nullptr, 3, request());
-    EXPECT_EQ(status, faultDisconnected);
+    EXPECT_EQ(status, Fault::Disconnected);
 }
 
 TEST_F(Routing, AnExceptionBecomesAFaultWithALineAndTheNextCallWorks) {
     const Uuid ipid = activate();
     callObject(peer(2), ipid, 4, request());
-    EXPECT_EQ(status, faultServer);
+    EXPECT_EQ(status, Fault::Server);
     EXPECT_THAT(log, testing::ElementsAre("Method 4 of interface 39c13a4d-011e-11d0-9675-0020afd8adb3 failed, called "
                                           "by 192.0.2.7:50002 (PLANT\\reader): the field bus is on fire"));
     EXPECT_TRUE(alive(peer(2), ipid));
@@ -79,24 +79,24 @@ TEST_F(Routing, VersionsAndExtensionsOfTheCallHeader) {
     const std::string none = rest + "00000000";
     const std::string one = rest + "00000200 01000000 00000000 04000200";  // extension, reserved, pointer to the slots
     const std::string head = "08000200 08000000 000102030405060708090A0B0C0D0E0F ";
-    const std::pair<std::string, std::uint32_t> cases[] = {
-        {"0500 0100" + none, 0},
-        {"0500 0700" + none, 0},
+    const std::pair<std::string, Fault> cases[] = {
+        {"0500 0100" + none, Fault::None},
+        {"0500 0700" + none, Fault::None},
         {"0500 0700" + one +
              "02000000 08000200 00000000 08000000 000102030405060708090A0B0C0D0E0F 05000000 6162636465000000",
-         0},
-        {"0500 0700" + rest + "00000200 00000000 00000000 00000000", 0},
-        {"0500 0000" + none, faultVersionMismatch},
-        {"0500 0800" + none, faultVersionMismatch},
-        {"0600 0100" + none, faultVersionMismatch},
+         Fault::None},
+        {"0500 0700" + rest + "00000200 00000000 00000000 00000000", Fault::None},
+        {"0500 0000" + none, Fault::VersionMismatch},
+        {"0500 0800" + none, Fault::VersionMismatch},
+        {"0600 0100" + none, Fault::VersionMismatch},
         // More slots than there are bytes, and an extension longer than its own array.
-        {"0500 0700" + one + "FFFFFFFF", faultBadStubData},
-        {"0500 0700" + one + "01000000" + head + "09000000 6162636465000000", faultBadStubData},
+        {"0500 0700" + one + "FFFFFFFF", Fault::BadStubData},
+        {"0500 0700" + one + "01000000" + head + "09000000 6162636465000000", Fault::BadStubData},
     };
     for (const auto& [header, fault] : cases) {
         ndr::Reader in = callObject(peer(2), ipid, 6, Parameters().hex(header).u32(42));
         EXPECT_EQ(status, fault) << header;
-        EXPECT_EQ(in.u32(), fault == 0 ? 42U : 0U) << header;
+        EXPECT_EQ(in.u32(), fault == Fault::None ? 42U : 0U) << header;
     }
 }
 
@@ -155,7 +155,7 @@ TEST_F(Routing, AnObjectMayLoseItsLastClientWhileItRuns) {
     factory->latest->script = [this] { exporter.revokeAll(); };
     factory->latest = nullptr;
     callObject(peer(2), ipid, 5, request());
-    EXPECT_EQ(status, 0U);
+    EXPECT_EQ(status, Fault::None);
     EXPECT_TRUE(object.expired());
     EXPECT_THAT(events, testing::ElementsAre("server1"));
     EXPECT_EQ(exporter.objectCount(), 0U);

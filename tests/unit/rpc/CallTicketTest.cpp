@@ -18,11 +18,11 @@ class LateAnswer : public RpcFixture, public testing::WithParamInterface<unsigne
         return result;
     }
     // Answers the oldest call that waits.
-    std::vector<Reply> answer(std::uint32_t status, const Data& stub) {
+    std::vector<Reply> answer(Fault fault, const Data& stub) {
         CallTicket ticket = std::move(handler.tickets.front());
         handler.tickets.erase(handler.tickets.begin());
-        ticket.complete(status, stub);
-        ticket.complete(0, fromHex("EE"));  // goes nowhere
+        ticket.complete(fault, stub);
+        ticket.complete(Fault::None, fromHex("EE"));  // goes nowhere
         return replies();
     }
 };
@@ -46,7 +46,7 @@ TEST_P(LateAnswer, IsProtectedAndCutUpLikeAnyOther) {
         stub[i] = RecordingHandler::pattern(i);
     }
     Data opened;
-    for (const Reply& reply : answer(0, stub)) {
+    for (const Reply& reply : answer(Fault::None, stub)) {
         EXPECT_EQ(reply.header.callId, 5U);
         const auto part = openReply(reply, level, client);
         ASSERT_TRUE(part);
@@ -75,8 +75,8 @@ TEST_F(TicketTest, ThrownAwayFaultsTheCall) {
     EXPECT_HEX(thrownAway[0].raw, "05000303 10000000 20000000 09000000 08000000 00000000 BE060000 00000000");
 
     exchange(request({.opnum = 7}));
-    EXPECT_EQ(answer(faultOpnumRange, fromHex("01"))[0].faultStatus(), faultOpnumRange);
-    EXPECT_EQ(expectOne(request({.opnum = 8}), PduType::Fault).faultStatus(), faultCallFailed);
+    EXPECT_EQ(answer(Fault::OpnumRange, fromHex("01"))[0].faultStatus(), Fault::OpnumRange);
+    EXPECT_EQ(expectOne(request({.opnum = 8}), PduType::Fault).faultStatus(), Fault::CallFailed);
     expectOne(request({.opnum = 3}), PduType::Response);
 }
 
@@ -88,7 +88,7 @@ TEST_F(TicketTest, OutlivesItsConnectionHarmlessly) {
     EXPECT_TRUE(handler.tickets[0].wanted());
     connection.reset();
     EXPECT_FALSE(handler.tickets[0].wanted());
-    handler.tickets[0].complete(0, fromHex("01"));
+    handler.tickets[0].complete(Fault::None, fromHex("01"));
 }
 
 // However much the client sends on, no more of it is held than the input buffer takes, and nothing gets lost.
@@ -105,7 +105,7 @@ TEST_F(TicketTest, WhatWaitsBehindItIsBounded) {
     EXPECT_LT(taken, all.size() / 2);
     EXPECT_EQ(connection->bytesHeld(), held);
     EXPECT_EQ(connection->feed(std::span(all).subspan(taken)), 0U);
-    answer(0, {});
+    answer(Fault::None, {});
     connection->process();
     while (taken < all.size()) {
         const std::size_t more = connection->feed(std::span(all).subspan(taken));

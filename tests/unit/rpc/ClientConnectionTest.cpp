@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include "RpcFixture.h"
-#include "base/HResult.h"
 #include "dcom/ntlm/Crypto.h"
 #include "dcom/rpc/ClientConnection.h"
 
@@ -36,7 +35,8 @@ class Calling : public RpcFixture {
         client.call(
             target, [&stub](ndr::Writer& out) { out.bytes(stub); },
             [&result](const CallResult& answer) {
-                result = answer.fault != 0 ? fmt::format("fault {:08X}", answer.fault) : toHex(answer.stub);
+                result =
+                    answer.fault != Fault::None ? "fault " + testing::PrintToString(answer.fault) : toHex(answer.stub);
             });
         talk(client, piece);
         return result;
@@ -87,8 +87,8 @@ TEST_F(Calling, BindsLogsOnAndCallsAtEveryLevelHoweverTheAnswersAreCut) {
             EXPECT_EQ(callHex(client, {interfaceB, 3, {}}, fromHex("0607"), piece), "0607");
             const Data large(20'000, 0x5A);
             EXPECT_EQ(callHex(client, {interfaceB, 3, object}, large, piece), toHex(large));
-            EXPECT_EQ(callHex(client, {interfaceB, 5, {}}, {}, piece), fmt::format("fault {:08X}", faultOpnumRange));
-            EXPECT_EQ(callHex(client, {Uuid{}, 3, {}}, {}, piece), fmt::format("fault {:08X}", faultUnknownInterface));
+            EXPECT_EQ(callHex(client, {interfaceB, 5, {}}, {}, piece), "fault 1C010002");
+            EXPECT_EQ(callHex(client, {Uuid{}, 3, {}}, {}, piece), "fault 1C010003");
             EXPECT_EQ(callHex(client, {interfaceA, 3, {}}, fromHex("08"), piece), "08");
             ASSERT_EQ(handler.calls.size(), 5U);
             EXPECT_EQ(handler.calls[0], fmt::format("A 3 {} '{}' 0102030405 11223344", levelName(level), name));
@@ -148,7 +148,7 @@ TEST_F(Calling, NoChangedByteOfAnAnswerDoesHarm) {
             if (client.idle()) {
                 client.call(
                     {interfaceA, 3, {}}, [](ndr::Writer& out) { out.u32(7); },
-                    [&answered](const CallResult& result) { answered = result.fault == 0; });
+                    [&answered](const CallResult& result) { answered = result.fault == Fault::None; });
                 client.received(std::span(bad).last(bad.size() / 4));
             }
             // Another session's bytes, changed or not, are never an answer.

@@ -8,6 +8,7 @@
 #include <optional>
 
 #include "Bytes.h"
+#include "Codes.h"
 #include "dcom/rpc/Pdu.h"
 #include "ntlm/NtlmClient.h"
 
@@ -75,7 +76,7 @@ struct Reply {
         return value;
     }
     std::uint16_t u16(std::size_t at) const { return static_cast<std::uint16_t>(u32(at) & 0xFFFF); }
-    std::uint32_t faultStatus() const { return type() == PduType::Fault ? u32(24) : 0; }
+    Fault faultStatus() const { return type() == PduType::Fault ? Fault{u32(24)} : Fault::None; }
     Data token() const { return {raw.end() - header.authLength, raw.end()}; }
 };
 

@@ -8,7 +8,6 @@
 #include <set>
 
 #include "RpcClient.h"
-#include "base/HResult.h"
 #include "dcom/ndr/Reader.h"
 #include "dcom/ntlm/AccountTable.h"
 #include "dcom/rpc/ServerConnection.h"
@@ -23,7 +22,7 @@ class RecordingHandler : public CallHandler {
         return interfaceId == interfaceA || interfaceId == interfaceB || interfaceId == interfaceOpen;
     }
     bool isOpenToAll(const Uuid& interfaceId) override { return interfaceId == interfaceOpen; }
-    std::uint32_t call(const Call& call, ndr::Writer& reply) override {
+    Fault call(const Call& call, ndr::Writer& reply) override {
         calls.push_back(fmt::format("{} {} {} '{}' {}{}",
                                     call.interfaceId == interfaceA   ? "A"
                                     : call.interfaceId == interfaceB ? "B"
@@ -38,16 +37,16 @@ class RecordingHandler : public CallHandler {
             for (std::uint32_t i = 0; i < size; ++i) {
                 at[i] = pattern(i);
             }
-            return 0;
+            return Fault::None;
         }
         reply.bytes(call.stub);
         if (call.opnum == 7) {
             tickets.push_back(call.defer());
         }
         if (call.opnum == 7 || call.opnum == 8) {
-            return statusDeferred;
+            return Fault::Deferred;
         }
-        return call.opnum == 5 ? faultOpnumRange : 0;
+        return call.opnum == 5 ? Fault::OpnumRange : Fault::None;
     }
     bool holdsAnything(const Peer& peer) const override { return holders.contains(peer.id); }
     void connectionClosed(const Peer& peer, bool abrupt) override {

@@ -169,8 +169,8 @@ INSTANTIATE_TEST_SUITE_P(Levels, EachProtection, testing::Values(2U, 5U, 6U));
 
 TEST_F(RpcFixture, FaultsLeaveTheConnectionUsable) {
     bindWithoutLogOn();
-    EXPECT_EQ(expectOne(request({.opnum = 5, .stub = fromHex("01")}), PduType::Fault).faultStatus(), faultOpnumRange);
-    EXPECT_EQ(expectOne(request({.contextId = 7, .opnum = 3}), PduType::Fault).faultStatus(), faultUnknownInterface);
+    EXPECT_EQ(expectOne(request({.opnum = 5, .stub = fromHex("01")}), PduType::Fault).faultStatus(), Fault::OpnumRange);
+    EXPECT_EQ(expectOne(request({.contextId = 7, .opnum = 3}), PduType::Fault).faultStatus(), Fault::UnknownInterface);
     EXPECT_THAT(exchange(pdu(PduType::CoCancel, 3, 0, {})), IsEmpty());
     EXPECT_THAT(exchange(pdu(PduType::Shutdown, 3, 0, {})), IsEmpty());
     // A call that its client gives up half-way leaves no trace.
@@ -218,7 +218,7 @@ TEST_F(RpcFixture, WhatAConnectionHoldsCountsForTheClientBehindIt) {
     send({.callId = 3, .opnum = 3, .stub = fromHex("21")});
     const auto replies = splitReplies(connection->output());
     ASSERT_EQ(replies.size(), 2U);
-    EXPECT_EQ(replies[0].faultStatus(), E_OUTOFMEMORY);
+    EXPECT_EQ(replies[0].faultStatus(), Fault::OutOfMemory);
     EXPECT_EQ(replies[1].type(), PduType::Response);
     rest = {};
     connection.reset();
@@ -249,7 +249,7 @@ TEST_F(RpcFixture, RefusedLogOnsFaultEachCallAndAreSaidOnce) {
         logOn(entry.client, entry.level, 1);
         for (int i = 0; i < 2; ++i) {
             const Data call = request({.callId = 2, .opnum = 3, .stub = fromHex("01")}, entry.level, 1);
-            EXPECT_EQ(expectOne(call, PduType::Fault).faultStatus(), faultAccessDenied);
+            EXPECT_EQ(expectOne(call, PduType::Fault).faultStatus(), Fault::AccessDenied);
         }
         EXPECT_THAT(handler.calls, IsEmpty());
         EXPECT_THAT(refusals, ElementsAre(HasSubstr(entry.line)));
@@ -259,7 +259,7 @@ TEST_F(RpcFixture, RefusedLogOnsFaultEachCallAndAreSaidOnce) {
 TEST_F(RpcFixture, WithoutLogOnOnlyTheAllowedCallsAreMade) {
     exchange(pdu(PduType::Bind, 3, 0, bindBody({{0}, {1, interfaceOpen}})));
     expectOne(request({.contextId = 1, .opnum = 6, .stub = fromHex("01")}), PduType::Response);
-    EXPECT_EQ(expectOne(request({.opnum = 3}), PduType::Fault).faultStatus(), faultAccessDenied);
+    EXPECT_EQ(expectOne(request({.opnum = 3}), PduType::Fault).faultStatus(), Fault::AccessDenied);
     // All fragments of a refused call get one fault between them.
     EXPECT_EQ(exchange(request({.opnum = 3, .flags = flagFirst})).size(), 1U);
     EXPECT_THAT(exchange(request({.opnum = 3, .flags = flagLast})), IsEmpty());
@@ -280,7 +280,7 @@ TEST_F(RpcFixture, AMachineThatAsksWithItsOwnAccountIsNoRefusedClient) {
         NtlmLogOn client(Kind::V2, user);
         logOn(client, 5, 1, {{0, interfaceId}});
         const Data call = request({.callId = 2, .opnum = 3, .stub = fromHex("01")}, 5, 1);
-        EXPECT_EQ(expectOne(call, PduType::Fault).faultStatus(), faultAccessDenied);
+        EXPECT_EQ(expectOne(call, PduType::Fault).faultStatus(), Fault::AccessDenied);
         EXPECT_EQ(refusals.size(), lines) << user;
     }
     reconnect();
@@ -308,7 +308,7 @@ TEST_F(RpcFixture, ChangedOrRepeatedMessagesEndTheConnection) {
             } else {
                 call[entry.flip] ^= 1;
             }
-            EXPECT_EQ(expectOne(call, PduType::Fault).faultStatus(), faultAccessDenied) << entry.name;
+            EXPECT_EQ(expectOne(call, PduType::Fault).faultStatus(), Fault::AccessDenied) << entry.name;
             EXPECT_TRUE(connection->closing()) << entry.name;
             EXPECT_THAT(handler.calls, IsEmpty()) << entry.name;
             EXPECT_EQ(refusals.size(), 1U) << entry.name;
@@ -338,7 +338,7 @@ TEST_F(RpcFixture, ALaterFragmentWithLessProtectionThanTheFirstEndsTheConnection
             exchange(pdu(PduType::AlterContext, 3, 3, bindBody({{0}}), {6, 0, client.negotiate()}));
             last = request({.opnum = 3, .stub = fromHex("05"), .flags = flagLast}, 6, 0);
         }
-        EXPECT_EQ(expectOne(last, PduType::Fault).faultStatus(), faultProtocol);
+        EXPECT_EQ(expectOne(last, PduType::Fault).faultStatus(), Fault::Protocol);
         EXPECT_TRUE(connection->closing());
         EXPECT_THAT(handler.calls, IsEmpty());
     }
@@ -404,7 +404,7 @@ TEST_F(RpcFixture, MessagesThatMakeNoSenseCostThatConnectionOnly) {
         }
         std::string got;
         for (const Reply& reply : replies) {
-            got += fmt::format("{} {:X}", static_cast<int>(reply.type()), reply.faultStatus());
+            got += fmt::format("{} {:X}", static_cast<int>(reply.type()), fmt::underlying(reply.faultStatus()));
         }
         EXPECT_EQ(got, entry.reply);
         EXPECT_TRUE(connection->closing());

@@ -154,7 +154,7 @@ TEST_F(Negotiated, LogOnsWithoutKeys) {
 
 TEST_F(Negotiated, RefusalsEndTheConnection) {
     const auto expectRefused = [this](const Reply& reply, const char* words) {
-        EXPECT_TRUE(reply.type() == PduType::BindNak || reply.faultStatus() == faultAccessDenied);
+        EXPECT_TRUE(reply.type() == PduType::BindNak || reply.faultStatus() == Fault::AccessDenied);
         EXPECT_TRUE(connection->closing());
         EXPECT_THAT(refusals, ElementsAre(HasSubstr(words)));
         reconnect();

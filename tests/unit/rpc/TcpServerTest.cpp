@@ -285,7 +285,7 @@ TEST_F(TcpServerTest, TheFaultThatEndsAConnectionIsSeen) {
     EXPECT_FALSE(client.broken());
     const auto replies = splitReplies(received);
     ASSERT_EQ(replies.size(), 2U);
-    EXPECT_EQ(replies[1].faultStatus(), faultProtocol);
+    EXPECT_EQ(replies[1].faultStatus(), Fault::Protocol);
     client.close();
     runUntilConnections(0);
 }
@@ -304,7 +304,7 @@ TEST_F(TcpServerTest, ALateAnswerHoldsUpItsOwnConnectionOnly) {
     EXPECT_EQ(handler.calls.size(), 4U);
 
     const Data stub(200'000, 0x5A);
-    handler.tickets[0].complete(0, stub);
+    handler.tickets[0].complete(Fault::None, stub);
     Data received;
     const auto isWhole = [&] {
         const auto replies = splitReplies(received);

@@ -273,14 +273,14 @@ TEST_F(RunningServer, CopiesTheCacheOnADeviceRead) {
         std::int32_t error = 77;
         host.form->SLIKServer1_OnRead(c.count, {&items[0], &items[1]}, error);
         EXPECT_EQ(host.journal.lines, Lines{fmt::format("log 1 [OPC-0122] OnRead   count={}", c.count)} + c.failure);
-        EXPECT_EQ(error, c.failure.empty() ? 0 : SLIKServer::failed);
+        EXPECT_EQ(error, c.failure.empty() ? 0 : asNumber(E_FAIL));
         EXPECT_EQ(items[0].value, Variant(1.5F));
         EXPECT_EQ(items[1].value, c.value);
     }
 }
 
 TEST_F(RunningServer, RefusesEveryWrite) {
-    host.slik.network().write(4, [](std::int32_t error) { EXPECT_EQ(error, SLIKServer::failed); });
+    host.slik.network().write(4, [](HResult error) { EXPECT_EQ(error, E_FAIL); });
     EXPECT_THAT(host.journal.lines,
                 ElementsAre("log 1 [OPC-0124] OnWrite   count=4",
                             "log 4 [OPC-0125] This application does not support OPC writes; write attempt will be "

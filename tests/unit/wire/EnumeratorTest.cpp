@@ -30,8 +30,8 @@ TEST_F(OpcWire, TextsAreWalkedAsAskedWhateverTheCount) {
     expect(texts, Skip, 0xFFFFFFFF, "01000000");
     expect(texts, Next, 1, "01000000 00000000 00000000 00000000 01000000");
     expect(*context_.written.back(), Next, 1, std::string("01000000") + three + "00000000");
-    EXPECT_EQ(call(texts, {iidEnumString, 7}, {}).fault, faultOpnumRange);
-    EXPECT_EQ(call(texts, {iidEnumString, Next}, {}).fault, faultBadStubData);
+    EXPECT_EQ(call(texts, {iidEnumString, 7}, {}).fault, Fault::OpnumRange);
+    EXPECT_EQ(call(texts, {iidEnumString, Next}, {}).fault, Fault::BadStubData);
 }
 
 TEST_F(OpcWire, GroupsAreGivenAsObjectsBehindTheirReferents) {

@@ -12,6 +12,8 @@
 
 namespace quelm::opcda::wire::test {
 
+using dcom::Fault;
+
 class FakeContext : public dcom::orpc::CallContext {
  public:
     std::vector<std::shared_ptr<dcom::orpc::ComObject>> written;
@@ -35,9 +37,9 @@ class FakeContext : public dcom::orpc::CallContext {
         return std::make_shared<dcom::orpc::DeferredReply>(dcom::rpc::CallTicket(late_),
                                                            std::vector<std::uint8_t>(head.begin(), head.end()));
     }
-    // The status of a call that invoke gave one for, and its reply, when it comes late; by then it must be there.
-    std::uint32_t statusOf(std::uint32_t status, std::vector<std::uint8_t>& stub) {
-        if (status != dcom::rpc::statusDeferred) {
+    // How a call ended that invoke gave an end for, and its reply, when it comes late; by then it must be there.
+    Fault statusOf(Fault status, std::vector<std::uint8_t>& stub) {
+        if (status != Fault::Deferred) {
             return status;
         }
         stub.insert(stub.end(), late_->stub.begin(), late_->stub.end());
@@ -49,11 +51,11 @@ class FakeContext : public dcom::orpc::CallContext {
 
  private:
     struct Answer final : dcom::rpc::IDeferredAnswer {
-        void complete(std::uint32_t late, std::span<const std::uint8_t> results) override {
+        void complete(Fault late, std::span<const std::uint8_t> results) override {
             status = late;
             stub.assign(results.begin(), results.end());
         }
-        std::uint32_t status = dcom::rpc::statusDeferred;
+        Fault status = Fault::Deferred;
         std::vector<std::uint8_t> stub;
     };
 

@@ -79,13 +79,13 @@ TEST_F(HostileStub, CutStubsAreRefusedAndWholeOnesAnswered) {
         for (std::size_t size = 0; size < stub.size(); ++size) {
             // A copy of just that size, so that a sanitizer sees every step beyond it.
             const Bytes cut(stub.begin(), stub.begin() + static_cast<std::ptrdiff_t>(size));
-            EXPECT_EQ(send(each, cut).fault, faultBadStubData) << size << " bytes";
+            EXPECT_EQ(send(each, cut).fault, Fault::BadStubData) << size << " bytes";
         }
         const Reply whole = send(each, stub);
-        EXPECT_EQ(whole.fault, 0U);
+        EXPECT_EQ(whole.fault, Fault::None);
         EXPECT_GE(whole.bytes.size(), 4U);
         for (const std::uint16_t opnum : {0, 2, 10, 0xFFFF}) {
-            EXPECT_EQ(send({each.iid, opnum}, {}).fault, faultOpnumRange);
+            EXPECT_EQ(send({each.iid, opnum}, {}).fault, Fault::OpnumRange);
         }
     }
 }
@@ -102,11 +102,11 @@ TEST_F(HostileStub, EveryMethodThatTakesParametersIsAmongTheCases) {
             const bool isCase = std::any_of(cases.begin(), cases.end(), [&](const Request& each) {
                 return each.is({row.iid, opnum});
             });
-            const std::uint32_t fault = send({row.iid, opnum}, {}).fault;
-            EXPECT_EQ(fault, isCase ? faultBadStubData : 0) << row.name << ' ' << row.methods[i];
+            const Fault fault = send({row.iid, opnum}, {}).fault;
+            EXPECT_EQ(fault, isCase ? Fault::BadStubData : Fault::None) << row.name << ' ' << row.methods[i];
         }
         const auto behind = static_cast<std::uint16_t>(dcom::orpc::firstOpnum + row.methods.size());
-        EXPECT_EQ(send({row.iid, behind}, {}).fault, faultOpnumRange) << row.name;
+        EXPECT_EQ(send({row.iid, behind}, {}).fault, Fault::OpnumRange) << row.name;
     }
 }
 
@@ -134,10 +134,10 @@ TEST_F(HostileStub, ARemovedGroupAnswersEverythingWithFailure) {
             const bool hasTwo = each.is(SyncIo::Read) || each.is(ItemMgt::AddItems) || each.is(ItemMgt::ValidateItems);
             const bool hasNone = each.is(GroupStateMgt::SetName);
             const Bytes nothing(hasTwo ? 8 : hasNone ? 0 : 4);  // null pointers for what would be given
-            EXPECT_HEX(send(each, each.stub).bytes, Parameters().add(nothing).u32(E_FAIL));
+            EXPECT_HEX(send(each, each.stub).bytes, Parameters().add(nothing).hresult(E_FAIL));
         }
     }
-    EXPECT_HEX(call(GroupStateMgt::GetState, {}).bytes, Parameters().add(Bytes(32)).u32(E_FAIL));
+    EXPECT_HEX(call(GroupStateMgt::GetState, {}).bytes, Parameters().add(Bytes(32)).hresult(E_FAIL));
     group_->disconnected();
 }
 

@@ -50,7 +50,7 @@ class HostEvents final : public ISLIKServerEvents {
     }
     void SLIKServer1_OnWrite(std::int32_t lngCount, std::int32_t& lngError) override {
         writes.push_back(lngCount);
-        lngError = SLIKServer::failed;
+        lngError = asNumber(E_FAIL);
     }
 
  private:
@@ -94,12 +94,12 @@ inline std::ostream& operator<<(std::ostream& out, const Method& method) {
 
 // The reply to one call: the fault status, the bytes, and a reader over them.
 struct Reply {
-    std::uint32_t fault = 0;
+    Fault fault = Fault::None;
     Bytes bytes;
     dcom::ndr::Reader reader() const { return dcom::ndr::Reader(bytes); }
     // The last four bytes.
     HResult result() const {
-        HResult value = 0xDEADBEEF;
+        HResult value{0xDEADBEEF};
         if (bytes.size() >= 4) {
             std::memcpy(&value, bytes.data() + bytes.size() - 4, 4);
         }

@@ -55,9 +55,9 @@ TEST_F(OpcWire, GivesStatusAndTextsForResultCodes) {
             "0000 08000200"
             "07000000 00000000 07000000 4F00 6D00 6200 7200 6500 6C00 0000 0000 00000000");
     EXPECT_HEX(call(OpcServer::GetStatus, {}).bytes, status);
-    const Reply reply = call(OpcServer::GetErrorString, Parameters().u32(OPC_E_UNKNOWNITEMID).u32(0x409));
-    EXPECT_HEX(reply.bytes, Parameters().u32(0x20004).text(errorText(OPC_E_UNKNOWNITEMID)).u32(S_OK));
-    EXPECT_HEX(call(Common::GetErrorString, Parameters().u32(OPC_E_UNKNOWNITEMID)).bytes, reply.bytes);
+    const Reply reply = call(OpcServer::GetErrorString, Parameters().hresult(OPC_E_UNKNOWNITEMID).u32(0x409));
+    EXPECT_HEX(reply.bytes, Parameters().u32(0x20004).text(errorText(OPC_E_UNKNOWNITEMID)).hresult(S_OK));
+    EXPECT_HEX(call(Common::GetErrorString, Parameters().hresult(OPC_E_UNKNOWNITEMID)).bytes, reply.bytes);
     EXPECT_HEX(call(OpcServer::GetErrorString, Parameters().u32(0x12345678).u32(0)).bytes, "00000000 57000780");
     EXPECT_HEX(call(Common::GetErrorString, Parameters().u32(0x12345678)).bytes, "00000000 57000780");
 }
@@ -109,7 +109,7 @@ TEST_F(OpcWire, TheClientCountsUntilItLetsGoOfTheServer) {
     addGroup("g");
     server_->disconnected();
     EXPECT_EQ(events_.disconnects, std::vector<std::int32_t>{1});
-    EXPECT_EQ(call(OpcServer::GetStatus, {}).fault, faultDisconnected);
+    EXPECT_EQ(call(OpcServer::GetStatus, {}).fault, Fault::Disconnected);
     EXPECT_EQ(call(SyncIo::Read, Parameters().u16(1).counted(Handles{1})).result(), E_FAIL);
     server_.reset();
     EXPECT_EQ(call(GroupStateMgt::CloneGroup, Parameters().text("x").uuid(iidOpcItemMgt)).result(), E_FAIL);
