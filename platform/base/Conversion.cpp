@@ -29,13 +29,6 @@ double numberOfText(const std::string& text) {
     return number ? *number : throw RuntimeError(errors::typeMismatch);
 }
 
-std::int32_t currencyToInt32(Currency value) {
-    return Decimal{static_cast<std::uint64_t>(value.scaled < 0 ? 0 - static_cast<std::uint64_t>(value.scaled)
-                                                               : static_cast<std::uint64_t>(value.scaled)),
-                   0, 4, value.scaled < 0}
-        .toInt32();
-}
-
 Decimal currencyToDecimal(Currency value) {
     Decimal decimal = Decimal::fromInteger(value.scaled);
     decimal.scale = decimal.isZero() ? 0 : 4;
@@ -99,32 +92,15 @@ std::int32_t roundToInt32(double value) {
     return static_cast<std::int32_t>(rounded);
 }
 
+// Those two have digits that a double would round before their half is looked at.
 std::int32_t toInt32(const Variant& value) {
     switch (value.kind()) {
-        case VariantKind::Empty:
-            return 0;
-        case VariantKind::Int16:
-            return value.int16();
-        case VariantKind::Int32:
-            return value.int32();
-        case VariantKind::Byte:
-            return value.byte();
-        case VariantKind::Boolean:
-            return value.boolean() ? -1 : 0;
-        case VariantKind::Single:
-            return roundToInt32(value.single());
-        case VariantKind::Double:
-            return roundToInt32(value.real());
-        case VariantKind::Date:
-            return roundToInt32(value.date().days);
         case VariantKind::Currency:
-            return currencyToInt32(value.currency());
+            return currencyToDecimal(value.currency()).toInt32();
         case VariantKind::Decimal:
             return value.decimal().toInt32();
-        case VariantKind::Text:
-            return roundToInt32(numberOfText(value.text()));
         default:
-            raiseUnconvertible(value);
+            return roundToInt32(toDouble(value));
     }
 }
 

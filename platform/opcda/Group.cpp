@@ -127,7 +127,10 @@ void Group::remove(std::uint32_t handle, Slot& slot) {
     --itemCount_;
 }
 
-HResult Group::addItems(std::span<const ItemDefinition> items, std::vector<ItemResult>& results) {
+// accept(item, tag, result) does what is to be done with each item that there is.
+template <class Accept>
+HResult Group::validateEach(std::span<const ItemDefinition> items, std::vector<ItemResult>& results,
+                            Accept&& accept) const {
     results.clear();
     if (isRemoved()) {
         return E_FAIL;
@@ -140,28 +143,22 @@ HResult Group::addItems(std::span<const ItemDefinition> items, std::vector<ItemR
         const SLIKTag* tag = nullptr;
         ItemResult& result = results.emplace_back(validate(item, tag));
         if (result.error == S_OK && tag != nullptr) {
-            result.serverHandle = insert(item, *tag);
-            result.error = result.serverHandle == 0 ? E_OUTOFMEMORY : S_OK;
+            accept(item, *tag, result);
         }
         all = result.error == S_OK ? all : S_FALSE;
     }
     return all;
 }
 
+HResult Group::addItems(std::span<const ItemDefinition> items, std::vector<ItemResult>& results) {
+    return validateEach(items, results, [this](const ItemDefinition& item, const SLIKTag& tag, ItemResult& result) {
+        result.serverHandle = insert(item, tag);
+        result.error = result.serverHandle == 0 ? E_OUTOFMEMORY : S_OK;
+    });
+}
+
 HResult Group::validateItems(std::span<const ItemDefinition> items, std::vector<ItemResult>& results) const {
-    results.clear();
-    if (isRemoved()) {
-        return E_FAIL;
-    }
-    if (items.empty()) {
-        return E_INVALIDARG;
-    }
-    HResult all = S_OK;
-    for (const ItemDefinition& item : items) {
-        const SLIKTag* tag = nullptr;
-        all = results.emplace_back(validate(item, tag)).error == S_OK ? all : S_FALSE;
-    }
-    return all;
+    return validateEach(items, results, [](const ItemDefinition&, const SLIKTag&, ItemResult&) {});
 }
 
 // action(index, handle, slot) decides on each item that there is.

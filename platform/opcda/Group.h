@@ -213,6 +213,9 @@ class Group : public std::enable_shared_from_this<Group> {
     void deliverError(std::uint32_t clientHandle, HResult error, Sink&& sink);
 
     ItemResult validate(const ItemDefinition& item, const SLIKTag*& tag) const;
+    template <class Accept>
+    HResult validateEach(std::span<const ItemDefinition> items, std::vector<ItemResult>& results,
+                         Accept&& accept) const;
     std::uint32_t insert(const ItemDefinition& item, const SLIKTag& tag);
     void remove(std::uint32_t handle, Slot& slot);
     void noteDataSent();

@@ -31,9 +31,23 @@ PropertyRequest readRequest(Reader& in) {
     return request;
 }
 
-Fault writeFailure(Writer& out, HResult result) {
-    out.nullPointer();
-    writeErrors(out, result, {});
+// lookUp(request, errors) writes an array for the properties that were asked for, gives each its result, and gives that
+// of the whole; on failure it writes nothing.
+template <class LookUp>
+Fault answer(Reader& in, Writer& out, LookUp lookUp) {
+    const PropertyRequest request = readRequest(in);
+    if (!in.good()) {
+        return Fault::BadStubData;
+    }
+    std::vector<HResult> errors;
+    HResult result = request.tooMany ? E_OUTOFMEMORY : E_INVALIDARG;
+    if (!request.ids.empty()) {
+        result = lookUp(request, errors);
+    }
+    if (failed(result)) {
+        out.nullPointer();
+    }
+    writeErrors(out, result, errors);
     return Fault::None;
 }
 
@@ -81,53 +95,37 @@ Fault ItemPropertiesInterface::queryAvailable(Server& server, Reader& in, Writer
 
 Fault ItemPropertiesInterface::getProperties(Server& server, Reader& in, Writer& out,
                                              dcom::orpc::CallContext& /*context*/) {
-    const PropertyRequest request = readRequest(in);
-    if (!in.good()) {
-        return Fault::BadStubData;
-    }
-    if (request.tooMany) {
-        return writeFailure(out, E_OUTOFMEMORY);
-    }
-    std::vector<PropertyValue> properties;
-    const HResult result =
-        request.ids.empty() ? E_INVALIDARG : server.properties().values(request.itemId, request.ids, properties);
-    if (failed(result)) {
-        return writeFailure(out, result);
-    }
-    const std::size_t behind = 16 + properties.size() * sizeof(HResult);
-    if (!writeVariantArray(out, ReplyRoom(out, server.budget()->memory.room()), properties, behind)) {
-        return writeFailure(out, E_OUTOFMEMORY);
-    }
-    std::vector<HResult> errors;
-    errors.reserve(properties.size());
-    for (const PropertyValue& property : properties) {
-        errors.push_back(property.error);
-    }
-    writeErrors(out, result, errors);
-    return Fault::None;
+    return answer(in, out, [&](const PropertyRequest& request, std::vector<HResult>& errors) {
+        std::vector<PropertyValue> properties;
+        const HResult result = server.properties().values(request.itemId, request.ids, properties);
+        if (failed(result)) {
+            return result;
+        }
+        const std::size_t behind = 16 + properties.size() * sizeof(HResult);
+        if (!writeVariantArray(out, ReplyRoom(out, server.budget()->memory.room()), properties, behind)) {
+            return E_OUTOFMEMORY;
+        }
+        errors.reserve(properties.size());
+        for (const PropertyValue& property : properties) {
+            errors.push_back(property.error);
+        }
+        return result;
+    });
 }
 
 Fault ItemPropertiesInterface::lookupItemIds(Server& server, Reader& in, Writer& out,
                                              dcom::orpc::CallContext& /*context*/) {
-    const PropertyRequest request = readRequest(in);
-    if (!in.good()) {
-        return Fault::BadStubData;
-    }
-    if (request.tooMany) {
-        return writeFailure(out, E_OUTOFMEMORY);
-    }
-    std::vector<HResult> errors;
-    const HResult result =
-        request.ids.empty() ? E_INVALIDARG : server.properties().lookupItemIds(request.itemId, request.ids, errors);
-    if (failed(result)) {
-        return writeFailure(out, result);
-    }
-    writeArrayHead(out, errors.size());
-    for (std::size_t i = 0; i < errors.size(); ++i) {
-        out.nullPointer();  // no property is an item
-    }
-    writeErrors(out, result, errors);
-    return Fault::None;
+    return answer(in, out, [&](const PropertyRequest& request, std::vector<HResult>& errors) {
+        const HResult result = server.properties().lookupItemIds(request.itemId, request.ids, errors);
+        if (failed(result)) {
+            return result;
+        }
+        writeArrayHead(out, errors.size());
+        for (std::size_t i = 0; i < errors.size(); ++i) {
+            out.nullPointer();  // no property is an item
+        }
+        return result;
+    });
 }
 
 }  // namespace quelm::opcda::wire
