@@ -22,7 +22,7 @@
 #include "DB Interface Library/CurrentIO.h"
 #include "DB Interface Library/RealtimeDB.h"
 #include "DB Interface Library/SiteTable.h"
-#include "DB Interface Library/Sql.h"
+#include "DB Interface Library/sql/Sql.h"
 
 namespace quelm {
 namespace {

@@ -9,7 +9,7 @@
 #include <string_view>
 #include <vector>
 
-#include "DB Interface Library/Sql.h"
+#include "DB Interface Library/sql/Sql.h"
 #include "Plant.h"
 
 namespace demo {

@@ -8,7 +8,7 @@
 #include <string_view>
 #include <vector>
 
-#include "DB Interface Library/Sql.h"
+#include "DB Interface Library/sql/Sql.h"
 #include "base/Date.h"
 
 namespace demo {

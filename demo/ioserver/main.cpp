@@ -20,7 +20,7 @@
 #include <utility>
 
 #include "CommandQueue.h"
-#include "DB Interface Library/Sql.h"
+#include "DB Interface Library/sql/Sql.h"
 #include "Plant.h"
 #include "base/RuntimeError.h"
 

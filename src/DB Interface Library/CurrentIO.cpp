@@ -7,8 +7,8 @@
 #include <span>
 #include <unordered_map>
 
-#include "DB Interface Library/Sql.h"
-#include "DB Interface Library/SqlDate.h"
+#include "DB Interface Library/sql/Sql.h"
+#include "DB Interface Library/sql/SqlDate.h"
 #include "base/IntIndex.h"
 #include "base/Text.h"
 

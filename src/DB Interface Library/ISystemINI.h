@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "DB Interface Library/SqlTimeouts.h"
+#include "DB Interface Library/sql/SqlTimeouts.h"
 
 namespace quelm {
 

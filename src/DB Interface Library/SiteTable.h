@@ -10,8 +10,8 @@
 #include <string>
 #include <string_view>
 
-#include "DB Interface Library/Sql.h"
-#include "DB Interface Library/SqlWorker.h"
+#include "DB Interface Library/sql/Sql.h"
+#include "DB Interface Library/sql/SqlWorker.h"
 
 namespace quelm {
 

@@ -12,7 +12,7 @@
 #include <string_view>
 #include <utility>
 
-#include "DB Interface Library/SqlWorker.h"
+#include "DB Interface Library/sql/SqlWorker.h"
 #include "base/TimeSource.h"
 
 namespace quelm {

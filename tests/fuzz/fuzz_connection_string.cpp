@@ -1,7 +1,7 @@
 // Connection strings as an operator writes them. However damaged, what is shown of one never holds the password, and
 // what stands in braces is found as it is.
 
-#include "DB Interface Library/Sql.h"
+#include "DB Interface Library/sql/Sql.h"
 #include "FuzzInput.h"
 
 namespace quelm::fuzz {

@@ -7,7 +7,7 @@
 #include <list>
 #include <optional>
 
-#include "DB Interface Library/PackedRows.h"
+#include "DB Interface Library/sql/PackedRows.h"
 #include "FuzzInput.h"
 
 namespace quelm::fuzz {

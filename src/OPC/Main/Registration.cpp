@@ -19,8 +19,8 @@
 #include <utility>
 #include <vector>
 
-#include "DB Interface Library/Sql.h"
 #include "DB Interface Library/SystemINI.h"
+#include "DB Interface Library/sql/Sql.h"
 #include "OPC/Main/Units.h"
 #include "base/RuntimeError.h"
 #include "dcom/DcomSettings.h"

@@ -7,8 +7,8 @@
 #include <cerrno>
 
 #include "DB Interface Library/DBIL.h"
-#include "DB Interface Library/Sql.h"
 #include "DB Interface Library/SystemINI.h"
+#include "DB Interface Library/sql/Sql.h"
 #include "OPC/Tools/Terminal.h"
 
 namespace quelm::tools {

@@ -6,7 +6,7 @@
 
 #include "DB Interface Library/DBIL.h"
 #include "DB Interface Library/MessageIDs.h"
-#include "DB Interface Library/SqliteDriver.h"
+#include "DB Interface Library/sql/SqliteDriver.h"
 #include "base/Date.h"
 #include "base/Raised.h"
 #include "base/RuntimeError.h"

@@ -1,6 +1,6 @@
 // The same reads and writes in SQLite and in PostgreSQL through ODBC, and what a database server's failures cost.
 
-#include "DB Interface Library/OdbcDriver.h"
+#include "DB Interface Library/sql/OdbcDriver.h"
 
 #include <arpa/inet.h>
 #include <fmt/format.h>
@@ -15,7 +15,7 @@
 #include <thread>
 
 #include "DB Interface Library/DBIL.h"
-#include "DB Interface Library/SqliteDriver.h"
+#include "DB Interface Library/sql/SqliteDriver.h"
 #include "base/Conversion.h"
 #include "base/Raised.h"
 #include "base/RuntimeError.h"

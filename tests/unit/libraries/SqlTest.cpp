@@ -1,11 +1,11 @@
-#include "DB Interface Library/Sql.h"
+#include "DB Interface Library/sql/Sql.h"
 
 #include <gmock/gmock.h>
 
 #include <cmath>
 
-#include "DB Interface Library/SqlDate.h"
-#include "DB Interface Library/SqliteDriver.h"
+#include "DB Interface Library/sql/SqlDate.h"
+#include "DB Interface Library/sql/SqliteDriver.h"
 #include "base/Conversion.h"
 #include "base/RuntimeError.h"
 #include "libraries/TestDatabase.h"

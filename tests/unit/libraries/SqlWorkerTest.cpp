@@ -1,7 +1,7 @@
 // What a database library that hangs, fails or answers late costs those who ask. The libraries here hang on gates, so
 // that nothing depends on how fast the machine is.
 
-#include "DB Interface Library/SqlWorker.h"
+#include "DB Interface Library/sql/SqlWorker.h"
 
 #include <fmt/format.h>
 #include <gmock/gmock.h>

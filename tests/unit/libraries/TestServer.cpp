@@ -11,7 +11,7 @@
 #include <filesystem>
 #include <fstream>
 
-#include "DB Interface Library/OdbcDriver.h"
+#include "DB Interface Library/sql/OdbcDriver.h"
 #include "base/RuntimeError.h"
 
 namespace quelm::test {

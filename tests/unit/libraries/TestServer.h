@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "DB Interface Library/Sql.h"
+#include "DB Interface Library/sql/Sql.h"
 #include "libraries/TestDatabase.h"
 
 namespace quelm::test {

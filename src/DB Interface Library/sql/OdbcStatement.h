@@ -11,8 +11,8 @@
 #include <string>
 #include <vector>
 
-#include "DB Interface Library/OdbcSession.h"
-#include "DB Interface Library/Sql.h"
+#include "DB Interface Library/sql/OdbcSession.h"
+#include "DB Interface Library/sql/Sql.h"
 
 namespace quelm {
 

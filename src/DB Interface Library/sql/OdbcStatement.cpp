@@ -1,4 +1,4 @@
-#include "DB Interface Library/OdbcStatement.h"
+#include "DB Interface Library/sql/OdbcStatement.h"
 
 #include <algorithm>
 #include <array>

@@ -16,7 +16,7 @@
 #include <type_traits>
 #include <utility>
 
-#include "DB Interface Library/Sql.h"
+#include "DB Interface Library/sql/Sql.h"
 #include "base/RuntimeError.h"
 
 namespace quelm {

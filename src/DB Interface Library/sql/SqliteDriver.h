@@ -6,7 +6,7 @@
 #include <chrono>
 #include <memory>
 
-#include "DB Interface Library/Sql.h"
+#include "DB Interface Library/sql/Sql.h"
 
 namespace quelm {
 

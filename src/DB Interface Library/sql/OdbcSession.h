@@ -14,8 +14,8 @@
 #include <string>
 #include <string_view>
 
-#include "DB Interface Library/OdbcDriver.h"
-#include "DB Interface Library/PackedRows.h"
+#include "DB Interface Library/sql/OdbcDriver.h"
+#include "DB Interface Library/sql/PackedRows.h"
 
 namespace quelm {
 

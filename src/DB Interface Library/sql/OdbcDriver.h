@@ -5,7 +5,7 @@
 
 #include <memory>
 
-#include "DB Interface Library/Sql.h"
+#include "DB Interface Library/sql/Sql.h"
 
 namespace quelm {
 

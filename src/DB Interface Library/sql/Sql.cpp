@@ -1,4 +1,4 @@
-#include "DB Interface Library/Sql.h"
+#include "DB Interface Library/sql/Sql.h"
 
 #include <algorithm>
 #include <cmath>
@@ -6,8 +6,8 @@
 #include <optional>
 #include <utility>
 
-#include "DB Interface Library/OdbcDriver.h"
-#include "DB Interface Library/SqliteDriver.h"
+#include "DB Interface Library/sql/OdbcDriver.h"
+#include "DB Interface Library/sql/SqliteDriver.h"
 #include "base/RuntimeError.h"
 #include "base/Text.h"
 

@@ -1,4 +1,4 @@
-#include "DB Interface Library/PackedRows.h"
+#include "DB Interface Library/sql/PackedRows.h"
 
 #include <endian.h>
 #include <fmt/format.h>

@@ -1,4 +1,4 @@
-#include "DB Interface Library/SqlDate.h"
+#include "DB Interface Library/sql/SqlDate.h"
 
 #include <cstdint>
 #include <cstring>

@@ -1,4 +1,4 @@
-#include "DB Interface Library/SqliteDriver.h"
+#include "DB Interface Library/sql/SqliteDriver.h"
 
 #include <fmt/format.h>
 #include <sqlite3.h>

@@ -1,4 +1,4 @@
-#include "DB Interface Library/SqlWorker.h"
+#include "DB Interface Library/sql/SqlWorker.h"
 
 #include <fmt/format.h>
 #include <signal.h>

@@ -12,7 +12,7 @@
 #include <string_view>
 #include <vector>
 
-#include "DB Interface Library/Sql.h"
+#include "DB Interface Library/sql/Sql.h"
 
 namespace quelm {
 

@@ -14,7 +14,7 @@
 #include <variant>
 #include <vector>
 
-#include "DB Interface Library/SqlTimeouts.h"
+#include "DB Interface Library/sql/SqlTimeouts.h"
 #include "base/Date.h"
 #include "base/Variant.h"
 

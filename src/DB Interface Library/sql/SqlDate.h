@@ -8,7 +8,7 @@
 #include <optional>
 #include <string_view>
 
-#include "DB Interface Library/Sql.h"
+#include "DB Interface Library/sql/Sql.h"
 #include "base/Date.h"
 
 namespace quelm {

@@ -1,9 +1,9 @@
-#include "DB Interface Library/OdbcSession.h"
+#include "DB Interface Library/sql/OdbcSession.h"
 
 #include <algorithm>
 #include <utility>
 
-#include "DB Interface Library/OdbcStatement.h"
+#include "DB Interface Library/sql/OdbcStatement.h"
 #include "base/RuntimeError.h"
 #include "base/Text.h"
 #include "base/Utf.h"

@@ -1,4 +1,4 @@
-#include "DB Interface Library/OdbcDriver.h"
+#include "DB Interface Library/sql/OdbcDriver.h"
 
 #include <fmt/format.h>
 
@@ -11,8 +11,8 @@
 #include <utility>
 #include <vector>
 
-#include "DB Interface Library/OdbcSession.h"
-#include "DB Interface Library/OdbcStatement.h"
+#include "DB Interface Library/sql/OdbcSession.h"
+#include "DB Interface Library/sql/OdbcStatement.h"
 #include "base/RuntimeError.h"
 
 namespace quelm {
