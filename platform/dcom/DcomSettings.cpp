@@ -28,6 +28,7 @@ constexpr std::array<std::string_view, 3> listenKeys = {"Address", "ActivationPo
 constexpr std::array<std::string_view, 5> securityKeys = {"MinimumLevel", "AllowNTLMv1", "AllowAnonymous",
                                                           "ComputerName", "Domain"};
 constexpr std::array<std::string_view, 3> clientsKeys = {"PingTimeout", "FirstPing", "CloseGrace"};
+constexpr std::array<std::string_view, 4> callbacksKeys = {"Account", "Secret", "MinimumLevel", "AllowNoLogOn"};
 
 // Sections of settings, which have a place each in the parser.
 struct NamedSection {
@@ -35,10 +36,11 @@ struct NamedSection {
     std::span<const std::string_view> keys;
     std::string_view remedy;
 };
-constexpr std::array<NamedSection, 3> namedSections = {{
+constexpr std::array<NamedSection, 4> namedSections = {{
     {"Listen", listenKeys, "Use Address, ActivationPort or ObjectPort"},
     {"Security", securityKeys, "Use MinimumLevel, AllowNTLMv1, AllowAnonymous, ComputerName or Domain"},
     {"Clients", clientsKeys, "Use PingTimeout, FirstPing or CloseGrace"},
+    {"Callbacks", callbacksKeys, "Use Account, Secret, MinimumLevel or AllowNoLogOn"},
 }};
 
 // Seconds. What a client left behind is of no use to anybody for longer than an hour.
@@ -90,12 +92,25 @@ bool isLoopback(const std::string& address) {
     return address.rfind("127.", 0) == 0;
 }
 
-bool isAccountName(std::string_view domain, std::string_view user) {
+struct AccountName {
+    std::string_view domain;
+    std::string_view user;
+};
+
+// "DOMAIN\\user", or "user" alone, which gets anyDomain; nothing when it is no such name.
+std::optional<AccountName> accountName(std::string_view text, std::string_view anyDomain) {
     const auto isName = [](std::string_view name) {
         return !name.empty() && characterCount(name) <= longestName &&
                name.find_first_of("\"/\\[]:;|=,+*?<>") == std::string_view::npos;
     };
-    return isName(user) && (domain == ntlm::AccountTable::anyDomain || isName(domain));
+    const std::size_t backslash = text.find('\\');
+    if (backslash == std::string_view::npos) {
+        const AccountName name{anyDomain, trimWhiteSpace(text)};
+        return isName(name.user) ? std::optional(name) : std::nullopt;
+    }
+    const AccountName name{trimWhiteSpace(text.substr(0, backslash)), trimWhiteSpace(text.substr(backslash + 1))};
+    const bool fits = isName(name.user) && (name.domain == anyDomain || isName(name.domain));
+    return fits ? std::optional(name) : std::nullopt;
 }
 
 class Parser {
@@ -112,13 +127,16 @@ class Parser {
     void readListen();
     void readAddresses(std::string_view value);
     void readSecurity();
+    void readCallbacks();
     void readAccount(const IniFile::Key& key);
-    void addAccount(const std::string& place, std::string_view domain, std::string_view user, const ntlm::NtHash& hash);
+    void addAccount(const std::string& place, const AccountName& name, const ntlm::NtHash& hash);
     std::optional<ntlm::NtHash> accountHash(const std::string& place, std::string_view value);
     template <class Apply>
     void readKey(std::string_view section, std::string_view key, Apply apply);
+    void readLevel(std::string_view section, rpc::AuthLevel& level);
+    void readSwitch(std::string_view section, std::string_view key, bool& isOn);
     template <class Value>
-    void readChoice(std::string_view key, const char* remedy, const char* fallback,
+    void readChoice(std::string_view section, std::string_view key, const char* remedy, const char* fallback,
                     std::initializer_list<std::pair<std::string_view, Value>> choices, Value& setting);
     void readPort(std::string_view key, std::uint16_t smallest, std::uint16_t& port);
     void readPeriod(std::string_view key, std::uint32_t& seconds);
@@ -156,6 +174,7 @@ void Parser::parse(const IniFile& file) {
     }
     readListen();
     readSecurity();
+    readCallbacks();
     readPeriod("PingTimeout", settings_.pingTimeout);
     readPeriod("FirstPing", settings_.firstPing);
     readPeriod("CloseGrace", settings_.closeGrace);
@@ -186,7 +205,8 @@ void Parser::sortOut(const IniFile::Section& section) {
     IniFile::Section* const known = sectionOf(section.name);
     if (known == nullptr) {
         problem(section.name.empty() ? "before the first section" : fmt::format("[{}]", shownName(section.name)),
-                "lines outside the known sections are left out", "Use [Listen], [Security], [Clients] and [Accounts]");
+                "lines outside the known sections are left out",
+                "Use [Listen], [Security], [Clients], [Callbacks] and [Accounts]");
         return;
     }
     if (section.isRepeated()) {
@@ -240,9 +260,9 @@ void Parser::readKey(std::string_view section, std::string_view key, Apply apply
 }
 
 template <class Value>
-void Parser::readChoice(std::string_view key, const char* remedy, const char* fallback,
+void Parser::readChoice(std::string_view section, std::string_view key, const char* remedy, const char* fallback,
                         std::initializer_list<std::pair<std::string_view, Value>> choices, Value& setting) {
-    readKey("Security", key, [&](const std::string& place, std::string_view value) {
+    readKey(section, key, [&](const std::string& place, std::string_view value) {
         for (const auto& [name, choice] : choices) {
             if (equalsIgnoringCase(name, value)) {
                 setting = choice;
@@ -295,17 +315,47 @@ void Parser::readAddresses(std::string_view value) {
 }
 
 void Parser::readSecurity() {
-    readChoice<rpc::AuthLevel>("MinimumLevel", "Write connect, integrity or privacy", "integrity",
+    readLevel("Security", settings_.minimumLevel);
+    readSwitch("Security", "AllowNTLMv1", settings_.ntlm.allowNtlmV1Ess);
+    readSwitch("Security", "AllowAnonymous", settings_.ntlm.allowAnonymous);
+    readNetBiosName("ComputerName", settings_.ntlm.computerName);
+    readNetBiosName("Domain", settings_.ntlm.domainName);
+}
+
+void Parser::readLevel(std::string_view section, rpc::AuthLevel& level) {
+    readChoice<rpc::AuthLevel>(section, "MinimumLevel", "Write connect, integrity or privacy", "integrity",
                                {{"connect", rpc::AuthLevel::Connect},
                                 {"integrity", rpc::AuthLevel::Integrity},
                                 {"privacy", rpc::AuthLevel::Privacy}},
-                               settings_.minimumLevel);
-    readChoice<bool>("AllowNTLMv1", "Write yes or no", "no", {{"yes", true}, {"no", false}},
-                     settings_.ntlm.allowNtlmV1Ess);
-    readChoice<bool>("AllowAnonymous", "Write yes or no", "no", {{"yes", true}, {"no", false}},
-                     settings_.ntlm.allowAnonymous);
-    readNetBiosName("ComputerName", settings_.ntlm.computerName);
-    readNetBiosName("Domain", settings_.ntlm.domainName);
+                               level);
+}
+
+void Parser::readSwitch(std::string_view section, std::string_view key, bool& isOn) {
+    readChoice<bool>(section, key, "Write yes or no", "no", {{"yes", true}, {"no", false}}, isOn);
+}
+
+// An account without its secret, or the other way round, is none: nobody is called with half of it.
+void Parser::readCallbacks() {
+    readLevel("Callbacks", settings_.callbacks.minimumLevel);
+    readSwitch("Callbacks", "AllowNoLogOn", settings_.callbacks.allowNoLogOn);
+    const IniFile::Key* const account = sectionOf("Callbacks")->find("Account");
+    const IniFile::Key* const secret = sectionOf("Callbacks")->find("Secret");
+    if (account == nullptr || secret == nullptr) {
+        if (account != secret) {
+            problem("[Callbacks]", "of Account and Secret only one is there, no account is used",
+                    "Write both, or neither");
+        }
+        return;
+    }
+    const auto name = accountName(account->value, "");
+    if (!name) {
+        problem("[Callbacks] Account", "this is not an account name, no account is used",
+                "Write DOMAIN\\user, or user alone where the client's machine is to choose the domain");
+    } else if (auto hash = accountHash("[Callbacks] Secret", secret->value)) {
+        settings_.callbacks.account = {std::string(name->domain), std::string(name->user), *hash,
+                                       settings_.ntlm.computerName};
+        ntlm::wipe(*hash);
+    }
 }
 
 void Parser::readPeriod(std::string_view key, std::uint32_t& seconds) {
@@ -335,23 +385,18 @@ void Parser::readNetBiosName(std::string_view key, std::string& name) {
 
 void Parser::readAccount(const IniFile::Key& key) {
     const std::string place = fmt::format("[Accounts] {}", shownName(key.name));
-    const std::size_t backslash = key.name.find('\\');
-    const bool bound = backslash != std::string_view::npos;
-    const std::string_view domain =
-        bound ? trimWhiteSpace(key.name.substr(0, backslash)) : ntlm::AccountTable::anyDomain;
-    const std::string_view user = trimWhiteSpace(bound ? key.name.substr(backslash + 1) : key.name);
-    if (!isAccountName(domain, user)) {
+    const auto name = accountName(key.name, ntlm::AccountTable::anyDomain);
+    if (!name) {
         problem(place, "this is not an account name, the account is left out",
                 "Write DOMAIN\\user, or user alone for an account that answers to any domain");
     } else if (const auto hash = accountHash(place, key.value)) {
-        addAccount(place, domain, user, *hash);
+        addAccount(place, *name, *hash);
     }
 }
 
 // Of two passwords the one that was meant to go might be taken, so that neither is.
-void Parser::addAccount(const std::string& place, std::string_view domain, std::string_view user,
-                        const ntlm::NtHash& hash) {
-    const auto [account, isNew] = hashes_.try_emplace(foldCase(domain) + '\\' + foldCase(user), hash);
+void Parser::addAccount(const std::string& place, const AccountName& name, const ntlm::NtHash& hash) {
+    const auto [account, isNew] = hashes_.try_emplace(foldCase(name.domain) + '\\' + foldCase(name.user), hash);
     if (isNew) {
         return;
     }
@@ -396,6 +441,21 @@ DcomSettings defaults(std::string_view hostName) {
     return settings;
 }
 
+void noteWhatIsWeakIn(const CallbackSettings& callbacks, std::vector<std::string>& notices) {
+    if (callbacks.minimumLevel < rpc::AuthLevel::Integrity) {
+        notices.emplace_back(
+            "[Callbacks] MinimumLevel = connect: values that clients are called back with are neither signed nor "
+            "sealed "
+            "where the client asks for no more, and can be altered on their way");
+    }
+    if (callbacks.allowNoLogOn) {
+        notices.emplace_back(
+            "[Callbacks] AllowNoLogOn = yes: clients that take no log-on are called back without protection, and "
+            "whoever "
+            "can change what is on its way can pass for such a client");
+    }
+}
+
 void noteWhatIsWeak(DcomSettings& settings) {
     auto& notices = settings.notices;
     for (const std::string& address : settings.addresses) {
@@ -422,6 +482,7 @@ void noteWhatIsWeak(DcomSettings& settings) {
     } else if (settings.accounts.empty()) {
         notices.emplace_back("[Accounts] holds no usable account: every client is refused");
     }
+    noteWhatIsWeakIn(settings.callbacks, notices);
 }
 
 }  // namespace

@@ -4,15 +4,24 @@
 // and how well messages must be protected. A damaged line costs only itself and never weakens the protection.
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "dcom/ntlm/AccountTable.h"
+#include "dcom/ntlm/ClientContext.h"
 #include "dcom/ntlm/ServerContext.h"
 #include "dcom/rpc/AuthLevel.h"
 
 namespace quelm::dcom {
+
+// How this server logs on to clients when it calls them back.
+struct CallbackSettings {
+    std::optional<ntlm::ClientAccount> account;               // none: only clients that need no log-on are called back
+    rpc::AuthLevel minimumLevel = rpc::AuthLevel::Integrity;  // the least protection of a call that logs on
+    bool allowNoLogOn = false;                                // where the client's machine takes no log-on
+};
 
 struct DcomSettings {
     std::vector<std::string> addresses{"127.0.0.1"};  // numeric IPv4, at least one
@@ -21,6 +30,7 @@ struct DcomSettings {
     rpc::AuthLevel minimumLevel = rpc::AuthLevel::Integrity;  // the least protection of a call: connect or better
     ntlm::ServerSettings ntlm;
     ntlm::AccountTable accounts;
+    CallbackSettings callbacks;
     // Seconds. When clients that went away without a word are let go of: without ping or call for so long; without a
     // first ping for so long after their first call; so long after the end of their last connection.
     std::uint32_t pingTimeout = 360;

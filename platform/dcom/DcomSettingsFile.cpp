@@ -97,7 +97,7 @@ DcomSettings readDcomSettings(const std::string& path, std::string_view hostName
             fmt::format("{}: the file cannot be used ({}), the defaults hold. Correct the file and its rights.", path,
                         content.fault));
     }
-    if (!settings.accounts.empty() && (content.mode & (S_IRWXG | S_IRWXO)) != 0) {
+    if ((!settings.accounts.empty() || settings.callbacks.account) && (content.mode & (S_IRWXG | S_IRWXO)) != 0) {
         settings.problems.push_back(fmt::format(
             "{}: the file holds accounts and others than its owner may use it. Run \"chmod 600\" on it.", path));
     }

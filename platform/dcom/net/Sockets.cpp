@@ -150,6 +150,24 @@ void checkListener(int descriptor) {
     }
 }
 
+Connecting beginConnecting(const std::string& address, std::uint16_t port) {
+    std::optional<Endpoint> endpoint = parseEndpoint(address, port);
+    if (!endpoint) {
+        return {-1, EAFNOSUPPORT};
+    }
+    const int descriptor = ::socket(endpoint->address.ss_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    if (descriptor < 0) {
+        return {-1, errno};
+    }
+    setClientOptions(descriptor);
+    if (::connect(descriptor, endpoint->raw(), endpoint->size) != 0 && errno != EINPROGRESS) {
+        const int error = errno;
+        ::close(descriptor);
+        return {-1, error};
+    }
+    return {descriptor, 0};
+}
+
 void setClientOptions(int descriptor) {
     setOption(descriptor, IPPROTO_TCP, TCP_NODELAY, 1);
     setOption(descriptor, IPPROTO_TCP, TCP_QUICKACK, 1);

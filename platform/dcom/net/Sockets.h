@@ -1,6 +1,7 @@
 #pragma once
 
-// What the TCP server needs of the system's sockets: addresses as text, listening, and the options of connections.
+// What server and dialer need of the system's sockets: addresses as text, listening, connecting, and the options of
+// connections.
 
 #include <sys/socket.h>
 
@@ -35,6 +36,13 @@ struct Endpoint {
 int openListener(const std::string& address, std::uint16_t port);
 // Throws ListenError unless the descriptor is a TCP socket that is listening already.
 void checkListener(int descriptor);
+
+// A socket that has begun to connect to a numeric IPv4 address, with the options below.
+struct Connecting {
+    int descriptor = -1;
+    int error = 0;  // errno, where there is no descriptor
+};
+Connecting beginConnecting(const std::string& address, std::uint16_t port);
 
 // Without delays, and with a watch on dead machines: they are noticed after two minutes.
 void setClientOptions(int descriptor);

@@ -40,52 +40,84 @@ ClientConnection::ClientConnection(const LogOnSettings& logOn, const Uuid& first
     }
 }
 
-bool ClientConnection::isBound(const Uuid& interfaceId) const {
-    return std::find(interfaces_.begin(), interfaces_.end(), interfaceId) != interfaces_.end();
+// Where it is not bound to yet, the number that it will have.
+std::ptrdiff_t ClientConnection::contextOf(const Uuid& interfaceId) const {
+    return std::find(interfaces_.begin(), interfaces_.end(), interfaceId) - interfaces_.begin();
 }
 
 void ClientConnection::sendBind(PduType type, const Uuid& interfaceId, const AuthTrailer& trailer) {
     asked_ = interfaceId;
-    const auto number = std::find(interfaces_.begin(), interfaces_.end(), interfaceId) - interfaces_.begin();
-    appendBindRequest(output_, {type, ++lastCallId_, static_cast<std::uint16_t>(number), group_, interfaceId, trailer});
+    appendBindRequest(output_, {type, ++lastCallId_, static_cast<std::uint16_t>(contextOf(interfaceId)), group_,
+                                interfaceId, trailer});
 }
 
-void ClientConnection::call(const CallTarget& target, const WriteStub& stub, Done done) {
+void ClientConnection::call(const CallTarget& target, const WriteStub& stub, Done done, SharedStub more) {
     target_ = target;
     done_ = std::move(done);
-    if (!isBound(target.interfaceId)) {
-        waitingStub_.clear();
-        ndr::Writer out(waitingStub_);
-        stub(out);
+    front_.clear();
+    ndr::Writer out(front_);
+    stub(out);
+    more_ = std::move(more);
+    if (contextOf(target.interfaceId) == std::ssize(interfaces_)) {
         stage_ = Stage::Altering;
         // The calls' own log-on covers every interface of the connection.
         return sendBind(PduType::AlterContext, target.interfaceId, {});
     }
-    const CallHeader header{PduType::Request, 0, 0, 0, target.object};
-    const std::size_t start = output_.size();
-    output_.resize(start + header.size());
-    ndr::Writer out(output_);
-    stub(out);
-    sendCall(start);
+    beginSending();
 }
 
-// The stub data stands at the end of the output, behind the room for one header.
-void ClientConnection::sendCall(std::size_t start) {
-    const auto context = std::find(interfaces_.begin(), interfaces_.end(), target_.interfaceId) - interfaces_.begin();
-    const auto guard = logOn_.guard();
-    cutIntoFragments(
-        output_, start,
-        {PduType::Request, ++lastCallId_, static_cast<std::uint16_t>(context), target_.opnum, target_.object},
-        maxTransmit_, guard ? &*guard : nullptr);
+void ClientConnection::beginSending() {
     stage_ = Stage::Calling;
+    ++lastCallId_;
+    cut_ = 0;
+    cutting_ = true;
+    fill();
+}
+
+void ClientConnection::fill() {
+    if (!cutting_ || output().size() > sendAhead / 2) {
+        return;
+    }
+    output_.erase(output_.begin(), output_.begin() + static_cast<std::ptrdiff_t>(outputStart_));
+    outputStart_ = 0;
+    while (cutting_ && output_.size() < sendAhead) {
+        cutNext();
+    }
+}
+
+void ClientConnection::cutNext() {
+    const auto guard = logOn_.guard();
+    const MessageGuard* const protection = guard ? &*guard : nullptr;
+    const CallHeader header{PduType::Request, lastCallId_, static_cast<std::uint16_t>(contextOf(target_.interfaceId)),
+                            target_.opnum, target_.object};
+    const std::span<const std::uint8_t> front(front_);
+    const std::span<const std::uint8_t> more = more_ ? std::span(*more_) : std::span<const std::uint8_t>();
+    const std::size_t whole = front.size() + more.size();
+    const std::size_t end = std::min(whole, cut_ + pieceSize(header, maxTransmit_, protection));
+    const std::size_t frontEnd = std::min(end, front.size());
+    const std::size_t frontBegin = std::min(cut_, frontEnd);
+    const std::size_t moreBegin = cut_ - std::min(cut_, front.size());
+    const StubPiece piece{front.subspan(frontBegin, frontEnd - frontBegin),
+                          more.subspan(moreBegin, end - frontEnd - moreBegin), cut_ == 0, end == whole, whole - cut_};
+    appendFragment(output_, header, piece, protection);
+    cut_ = end;
+    if (end == whole) {
+        cutting_ = false;
+        more_.reset();
+    }
 }
 
 void ClientConnection::sent(std::size_t count) {
     outputStart_ += count;
     if (outputStart_ == output_.size()) {
+        constexpr std::size_t kept = 16U << 10U;  // what a large call needed is not kept for the next one
         output_.clear();
         outputStart_ = 0;
+        if (!cutting_ && output_.capacity() > kept) {
+            output_ = {};
+        }
     }
+    fill();
 }
 
 void ClientConnection::received(std::span<const std::uint8_t> data) {
@@ -122,7 +154,11 @@ void ClientConnection::dispatch(const Header& header, std::span<std::uint8_t> pd
         case PduType::Response:
             return stage_ == Stage::Calling ? onResponse(header, pdu) : fail(ClientFailure::OutOfOrder);
         case PduType::Shutdown:
-            return;  // a wish to close the connection, which no call of ours outlives anyway
+            // A wish to close the connection, which may come in the middle of a call; nobody has two of them.
+            if (std::exchange(toldToClose_, true)) {
+                fail(ClientFailure::OutOfOrder);
+            }
+            return;
         default:
             return fail(ClientFailure::OutOfOrder);
     }
@@ -150,10 +186,7 @@ void ClientConnection::onBindAnswer(const Header& header, std::span<const std::u
         return finish({Fault::UnknownInterface, {}});
     }
     interfaces_.push_back(asked_);
-    const std::size_t start = output_.size();
-    output_.resize(start + CallHeader{PduType::Request, 0, 0, 0, target_.object}.size());
-    output_.insert(output_.end(), waitingStub_.begin(), waitingStub_.end());
-    sendCall(start);
+    beginSending();
 }
 
 void ClientConnection::goOnLoggingOn(const Header& header, std::span<const std::uint8_t> pdu) {
@@ -234,6 +267,8 @@ void ClientConnection::fail(ClientFailure failure) {
     stage_ = Stage::Failed;
     failure_ = failure;
     done_ = nullptr;
+    more_.reset();
+    cutting_ = false;
     output_.clear();
     outputStart_ = 0;
 }

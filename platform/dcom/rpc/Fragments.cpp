@@ -13,19 +13,47 @@ std::size_t padded(std::size_t size, std::size_t multiple) {
     return (size + multiple - 1) / multiple * multiple;
 }
 
+// Fills in header, padding and protection of the fragment whose stub data stands behind the room for its header.
+void finishFragment(std::span<std::uint8_t> fragment, const CallHeader& header, const StubPiece& piece,
+                    std::size_t padding, const MessageGuard* guard) {
+    const auto flags = static_cast<std::uint8_t>((piece.isFirst ? flagFirst : 0) | (piece.isLast ? flagLast : 0));
+    putCallHeader(fragment.data(), header, flags, fragment.size(),
+                  guard != nullptr ? MessageGuard::overhead - trailerSize : 0, piece.remaining);
+    if (guard != nullptr) {
+        guard->protect(fragment, header.size(), padding);
+    }
+}
+
 }  // namespace
+
+std::size_t pieceSize(const CallHeader& header, std::size_t maxFragment, const MessageGuard* guard) {
+    const std::size_t behind = guard != nullptr ? MessageGuard::overhead : 0;
+    const std::size_t unit = guard != nullptr ? MessageGuard::padding : unprotectedUnit;
+    return (maxFragment - header.size() - behind) / unit * unit;
+}
+
+void appendFragment(std::vector<std::uint8_t>& out, const CallHeader& header, const StubPiece& piece,
+                    const MessageGuard* guard) {
+    const std::size_t start = out.size();
+    const std::size_t stubSize = piece.front.size() + piece.back.size();
+    const std::size_t padding = guard != nullptr ? padded(stubSize, MessageGuard::padding) - stubSize : 0;
+    out.resize(start + header.size());
+    out.insert(out.end(), piece.front.begin(), piece.front.end());
+    out.insert(out.end(), piece.back.begin(), piece.back.end());
+    out.resize(out.size() + padding + (guard != nullptr ? MessageGuard::overhead : 0));
+    finishFragment(std::span(out).subspan(start), header, piece, padding, guard);
+}
 
 void cutIntoFragments(std::vector<std::uint8_t>& out, std::size_t start, const CallHeader& header,
                       std::size_t maxFragment, const MessageGuard* guard) {
     const std::size_t headerBytes = header.size();
     const std::size_t behind = guard != nullptr ? MessageGuard::overhead : 0;
-    const std::size_t unit = guard != nullptr ? MessageGuard::padding : unprotectedUnit;
-    const std::size_t piece = (maxFragment - headerBytes - behind) / unit * unit;
+    const std::size_t piece = pieceSize(header, maxFragment, guard);
     const std::size_t stubSize = out.size() - start - headerBytes;
     const std::size_t count = std::max<std::size_t>(1, (stubSize + piece - 1) / piece);
     const std::size_t stride = headerBytes + piece + behind;
     const std::size_t lastPiece = stubSize - (count - 1) * piece;
-    const std::size_t lastPadding = guard != nullptr ? padded(lastPiece, unit) - lastPiece : 0;
+    const std::size_t lastPadding = guard != nullptr ? padded(lastPiece, MessageGuard::padding) - lastPiece : 0;
 
     out.resize(start + (count - 1) * stride + headerBytes + lastPiece + lastPadding + behind);
     std::uint8_t* const base = out.data() + start;
@@ -38,12 +66,7 @@ void cutIntoFragments(std::vector<std::uint8_t>& out, std::size_t start, const C
         const bool last = i == count - 1;
         const std::size_t padding = last ? lastPadding : 0;
         const std::size_t size = headerBytes + (last ? lastPiece : piece) + padding + behind;
-        const auto flags = static_cast<std::uint8_t>((i == 0 ? flagFirst : 0) | (last ? flagLast : 0));
-        putCallHeader(base + i * stride, header, flags, size, behind == 0 ? 0 : behind - trailerSize,
-                      stubSize - i * piece);
-        if (guard != nullptr) {
-            guard->protect({base + i * stride, size}, headerBytes, padding);
-        }
+        finishFragment({base + i * stride, size}, header, {{}, {}, i == 0, last, stubSize - i * piece}, padding, guard);
     }
 }
 

@@ -15,10 +15,12 @@
 #include "base/TimeSource.h"
 #include "dcom/DcomSettings.h"
 #include "dcom/net/RepeatFilter.h"
+#include "dcom/net/TcpDialer.h"
 #include "dcom/net/TcpServer.h"
 #include "dcom/orpc/ActivationHandler.h"
 #include "dcom/orpc/ObjectExporter.h"
 #include "dcom/orpc/OrpcHandler.h"
+#include "dcom/outgoing/RemoteProcesses.h"
 #include "opcda/Server.h"
 #include "opcda/wire/InterfaceTable.h"
 #include "opcda/wire/OpcClassFactory.h"
@@ -41,6 +43,18 @@ dcom::orpc::ExporterSettings exporterSettings(const dcom::DcomSettings& settings
     result.closeGrace = settings.closeGrace * second;
     result.minimumLevel = settings.minimumLevel;
     result.log = log;
+    return result;
+}
+
+dcom::outgoing::CallSettings callSettings(const dcom::DcomSettings& settings) {
+    dcom::outgoing::CallSettings result;
+    result.account = settings.callbacks.account;
+    result.minimumLevel = settings.callbacks.minimumLevel;
+    result.allowNoLogOn = settings.callbacks.allowNoLogOn;
+    // Client machines count three periods of two minutes, which nobody can set there.
+    result.pingPeriod =
+        std::min(result.pingPeriod, std::chrono::milliseconds(std::chrono::seconds(settings.pingTimeout)) / 3);
+    result.settingsPath = dcom::dcomSettingsPath();
     return result;
 }
 
@@ -94,6 +108,13 @@ struct OpcNetwork::Impl {
     // trouble and client are called on the network's thread.
     Impl(SLIKServer& control, AsioLoop& loop, const Trouble& trouble, const Trouble& client, dcom::DcomSettings read)
         : settings(std::move(read)),
+          callbackLines(loop, trouble),
+          dialer(loop),
+          calls(callSettings(settings)),
+          remoteObjects({dialer, loop, calls,
+                         [this](const std::string& source, const std::string& kind, const std::string& line) {
+                             callbackLines.say(source, kind, line);
+                         }}),
           application(control.network()),
           exporter(exporterSettings(settings, trouble), [] { return timeSource().monotonicMilliseconds(); }),
           activationHandler(exporter, classes),
@@ -175,6 +196,10 @@ struct OpcNetwork::Impl {
     void tick() { timer->start(exporter.tick() ? std::chrono::milliseconds(0) : exporterTick); }
 
     dcom::DcomSettings settings;
+    dcom::net::RepeatFilter callbackLines;
+    dcom::net::TcpDialer dialer;
+    dcom::outgoing::CallSettings calls;
+    dcom::outgoing::RemoteProcesses remoteObjects;  // outlives the objects that hold what is called back
     opcda::Application application;
     dcom::orpc::ClassRegistry classes;
     dcom::orpc::ObjectExporter exporter;

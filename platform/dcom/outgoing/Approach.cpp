@@ -1,0 +1,78 @@
+#include "dcom/outgoing/Approach.h"
+
+#include <utility>
+
+#include "base/TimeSource.h"
+
+namespace quelm::dcom::outgoing {
+
+Approach::Approach(Surroundings& surroundings, std::string client, std::vector<Address> addresses,
+                   const Uuid& interfaceId, rpc::AuthLevel level, IOwner& owner)
+    : surroundings_(surroundings),
+      client_(std::move(client)),
+      interfaceId_(interfaceId),
+      level_(level),
+      owner_(owner),
+      worst_{Step::Connect, addresses.empty() ? Reason::NoAddress : Reason::NoLogOn} {
+    for (Address& address : addresses) {
+        if (surroundings.settings.account) {
+            ways_.push_back({address, true});
+        }
+        if (surroundings.settings.allowNoLogOn) {
+            ways_.push_back({std::move(address), false});
+        }
+    }
+}
+
+void Approach::begin() {
+    begun_ = timeSource().monotonicMilliseconds();
+    tryWay();
+}
+
+void Approach::tryWay() {
+    const std::chrono::milliseconds taken(timeSource().monotonicMilliseconds() - begun_);
+    if (way_ == ways_.size() || taken > longest) {
+        return owner_.exhausted(Trouble(worst_));
+    }
+    turn_.emplace(surroundings_.turns, client_, [this] { dial(); });
+}
+
+void Approach::dial() {
+    rpc::LogOnSettings logOn;
+    if (ways_[way_].logsOn) {
+        logOn.account = &*surroundings_.settings.account;
+        logOn.level = level_;
+    }
+    channel_ = std::make_unique<Channel>(surroundings_.dialer, surroundings_.loop, address(), logOn, interfaceId_,
+                                         static_cast<Channel::IOwner&>(*this));
+}
+
+void Approach::opened() {
+    turn_.reset();
+    isOpen_ = true;
+    owner_.opened(*channel_);
+}
+
+void Approach::broken(const Trouble& trouble) {
+    if (isOpen_) {
+        return owner_.lost(trouble);
+    }
+    next(trouble);
+}
+
+void Approach::next(const Trouble& trouble) {
+    if (way_ == 0 || trouble.step > worst_.step) {
+        worst_ = trouble;
+    }
+    const Address tried = address();
+    turn_.reset();
+    channel_.reset();
+    isOpen_ = false;
+    do {
+        ++way_;
+        // Where there is no connection the log-on does not matter.
+    } while (trouble.step == Step::Connect && way_ < ways_.size() && address() == tried);
+    tryWay();
+}
+
+}  // namespace quelm::dcom::outgoing

@@ -1,0 +1,145 @@
+// The way to the process, and what becomes of it when there is none.
+
+#include "dcom/outgoing/RemoteProcess.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <utility>
+
+#include "base/TimeSource.h"
+#include "dcom/orpc/OrpcTypes.h"
+#include "dcom/outgoing/Candidates.h"
+#include "dcom/outgoing/RemoteObject.h"
+
+namespace quelm::dcom::outgoing {
+
+RemoteProcess::RemoteProcess(Surroundings& surroundings, std::string host, std::string client, std::uint64_t oxid,
+                             std::function<void(RemoteProcess&)> ended)
+    : surroundings_(surroundings),
+      host_(std::move(host)),
+      client_(std::move(client)),
+      oxid_(oxid),
+      ended_(std::move(ended)),
+      timer_(surroundings.loop.makeTimer([this] { onTimer(); })),
+      pinger_(surroundings, client_, [this](const Trouble* trouble) { onPing(trouble); }) {}
+
+RemoteProcess::~RemoteProcess() = default;
+
+void RemoteProcess::close() {
+    approach_.reset();
+    timer_->stop();
+    while (count_ != 0) {
+        Object& object = anyObject();
+        forget(object);
+        object.detach();
+    }
+}
+
+void RemoteProcess::onTimer() {
+    const auto self = shared_from_this();
+    if (state_ != State::Waiting) {
+        return pump();
+    }
+    if (count_ == 0) {
+        return ended_(*this);
+    }
+    approach(State::Resolving, resolver_, orpc::iidObjectExporter, surroundings_.settings.minimumLevel);
+}
+
+void RemoteProcess::approach(State state, std::vector<Address> addresses, const Uuid& interfaceId,
+                             rpc::AuthLevel level) {
+    state_ = state;
+    proven_ = false;
+    approach_ = std::make_unique<Approach>(surroundings_, client_, std::move(addresses), interfaceId, level,
+                                           static_cast<Approach::IOwner&>(*this));
+    approach_->begin();
+}
+
+void RemoteProcess::opened(Channel& channel) {
+    if (state_ == State::Resolving) {
+        return channel.call(
+            Step::Resolve, {orpc::iidObjectExporter, orpc::opnumOf(orpc::ObjectExporterCall::ResolveOxid2), {}},
+            [this](ndr::Writer& out) { orpc::writeResolveOxid2(out, oxid_); },
+            [this](const rpc::CallResult& result) { onResolved(result); }, serviceLimit);
+    }
+    const auto self = shared_from_this();
+    state_ = State::Ready;
+    pump();
+}
+
+void RemoteProcess::onResolved(const rpc::CallResult& result) {
+    const auto self = shared_from_this();
+    const auto answer = result.fault == Fault::None ? orpc::parseResolveOxid2(result.stub) : std::nullopt;
+    const Channel& channel = approach_->channel();
+    if (!answer) {
+        return approach_->next(channel.troubleOf(result));
+    }
+    constexpr std::uint32_t invalidProcess = 1910;
+    if (answer->status != 0) {
+        return approach_->next(answer->status == invalidProcess
+                                   ? channel.trouble(Reason::UnknownProcess)
+                                   : channel.trouble(Reason::Fault, fmt::format("status {}", answer->status)));
+    }
+    // The next round and the pings begin with the address that knew the process.
+    const auto good = std::find(resolver_.begin(), resolver_.end(), approach_->address());
+    std::rotate(resolver_.begin(), good, good + 1);
+    pinger_.pingAt(resolver_);
+    remUnknown_ = answer->remUnknownIpid;
+    const auto hint = rpc::effectiveLevel(static_cast<std::uint8_t>(std::min(answer->levelHint, 255U)));
+    approach(State::Connecting, candidates(answer->bindings, host_), orpc::iidRemUnknown,
+             std::max(hint, surroundings_.settings.minimumLevel));
+}
+
+void RemoteProcess::lost(const Trouble& trouble) {
+    const auto self = shared_from_this();
+    if (proven_) {
+        // One that was cut while nothing was under way has cost nobody anything yet.
+        retry(trouble, job_ != Job::None);
+    } else {
+        refuseWay(trouble);
+    }
+    settle();
+}
+
+void RemoteProcess::refuseWay(const Trouble& trouble) {
+    if (state_ == State::Ready) {
+        state_ = State::Connecting;
+    }
+    approach_->next(trouble);
+}
+
+void RemoteProcess::exhausted(const Trouble& worst) {
+    const auto self = shared_from_this();
+    retry(worst, true);
+}
+
+void RemoteProcess::retry(const Trouble& trouble, bool isWorthALine) {
+    state_ = State::Waiting;
+    approach_.reset();
+    const std::uint64_t now = timeSource().monotonicMilliseconds();
+    if (!failingSince_) {
+        failingSince_ = now;
+    }
+    const std::chrono::milliseconds failing(now - *failingSince_);
+    if (trouble.isFinal() || failing >= 3 * surroundings_.settings.pingPeriod) {
+        return giveUpAll(trouble);
+    }
+    if (count_ == 0) {
+        return ended_(*this);
+    }
+    if (isWorthALine && !std::exchange(isSaid_, true)) {
+        say(anyObject(), "Cannot call back", trouble, "; trying again");
+    }
+    timer_->start(pause_);
+    pause_ = std::min(2 * pause_, longestPause);
+}
+
+void RemoteProcess::onProven() {
+    proven_ = true;
+    isSaid_ = false;
+    pause_ = firstPause;
+    failingSince_.reset();
+}
+
+}  // namespace quelm::dcom::outgoing

@@ -1,0 +1,37 @@
+#pragma once
+
+// What all outgoing connections have in common: where they come from, who they log on as, and to whom their trouble is
+// told.
+
+#include <chrono>
+#include <functional>
+#include <optional>
+#include <string>
+
+#include "dcom/ntlm/ClientContext.h"
+#include "dcom/outgoing/Dialer.h"
+#include "dcom/outgoing/Turns.h"
+#include "dcom/rpc/AuthLevel.h"
+#include "loop/MessageLoop.h"
+
+namespace quelm::dcom::outgoing {
+
+struct CallSettings {
+    std::optional<ntlm::ClientAccount> account;  // none: nothing is called but without a log-on
+    // The least level of calls that log on; more where the other end asks for it.
+    rpc::AuthLevel minimumLevel = rpc::AuthLevel::Integrity;
+    bool allowNoLogOn = false;                      // where the account is refused, or there is none
+    std::chrono::milliseconds pingPeriod{120'000};  // the other end counts three of them without a ping as our death
+    std::string settingsPath;                       // where all this is set, for lines
+};
+
+struct Surroundings {
+    IDialer& dialer;
+    IMessageLoop& loop;
+    const CallSettings& settings;
+    // Takes a line for the operator: the host that it is about, what makes lines repeats of each other, and the line.
+    std::function<void(const std::string& source, const std::string& kind, const std::string& line)> say;
+    Turns turns = {};
+};
+
+}  // namespace quelm::dcom::outgoing
