@@ -17,4 +17,12 @@ inline constexpr std::uint16_t uncertainUnitsExceeded = 0x54;
 inline constexpr std::uint16_t uncertainSubNormal = 0x58;
 inline constexpr std::uint16_t good = 0xC0;
 
+// By the two bits that say which of the three a quality is.
+constexpr bool isGood(std::uint16_t word) {
+    return (word & good) == good;
+}
+constexpr bool isBad(std::uint16_t word) {
+    return (word & good) == bad;
+}
+
 }  // namespace quelm::quality

@@ -188,6 +188,9 @@ class Coercer {
         if (type == static_cast<VarType>(value_.kind()) && takeAsItIs()) {
             return S_OK;
         }
+        if (isNotANumber()) {
+            return DISP_E_OVERFLOW;
+        }
         if (type == VT_BSTR) {
             return toText();
         }
@@ -263,6 +266,11 @@ class Coercer {
             default:
                 return false;
         }
+    }
+
+    bool isNotANumber() const {
+        return (value_.kind() == VariantKind::Single && std::isnan(value_.single())) ||
+               (value_.kind() == VariantKind::Double && std::isnan(value_.real()));
     }
 
     HResult toNumber(const Number& number, VarType type) {
@@ -364,7 +372,7 @@ class Coercer {
 
     HResult realToText(double real, int digits) {
         if (!std::isfinite(real)) {
-            return giveText(std::isnan(real) ? "1.#QNAN" : real < 0 ? "-1.#INF" : "1.#INF");
+            return giveText(real < 0 ? "-1.#INF" : "1.#INF");
         }
         char* const begin = out_.digits_.data();
         // A negative zero is written as any other.

@@ -4,11 +4,13 @@
 // client passes here: numbers and texts convert without an allocation.
 
 #include <array>
+#include <cmath>
 #include <cstdint>
 #include <span>
 #include <string>
 #include <string_view>
 
+#include "base/Quality.h"
 #include "base/Variant.h"
 #include "opcda/HResults.h"
 
@@ -71,8 +73,8 @@ HResult convertSlowly(const Variant& value, VarType requested, OpcValue& out);
 
 // The value in the requested type (VT_EMPTY: in its own). An Empty value stays Empty whatever was requested: the item
 // has no value, and a 0 would look like one; Null counts the same.
-// S_OK; DISP_E_OVERFLOW or DISP_E_TYPEMISMATCH, as the system's own conversion reports them: out is then VT_EMPTY and
-// the item's quality is to be given as bad.
+// S_OK; DISP_E_OVERFLOW or DISP_E_TYPEMISMATCH, as the system's own conversion reports them: out is then VT_EMPTY. What
+// is no number (NaN) has no place in any other type: DISP_E_OVERFLOW.
 inline HResult convert(const Variant& value, VarType requested, OpcValue& out) {
     const auto kind = static_cast<VarType>(value.kind());
     if (kind == requested || requested == VT_EMPTY) {
@@ -102,6 +104,20 @@ inline HResult convert(const Variant& value, VarType requested, OpcValue& out) {
         }
     }
     return detail::convertSlowly(value, requested, out);
+}
+
+// What every client gets of an item, whichever way it asks: the value in the requested type, and the quality, which
+// becomes bad where the value cannot be converted or is no number at all.
+inline HResult present(const Variant& value, VarType requested, std::uint16_t& quality, OpcValue& out) {
+    const HResult error = convert(value, requested, out);
+    if (error != S_OK) {
+        quality = quality::bad;
+    } else if ((out.type == VT_R4 && std::isnan(out.single)) || (out.type == VT_R8 && std::isnan(out.real))) {
+        constexpr std::uint16_t vendorsByte = 0xFF00;
+        quality =
+            quality::isBad(quality) ? quality : static_cast<std::uint16_t>((quality & vendorsByte) | quality::bad);
+    }
+    return error;
 }
 
 }  // namespace quelm::opcda

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "opcda/Application.h"
 #include "opcda/ItemLookup.h"
 #include "opcda/Server.h"
 
@@ -33,12 +34,6 @@ Group::Group(Server& server, Application& application, GroupHolds holds, std::st
       state_(state),
       firstGeneration_(static_cast<std::uint16_t>(serverHandle * 37U % maxGeneration + 1)) {}
 
-Group::~Group() {
-    if (!isRemoved()) {
-        server_->groupGone(*this);
-    }
-}
-
 HResult Group::setState(const GroupChange& change) {
     if (isRemoved()) {
         return E_FAIL;
@@ -49,11 +44,15 @@ HResult Group::setState(const GroupChange& change) {
     if (change.updateRate) {
         state_.updateRate = revisedRate(*change.updateRate);
     }
+    if (change.active.value_or(false) && !state_.active) {
+        forgetSent();
+    }
     state_.active = change.active.value_or(state_.active);
     state_.timeBias = change.timeBias.value_or(state_.timeBias);
     state_.percentDeadband = change.percentDeadband.value_or(state_.percentDeadband);
     state_.localeId = change.localeId.value_or(state_.localeId);
     state_.clientHandle = change.clientHandle.value_or(state_.clientHandle);
+    wakeSinks();
     return change.updateRate && *change.updateRate != state_.updateRate ? OPC_S_UNSUPPORTEDRATE : S_OK;
 }
 
@@ -102,7 +101,8 @@ std::uint32_t Group::insert(const ItemDefinition& item, const SLIKTag& tag) {
     slot.active = item.active;
     ++itemCount_;
     listed_.reset();
-    return static_cast<std::uint32_t>(slot.generation) << slotBits | number;
+    forgetSent(number);
+    return handleOf(number);
 }
 
 // Ahead of need by half, so that adding items one by one stays cheap.
@@ -112,7 +112,7 @@ bool Group::makeRoom(std::size_t slots) {
     }
     const std::size_t ahead = std::max<std::size_t>(slots + slots / 2, 8);
     for (const std::size_t wanted : {ahead, slots}) {
-        if (holds_.memory.resize(footprint + wanted * slotCost)) {
+        if (holds_.memory.resize(memoryFor(wanted, subscriptions_.size()))) {
             slots_.reserve(wanted);
             return true;
         }
@@ -151,10 +151,13 @@ HResult Group::validateEach(std::span<const ItemDefinition> items, std::vector<I
 }
 
 HResult Group::addItems(std::span<const ItemDefinition> items, std::vector<ItemResult>& results) {
-    return validateEach(items, results, [this](const ItemDefinition& item, const SLIKTag& tag, ItemResult& result) {
-        result.serverHandle = insert(item, tag);
-        result.error = result.serverHandle == 0 ? E_OUTOFMEMORY : S_OK;
-    });
+    const HResult result =
+        validateEach(items, results, [this](const ItemDefinition& item, const SLIKTag& tag, ItemResult& added) {
+            added.serverHandle = insert(item, tag);
+            added.error = added.serverHandle == 0 ? E_OUTOFMEMORY : S_OK;
+        });
+    wakeSinks();
+    return result;
 }
 
 HResult Group::validateItems(std::span<const ItemDefinition> items, std::vector<ItemResult>& results) const {
@@ -165,8 +168,8 @@ HResult Group::validateItems(std::span<const ItemDefinition> items, std::vector<
 template <class Action>
 HResult Group::forEach(std::span<const std::uint32_t> handles, std::vector<HResult>& errors, Action&& action) {
     errors.clear();
-    if (handles.empty()) {
-        return E_INVALIDARG;
+    if (handles.empty() || isRemoved()) {
+        return isRemoved() ? E_FAIL : E_INVALIDARG;
     }
     listed_.reset();
     HResult all = S_OK;
@@ -186,10 +189,15 @@ HResult Group::removeItems(std::span<const std::uint32_t> handles, std::vector<H
 }
 
 HResult Group::setActiveState(std::span<const std::uint32_t> handles, bool active, std::vector<HResult>& errors) {
-    return forEach(handles, errors, [active](std::size_t, std::uint32_t, Slot& slot) {
+    const HResult result = forEach(handles, errors, [this, active](std::size_t, std::uint32_t handle, Slot& slot) {
+        if (active && !slot.active) {
+            forgetSent(handle & slotMask);
+        }
         slot.active = active;
         return S_OK;
     });
+    wakeSinks();
+    return result;
 }
 
 HResult Group::setClientHandles(std::span<const std::uint32_t> handles, std::span<const std::uint32_t> clientHandles,
@@ -210,7 +218,7 @@ HResult Group::setDatatypes(std::span<const std::uint32_t> handles, std::span<co
         errors.clear();
         return E_INVALIDARG;
     }
-    return forEach(handles, errors, [types](std::size_t index, std::uint32_t, Slot& slot) {
+    const HResult result = forEach(handles, errors, [this, types](std::size_t index, std::uint32_t, Slot& slot) {
         if (!isConvertible(slot.tag->varType(), types[index])) {
             return OPC_E_BADTYPE;
         }
@@ -218,9 +226,14 @@ HResult Group::setDatatypes(std::span<const std::uint32_t> handles, std::span<co
         slot.type = types[index] == VT_EMPTY ? slot.tag->varType() : types[index];
         return S_OK;
     });
+    noteChange();
+    return result;
 }
 
 HResult Group::enumerateItems(Enumerator<ItemAttributes>& items) const {
+    if (isRemoved()) {
+        return E_FAIL;
+    }
     const HResult result = itemCount_ == 0 ? S_FALSE : S_OK;
     if (auto listed = listed_.lock()) {
         items = Enumerator<ItemAttributes>(std::move(listed));
@@ -235,8 +248,7 @@ HResult Group::enumerateItems(Enumerator<ItemAttributes>& items) const {
     for (std::size_t number = 0; number < slots_.size(); ++number) {
         const Slot& slot = slots_[number];
         if (slot.tag != nullptr) {
-            const auto handle = static_cast<std::uint32_t>(slot.generation << slotBits | number);
-            list.push_back({slot.tag, slot.clientHandle, handle, slot.requestedType, slot.active});
+            list.push_back({slot.tag, slot.clientHandle, handleOf(number), slot.requestedType, slot.active});
         }
     }
     using List = Enumerator<ItemAttributes>::List;
@@ -246,17 +258,21 @@ HResult Group::enumerateItems(Enumerator<ItemAttributes>& items) const {
     return result;
 }
 
-void Group::readDevice(std::span<const std::uint32_t> handles, std::function<void(DeviceReading&)> done) {
-    const auto reading = std::make_shared<DeviceReading>();
-    reading->group_ = shared_from_this();
-    reading->asked_.reserve(handles.size());
+DeviceReading::Asked Group::toAsk(std::uint32_t handle) {
+    const Slot* slot = find(handle);
+    if (slot == nullptr) {
+        return {nullptr, handle, 0, OPC_E_INVALIDHANDLE, VT_EMPTY};
+    }
+    const bool isReadable = (slot->tag->accessRights() & accessReadable) != 0;
+    return {slot->tag, handle, slot->clientHandle, isReadable ? S_OK : OPC_E_BADRIGHTS, slot->type};
+}
+
+void Group::ask(const std::shared_ptr<DeviceReading>& reading, std::function<void(DeviceReading&)> done) {
     std::vector<const SLIKTag*>& tags = application_->callBuffers().asked;
     tags.clear();
-    for (const std::uint32_t handle : handles) {
-        DeviceReading::Asked& item = reading->asked_.emplace_back();
-        if (const Slot* slot = findReadable(handle, item.error, item.clientHandle)) {
-            item.type = slot->type;
-            tags.push_back(slot->tag);
+    for (const DeviceReading::Asked& item : reading->asked_) {
+        if (item.error == S_OK) {
+            tags.push_back(item.tag);
         }
     }
     application_->control().deviceRead(
@@ -265,6 +281,28 @@ void Group::readDevice(std::span<const std::uint32_t> handles, std::function<voi
             reading->readings_ = readings;
             done(*reading);
         });
+}
+
+void Group::readDevice(std::span<const std::uint32_t> handles, std::function<void(DeviceReading&)> done) {
+    const auto reading = std::make_shared<DeviceReading>();
+    reading->group_ = shared_from_this();
+    reading->asked_.reserve(handles.size());
+    for (const std::uint32_t handle : handles) {
+        reading->asked_.push_back(toAsk(handle));
+    }
+    ask(reading, std::move(done));
+}
+
+HResult DeviceReading::take(std::size_t answer, VarType type, std::uint16_t& quality, std::int64_t& fileTime,
+                            OpcValue& value) const {
+    if (hostError_ != S_OK || !readings_[answer].isFilled()) {
+        value.type = VT_EMPTY;
+        return hostError_ != S_OK ? hostError_ : E_FAIL;
+    }
+    const RequestedItem& reading = readings_[answer];
+    quality = reading.qualityWord();
+    fileTime = reading.fileTime();
+    return present(reading.value(), type, quality, value);
 }
 
 void Group::write(std::span<const std::uint32_t> handles, WriteDone done) {
@@ -281,7 +319,7 @@ void Group::write(std::span<const std::uint32_t> handles, WriteDone done) {
                                   });
 }
 
-void Group::noteDataSent() {
+void Group::noteDataSent() const {
     if (server_ != nullptr) {
         server_->noteDataSent();
     }
@@ -300,9 +338,11 @@ bool Group::copyItemsFrom(const Group& other) {
     return true;
 }
 
-// The items go at once, whoever still holds the group; it keeps its own place until then.
+// Items, sinks and transactions go at once, whoever still holds the group; it keeps its own place until then.
 void Group::detach() {
     server_ = nullptr;
+    subscriptions_.clear();
+    transactions_.clear();
     slots_ = {};
     freeSlots_ = {};
     itemCount_ = 0;

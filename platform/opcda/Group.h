@@ -1,11 +1,12 @@
 #pragma once
 
-// A client's group: its items, their handles, and reading and writing them. The read path has no look-up but a vector
-// index and allocates nothing.
+// A client's group: its items, their handles, reading and writing them, and the sinks that are told of changes. The
+// read path has no look-up but a vector index and allocates nothing.
 
 #include <cstdint>
 #include <deque>
 #include <functional>
+#include <map>
 #include <memory>
 #include <optional>
 #include <span>
@@ -15,14 +16,18 @@
 
 #include "base/Quality.h"
 #include "budget/ClientBudget.h"
+#include "opcda/Callbacks.h"
 #include "opcda/Coercion.h"
+#include "opcda/Connections.h"
 #include "opcda/Enumerators.h"
 #include "opcda/HResults.h"
+#include "opcda/Subscription.h"
 #include "slikda/SLIKNetwork.h"
 
 namespace quelm::opcda {
 
 class Application;
+class CallbackColumns;
 class Server;
 
 inline constexpr std::uint32_t accessReadable = 1;
@@ -65,7 +70,8 @@ struct GroupState {
     std::uint32_t updateRate = 0;  // milliseconds
     bool active = false;
     std::int32_t timeBias = 0;  // minutes
-    float percentDeadband = 0;  // 0 to 100
+    // 0 to 100; kept and without effect, because a deadband is a part of the engineering range, which no item has here.
+    float percentDeadband = 0;
     std::uint32_t localeId = 0;
     std::uint32_t clientHandle = 0;
 };
@@ -101,17 +107,24 @@ class DeviceReading {
     // Calls sink(const ItemReading&) once for each handle that was asked for, in order. S_OK, or S_FALSE when an item
     // has an error: a failure that the host reports becomes every valid item's.
     template <class Sink>
-    HResult deliver(Sink&& sink);
+    HResult deliver(Sink&& sink) const;
     // Bytes that the client's budget has left.
     std::size_t memoryLeft() const;
+    void noteDataSent() const;
 
  private:
     friend class Group;
     struct Asked {
-        HResult error = S_OK;  // why it was not asked for
+        const SLIKTag* tag = nullptr;
+        std::uint32_t handle = 0;
         std::uint32_t clientHandle = 0;
+        HResult error = S_OK;  // why it was not asked for
         VarType type = VT_EMPTY;
     };
+
+    // An answer, by its place among the items that were asked for, in some type. Gives the item's error.
+    HResult take(std::size_t answer, VarType type, std::uint16_t& quality, std::int64_t& fileTime,
+                 OpcValue& value) const;
 
     std::shared_ptr<Group> group_;
     std::vector<Asked> asked_;
@@ -126,7 +139,7 @@ class Group : public std::enable_shared_from_this<Group> {
 
     Group(Server& server, Application& application, GroupHolds holds, std::string name, std::uint32_t serverHandle,
           GroupState state);
-    ~Group();
+    ~Group() = default;
     Group(const Group&) = delete;
     Group& operator=(const Group&) = delete;
 
@@ -137,9 +150,10 @@ class Group : public std::enable_shared_from_this<Group> {
     // Bytes that its client's budget has left, and a part of them, still empty, for what is made from this group.
     std::size_t memoryLeft() const { return holds_.memory.room(); }
     Hold memory() const { return holds_.memory.another(); }
-    // The client removed it or its server object is gone. Who still holds the group answers such a client with E_FAIL;
-    // the group's calls do no harm then and find no item.
+    // The client removed it or its server object is gone. Who still holds the group gets E_FAIL from all its calls.
     bool isRemoved() const { return server_ == nullptr; }
+    // Data of this group went to the client just now: to be called by who sent it.
+    void noteDataSent() const;
 
     // S_OK; OPC_S_UNSUPPORTEDRATE when the rate was revised (see state().updateRate); E_INVALIDARG for a deadband
     // outside 0 to 100: nothing is changed then.
@@ -176,9 +190,44 @@ class Group : public std::enable_shared_from_this<Group> {
     using WriteDone = std::function<void(HResult result, const std::vector<HResult>& errors)>;
     void write(std::span<const std::uint32_t> handles, WriteDone done);
 
+    // A sink for the group's callbacks. While the group is active and callbacks are enabled, it gets all active items
+    // and then each that differs from what it was sent, no more often than the update rate allows: value, quality or
+    // error, and also the type when SetDatatypes changed it; a time stamp alone is no difference. What is set active is
+    // sent again. CONNECT_E_ADVISELIMIT; E_OUTOFMEMORY when the client's budget has no room for it.
+    HResult advise(std::unique_ptr<IDataSink> sink, std::uint32_t& cookie);
+    // CONNECT_E_NOCONNECTION for an unknown cookie. The sink is gone then. With the last one go all transactions that
+    // are under way.
+    HResult unadvise(std::uint32_t cookie);
+    // A sink has no unanswered callback any more: what waits for it goes out, though not from within this call.
+    void sinkAnswered();
+
+    // The transactions. Each that begins ends in one callback, which never comes from within the call that begins it,
+    // unless the sinks are gone by then. transaction: any number of the client's, which the callback carries. cancelId:
+    // ours, for cancel(); 0 when none began. errors: one for each handle, none when the call fails as a whole:
+    // E_INVALIDARG (no handle; no such source), CONNECT_E_NOCONNECTION (no sink), CONNECT_E_ADVISELIMIT (so many
+    // callbacks have not ended or not been answered), E_OUTOFMEMORY (the client's budget). S_FALSE: an item has an
+    // error; it is not in the callback, and with none left there is no callback.
+
+    // OnRead once, then onReadComplete.
+    HResult asyncRead(std::span<const std::uint32_t> handles, std::uint32_t transaction, std::uint32_t& cancelId,
+                      std::vector<HResult>& errors);
+    // OnWrite once, then onWriteComplete, with the event's error for each item.
+    HResult asyncWrite(std::span<const std::uint32_t> handles, std::uint32_t transaction, std::uint32_t& cancelId,
+                       std::vector<HResult>& errors);
+    // One onDataChange with all active items, whether callbacks are enabled or not. source: 1 cache, 2 device. E_FAIL
+    // for an inactive group and for one without active items.
+    HResult refresh(std::uint16_t source, std::uint32_t transaction, std::uint32_t& cancelId);
+    // S_OK: onCancelComplete comes instead of the transaction's callback. E_FAIL: there is no such transaction, or none
+    // any more.
+    HResult cancel(std::uint32_t cancelId);
+    // Whether values go out by subscription; at first they do. CONNECT_E_NOCONNECTION without a sink.
+    HResult setEnabled(bool enabled);
+    HResult isEnabled(bool& enabled) const;
+
  private:
     friend class Server;
     friend class DeviceReading;
+    friend class Subscription;
     struct Slot {
         const SLIKTag* tag = nullptr;  // nullptr: free
         std::uint32_t clientHandle = 0;
@@ -204,24 +253,69 @@ class Group : public std::enable_shared_from_this<Group> {
     }
     template <class Action>
     HResult forEach(std::span<const std::uint32_t> handles, std::vector<HResult>& errors, Action&& action);
-    template <class Sink>
-    bool deliver(std::uint32_t clientHandle, VarType type, const Variant& value, std::uint16_t quality,
-                 std::int64_t fileTime, Sink&& sink);
-    // nullptr with the reason.
-    const Slot* findReadable(std::uint32_t handle, HResult& error, std::uint32_t& clientHandle);
-    template <class Sink>
-    void deliverError(std::uint32_t clientHandle, HResult error, Sink&& sink);
+    // What a client gets of the item from the cache. Gives the item's error.
+    HResult fromCache(const Slot& slot, std::uint16_t& quality, OpcValue& value) const;
 
     ItemResult validate(const ItemDefinition& item, const SLIKTag*& tag) const;
     template <class Accept>
     HResult validateEach(std::span<const ItemDefinition> items, std::vector<ItemResult>& results,
                          Accept&& accept) const;
     std::uint32_t insert(const ItemDefinition& item, const SLIKTag& tag);
+    std::uint32_t handleOf(std::size_t number) const {
+        return static_cast<std::uint32_t>(slots_[number].generation) << slotBits | static_cast<std::uint32_t>(number);
+    }
     void remove(std::uint32_t handle, Slot& slot);
-    void noteDataSent();
+    std::size_t memoryFor(std::size_t slots, std::size_t sinks) const {
+        return footprint + slots * (slotCost + sinks * sizeof(SentItem)) + sinks * Subscription::footprint;
+    }
     bool makeRoom(std::size_t slots);
     bool copyItemsFrom(const Group& other);
     void detach();
+    DeviceReading::Asked toAsk(std::uint32_t handle);
+    void ask(const std::shared_ptr<DeviceReading>& reading, std::function<void(DeviceReading&)> done);
+
+    enum class Stage : std::uint8_t { atPlant, waiting, cancelled };
+    // A callback that the client began.
+    struct Transaction {
+        std::uint32_t number;  // the client's
+        Stage stage;
+        Hold memory;
+    };
+    // So many of them may be on their way to the client.
+    static constexpr std::size_t mostTransactions = 64;
+    // Bytes of a transaction, and of each of its items on the way to the plant.
+    static constexpr std::size_t transactionCost = 512;
+    static constexpr std::size_t questionCost = 100;
+
+    HResult refusal(bool asksForNothing) const;
+    HResult begin(std::uint32_t transaction, Stage stage, std::size_t memory, std::uint32_t& cancelId);
+    void beginReading(std::uint32_t cancelId, std::shared_ptr<DeviceReading> reading,
+                      void (Group::*complete)(std::uint32_t, const DeviceReading&));
+    // Later, and only if the transaction has not ended by then.
+    template <class Action>
+    void postFor(std::uint32_t cancelId, Action action);
+    bool isUnderWay(std::uint32_t cancelId) const;
+    CallbackColumns& endInCallback(std::uint32_t cancelId);
+    void completeRead(std::uint32_t cancelId, const DeviceReading& reading);
+    void completeRefresh(std::uint32_t cancelId, const DeviceReading& reading);
+    void completeWrite(std::uint32_t cancelId, std::span<const std::uint32_t> clientHandles, HResult error);
+    void completeCancel(std::uint32_t cancelId);
+
+    // Values by subscription, and what a refresh sends.
+    bool sendsChanges() const { return state_.active && isEnabled_; }
+    bool isRefreshWaiting() const;
+    bool isAnySinkBusy() const;
+    void wakeSinks();
+    // Something besides values changed; what was sent counts no more, of all items or of one.
+    void noteChange();
+    void forgetSent();
+    void forgetSent(std::size_t slot);
+    std::size_t sendChanges(Subscription& to, std::uint64_t now);
+    bool gatherChanges(Subscription& to, std::size_t begin, std::size_t end);
+    std::size_t sendRefresh();
+    void addRefreshed(CallbackColumns& callback, std::size_t number, std::int64_t fileTime, std::uint16_t quality,
+                      HResult error, OpcValue& value);
+    void sendRefreshed(CallbackColumns& callback);
 
     Server* server_;
     Application* application_;
@@ -234,53 +328,40 @@ class Group : public std::enable_shared_from_this<Group> {
     std::size_t itemCount_ = 0;
     std::uint16_t firstGeneration_;
     mutable std::weak_ptr<const Enumerator<ItemAttributes>::List> listed_;
-    OpcValue value_;
+    bool isEnabled_ = true;
+    Connections<Subscription> subscriptions_;
+    std::map<std::uint32_t, Transaction> transactions_;  // by cancel ID, which is their order
 };
 
-template <class Sink>
-bool Group::deliver(std::uint32_t clientHandle, VarType type, const Variant& value, std::uint16_t quality,
-                    std::int64_t fileTime, Sink&& sink) {
-    const HResult error = convert(value, type, value_);
-    sink(ItemReading{error, clientHandle, fileTime, error == S_OK ? quality : quality::bad, value_});
-    return error == S_OK;
-}
-
-template <class Sink>
-void Group::deliverError(std::uint32_t clientHandle, HResult error, Sink&& sink) {
-    value_.type = VT_EMPTY;
-    sink(ItemReading{error, clientHandle, 0, quality::bad, value_});
-}
-
-inline const Group::Slot* Group::findReadable(std::uint32_t handle, HResult& error, std::uint32_t& clientHandle) {
-    const Slot* slot = find(handle);
-    clientHandle = slot != nullptr ? slot->clientHandle : 0;
-    if (slot == nullptr || (slot->tag->accessRights() & accessReadable) == 0) {
-        error = slot == nullptr ? OPC_E_INVALIDHANDLE : OPC_E_BADRIGHTS;
-        return nullptr;
+inline HResult Group::fromCache(const Slot& slot, std::uint16_t& quality, OpcValue& value) const {
+    if ((slot.tag->accessRights() & accessReadable) == 0) {
+        value.type = VT_EMPTY;
+        quality = quality::bad;
+        return OPC_E_BADRIGHTS;
     }
-    return slot;
+    quality = state_.active && slot.active ? slot.tag->qualityWord() : quality::badOutOfService;
+    return present(slot.tag->Value(), slot.type, quality, value);
 }
 
 template <class Sink>
 HResult Group::readCache(std::span<const std::uint32_t> handles, Sink&& sink) {
-    if (handles.empty()) {
-        return E_INVALIDARG;
+    if (handles.empty() || isRemoved()) {
+        return isRemoved() ? E_FAIL : E_INVALIDARG;
     }
     bool allGood = true;
+    OpcValue value;
     for (const std::uint32_t handle : handles) {
-        HResult error = S_OK;
-        std::uint32_t clientHandle = 0;
-        const Slot* slot = findReadable(handle, error, clientHandle);
-        if (slot == nullptr) {
-            deliverError(clientHandle, error, sink);
+        if (const Slot* slot = find(handle)) {
+            std::uint16_t quality = 0;
+            const HResult error = fromCache(*slot, quality, value);
+            sink(ItemReading{error, slot->clientHandle, slot->tag->fileTime(), quality, value});
+            allGood &= error == S_OK;
+        } else {
+            value.type = VT_EMPTY;
+            sink(ItemReading{OPC_E_INVALIDHANDLE, 0, 0, quality::bad, value});
             allGood = false;
-            continue;
         }
-        const SLIKTag& tag = *slot->tag;
-        const std::uint16_t quality = state_.active && slot->active ? tag.qualityWord() : quality::badOutOfService;
-        allGood &= deliver(slot->clientHandle, slot->type, tag.Value(), quality, tag.fileTime(), sink);
     }
-    noteDataSent();
     return allGood ? S_OK : S_FALSE;
 }
 
@@ -288,26 +369,27 @@ inline std::size_t DeviceReading::memoryLeft() const {
     return group_->memoryLeft();
 }
 
+inline void DeviceReading::noteDataSent() const {
+    group_->noteDataSent();
+}
+
 template <class Sink>
-HResult DeviceReading::deliver(Sink&& sink) {
+HResult DeviceReading::deliver(Sink&& sink) const {
     bool allGood = true;
     std::size_t next = 0;
+    OpcValue value;
     for (const Asked& item : asked_) {
-        const RequestedItem* reading = nullptr;
-        HResult error = item.error != S_OK ? item.error : hostError_;
-        if (item.error == S_OK && hostError_ == S_OK) {
-            reading = &readings_[next++];
-            error = reading->isFilled() ? S_OK : E_FAIL;
+        std::uint16_t quality = quality::bad;
+        std::int64_t fileTime = 0;
+        HResult error = item.error;
+        if (error == S_OK) {
+            error = take(next++, item.type, quality, fileTime, value);
+        } else {
+            value.type = VT_EMPTY;
         }
-        if (error != S_OK) {
-            group_->deliverError(item.clientHandle, error, sink);
-            allGood = false;
-            continue;
-        }
-        allGood &= group_->deliver(item.clientHandle, item.type, reading->value(), reading->qualityWord(),
-                                   reading->fileTime(), sink);
+        sink(ItemReading{error, item.clientHandle, fileTime, quality, value});
+        allGood &= error == S_OK;
     }
-    group_->noteDataSent();
     return allGood ? S_OK : S_FALSE;
 }
 

@@ -20,10 +20,9 @@ bool isFresh(const SLIKTag& tag, std::uint32_t maxAge, std::int64_t now) {
 // The same conversion to the item's own type as a group's read makes, to know its failure.
 void settle(ItemIOReading& reading) {
     OpcValue value;
-    reading.error = convert(reading.value, reading.type, value);
+    reading.error = present(reading.value, reading.type, reading.quality, value);
     if (reading.error != S_OK) {
         reading.value = Variant();
-        reading.quality = quality::bad;
     }
 }
 

@@ -29,12 +29,6 @@ bool isAvailable(std::uint32_t localeId) {
 
 }  // namespace
 
-// The order in which clients browse is made now: the first of them would wait for it.
-Application::Application(SLIKNetwork& control)
-    : control_(&control), startTime_(timeSource().fileTimeNow()), budgets_([this] { return items().Count(); }) {
-    items().browseOrder();
-}
-
 Server::Server(Application& application, std::shared_ptr<ClientBudget> budget)
     : application_(&application),
       isAdmitted_(application.control().clientCreated()),
@@ -44,13 +38,12 @@ Server::Server(Application& application, std::shared_ptr<ClientBudget> budget)
       properties_(application.items()),
       itemIO_(application.control()) {
     memory_.set(footprint);
+    application.servers_.push_back(this);
 }
 
 Server::~Server() {
+    std::erase(application_->servers_, this);
     for (const auto& [handle, group] : groups_) {
-        group->detach();
-    }
-    for (const auto& [handle, group] : leaving_) {
         group->detach();
     }
     if (isAdmitted_) {
@@ -87,17 +80,10 @@ HResult Server::insert(std::string_view name, const GroupState& state, std::shar
     return S_OK;
 }
 
-// A group that is leaving has no place among the names.
 void Server::rename(Group& group, std::string_view name) {
-    const auto known = byName_.find(group.name());
-    const bool listed = known != byName_.end() && known->second == &group;
-    if (listed) {
-        byName_.erase(known);
-    }
+    byName_.erase(group.name());
     group.name_ = name;
-    if (listed) {
-        byName_.emplace(group.name(), &group);
-    }
+    byName_.emplace(group.name(), &group);
 }
 
 HResult Server::addGroup(const GroupRequest& request, std::shared_ptr<Group>& group) {
@@ -137,12 +123,8 @@ HResult Server::removeGroup(std::uint32_t serverHandle, bool force, bool inUse) 
     const std::shared_ptr<Group> group = std::move(found->second);
     groups_.erase(found);
     byName_.erase(group->name());
-    if (inUse && !force) {
-        leaving_.emplace(serverHandle, group.get());
-        return OPC_S_INUSE;
-    }
     group->detach();
-    return S_OK;
+    return inUse && !force ? OPC_S_INUSE : S_OK;
 }
 
 HResult Server::cloneGroup(const Group& group, std::string_view name, std::shared_ptr<Group>& clone) {
@@ -232,6 +214,26 @@ HResult Server::setLocale(std::uint32_t localeId) {
 void Server::setClientName(std::string_view name) {
     constexpr std::size_t longest = 256;
     clientName_ = leftCharacters(name, longest);
+}
+
+HResult Server::advise(std::unique_ptr<IShutdownSink> sink, std::uint32_t& cookie) {
+    cookie = 0;
+    if (!memory_.resize(footprint + (shutdownSinks_.size() + 1) * sinkFootprint)) {
+        return E_OUTOFMEMORY;
+    }
+    const HResult result = shutdownSinks_.advise(std::move(sink), cookie);
+    memory_.set(footprint + shutdownSinks_.size() * sinkFootprint);
+    return result;
+}
+
+HResult Server::unadvise(std::uint32_t cookie) {
+    const HResult result = shutdownSinks_.unadvise(cookie);
+    memory_.set(footprint + shutdownSinks_.size() * sinkFootprint);
+    return result;
+}
+
+void Server::requestShutdown(std::string_view reason) const {
+    shutdownSinks_.forEach([reason](IShutdownSink& sink) { sink.onShutdownRequest(reason); });
 }
 
 std::span<const std::uint32_t> Server::availableLocales() {

@@ -14,8 +14,10 @@
 #include <vector>
 
 #include "budget/ClientBudget.h"
+#include "opcda/Application.h"
 #include "opcda/Browser.h"
-#include "opcda/CallBuffers.h"
+#include "opcda/Callbacks.h"
+#include "opcda/Connections.h"
 #include "opcda/Enumerators.h"
 #include "opcda/Group.h"
 #include "opcda/HResults.h"
@@ -24,28 +26,6 @@
 #include "slikda/SLIKNetwork.h"
 
 namespace quelm::opcda {
-
-// What all server objects of the process share. Lives longer than any of them.
-class Application {
- public:
-    explicit Application(SLIKNetwork& control);
-    SLIKNetwork& control() { return *control_; }
-    const ItemStore& items() const { return control_->items(); }
-    std::int64_t startTime() const { return startTime_; }  // UTC, FILETIME
-    ClientBudgets& budgets() { return budgets_; }
-    CallBuffers& callBuffers() { return callBuffers_; }
-    // Items of one call, from which on it is refused as a whole.
-    std::size_t itemsPerCall() const { return budgets_.limits().itemsPerCall; }
-    // Never 0, and none twice within four thousand million groups.
-    std::uint32_t nextGroupHandle() { return ++lastGroupHandle_ != 0 ? lastGroupHandle_ : ++lastGroupHandle_; }
-
- private:
-    SLIKNetwork* control_;
-    std::int64_t startTime_;
-    std::uint32_t lastGroupHandle_ = 0;
-    ClientBudgets budgets_;
-    CallBuffers callBuffers_;
-};
 
 struct ServerStatus {
     std::int64_t startTime = 0;       // UTC, FILETIME
@@ -86,8 +66,10 @@ inline constexpr std::uint32_t localeNeutral = 0x0400;
 
 class Server {
  public:
-    // Bytes that a server object takes: itself, its object with five interfaces, the books about them.
+    // Bytes that a server object takes: itself, its object with five interfaces, the books about them; and each of its
+    // sinks.
     static constexpr std::size_t footprint = 4096;
+    static constexpr std::size_t sinkFootprint = 1024;
 
     // budget: where what the client holds is counted; none: a budget of its own.
     explicit Server(Application& application, std::shared_ptr<ClientBudget> budget = nullptr);
@@ -103,9 +85,9 @@ class Server {
     HResult addGroup(const GroupRequest& request, std::shared_ptr<Group>& group);
     // E_INVALIDARG when there is no such group. Names count with their case.
     HResult groupByName(std::string_view name, std::shared_ptr<Group>& group) const;
-    // E_INVALIDARG for an unknown handle. The group leaves the list, and its name is free again. inUse: the client
-    // still holds an interface of it; without force that gives OPC_S_INUSE and the group serves until its last holder
-    // lets go of it or this server goes.
+    // E_INVALIDARG for an unknown handle. The group is gone in every case: its items and sinks are let go of, its name
+    // is free again, and who still holds it gets E_FAIL from each call. inUse: the client holds an interface of it;
+    // without force that gives OPC_S_INUSE.
     HResult removeGroup(std::uint32_t serverHandle, bool force, bool inUse);
     // A copy with new handles and inactive; name "": the server makes one. Refused as addGroup does.
     HResult cloneGroup(const Group& group, std::string_view name, std::shared_ptr<Group>& clone);
@@ -126,13 +108,20 @@ class Server {
     void setClientName(std::string_view name);
     const std::string& clientName() const { return clientName_; }
 
+    // A sink for the notice that the server stops. CONNECT_E_ADVISELIMIT; E_OUTOFMEMORY when the client's budget has no
+    // room for it.
+    HResult advise(std::unique_ptr<IShutdownSink> sink, std::uint32_t& cookie);
+    // CONNECT_E_NOCONNECTION for an unknown cookie.
+    HResult unadvise(std::uint32_t cookie);
+    void requestShutdown(std::string_view reason) const;
+
     Application& application() { return *application_; }
     const std::shared_ptr<ClientBudget>& budget() const { return budget_; }
     Browser& browser() { return browser_; }
     const Properties& properties() const { return properties_; }
     ItemIO& itemIO() { return itemIO_; }
 
-    // Data went to this client just now.
+    // Data went to this client just now: to be called by who sent it.
     void noteDataSent();
 
  private:
@@ -142,7 +131,6 @@ class Server {
     std::string unusedName();
     HResult insert(std::string_view name, const GroupState& state, std::shared_ptr<Group>& group);
     void rename(Group& group, std::string_view name);
-    void groupGone(const Group& group) { leaving_.erase(group.serverHandle()); }
 
     Application* application_;
     bool isAdmitted_;
@@ -150,7 +138,6 @@ class Server {
     Hold memory_;
     std::map<std::uint32_t, std::shared_ptr<Group>> groups_;  // by handle, which is the order of making
     std::unordered_map<std::string_view, Group*> byName_;     // the names stand in the groups
-    std::unordered_map<std::uint32_t, Group*> leaving_;       // removed while in use
     std::uint32_t lastNumber_ = 0;
     std::int64_t lastUpdateTime_ = 0;
     std::uint32_t localeId_ = localeSystemDefault;
@@ -158,6 +145,7 @@ class Server {
     Browser browser_;
     Properties properties_;
     ItemIO itemIO_;
+    Connections<IShutdownSink> shutdownSinks_;
 };
 
 }  // namespace quelm::opcda

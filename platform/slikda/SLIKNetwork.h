@@ -67,6 +67,15 @@ class SLIKNetwork {
 
     const ItemStore& items() const { return *items_; }
 
+    // Called each time that clients see new values, on the network's thread; nullptr: nobody asks for it.
+    void onValuesShown(std::function<void()> hook) { valuesShown_ = std::move(hook); }
+    // For the control: a new block of values is shown.
+    void valuesShown() {
+        if (valuesShown_) {
+            valuesShown_();
+        }
+    }
+
     // A client's server object came into being. False: the server is going and takes nobody any more.
     bool clientCreated() { return door_->enter(); }
     // A client's server object is gone for good (released or run down).
@@ -90,6 +99,7 @@ class SLIKNetwork {
     Crossing* crossing_;
     ClientDoor* door_;
     IPlantSide* plant_;
+    std::function<void()> valuesShown_;
     // What the plant has still to answer for, which never leaves this thread: items, and who waits for them.
     std::size_t asked_ = 0;
     std::uint64_t lastQuestion_ = 0;

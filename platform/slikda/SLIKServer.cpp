@@ -75,6 +75,7 @@ void SLIKServer::handOver() {
             items_.giveBack(before);
             handOver();
         });
+        network_.valuesShown();
     });
 }
 

@@ -3,6 +3,7 @@
 
 #include "FuzzInput.h"
 #include "loop/VirtualLoop.h"
+#include "opcda/wire/CallbackValues.h"
 #include "opcda/wire/InterfaceTable.h"
 #include "opcda/wire/OpcClassFactory.h"
 #include "opcda/wire/OpcGroupObject.h"
@@ -132,7 +133,8 @@ class Plant {
     VirtualLoop loop_;
     SLIKServer control_{loop_, loop_};
     Host host_;
-    opcda::Application application_{control_.network()};
+    opcda::wire::CallbackValues values_;
+    opcda::Application application_{control_.network(), loop_, values_};
     Client client_;
     std::vector<std::uint8_t> reply_;
 };

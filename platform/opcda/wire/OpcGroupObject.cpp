@@ -17,8 +17,7 @@ bool OpcGroupObject::hasInterface(const Uuid& iid) {
 }
 
 void OpcGroupObject::disconnected() {
-    const auto server = owner();
-    if (server && !group_->isRemoved()) {
+    if (const auto server = owner()) {
         server->groupReleased(*group_);
     }
 }

@@ -1,7 +1,7 @@
 #pragma once
 
-// A client's group as a COM object. The client's references keep it; when the last of them goes, the group goes with
-// it, because clients exist that never remove their groups. A group that was removed before answers until then.
+// A client's group as a COM object. The client's references keep it; the group itself stays without them, and a new
+// object is made for it when the client asks for it again. The object of a group that was removed answers E_FAIL.
 
 #include <memory>
 

@@ -1,17 +1,8 @@
 #include "opcda/wire/OpcServerObject.h"
 
-#include <algorithm>
-
 #include "opcda/wire/OpcGroupObject.h"
 
 namespace quelm::opcda::wire {
-
-namespace {
-
-// Clients that remove a group after letting go of it do so at once; one that never removes any must not fill memory.
-constexpr std::size_t rememberedGroups = 256;
-
-}  // namespace
 
 OpcServerObject::OpcServerObject(Application& application, std::shared_ptr<ClientBudget> budget)
     : server_(std::in_place, application, std::move(budget)), interfaces_(*this) {}
@@ -47,29 +38,13 @@ HResult OpcServerObject::writeGroup(dcom::ndr::Writer& out, dcom::orpc::CallCont
 }
 
 HResult OpcServerObject::removeGroup(std::uint32_t serverHandle, bool force) {
-    const auto released = std::find(released_.begin(), released_.end(), serverHandle);
-    if (released != released_.end()) {
-        released_.erase(released);
-        return S_OK;
-    }
     const auto known = groupObjects_.find(serverHandle);
     const bool inUse = known != groupObjects_.end() && !known->second.expired();
-    if (known != groupObjects_.end()) {
-        groupObjects_.erase(known);
-    }
     return server_->removeGroup(serverHandle, force, inUse);
 }
 
 void OpcServerObject::groupReleased(const Group& group) {
-    const std::uint32_t handle = group.serverHandle();
-    groupObjects_.erase(handle);
-    if (!server_ || failed(server_->removeGroup(handle, true, false))) {
-        return;
-    }
-    released_.push_back(handle);
-    if (released_.size() > rememberedGroups) {
-        released_.pop_front();
-    }
+    groupObjects_.erase(group.serverHandle());
 }
 
 }  // namespace quelm::opcda::wire

@@ -3,7 +3,6 @@
 // A client's server object as a COM object: the interfaces by which it browses, asks for properties and makes groups.
 // While a client holds it, the server is in use; when the last reference goes, the client's groups end.
 
-#include <deque>
 #include <memory>
 #include <optional>
 #include <unordered_map>
@@ -44,15 +43,14 @@ class OpcServerObject final : public dcom::orpc::ComObject {
     // Gives the call's result. The interface is one that groups have.
     HResult writeGroup(dcom::ndr::Writer& out, dcom::orpc::CallContext& context, const std::shared_ptr<Group>& group,
                        const Uuid& iid, HResult result);
-    // RemoveGroup. A group whose interfaces the client let go of before is gone already: that is no error.
+    // RemoveGroup.
     HResult removeGroup(std::uint32_t serverHandle, bool force);
-    // The client let go of all interfaces of a group without removing it.
+    // The client let go of all interfaces of a group, which stays until it is removed.
     void groupReleased(const Group& group);
 
  private:
     std::optional<Server> server_;
     std::unordered_map<std::uint32_t, std::weak_ptr<OpcGroupObject>> groupObjects_;  // by server handle
-    std::deque<std::uint32_t> released_;  // handles of groups that went with their last interface, latest last
     Interfaces interfaces_;
 };
 

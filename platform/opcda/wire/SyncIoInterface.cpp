@@ -1,5 +1,7 @@
 #include "opcda/wire/SyncIoInterface.h"
 
+#include <algorithm>
+
 #include "opcda/Server.h"
 #include "opcda/wire/OpcGroupObject.h"
 #include "opcda/wire/Parameters.h"
@@ -61,9 +63,12 @@ std::size_t behindStates(std::size_t count) {
     return 16 + count * sizeof(HResult);
 }
 
-// readAll(sink) calls sink once for each of the items and gives the result of the whole.
-template <class ReadAll>
-Fault writeStates(Writer& out, ReplyRoom room, std::size_t count, std::vector<HResult>& errors, ReadAll&& readAll) {
+// source: the group, or what a device read of it gave. readAll(sink) calls sink once for each of the items and gives
+// the result of the whole.
+template <class Source, class ReadAll>
+Fault writeStates(Writer& out, const Source& source, std::size_t count, std::vector<HResult>& errors,
+                  ReadAll&& readAll) {
+    ReplyRoom room(out, source.memoryLeft());
     const std::size_t behind = behindStates(count);
     if (!room.has(behind + count * StateArray::itemSize)) {
         return refuseRead(out, E_OUTOFMEMORY);
@@ -81,6 +86,9 @@ Fault writeStates(Writer& out, ReplyRoom room, std::size_t count, std::vector<HR
         return refuseRead(out, E_OUTOFMEMORY);
     }
     writeErrors(out, result, errors);
+    if (std::find(errors.begin(), errors.end(), S_OK) != errors.end()) {
+        source.noteDataSent();
+    }
     return Fault::None;
 }
 
@@ -106,19 +114,19 @@ Fault SyncIoInterface::read(Reader& in, Writer& out, dcom::orpc::CallContext& co
     if (handles.empty() || (source != Cache && source != Device)) {
         return refuseRead(out, E_INVALIDARG);
     }
-    const ReplyRoom room(out, group_.memoryLeft());
-    if (!room.has(behindStates(handles.size()) + handles.size() * StateArray::itemSize)) {
+    if (!ReplyRoom(out, group_.memoryLeft())
+             .has(behindStates(handles.size()) + handles.size() * StateArray::itemSize)) {
         return refuseRead(out, E_OUTOFMEMORY);
     }
     if (source == Cache) {
-        return writeStates(out, room, handles.size(), buffers->errors,
+        return writeStates(out, group_, handles.size(), buffers->errors,
                            [&](const auto& sink) { return group_.readCache(handles, sink); });
     }
     group_.readDevice(handles, [reply = context.defer(out), count = handles.size()](DeviceReading& reading) {
         if (reply->wanted()) {
             reply->complete([&](Writer& late) {
                 std::vector<HResult> errors;
-                return writeStates(late, ReplyRoom(late, reading.memoryLeft()), count, errors,
+                return writeStates(late, reading, count, errors,
                                    [&](const auto& sink) { return reading.deliver(sink); });
             });
         }

@@ -22,6 +22,7 @@
 #include "dcom/orpc/OrpcHandler.h"
 #include "dcom/outgoing/RemoteProcesses.h"
 #include "opcda/Server.h"
+#include "opcda/wire/CallbackValues.h"
 #include "opcda/wire/InterfaceTable.h"
 #include "opcda/wire/OpcClassFactory.h"
 
@@ -115,7 +116,7 @@ struct OpcNetwork::Impl {
                          [this](const std::string& source, const std::string& kind, const std::string& line) {
                              callbackLines.say(source, kind, line);
                          }}),
-          application(control.network()),
+          application(control.network(), loop, callbackValues),
           exporter(exporterSettings(settings, trouble), [] { return timeSource().monotonicMilliseconds(); }),
           activationHandler(exporter, classes),
           objectHandler(exporter, opcda::wire::isOpcInterface),
@@ -200,6 +201,7 @@ struct OpcNetwork::Impl {
     dcom::net::TcpDialer dialer;
     dcom::outgoing::CallSettings calls;
     dcom::outgoing::RemoteProcesses remoteObjects;  // outlives the objects that hold what is called back
+    opcda::wire::CallbackValues callbackValues;
     opcda::Application application;
     dcom::orpc::ClassRegistry classes;
     dcom::orpc::ObjectExporter exporter;

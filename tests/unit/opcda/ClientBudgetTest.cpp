@@ -116,18 +116,5 @@ TEST_F(ClientBudgetTest, NamesAreBounded) {
     EXPECT_EQ(results[0].error, OPC_E_UNKNOWNITEMID);
 }
 
-// As a client does that lets go of its groups and goes on calling them.
-TEST_F(ClientBudgetTest, GroupsThatLeaveInUseKeepNoNameAndGoWithTheirLastHolder) {
-    Server server(application, budget);
-    addGroup(server, "one");
-    const std::shared_ptr<Group> leaving = std::exchange(group, nullptr);
-    EXPECT_EQ(server.removeGroup(leaving->serverHandle(), false, true), OPC_S_INUSE);
-    EXPECT_EQ(addGroup(server, "one"), S_OK);
-    EXPECT_EQ(leaving->setName("two"), S_OK);
-    EXPECT_EQ(addGroup(server, "two"), S_OK);
-    EXPECT_EQ(leaving->setName("one"), OPC_E_DUPLICATENAME);
-    EXPECT_EQ(server.removeGroup(leaving->serverHandle(), true, false), E_INVALIDARG);
-}
-
 }  // namespace
 }  // namespace quelm::opcda

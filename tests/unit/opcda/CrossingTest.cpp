@@ -169,7 +169,8 @@ TEST_F(CrossingTest, AnUnloadAndAComingClientNeverMiss) {
     EXPECT_THAT(events.log, ElementsAre("disconnect 0 in use", "disconnect 0"));
 
     // Nobody was there: nobody comes any more.
-    Application application{network};
+    WrittenValues values;
+    Application application{network, networkLoop, values};
     onPlant([&] {
         control.RequestDisconnect("Unloading Server");
         Server late{application};

@@ -2,6 +2,7 @@
 
 // A control with a few items, a recorder of its events, and a client's server object on a clock that stands still.
 
+#include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -88,6 +89,32 @@ class Recorder {
     std::vector<std::int64_t> fileTimes;
 };
 
+// The values of a callback as texts.
+class WrittenValues final : public IValueWriter {
+ public:
+    void begin() override { texts.clear(); }
+    void add(const OpcValue& value) override { texts.push_back(textOf(value)); }
+    std::size_t size() const override { return texts.size() * 30; }
+
+    static std::string textOf(const OpcValue& value) {
+        switch (value.type) {
+            case VT_EMPTY:
+                return "-";
+            case VT_R4:
+                return fmt::format("{}", value.single);
+            case VT_R8:
+            case VT_DATE:
+                return fmt::format("{}", value.real);
+            case VT_BSTR:
+                return fmt::format("'{}'", value.text);
+            default:
+                return fmt::format("{}", value.integer);
+        }
+    }
+
+    std::vector<std::string> texts;
+};
+
 class OpcDaTest : public testing::Test {
  protected:
     OpcDaTest() {
@@ -131,7 +158,8 @@ class OpcDaTest : public testing::Test {
     VirtualLoop loop;
     SLIKServer control{loop, loop};
     RecordingEvents events{control};
-    Application application{control.network()};
+    WrittenValues callbackValues;
+    Application application{control.network(), loop, callbackValues};
 };
 
 }  // namespace quelm::opcda

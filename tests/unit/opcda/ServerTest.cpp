@@ -12,9 +12,6 @@ class ServerTest : public OpcDaTest {
     HResult addGroup(const char* name, float deadband = 0) {
         return server.addGroup({name, true, 100, 1, {}, deadband, 0}, group);
     }
-    void remove(HResult expected, const Group& removed, bool force) {
-        EXPECT_EQ(server.removeGroup(removed.serverHandle(), force, true), expected);
-    }
 
     Server server{application};
     std::shared_ptr<Group> group;
@@ -62,38 +59,38 @@ TEST_F(ServerTest, AddGroupRevisesRefusesAndNames) {
     EXPECT_EQ(other.addGroup({"Fast", true, 100, 1, {}, {}, 0}, group), S_OK);
 }
 
-TEST_F(ServerTest, RemovedGroupsAreDeadOrServeUntilLetGo) {
-    const std::shared_ptr<Group> forced = makeGroup(server);
-    const std::shared_ptr<Group> held = makeGroup(server);
-    const auto handles = addItems(*held, {"Status"});
-    const auto forcedHandles = addItems(*forced, {"Status"});
-    EXPECT_EQ(server.removeGroup(99, true, false), E_INVALIDARG);
-    remove(S_OK, *forced, true);
-    EXPECT_TRUE(forced->isRemoved());
-    Recorder read;
-    forced->readCache(forcedHandles, read);
-    EXPECT_THAT(read.seen, ElementsAre(Seen{.error = OPC_E_INVALIDHANDLE}));
-    EXPECT_EQ(forced->setName("x"), E_FAIL);
-    std::vector<ItemResult> results;
-    EXPECT_EQ(forced->addItems(std::vector<ItemDefinition>{{"Status", true, 1, 0}}, results), E_FAIL);
-
-    remove(OPC_S_INUSE, *held, false);
-    remove(E_INVALIDARG, *held, false);
-    EXPECT_EQ(server.groupCount(), 0U);
-    EXPECT_EQ(held->readCache(handles, read), S_OK);
-    EXPECT_FALSE(held->isRemoved());
+// Whoever still holds a removed group gets E_FAIL from everything.
+TEST_F(ServerTest, ARemovedGroupIsGoneHeldOrNot) {
+    for (const bool force : {false, true}) {
+        for (const bool isHeld : {false, true}) {
+            EXPECT_EQ(addGroup("one"), S_OK);
+            const auto handles = addItems(*group, {"Status"});
+            EXPECT_EQ(server.removeGroup(group->serverHandle(), force, isHeld), isHeld && !force ? OPC_S_INUSE : S_OK);
+            EXPECT_EQ(server.removeGroup(group->serverHandle(), force, isHeld), E_INVALIDARG);
+            EXPECT_EQ(server.groupCount(), 0U);
+            std::vector<ItemResult> results;
+            std::vector<HResult> errors;
+            Enumerator<ItemAttributes> items;
+            const std::vector<ItemDefinition> definitions{{"Status", true, 1, 0}};
+            bool isEnabled = false;
+            for (const HResult result :
+                 {group->setName("x"), group->setState({}), group->addItems(definitions, results),
+                  group->validateItems(definitions, results), group->removeItems(handles, errors),
+                  group->setActiveState(handles, true, errors), group->setClientHandles(handles, handles, errors),
+                  group->readCache(handles, Recorder()), group->enumerateItems(items), group->unadvise(1),
+                  group->isEnabled(isEnabled), server.cloneGroup(*group, "two", group)}) {
+                EXPECT_EQ(result, E_FAIL);
+            }
+        }
+    }
 }
 
 TEST_F(ServerTest, GroupsGoWithTheirServer) {
-    std::shared_ptr<Group> leaving;
     {
         Server gone(application);
         group = makeGroup(gone);
-        leaving = makeGroup(gone);
-        gone.removeGroup(leaving->serverHandle(), false, true);
     }
     EXPECT_TRUE(group->isRemoved());
-    EXPECT_TRUE(leaving->isRemoved());
 }
 
 TEST_F(ServerTest, ACloneIsInactiveWithItsOwnHandles) {
@@ -135,8 +132,7 @@ TEST_F(ServerTest, StatusTellsTimesAndGroups) {
     group = makeGroup(server);
     EXPECT_EQ(server.status().lastUpdateTime, 0);
     clock.advanceMilliseconds(2000);
-    Recorder read;
-    group->readCache(addItems(*group, {"Status"}), read);
+    group->noteDataSent();
     clock.advanceMilliseconds(1000);
     const ServerStatus status = server.status();
     EXPECT_EQ(status.currentTime - status.startTime, 30'000'000);

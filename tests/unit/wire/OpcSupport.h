@@ -14,6 +14,7 @@
 #include "base/Quality.h"
 #include "base/TimeSource.h"
 #include "loop/VirtualLoop.h"
+#include "opcda/wire/CallbackValues.h"
 #include "opcda/wire/InterfaceTable.h"
 #include "opcda/wire/OpcServerObject.h"
 #include "slikda/SLIKServer.h"
@@ -182,7 +183,8 @@ class OpcWire : public ::testing::Test {
     VirtualLoop loop_;
     SLIKServer control_{loop_, loop_};
     HostEvents events_{control_};
-    Application application_{control_.network()};
+    CallbackValues values_;
+    Application application_{control_.network(), loop_, values_};
     FakeContext context_;
     std::shared_ptr<OpcServerObject> server_;
     Object group_;

@@ -75,26 +75,30 @@ TEST_F(OpcWire, EnumeratesGroupNamesEvenWhenThereAreNone) {
 
 // --- lifetime ---
 
-// Not forced while the client still holds it: it goes on answering, but is no longer the server's.
-TEST_F(OpcWire, AGroupInUseLeavesWithItsLastInterface) {
+TEST_F(OpcWire, ARemovedGroupIsGoneAlthoughItIsHeld) {
     const std::uint32_t handle = addGroup("g");
     const Handles items = addItems({"A.Count"});
     const Parameters removal = Parameters().u32(handle).u32(0);
     EXPECT_HEX(call(OpcServer::RemoveGroup, removal).bytes, "0F000400");
     EXPECT_EQ(server_->server()->groupCount(), 0U);
-    EXPECT_EQ(call(SyncIo::Read, Parameters().u16(1).counted(items)).result(), S_OK);
+    EXPECT_EQ(call(SyncIo::Read, Parameters().u16(1).counted(items)).result(), E_FAIL);
     group_->disconnected();
     EXPECT_EQ(call(OpcServer::RemoveGroup, removal).result(), E_INVALIDARG);
 }
 
-TEST_F(OpcWire, AGroupGoesWithItsLastInterfaceAndMayBeRemovedAfterwards) {
+TEST_F(OpcWire, AGroupStaysWithoutItsInterfacesUntilItIsRemoved) {
     const std::uint32_t handle = addGroup("g");
     const Parameters removal = Parameters().u32(handle).u32(0);
-    context_.written.clear();
-    group_->disconnected();
+    for (int i = 0; i < 2; ++i) {
+        context_.written.clear();
+        group_->disconnected();
+        group_.reset();
+        EXPECT_EQ(server_->server()->groupCount(), 1U);
+        EXPECT_EQ(call(OpcServer::GetGroupByName, Parameters().text("g").uuid(iidOpcItemMgt)).result(), S_OK);
+        group_ = context_.written.back();
+    }
     group_.reset();
-    EXPECT_EQ(server_->server()->groupCount(), 0U);
-    EXPECT_EQ(call(OpcServer::GetGroupByName, Parameters().text("g").uuid(iidOpcItemMgt)).result(), E_INVALIDARG);
+    context_.written.clear();
     EXPECT_EQ(call(OpcServer::RemoveGroup, removal).result(), S_OK);
     EXPECT_EQ(call(OpcServer::RemoveGroup, removal).result(), E_INVALIDARG);
 }
