@@ -35,7 +35,9 @@ bool hasOdbcDriver() {
     return contentsOf("/etc/odbcinst.ini").find("[PostgreSQL Unicode]") != std::string::npos;
 }
 
-int freePort() {
+}  // namespace
+
+std::uint16_t freePort() {
     const int listener = socket(AF_INET, SOCK_STREAM, 0);
     sockaddr_in address{};
     address.sin_family = AF_INET;
@@ -46,6 +48,8 @@ int freePort() {
     close(listener);
     return ntohs(address.sin_port);
 }
+
+namespace {
 
 // The server refuses to run as root; there an ordinary user runs it.
 const char* serverUser() {

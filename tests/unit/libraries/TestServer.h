@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
@@ -47,6 +48,9 @@ class TestServer {
     int port_ = 0;
     bool running_ = false;
 };
+
+// Of this machine's own address; free at this moment.
+std::uint16_t freePort();
 
 // Runs statements for their effect, in a session of its own.
 void runOnServer(const std::string& sql);
