@@ -238,8 +238,7 @@ HResult Browser::itemId(std::string_view name, std::string& itemId) const {
 HResult Browser::accessPaths(std::string_view itemId, NameEnumerator& paths) const {
     paths = NameEnumerator();
     const SLIKTag* tag = nullptr;
-    const HResult found = findItem(*items_, itemId, tag);
-    return found == S_OK ? S_FALSE : found;
+    return findItem(*items_, itemId, tag) == S_OK ? S_FALSE : E_INVALIDARG;
 }
 
 }  // namespace quelm::opcda

@@ -50,7 +50,7 @@ class Browser {
     // flat browse gave). E_INVALIDARG for any other name.
     HResult itemId(std::string_view name, std::string& itemId) const;
 
-    // Always an empty list: S_FALSE; OPC_E_UNKNOWNITEMID for an unknown item.
+    // Always an empty list: S_FALSE; E_INVALIDARG for an unknown item.
     HResult accessPaths(std::string_view itemId, NameEnumerator& paths) const;
 
  private:

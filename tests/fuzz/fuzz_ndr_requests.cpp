@@ -1,15 +1,16 @@
 // The requests of OPC clients, as sequences of calls on every interface of one server object and all that it hands
-// out. Whatever they hold, a known method answers in full, and nothing is left when the client is gone.
+// out, with what its client's own objects do in between. Whatever the requests hold, a known method answers in full,
+// and nothing is left when the client is gone.
 
 #include "FuzzInput.h"
 #include "loop/VirtualLoop.h"
-#include "opcda/wire/CallbackValues.h"
 #include "opcda/wire/InterfaceTable.h"
 #include "opcda/wire/OpcClassFactory.h"
 #include "opcda/wire/OpcGroupObject.h"
 #include "opcda/wire/OpcServerObject.h"
 #include "slikda/SLIKServer.h"
 #include "wire/FakeContext.h"
+#include "wire/FakeRemoteObjects.h"
 
 namespace quelm::fuzz {
 namespace {
@@ -79,19 +80,26 @@ class Plant {
         items.Add("Date", 1, now, 0xC0, now);
         items.Add("Empty", 1, Variant(), 0, now);
         HResult result = S_OK;
-        client_.hold(wire::OpcClassFactory(application_).create(client_.peer(), client_.account(), result));
+        client_.hold(wire::OpcClassFactory(application_, outgoing_).create(client_.peer(), client_.account(), result));
         require(!failed(result) && control_.InUse(), "a client's object keeps the server in use");
     }
     ~Plant() {
         while (client_.holdsAny()) {
             client_.release(client_.object(0));
         }
+        loop_.drain();
         require(!control_.InUse(), "nothing is in use when the client is gone");
+        for (const auto& object : remotes_.objects) {
+            require(object->released, "no client's object is held when the client is gone");
+        }
     }
 
     void step(Input& input) {
         const std::uint8_t what = input.u8();
         const std::uint8_t opnum = input.u8();
+        if (opnum >= 0xFC && opnum < 0xFF) {
+            return callBack(what, opnum);
+        }
         const Object object = client_.object(what >> 4);
         if (object == nullptr) {
             return;
@@ -107,6 +115,24 @@ class Plant {
     }
 
  private:
+    // Time goes by with new values, or one of the client's objects answers, or is lost.
+    void callBack(std::uint8_t what, std::uint8_t how) {
+        if (how == 0xFC) {
+            control_.SLIKTags().Item("A.Flow").SetVQT(Variant(what * 0.5), 0xC0, localNow());
+            static_cast<ManualTimeSource&>(timeSource()).advanceMilliseconds(what * std::int64_t{10});
+            return loop_.advance(what * std::int64_t{10});
+        }
+        if (remotes_.objects.empty()) {
+            return;
+        }
+        auto& object = *remotes_.objects[what % remotes_.objects.size()];
+        if (how == 0xFE && !object.calls.empty()) {
+            wire::test::FakeRemoteObjects::answer(object);
+        } else if (how == 0xFD && !object.released) {
+            wire::test::FakeRemoteObjects::giveUp(object);
+        }
+    }
+
     // The number counts the interfaces that the object has.
     static orpc::Interface* interfaceOf(orpc::ComObject& object, unsigned number) {
         std::vector<orpc::Interface*> found;
@@ -133,8 +159,10 @@ class Plant {
     VirtualLoop loop_;
     SLIKServer control_{loop_, loop_};
     Host host_;
-    opcda::wire::CallbackValues values_;
-    opcda::Application application_{control_.network(), loop_, values_};
+    wire::CallbackMessages messages_;
+    wire::test::FakeRemoteObjects remotes_;
+    wire::OutgoingCalls outgoing_{remotes_, messages_};
+    opcda::Application application_{control_.network(), loop_, messages_};
     Client client_;
     std::vector<std::uint8_t> reply_;
 };

@@ -1,9 +1,9 @@
 #pragma once
 
-// IOPCAsyncIO2 of a group. Clients ask for it before they use a group at all, so that it is there; the server doesn't
-// call clients back, so that every method says that it is not implemented.
+// IOPCAsyncIO2 of a group: calls that are answered through the client's own object once the plant has answered.
 
 #include "dcom/orpc/MethodTable.h"
+#include "opcda/Group.h"
 
 namespace quelm::opcda::wire {
 
@@ -28,21 +28,27 @@ class AsyncIo2Interface final : public dcom::orpc::Dispatched<AsyncIo2Interface>
     static constexpr std::string_view interfaceName = "IOPCAsyncIO2";
     using Opnum = AsyncIo2;
 
-    explicit AsyncIo2Interface(OpcGroupObject& /*object*/) {}
+    explicit AsyncIo2Interface(OpcGroupObject& object);
 
  private:
-    dcom::Fault refuseBegin(dcom::ndr::Reader& in, dcom::ndr::Writer& out, dcom::orpc::CallContext& context);
-    dcom::Fault refuseNumber(dcom::ndr::Reader& in, dcom::ndr::Writer& out, dcom::orpc::CallContext& context);
-    dcom::Fault refuse(dcom::ndr::Reader& in, dcom::ndr::Writer& out, dcom::orpc::CallContext& context);
+    dcom::Fault read(dcom::ndr::Reader& in, dcom::ndr::Writer& out, dcom::orpc::CallContext& context);
+    dcom::Fault write(dcom::ndr::Reader& in, dcom::ndr::Writer& out, dcom::orpc::CallContext& context);
+    dcom::Fault refresh(dcom::ndr::Reader& in, dcom::ndr::Writer& out, dcom::orpc::CallContext& context);
+    dcom::Fault cancel(dcom::ndr::Reader& in, dcom::ndr::Writer& out, dcom::orpc::CallContext& context);
+    dcom::Fault setEnable(dcom::ndr::Reader& in, dcom::ndr::Writer& out, dcom::orpc::CallContext& context);
+    dcom::Fault getEnable(dcom::ndr::Reader& in, dcom::ndr::Writer& out, dcom::orpc::CallContext& context);
+    dcom::Fault begin(bool writing, dcom::ndr::Reader& in, dcom::ndr::Writer& out);
+
+    Group& group_;
 
  public:
     static constexpr std::array methods{
-        Row{Opnum::Read, "Read", &AsyncIo2Interface::refuseBegin},
-        Row{Opnum::Write, "Write", &AsyncIo2Interface::refuseBegin},
-        Row{Opnum::Refresh2, "Refresh2", &AsyncIo2Interface::refuseNumber},
-        Row{Opnum::Cancel2, "Cancel2", &AsyncIo2Interface::refuse},
-        Row{Opnum::SetEnable, "SetEnable", &AsyncIo2Interface::refuse},
-        Row{Opnum::GetEnable, "GetEnable", &AsyncIo2Interface::refuseNumber},
+        Row{Opnum::Read, "Read", &AsyncIo2Interface::read},
+        Row{Opnum::Write, "Write", &AsyncIo2Interface::write},
+        Row{Opnum::Refresh2, "Refresh2", &AsyncIo2Interface::refresh},
+        Row{Opnum::Cancel2, "Cancel2", &AsyncIo2Interface::cancel},
+        Row{Opnum::SetEnable, "SetEnable", &AsyncIo2Interface::setEnable},
+        Row{Opnum::GetEnable, "GetEnable", &AsyncIo2Interface::getEnable},
     };
 };
 

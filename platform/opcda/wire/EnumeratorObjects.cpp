@@ -2,7 +2,6 @@
 
 #include <vector>
 
-#include "dcom/orpc/OrpcTypes.h"
 #include "opcda/wire/Parameters.h"
 #include "opcda/wire/WireVariant.h"
 
@@ -133,12 +132,14 @@ void EnumString<Text>::next(std::uint32_t wanted, Writer& out, CallContext& /*co
 template class EnumString<std::string>;
 template class EnumString<std::string_view>;
 
-EnumUnknown::EnumUnknown(Enumerator<std::shared_ptr<ComObject>> objects, Hold memory)
-    : ListEnumerator(iidEnumUnknown, std::move(objects), std::move(memory)) {}
+template <const Uuid& ownIid, const Uuid& elementIid>
+EnumObjects<ownIid, elementIid>::EnumObjects(Enumerator<std::shared_ptr<ComObject>> objects, Hold memory)
+    : ListEnumerator<EnumObjects, std::shared_ptr<ComObject>>(ownIid, std::move(objects), std::move(memory)) {}
 
-void EnumUnknown::next(std::uint32_t wanted, Writer& out, CallContext& context) {
-    const auto part = list_.ahead(wanted);
-    ReplyRoom room(out, memoryLeft());
+template <const Uuid& ownIid, const Uuid& elementIid>
+void EnumObjects<ownIid, elementIid>::next(std::uint32_t wanted, Writer& out, CallContext& context) {
+    const auto part = this->list_.ahead(wanted);
+    ReplyRoom room(out, this->memoryLeft());
     // Before any reference is given, as none could be taken back.
     if (!room.has(part.size() * largestReference)) {
         return refuseVarying(out, room, wanted);
@@ -151,7 +152,7 @@ void EnumUnknown::next(std::uint32_t wanted, Writer& out, CallContext& context) 
     for (const auto& object : part) {
         one.clear();
         Writer writer(one);
-        context.writeInterface(writer, object, dcom::orpc::iidUnknown);
+        context.writeInterface(writer, object, elementIid);
         writer.align(4);
         if (one.size() > 4) {
             out.pointer();
@@ -162,8 +163,11 @@ void EnumUnknown::next(std::uint32_t wanted, Writer& out, CallContext& context) 
     }
     out.bytes(bodies);
     writeFetched(out, wanted, part.size());
-    list_.skip(part.size());
+    this->list_.skip(part.size());
 }
+
+template class EnumObjects<iidEnumUnknown, dcom::orpc::iidUnknown>;
+template class EnumObjects<iidEnumConnectionPoints, iidConnectionPoint>;
 
 EnumOpcItemAttributes::EnumOpcItemAttributes(Enumerator<ItemAttributes> items, Hold memory)
     : ListEnumerator(iidEnumOpcItemAttributes, std::move(items), std::move(memory)) {}
@@ -187,6 +191,35 @@ void EnumOpcItemAttributes::next(std::uint32_t wanted, Writer& out, CallContext&
         if (!room.has(endSize)) {
             return refuseAttributes(out, room);
         }
+    }
+    out.align(4);
+    writeFetched(out, wanted, part.size());
+    list_.skip(part.size());
+}
+
+EnumConnections::EnumConnections(Enumerator<ConnectionData> connections, Hold memory)
+    : ListEnumerator(iidEnumConnections, std::move(connections), std::move(memory)) {}
+
+void EnumConnections::next(std::uint32_t wanted, Writer& out, CallContext& /*context*/) {
+    const auto part = list_.ahead(wanted);
+    std::size_t size = 0;
+    for (const ConnectionData& connection : part) {
+        size += connection.reference.size() + 2 * endSize;
+    }
+    ReplyRoom room(out, memoryLeft());
+    if (!room.has(size)) {
+        return refuseVarying(out, room, wanted);
+    }
+    writeVaryingHead(out, wanted, part.size());
+    for (const ConnectionData& connection : part) {
+        out.pointer();
+        out.u32(connection.cookie);
+    }
+    for (const ConnectionData& connection : part) {
+        const auto length = static_cast<std::uint32_t>(connection.reference.size());
+        out.u32(length);
+        out.u32(length);
+        out.bytes(connection.reference);
     }
     out.align(4);
     writeFetched(out, wanted, part.size());

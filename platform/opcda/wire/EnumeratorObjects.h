@@ -1,15 +1,19 @@
 #pragma once
 
-// Enumerators handed to clients: texts (item IDs, branches, group names), objects (groups) and a group's items.
-// Each holds what existed when it was made, so that a client leafing through it sees one consistent list.
+// Enumerators handed to clients: texts (item IDs, branches, group names), objects (groups, connection points), a
+// group's items, and connections. Each holds what existed when it was made, so that a client leafing through it sees
+// one consistent list.
 
 #include <memory>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "dcom/orpc/MethodTable.h"
+#include "dcom/orpc/OrpcTypes.h"
 #include "opcda/Enumerators.h"
 #include "opcda/Group.h"
+#include "opcda/wire/ConnectionPointObject.h"
 #include "opcda/wire/OfferedInterfaces.h"
 
 namespace quelm::opcda::wire {
@@ -19,6 +23,8 @@ using namespace literals;
 inline constexpr Uuid iidEnumUnknown = "00000100-0000-0000-C000-000000000046"_uuid;
 inline constexpr Uuid iidEnumString = "00000101-0000-0000-C000-000000000046"_uuid;
 inline constexpr Uuid iidEnumOpcItemAttributes = "39C13A55-011E-11D0-9675-0020AFD8ADB3"_uuid;
+inline constexpr Uuid iidEnumConnectionPoints = "B196B285-BAB4-101A-B69C-00AA00341D07"_uuid;
+inline constexpr Uuid iidEnumConnections = "B196B287-BAB4-101A-B69C-00AA00341D07"_uuid;
 
 enum class Enumeration : std::uint16_t { Next = dcom::orpc::firstOpnum, Skip, Reset, Clone };
 
@@ -64,6 +70,8 @@ inline constexpr std::array enumeratorRows{
     InterfaceRow{iidEnumString, "IEnumString", methodNames<EnumeratorObject>},
     InterfaceRow{iidEnumUnknown, "IEnumUnknown", methodNames<EnumeratorObject>},
     InterfaceRow{iidEnumOpcItemAttributes, "IEnumOPCItemAttributes", methodNames<EnumeratorObject>},
+    InterfaceRow{iidEnumConnectionPoints, "IEnumConnectionPoints", methodNames<EnumeratorObject>},
+    InterfaceRow{iidEnumConnections, "IEnumConnections", methodNames<EnumeratorObject>},
 };
 
 template <class Self, class Element>
@@ -94,19 +102,42 @@ class EnumString final : public ListEnumerator<EnumString<Text>, Text> {
 extern template class EnumString<std::string>;
 extern template class EnumString<std::string_view>;
 
-// IEnumUnknown.
-class EnumUnknown final : public ListEnumerator<EnumUnknown, std::shared_ptr<dcom::orpc::ComObject>> {
+// IEnumUnknown and IEnumConnectionPoints: objects, each by the interface elementIid.
+template <const Uuid& ownIid, const Uuid& elementIid>
+class EnumObjects final
+    : public ListEnumerator<EnumObjects<ownIid, elementIid>, std::shared_ptr<dcom::orpc::ComObject>> {
  public:
-    explicit EnumUnknown(Enumerator<std::shared_ptr<dcom::orpc::ComObject>> objects, Hold memory = {});
+    explicit EnumObjects(Enumerator<std::shared_ptr<dcom::orpc::ComObject>> objects, Hold memory = {});
 
  private:
     void next(std::uint32_t wanted, dcom::ndr::Writer& out, dcom::orpc::CallContext& context) override;
 };
 
+using EnumUnknown = EnumObjects<iidEnumUnknown, dcom::orpc::iidUnknown>;
+using EnumConnectionPoints = EnumObjects<iidEnumConnectionPoints, iidConnectionPoint>;
+
+extern template class EnumObjects<iidEnumUnknown, dcom::orpc::iidUnknown>;
+extern template class EnumObjects<iidEnumConnectionPoints, iidConnectionPoint>;
+
 // IEnumOPCItemAttributes.
 class EnumOpcItemAttributes final : public ListEnumerator<EnumOpcItemAttributes, ItemAttributes> {
  public:
     explicit EnumOpcItemAttributes(Enumerator<ItemAttributes> items, Hold memory = {});
+
+ private:
+    void next(std::uint32_t wanted, dcom::ndr::Writer& out, dcom::orpc::CallContext& context) override;
+};
+
+// A client's object that is called back.
+struct ConnectionData {
+    std::vector<std::uint8_t> reference;  // as the client gave it, but for the references that came with it
+    std::uint32_t cookie = 0;
+};
+
+// IEnumConnections.
+class EnumConnections final : public ListEnumerator<EnumConnections, ConnectionData> {
+ public:
+    explicit EnumConnections(Enumerator<ConnectionData> connections, Hold memory = {});
 
  private:
     void next(std::uint32_t wanted, dcom::ndr::Writer& out, dcom::orpc::CallContext& context) override;

@@ -77,14 +77,14 @@ Fault GroupStateMgtInterface::cloneGroup(Reader& in, Writer& out, dcom::orpc::Ca
         return Fault::BadStubData;
     }
     const auto owner = object_.owner();
-    if (object_.group().isRemoved() || !owner || owner->server() == nullptr) {
+    if (object_.group().isRemoved() || !owner) {
         return writeNoInterface(out, E_FAIL);
     }
     if (!OpcGroupObject::hasInterface(iid)) {
         return writeNoInterface(out, E_NOINTERFACE);
     }
     std::shared_ptr<Group> clone;
-    const HResult result = owner->server()->cloneGroup(object_.group(), name, clone);
+    const HResult result = owner->server().cloneGroup(object_.group(), name, clone);
     out.hresult(owner->writeGroup(out, context, clone, iid, result));
     return Fault::None;
 }

@@ -12,13 +12,33 @@
 
 namespace quelm::opcda::wire {
 
-inline constexpr auto interfaceTable = [] {
+namespace detail {
+
+// In the order of the objects' lists; interfaces that several objects have stand here as often.
+inline constexpr auto interfacesOfAll = [] {
     constexpr auto& server = OpcServerObject::Interfaces::rows;
     constexpr auto& group = OpcGroupObject::Interfaces::rows;
-    std::array<InterfaceRow, server.size() + group.size() + enumeratorRows.size()> all{};
-    std::copy(enumeratorRows.begin(), enumeratorRows.end(),
-              std::copy(group.begin(), group.end(), std::copy(server.begin(), server.end(), all.begin())));
+    constexpr std::array points{rowOf<ConnectionPointObject>()};
+    std::array<InterfaceRow, server.size() + group.size() + points.size() + enumeratorRows.size()> all{};
+    auto end = std::copy(server.begin(), server.end(), all.begin());
+    end = std::copy(group.begin(), group.end(), end);
+    end = std::copy(points.begin(), points.end(), end);
+    std::copy(enumeratorRows.begin(), enumeratorRows.end(), end);
     return all;
+}();
+
+constexpr bool isFirstOfItsKind(const InterfaceRow& row) {
+    return &row == &*std::find_if(interfacesOfAll.begin(), interfacesOfAll.end(),
+                                  [&row](const InterfaceRow& each) { return each.iid == row.iid; });
+}
+
+}  // namespace detail
+
+inline constexpr auto interfaceTable = [] {
+    constexpr auto& all = detail::interfacesOfAll;
+    std::array<InterfaceRow, std::count_if(all.begin(), all.end(), detail::isFirstOfItsKind)> table{};
+    std::copy_if(all.begin(), all.end(), table.begin(), detail::isFirstOfItsKind);
+    return table;
 }();
 
 constexpr bool isOpcInterface(const Uuid& iid) {

@@ -186,6 +186,9 @@ Fault ItemMgtInterface::createEnumerator(Reader& in, Writer& out, dcom::orpc::Ca
     if (!in.good()) {
         return Fault::BadStubData;
     }
+    if (iid != iidEnumOpcItemAttributes && iid != dcom::orpc::iidUnknown) {
+        return writeNoInterface(out, group_.isRemoved() ? E_FAIL : E_INVALIDARG);
+    }
     Enumerator<ItemAttributes> items;
     const HResult result = group_.isRemoved() ? E_FAIL : group_.enumerateItems(items);
     out.hresult(writeEnumerator<EnumOpcItemAttributes>(out, context, iid, group_.memory(), std::move(items), result));

@@ -17,8 +17,8 @@ std::shared_ptr<dcom::orpc::ComObject> OpcClassFactory::create(const dcom::rpc::
         result = E_OUTOFMEMORY;
         return nullptr;
     }
-    auto object = std::make_shared<OpcServerObject>(application_, std::move(budget));
-    const bool isAdmitted = object->server()->isAdmitted();
+    auto object = std::make_shared<OpcServerObject>(application_, outgoing_, std::move(budget));
+    const bool isAdmitted = object->server().isAdmitted();
     result = isAdmitted ? S_OK : CO_E_SERVER_STOPPING;
     return isAdmitted ? object : nullptr;
 }

@@ -4,13 +4,15 @@
 
 #include "dcom/orpc/ComObject.h"
 #include "opcda/Server.h"
+#include "opcda/wire/Sinks.h"
 
 namespace quelm::opcda::wire {
 
 class OpcClassFactory final : public dcom::orpc::ClassFactory {
  public:
-    // The application outlives the factory and all its objects.
-    explicit OpcClassFactory(Application& application) : application_(application) {}
+    // Both outlive the factory and all its objects.
+    OpcClassFactory(Application& application, OutgoingCalls& outgoing)
+        : application_(application), outgoing_(outgoing) {}
 
     Uuid classId() const override;
     std::shared_ptr<dcom::orpc::ComObject> create(const dcom::rpc::Peer& peer, const std::string& account,
@@ -20,6 +22,7 @@ class OpcClassFactory final : public dcom::orpc::ClassFactory {
 
  private:
     Application& application_;
+    OutgoingCalls& outgoing_;
 };
 
 }  // namespace quelm::opcda::wire

@@ -1,13 +1,14 @@
 #pragma once
 
-// A client's group as a COM object. The client's references keep it; the group itself stays without them, and a new
-// object is made for it when the client asks for it again. The object of a group that was removed answers E_FAIL.
+// A client's group as a COM object. The group outlives it: a client may let go of all its interfaces and ask for them
+// again by the group's name. Once the group is removed, whoever still holds the object is answered with failures.
 
 #include <memory>
 
 #include "dcom/orpc/ComObject.h"
 #include "opcda/Group.h"
 #include "opcda/wire/AsyncIo2Interface.h"
+#include "opcda/wire/ConnectionPointContainerInterface.h"
 #include "opcda/wire/GroupStateMgtInterface.h"
 #include "opcda/wire/ItemMgtInterface.h"
 #include "opcda/wire/OfferedInterfaces.h"
@@ -17,17 +18,26 @@ namespace quelm::opcda::wire {
 
 class OpcServerObject;
 
-class OpcGroupObject final : public dcom::orpc::ComObject {
+class OpcGroupObject final : public dcom::orpc::ComObject, public Connectable {
  public:
     // What clients may ask it for.
-    using Interfaces = OfferedInterfaces<SyncIoInterface, ItemMgtInterface, GroupStateMgtInterface, AsyncIo2Interface>;
+    using Interfaces = OfferedInterfaces<SyncIoInterface, ItemMgtInterface, GroupStateMgtInterface, AsyncIo2Interface,
+                                         ConnectionPointContainerInterface>;
 
-    OpcGroupObject(std::weak_ptr<OpcServerObject> owner, std::shared_ptr<Group> group);
-    OpcGroupObject(const OpcGroupObject&) = delete;
-    OpcGroupObject& operator=(const OpcGroupObject&) = delete;
+    // connections: of the group, whichever objects it has had.
+    OpcGroupObject(std::weak_ptr<OpcServerObject> owner, std::shared_ptr<Group> group, OutgoingCalls& outgoing,
+                   std::shared_ptr<ConnectionBook> connections);
 
-    dcom::orpc::Interface* queryInterface(const Uuid& iid) override;
-    void disconnected() override;
+    dcom::orpc::Interface* queryInterface(const Uuid& iid) override { return interfaces_.find(iid); }
+    void disconnected() override {}
+
+    dcom::orpc::ComObject& object() override { return *this; }
+    const Uuid& outgoingInterface() const override { return iidOpcDataCallback; }
+    bool isGone() const override { return group_->isRemoved(); }
+    std::shared_ptr<ConnectionBook> connections() const override { return connections_; }
+    Hold memory() const override { return group_->memory(); }
+    HResult advise(std::unique_ptr<SinkConnection> connection, std::uint32_t& cookie) override;
+    HResult unadvise(std::uint32_t cookie) override { return group_->unadvise(cookie); }
 
     // Whether clients can ask a group for this interface, IUnknown included.
     static bool hasInterface(const Uuid& iid);
@@ -39,6 +49,7 @@ class OpcGroupObject final : public dcom::orpc::ComObject {
  private:
     std::weak_ptr<OpcServerObject> owner_;
     std::shared_ptr<Group> group_;
+    std::shared_ptr<ConnectionBook> connections_;
     Interfaces interfaces_;
 };
 

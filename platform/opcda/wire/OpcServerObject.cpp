@@ -4,26 +4,22 @@
 
 namespace quelm::opcda::wire {
 
-OpcServerObject::OpcServerObject(Application& application, std::shared_ptr<ClientBudget> budget)
-    : server_(std::in_place, application, std::move(budget)), interfaces_(*this) {}
+OpcServerObject::OpcServerObject(Application& application, OutgoingCalls& outgoing,
+                                 std::shared_ptr<ClientBudget> budget)
+    : Connectable(outgoing), server_(application, std::move(budget)), interfaces_(*this) {}
 
-dcom::orpc::Interface* OpcServerObject::queryInterface(const Uuid& iid) {
-    return interfaces_.find(iid);
-}
-
-void OpcServerObject::disconnected() {
-    groupObjects_.clear();
-    server_.reset();
+HResult OpcServerObject::advise(std::unique_ptr<SinkConnection> connection, std::uint32_t& cookie) {
+    return server_.advise(std::make_unique<ShutdownSink>(server_, std::move(connection)), cookie);
 }
 
 std::shared_ptr<OpcGroupObject> OpcServerObject::groupObject(const std::shared_ptr<Group>& group) {
-    std::weak_ptr<OpcGroupObject>& known = groupObjects_[group->serverHandle()];
-    if (auto object = known.lock()) {
+    KnownGroup& known = groups_[group->serverHandle()];
+    if (auto object = known.object.lock()) {
         return object;
     }
     const auto self = std::static_pointer_cast<OpcServerObject>(shared_from_this());
-    auto object = std::make_shared<OpcGroupObject>(self, group);
-    known = object;
+    auto object = std::make_shared<OpcGroupObject>(self, group, outgoing(), known.connections);
+    known.object = object;
     return object;
 }
 
@@ -38,13 +34,12 @@ HResult OpcServerObject::writeGroup(dcom::ndr::Writer& out, dcom::orpc::CallCont
 }
 
 HResult OpcServerObject::removeGroup(std::uint32_t serverHandle, bool force) {
-    const auto known = groupObjects_.find(serverHandle);
-    const bool inUse = known != groupObjects_.end() && !known->second.expired();
-    return server_->removeGroup(serverHandle, force, inUse);
-}
-
-void OpcServerObject::groupReleased(const Group& group) {
-    groupObjects_.erase(group.serverHandle());
+    const auto known = groups_.find(serverHandle);
+    const bool inUse = known != groups_.end() && !known->second.object.expired();
+    if (known != groups_.end()) {
+        groups_.erase(known);
+    }
+    return server_.removeGroup(serverHandle, force, inUse);
 }
 
 }  // namespace quelm::opcda::wire

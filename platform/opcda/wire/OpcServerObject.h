@@ -4,13 +4,13 @@
 // While a client holds it, the server is in use; when the last reference goes, the client's groups end.
 
 #include <memory>
-#include <optional>
 #include <unordered_map>
 
 #include "dcom/orpc/ComObject.h"
 #include "opcda/Server.h"
 #include "opcda/wire/BrowseInterface.h"
 #include "opcda/wire/CommonInterface.h"
+#include "opcda/wire/ConnectionPointContainerInterface.h"
 #include "opcda/wire/ItemIoInterface.h"
 #include "opcda/wire/ItemPropertiesInterface.h"
 #include "opcda/wire/OfferedInterfaces.h"
@@ -20,22 +20,28 @@ namespace quelm::opcda::wire {
 
 class OpcGroupObject;
 
-class OpcServerObject final : public dcom::orpc::ComObject {
+class OpcServerObject final : public dcom::orpc::ComObject, public Connectable {
  public:
     // What clients may ask it for.
-    using Interfaces =
-        OfferedInterfaces<ServerInterface, BrowseInterface, CommonInterface, ItemPropertiesInterface, ItemIoInterface>;
+    using Interfaces = OfferedInterfaces<ServerInterface, BrowseInterface, CommonInterface, ItemPropertiesInterface,
+                                         ItemIoInterface, ConnectionPointContainerInterface>;
 
-    // The application outlives the object. budget: where what the client holds is counted; none: one of its own.
-    explicit OpcServerObject(Application& application, std::shared_ptr<ClientBudget> budget = nullptr);
-    OpcServerObject(const OpcServerObject&) = delete;
-    OpcServerObject& operator=(const OpcServerObject&) = delete;
+    // The application and what is shared by all outgoing calls outlive the object. budget: where what the client holds
+    // is counted; none: one of its own.
+    OpcServerObject(Application& application, OutgoingCalls& outgoing, std::shared_ptr<ClientBudget> budget = nullptr);
 
-    dcom::orpc::Interface* queryInterface(const Uuid& iid) override;
-    void disconnected() override;
+    dcom::orpc::Interface* queryInterface(const Uuid& iid) override { return interfaces_.find(iid); }
+    void disconnected() override {}
 
-    // nullptr when the client has let go.
-    Server* server() { return server_ ? &*server_ : nullptr; }
+    dcom::orpc::ComObject& object() override { return *this; }
+    const Uuid& outgoingInterface() const override { return iidOpcShutdown; }
+    bool isGone() const override { return false; }
+    std::shared_ptr<ConnectionBook> connections() const override { return connections_; }
+    Hold memory() const override { return memoryOf(server_.budget()); }
+    HResult advise(std::unique_ptr<SinkConnection> connection, std::uint32_t& cookie) override;
+    HResult unadvise(std::uint32_t cookie) override { return server_.unadvise(cookie); }
+
+    Server& server() { return server_; }
 
     // The COM object of a group of this server; there is never more than one.
     std::shared_ptr<OpcGroupObject> groupObject(const std::shared_ptr<Group>& group);
@@ -45,12 +51,17 @@ class OpcServerObject final : public dcom::orpc::ComObject {
                        const Uuid& iid, HResult result);
     // RemoveGroup.
     HResult removeGroup(std::uint32_t serverHandle, bool force);
-    // The client let go of all interfaces of a group, which stays until it is removed.
-    void groupReleased(const Group& group);
 
  private:
-    std::optional<Server> server_;
-    std::unordered_map<std::uint32_t, std::weak_ptr<OpcGroupObject>> groupObjects_;  // by server handle
+    // What the objects that a group has in the course of time have in common.
+    struct KnownGroup {
+        std::weak_ptr<OpcGroupObject> object;
+        std::shared_ptr<ConnectionBook> connections = std::make_shared<ConnectionBook>();
+    };
+
+    std::shared_ptr<ConnectionBook> connections_ = std::make_shared<ConnectionBook>();
+    std::unordered_map<std::uint32_t, KnownGroup> groups_;  // by server handle
+    Server server_;
     Interfaces interfaces_;
 };
 

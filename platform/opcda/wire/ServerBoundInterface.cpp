@@ -4,7 +4,7 @@
 
 namespace quelm::opcda::wire {
 
-Server* ServerBound::server() {
+Server& ServerBound::server() {
     return object_.server();
 }
 

@@ -22,7 +22,6 @@
 #include "dcom/orpc/OrpcHandler.h"
 #include "dcom/outgoing/RemoteProcesses.h"
 #include "opcda/Server.h"
-#include "opcda/wire/CallbackValues.h"
 #include "opcda/wire/InterfaceTable.h"
 #include "opcda/wire/OpcClassFactory.h"
 
@@ -31,6 +30,10 @@ namespace quelm {
 namespace {
 
 constexpr std::chrono::milliseconds exporterTick{1000};
+// From the moment that clients are asked to let go until the network may close over them, and how often it is looked
+// whether they have answered: on a line that works they have it long before.
+constexpr std::chrono::milliseconds askingTime{1000};
+constexpr std::chrono::milliseconds askingStep{20};
 
 dcom::orpc::ExporterSettings exporterSettings(const dcom::DcomSettings& settings,
                                               const std::function<void(std::string_view)>& log) {
@@ -116,7 +119,8 @@ struct OpcNetwork::Impl {
                          [this](const std::string& source, const std::string& kind, const std::string& line) {
                              callbackLines.say(source, kind, line);
                          }}),
-          application(control.network(), loop, callbackValues),
+          outgoing{remoteObjects, messages},
+          application(control.network(), loop, messages),
           exporter(exporterSettings(settings, trouble), [] { return timeSource().monotonicMilliseconds(); }),
           activationHandler(exporter, classes),
           objectHandler(exporter, opcda::wire::isOpcInterface),
@@ -134,7 +138,8 @@ struct OpcNetwork::Impl {
                    .challenge = std::nullopt},
           server(loop, loop, protocol, tcpSettings(trouble)),
           timer(loop.makeTimer([this] { tick(); })) {
-        classes.add(std::make_shared<ToldClients>(std::make_shared<opcda::wire::OpcClassFactory>(application), client));
+        classes.add(std::make_shared<ToldClients>(std::make_shared<opcda::wire::OpcClassFactory>(application, outgoing),
+                                                  client));
     }
 
     static dcom::net::TcpSettings tcpSettings(const Trouble& trouble) {
@@ -196,12 +201,24 @@ struct OpcNetwork::Impl {
 
     void tick() { timer->start(exporter.tick() ? std::chrono::milliseconds(0) : exporterTick); }
 
+    void requestShutdown(const std::string& reason) {
+        askedAt = timeSource().monotonicMilliseconds();
+        application.requestShutdown(reason);
+    }
+
+    // Clients were asked a moment ago, and some may not know yet.
+    bool isAsking() const {
+        const std::chrono::milliseconds since(timeSource().monotonicMilliseconds() - askedAt);
+        return outgoing.shutdownRequests != 0 && since < askingTime;
+    }
+
     dcom::DcomSettings settings;
     dcom::net::RepeatFilter callbackLines;
     dcom::net::TcpDialer dialer;
     dcom::outgoing::CallSettings calls;
     dcom::outgoing::RemoteProcesses remoteObjects;  // outlives the objects that hold what is called back
-    opcda::wire::CallbackValues callbackValues;
+    opcda::wire::CallbackMessages messages;
+    opcda::wire::OutgoingCalls outgoing;
     opcda::Application application;
     dcom::orpc::ClassRegistry classes;
     dcom::orpc::ObjectExporter exporter;
@@ -211,6 +228,8 @@ struct OpcNetwork::Impl {
     dcom::rpc::ServerSettings protocol;
     dcom::net::TcpServer server;
     std::unique_ptr<ITimer> timer;
+    std::unique_ptr<ITimer> closing;
+    std::uint64_t askedAt = 0;  // monotonic milliseconds; when clients were asked to let go
 };
 
 OpcNetwork::OpcNetwork(SLIKServer& control, AsioLoop& plant, AsioLoop& loop, systemd::PassedSockets passed, Lines lines)
@@ -266,19 +285,34 @@ void OpcNetwork::run() {
     }
 }
 
+void OpcNetwork::requestShutdown(std::string_view reason) {
+    if (impl_ != nullptr) {
+        loop_.post([this, text = std::string(reason)] { impl_->requestShutdown(text); });
+    }
+}
+
 void OpcNetwork::close() {
     if (impl_ == nullptr) {
         return;
     }
     loop_.post([this] {
-        impl_->timer->stop();
-        impl_->server.close();
-        control_.network().forgetQuestions();
-        impl_->exporter.revokeAll();
-        loop_.stop();
+        impl_->closing = loop_.makeTimer([this] { closeOnceTold(); });
+        closeOnceTold();
     });
     thread_.join();
     impl_.reset();
+}
+
+void OpcNetwork::closeOnceTold() {
+    if (impl_->isAsking()) {
+        impl_->closing->start(askingStep);
+        return;
+    }
+    impl_->timer->stop();
+    impl_->server.close();
+    control_.network().forgetQuestions();
+    impl_->exporter.revokeAll();
+    loop_.stop();
 }
 
 }  // namespace quelm

@@ -37,13 +37,16 @@ class OpcNetwork {
     // Reads the settings, lets clients in and begins the network's thread. Raises RuntimeError with the address, the
     // reason and the remedy when an address cannot be listened on; nothing listens then.
     void open();
-    // Lets go of all clients, closes all sockets and ends the thread. What clients leave behind, their going above all,
-    // is then on its way to the plant.
+    // Asks clients that want to be told to let go of the server; they may or may not. Not after close().
+    void requestShutdown(std::string_view reason);
+    // Lets go of all clients, closes all sockets and ends the thread; what was asked just before has a moment to reach
+    // its clients. What clients leave behind, their going above all, is then on its way to the plant.
     void close();
 
  private:
     struct Impl;
     void run();
+    void closeOnceTold();
 
     SLIKServer& control_;
     AsioLoop& loop_;

@@ -76,10 +76,10 @@ class CallingBack : public testing::Test {
     Network network{loop, events};
     CallSettings settings;
     std::optional<RemoteProcesses> processes{
-        std::in_place, Surroundings{network, loop, settings,
-                                    [this](const std::string&, const std::string&, const std::string& line) {
-                                        lines.push_back(line);
-                                    }}};
+        std::in_place,
+        Surroundings{network, loop, settings, [this](const std::string&, const std::string&, const std::string& line) {
+                         lines.push_back(line);
+                     }}};
 };
 
 TEST_F(CallingBack, FindsTheProcessCallsPingsAndLetsGo) {
@@ -90,11 +90,10 @@ TEST_F(CallingBack, FindsTheProcessCallsPingsAndLetsGo) {
     call(*first, 3);
     EXPECT_THAT(events, IsEmpty()) << "nothing goes out before the client's own call is answered";
     pass(0);
-    EXPECT_THAT(happened(),
-                ElementsAre("dial 10.0.0.5:135", "resolve a @integrity", "dial 10.0.0.5:5001",
-                            "query 01000000 39c13a70 @integrity", "query 02000000 39c13a70 @integrity",
-                            "call 01000080 3 01 @integrity", "answered 1", "call 02000080 3 02 @integrity",
-                            "answered 2", "call 01000080 3 03 @integrity", "answered 3"));
+    EXPECT_THAT(happened(), ElementsAre("dial 10.0.0.5:135", "resolve a @integrity", "dial 10.0.0.5:5001",
+                                        "query 01000000 39c13a70 @integrity", "query 02000000 39c13a70 @integrity",
+                                        "call 01000080 3 01 @integrity", "answered 1", "call 02000080 3 02 @integrity",
+                                        "answered 2", "call 01000080 3 03 @integrity", "answered 3"));
     EXPECT_EQ(network.open(), 1U);
     call(*second, 4);
     pass(0);

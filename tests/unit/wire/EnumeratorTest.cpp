@@ -53,7 +53,7 @@ TEST_F(OpcWire, TheItemsOfAGroupAreDescribedEvenIfThereAreNone) {
     EXPECT_HEX(call(ItemMgt::CreateEnumerator, byAttributes).bytes, interfacePointer + "01000000");
     EXPECT_HEX(call(*context_.written.back(), {iidEnumOpcItemAttributes, Next}, Parameters().u32(5)).bytes,
                "04000200 00000000 00000000 01000000");
-    EXPECT_HEX(call(ItemMgt::CreateEnumerator, Parameters().uuid(iidEnumString)).bytes, "00000000 02400080");
+    EXPECT_HEX(call(ItemMgt::CreateEnumerator, Parameters().uuid(iidEnumString)).bytes, "00000000 57000780");
 
     const auto handles = addItems({"Name", "Flow"});
     EXPECT_HEX(call(ItemMgt::CreateEnumerator, byAttributes).bytes, interfacePointer + "00000000");

@@ -100,7 +100,7 @@ TEST_F(OpcWire, CallsWithoutItemsAreInvalid) {
     EXPECT_HEX(call(SyncIo::Write, Parameters().u32(0).u32(0).u32(0)).bytes, "00000000 57000780");
 }
 
-// --- IOPCGroupStateMgt and IOPCAsyncIO2 ---
+// --- IOPCGroupStateMgt ---
 
 TEST_F(OpcWire, SetsOnlyWhatIsGiven) {
     addGroup("g");
@@ -127,22 +127,7 @@ TEST_F(OpcWire, ClonesAGroupIntoOneOfItsOwn) {
     EXPECT_HEX(call(GroupStateMgt::CloneGroup, copy).bytes, "00000000 0C0004C0");
     EXPECT_HEX(call(GroupStateMgt::CloneGroup, Parameters().text("third").uuid(iidEnumString)).bytes,
                "00000000 02400080");
-    EXPECT_EQ(server_->server()->groupCount(), 2U);
-}
-
-TEST_F(OpcWire, SaysThatCallbacksAreNotImplemented) {
-    addGroup("g");
-    const std::pair<Method, const char*> replies[] = {
-        {AsyncIo2::Read, "00000000 00000000 01400080"},
-        {AsyncIo2::Write, "00000000 00000000 01400080"},
-        {AsyncIo2::Refresh2, "00000000 01400080"},
-        {AsyncIo2::Cancel2, "01400080"},
-        {AsyncIo2::SetEnable, "01400080"},
-        {AsyncIo2::GetEnable, "00000000 01400080"},
-    };
-    for (const auto& [method, reply] : replies) {
-        EXPECT_HEX(call(method, {}).bytes, reply) << method;
-    }
+    EXPECT_EQ(server_->server().groupCount(), 2U);
 }
 
 }  // namespace

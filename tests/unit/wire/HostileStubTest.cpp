@@ -13,6 +13,8 @@ class HostileStub : public OpcWire {
         handles_ = addItems({"A.Temp", "Name"});
         call(OpcServer::CreateGroupEnumerator, Parameters().u16(6).uuid(iidEnumString));
         names_ = context_.written.back();
+        call(*group_, ConnectionPointContainer::FindConnectionPoint, Parameters().uuid(iidOpcDataCallback));
+        point_ = context_.written.back();
     }
 
     struct Request : Method {
@@ -54,6 +56,15 @@ class HostileStub : public OpcWire {
             {ItemMgt::CreateEnumerator, all().uuid(iidEnumOpcItemAttributes)},
             {SyncIo::Read, all().u16(1).counted(handles_)},
             {SyncIo::Write, all().counted(handles_).u32(2).u32(1).u32(2).align(8).hex(number).hex(text)},
+            {AsyncIo2::Read, all().counted(handles_).u32(7)},
+            {AsyncIo2::Write,
+             all().counted(handles_).u32(2).u32(1).u32(2).align(8).hex(number).hex(text).align(4).u32(7)},
+            {AsyncIo2::Refresh2, all().u16(1).u32(7)},
+            {AsyncIo2::Cancel2, all().u32(1)},
+            {AsyncIo2::SetEnable, all().u32(1)},
+            {ConnectionPointContainer::FindConnectionPoint, all().uuid(iidOpcDataCallback)},
+            {{iidConnectionPoint, ConnectionPoint::Advise}, all().u32(1).u32(8).u32(8).hex("4D454F57 01000000")},
+            {{iidConnectionPoint, ConnectionPoint::Unadvise}, all().u32(1)},
             {GroupStateMgt::SetState,
              all().u32(1).u32(1).u32(1).u32(0).u32(1).u32(30).u32(1).f32(2).u32(1).u32(7).u32(1).u32(9)},
             {GroupStateMgt::SetName, all().text("g")},
@@ -64,11 +75,13 @@ class HostileStub : public OpcWire {
     }
 
     Reply send(const Method& to, std::span<const std::uint8_t> stub) {
-        return to.iid == iidEnumString ? call(*names_, to, stub) : call(to, stub);
+        const bool isPoints = to.iid == iidConnectionPoint;
+        return to.iid == iidEnumString || isPoints ? call(isPoints ? *point_ : *names_, to, stub) : call(to, stub);
     }
 
     std::uint32_t handle_ = 0;
     Object names_;
+    Object point_;
     Handles handles_;
 };
 
@@ -94,7 +107,7 @@ TEST_F(HostileStub, CutStubsAreRefusedAndWholeOnesAnswered) {
 TEST_F(HostileStub, EveryMethodThatTakesParametersIsAmongTheCases) {
     const auto cases = requests();
     for (const InterfaceRow& row : interfaceTable) {
-        if (row.iid == iidEnumUnknown || row.iid == iidEnumOpcItemAttributes) {
+        if (row.name.starts_with("IEnum") && row.iid != iidEnumString) {
             continue;
         }
         for (std::uint16_t i = 0; i < row.methods.size(); ++i) {
@@ -131,14 +144,17 @@ TEST_F(HostileStub, ARemovedGroupAnswersEverythingWithFailure) {
     for (const Request& each : requests()) {
         if (group_->queryInterface(each.iid) != nullptr) {
             SCOPED_TRACE(::testing::Message() << each);
-            const bool hasTwo = each.is(SyncIo::Read) || each.is(ItemMgt::AddItems) || each.is(ItemMgt::ValidateItems);
-            const bool hasNone = each.is(GroupStateMgt::SetName);
+            const bool hasTwo = each.is(SyncIo::Read) || each.is(ItemMgt::AddItems) ||
+                                each.is(ItemMgt::ValidateItems) || each.is(AsyncIo2::Read) || each.is(AsyncIo2::Write);
+            const bool hasNone =
+                each.is(GroupStateMgt::SetName) || each.is(AsyncIo2::Cancel2) || each.is(AsyncIo2::SetEnable);
             const Bytes nothing(hasTwo ? 8 : hasNone ? 0 : 4);  // null pointers for what would be given
             EXPECT_HEX(send(each, each.stub).bytes, Parameters().add(nothing).hresult(E_FAIL));
         }
     }
     EXPECT_HEX(call(GroupStateMgt::GetState, {}).bytes, Parameters().add(Bytes(32)).hresult(E_FAIL));
-    group_->disconnected();
+    EXPECT_HEX(call(AsyncIo2::GetEnable, {}).bytes, "00000000 05400080");
+    EXPECT_HEX(call(ConnectionPointContainer::EnumConnectionPoints, {}).bytes, "00000000 05400080");
 }
 
 // The same long text asked for over and over.

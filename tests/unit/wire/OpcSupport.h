@@ -10,11 +10,11 @@
 #include <type_traits>
 
 #include "FakeContext.h"
+#include "FakeRemoteObjects.h"
 #include "Parameters.h"
 #include "base/Quality.h"
 #include "base/TimeSource.h"
 #include "loop/VirtualLoop.h"
-#include "opcda/wire/CallbackValues.h"
 #include "opcda/wire/InterfaceTable.h"
 #include "opcda/wire/OpcServerObject.h"
 #include "slikda/SLIKServer.h"
@@ -67,8 +67,9 @@ struct Method {
                            std::type_identity<OpcGroupObject::Interfaces>())),
           opnum(static_cast<std::uint16_t>(named)) {}
     Method(const Uuid& itsIid, std::uint16_t number) : iid(itsIid), opnum(number) {}
-    // Enumerators of all kinds have the same methods.
+    // Of an object that is none of these; enumerators of all kinds have the same methods.
     Method(const Uuid& itsIid, Enumeration named) : Method(itsIid, static_cast<std::uint16_t>(named)) {}
+    Method(const Uuid& itsIid, ConnectionPoint named) : Method(itsIid, static_cast<std::uint16_t>(named)) {}
 
     bool is(const Method& other) const { return iid == other.iid && opnum == other.opnum; }
 
@@ -119,7 +120,7 @@ class OpcWire : public ::testing::Test {
         items.Add("Name", 1, "Ab", 0x40, now);
         items.Add("Flow", 1, 0.25, 0x18, now);
         items.Add("Switch", 1, true, quality::good, now);
-        server_ = std::make_shared<OpcServerObject>(application_);
+        server_ = std::make_shared<OpcServerObject>(application_, outgoing_);
     }
 
     Reply call(dcom::orpc::ComObject& object, const Method& method, std::span<const std::uint8_t> stub) {
@@ -183,8 +184,10 @@ class OpcWire : public ::testing::Test {
     VirtualLoop loop_;
     SLIKServer control_{loop_, loop_};
     HostEvents events_{control_};
-    CallbackValues values_;
-    Application application_{control_.network(), loop_, values_};
+    CallbackMessages messages_;
+    FakeRemoteObjects remotes_;
+    OutgoingCalls outgoing_{remotes_, messages_};
+    Application application_{control_.network(), loop_, messages_};
     FakeContext context_;
     std::shared_ptr<OpcServerObject> server_;
     Object group_;

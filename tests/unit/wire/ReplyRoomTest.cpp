@@ -18,6 +18,8 @@ TEST_F(OpcWire, TooManyItemsAreRefusedBeforeTheyAreRead) {
     const std::string_view twoArrays = "00000000 00000000 0E000780";
     for (const Case& each : {Case{SyncIo::Read, Parameters().u16(1).u32(many), twoArrays},
                              Case{SyncIo::Write, Parameters().u32(many), oneArray},
+                             Case{AsyncIo2::Read, Parameters().u32(many), twoArrays},
+                             Case{AsyncIo2::Write, Parameters().u32(many), twoArrays},
                              Case{ItemMgt::AddItems, Parameters().u32(many), twoArrays},
                              Case{ItemMgt::ValidateItems, Parameters().u32(many), twoArrays},
                              Case{ItemMgt::RemoveItems, Parameters().u32(many), oneArray},
@@ -35,7 +37,7 @@ TEST_F(OpcWire, TooManyItemsAreRefusedBeforeTheyAreRead) {
 // A client with nothing left may ask for little at a time, and lets go of what it holds as ever.
 TEST_F(OpcWire, AReplyIsBoundedByWhatTheClientHasLeft) {
     const auto budget = application_.budgets().of("PLANT\\reader", "192.0.2.7");
-    server_ = std::make_shared<OpcServerObject>(application_, budget);
+    server_ = std::make_shared<OpcServerObject>(application_, outgoing_, budget);
     addGroup("g");
     const std::string text(20'000, 'x');
     control_.SLIKTags().Item("Name").SetVQT(Variant(text), quality::good, localNow());
@@ -63,7 +65,7 @@ TEST_F(OpcWire, AReplyIsBoundedByWhatTheClientHasLeft) {
                   .result(),
               E_OUTOFMEMORY);
 
-    OpcClassFactory factory(application_);
+    OpcClassFactory factory(application_, outgoing_);
     HResult result = S_OK;
     EXPECT_EQ(factory.create({1, "192.0.2.7:49152", "", 0}, "PLANT\\reader", result), nullptr);
     EXPECT_EQ(result, E_OUTOFMEMORY);

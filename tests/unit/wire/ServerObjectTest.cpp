@@ -38,7 +38,7 @@ TEST_F(OpcWire, AddGroupRefusesWithCompleteParameters) {
         request.text(each.name).u32(1).u32(500).u32(0).u32(0).u32(1).f32(each.deadband).u32(1033).uuid(each.iid);
         EXPECT_HEX(call(OpcServer::AddGroup, request).bytes, each.reply);
     }
-    EXPECT_EQ(server_->server()->groupCount(), 1U);
+    EXPECT_EQ(server_->server().groupCount(), 1U);
 }
 
 TEST_F(OpcWire, GivesStatusAndTextsForResultCodes) {
@@ -75,51 +75,67 @@ TEST_F(OpcWire, EnumeratesGroupNamesEvenWhenThereAreNone) {
 
 // --- lifetime ---
 
-TEST_F(OpcWire, ARemovedGroupIsGoneAlthoughItIsHeld) {
-    const std::uint32_t handle = addGroup("g");
-    const Handles items = addItems({"A.Count"});
-    const Parameters removal = Parameters().u32(handle).u32(0);
-    EXPECT_HEX(call(OpcServer::RemoveGroup, removal).bytes, "0F000400");
-    EXPECT_EQ(server_->server()->groupCount(), 0U);
-    EXPECT_EQ(call(SyncIo::Read, Parameters().u16(1).counted(items)).result(), E_FAIL);
-    group_->disconnected();
-    EXPECT_EQ(call(OpcServer::RemoveGroup, removal).result(), E_INVALIDARG);
+// Held by the client or not, it is gone at once and answers whoever still has it with failures.
+TEST_F(OpcWire, ARemovedGroupIsNobodysAnyMore) {
+    for (const auto& [held, force, result] : {std::tuple{true, 0U, OPC_S_INUSE}, {true, 1U, S_OK}, {false, 0U, S_OK}}) {
+        const Parameters removal = Parameters().u32(addGroup("g")).u32(force);
+        const Handles items = addItems({"A.Count"});
+        context_.written.clear();
+        if (!held) {
+            group_.reset();
+        }
+        EXPECT_EQ(call(OpcServer::RemoveGroup, removal).result(), result);
+        EXPECT_EQ(server_->server().groupCount(), 0U);
+        if (held) {
+            EXPECT_EQ(call(SyncIo::Read, Parameters().u16(1).counted(items)).result(), E_FAIL);
+        }
+        EXPECT_EQ(call(OpcServer::RemoveGroup, removal).result(), E_INVALIDARG);
+    }
 }
 
-TEST_F(OpcWire, AGroupStaysWithoutItsInterfacesUntilItIsRemoved) {
-    const std::uint32_t handle = addGroup("g");
-    const Parameters removal = Parameters().u32(handle).u32(0);
-    for (int i = 0; i < 2; ++i) {
-        context_.written.clear();
-        group_->disconnected();
-        group_.reset();
-        EXPECT_EQ(server_->server()->groupCount(), 1U);
-        EXPECT_EQ(call(OpcServer::GetGroupByName, Parameters().text("g").uuid(iidOpcItemMgt)).result(), S_OK);
-        group_ = context_.written.back();
-    }
-    group_.reset();
+// A client may let go of all interfaces of a group and ask for them again by its name.
+TEST_F(OpcWire, AGroupOutlivesItsInterfaces) {
+    const auto budget = server_->server().budget();
+    addGroup("g");
+    const Handles items = addItems({"A.Count"});
     context_.written.clear();
-    EXPECT_EQ(call(OpcServer::RemoveGroup, removal).result(), S_OK);
-    EXPECT_EQ(call(OpcServer::RemoveGroup, removal).result(), E_INVALIDARG);
+    EXPECT_EQ(call(OpcServer::GetGroupByName, Parameters().text("g").uuid(iidOpcSyncIo)).result(), S_OK);
+    EXPECT_EQ(context_.written.back(), group_) << "one object as long as it is held";
+    context_.written.clear();
+    group_.reset();
+    EXPECT_EQ(server_->server().groupCount(), 1U);
+    EXPECT_EQ(call(OpcServer::GetGroupByName, Parameters().text("g").uuid(iidOpcSyncIo)).result(), S_OK);
+    group_ = context_.written.back();
+    EXPECT_EQ(call(SyncIo::Read, Parameters().u16(1).counted(items)).result(), S_OK);
+    context_.written.clear();
+    group_.reset();
+    while (call(OpcServer::AddGroup,
+                Parameters().text("").u32(1).u32(1000).u32(5).u32(0).u32(0).u32(0x409).uuid(iidOpcItemMgt))
+               .result() == S_OK) {
+        context_.written.clear();
+    }
+    EXPECT_EQ(budget->groups.room(), 0U) << "who never removes a group is bounded all the same";
 }
 
 TEST_F(OpcWire, TheClientCountsUntilItLetsGoOfTheServer) {
-    OpcClassFactory factory(application_);
+    OpcClassFactory factory(application_, outgoing_);
     HResult result = E_FAIL;
-    const auto other = factory.create(context_.peer(), context_.account(), result);
+    auto other = factory.create(context_.peer(), context_.account(), result);
     EXPECT_EQ(result, S_OK);
     EXPECT_EQ(control_.network().clientCount(), 2);
 
     addGroup("g");
-    server_->disconnected();
-    EXPECT_EQ(events_.disconnects, std::vector<std::int32_t>{1});
-    EXPECT_EQ(call(OpcServer::GetStatus, {}).fault, Fault::Disconnected);
-    EXPECT_EQ(call(SyncIo::Read, Parameters().u16(1).counted(Handles{1})).result(), E_FAIL);
+    call(*server_, ConnectionPointContainer::FindConnectionPoint, Parameters().uuid(iidOpcShutdown));
+    Object point = context_.written.back();
+    context_.written.clear();
     server_.reset();
-    EXPECT_EQ(call(GroupStateMgt::CloneGroup, Parameters().text("x").uuid(iidOpcItemMgt)).result(), E_FAIL);
-    group_->disconnected();
+    EXPECT_TRUE(events_.disconnects.empty()) << "its connection point keeps it";
+    point.reset();
+    EXPECT_EQ(events_.disconnects, std::vector<std::int32_t>{1});
+    EXPECT_EQ(call(*group_, SyncIo::Read, Parameters().u16(1).counted(Handles{1})).result(), E_FAIL);
+    EXPECT_EQ(call(*group_, GroupStateMgt::CloneGroup, Parameters().text("x").uuid(iidOpcItemMgt)).result(), E_FAIL);
 
-    other->disconnected();
+    other.reset();
     EXPECT_EQ(events_.disconnects, (std::vector<std::int32_t>{1, 0}));
     EXPECT_FALSE(control_.InUse());
 }
@@ -134,7 +150,7 @@ TEST_F(OpcWire, BrowsingNothingGivesAnEmptyEnumerator) {
     EXPECT_HEX(call(Browse::BrowseAccessPaths, Parameters().text("Flow")).bytes, empty);
     EXPECT_HEX(call(Browse::BrowseOpcItemIds, Parameters().u16(4).text("").u16(0).u32(0)).bytes, "00000000 57000780");
     EXPECT_HEX(call(Browse::BrowseOpcItemIds, Parameters().u16(3).text("[a").u16(0).u32(0)).bytes, "00000000 090004C0");
-    EXPECT_HEX(call(Browse::BrowseAccessPaths, Parameters().text("none")).bytes, "00000000 070004C0");
+    EXPECT_HEX(call(Browse::BrowseAccessPaths, Parameters().text("none")).bytes, "00000000 57000780");
 }
 
 // --- IOPCCommon ---
@@ -146,7 +162,7 @@ TEST_F(OpcWire, KeepsTheClientsLocaleAndName) {
     EXPECT_HEX(call(Common::QueryAvailableLocaleIds, {}).bytes,
                "03000000 04000200 03000000 09040000 00080000 00040000 00000000");
     EXPECT_HEX(call(Common::SetClientName, Parameters().text("Historian")).bytes, "00000000");
-    EXPECT_EQ(server_->server()->clientName(), "Historian");
+    EXPECT_EQ(server_->server().clientName(), "Historian");
 }
 
 // --- IOPCItemProperties ---

@@ -122,7 +122,7 @@ class Program {
             .openNetwork = [this] { openNetwork(); },
             .registerServer = [] { registerServer(thisProgramsRegistration(printNotice, printProblem)); },
             .unregisterServer = [] { unregisterServer(thisProgramsRegistration(printNotice, printProblem)); },
-            .requestDisconnect = {},
+            .requestDisconnect = [this](std::string_view reason) { network_.requestShutdown(reason); },
             .eventFailed =
                 [this](std::string_view event, const ErrorInfo& failure) {
                     form_.AddMsg(msgtype::error, fmt::format("{} failed; {}", event, failure.text()));
