@@ -38,8 +38,10 @@ void RemoteProcess::pump() {
     }
     if (!releases_.empty()) {
         release();
-    } else if (!unasked_.empty()) {
-        ask(*unasked_.front());
+    } else if (count_ != 0 && (!proven_ || !unasked_.empty())) {
+        // Whether a log-on was taken shows in the first answer only, and no call of an object is to be lost by it: on a
+        // new connection one of them is asked for its interface again.
+        ask(anyObject());
     } else if (!waiting_.empty()) {
         call(*waiting_.front());
     } else if (count_ == 0) {
@@ -89,7 +91,7 @@ void RemoteProcess::onReleased(const rpc::CallResult& result) {
     if (isLogOnRefused(result)) {
         refuseWay(approach_->channel().troubleOf(result));
     } else {
-        onProven();
+        onAnswered();
     }
     settle();
     pump();
@@ -113,11 +115,11 @@ void RemoteProcess::onAsked(const rpc::CallResult& result) {
         refuseWay(channel.troubleOf(result));
         return settle();
     }
-    onProven();
+    onAnswered();
     const auto answer = result.fault == Fault::None ? orpc::parseRemQueryInterface(result.stub) : std::nullopt;
     if (answer && !failed(answer->result) && answer->reference.publicReferences != 0) {
         const orpc::HeldReferences asked{answer->reference.ipid, answer->reference.publicReferences};
-        if (jobObject_ != nullptr) {
+        if (jobObject_ != nullptr && jobObject_->asked.count == 0) {
             jobObject_->asked = asked;
         } else {
             giveBack(asked);
@@ -144,13 +146,9 @@ void RemoteProcess::call(Object& object) {
 
 void RemoteProcess::onCalled(const rpc::CallResult& result) {
     const auto self = shared_from_this();
-    if (isLogOnRefused(result)) {
-        refuseWay(approach_->channel().troubleOf(result));
-    } else {
-        onProven();
-        if (result.fault != Fault::None && jobObject_ != nullptr) {
-            onFault(*jobObject_, result);
-        }
+    onAnswered();
+    if (result.fault != Fault::None && jobObject_ != nullptr) {
+        onFault(*jobObject_, result);
     }
     settle();
     pump();

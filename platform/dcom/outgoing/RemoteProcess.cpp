@@ -94,7 +94,11 @@ void RemoteProcess::onResolved(const rpc::CallResult& result) {
 void RemoteProcess::lost(const Trouble& trouble) {
     const auto self = shared_from_this();
     if (proven_) {
-        // One that was cut while nothing was under way has cost nobody anything yet.
+        hangs_ = hangs_ || (job_ == Job::Calling && trouble.reason == Reason::Silent);
+        if (job_ == Job::None) {
+            failingSince_.reset();
+        }
+        // A connection that was cut while nothing was under way has cost nobody anything yet.
         retry(trouble, job_ != Job::None);
     } else {
         refuseWay(trouble);
@@ -135,11 +139,15 @@ void RemoteProcess::retry(const Trouble& trouble, bool isWorthALine) {
     pause_ = std::min(2 * pause_, longestPause);
 }
 
-void RemoteProcess::onProven() {
+// What answers for the program of a client that hangs may be well: then only an answered call shows that it goes on.
+void RemoteProcess::onAnswered() {
     proven_ = true;
-    isSaid_ = false;
     pause_ = firstPause;
-    failingSince_.reset();
+    if (job_ == Job::Calling || !hangs_) {
+        hangs_ = false;
+        isSaid_ = false;
+        failingSince_.reset();
+    }
 }
 
 }  // namespace quelm::dcom::outgoing

@@ -57,7 +57,7 @@ class RemoteProcess final : public std::enable_shared_from_this<RemoteProcess>, 
     void exhausted(const Trouble& worst) override;
     void refuseWay(const Trouble& trouble);
     void retry(const Trouble& trouble, bool isWorthALine);
-    void onProven();
+    void onAnswered();
 
     // The row of calls.
     void pump();
@@ -96,8 +96,9 @@ class RemoteProcess final : public std::enable_shared_from_this<RemoteProcess>, 
     std::unique_ptr<Approach> approach_;
     std::unique_ptr<ITimer> timer_;
     std::chrono::milliseconds pause_ = firstPause;
-    std::optional<std::uint64_t> failingSince_;  // monotonic milliseconds; until a call is answered again
-    bool proven_ = false;                        // a call has been answered over this connection
+    std::optional<std::uint64_t> failingSince_;  // monotonic milliseconds; until all is well again
+    bool proven_ = false;                        // the other end has answered over this connection
+    bool hangs_ = false;                         // the latest call of an object was not answered in time
     bool isSaid_ = false;                        // that the process cannot be reached
     bool isPingSaid_ = false;                    // that it cannot be pinged
     Pinger pinger_;

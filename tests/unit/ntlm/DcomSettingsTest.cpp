@@ -27,6 +27,13 @@ std::string protection(const DcomSettings& settings) {
     return line;
 }
 
+// The same for what goes the other way.
+std::string callbacks(const DcomSettings& settings) {
+    const auto& [account, level, allowNoLogOn] = settings.callbacks;
+    return (account ? account->domain + '\\' + account->user : "nobody") + ' ' + std::string(rpc::levelName(level)) +
+           (allowNoLogOn ? " unprotected" : "");
+}
+
 std::string names(const DcomSettings& settings) {
     const auto& ntlm = settings.ntlm;
     return ntlm.computerName + ' ' + ntlm.domainName + ' ' + ntlm.dnsComputerName + ' ' + ntlm.dnsDomainName;
@@ -50,7 +57,8 @@ TEST(DcomSettings, ReadsEverySetting) {
         "\xEF\xBB\xBF; plant network\r\n[listen]\r\nADDRESS = 127.0.0.1, 10.1.2.3 ,10.1.2.3\r\nActivationPort=1135\r\n"
         "ObjectPort = 0\r\n[Security]\r\nMinimumLevel = Connect\r\nallowntlmv1 = YES\r\nAllowAnonymous = yes\r\n"
         "ComputerName = quelm-01\r\nDomain = plant\r\n[Clients]\r\nPingTimeout = 30\r\nFirstPing = 20\r\n"
-        "CloseGrace = 1\r\n[Accounts]\r\n"
+        "CloseGrace = 1\r\n[Callbacks]\r\nAccount = PLANT\\quelm\r\nSecret = password:c;d\r\nMinimumLevel = connect\r\n"
+        "AllowNoLogOn = yes\r\n[Accounts]\r\n"
         "PLANT\\historian = nt:A4F49C406510bdcab6824ee7c30fd852\r\n*\\Display = password:a=b; c\r\n"
         "guest = Password:x\r\n");
     EXPECT_THAT(settings.problems, IsEmpty());
@@ -64,11 +72,35 @@ TEST(DcomSettings, ReadsEverySetting) {
     EXPECT_EQ(settings.accounts.find("office", "Historian"), std::nullopt);
     EXPECT_EQ(settings.accounts.find("office", "display"), ntlm::ntHash("a=b; c"));
     EXPECT_EQ(settings.accounts.find("", "guest"), ntlm::ntHash("x"));
+    EXPECT_EQ(callbacks(settings), "PLANT\\quelm connect unprotected");
+    ASSERT_TRUE(settings.callbacks.account);
+    EXPECT_EQ(settings.callbacks.account->hash, ntlm::ntHash("c;d"));
+    EXPECT_EQ(settings.callbacks.account->workstation, "QUELM-01");
     EXPECT_THAT(
         settings.notices,
         ElementsAre(StartsWith("[Listen] Address = 10.1.2.3:"), StartsWith("[Security] MinimumLevel = connect:"),
                     StartsWith("[Clients] PingTimeout = 30:"), StartsWith("[Security] AllowNTLMv1 = yes:"),
-                    StartsWith("[Security] AllowAnonymous = yes:")));
+                    StartsWith("[Security] AllowAnonymous = yes:"), StartsWith("[Callbacks] MinimumLevel = connect:"),
+                    StartsWith("[Callbacks] AllowNoLogOn = yes:")));
+}
+
+TEST(DcomSettings, ADamagedLineOfTheCallbacksNeverWeakensThem) {
+    for (const auto& [lines, expected] :
+         {std::pair{"Account = quelm\nSecret = nt:A4F49C406510bdcab6824ee7c30fd852\nMinimumLevel = none",
+                    "\\quelm integrity"},
+          {"Account = quelm\nSecret = password:GEHEIM\nAllowNoLogOn = perhaps", "\\quelm integrity"},
+          {"Account = quelm\nMinimumLevel = privacy", "nobody privacy"},
+          {"Secret = password:GEHEIM", "nobody integrity"},
+          {"Account = A\\B\\quelm\nSecret = password:GEHEIM", "nobody integrity"},
+          {"Account = quelm\nSecret = GEHEIM", "nobody integrity"},
+          {"Account = quelm\nAccount = GEHEIM\nSecret = password:GEHEIM\nSecret = password:GEHEIM", "nobody integrity"},
+          {"Level = connect", "nobody integrity"}}) {
+        const DcomSettings settings = parse(std::string("[Callbacks]\n") + lines + "\n[Accounts]\na = password:b\n");
+        EXPECT_EQ(callbacks(settings), expected) << lines;
+        EXPECT_THAT(settings.problems, Not(IsEmpty())) << lines;
+        EXPECT_THAT(settings.problems, Not(Contains(HasSubstr("GEHEIM")))) << lines;
+        EXPECT_THAT(settings.notices, IsEmpty()) << lines;
+    }
 }
 
 TEST(DcomSettings, ADamagedSecurityValueFallsBackToTheStrictDefault) {

@@ -38,13 +38,17 @@ class Machine final : public rpc::CallHandler {
  public:
     explicit Machine(Events& events) : events_(events) {}
 
-    std::vector<std::string> bindings{"10.0.0.5[5001]"};
-    std::uint32_t levelHint = 2;
-    std::uint32_t resolveStatus = 0;
-    std::uint32_t pingStatus = 0;
-    HResult queryResult = S_OK;
-    // Instead of the usual answer to a call whose event begins with a key.
-    std::map<std::string, Fault> faults;
+    // What it answers.
+    struct Answers {
+        std::vector<std::string> bindings{"10.0.0.5[5001]"};
+        std::uint32_t levelHint = 2;
+        std::uint32_t resolveStatus = 0;
+        HResult queryResult = S_OK;
+        std::uint64_t pingSet = 0;
+        // Instead of the usual answer to a call whose event begins with a key.
+        std::map<std::string, Fault> faults = {};
+    };
+    Answers answers;
 
     bool supports(const Uuid& interfaceId, std::uint16_t, std::uint16_t) override {
         return interfaceId == orpc::iidObjectExporter || interfaceId == orpc::iidRemUnknown ||
@@ -60,8 +64,9 @@ class Machine final : public rpc::CallHandler {
                                                                               : callback(call, out);
         events_.push_back(fmt::format("{} @{}", event, levelName(call.level)));
         reply.bytes(out);
-        for (const auto& [beginning, fault] : faults) {
+        for (const auto& [beginning, fault] : answers.faults) {
             if (event.starts_with(beginning)) {
+                hanging_.push_back(fault == Fault::Deferred ? call.defer() : rpc::CallTicket());
                 return fault;
             }
         }
@@ -77,7 +82,7 @@ class Machine final : public rpc::CallHandler {
         switch (static_cast<orpc::ObjectExporterCall>(call.opnum)) {
             case orpc::ObjectExporterCall::ResolveOxid2: {
                 Parameters units;
-                for (const std::string& binding : bindings) {
+                for (const std::string& binding : answers.bindings) {
                     units.u16(orpc::towerTcp);
                     for (const char c : binding) {
                         units.u16(static_cast<std::uint8_t>(c));
@@ -87,12 +92,12 @@ class Machine final : public rpc::CallHandler {
                 units.u16(0);
                 const std::size_t count = units.bytes().size() / 2;
                 out.u32(1).u32(count).u16(static_cast<std::uint16_t>(count)).u16(static_cast<std::uint16_t>(count));
-                out.add(units).uuid(Uuid::parse("00000001-0000-0000-0000-0000000000AA")).u32(levelHint);
-                out.u16(5).u16(7).u32(resolveStatus);
+                out.add(units).uuid(Uuid::parse("00000001-0000-0000-0000-0000000000AA")).u32(answers.levelHint);
+                out.u16(5).u16(7).u32(answers.resolveStatus);
                 return fmt::format("resolve {:x}", first);
             }
             case orpc::ObjectExporterCall::SimplePing:
-                out.u32(first == setId_ ? pingStatus : 1912);
+                out.u32(first == answers.pingSet ? 0 : 1912);
                 return fmt::format("ping {}", first);
             default:
                 return complexPing(first, in, out);
@@ -108,8 +113,8 @@ class Machine final : public rpc::CallHandler {
                 event += fmt::format(" {}{:x}", sign, in.u64());
             }
         }
-        setId_ = 77;
-        out.u64(setId_).u16(0).u32(pingStatus);
+        answers.pingSet = 77;
+        out.u64(answers.pingSet).u16(0).u32(0);
         return event;
     }
 
@@ -122,7 +127,7 @@ class Machine final : public rpc::CallHandler {
             in.bytes(8);
             Uuid given = ipid;
             given.bytes[0] |= 0x80;  // as little endian text: the last digits of the first group
-            out.u32(0).u32(0).u32(1).u32(1).align(8).hresult(queryResult).align(8);
+            out.u32(0).u32(0).u32(1).u32(1).align(8).hresult(answers.queryResult).align(8);
             out.u32(0).u32(count).u64(9).u64(9).uuid(given).hresult(S_OK);
             return fmt::format("query {} {}", shortOf(ipid), shortOf(in.uuid()));
         }
@@ -145,7 +150,7 @@ class Machine final : public rpc::CallHandler {
     }
 
     Events& events_;
-    std::uint64_t setId_ = 0;
+    std::vector<rpc::CallTicket> hanging_;  // calls that are never answered
 };
 
 // How an address behaves towards who connects.
@@ -202,7 +207,7 @@ class Network final : public IDialer {
         void awaitRoom() override { later(&Link::makeRoom); }
 
         void later(void (Link::*step)()) {
-            network_.loop_.post([network = &network_, link = this, alive = std::weak_ptr(alive_), step] {
+            network_.loop_.post([link = this, alive = std::weak_ptr(alive_), step] {
                 if (!alive.expired()) {
                     (link->*step)();
                 }
