@@ -388,6 +388,9 @@ void Group::addRefreshed(CallbackColumns& callback, std::size_t number, std::int
 void Group::sendRefreshed(CallbackColumns& callback) {
     noteDataSent();
     subscriptions_.forEach([&callback](Subscription& each) { each.sink().onDataChange(callback.items()); });
+    if (callback.items().masterError != S_OK) {
+        noteChange();  // where it was the plant that failed, the cache has a value
+    }
 }
 
 }  // namespace quelm::opcda

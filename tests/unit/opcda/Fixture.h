@@ -155,8 +155,10 @@ class OpcDaTest : public testing::Test {
     const Date noon = makeDate(2026, 3, 5, 12);
     ManualTimeSource clock{noon, 60};
     ScopedTimeSource inForce{clock};
+    // Nothing crosses between the loops before the server starts: till then all is done at once.
+    VirtualLoop plant;
     VirtualLoop loop;
-    SLIKServer control{loop, loop};
+    SLIKServer control{plant, loop};
     RecordingEvents events{control};
     WrittenValues callbackValues;
     Application application{control.network(), loop, callbackValues};
