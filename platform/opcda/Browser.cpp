@@ -95,7 +95,7 @@ struct Wanted {
     std::uint32_t accessRights;
 
     bool takes(const SLIKTag& tag, std::string_view shown) const {
-        return (dataType == VT_EMPTY || tag.varType() == dataType) &&
+        return isConvertible(tag.varType(), dataType) &&
                (accessRights == 0 || (tag.accessRights() & accessRights) != 0) && name.matches(shown);
     }
 };

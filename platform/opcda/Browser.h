@@ -40,7 +40,7 @@ class Browser {
 
     // Names at the position, sorted without regard to case: branches or leaves of this level, or (flat) the full item
     // IDs of everything at and below it. filter: "" or a pattern (see NameFilter), without regard to case; for leaves
-    // and flat also the canonical type (VT_EMPTY: all) and access rights (a bit mask, 0: all).
+    // and flat also a type in which a group would take the item (VT_EMPTY: all) and access rights (a bit mask, 0: all).
     // S_OK; S_FALSE when nothing was found (an empty list); OPC_E_INVALIDFILTER; E_INVALIDARG for another type;
     // E_OUTOFMEMORY when the client's budget has no room for the list. 200,000 items take at most 40 ms.
     HResult browse(std::uint16_t type, std::string_view filter, VarType dataType, std::uint32_t accessRights,

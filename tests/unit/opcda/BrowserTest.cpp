@@ -97,10 +97,11 @@ TEST_F(BrowserTest, FiltersByNameTypeAndRights) {
     EXPECT_THAT(names(flat), ElementsAre("Plant.Stack1.Count", "Plant.Stack1.NOx", "Plant.Stack1.State",
                                          "Plant.Stack2.NOx", "Setpoint", "Status"));
     EXPECT_THAT(names(flat, "*nox"), ElementsAre("Plant.Stack1.NOx", "Plant.Stack2.NOx"));
-    EXPECT_THAT(names(flat, "", VT_BSTR), ElementsAre("Plant.Stack1.State"));
+    EXPECT_EQ(names(flat, "", VT_BSTR).size(), 6U) << "whatever a group would take in that type";
+    EXPECT_THAT(names(flat, "", VT_BSTR_ARRAY), IsEmpty());
     EXPECT_THAT(names(flat, "", VT_EMPTY, 2), ElementsAre("Setpoint"));
     EXPECT_THAT(names(leaves, "s?a*", VT_EMPTY, 1), ElementsAre("Status"));
-    EXPECT_THAT(names(branches, "p*", VT_BSTR, 2), ElementsAre("Plant"));
+    EXPECT_THAT(names(branches, "p*", VT_BSTR_ARRAY, 2), ElementsAre("Plant"));
     EXPECT_THAT(names(branches, "x*"), IsEmpty());
     EXPECT_THAT(names(flat, "[a"), IsEmpty());
     EXPECT_EQ(result, OPC_E_INVALIDFILTER);
