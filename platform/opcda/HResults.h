@@ -33,7 +33,7 @@ inline constexpr HResult OPC_S_DATAQUEUEOVERFLOW{0x00040404};
 inline constexpr HResult OPC_E_RATENOTSET{0xC0040405};
 inline constexpr HResult OPC_E_NOTSUPPORTED{0xC0040406};
 
-// The English text of a result code; empty for a code that no call of this server returns.
+// The English text of a result code; empty for a code that clients get neither from this server nor on the way to it.
 std::string_view errorText(HResult result);
 
 }  // namespace quelm::opcda

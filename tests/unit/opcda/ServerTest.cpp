@@ -144,6 +144,8 @@ TEST_F(ServerTest, ErrorTextsAreEnglish) {
     std::string_view text;
     EXPECT_EQ(server.errorString(E_FAIL, 0x409, text), S_OK);
     EXPECT_EQ(text, "Unspecified error");
+    EXPECT_EQ(server.errorString(HResult{0x800706BA}, 0x800, text), S_OK);
+    EXPECT_EQ(text, "The RPC server is unavailable.");
     EXPECT_EQ(server.errorString(E_FAIL, 0x407, text), E_INVALIDARG);
     EXPECT_EQ(server.errorString(HResult{0xC0040002}, 0, text), E_INVALIDARG);
 }
