@@ -26,10 +26,12 @@ struct ClientLimits {
     // Items of one call. A client names each item once; who names many more than there are would only keep all
     // others waiting. At a third of a microsecond for each, 150,000 take 50 ms.
     std::size_t itemsPerCall = 0;
+    // Items that the plant is asked for at a time, and writes: half of what it is asked for all clients.
+    std::size_t questions = 0;
 
     // items: how many the server has.
     static constexpr ClientLimits of(std::size_t items) {
-        return {(std::size_t{32} << 20U) + items * 1024, 1000 + items / 10, 10'000 + items};
+        return {(std::size_t{32} << 20U) + items * 1024, 1000 + items / 10, 10'000 + items, 2048 + 4 * items};
     }
 };
 
@@ -49,9 +51,11 @@ class Ledger {
 
 class ClientBudget {
  public:
-    explicit ClientBudget(const ClientLimits& limits) : memory(limits.memory), groups(limits.groups) {}
+    explicit ClientBudget(const ClientLimits& limits)
+        : memory(limits.memory), groups(limits.groups), questions(limits.questions) {}
     Ledger memory;  // bytes
     Ledger groups;
+    Ledger questions;
 };
 
 // A part of a ledger that is taken for as long as this lives. One without a ledger has no bounds.
@@ -101,6 +105,9 @@ inline Hold memoryOf(const std::shared_ptr<ClientBudget>& budget) {
 }
 inline Hold groupsOf(const std::shared_ptr<ClientBudget>& budget) {
     return Hold({budget, &budget->groups});
+}
+inline Hold questionsOf(const std::shared_ptr<ClientBudget>& budget) {
+    return Hold({budget, &budget->questions});
 }
 
 // The budgets of all clients that hold anything.

@@ -3,7 +3,6 @@
 #include <algorithm>
 
 #include "opcda/Application.h"
-#include "opcda/ItemLookup.h"
 #include "opcda/Server.h"
 
 namespace quelm::opcda {
@@ -263,8 +262,7 @@ DeviceReading::Asked Group::toAsk(std::uint32_t handle) {
     if (slot == nullptr) {
         return {nullptr, handle, 0, OPC_E_INVALIDHANDLE, VT_EMPTY};
     }
-    const bool isReadable = (slot->tag->accessRights() & accessReadable) != 0;
-    return {slot->tag, handle, slot->clientHandle, isReadable ? S_OK : OPC_E_BADRIGHTS, slot->type};
+    return {slot->tag, handle, slot->clientHandle, isReadable(*slot->tag) ? S_OK : OPC_E_BADRIGHTS, slot->type};
 }
 
 void Group::ask(const std::shared_ptr<DeviceReading>& reading, std::function<void(DeviceReading&)> done) {
@@ -275,12 +273,11 @@ void Group::ask(const std::shared_ptr<DeviceReading>& reading, std::function<voi
             tags.push_back(item.tag);
         }
     }
-    application_->control().deviceRead(
-        tags, [reading, done = std::move(done)](HResult error, std::span<const RequestedItem> readings) {
-            reading->hostError_ = error;
-            reading->readings_ = readings;
-            done(*reading);
-        });
+    holds_.plant.read(tags, [reading, done = std::move(done)](HResult error, std::span<const RequestedItem> readings) {
+        reading->hostError_ = error;
+        reading->readings_ = readings;
+        done(*reading);
+    });
 }
 
 void Group::readDevice(std::span<const std::uint32_t> handles, std::function<void(DeviceReading&)> done) {
@@ -312,16 +309,15 @@ void Group::write(std::span<const std::uint32_t> handles, WriteDone done) {
         ++valid;
         return S_OK;
     });
-    application_->control().write(valid,
-                                  [all, errors = std::move(errors), done = std::move(done)](HResult error) mutable {
-                                      std::replace(errors.begin(), errors.end(), S_OK, error);
-                                      done(error != S_OK ? S_FALSE : all, errors);
-                                  });
+    holds_.plant.write(valid, [all, errors = std::move(errors), done = std::move(done)](HResult error) mutable {
+        std::replace(errors.begin(), errors.end(), S_OK, error);
+        done(error != S_OK ? S_FALSE : all, errors);
+    });
 }
 
 void Group::noteDataSent() const {
     if (server_ != nullptr) {
-        server_->noteDataSent();
+        server_->lastUpdate()->note();
     }
 }
 

@@ -21,6 +21,8 @@
 #include "opcda/Connections.h"
 #include "opcda/Enumerators.h"
 #include "opcda/HResults.h"
+#include "opcda/ItemLookup.h"
+#include "opcda/PlantAccess.h"
 #include "opcda/Subscription.h"
 #include "slikda/SLIKNetwork.h"
 
@@ -29,8 +31,6 @@ namespace quelm::opcda {
 class Application;
 class CallbackColumns;
 class Server;
-
-inline constexpr std::uint32_t accessReadable = 1;
 
 // One item as AddItems and ValidateItems get it. The access path is of no use to this server and not asked for.
 struct ItemDefinition {
@@ -93,10 +93,11 @@ std::uint32_t revisedRate(std::uint32_t requested);
 inline constexpr std::size_t longestGroupName = 1024;
 bool isDeadband(float percent);
 
-// What a group takes of its client's budget.
+// What a group has of its client's budget.
 struct GroupHolds {
     Hold memory;
     Hold place;
+    PlantAccess plant;
 };
 
 class Group;
@@ -334,7 +335,7 @@ class Group : public std::enable_shared_from_this<Group> {
 };
 
 inline HResult Group::fromCache(const Slot& slot, std::uint16_t& quality, OpcValue& value) const {
-    if ((slot.tag->accessRights() & accessReadable) == 0) {
+    if (!isReadable(*slot.tag)) {
         value.type = VT_EMPTY;
         quality = quality::bad;
         return OPC_E_BADRIGHTS;

@@ -159,10 +159,9 @@ HResult Group::asyncWrite(std::span<const std::uint32_t> handles, std::uint32_t 
         return refused;
     }
     postFor(cancelId, [cancelId = cancelId, valid = std::move(valid)](Group& group) {
-        group.application_->control().write(valid.size(),
-                                            [cancelId, valid, asking = group.shared_from_this()](HResult error) {
-                                                asking->completeWrite(cancelId, valid, error);
-                                            });
+        group.holds_.plant.write(valid.size(), [cancelId, valid, asking = group.shared_from_this()](HResult error) {
+            asking->completeWrite(cancelId, valid, error);
+        });
     });
     return result;
 }

@@ -58,8 +58,9 @@ bool ItemIO::readCache(std::span<const std::string_view> itemIds, std::span<cons
     for (std::size_t i = 0; i < itemIds.size(); ++i) {
         const SLIKTag* tag = nullptr;
         ItemIOReading& reading = readings[i];
-        reading.error = findItem(control_->items(), itemIds[i], tag);
-        if (tag == nullptr) {
+        reading.error = findItem(plant_.items(), itemIds[i], tag);
+        if (tag == nullptr || !isReadable(*tag)) {
+            reading.error = tag == nullptr ? reading.error : OPC_E_BADRIGHTS;
             continue;
         }
         reading.type = tag->varType();
@@ -84,8 +85,8 @@ void ItemIO::readDevice(std::vector<ItemIOReading> readings, ReadDone done) {
             asked.push_back(reading.asked);
         }
     }
-    control_->deviceRead(asked, [readings = std::move(readings), done = std::move(done)](
-                                    HResult error, std::span<const RequestedItem> answers) mutable {
+    plant_.read(asked, [readings = std::move(readings), done = std::move(done)](
+                           HResult error, std::span<const RequestedItem> answers) mutable {
         std::size_t next = 0;
         for (ItemIOReading& reading : readings) {
             if (reading.asked != nullptr && error != S_OK) {
@@ -102,10 +103,10 @@ void ItemIO::writeVQT(std::span<const std::string_view> itemIds, WriteDone done)
     std::vector<HResult> errors;
     for (const std::string_view itemId : itemIds) {
         const SLIKTag* tag = nullptr;
-        errors.push_back(findItem(control_->items(), itemId, tag));
+        errors.push_back(findItem(plant_.items(), itemId, tag));
     }
     const auto valid = static_cast<std::size_t>(std::count(errors.begin(), errors.end(), S_OK));
-    control_->write(valid, [errors = std::move(errors), done = std::move(done)](HResult error) mutable {
+    plant_.write(valid, [errors = std::move(errors), done = std::move(done)](HResult error) mutable {
         std::replace(errors.begin(), errors.end(), S_OK, error);
         const bool allGood = std::all_of(errors.begin(), errors.end(), [](HResult each) { return each == S_OK; });
         done(errors.empty() ? E_INVALIDARG : allGood ? S_OK : S_FALSE, errors);

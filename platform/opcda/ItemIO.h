@@ -10,7 +10,7 @@
 
 #include "opcda/Coercion.h"
 #include "opcda/HResults.h"
-#include "slikda/SLIKNetwork.h"
+#include "opcda/PlantAccess.h"
 
 namespace quelm::opcda {
 
@@ -26,7 +26,7 @@ struct ItemIOReading {
 
 class ItemIO {
  public:
-    explicit ItemIO(SLIKNetwork& control) : control_(&control) {}
+    explicit ItemIO(PlantAccess plant) : plant_(std::move(plant)) {}
 
     using ReadDone = std::function<void(HResult result, std::vector<ItemIOReading>& readings)>;
     using WriteDone = std::function<void(HResult result, const std::vector<HResult>& errors)>;
@@ -43,7 +43,7 @@ class ItemIO {
     void writeVQT(std::span<const std::string_view> itemIds, WriteDone done);
 
  private:
-    SLIKNetwork* control_;
+    PlantAccess plant_;
 };
 
 }  // namespace quelm::opcda

@@ -2,6 +2,7 @@
 
 // Finding the item that a client names: the same answer to a wrong item ID from every interface.
 
+#include <cstdint>
 #include <string_view>
 
 #include "opcda/HResults.h"
@@ -11,6 +12,12 @@ namespace quelm::opcda {
 
 // Bytes; no engineer gives an item a longer name.
 inline constexpr std::size_t longestItemId = 4096;
+
+inline constexpr std::uint32_t accessReadable = 1;
+
+inline bool isReadable(const SLIKTag& tag) {
+    return (tag.accessRights() & accessReadable) != 0;
+}
 
 // Without regard to case. OPC_E_INVALIDITEMID for an ID that is empty or too long, OPC_E_UNKNOWNITEMID for an unknown
 // one; tag is then nullptr.

@@ -10,29 +10,43 @@ namespace quelm::opcda {
 
 namespace {
 
-// Days since 1899-12-30 in UTC; an item without a time stamp has no value here.
+// Days since 1899-12-30 in UTC; Empty for an item without a time stamp.
 Variant utcDate(std::int64_t fileTime) {
     constexpr double unitsPerDay = 864'000'000'000;
     constexpr double fileTimeEpoch = -109205;
     return fileTime == 0 ? Variant() : Variant(Date{static_cast<double>(fileTime) / unitsPerDay + fileTimeEpoch});
 }
 
+// An item as the device gave it.
+struct Reading {
+    const SLIKTag* tag;
+    HResult error = S_OK;  // it gave nothing
+    Variant value{};
+    std::uint16_t quality = 0;
+    std::int64_t fileTime = 0;
+};
+
 struct Property {
     PropertyDescription description;  // VT_EMPTY: its type is the item's
-    Variant (*valueOf)(const SLIKTag& tag);
+    bool isRead;                      // from the device
+    Variant (*valueOf)(const Reading& item);
 };
 
 constexpr std::array properties{
     Property{{1, "Item Canonical DataType", VT_I2},
-             [](const SLIKTag& tag) { return Variant(static_cast<std::int16_t>(tag.varType())); }},
-    Property{{2, "Item Value", VT_EMPTY}, [](const SLIKTag& tag) { return tag.Value(); }},
+             false,
+             [](const Reading& item) { return Variant(static_cast<std::int16_t>(item.tag->varType())); }},
+    Property{{2, "Item Value", VT_EMPTY}, true, [](const Reading& item) { return item.value; }},
     Property{{3, "Item Quality", VT_I2},
-             [](const SLIKTag& tag) { return Variant(static_cast<std::int16_t>(tag.qualityWord())); }},
-    Property{{4, "Item Timestamp", VT_DATE}, [](const SLIKTag& tag) { return utcDate(tag.fileTime()); }},
+             true,
+             [](const Reading& item) { return Variant(static_cast<std::int16_t>(item.quality)); }},
+    Property{{4, "Item Timestamp", VT_DATE}, true, [](const Reading& item) { return utcDate(item.fileTime); }},
     Property{{5, "Item Access Rights", VT_I4},
-             [](const SLIKTag& tag) { return Variant(static_cast<std::int32_t>(tag.accessRights())); }},
+             false,
+             [](const Reading& item) { return Variant(static_cast<std::int32_t>(item.tag->accessRights())); }},
     Property{{6, "Server Scan Rate", VT_R4},
-             [](const SLIKTag& /*tag*/) { return Variant(static_cast<float>(identity::scanRateMilliseconds)); }},
+             false,
+             [](const Reading& /*item*/) { return Variant(static_cast<float>(identity::scanRateMilliseconds)); }},
 };
 
 // nullptr: there is none of this number.
@@ -50,15 +64,41 @@ PropertyDescription describe(const Property& property, const SLIKTag& tag) {
     return description;
 }
 
-PropertyValue valueOf(const SLIKTag& tag, std::uint32_t id) {
+PropertyValue valueOf(const Reading& item, std::uint32_t id) {
     const Property* const property = find(id);
     if (property == nullptr) {
         return {OPC_E_INVALID_PID, VT_EMPTY, Variant()};
     }
-    PropertyValue value{S_OK, describe(*property, tag).type, property->valueOf(tag)};
+    if (property->isRead && item.error != S_OK) {
+        return {item.error, VT_EMPTY, Variant()};
+    }
+    PropertyValue value{S_OK, describe(*property, *item.tag).type, property->valueOf(item)};
+    if (value.value.isEmpty() && property->description.type != VT_EMPTY) {
+        return {E_FAIL, VT_EMPTY, Variant()};  // no time stamp
+    }
     OpcValue converted;
     value.error = convert(value.value, value.type, converted);
     return value;
+}
+
+// The quality is what a read shows, which depends on the value.
+Reading readingOf(const SLIKTag& tag, HResult error, std::span<const RequestedItem> answers) {
+    if (error != S_OK || !answers[0].isFilled()) {
+        return {&tag, error != S_OK ? error : E_FAIL};
+    }
+    Reading reading{&tag, S_OK, answers[0].value(), answers[0].qualityWord(), answers[0].fileTime()};
+    OpcValue shown;
+    present(reading.value, tag.varType(), reading.quality, shown);
+    return reading;
+}
+
+void tell(const Reading& item, std::span<const std::uint32_t> ids, const Properties::ValuesDone& done) {
+    std::vector<PropertyValue> found;
+    HResult all = S_OK;
+    for (const std::uint32_t id : ids) {
+        all = found.emplace_back(valueOf(item, id)).error == S_OK ? all : S_FALSE;
+    }
+    done(all, found);
 }
 
 }  // namespace
@@ -66,7 +106,7 @@ PropertyValue valueOf(const SLIKTag& tag, std::uint32_t id) {
 HResult Properties::available(std::string_view itemId, std::vector<PropertyDescription>& described) const {
     described.clear();
     const SLIKTag* tag = nullptr;
-    if (const HResult error = findItem(*items_, itemId, tag); error != S_OK) {
+    if (const HResult error = findItem(plant_.items(), itemId, tag); error != S_OK) {
         return error;
     }
     for (const Property& property : properties) {
@@ -75,21 +115,25 @@ HResult Properties::available(std::string_view itemId, std::vector<PropertyDescr
     return S_OK;
 }
 
-HResult Properties::values(std::string_view itemId, std::span<const std::uint32_t> ids,
-                           std::vector<PropertyValue>& found) const {
-    found.clear();
-    if (ids.empty()) {
-        return E_INVALIDARG;
-    }
+void Properties::values(std::string_view itemId, std::span<const std::uint32_t> ids, ValuesDone done) const {
     const SLIKTag* tag = nullptr;
-    if (const HResult error = findItem(*items_, itemId, tag); error != S_OK) {
-        return error;
+    if (const HResult error = ids.empty() ? E_INVALIDARG : findItem(plant_.items(), itemId, tag); error != S_OK) {
+        done(error, {});
+        return;
     }
-    HResult all = S_OK;
-    for (const std::uint32_t id : ids) {
-        all = found.emplace_back(valueOf(*tag, id)).error == S_OK ? all : S_FALSE;
+    const bool isRead = std::any_of(ids.begin(), ids.end(), [](std::uint32_t id) {
+        const Property* const property = find(id);
+        return property != nullptr && property->isRead;
+    });
+    if (!isRead || !isReadable(*tag)) {
+        tell({tag, OPC_E_BADRIGHTS}, ids, done);
+        return;
     }
-    return all;
+    const SLIKTag* const asks[] = {tag};
+    plant_.read(asks, [tag, asked = std::vector(ids.begin(), ids.end()), done = std::move(done)](
+                          HResult error, std::span<const RequestedItem> answers) {
+        tell(readingOf(*tag, error, answers), asked, done);
+    });
 }
 
 HResult Properties::lookupItemIds(std::string_view itemId, std::span<const std::uint32_t> ids,
@@ -99,12 +143,10 @@ HResult Properties::lookupItemIds(std::string_view itemId, std::span<const std::
         return E_INVALIDARG;
     }
     const SLIKTag* tag = nullptr;
-    if (const HResult error = findItem(*items_, itemId, tag); error != S_OK) {
+    if (const HResult error = findItem(plant_.items(), itemId, tag); error != S_OK) {
         return error;
     }
-    for (const std::uint32_t id : ids) {
-        errors.push_back(find(id) != nullptr ? E_FAIL : OPC_E_INVALID_PID);
-    }
+    errors.assign(ids.size(), OPC_E_INVALID_PID);
     return S_FALSE;
 }
 

@@ -3,13 +3,14 @@
 // The item properties 1 to 6: what the standard asks of every item.
 
 #include <cstdint>
+#include <functional>
 #include <span>
 #include <string_view>
 #include <vector>
 
 #include "opcda/Coercion.h"
 #include "opcda/HResults.h"
-#include "slikda/ItemStore.h"
+#include "opcda/PlantAccess.h"
 
 namespace quelm::opcda {
 
@@ -28,19 +29,23 @@ struct PropertyValue {
 
 class Properties {
  public:
-    explicit Properties(const ItemStore& items) : items_(&items) {}
+    explicit Properties(PlantAccess plant) : plant_(std::move(plant)) {}
 
     // OPC_E_INVALIDITEMID for an empty ID, OPC_E_UNKNOWNITEMID for an unknown one.
     HResult available(std::string_view itemId, std::vector<PropertyDescription>& described) const;
-    // The same; S_FALSE when a property has an error (OPC_E_INVALID_PID). The time stamp is in UTC.
-    HResult values(std::string_view itemId, std::span<const std::uint32_t> ids,
-                   std::vector<PropertyValue>& found) const;
-    // No property is an item of its own: E_FAIL for each known one, OPC_E_INVALID_PID for others, S_FALSE in all.
+
+    using ValuesDone = std::function<void(HResult result, const std::vector<PropertyValue>& found)>;
+    // The same failures, E_INVALIDARG for no property at all; S_FALSE when a property has an error: OPC_E_INVALID_PID,
+    // what a read gives for an item that cannot be read, E_FAIL for the time stamp (UTC) of an item without one. Value,
+    // quality and time stamp are the device's: OnRead once if one of them is asked for. done once, maybe before this
+    // returns.
+    void values(std::string_view itemId, std::span<const std::uint32_t> ids, ValuesDone done) const;
+    // No property is an item of its own: OPC_E_INVALID_PID for each, S_FALSE in all.
     HResult lookupItemIds(std::string_view itemId, std::span<const std::uint32_t> ids,
                           std::vector<HResult>& errors) const;
 
  private:
-    const ItemStore* items_;
+    PlantAccess plant_;
 };
 
 }  // namespace quelm::opcda

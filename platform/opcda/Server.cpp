@@ -34,9 +34,10 @@ Server::Server(Application& application, std::shared_ptr<ClientBudget> budget)
       isAdmitted_(application.control().clientCreated()),
       budget_(budget != nullptr ? std::move(budget) : std::make_shared<ClientBudget>(application.budgets().limits())),
       memory_(memoryOf(budget_)),
+      plant_(application.control(), budget_),
       browser_(application.items(), budget_),
-      properties_(application.items()),
-      itemIO_(application.control()) {
+      properties_(plant_),
+      itemIO_(plant_) {
     memory_.set(footprint);
     application.servers_.push_back(this);
 }
@@ -68,7 +69,7 @@ std::string Server::unusedName() {
 }
 
 HResult Server::insert(std::string_view name, const GroupState& state, std::shared_ptr<Group>& group) {
-    GroupHolds holds{memoryOf(budget_), groupsOf(budget_)};
+    GroupHolds holds{memoryOf(budget_), groupsOf(budget_), plant_};
     if (!holds.place.resize(1) || !holds.memory.resize(Group::footprint)) {
         return E_OUTOFMEMORY;
     }
@@ -189,7 +190,7 @@ ServerStatus Server::status() const {
     ServerStatus status;
     status.startTime = application_->startTime();
     status.currentTime = timeSource().fileTimeNow();
-    status.lastUpdateTime = lastUpdateTime_;
+    status.lastUpdateTime = lastUpdate_->fileTime();
     status.groupCount = static_cast<std::uint32_t>(groups_.size());
     status.majorVersion = identity::majorVersion;
     status.minorVersion = identity::minorVersion;
@@ -240,8 +241,8 @@ std::span<const std::uint32_t> Server::availableLocales() {
     return locales;
 }
 
-void Server::noteDataSent() {
-    lastUpdateTime_ = timeSource().fileTimeNow();
+void LastUpdate::note() {
+    fileTime_ = timeSource().fileTimeNow();
 }
 
 }  // namespace quelm::opcda

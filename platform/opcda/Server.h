@@ -40,6 +40,16 @@ struct ServerStatus {
     std::string_view vendor;
 };
 
+// When data last went to a client.
+class LastUpdate {
+ public:
+    void note();
+    std::int64_t fileTime() const { return fileTime_; }  // UTC, FILETIME; 0: never
+
+ private:
+    std::int64_t fileTime_ = 0;
+};
+
 struct GroupRequest {
     std::string_view name;  // "": the server makes one
     bool active = false;
@@ -121,8 +131,8 @@ class Server {
     const Properties& properties() const { return properties_; }
     ItemIO& itemIO() { return itemIO_; }
 
-    // Data went to this client just now: to be called by who sent it.
-    void noteDataSent();
+    // To be told by whoever sends data to this client, which may be after the server object's end.
+    const std::shared_ptr<LastUpdate>& lastUpdate() const { return lastUpdate_; }
 
  private:
     friend class Group;
@@ -136,10 +146,11 @@ class Server {
     bool isAdmitted_;
     std::shared_ptr<ClientBudget> budget_;
     Hold memory_;
+    PlantAccess plant_;
     std::map<std::uint32_t, std::shared_ptr<Group>> groups_;  // by handle, which is the order of making
     std::unordered_map<std::string_view, Group*> byName_;     // the names stand in the groups
     std::uint32_t lastNumber_ = 0;
-    std::int64_t lastUpdateTime_ = 0;
+    std::shared_ptr<LastUpdate> lastUpdate_ = std::make_shared<LastUpdate>();
     std::uint32_t localeId_ = localeSystemDefault;
     std::string clientName_;
     Browser browser_;

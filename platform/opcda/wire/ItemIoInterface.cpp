@@ -50,8 +50,8 @@ Fault refuseRead(Writer& out, HResult result) {
     return Fault::None;
 }
 
-Fault writeReadings(Writer& out, std::size_t memoryLeft, HResult result, const std::vector<ItemIOReading>& readings,
-                    std::vector<HResult>& errors) {
+Fault writeReadings(Writer& out, std::size_t memoryLeft, LastUpdate& update, HResult result,
+                    const std::vector<ItemIOReading>& readings, std::vector<HResult>& errors) {
     if (failed(result)) {
         return refuseRead(out, result);
     }
@@ -64,6 +64,9 @@ Fault writeReadings(Writer& out, std::size_t memoryLeft, HResult result, const s
         errors.push_back(reading.error);
     }
     writeErrors(out, result, errors);
+    if (hasData(errors)) {
+        update.note();
+    }
     return Fault::None;
 }
 
@@ -84,17 +87,19 @@ Fault ItemIoInterface::read(Server& server, Reader& in, Writer& out, dcom::orpc:
     std::vector<ItemIOReading>& readings = buffers->readings;
     HResult result = S_OK;
     if (server.itemIO().readCache(buffers->views, buffers->numbers, readings, result)) {
-        return writeReadings(out, server.budget()->memory.room(), result, readings, buffers->errors);
+        return writeReadings(out, server.budget()->memory.room(), *server.lastUpdate(), result, readings,
+                             buffers->errors);
     }
-    server.itemIO().readDevice(readings, [reply = context.defer(out), budget = server.budget()](
-                                             HResult late, const std::vector<ItemIOReading>& answered) {
-        if (reply->wanted()) {
-            reply->complete([&](Writer& lateOut) {
-                std::vector<HResult> errors;
-                return writeReadings(lateOut, budget->memory.room(), late, answered, errors);
-            });
-        }
-    });
+    server.itemIO().readDevice(
+        readings, [reply = context.defer(out), budget = server.budget(), update = server.lastUpdate()](
+                      HResult late, const std::vector<ItemIOReading>& answered) {
+            if (reply->wanted()) {
+                reply->complete([&](Writer& lateOut) {
+                    std::vector<HResult> errors;
+                    return writeReadings(lateOut, budget->memory.room(), *update, late, answered, errors);
+                });
+            }
+        });
     return Fault::Deferred;
 }
 

@@ -31,21 +31,25 @@ PropertyRequest readRequest(Reader& in) {
     return request;
 }
 
-// lookUp(request, errors) writes an array for the properties that were asked for, gives each its result, and gives that
-// of the whole; on failure it writes nothing.
-template <class LookUp>
-Fault answer(Reader& in, Writer& out, LookUp lookUp) {
-    const PropertyRequest request = readRequest(in);
-    if (!in.good()) {
-        return Fault::BadStubData;
-    }
-    std::vector<HResult> errors;
-    HResult result = request.tooMany ? E_OUTOFMEMORY : E_INVALIDARG;
-    if (!request.ids.empty()) {
-        result = lookUp(request, errors);
+// No array and no results, after a failure of the whole call.
+Fault refuse(Writer& out, HResult result) {
+    out.nullPointer();
+    writeErrors(out, result, {});
+    return Fault::None;
+}
+
+Fault writeValues(Writer& out, std::size_t memoryLeft, HResult result, const std::vector<PropertyValue>& properties) {
+    const std::size_t behind = 16 + properties.size() * sizeof(HResult);
+    if (!failed(result) && !writeVariantArray(out, ReplyRoom(out, memoryLeft), properties, behind)) {
+        result = E_OUTOFMEMORY;
     }
     if (failed(result)) {
-        out.nullPointer();
+        return refuse(out, result);
+    }
+    std::vector<HResult> errors;
+    errors.reserve(properties.size());
+    for (const PropertyValue& property : properties) {
+        errors.push_back(property.error);
     }
     writeErrors(out, result, errors);
     return Fault::None;
@@ -93,39 +97,47 @@ Fault ItemPropertiesInterface::queryAvailable(Server& server, Reader& in, Writer
     return Fault::None;
 }
 
+// The value is data of the item; the other properties tell about it.
 Fault ItemPropertiesInterface::getProperties(Server& server, Reader& in, Writer& out,
-                                             dcom::orpc::CallContext& /*context*/) {
-    return answer(in, out, [&](const PropertyRequest& request, std::vector<HResult>& errors) {
-        std::vector<PropertyValue> properties;
-        const HResult result = server.properties().values(request.itemId, request.ids, properties);
-        if (failed(result)) {
-            return result;
-        }
-        const std::size_t behind = 16 + properties.size() * sizeof(HResult);
-        if (!writeVariantArray(out, ReplyRoom(out, server.budget()->memory.room()), properties, behind)) {
-            return E_OUTOFMEMORY;
-        }
-        errors.reserve(properties.size());
-        for (const PropertyValue& property : properties) {
-            errors.push_back(property.error);
-        }
-        return result;
-    });
+                                             dcom::orpc::CallContext& context) {
+    const PropertyRequest request = readRequest(in);
+    if (!in.good()) {
+        return Fault::BadStubData;
+    }
+    if (request.tooMany) {
+        return refuse(out, E_OUTOFMEMORY);
+    }
+    server.properties().values(request.itemId, request.ids,
+                               [reply = context.defer(out), budget = server.budget(), update = server.lastUpdate()](
+                                   HResult result, const std::vector<PropertyValue>& properties) {
+                                   reply->complete([&](Writer& late) {
+                                       if (!failed(result)) {
+                                           update->note();
+                                       }
+                                       return writeValues(late, budget->memory.room(), result, properties);
+                                   });
+                               });
+    return Fault::Deferred;
 }
 
 Fault ItemPropertiesInterface::lookupItemIds(Server& server, Reader& in, Writer& out,
                                              dcom::orpc::CallContext& /*context*/) {
-    return answer(in, out, [&](const PropertyRequest& request, std::vector<HResult>& errors) {
-        const HResult result = server.properties().lookupItemIds(request.itemId, request.ids, errors);
-        if (failed(result)) {
-            return result;
-        }
-        writeArrayHead(out, errors.size());
-        for (std::size_t i = 0; i < errors.size(); ++i) {
-            out.nullPointer();  // no property is an item
-        }
-        return result;
-    });
+    const PropertyRequest request = readRequest(in);
+    if (!in.good()) {
+        return Fault::BadStubData;
+    }
+    std::vector<HResult> errors;
+    const HResult result =
+        request.tooMany ? E_OUTOFMEMORY : server.properties().lookupItemIds(request.itemId, request.ids, errors);
+    if (failed(result)) {
+        return refuse(out, result);
+    }
+    writeArrayHead(out, errors.size());
+    for (std::size_t i = 0; i < errors.size(); ++i) {
+        out.nullPointer();  // no property is an item
+    }
+    writeErrors(out, result, errors);
+    return Fault::None;
 }
 
 }  // namespace quelm::opcda::wire

@@ -66,6 +66,11 @@ void writeArrayHead(dcom::ndr::Writer& out, std::size_t count);
 // The end of most calls: one result for each item, or the null pointer when the whole call failed, and its result.
 void writeErrors(dcom::ndr::Writer& out, HResult result, std::span<const HResult> errors);
 
+// Whether a read's reply has a value of any item: only that is data sent to the client.
+inline bool hasData(std::span<const HResult> errors) {
+    return std::find(errors.begin(), errors.end(), S_OK) != errors.end();
+}
+
 // An [out, string] LPWSTR*.
 void writeString(dcom::ndr::Writer& out, std::string_view utf8);
 

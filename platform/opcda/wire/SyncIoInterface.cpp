@@ -1,7 +1,5 @@
 #include "opcda/wire/SyncIoInterface.h"
 
-#include <algorithm>
-
 #include "opcda/Server.h"
 #include "opcda/wire/OpcGroupObject.h"
 #include "opcda/wire/Parameters.h"
@@ -86,7 +84,7 @@ Fault writeStates(Writer& out, const Source& source, std::size_t count, std::vec
         return refuseRead(out, E_OUTOFMEMORY);
     }
     writeErrors(out, result, errors);
-    if (std::find(errors.begin(), errors.end(), S_OK) != errors.end()) {
+    if (hasData(errors)) {
         source.noteDataSent();
     }
     return Fault::None;

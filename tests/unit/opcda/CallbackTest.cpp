@@ -1,5 +1,6 @@
-// What clients are told without asking, as whole sequences of lines: who (with several sinks), what, transaction, group,
-// "q" or "e" where the master quality or error is not S_OK, and each item as client handle=value/quality or !error.
+// What clients are told without asking, as whole sequences of lines: who (with several sinks), what, transaction,
+// group, "q" or "e" where the master quality or error is not S_OK, and each item as client handle=value/quality or
+// !error.
 
 #include <memory>
 
@@ -117,7 +118,8 @@ class CallbackTest : public OpcDaTest {
     Sinks sinks;
     Server server{application};
     std::shared_ptr<Group> group = makeGroup(server);
-    std::vector<std::uint32_t> handles = addItems(*group, {"Plant.Stack1.NOx", "Plant.Stack1.Count", "Plant.Stack1.State"});
+    std::vector<std::uint32_t> handles =
+        addItems(*group, {"Plant.Stack1.NOx", "Plant.Stack1.Count", "Plant.Stack1.State"});
     FakeSink* sink = nullptr;
     std::vector<HResult> errors;
     std::uint32_t cancelId = 0;
@@ -177,20 +179,58 @@ TEST_F(CallbackTest, WhatIsSetActiveComesAndWhatIsInactiveIsSilent) {
         {"advised to an inactive group", [&] { advise(); }, ""},
         {"group set active", [&] { change([](auto& to) { to.active = true; }); }, all},
         {"set active once more", [&] { change([](auto& to) { to.active = true; }); }, ""},
-        {"set inactive", [&] { change([](auto& to) { to.active = false; }); setNox(1); }, ""},
-        {"with another handle", [&] { change([](auto& to) { to.active = true; to.clientHandle = 8; }); },
+        {"set inactive",
+         [&] {
+             change([](auto& to) { to.active = false; });
+             setNox(1);
+         },
+         ""},
+        {"with another handle",
+         [&] {
+             change([](auto& to) {
+                 to.active = true;
+                 to.clientHandle = 8;
+             });
+         },
          "change 0 8: 100=1/C0 101=70000/C0 102='Running'/C0"},
-        {"item set inactive", [&] { group->setActiveState(nox, false, errors); setNox(2); }, ""},
+        {"item set inactive",
+         [&] {
+             group->setActiveState(nox, false, errors);
+             setNox(2);
+         },
+         ""},
         {"item set active", [&] { group->setActiveState(nox, true, errors); }, "change 0 8: 100=2/C0"},
         {"and once more", [&] { group->setActiveState(nox, true, errors); }, ""},
-        {"inactive and active", [&] { for (bool to : {false, true}) group->setActiveState(nox, to, errors); }, "change 0 8: 100=2/C0"},
-        {"another type", [&] { group->setDatatypes(nox, std::vector<VarType>{VT_BSTR}, errors); }, "change 0 8: 100='2'/C0"},
+        {"inactive and active",
+         [&] {
+             for (bool to : {false, true})
+                 group->setActiveState(nox, to, errors);
+         },
+         "change 0 8: 100=2/C0"},
+        {"another type", [&] { group->setDatatypes(nox, std::vector<VarType>{VT_BSTR}, errors); },
+         "change 0 8: 100='2'/C0"},
         {"the same type", [&] { group->setDatatypes(nox, std::vector<VarType>{VT_BSTR}, errors); }, ""},
         {"another client handle", [&] { group->setClientHandles(nox, std::vector<std::uint32_t>{99}, errors); }, ""},
         {"its value", [&] { setNox(3); }, "change 0 8: 99='3'/C0"},
-        {"an item removed", [&] { group->removeItems(nox, errors); setNox(4); }, ""},
-        {"items added", [&] { addItems(*group, {"Status", "Plant.Stack1.NOx"}); }, "change 0 8: 100=-1/C0 101=4/C0"},
-        {"disabled", [&] { group->setEnabled(false); setNox(5); set({{"Status", Variant(false)}}); setNox(4); }, ""},
+        {"an item removed",
+         [&] {
+             group->removeItems(nox, errors);
+             setNox(4);
+         },
+         ""},
+        {"items added",
+         [&] {
+             addItems(*group, {"Status", "Plant.Stack1.NOx"});
+         },
+         "change 0 8: 100=-1/C0 101=4/C0"},
+        {"disabled",
+         [&] {
+             group->setEnabled(false);
+             setNox(5);
+             set({{"Status", Variant(false)}});
+             setNox(4);
+         },
+         ""},
         {"enabled", [&] { group->setEnabled(true); }, "change 0 8: 100=0/C0"},
     };
     change([](GroupChange& to) { to.active = false; });

@@ -8,26 +8,49 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 
 TEST_F(OpcDaTest, EveryItemHasTheSixPropertiesOfTheStandard) {
-    Properties properties{application.items()};
+    const Properties properties{{control.network(), application.budgets().of("", "")}};
     std::vector<PropertyDescription> available;
     EXPECT_EQ(properties.available("", available), OPC_E_INVALIDITEMID);
     EXPECT_EQ(properties.available("plant.stack1.count", available), S_OK);
-    ASSERT_EQ(available.size(), 6U);
-    std::vector<PropertyValue> values;
-    EXPECT_EQ(properties.values("Status", {}, values), E_INVALIDARG);
-    EXPECT_EQ(properties.values("Plant.Stack1.Count", std::vector<std::uint32_t>{1, 2, 3, 4, 5, 6, 7, 0}, values),
-              S_FALSE);
-    const Variant expected[] = {Variant(std::int16_t{3}), Variant(std::int32_t{70000}), Variant(std::int16_t{0xC0}),
-                                values[3].value,          Variant(std::int32_t{1}),     Variant(20000.0F)};
-    for (std::size_t i = 0; i < 6; ++i) {
-        EXPECT_EQ(available[i].id, i + 1);
-        EXPECT_EQ(available[i].type, static_cast<VarType>(values[i].value.kind()));
-        EXPECT_EQ(values[i].error, S_OK);
-        EXPECT_EQ(values[i].value, expected[i]) << i + 1;
+    std::string described;
+    for (const PropertyDescription& each : available) {
+        described += fmt::format(" {}:{}", each.id, each.type);
     }
-    EXPECT_NEAR(values[3].value.date().days, noon.days - 1.0 / 24, 1e-9);
-    EXPECT_EQ(values[6].error, OPC_E_INVALID_PID);
-    EXPECT_EQ(values[7].error, OPC_E_INVALID_PID);
+    EXPECT_EQ(described, " 1:2 2:3 3:2 4:7 5:3 6:4");
+
+    // Each value as text, or its error.
+    std::string told;
+    const auto values = [&](std::string_view itemId, const std::vector<std::uint32_t>& ids) {
+        told.clear();
+        events.log.clear();
+        properties.values(itemId, ids, [&](HResult result, const std::vector<PropertyValue>& found) {
+            told = fmt::format("{:X}:", static_cast<std::uint32_t>(result));
+            for (const PropertyValue& each : found) {
+                OpcValue value;
+                convert(each.value, each.type, value);
+                told += each.error == S_OK ? " " + WrittenValues::textOf(value)
+                                           : fmt::format(" !{:X}", static_cast<std::uint32_t>(each.error));
+            }
+        });
+        return told + " " + fmt::format("{}", fmt::join(events.log, ""));
+    };
+    EXPECT_EQ(values("Plant.Stack1.NOx", {1, 2, 3, 5, 6, 7, 0}),
+              "1: 4 12.5 192 1 20000 !C0040203 !C0040203 read 1 Plant.Stack1.NOx");
+    EXPECT_EQ(values("Status", {4}), "0: 46086.45833333334 read 1 Status") << "in UTC";
+    EXPECT_EQ(values("Status", {1, 5, 6, 9}), "1: 11 1 20000 !C0040203 ") << "nobody is asked";
+    EXPECT_EQ(values("Status", {}), "80070057: ");
+    EXPECT_EQ(values("", {1}), "C0040008: ");
+    EXPECT_EQ(values("Other", {1}), "C0040007: ");
+    control.SLIKTags().Item("Plant.Stack1.NOx").SetVQT(Variant(std::nanf("")), 0xC0, Date{});
+    EXPECT_EQ(values("Plant.Stack1.NOx", {2, 3, 4}), "1: nan 0 !80004005 read 1 Plant.Stack1.NOx");
+    events.answered = 0;
+    EXPECT_EQ(values("Status", {2, 3, 4, 5}), "1: !80004005 !80004005 !80004005 1 read 1 Status");
+    add("Setpoint", Variant(1.0), 2);
+    EXPECT_EQ(values("Setpoint", {2, 3, 4, 5}), "1: !C0040006 !C0040006 !C0040006 2 ");
+
+    std::vector<HResult> errors;
+    EXPECT_EQ(properties.lookupItemIds("Status", std::vector<std::uint32_t>{1, 7}, errors), S_FALSE);
+    EXPECT_EQ(errors, std::vector<HResult>(2, OPC_E_INVALID_PID));
 }
 
 class ItemIOTest : public OpcDaTest {
@@ -56,7 +79,7 @@ class ItemIOTest : public OpcDaTest {
         return result;
     }
 
-    ItemIO io{control.network()};
+    ItemIO io{{control.network(), application.budgets().of("", "")}};
     std::vector<ItemIOReading> readings;
     std::vector<HResult> errors;
 };

@@ -146,7 +146,7 @@ TEST_F(OpcWire, BrowsingNothingGivesAnEmptyEnumerator) {
     EXPECT_HEX(call(Browse::QueryOrganization, {}).bytes, "0100 0000 00000000");  // a tree
     const std::string empty = interfacePointer + "01000000";
     EXPECT_HEX(call(Browse::BrowseOpcItemIds, Parameters().u16(3).text("none*").u16(0).u32(0)).bytes, empty);
-    EXPECT_HEX(call(Browse::BrowseOpcItemIds, Parameters().u16(3).text("*").u16(VT_CY).u32(0)).bytes, empty);
+    EXPECT_HEX(call(Browse::BrowseOpcItemIds, Parameters().u16(3).text("*").u16(VT_BSTR_ARRAY).u32(0)).bytes, empty);
     EXPECT_HEX(call(Browse::BrowseAccessPaths, Parameters().text("Flow")).bytes, empty);
     EXPECT_HEX(call(Browse::BrowseOpcItemIds, Parameters().u16(4).text("").u16(0).u32(0)).bytes, "00000000 57000780");
     EXPECT_HEX(call(Browse::BrowseOpcItemIds, Parameters().u16(3).text("[a").u16(0).u32(0)).bytes, "00000000 090004C0");
@@ -194,7 +194,7 @@ TEST_F(OpcWire, GivesPropertiesAsVariants) {
                "00000000 00000000 070004C0");
     EXPECT_HEX(call(ItemProperties::LookupItemIds, Parameters().text("Flow").counted(ids)).bytes,
                "04000200 03000000 00000000 00000000 00000000"
-               "08000200 03000000 05400080 030204C0 05400080 01000000");
+               "08000200 03000000 030204C0 030204C0 030204C0 01000000");
     for (const ItemProperties method : {ItemProperties::GetItemProperties, ItemProperties::LookupItemIds}) {
         EXPECT_HEX(call(method, Parameters().text("Flow").u32(0).u32(0)).bytes, "00000000 00000000 57000780");
     }
