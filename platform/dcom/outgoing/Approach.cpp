@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "base/TimeSource.h"
+#include "dcom/orpc/OrpcTypes.h"
 
 namespace quelm::dcom::outgoing {
 
@@ -14,11 +15,14 @@ Approach::Approach(Surroundings& surroundings, std::string client, std::vector<A
       level_(level),
       owner_(owner),
       worst_{Step::Connect, addresses.empty() ? Reason::NoAddress : Reason::NoLogOn} {
+    const bool hasAccount = surroundings.settings.account.has_value();
+    // What a machine's resolver is asked holds no values, and some take no log-on there.
+    const bool asksResolver = hasAccount && interfaceId == orpc::iidObjectExporter;
     for (Address& address : addresses) {
-        if (surroundings.settings.account) {
+        if (hasAccount) {
             ways_.push_back({address, true});
         }
-        if (surroundings.settings.allowNoLogOn) {
+        if (surroundings.settings.allowNoLogOn || asksResolver) {
             ways_.push_back({std::move(address), false});
         }
     }
