@@ -119,11 +119,10 @@ class Soak : public testing::Test {
         std::ofstream(folder_.file("dcom.conf")) << fmt::format(
             "[Listen]\nAddress = 127.0.0.1\nActivationPort = {}\nObjectPort = {}\n"
             "[Security]\nMinimumLevel = connect\n[Accounts]\nPLANT\\reader = password:{}\n",
-            activationPort_, objectPort_, password);
+            ports_[0], ports_[1], password);
         std::filesystem::permissions(folder_.file("dcom.conf"), std::filesystem::perms::owner_read);
         ::setenv("QUELM_DCOM_CONF", folder_.file("dcom.conf").c_str(), 1);
     }
-    void TearDown() override { ::unsetenv("QUELM_DCOM_CONF"); }
 
     // On the network's thread, which shares the test's clock with the plant's: one of them uses it at a time.
     void onNetwork(const std::function<void()>& what) {
@@ -438,8 +437,7 @@ class Soak : public testing::Test {
     fakes::SystemINI ini_;
     fakes::Window window_{journal_};
     SLIKServer control_{plantLoop_, networkLoop_};
-    const std::uint16_t activationPort_ = test::freePort();
-    const std::uint16_t objectPort_ = test::freePort();
+    const std::array<std::uint16_t, 2> ports_{test::freePort(), test::freePort()};  // of activation and objects
     static void ignore(std::string_view /*line*/) {}
     static void complain(std::string_view line) { ADD_FAILURE() << line; }
     OpcNetwork network_{
@@ -463,7 +461,7 @@ TEST_F(Soak, AThousandTicksWithAFaultInEveryTenth) {
     frmOPCQuelm form(parts());
     ASSERT_EQ(form.Form_Load(), StartUp::Running);
     EXPECT_EQ(sessions("server", 1), 1);
-    client_.emplace(activationPort_, objectPort_, 2, password, std::vector<std::string>{"L.C1", "R.P1"});
+    client_.emplace(ports_[0], ports_[1], 2, password, std::vector<std::string>{"L.C1", "R.P1"});
     run(4);
     journal_.take();
     for (std::size_t i = 1; i <= 1000; ++i) {
