@@ -1,6 +1,6 @@
 #!/usr/bin/python3
 """A good client reads all the time beside each attack of attacks.py. It must meet no error and no long wait, nobody new
-may be locked out, and the server's memory and log stay within bounds.
+may be locked out, the server's memory and log stay within bounds, and its descriptors come back.
 
     beside_attacks.py --server build/release/Q5OPCServer [--long] [NAME...]
 
@@ -75,6 +75,7 @@ class Beside:
         own_set = self.ping(test.site)
         self.before = status(test.site, 'VmRSS')
         lines = len(self.lines(test.site))
+        descriptors = self.descriptors(test.site)
         reader = harness.Steady(client)
         test.addCleanup(reader.stop.set)
         began = time.monotonic()
@@ -88,6 +89,7 @@ class Beside:
         took = time.monotonic() - began
         self.check('the attack failed', attack.returncode == 0)
         self.check(gained.strip(), not gained)
+        harness.wait_for('descriptors given back', lambda: self.descriptors(test.site) <= descriptors)
         time.sleep(1)  # what the attacker left behind is cleared away meanwhile
         waits = self.read_on(reader)
         self.check('the good client can no longer ping', self.ping(test.site, own_set) == own_set)
@@ -130,6 +132,10 @@ class Beside:
         if any(answer[12:16]):
             raise AssertionError(f'a ping is refused: {answer.hex()}')
         return int.from_bytes(answer[:8], 'little')
+
+    @staticmethod
+    def descriptors(site):
+        return len(os.listdir(f'/proc/{site.process.pid}/fd'))
 
     @staticmethod
     def lines(site):

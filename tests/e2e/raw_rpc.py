@@ -8,10 +8,9 @@ from contextlib import suppress
 from impacket import ntlm
 
 ACTIVATION, OBJECTS = 135, 49200
-REQUEST, RESPONSE, FAULT, BIND, BIND_ACK, BIND_NAK, ALTER_CONTEXT, AUTH3 = 0, 2, 3, 11, 12, 13, 14, 16
+REQUEST, RESPONSE, FAULT, BIND, BIND_NAK, ALTER_CONTEXT, AUTH3 = 0, 2, 3, 11, 13, 14, 16
 FIRST, LAST, OBJECT = 1, 2, 0x80
 CONNECT = 2
-ACCESS_DENIED = 5
 
 NDR = uuid.UUID('8A885D04-1CEB-11C9-9FE8-08002B104860').bytes_le + struct.pack('<I', 2)
 OBJECT_EXPORTER = '99FCFEC4-5260-101B-BBCB-00AA0021347A'  # its calls need no log-on
@@ -19,9 +18,8 @@ ACTIVATOR = '4D9F4AB8-7D1C-11CF-861E-0020AF6E7C57'
 REM_UNKNOWN = '00000131-0000-0000-C000-000000000046'
 
 
-def pdu(kind, body=b'', flags=FIRST | LAST, call=1, length=None, auth=0, version=5, representation=0x10):
-    return struct.pack('<BBBBIHHI', version, 0, kind, flags, representation,
-                       16 + len(body) if length is None else length, auth, call) + body
+def pdu(kind, body=b'', flags=FIRST | LAST, call=1, auth=0):
+    return struct.pack('<BBBBIHHI', 5, 0, kind, flags, 0x10, 16 + len(body), auth, call) + body
 
 
 def with_log_on(kind, body, token, level=CONNECT, context=1, call=1):
@@ -37,8 +35,8 @@ def contexts(*interfaces):
     return body
 
 
-def bind(*interfaces, kind=BIND):
-    return pdu(kind, contexts(*interfaces))
+def bind(*interfaces):
+    return pdu(BIND, contexts(*interfaces))
 
 
 def request(opnum, stub=b'', context=0, flags=FIRST | LAST, call=2, target=None):

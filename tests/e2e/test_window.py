@@ -74,6 +74,10 @@ class Window(SiteTest):
             leave(box)
             self.assertEqual(self.site.exit_code(5), 0)
             self.assertEqual((self.site.output(), self.site.errors()), ('', ''))
+        self.start('?')
+        self.display.window(BOX)
+        self.display.process.kill()
+        self.assertEqual(self.site.exit_code(5), 0, 'nobody is left to press its button')
         self.assertFalse(os.path.exists(self.site.path('logs')))
 
     def test_a_failed_start_shows_why_and_waits_to_be_closed(self):

@@ -260,9 +260,14 @@ TEST_F(RpcFixture, WithoutLogOnOnlyTheAllowedCallsAreMade) {
     exchange(pdu(PduType::Bind, 3, 0, bindBody({{0}, {1, interfaceOpen}})));
     expectOne(request({.contextId = 1, .opnum = 6, .stub = fromHex("01")}), PduType::Response);
     EXPECT_EQ(expectOne(request({.opnum = 3}), PduType::Fault).faultStatus(), Fault::AccessDenied);
-    // All fragments of a refused call get one fault between them.
+    // All fragments of a refused call get one fault between them, and nothing of it is kept, however large it is.
+    const std::size_t held = connection->bytesHeld();
     EXPECT_EQ(exchange(request({.opnum = 3, .flags = flagFirst})).size(), 1U);
+    for (int i = 0; i < 1000; ++i) {
+        EXPECT_THAT(exchange(request({.opnum = 3, .stub = Data(5000), .flags = 0})), IsEmpty());
+    }
     EXPECT_THAT(exchange(request({.opnum = 3, .flags = flagLast})), IsEmpty());
+    EXPECT_LE(connection->bytesHeld(), held);
     EXPECT_THAT(handler.calls, ElementsAre("open 6 none '' 01"));
     EXPECT_THAT(refusals, ElementsAre("Refused OPC client 192.0.2.7:51234: no account, level none: the client did not "
                                       "log on; remedy: let the client log on with an account of the DCOM settings"));
@@ -374,6 +379,10 @@ TEST_F(RpcFixture, MessagesThatMakeNoSenseCostThatConnectionOnly) {
         {{withByte(bind, 0, 6)}, nak, "not RPC version 5"},
         {{withByte(bind, 4, 0)}, nak, "not little endian"},
         {{bind, withByte(request({.opnum = 3}), 9, 0x17)}, nothing, "length is out of range"},
+        {{bind, withByte(request({.opnum = 3}), 8, 15)}, nothing, "length is out of range"},
+        // A trailer that begins in the header: by its padding, by its token.
+        {{bind, withByte(request({.opnum = 3}, 2, 1), 26, 1)}, fault, "a call is"},
+        {{bind, withByte(request({.opnum = 3}, 2, 1), 10, 17)}, fault, "a call is"},
         {{withByte(pdu(PduType::Bind, 3, 0, Data(12)), 24, 200)}, nak, "bind message"},
         {{withByte(bind, 10, 0xFF)}, nak, "bind message"},
         {{negotiation(6, Data(40), 16)}, nak, "authentication service 16 is not supported"},
