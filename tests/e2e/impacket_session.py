@@ -1,219 +1,96 @@
-"""An OPC DA client over impacket, driven by lines of JSON like demo/client/session.js.
-
-impacket does activation, NTLMv2, signing and sealing, and the object connection; the OPC calls are put together here.
+"""An OPC DA client over impacket, driven by lines of JSON like demo/client/session.js, with what only tests ask for: calls
+made by hand and sinks that misbehave.
 """
 
 import json
-import struct
+import os
 import sys
-import uuid
 
-from impacket.dcerpc.v5 import dcomrt
-from impacket.uuid import string_to_bin, uuidtup_to_bin
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), '..', '..', 'demo', 'client'))
+from opc_client import *  # noqa: E402, F403
+from opc_client import (ICONNECTION_POINT, ICONNECTION_POINT_CONTAINER, IOPC_DATA_CALLBACK, IOPC_SHUTDOWN, Client,  # noqa: E402
+                        Writer)
 
-CLASS_ID = '43FB6634-CC72-4EE9-A292-BEDF9FF018BD'
-OPC = '-011E-11D0-9675-0020AFD8ADB3'
-IOPC_SERVER = '39C13A4D' + OPC
-IOPC_BROWSE = '39C13A4F' + OPC
-IOPC_GROUP_STATE = '39C13A50' + OPC
-IOPC_SYNC_IO = '39C13A52' + OPC
-IOPC_ITEM_MGT = '39C13A54' + OPC
-IOPC_ITEM_PROPERTIES = '39C13A72' + OPC
-IENUM_STRING = '00000101-0000-0000-C000-000000000046'
+from bad_sinks import BadSink  # noqa: E402
+from opc_sink import dual_string  # noqa: E402, F401
 
-FLAT = 3
-CACHE, DEVICE = 1, 2
-VT_EMPTY, VT_I2, VT_I4, VT_R4, VT_R8, VT_DATE, VT_BSTR, VT_BOOL = 0, 2, 3, 4, 5, 7, 8, 11
-FORMS = {VT_I2: 'h', VT_I4: 'i', VT_R4: 'f', VT_R8: 'd', VT_DATE: 'd', VT_BOOL: 'h'}
+IENUM_CONNECTION_POINTS = 'B196B285-BAB4-101A-B69C-00AA00341D07'
+CALLBACKS = {'group': IOPC_DATA_CALLBACK, 'server': IOPC_SHUTDOWN}
 
 
-class Writer:
+class Session(Client):
     def __init__(self):
-        # ORPCTHIS: version 5.7, flags, reserved, causality id, no extensions
-        self.data = bytearray(struct.pack('<HHII', 5, 7, 0, 0) + uuid.uuid4().bytes_le + b'\0\0\0\0')
+        super().__init__()
+        self.sinks = []
 
-    def put(self, form, *values):
-        size = struct.calcsize(form)
-        for value in values:
-            self.data += b'\0' * (-len(self.data) % size) + struct.pack('<' + form, value)
-        return self
+    def sink(self, **options):
+        """A sink in this process; its number."""
+        self.sinks.append(BadSink(**options))
+        return len(self.sinks) - 1
 
-    def u16(self, *values):
-        return self.put('H', *values)
+    def subscribe(self, on='group', sink=0, reference=None):
+        """reference: what is given to the server instead of the sink's own, in hex."""
+        given = bytes.fromhex(reference) if reference is not None else self.sinks[sink].reference()
+        return self.advise(on, CALLBACKS[on], given)
 
-    def u32(self, *values):
-        return self.put('I', *values)
+    def subscribe_often(self, times, on='group'):
+        """The same many times over, all taken back whenever no more is taken; gives how often each result came."""
+        results, cookies = {}, []
+        for _ in range(times):
+            answer = self.subscribe(on)
+            results[answer['result']] = results.get(answer['result'], 0) + 1
+            if answer['result']:
+                results['taken back'] = {self.unadvise(cookie) for cookie in cookies} == {0}
+                cookies = []
+            else:
+                cookies.append(answer['cookie'])
+        return {str(result): count for result, count in results.items()}
 
-    def handles(self, values):
-        return self.u32(len(values), *values)
+    def own_reference(self):
+        """That of the group, at the server itself."""
+        return self.group.pointer.get_objRef().hex()
 
-    def guid(self, text):
-        self.data += b'\0' * (-len(self.data) % 4) + uuid.UUID(text).bytes_le
-        return self
+    def reference(self, sink=0):
+        return self.sinks[sink].reference().hex()
 
-    def string(self, text):
-        units = (text + '\0').encode('utf-16le')
-        self.u32(len(units) // 2, 0, len(units) // 2)
-        self.data += units
-        return self
+    def callbacks(self, sink=0, **arguments):
+        """count: how many are waited for; seconds: for how long."""
+        return self.sinks[sink].take(**arguments)
 
+    def held(self, sink=0):
+        return self.sinks[sink].held()
 
-class Reader:
-    def __init__(self, data):
-        self.data = data
-        self.at = 0
-        self.u32()
-        if self.u32():
-            raise ValueError('unexpected ORPC extensions')
+    def pings(self, sink=0):
+        return self.sinks[sink].pings
 
-    def get(self, form):
-        size = struct.calcsize(form)
-        self.at += -self.at % size
-        value, = struct.unpack('<' + form, self.raw(size))
-        return value
+    def met(self, sink=0):
+        """What the sink was asked, before it misbehaved."""
+        return self.sinks[sink].steps
 
-    def u16(self):
-        return self.get('H')
+    def find(self, on, iid):
+        """Whether there is a connection point for the interface, and the call's result."""
+        point, result = self.point(on, iid)
+        return [point is not None, result]
 
-    def u32(self):
-        return self.get('I')
+    def remove_group(self, force=True):
+        return self.server.call(7, Writer().u32(self.group_handle, force)).u32()
 
-    def filetime(self):
-        low, high = self.u32(), self.u32()
-        return high << 32 | low
-
-    def raw(self, size):
-        self.at += size
-        return self.data[self.at - size:self.at]
-
-    def string(self):
-        self.u32(), self.u32()
-        return self.raw(2 * self.u32()).decode('utf-16le').rstrip('\0')
-
-    def array(self, read):
-        return [read() for _ in range(self.u32())] if self.u32() else []
-
-    def hresults(self):
-        return self.array(self.u32)
-
-    def interface(self):
-        if not self.u32():
-            return None
-        size, _ = self.u32(), self.u32()
-        return bytes(self.raw(size))
-
-    def variant(self):
-        """Type and value."""
-        self.at += -self.at % 8
-        self.u32(), self.u32()
-        kind = self.u16()
-        self.raw(6)
-        self.u32()
-        if kind == VT_EMPTY:
-            return kind, None
-        if kind != VT_BSTR:
-            value = self.get(FORMS[kind])
-            return kind, value != 0 if kind == VT_BOOL else value
-        if not self.u32():
-            return kind, None
-        _, size, _ = self.u32(), self.u32(), self.u32()
-        return kind, self.raw(size).decode('utf-16le')
-
-
-class Interface:
-    """One interface pointer: an impacket interface plus its interface id."""
-
-    def __init__(self, pointer, iid):
-        self.pointer = pointer
-        self.binary = uuidtup_to_bin((iid, '0.0'))
-
-    def call(self, opnum, request, ipid=None):
-        self.pointer.connect(self.binary)
-        connection = self.pointer.get_dce_rpc()
-        connection.call(opnum, bytes(request.data), uuid=ipid or self.pointer.get_iPid())
-        return Reader(connection.recv())
-
-    def query(self, iid):
-        return Interface(self.pointer.RemQueryInterface(1, (uuid.UUID(iid).bytes_le,)), iid)
-
-    def wrap(self, objref, iid):
-        made = dcomrt.INTERFACE(self.pointer.get_cinstance(), objref, self.pointer.get_ipidRemUnknown(),
-                                target=self.pointer.get_target())
-        return Interface(dcomrt.IRemUnknown2(made), iid)
-
-
-class Client:
-    LEVELS = {'connect': 2, 'integrity': 5, 'privacy': 6}
-
-    def connect(self, address, user, password, domain='DEMO', level='privacy'):
-        self.connection = dcomrt.DCOMConnection(address, user, password, domain, authLevel=self.LEVELS[level])
-        pointer = self.connection.CoCreateInstanceEx(string_to_bin(CLASS_ID), string_to_bin(IOPC_SERVER))
-        self.server = Interface(pointer, IOPC_SERVER)
-
-    def status(self):
-        reply = self.server.call(6, Writer())
-        reply.raw(28)  # the pointer, and when it was started, asked and updated
-        state, groups, _ = reply.u16(), reply.u32(), reply.u32()
-        reply.raw(8)  # version
-        return {'state': state, 'groups': groups, 'vendor': reply.string() if reply.u32() else None}
-
-    def browse(self):
-        browser = self.server.query(IOPC_BROWSE)
-        reply = browser.call(5, Writer().u16(FLAT).string('').u16(0).u32(0))
-        enumerator = browser.wrap(reply.interface(), IENUM_STRING)
-        texts, result = [], 0
-        while result == 0:
-            part = enumerator.call(3, Writer().u32(10))
-            part.u32(), part.u32()
-            pointers = [part.u32() for _ in range(part.u32())]
-            texts += [part.string() for pointer in pointers if pointer]
-            _, result = part.u32(), part.u32()
-        return texts
-
-    def watch(self, items, types=None):
-        request = Writer().string('e2e').u32(1, 1000, 7, 1, 0, 2).put('f', 0.0).u32(0x409).guid(IOPC_GROUP_STATE)
-        reply = self.server.call(3, request)
+    def enumerate_points(self, on):
+        """The ids of the interfaces that the connection points of group or server call."""
+        container = getattr(self, on).query(ICONNECTION_POINT_CONTAINER)
+        enumerator = container.wrap(container.call(3, Writer()).interface(), IENUM_CONNECTION_POINTS)
+        reply = enumerator.call(3, Writer().u32(10))
         reply.u32(), reply.u32()
-        self.group = self.server.wrap(reply.interface(), IOPC_GROUP_STATE)
-        if reply.u32() & 0x80000000:
-            raise ValueError('AddGroup failed')
-        self.items = self.group.query(IOPC_ITEM_MGT)
-        self.sync = self.group.query(IOPC_SYNC_IO)
-        request = Writer().u32(len(items), len(items))
-        for index in range(len(items)):
-            request.u32(0, 0x20000 + 4 * index, 1, index, 0, 0).u16(types[index] if types else 0, 0)
-        for item in items:
-            request.string(item)
-        reply = self.items.call(3, request)
-        found = reply.array(lambda: (reply.u32(), reply.u16(), reply.u16(), reply.u32(), reply.u32(), reply.u32()))
-        errors = reply.hresults()
-        self.handles = {name: result[0] for name, result, error in zip(items, found, errors) if error == 0}
-        return [{'itemID': name, 'error': error, 'dataType': result[1], 'accessRights': result[3]}
-                for name, result, error in zip(items, found, errors)]
-
-    def read(self, source='cache', items=None):
-        """items: names of those watched, or handles."""
-        items = items or list(self.handles)
-        request = Writer().u16(DEVICE if source == 'device' else CACHE).u32(len(items))
-        reply = self.sync.call(3, request.handles([self.handles.get(item, item) for item in items]))
-        states = reply.array(lambda: (reply.u32(), reply.filetime(), reply.u16(), reply.u16(), reply.u32()))
-        values = [reply.variant() if pointer else (None, None) for *_, pointer in states]
-        errors, result = reply.hresults(), reply.u32()
-        return {'result': result, 'errors': errors, 'items': [
-            {'itemID': item, 'value': value, 'type': kind, 'quality': quality, 'filetime': stamp, 'error': error}
-            for item, (kind, value), (_, stamp, quality, _, _), error in zip(items, values, states, errors)]}
-
-    def properties(self, item):
-        request = Writer().string(item).u32(6).handles(range(1, 7))
-        reply = self.server.query(IOPC_ITEM_PROPERTIES).call(4, request)
-        # an array of VARIANT structures by pointer: referents first, then the bodies
-        values = [reply.variant()[1] for pointer in reply.array(reply.u32) if pointer]
-        return {'values': values, 'errors': reply.hresults(), 'result': reply.u32()}
+        pointers = [reply.u32() for _ in range(reply.u32())]
+        points = []
+        for _ in pointers:
+            _, size = reply.u32(), reply.u32()
+            points.append(container.wrap(bytes(reply.raw(size)), ICONNECTION_POINT))
+        return [point.call(3, Writer()).guid() for point in points]
 
     def raw(self, opnum, stub, on='server', ipid=None):
         """A call with a hand-made stub; gives the reply's length, or the fault as an error. ipid: of another object."""
-        request = Writer()
-        request.data += bytes.fromhex(stub)
+        request = Writer().bytes(bytes.fromhex(stub))
         return len(getattr(self, on).call(opnum, request, ipid and bytes.fromhex(ipid)).data)
 
     def query(self, on, iid):
@@ -225,15 +102,9 @@ class Client:
     def oid(self, on):
         return getattr(self, on).pointer.get_oid()
 
-    def close(self):
-        for name in ('sync', 'items', 'group', 'server'):
-            if hasattr(self, name):
-                getattr(self, name).pointer.RemRelease()
-        self.connection.disconnect()
-
 
 def main():
-    client = Client()
+    client = Session()
     for line in sys.stdin:
         command = json.loads(line)
         operation = command.pop('do')

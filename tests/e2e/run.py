@@ -15,14 +15,15 @@ import sys
 import time
 import unittest
 
-sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
+HERE = os.path.dirname(os.path.abspath(__file__))
+sys.path[:0] = [HERE, os.path.join(HERE, '..', '..', 'demo', 'client')]
 import harness  # noqa: E402
 
 
 def collect(names):
     loader = unittest.TestLoader()
     cases = []
-    for module in pkgutil.iter_modules([os.path.dirname(os.path.abspath(__file__))]):
+    for module in pkgutil.iter_modules([HERE]):
         if module.name.startswith('test_'):
             for suite in loader.loadTestsFromModule(importlib.import_module(module.name)):
                 cases += list(suite)
