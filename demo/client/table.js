@@ -8,28 +8,11 @@ const { OpcClient } = require('./opc-client');
 const debug = console.log;
 console.log = () => {};
 
-const WORDS = new Map([
-  [0x00, 'Bad'],
-  [0x04, 'Bad: configuration error'],
-  [0x08, 'Bad: not connected'],
-  [0x0c, 'Bad: device failure'],
-  [0x10, 'Bad: sensor failure'],
-  [0x14, 'Bad: last known value'],
-  [0x18, 'Bad: communication failure'],
-  [0x1c, 'Bad: out of service'],
-  [0x20, 'Bad: waiting for initial data'],
-  [0x40, 'Uncertain'],
-  [0x44, 'Uncertain: last usable value'],
-  [0x50, 'Uncertain: sensor not accurate'],
-  [0x54, 'Uncertain: engineering units exceeded'],
-  [0x58, 'Uncertain: sub-normal'],
-  [0xc0, 'Good'],
-  [0xd8, 'Good: local override'],
-]);
+const WORDS = require('./qualities.json');
 const TYPES = new Map([[2, 'I2'], [3, 'I4'], [4, 'R4'], [5, 'R8'], [7, 'DATE'], [8, 'BSTR'], [11, 'BOOL'], [0, '-']]);
 
 function qualityWords(quality) {
-  const words = WORDS.get(quality & 0xfc) ?? 'unknown';
+  const words = WORDS[quality & 0xfc] ?? 'unknown';
   return quality & 0x8000 ? `${words} (down)` : words;
 }
 
