@@ -1,9 +1,7 @@
 #pragma once
 
-// A client's walk through the item names: flat, or as a hierarchy whose levels are parted by ".". No tree is built:
-// the items below a branch stand together in the control's browse order.
-// A "." parts two levels only between two characters of which the second is no "." itself, so that no level is
-// without a name: "a..b" is "b" below "a.", ".x" is a leaf at the top.
+// A client's walk through the item names: flat, or level by level through the hierarchy that they make (NameTree), from
+// a position that is kept for it.
 
 #include <cstdint>
 #include <memory>

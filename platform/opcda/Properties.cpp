@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <array>
+#include <optional>
+#include <utility>
 
 #include "opcda/ItemLookup.h"
 #include "slikda/Identity.h"
@@ -64,16 +66,12 @@ PropertyDescription describe(const Property& property, const SLIKTag& tag) {
     return description;
 }
 
-PropertyValue valueOf(const Reading& item, std::uint32_t id) {
-    const Property* const property = find(id);
-    if (property == nullptr) {
-        return {OPC_E_INVALID_PID, VT_EMPTY, Variant()};
-    }
-    if (property->isRead && item.error != S_OK) {
+PropertyValue valueOf(const Reading& item, const Property& property) {
+    if (property.isRead && item.error != S_OK) {
         return {item.error, VT_EMPTY, Variant()};
     }
-    PropertyValue value{S_OK, describe(*property, *item.tag).type, property->valueOf(item)};
-    if (value.value.isEmpty() && property->description.type != VT_EMPTY) {
+    PropertyValue value{S_OK, describe(property, *item.tag).type, property.valueOf(item)};
+    if (value.value.isEmpty() && property.description.type != VT_EMPTY) {
         return {E_FAIL, VT_EMPTY, Variant()};  // no time stamp
     }
     OpcValue converted;
@@ -81,15 +79,28 @@ PropertyValue valueOf(const Reading& item, std::uint32_t id) {
     return value;
 }
 
+PropertyValue valueOf(const Reading& item, std::uint32_t id) {
+    const Property* const property = find(id);
+    return property != nullptr ? valueOf(item, *property) : PropertyValue{OPC_E_INVALID_PID, VT_EMPTY, Variant()};
+}
+
 // The quality is what a read shows, which depends on the value.
+Reading shown(Reading reading) {
+    OpcValue value;
+    present(reading.value, reading.tag->varType(), reading.quality, value);
+    return reading;
+}
+
 Reading readingOf(const SLIKTag& tag, HResult error, std::span<const RequestedItem> answers) {
     if (error != S_OK || !answers[0].isFilled()) {
         return {&tag, error != S_OK ? error : E_FAIL};
     }
-    Reading reading{&tag, S_OK, answers[0].value(), answers[0].qualityWord(), answers[0].fileTime()};
-    OpcValue shown;
-    present(reading.value, tag.varType(), reading.quality, shown);
-    return reading;
+    return shown({&tag, S_OK, answers[0].value(), answers[0].qualityWord(), answers[0].fileTime()});
+}
+
+Reading cached(const SLIKTag& tag) {
+    return isReadable(tag) ? shown({&tag, S_OK, tag.Value(), tag.qualityWord(), tag.fileTime()})
+                           : Reading{&tag, OPC_E_BADRIGHTS};
 }
 
 void tell(const Reading& item, std::span<const std::uint32_t> ids, const Properties::ValuesDone& done) {
@@ -99,6 +110,17 @@ void tell(const Reading& item, std::span<const std::uint32_t> ids, const Propert
         all = found.emplace_back(valueOf(item, id)).error == S_OK ? all : S_FALSE;
     }
     done(all, found);
+}
+
+// item: nullptr: without its value.
+ItemProperty describe(const SLIKTag& tag, const Reading* item, const Property& property) {
+    ItemProperty described{S_OK, describe(property, tag), Variant()};
+    if (item != nullptr) {
+        PropertyValue its = valueOf(*item, property);
+        described.error = its.error;
+        described.value = std::move(its.value);
+    }
+    return described;
 }
 
 }  // namespace
@@ -148,6 +170,26 @@ HResult Properties::lookupItemIds(std::string_view itemId, std::span<const std::
     }
     errors.assign(ids.size(), OPC_E_INVALID_PID);
     return S_FALSE;
+}
+
+HResult Properties::ofItem(const SLIKTag& tag, std::span<const std::uint32_t> ids, bool withValues,
+                           std::vector<ItemProperty>& found) {
+    found.clear();
+    const std::optional<Reading> reading = withValues ? std::optional<Reading>(cached(tag)) : std::nullopt;
+    const Reading* const item = reading ? &*reading : nullptr;
+    if (ids.empty()) {
+        for (const Property& property : properties) {
+            found.push_back(describe(tag, item, property));
+        }
+    }
+    for (const std::uint32_t id : ids) {
+        const Property* const property = find(id);
+        found.push_back(property != nullptr ? describe(tag, item, *property)
+                                            : ItemProperty{OPC_E_INVALID_PID, {id, {}, VT_EMPTY}, Variant()});
+    }
+    const bool allGood =
+        std::all_of(found.begin(), found.end(), [](const ItemProperty& each) { return each.error == S_OK; });
+    return allGood ? S_OK : S_FALSE;
 }
 
 }  // namespace quelm::opcda

@@ -27,6 +27,13 @@ struct PropertyValue {
     Variant value;
 };
 
+// One property of an item as a browser shows it.
+struct ItemProperty {
+    HResult error = S_OK;
+    PropertyDescription description;  // of one that is not known: only its number
+    Variant value;                    // to be put on the wire as the description's type
+};
+
 class Properties {
  public:
     explicit Properties(PlantAccess plant) : plant_(std::move(plant)) {}
@@ -43,6 +50,10 @@ class Properties {
     // No property is an item of its own: OPC_E_INVALID_PID for each, S_FALSE in all.
     HResult lookupItemIds(std::string_view itemId, std::span<const std::uint32_t> ids,
                           std::vector<HResult>& errors) const;
+    // For a browser: these properties of an item, or (no ids) all that it has. Values, where they are wanted, come from
+    // the cache: a device read of a whole level would hold up the plant. Results as those of values().
+    static HResult ofItem(const SLIKTag& tag, std::span<const std::uint32_t> ids, bool withValues,
+                          std::vector<ItemProperty>& found);
 
  private:
     PlantAccess plant_;

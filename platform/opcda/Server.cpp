@@ -36,6 +36,7 @@ Server::Server(Application& application, std::shared_ptr<ClientBudget> budget)
       memory_(memoryOf(budget_)),
       plant_(application.control(), budget_),
       browser_(application.items(), budget_),
+      elementBrowser_(application.items()),
       properties_(plant_),
       itemIO_(plant_) {
     memory_.set(footprint);

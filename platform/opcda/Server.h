@@ -18,6 +18,7 @@
 #include "opcda/Browser.h"
 #include "opcda/Callbacks.h"
 #include "opcda/Connections.h"
+#include "opcda/ElementBrowser.h"
 #include "opcda/Enumerators.h"
 #include "opcda/Group.h"
 #include "opcda/HResults.h"
@@ -76,7 +77,7 @@ inline constexpr std::uint32_t localeNeutral = 0x0400;
 
 class Server {
  public:
-    // Bytes that a server object takes: itself, its object with five interfaces, the books about them; and each of its
+    // Bytes that a server object takes: itself, its object with its interfaces, the books about them; and each of its
     // sinks.
     static constexpr std::size_t footprint = 4096;
     static constexpr std::size_t sinkFootprint = 1024;
@@ -128,6 +129,7 @@ class Server {
     Application& application() { return *application_; }
     const std::shared_ptr<ClientBudget>& budget() const { return budget_; }
     Browser& browser() { return browser_; }
+    const ElementBrowser& elementBrowser() const { return elementBrowser_; }
     const Properties& properties() const { return properties_; }
     ItemIO& itemIO() { return itemIO_; }
 
@@ -154,6 +156,7 @@ class Server {
     std::uint32_t localeId_ = localeSystemDefault;
     std::string clientName_;
     Browser browser_;
+    ElementBrowser elementBrowser_;
     Properties properties_;
     ItemIO itemIO_;
     Connections<IShutdownSink> shutdownSinks_;

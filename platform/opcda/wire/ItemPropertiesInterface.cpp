@@ -19,12 +19,10 @@ struct PropertyRequest {
 };
 
 PropertyRequest readRequest(Reader& in) {
-    // An item has six; who asks for each of them a hundred times is served all the same.
-    constexpr std::uint32_t mostIds = 1000;
     PropertyRequest request;
     request.itemId = in.wideString();
     const std::uint32_t count = in.u32();
-    request.tooMany = count > mostIds;
+    request.tooMany = count > mostPropertyIds;
     if (!request.tooMany) {
         readU32Array(in, count, request.ids);
     }

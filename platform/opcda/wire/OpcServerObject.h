@@ -8,6 +8,7 @@
 
 #include "dcom/orpc/ComObject.h"
 #include "opcda/Server.h"
+#include "opcda/wire/Browse3Interface.h"
 #include "opcda/wire/BrowseInterface.h"
 #include "opcda/wire/CommonInterface.h"
 #include "opcda/wire/ConnectionPointContainerInterface.h"
@@ -24,7 +25,7 @@ class OpcServerObject final : public dcom::orpc::ComObject, public Connectable {
  public:
     // What clients may ask it for.
     using Interfaces = OfferedInterfaces<ServerInterface, BrowseInterface, CommonInterface, ItemPropertiesInterface,
-                                         ItemIoInterface, ConnectionPointContainerInterface>;
+                                         ItemIoInterface, ConnectionPointContainerInterface, Browse3Interface>;
 
     // The application and what is shared by all outgoing calls outlive the object. budget: where what the client holds
     // is counted; none: one of its own.

@@ -45,6 +45,10 @@ class ReplyRoom {
     std::size_t limit_;
 };
 
+// Properties that one call may ask for. An item has a dozen; who asks for each of them many times is served all the
+// same.
+inline constexpr std::uint32_t mostPropertyIds = 1000;
+
 // The elements of an [in, size_is(count)] array of 32-bit values, behind its conformance. A conformance that
 // contradicts the count latches the reader's fault. The vector's room is reused.
 void readU32Array(dcom::ndr::Reader& in, std::uint32_t count, std::vector<std::uint32_t>& values);

@@ -5,6 +5,7 @@
 #include <set>
 
 #include "base/Text.h"
+#include "opcda/ElementBrowser.h"
 #include "opcda/Fixture.h"
 #include "opcda/NameFilter.h"
 
@@ -14,6 +15,7 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 
+const std::string longId(5000, 'x');
 constexpr std::uint16_t up = 1;
 constexpr std::uint16_t down = 2;
 constexpr std::uint16_t to = 3;
@@ -49,7 +51,51 @@ class BrowserTest : public OpcDaTest {
         }
     }
 
+    // What stands on a level, portion by portion: "+" what has children, without an item's name in brackets.
+    std::vector<std::string> elements(ElementRequest request) {
+        std::vector<std::string> found;
+        std::string point;
+        std::string next;
+        do {
+            request.continuationPoint = point = next;
+            result = elementBrowser.browse(
+                request,
+                [&](const BrowseElement& each) {
+                    EXPECT_EQ(each.itemId, each.tag != nullptr ? each.tag->Name() : each.itemId);
+                    const std::string name = (each.hasChildren ? "+" : "") + std::string(each.name);
+                    found.push_back(each.tag == nullptr ? "(" + name + ")" : name);
+                    return true;
+                },
+                next);
+        } while (!next.empty());
+        return found;
+    }
+    // The same walk by elements, in portions of two.
+    void collectElements(std::string_view itemId, std::multiset<std::string>& ids) {
+        std::string next;
+        do {
+            const std::string point = next;
+            std::vector<BrowseElement> portion;
+            const auto take = [&portion](const BrowseElement& each) {
+                portion.push_back(each);
+                return true;
+            };
+            ASSERT_EQ(elementBrowser.browse({itemId, point, 2, 1, "", ""}, take, next), S_OK) << itemId;
+            for (const BrowseElement& each : portion) {
+                if (each.tag != nullptr) {
+                    ids.insert(std::string(each.itemId));
+                }
+                if (each.hasChildren) {
+                    collectElements(each.itemId, ids);
+                } else {
+                    EXPECT_NE(each.tag, nullptr) << each.itemId;
+                }
+            }
+        } while (!next.empty());
+    }
+
     Browser browser{application.items(), application.budgets().of("", "")};
+    ElementBrowser elementBrowser{application.items()};
     HResult result = S_OK;
 };
 
@@ -124,6 +170,67 @@ TEST_F(BrowserTest, OddNamesAreReachedOnceEach) {
     EXPECT_EQ(found, expected);
     EXPECT_EQ(browser.position(), "");
     EXPECT_EQ(names(flat).size(), expected.size());
+    std::multiset<std::string> byElements;
+    collectElements("", byElements);
+    EXPECT_EQ(byElements, expected);
+}
+
+TEST_F(BrowserTest, ElementsAreFilteredByKindAndName) {
+    add("plant", Variant(1.0));
+    add("Plants", Variant(1.0));
+    add("Room.1", Variant(1.0));
+    const struct {
+        ElementRequest request;
+        HResult result;
+        std::vector<std::string> elements;
+    } cases[] = {
+        {{"", "", 0, 1, "", ""}, S_OK, {"+plant", "Plants", "(+Room)", "Status"}},
+        {{"", "", 1, 2, "", ""}, S_OK, {"+plant", "(+Room)"}},
+        {{"", "", 2, 3, "", ""}, S_OK, {"+plant", "Plants", "Status"}},
+        {{"", "", 2, 1, "P*", ""}, S_OK, {"+plant", "Plants"}},
+        {{"", "", 0, 1, "zzz*", ""}, S_OK, {}},
+        {{"PLANT", "", 3, 1, "", ""}, S_OK, {"(+Stack1)", "(+Stack2)"}},
+        {{"Plant.Stack1", "", 3, 1, "", ""}, S_OK, {"Count", "NOx", "State"}},
+        {{"Plant.Stack1.NOx", "", 0, 1, "", ""}, S_OK, {}},
+        {{"no.such", "", 0, 1, "", ""}, OPC_E_UNKNOWNITEMID, {}},
+        {{"Plant.", "", 0, 1, "", ""}, OPC_E_UNKNOWNITEMID, {}},
+        {{std::string_view(longId), "", 0, 1, "", ""}, OPC_E_INVALIDITEMID, {}},
+        {{"", "", 0, 4, "", ""}, E_INVALIDARG, {}},
+        {{"", "", 0, 0, "", ""}, E_INVALIDARG, {}},
+        {{"", "", 0, 1, "[a", ""}, OPC_E_INVALIDFILTER, {}},
+        {{"", "", 0, 1, "", "x"}, OPC_E_INVALIDFILTER, {}},
+    };
+    for (const auto& each : cases) {
+        EXPECT_EQ(elements(each.request), each.elements) << each.request.itemId << " " << each.request.filter;
+        EXPECT_EQ(result, each.result) << each.request.itemId << " " << each.request.filter;
+    }
+}
+
+TEST_F(BrowserTest, ContinuationPointsServeTheirOwnBrowsingOnly) {
+    const auto one = [](const BrowseElement&) { return true; };
+    const ElementRequest request{"Plant", "", 1, 1, "", ""};
+    std::string point;
+    ASSERT_EQ(elementBrowser.browse(request, one, point), S_OK);
+    ASSERT_EQ(point.size(), ElementBrowser::pointLength);
+    std::string forged = point;
+    forged[7] = '0';
+    std::string next;
+    for (const auto& [itemId, given, filter, names] : {std::tuple{"Plant", "nonsense", 1, ""},
+                                                       {"Plant", forged.c_str(), 1, ""},
+                                                       {"", point.c_str(), 1, ""},
+                                                       {"Plant", point.c_str(), 2, ""},
+                                                       {"Plant", point.c_str(), 1, "*"},
+                                                       {"none", point.c_str(), 1, ""}}) {
+        const ElementRequest other{itemId, given, 1, static_cast<std::uint16_t>(filter), names, ""};
+        EXPECT_EQ(elementBrowser.browse(other, one, next), OPC_E_INVALIDCONTINUATIONPOINT) << itemId << given;
+    }
+    EXPECT_EQ(ElementBrowser(application.items()).browse({"Plant", point, 1, 1, "", ""}, one, next),
+              OPC_E_INVALIDCONTINUATIONPOINT);
+    EXPECT_EQ(elementBrowser.browse({"PLANT", point, 9, 1, "", ""}, one, next), S_OK) << "as often as the client likes";
+    EXPECT_EQ(next, "");
+    EXPECT_EQ(elementBrowser.browse(
+                  request, [](const BrowseElement&) { return false; }, next),
+              E_OUTOFMEMORY);
 }
 
 TEST(NameFilterTest, FollowsThePatternSyntax) {

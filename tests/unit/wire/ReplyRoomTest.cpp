@@ -28,6 +28,7 @@ TEST_F(OpcWire, TooManyItemsAreRefusedBeforeTheyAreRead) {
                              Case{ItemMgt::SetDatatypes, Parameters().u32(many), oneArray},
                              Case{ItemIo::Read, Parameters().u32(many), "00000000 00000000 00000000 00000000 0E000780"},
                              Case{ItemIo::WriteVqt, Parameters().u32(many), oneArray},
+                             Case{Browse3::GetProperties, Parameters().u32(many), oneArray},
                              Case{ItemProperties::GetItemProperties, Parameters().text("Flow").u32(many), twoArrays},
                              Case{ItemProperties::LookupItemIds, Parameters().text("Flow").u32(many), twoArrays}}) {
         EXPECT_HEX(call(each.method, each.request).bytes, std::string(each.reply)) << each.method;
