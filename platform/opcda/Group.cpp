@@ -217,7 +217,7 @@ HResult Group::setDatatypes(std::span<const std::uint32_t> handles, std::span<co
         errors.clear();
         return E_INVALIDARG;
     }
-    const HResult result = forEach(handles, errors, [this, types](std::size_t index, std::uint32_t, Slot& slot) {
+    const HResult result = forEach(handles, errors, [types](std::size_t index, std::uint32_t, Slot& slot) {
         if (!isConvertible(slot.tag->varType(), types[index])) {
             return OPC_E_BADTYPE;
         }
