@@ -20,15 +20,13 @@ class Approach final : private Channel::IOwner {
     // Each may end the approach.
     class IOwner {
      public:
+        virtual ~IOwner() = default;
         // Try a call; that a log-on was refused may show in its answer only.
         virtual void opened(Channel& channel) = 0;
         // The channel that was opened is of no further use.
         virtual void lost(const Trouble& trouble) = 0;
         // There is no further way. worst: what happened on the way that led farthest.
         virtual void exhausted(const Trouble& worst) = 0;
-
-     protected:
-        ~IOwner() = default;
     };
 
     // No further way is begun later than this after the first: a round of black holes ends.

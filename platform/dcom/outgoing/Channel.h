@@ -29,13 +29,11 @@ class Channel final : private ILinkEvents {
     // The last thing that an event does is to call one of these, which may end the channel.
     class IOwner {
      public:
+        virtual ~IOwner() = default;
         // Bound and, as far as this end can tell, logged on: ready for a call.
         virtual void opened() = 0;
         // The channel is of no further use, and the call under way is not answered.
         virtual void broken(const Trouble& trouble) = 0;
-
-     protected:
-        ~IOwner() = default;
     };
     using Done = std::function<void(const rpc::CallResult&)>;
 

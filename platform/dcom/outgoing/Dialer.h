@@ -23,6 +23,7 @@ struct Address {
 // Any of them may end the link that calls it.
 class ILinkEvents {
  public:
+    virtual ~ILinkEvents() = default;
     virtual void connected() = 0;
     virtual void received(std::span<const std::uint8_t> data) = 0;
     // After awaitRoom(): more can be sent.
@@ -30,9 +31,6 @@ class ILinkEvents {
     // The connection could not be made, or is at its end; nothing follows. reason: in the system's words; empty where
     // the other end closed it in order.
     virtual void ended(std::string_view reason) = 0;
-
- protected:
-    ~ILinkEvents() = default;
 };
 
 // One connection. Its end closes it, and calls no event any more.

@@ -33,7 +33,7 @@ class RemoteProcess final : public std::enable_shared_from_this<RemoteProcess>, 
     // more, and the owner lets it go; may be called twice.
     RemoteProcess(Surroundings& surroundings, std::string host, std::string client, std::uint64_t oxid,
                   std::function<void(RemoteProcess&)> ended);
-    ~RemoteProcess();
+    ~RemoteProcess() override;
     RemoteProcess(const RemoteProcess&) = delete;
     RemoteProcess& operator=(const RemoteProcess&) = delete;
 

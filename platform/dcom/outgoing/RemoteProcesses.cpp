@@ -44,7 +44,7 @@ std::shared_ptr<RemoteProcess> RemoteProcesses::processOf(const orpc::RemoteObje
                 ofClient >= mostOfClient ? "this client" : "all clients"));
         return nullptr;
     }
-    const auto process = std::make_shared<RemoteProcess>(
+    auto process = std::make_shared<RemoteProcess>(
         surroundings_, request.host, client, oxid, [this, key](const RemoteProcess& ended) {
             if (const auto it = processes_.find(key); it != processes_.end() && it->second.get() == &ended) {
                 processes_.erase(it);

@@ -47,6 +47,7 @@ class Machine final : public rpc::CallHandler {
         std::uint64_t pingSet = 0;
         // Instead of the usual answer to a call whose event begins with a key.
         std::map<std::string, Fault> faults = {};
+        std::optional<Bytes> raw = {};  // instead of the usual results
     };
     Answers answers;
 
@@ -63,7 +64,7 @@ class Machine final : public rpc::CallHandler {
                                   : call.interfaceId == orpc::iidRemUnknown   ? remUnknown(call, out)
                                                                               : callback(call, out);
         events_.push_back(fmt::format("{} @{}", event, levelName(call.level)));
-        reply.bytes(out);
+        reply.bytes(answers.raw ? std::span<const std::uint8_t>(*answers.raw) : out);
         for (const auto& [beginning, fault] : answers.faults) {
             if (event.starts_with(beginning)) {
                 hanging_.push_back(fault == Fault::Deferred ? call.defer() : rpc::CallTicket());
@@ -169,6 +170,7 @@ class Network final : public IDialer {
         .accounts = accounts_, .logOn = {}, .minimumLevel = rpc::AuthLevel::None, .onRefused = {}, .challenge = {}};
     std::size_t window = 1 << 20;  // that a connection takes in one turn
     std::size_t largestSend = 0;
+    std::function<void(Bytes&)> alter = [](Bytes&) {};  // what is on its way back
     std::size_t open() const { return links_.size(); }
 
     // Ends all connections.
@@ -245,12 +247,13 @@ class Network final : public IDialer {
             if (server_.waiting()) {
                 server_.process();
             }
-            const Bytes answer(server_.output().begin(), server_.output().end());
+            Bytes answer(server_.output().begin(), server_.output().end());
             server_.sent(answer.size());
             if (!unread_.empty() && (taken != 0 || !answer.empty())) {
                 later(&Link::serve);
             }
             if (!answer.empty()) {
+                network_.alter(answer);
                 events_.received(answer);
             }
         }
