@@ -368,6 +368,7 @@ class Sink:
         self.offered = tuple(interfaces)
         self.oxid, self.oid, self.set = struct.unpack('<QQQ', os.urandom(24))
         self.rem_unknown, self.ipid = uuid.uuid4(), uuid.uuid4()
+        self.causalities = set()
         self.ipids = {}  # those asked for, with their interfaces
         self.references = {self.ipid: 0}
         self.calls, self.complaints, self.pings, self.connections = [], [], [], []
@@ -468,8 +469,11 @@ class Sink:
         return data + bytes(-len(data) % 4)
 
     def at_object(self, connection, interface, opnum, stub):
-        version = struct.unpack_from('<HH', stub)
-        check(version[0] == 5 and version[1] <= self.com_minor, 'COM', *version, 'to one of', self.com_minor)
+        major, minor = struct.unpack_from('<HH', stub)
+        check(major == 5 and minor <= self.com_minor, 'COM', major, minor, 'to one of', self.com_minor)
+        causality = stub[12:28]
+        check(any(causality) and causality not in self.causalities, 'causality', causality.hex())
+        self.causalities.add(causality)
         if interface == REM_UNKNOWN:
             check(connection.target == self.rem_unknown, 'IRemUnknown at', connection.target)
             return bytes(8) + {3: self.query, 4: self.add_references, 5: self.release}.get(opnum, self.unknown)(stub)

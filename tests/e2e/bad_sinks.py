@@ -47,11 +47,10 @@ class BadSink(Sink):
 
     def __init__(self, at=None, does=None, slowly=0, **options):
         self.at, self.do = at, does and globals()[does]
-        self.slowly, self.steps = slowly, []
+        self.slowly = slowly
         super().__init__(**options)
 
     def step(self, connection: Connection, name):
-        self.steps.append(name)
         if name == self.at:
             self.do(self, connection)
 

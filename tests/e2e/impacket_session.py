@@ -4,7 +4,9 @@ made by hand and sinks that misbehave.
 
 import json
 import os
+import socket
 import sys
+from contextlib import suppress
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), '..', '..', 'demo', 'client'))
 from opc_client import *  # noqa: E402, F403
@@ -60,12 +62,19 @@ class Session(Client):
     def held(self, sink=0):
         return self.sinks[sink].held()
 
-    def pings(self, sink=0):
-        return self.sinks[sink].pings
+    def cut(self, sink=0):
+        """Ends the sink's connections, as a firewall does with those that say nothing."""
+        for connection in self.sinks[sink].connections:
+            with suppress(OSError):
+                connection.socket.shutdown(socket.SHUT_RDWR)
 
-    def met(self, sink=0):
-        """What the sink was asked, before it misbehaved."""
-        return self.sinks[sink].steps
+    def forget_pings(self, sink=0):
+        """As a machine that was started anew does."""
+        self.sinks[sink].set += 1
+
+    def pings(self, sink=0):
+        """What each added to the set, as the sink's own id where it was that."""
+        return [['sink' if oid == self.sinks[sink].oid else oid for oid in added] for _, added in self.sinks[sink].pings]
 
     def find(self, on, iid):
         """Whether there is a connection point for the interface, and the call's result."""

@@ -20,11 +20,12 @@ OPEN = 'MinimumLevel = connect\nAllowNoLogOn = yes\n'
 
 class Called(SiteTest):
     settings = SETTINGS + OPEN
+    changes = ()  # of the settings
     quiet = False  # started when there is time before the first pass
 
     def setUp(self):
         super().setUp()
-        self.site.edit('dcom.conf', (DEMO_SETTINGS, self.settings))
+        self.site.edit('dcom.conf', (DEMO_SETTINGS, self.settings), *self.changes)
         if self.quiet:
             before_the_next_pass()
         self.site.start().started()
@@ -75,9 +76,10 @@ class Subscription(Called):
         return items
 
     def test_at_each_level_values_come_as_the_database_has_them_and_then_only_those_that_change(self):
-        levels = {'connect': {'level': 'connect'}, 'integrity': {'level': 'integrity'}, 'privacy': {'level': 'privacy'},
-                  'none': {'level': 'none', 'log_on_at': ['resolver']}}
-        clients = {level: self.subscriber(EXPECTED, **sink) for level, sink in levels.items()}
+        # As clients of different age and make are: one on port 135 of a machine that names others of its addresses first.
+        sinks = {'connect': {'com_minor': 2, 'log_on_at': ['object']}, 'integrity': {}, 'none': {'log_on_at': ['resolver']},
+                 'privacy': {'address': '127.0.3.1', 'resolver_port': 135, 'bindings': ['pc', '127.0.3.2', '127.0.3.1']}}
+        clients = {level: self.subscriber(EXPECTED, level=level, **sink) for level, sink in sinks.items()}
         for level, client in clients.items():
             first, = client('callbacks')
             self.assert_call(first, call='OnDataChange', level=level, transaction=0, group=7, masterError=S_OK,
@@ -171,6 +173,28 @@ class Transactions(Called):
         wait_for('the first sink let go', lambda: client('held') == 0)
         self.assertEqual(client('remove_group'), S_OK)
         wait_for('the second sink let go', lambda: client('held', sink=1) == 0)
+
+
+class Connections(Called):
+    changes = (('[Clients]\n', '[Clients]\nPingTimeout = 9\n'),)  # and a sink is pinged three times as often
+
+    def test_sinks_are_pinged_as_long_as_they_are_held_and_connections_that_were_cut_are_made_anew(self):
+        client = self.subscriber()
+        self.assertEqual(len(client('callbacks')), 1)
+        for added in (1, 2):
+            # The client calls meanwhile, because nobody pings for it.
+            wait_for('the sink in the set', lambda: client('status') and client('pings').count(['sink']) == added)
+            pings = len(client('pings'))
+            wait_for('more pings', lambda: client('status') and len(client('pings')) > pings + 1)
+            self.assertEqual(client('pings').count(['sink']), added)
+            client('cut')
+            self.assert_refreshes(client, 5)
+            client('forget_pings')
+        client('unadvise', cookie=1)
+        wait_for('the sink let go', lambda: client('held') == 0)
+        pings = len(client('pings'))
+        time.sleep(7)
+        self.assertEqual(len(client('pings')), pings)
 
 
 class Ends(Called):

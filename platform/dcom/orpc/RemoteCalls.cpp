@@ -123,7 +123,8 @@ std::optional<ResolvedOxid> parseResolveOxid2(std::span<const std::uint8_t> stub
     }
     result.remUnknownIpid = in.uuid();
     result.levelHint = in.u32();
-    in.u32();  // the version: both ends speak the older of the two
+    in.u16();  // the same major version for decades
+    result.minorVersion = in.u16();
     result.status = in.u32();
     return whole(in, std::move(result));
 }
@@ -157,16 +158,18 @@ std::optional<ComplexPingAnswer> parseComplexPing(std::span<const std::uint8_t> 
     return whole(in, answer);
 }
 
-void writeOrpcThis(ndr::Writer& out) {
-    writeComVersion(out);
+void writeOrpcThis(ndr::Writer& out, const ObjectCallHeader& header) {
+    out.u16(comMajorVersion);
+    out.u16(header.minorVersion);
     out.u32(0);
     out.u32(0);
-    out.uuid({});
+    out.uuid(header.causality);
     out.nullPointer();
 }
 
-void writeRemQueryInterface(ndr::Writer& out, const Uuid& ipid, const Uuid& iid, std::uint32_t references) {
-    writeOrpcThis(out);
+void writeRemQueryInterface(ndr::Writer& out, const ObjectCallHeader& header, const Uuid& ipid, const Uuid& iid,
+                            std::uint32_t references) {
+    writeOrpcThis(out, header);
     out.uuid(ipid);
     out.u32(references);
     out.u16(1);
@@ -190,8 +193,8 @@ std::optional<QueriedInterface> parseRemQueryInterface(std::span<const std::uint
     return whole(in, queried);
 }
 
-void writeRemRelease(ndr::Writer& out, std::span<const HeldReferences> held) {
-    writeOrpcThis(out);
+void writeRemRelease(ndr::Writer& out, const ObjectCallHeader& header, std::span<const HeldReferences> held) {
+    writeOrpcThis(out, header);
     out.u16(static_cast<std::uint16_t>(held.size()));
     out.u32(static_cast<std::uint32_t>(held.size()));
     for (const HeldReferences& entry : held) {

@@ -42,7 +42,8 @@ struct ResolvedOxid {
     std::vector<StringBinding> bindings;
     Uuid remUnknownIpid;
     std::uint32_t levelHint = 0;
-    std::uint32_t status = 0;  // 0: success
+    std::uint16_t minorVersion = 0;  // of the protocol that the process speaks, 5.x
+    std::uint32_t status = 0;        // 0: success
 };
 
 // IObjectExporter (no header in front).
@@ -60,10 +61,15 @@ struct ComplexPingAnswer {
 std::optional<ComplexPingAnswer> parseComplexPing(std::span<const std::uint8_t> stub);
 
 // The header in front of an object call's parameters.
-void writeOrpcThis(ndr::Writer& out);
+struct ObjectCallHeader {
+    std::uint16_t minorVersion = comMinorVersion;  // 5.x; a newer one than its own is refused by whoever is called
+    Uuid causality;                                // another one for each call that nothing else is waiting for
+};
+void writeOrpcThis(ndr::Writer& out, const ObjectCallHeader& header);
 
 // IRemUnknown.
-void writeRemQueryInterface(ndr::Writer& out, const Uuid& ipid, const Uuid& iid, std::uint32_t references);
+void writeRemQueryInterface(ndr::Writer& out, const ObjectCallHeader& header, const Uuid& ipid, const Uuid& iid,
+                            std::uint32_t references);
 struct QueriedInterface {
     HResult result = S_OK;  // of the call or of the entry, whichever failed
     ObjectReference reference;
@@ -73,6 +79,6 @@ struct HeldReferences {
     Uuid ipid;
     std::uint32_t count = 0;
 };
-void writeRemRelease(ndr::Writer& out, std::span<const HeldReferences> held);
+void writeRemRelease(ndr::Writer& out, const ObjectCallHeader& header, std::span<const HeldReferences> held);
 
 }  // namespace quelm::dcom::orpc

@@ -78,11 +78,21 @@ bool RemoteProcess::isLogOnRefused(const rpc::CallResult& result) const {
     return !proven_ && isAccessDenied(result.fault);
 }
 
+// Each call is a doing of its own, of which the process has not heard before.
+const orpc::ObjectCallHeader& RemoteProcess::nextHeader() {
+    ++callNumber_;
+    for (std::size_t i = 0; i < sizeof callNumber_; ++i) {
+        header_.causality.bytes[i] = static_cast<std::uint8_t>(callNumber_ >> 8 * i);
+        header_.causality.bytes[8 + i] = static_cast<std::uint8_t>(oxid_ >> 8 * i);
+    }
+    return header_;
+}
+
 void RemoteProcess::release() {
     begin(Job::Releasing, nullptr);
     approach_->channel().call(
         Step::Call, {orpc::iidRemUnknown, orpc::opnumOf(orpc::RemUnknownCall::Release), remUnknown_},
-        [this](ndr::Writer& out) { orpc::writeRemRelease(out, std::exchange(releases_, {})); },
+        [this](ndr::Writer& out) { orpc::writeRemRelease(out, nextHeader(), std::exchange(releases_, {})); },
         [this](const rpc::CallResult& result) { onReleased(result); }, programLimit);
 }
 
@@ -102,8 +112,9 @@ void RemoteProcess::ask(Object& object) {
     begin(Job::Asking, &object);
     approach_->channel().call(
         Step::AskInterface, {orpc::iidRemUnknown, orpc::opnumOf(orpc::RemUnknownCall::QueryInterface), remUnknown_},
-        [&request = object.request](ndr::Writer& out) {
-            orpc::writeRemQueryInterface(out, request.reference.object.ipid, request.iid, orpc::referencesPerPointer);
+        [this, &request = object.request](ndr::Writer& out) {
+            orpc::writeRemQueryInterface(out, nextHeader(), request.reference.object.ipid, request.iid,
+                                         orpc::referencesPerPointer);
         },
         [this](const rpc::CallResult& result) { onAsked(result); }, programLimit);
 }
@@ -140,7 +151,8 @@ void RemoteProcess::call(Object& object) {
     answered_ = std::move(call.answered);
     const auto limit = programLimit + sendLimit * (call.parameters->size() >> 16U);
     approach_->channel().call(
-        Step::Call, {object.request.iid, call.opnum, object.asked.ipid}, orpc::writeOrpcThis,
+        Step::Call, {object.request.iid, call.opnum, object.asked.ipid},
+        [this](ndr::Writer& out) { orpc::writeOrpcThis(out, nextHeader()); },
         [this](const rpc::CallResult& result) { onCalled(result); }, limit, std::move(call.parameters));
 }
 

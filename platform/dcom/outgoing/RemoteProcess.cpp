@@ -86,6 +86,7 @@ void RemoteProcess::onResolved(const rpc::CallResult& result) {
     std::rotate(resolver_.begin(), good, good + 1);
     pinger_.pingAt(resolver_);
     remUnknown_ = answer->remUnknownIpid;
+    header_.minorVersion = std::min(answer->minorVersion, orpc::comMinorVersion);
     const auto hint = rpc::effectiveLevel(static_cast<std::uint8_t>(std::min(answer->levelHint, 255U)));
     approach(State::Connecting, candidates(answer->bindings, host_), orpc::iidRemUnknown,
              std::max(hint, surroundings_.settings.minimumLevel));

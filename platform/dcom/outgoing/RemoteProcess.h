@@ -64,6 +64,7 @@ class RemoteProcess final : public std::enable_shared_from_this<RemoteProcess>, 
     void begin(Job job, Object* object);
     void settle();
     bool isLogOnRefused(const rpc::CallResult& result) const;
+    const orpc::ObjectCallHeader& nextHeader();
     void release();
     void onReleased(const rpc::CallResult& result);
     void ask(Object& object);
@@ -93,6 +94,8 @@ class RemoteProcess final : public std::enable_shared_from_this<RemoteProcess>, 
     State state_ = State::Waiting;
     std::vector<Address> resolver_;
     Uuid remUnknown_;
+    orpc::ObjectCallHeader header_;
+    std::uint64_t callNumber_ = 0;
     std::unique_ptr<Approach> approach_;
     std::unique_ptr<ITimer> timer_;
     std::chrono::milliseconds pause_ = firstPause;

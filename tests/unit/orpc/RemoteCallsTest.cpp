@@ -42,7 +42,7 @@ TEST_F(RemoteCalls, FindAnObjectAskForAnInterfaceAndLetGo) {
     const auto ask = [&](const Uuid& iid) {
         return answered(parseRemQueryInterface, objects, iidRemUnknown, &resolved.remUnknownIpid,
                         opnumOf(RemUnknownCall::QueryInterface),
-                        stub([&](ndr::Writer& out) { writeRemQueryInterface(out, ipid, iid, 5); }));
+                        stub([&](ndr::Writer& out) { writeRemQueryInterface(out, {}, ipid, iid, 5); }));
     };
     EXPECT_EQ(ask(iidNobody).result, E_NOINTERFACE);
     const QueriedInterface queried = ask(iidBrowse);
@@ -53,7 +53,7 @@ TEST_F(RemoteCalls, FindAnObjectAskForAnInterfaceAndLetGo) {
 
     const std::vector<HeldReferences> held{HeldReferences{queried.reference.ipid, 5}, HeldReferences{ipid, 5}};
     send(objects, peer(1), iidRemUnknown, &resolved.remUnknownIpid, opnumOf(RemUnknownCall::Release),
-         stub([&held](ndr::Writer& out) { writeRemRelease(out, held); }));
+         stub([&held](ndr::Writer& out) { writeRemRelease(out, {}, held); }));
     EXPECT_EQ(exporter.objectCount(), 0U);
 }
 
