@@ -19,6 +19,7 @@ inline constexpr HResult E_INVALIDARG{0x80070057};
 inline constexpr HResult REGDB_E_CLASSNOTREG{0x80040154};
 inline constexpr HResult CLASS_E_NOAGGREGATION{0x80040110};
 inline constexpr HResult CO_E_SERVER_STOPPING{0x80080008};
+inline constexpr HResult CO_E_CLASSSTRING{0x800401F3};
 inline constexpr HResult CONNECT_E_NOCONNECTION{0x80040200};
 inline constexpr HResult CONNECT_E_ADVISELIMIT{0x80040201};
 inline constexpr HResult CONNECT_E_CANNOTCONNECT{0x80040202};

@@ -25,8 +25,8 @@ constexpr std::size_t longestName = 256;         // characters, as a log-on mess
 constexpr std::size_t mostProblems = 50;         // a file of another kind must not swamp the log
 
 constexpr std::array<std::string_view, 3> listenKeys = {"Address", "ActivationPort", "ObjectPort"};
-constexpr std::array<std::string_view, 5> securityKeys = {"MinimumLevel", "AllowNTLMv1", "AllowAnonymous",
-                                                          "ComputerName", "Domain"};
+constexpr std::array<std::string_view, 6> securityKeys = {"MinimumLevel",   "AllowNTLMv1",  "AllowAnonymous",
+                                                          "OpenServerList", "ComputerName", "Domain"};
 constexpr std::array<std::string_view, 3> clientsKeys = {"PingTimeout", "FirstPing", "CloseGrace"};
 constexpr std::array<std::string_view, 4> callbacksKeys = {"Account", "Secret", "MinimumLevel", "AllowNoLogOn"};
 
@@ -38,7 +38,7 @@ struct NamedSection {
 };
 constexpr std::array<NamedSection, 4> namedSections = {{
     {"Listen", listenKeys, "Use Address, ActivationPort or ObjectPort"},
-    {"Security", securityKeys, "Use MinimumLevel, AllowNTLMv1, AllowAnonymous, ComputerName or Domain"},
+    {"Security", securityKeys, "Use MinimumLevel, AllowNTLMv1, AllowAnonymous, OpenServerList, ComputerName or Domain"},
     {"Clients", clientsKeys, "Use PingTimeout, FirstPing or CloseGrace"},
     {"Callbacks", callbacksKeys, "Use Account, Secret, MinimumLevel or AllowNoLogOn"},
 }};
@@ -318,6 +318,7 @@ void Parser::readSecurity() {
     readLevel("Security", settings_.minimumLevel);
     readSwitch("Security", "AllowNTLMv1", settings_.ntlm.allowNtlmV1Ess);
     readSwitch("Security", "AllowAnonymous", settings_.ntlm.allowAnonymous);
+    readSwitch("Security", "OpenServerList", settings_.openServerList);
     readNetBiosName("ComputerName", settings_.ntlm.computerName);
     readNetBiosName("Domain", settings_.ntlm.domainName);
 }
@@ -481,6 +482,11 @@ void noteWhatIsWeak(DcomSettings& settings) {
         notices.emplace_back("[Security] AllowAnonymous = yes: clients can log on without an account");
     } else if (settings.accounts.empty()) {
         notices.emplace_back("[Accounts] holds no usable account: every client is refused");
+    }
+    if (settings.openServerList) {
+        notices.emplace_back(
+            "[Security] OpenServerList = yes: whoever reaches this machine can ask which OPC server it has, without a "
+            "log-on");
     }
     noteWhatIsWeakIn(settings.callbacks, notices);
 }

@@ -28,6 +28,7 @@ struct DcomSettings {
     std::uint16_t activationPort = 135;
     std::uint16_t objectPort = 49200;                         // 0: any free one
     rpc::AuthLevel minimumLevel = rpc::AuthLevel::Integrity;  // the least protection of a call: connect or better
+    bool openServerList = false;                              // the list of OPC servers asks for no log-on
     ntlm::ServerSettings ntlm;
     ntlm::AccountTable accounts;
     CallbackSettings callbacks;

@@ -20,10 +20,32 @@ IENUM_CONNECTION_POINTS = 'B196B285-BAB4-101A-B69C-00AA00341D07'
 CALLBACKS = {'group': IOPC_DATA_CALLBACK, 'server': IOPC_SHUTDOWN}
 
 
+LIST_CLASS = '13486D51-4821-11D2-A494-3CB306C10000'
+LISTS = {'13486D50-4821-11D2-A494-3CB306C10000': '0002E000-0000-0000-C000-000000000046',
+         '9DD0B56C-AD9E-43EE-8305-487F3188BF7A': '55C382C8-21C7-4E88-96C1-BECFB1E3F483'}
+
+
 class Session(Client):
     def __init__(self):
         super().__init__()
         self.sinks = []
+
+    def servers(self, category, **logon):
+        """What the machine's list of OPC servers, in each form, knows of those of this kind: class, names, and the class
+        by its first name in capitals."""
+        answers = []
+        for iid, enumerator in LISTS.items():
+            servers = self.activate(LIST_CLASS, iid, **logon)
+            reply = servers.call(3, Writer().u32(1, 1).guid(category).u32(0, 0))
+            classes = servers.wrap(reply.interface(), enumerator)
+            assert classes.call(5, Writer()).u32() == 0
+            reply = classes.call(3, Writer().u32(10, 10))
+            reply.u32(), reply.u32()
+            for found in [reply.guid() for _ in range(reply.u32())]:
+                reply = servers.call(4, Writer().guid(found))
+                names = [reply.string() for _ in range(3 if iid.startswith('9') else 2) if reply.u32()]
+                answers.append([found, *names, servers.call(5, Writer().string(names[0].upper())).guid()])
+        return answers
 
     def sink(self, **options):
         """A sink in this process; its number."""

@@ -80,6 +80,8 @@ class Plant {
         items.Add("Date", 1, now, 0xC0, now);
         items.Add("Empty", 1, Variant(), 0, now);
         HResult result = S_OK;
+        client_.hold(wire::ServerListFactory(application_).create(client_.peer(), client_.account(), result));
+        require(!control_.InUse(), "who asks for the list of servers holds none");
         client_.hold(wire::OpcClassFactory(application_, outgoing_).create(client_.peer(), client_.account(), result));
         require(!failed(result) && control_.InUse(), "a client's object keeps the server in use");
     }

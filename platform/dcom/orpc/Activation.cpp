@@ -40,6 +40,7 @@ class ClassObject final : public ComObject, public Dispatched<ClassObject> {
         : exporter_(exporter), factory_(std::move(factory)) {}
 
     Interface* queryInterface(const Uuid& iid) override { return iid == iidClassFactory ? this : nullptr; }
+    bool isOpenToAll() const override { return factory_->isOpenToAll(); }
     void disconnected() override { hold_ = nullptr; }
 
  private:
@@ -192,6 +193,9 @@ Fault Activation::activateByProperties(const rpc::Call& call, ndr::Reader& in, n
         return Fault::None;
     }
     request.classObject = classObject;
+    if (!isProtectedFor(call, request)) {
+        return Fault::AccessDenied;
+    }
     const ActivationAnswer answer = activate(call, request);
     if (failed(answer.result)) {
         out.nullPointer();
@@ -211,6 +215,9 @@ Fault Activation::remoteActivation(const rpc::Call& call, ndr::Reader& in, ndr::
     const ActivationRequest request = readRemoteActivation(in);
     if (!in.good()) {
         return Fault::BadStubData;
+    }
+    if (!isProtectedFor(call, request)) {
+        return Fault::AccessDenied;
     }
     const ActivationAnswer answer = activate(call, request);
     out.u64(answer.oxid);
@@ -232,7 +239,9 @@ ActivationAnswer Activation::activate(const rpc::Call& call, const ActivationReq
     ActivationAnswer answer;
     answer.oxid = exporter_.oxid();
     answer.remUnknownIpid = exporter_.remUnknownIpid();
-    answer.levelHint = levelHint(exporter_, call);
+    // Who came without a log-on to what is open to all has none for the object either.
+    answer.levelHint = exporter_.isProtectedFor(false, call.level) ? levelHint(exporter_, call)
+                                                                   : static_cast<std::uint32_t>(call.level);
     for (const Uuid& iid : request.iids) {
         answer.interfaces.push_back({iid, S_OK, {}});
     }
@@ -244,6 +253,11 @@ ActivationAnswer Activation::activate(const rpc::Call& call, const ActivationReq
         answer.result = exportInterfaces(call, object, answer.interfaces);
     }
     return answer;
+}
+
+bool Activation::isProtectedFor(const rpc::Call& call, const ActivationRequest& request) const {
+    const auto factory = classes_.find(request.classId);
+    return exporter_.isProtectedFor(factory != nullptr && factory->isOpenToAll(), call.level);
 }
 
 HResult Activation::makeObject(const rpc::Call& call, const ActivationRequest& request,

@@ -46,6 +46,7 @@ class Activation {
     Fault createInstance(const rpc::Call& call, ndr::Reader& in, ndr::Writer& out);
     Fault activateByProperties(const rpc::Call& call, ndr::Reader& in, ndr::Writer& out, bool classObject);
     ActivationAnswer activate(const rpc::Call& call, const ActivationRequest& request);
+    bool isProtectedFor(const rpc::Call& call, const ActivationRequest& request) const;
     HResult makeObject(const rpc::Call& call, const ActivationRequest& request, std::shared_ptr<ComObject>& object);
     HResult exportInterfaces(const rpc::Call& call, const std::shared_ptr<ComObject>& object,
                              std::vector<ActivatedInterface>& interfaces);

@@ -10,9 +10,10 @@ bool ActivationHandler::supports(const Uuid& interfaceId, std::uint16_t versionM
 }
 
 // Clients ask whether the machine is alive, and by which addresses, before they know how to log on. Pings come from
-// the client's machine, whose own account is unknown here, and objects must not die over that.
+// the client's machine, whose own account is unknown here, and objects must not die over that. Where a class is open to
+// all, activation looks at which one is asked for.
 bool ActivationHandler::isOpenToAll(const Uuid& interfaceId) {
-    return interfaceId == iidObjectExporter;
+    return interfaceId == iidObjectExporter || exporter_.settings().opensToAll;
 }
 
 Fault ActivationHandler::call(const rpc::Call& call, ndr::Writer& reply) {

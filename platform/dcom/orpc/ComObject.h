@@ -77,6 +77,8 @@ class ComObject : public std::enable_shared_from_this<ComObject> {
     // The object's implementation of an interface, valid as long as the object; nullptr when it has none.
     // IUnknown is the exporter's own business and never asked for here.
     virtual Interface* queryInterface(const Uuid& iid) = 0;
+    // Whether whoever asks may have it, at any level and without a log-on, where the owner allows that at all.
+    virtual bool isOpenToAll() const { return false; }
     // The last client reference to any of its interfaces is gone (released, run down or connection lost);
     // the exporter forgets the object right after.
     virtual void disconnected() = 0;
@@ -87,6 +89,8 @@ class ClassFactory {
  public:
     virtual ~ClassFactory() = default;
     virtual Uuid classId() const = 0;
+    // As its objects.
+    virtual bool isOpenToAll() const { return false; }
     // A new instance for this client; nullptr with result set to the reason.
     virtual std::shared_ptr<ComObject> create(const rpc::Peer& peer, const std::string& account, HResult& result) = 0;
     // Keeps the server from ending, as an object of this class would, for as long as what it gives exists; nullptr when

@@ -90,6 +90,9 @@ ObjectExporter::Reached ObjectExporter::reach(const Uuid& ipid, const rpc::Peer&
         return {nullptr, nullptr, Access::Gone};
     }
     ExportedInterface& entry = *found->second;
+    if (!isProtectedFor(entry.object->object->isOpenToAll(), peer.level)) {
+        return {nullptr, nullptr, Access::Denied};
+    }
     Client* const client = callerOf(*entry.object, peer, account);
     if (client == nullptr) {
         return {nullptr, nullptr, refuseCaller(*entry.object, peer, account)};

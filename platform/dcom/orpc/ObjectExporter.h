@@ -32,6 +32,8 @@ struct ExporterSettings {
     std::vector<std::string> hostNames;
     // Clients are told to come with at least this level.
     rpc::AuthLevel minimumLevel = rpc::AuthLevel::Integrity;
+    // Whether calls come in below it: to objects that are open to all, and to no others.
+    bool opensToAll = false;
     // All in milliseconds. Client machines ping every 120 seconds, which nobody can set.
     std::uint64_t pingTimeout = 360'000;  // without sign of life after which a client counts as dead: three pings
     // From a client's first call until its first ping has come, if it is of a kind that pings: one period and a margin.
@@ -102,6 +104,10 @@ class ObjectExporter final : private PingSets::Listener {
         Interface* methods = nullptr;       // nullptr for IUnknown
         Access access = Access::Granted;
     };
+    // Whether a call of this protection may reach what is open to all or, as nearly everything, is not.
+    bool isProtectedFor(bool openToAll, rpc::AuthLevel level) const {
+        return !settings_.opensToAll || openToAll || level >= settings_.minimumLevel;
+    }
     // The object behind an IPID, for a call over an object connection, which is a sign of life of its client. Another
     // program of the same account may call it, as clients hand on what they hold.
     Target route(const Uuid& ipid, const rpc::Peer& peer, const std::string& account);

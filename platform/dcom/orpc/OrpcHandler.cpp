@@ -15,6 +15,11 @@ bool isRemUnknown(const Uuid& iid) {
     return iid == iidRemUnknown || iid == iidRemUnknown2;
 }
 
+// COM's own, by which objects of any kind are held and made.
+bool isOfEveryObject(const Uuid& iid) {
+    return isRemUnknown(iid) || iid == iidUnknown || iid == iidClassFactory;
+}
+
 std::string whatWentWrong() {
     try {
         throw;
@@ -51,12 +56,20 @@ HResult ExporterContext::writeInterface(ndr::Writer& out, const std::shared_ptr<
     return S_OK;
 }
 
-OrpcHandler::OrpcHandler(ObjectExporter& exporter, std::function<bool(const Uuid&)> knownInterface)
-    : exporter_(exporter), remUnknown_(exporter), knownInterface_(std::move(knownInterface)) {}
+OrpcHandler::OrpcHandler(ObjectExporter& exporter, std::function<bool(const Uuid&)> knownInterface,
+                         std::function<bool(const Uuid&)> openInterface)
+    : exporter_(exporter),
+      remUnknown_(exporter),
+      knownInterface_(std::move(knownInterface)),
+      openInterface_(std::move(openInterface)) {}
 
 bool OrpcHandler::supports(const Uuid& interfaceId, std::uint16_t versionMajor, std::uint16_t) {
-    return versionMajor == 0 && (isRemUnknown(interfaceId) || interfaceId == iidUnknown ||
-                                 interfaceId == iidClassFactory || knownInterface_(interfaceId));
+    return versionMajor == 0 && (isOfEveryObject(interfaceId) || knownInterface_(interfaceId));
+}
+
+bool OrpcHandler::isOpenToAll(const Uuid& interfaceId) {
+    return exporter_.settings().opensToAll && openInterface_ &&
+           (isOfEveryObject(interfaceId) || openInterface_(interfaceId));
 }
 
 Fault OrpcHandler::call(const rpc::Call& call, ndr::Writer& reply) {

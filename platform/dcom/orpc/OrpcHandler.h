@@ -13,11 +13,16 @@ namespace quelm::dcom::orpc {
 
 class OrpcHandler final : public rpc::CallHandler {
  public:
-    // knownInterface tells whether any class of the owner has this interface, so that clients may bind to it.
+    // knownInterface tells whether any class of the owner has this interface, so that clients may bind to it;
+    // openInterface, whether an object that is open to all has it.
     // The exporter must outlive the handler.
-    OrpcHandler(ObjectExporter& exporter, std::function<bool(const Uuid&)> knownInterface);
+    OrpcHandler(ObjectExporter& exporter, std::function<bool(const Uuid&)> knownInterface,
+                std::function<bool(const Uuid&)> openInterface = {});
 
     bool supports(const Uuid& interfaceId, std::uint16_t versionMajor, std::uint16_t versionMinor) override;
+    // Where objects are open to all, so are their interfaces and COM's own, by which they are held. The objects
+    // themselves are looked at when they are called.
+    bool isOpenToAll(const Uuid& interfaceId) override;
     Fault call(const rpc::Call& call, ndr::Writer& reply) override;
     bool holdsAnything(const rpc::Peer& peer) const override { return exporter_.isHolding(peer); }
     void connectionClosed(const rpc::Peer& peer, bool abrupt) override;
@@ -29,6 +34,7 @@ class OrpcHandler final : public rpc::CallHandler {
     ObjectExporter& exporter_;
     RemUnknown remUnknown_;
     std::function<bool(const Uuid&)> knownInterface_;
+    std::function<bool(const Uuid&)> openInterface_;
 };
 
 // What a method may do while it runs: hand out objects to the client that called it.

@@ -325,15 +325,18 @@ Fault ServerConnection::faultBeforeCall(const SecurityContext* context, const Re
     return Fault::None;
 }
 
-bool ServerConnection::admits(const SecurityContext* context, const Uuid& interfaceId) {
+// As well as the settings ask for.
+bool ServerConnection::isProtected(const SecurityContext* context) const {
     const AuthLevel minimum = effectiveMinimum(settings_.minimumLevel);
     if (context == nullptr) {
-        return minimum <= AuthLevel::None || handler_.isOpenToAll(interfaceId);
+        return minimum <= AuthLevel::None;
     }
-    if (context->state() != SecurityContext::State::LoggedOn) {
-        return false;
-    }
-    return context->level() >= minimum || handler_.isOpenToAll(interfaceId);
+    return context->state() == SecurityContext::State::LoggedOn && context->level() >= minimum;
+}
+
+bool ServerConnection::admits(const SecurityContext* context, const Uuid& interfaceId) {
+    const bool isHalfWay = context != nullptr && context->state() != SecurityContext::State::LoggedOn;
+    return isProtected(context) || (!isHalfWay && handler_.isOpenToAll(interfaceId));
 }
 
 void ServerConnection::reportInadmissible(const SecurityContext* context) {
@@ -409,6 +412,10 @@ void ServerConnection::perform(std::uint32_t callId, const Request& request, std
         handler_.call({peer_, *presentations_.find(request.contextId), request.opnum, request.hasObject, request.object,
                        stub, peer_.level, context != nullptr ? context->account() : noAccount, this},
                       reply);
+    // The interface is open to all, but not what was asked of it.
+    if (fault == Fault::AccessDenied && !isProtected(context)) {
+        reportInadmissible(context);
+    }
     const CallHeader header{PduType::Response, callId, request.contextId};
     if (fault == Fault::Deferred) {
         output_.resize(start);

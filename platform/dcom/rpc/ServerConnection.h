@@ -76,6 +76,7 @@ class ServerConnection final : private ITicketOffice {
     std::chrono::milliseconds delayOf(const Header& header, std::span<const std::uint8_t> pdu) const;
     void onFailedLogOn(const SecurityContexts::Outcome& outcome);
     bool isMachineAsking(const std::string& account);
+    bool isProtected(const SecurityContext* context) const;
     bool admits(const SecurityContext* context, const Uuid& interfaceId);
     void reportInadmissible(const SecurityContext* context);
     Fault faultBeforeCall(const SecurityContext* context, const Request& request);

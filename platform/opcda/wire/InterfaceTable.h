@@ -9,6 +9,7 @@
 #include "opcda/wire/EnumeratorObjects.h"
 #include "opcda/wire/OpcGroupObject.h"
 #include "opcda/wire/OpcServerObject.h"
+#include "opcda/wire/ServerListObject.h"
 
 namespace quelm::opcda::wire {
 
@@ -19,11 +20,14 @@ inline constexpr auto interfacesOfAll = [] {
     constexpr auto& server = OpcServerObject::Interfaces::rows;
     constexpr auto& group = OpcGroupObject::Interfaces::rows;
     constexpr std::array points{rowOf<ConnectionPointObject>()};
-    std::array<InterfaceRow, server.size() + group.size() + points.size() + enumeratorRows.size()> all{};
+    std::array<InterfaceRow,
+               server.size() + group.size() + points.size() + enumeratorRows.size() + serverListRows.size()>
+        all{};
     auto end = std::copy(server.begin(), server.end(), all.begin());
     end = std::copy(group.begin(), group.end(), end);
     end = std::copy(points.begin(), points.end(), end);
-    std::copy(enumeratorRows.begin(), enumeratorRows.end(), end);
+    end = std::copy(enumeratorRows.begin(), enumeratorRows.end(), end);
+    std::copy(serverListRows.begin(), serverListRows.end(), end);
     return all;
 }();
 
@@ -42,8 +46,11 @@ inline constexpr auto interfaceTable = [] {
 }();
 
 constexpr bool isOpcInterface(const Uuid& iid) {
-    return std::any_of(interfaceTable.begin(), interfaceTable.end(),
-                       [&iid](const InterfaceRow& row) { return row.iid == iid; });
+    return std::ranges::find(interfaceTable, iid, &InterfaceRow::iid) != interfaceTable.end();
+}
+// Of the list of servers, which needn't know who asks.
+constexpr bool isServerListInterface(const Uuid& iid) {
+    return std::ranges::find(serverListRows, iid, &InterfaceRow::iid) != serverListRows.end();
 }
 
 }  // namespace quelm::opcda::wire

@@ -24,6 +24,7 @@
 #include "opcda/Server.h"
 #include "opcda/wire/InterfaceTable.h"
 #include "opcda/wire/OpcClassFactory.h"
+#include "opcda/wire/ServerListObject.h"
 
 namespace quelm {
 
@@ -46,6 +47,7 @@ dcom::orpc::ExporterSettings exporterSettings(const dcom::DcomSettings& settings
     result.firstPing = settings.firstPing * second;
     result.closeGrace = settings.closeGrace * second;
     result.minimumLevel = settings.minimumLevel;
+    result.opensToAll = settings.openServerList;
     result.log = log;
     return result;
 }
@@ -123,7 +125,7 @@ struct OpcNetwork::Impl {
           application(control.network(), loop, messages),
           exporter(exporterSettings(settings, trouble), [] { return timeSource().monotonicMilliseconds(); }),
           activationHandler(exporter, classes),
-          objectHandler(exporter, opcda::wire::isOpcInterface),
+          objectHandler(exporter, opcda::wire::isOpcInterface, opcda::wire::isServerListInterface),
           refusals(loop, trouble),
           protocol{.accounts = settings.accounts,
                    .logOn = settings.ntlm,
@@ -140,6 +142,7 @@ struct OpcNetwork::Impl {
           timer(loop.makeTimer([this] { tick(); })) {
         classes.add(std::make_shared<ToldClients>(std::make_shared<opcda::wire::OpcClassFactory>(application, outgoing),
                                                   client));
+        classes.add(std::make_shared<opcda::wire::ServerListFactory>(application));
     }
 
     static dcom::net::TcpSettings tcpSettings(const Trouble& trouble) {

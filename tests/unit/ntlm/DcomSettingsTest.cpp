@@ -56,6 +56,7 @@ TEST(DcomSettings, ReadsEverySetting) {
     const DcomSettings settings = parse(
         "\xEF\xBB\xBF; plant network\r\n[listen]\r\nADDRESS = 127.0.0.1, 10.1.2.3 ,10.1.2.3\r\nActivationPort=1135\r\n"
         "ObjectPort = 0\r\n[Security]\r\nMinimumLevel = Connect\r\nallowntlmv1 = YES\r\nAllowAnonymous = yes\r\n"
+        "OpenServerList = yes\r\n"
         "ComputerName = quelm-01\r\nDomain = plant\r\n[Clients]\r\nPingTimeout = 30\r\nFirstPing = 20\r\n"
         "CloseGrace = 1\r\n[Callbacks]\r\nAccount = PLANT\\quelm\r\nSecret = password:c;d\r\nMinimumLevel = connect\r\n"
         "AllowNoLogOn = yes\r\n[Accounts]\r\n"
@@ -80,8 +81,9 @@ TEST(DcomSettings, ReadsEverySetting) {
         settings.notices,
         ElementsAre(StartsWith("[Listen] Address = 10.1.2.3:"), StartsWith("[Security] MinimumLevel = connect:"),
                     StartsWith("[Clients] PingTimeout = 30:"), StartsWith("[Security] AllowNTLMv1 = yes:"),
-                    StartsWith("[Security] AllowAnonymous = yes:"), StartsWith("[Callbacks] MinimumLevel = connect:"),
-                    StartsWith("[Callbacks] AllowNoLogOn = yes:")));
+                    StartsWith("[Security] AllowAnonymous = yes:"), StartsWith("[Security] OpenServerList = yes:"),
+                    StartsWith("[Callbacks] MinimumLevel = connect:"), StartsWith("[Callbacks] AllowNoLogOn = yes:")));
+    EXPECT_TRUE(settings.openServerList);
 }
 
 TEST(DcomSettings, ADamagedLineOfTheCallbacksNeverWeakensThem) {

@@ -35,6 +35,7 @@ class TestObject final : public ComObject, public Interface {
     Interface* queryInterface(const Uuid& iid) override {
         return iid == iidServer || iid == iidBrowse ? this : nullptr;
     }
+    bool isOpenToAll() const override { return isOpen; }
     void disconnected() override {
         events_.push_back(name);
         if (onDisconnected) {
@@ -62,6 +63,7 @@ class TestObject final : public ComObject, public Interface {
 
     std::string name;
     std::shared_ptr<ComObject> child;
+    bool isOpen = false;
     std::function<void()> script;
     std::function<void()> onDisconnected;
 
@@ -73,6 +75,7 @@ class TestFactory final : public ClassFactory {
  public:
     explicit TestFactory(std::vector<std::string>& events) : events_(events) {}
     Uuid classId() const override { return classTest; }
+    bool isOpenToAll() const override { return isOpen; }
     std::shared_ptr<ComObject> create(const rpc::Peer&, const std::string&, HResult& result) override {
         if (refusal != S_OK) {
             result = refusal;
@@ -82,6 +85,7 @@ class TestFactory final : public ClassFactory {
             throw std::runtime_error("no memory for a server");
         }
         latest = std::make_shared<TestObject>("server" + std::to_string(++made_), events_);
+        latest->isOpen = isOpen;
         return latest;
     }
 
@@ -92,6 +96,7 @@ class TestFactory final : public ClassFactory {
 
     HResult refusal = S_OK;
     bool breaksDown = false;
+    bool isOpen = false;
     std::shared_ptr<TestObject> latest;
 
  private:
@@ -158,23 +163,26 @@ class World : public testing::Test {
     Bytes reply;
     Fault status = Fault::None;
 
-    explicit World(std::size_t objectsPerUser = 16'384)
+    explicit World(std::size_t objectsPerUser = 16'384, bool opensToAll = false)
         : exporter(
-              settingsFor(log, objectsPerUser), [this] { return time; }, [this] { return ++identifiers; }) {}
+              settingsFor(log, objectsPerUser, opensToAll), [this] { return time; }, [this] { return ++identifiers; }) {
+    }
 
-    static ExporterSettings settingsFor(std::vector<std::string>& log, std::size_t objectsPerUser) {
+    static ExporterSettings settingsFor(std::vector<std::string>& log, std::size_t objectsPerUser, bool opensToAll) {
         ExporterSettings settings;
         settings.objectPort = 49200;
         settings.hostNames = {"quelm-srv"};
         settings.log = [&log](const std::string& line) { log.push_back(line); };
         settings.minimumLevel = rpc::AuthLevel::Connect;
         settings.objectsPerUser = objectsPerUser;
+        settings.opensToAll = opensToAll;
         return settings;
     }
 
     ObjectExporter exporter;
     ClassRegistry classes;
-    OrpcHandler objects{exporter, [](const Uuid& iid) { return iid == iidServer; }};
+    OrpcHandler objects{exporter, [](const Uuid& iid) { return iid == iidServer; },
+                        [](const Uuid& iid) { return iid == iidServer; }};
     ActivationHandler activation{exporter, classes};
     std::shared_ptr<TestFactory> factory = std::make_shared<TestFactory>(events);
 

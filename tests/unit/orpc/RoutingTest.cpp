@@ -162,4 +162,50 @@ TEST_F(Routing, AnObjectMayLoseItsLastClientWhileItRuns) {
     EXPECT_FALSE(alive(peer(2), ipid));
 }
 
+class OpenWorld : public World {
+ protected:
+    OpenWorld() : World(16'384, true) {}
+
+    // As the connection tells it of each of its calls.
+    void comeAs(rpc::Peer& peer, rpc::AuthLevel its, const char* name) {
+        level = peer.level = its;
+        account = name;
+    }
+};
+
+// A way in without a log-on leads to nothing but what is open to all, whatever else its user may know.
+TEST_F(OpenWorld, WithoutALogOnOnlyWhatIsOpenToAllIsReached) {
+    EXPECT_TRUE(activation.isOpenToAll(iidActivation));
+    EXPECT_TRUE(objects.isOpenToAll(iidRemUnknown));
+    EXPECT_FALSE(objects.isOpenToAll(iidBrowse));
+    rpc::Peer reader = peer(1);
+    comeAs(reader, rpc::AuthLevel::Connect, "PLANT\\reader");
+    const Uuid closed = activate(reader);
+    EXPECT_TRUE(alive(reader, closed));
+
+    rpc::Peer nobody = peer(2);
+    for (const char* name : {"", "PLANT\\reader"}) {
+        comeAs(nobody, rpc::AuthLevel::None, name);
+        for (const Uuid& classId : {classTest, classUnknown}) {
+            send(activation, nobody, iidActivation, nullptr, 0, activationRequest(classId, {iidServer}));
+            EXPECT_EQ(status, Fault::AccessDenied);
+        }
+        EXPECT_FALSE(alive(nobody, closed));
+        EXPECT_EQ(remUnknown(nobody, 5, changes({{closed, 5}})).hresult(), E_ACCESSDENIED);
+    }
+    comeAs(reader, rpc::AuthLevel::Connect, "PLANT\\reader");
+    EXPECT_TRUE(alive(reader, closed));
+
+    factory->isOpen = true;
+    comeAs(nobody, rpc::AuthLevel::None, "");
+    ndr::Reader in = send(activation, nobody, iidActivation, nullptr, 0, activationRequest(classTest, {iidServer}));
+    in.bytes(8 + 8 + 4);
+    in.bytes(in.u32() * 2 + 4);
+    in.uuid();
+    EXPECT_EQ(in.u32(), 1U) << "nor will the object ask for a log-on";
+    const Uuid open = references().at(0).ipid;
+    EXPECT_TRUE(alive(nobody, open));
+    EXPECT_NE(queryOne(nobody, open, iidBrowse).count, 0U);
+}
+
 }  // namespace quelm::dcom::orpc::test

@@ -12,9 +12,10 @@ class HostileStub : public OpcWire {
         handle_ = addGroup("g");
         handles_ = addItems({"A.Temp", "Name"});
         call(OpcServer::CreateGroupEnumerator, Parameters().u16(6).uuid(iidEnumString));
-        names_ = context_.written.back();
+        others_.push_back(context_.written.back());
         call(*group_, ConnectionPointContainer::FindConnectionPoint, Parameters().uuid(iidOpcDataCallback));
-        point_ = context_.written.back();
+        others_.push_back(context_.written.back());
+        others_.push_back(std::make_shared<ServerListObject>(Hold()));
     }
 
     struct Request : Method {
@@ -23,6 +24,7 @@ class HostileStub : public OpcWire {
 
     std::vector<Request> requests() const {
         const auto all = [] { return Parameters(); };
+        const std::vector<Uuid> kinds{iidOpcServer};
         const Parameters definitions = OpcWire::definitions({"Flow", "Switch"});
         const std::string number = "03000000 00000000 0300 CCCCCCCCCCCC 03000000 05000000";
         const std::string text =
@@ -72,19 +74,25 @@ class HostileStub : public OpcWire {
              all().u32(1).u32(1).u32(1).u32(0).u32(1).u32(30).u32(1).f32(2).u32(1).u32(7).u32(1).u32(9)},
             {GroupStateMgt::SetName, all().text("g")},
             {GroupStateMgt::CloneGroup, all().text("copy").uuid(iidOpcSyncIo)},
+            {{iidOpcServerList, 3}, all().u32(1).array(kinds).u32(1).array(kinds)},
+            {{iidOpcServerList, 4}, all().uuid(iidOpcServer)},
+            {{iidOpcServerList, 5}, all().text("x")},
+            {{iidOpcServerList2, 3}, all().u32(1).array(kinds).u32(1).array(kinds)},
+            {{iidOpcServerList2, 4}, all().uuid(iidOpcServer)},
+            {{iidOpcServerList2, 5}, all().text("x")},
             {{iidEnumString, Enumeration::Next}, all().u32(1)},
             {{iidEnumString, Enumeration::Skip}, all().u32(1)},
         };
     }
 
     Reply send(const Method& to, std::span<const std::uint8_t> stub) {
-        const bool isPoints = to.iid == iidConnectionPoint;
-        return to.iid == iidEnumString || isPoints ? call(isPoints ? *point_ : *names_, to, stub) : call(to, stub);
+        const auto has = [&](const Object& object) { return object->queryInterface(to.iid) != nullptr; };
+        const auto other = std::ranges::find_if(others_, has);
+        return other != others_.end() ? call(**other, to, stub) : call(to, stub);
     }
 
     std::uint32_t handle_ = 0;
-    Object names_;
-    Object point_;
+    std::vector<Object> others_;
     Handles handles_;
 };
 
@@ -110,7 +118,7 @@ TEST_F(HostileStub, CutStubsAreRefusedAndWholeOnesAnswered) {
 TEST_F(HostileStub, EveryMethodThatTakesParametersIsAmongTheCases) {
     const auto cases = requests();
     for (const InterfaceRow& row : interfaceTable) {
-        if (row.name.starts_with("IEnum") && row.iid != iidEnumString) {
+        if (row.name.find("Enum") != std::string_view::npos && row.iid != iidEnumString) {
             continue;
         }
         for (std::uint16_t i = 0; i < row.methods.size(); ++i) {
