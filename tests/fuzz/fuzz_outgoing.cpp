@@ -1,6 +1,6 @@
-// What the machines answer that this server connects to when it calls clients back: arbitrary bytes for each decoder and
-// for a connection, and whole conversations with machines whose answers are altered on their way. Whatever they say,
-// nothing is told twice or to what is gone, and nothing is left behind.
+// What the machines answer that this server connects to when it calls clients back: arbitrary bytes for each decoder
+// and for a connection, and whole conversations with machines whose answers are altered on their way. Whatever they
+// say, nothing is told twice or to what is gone, and nothing is left behind.
 
 #include <array>
 #include <memory>
@@ -62,8 +62,8 @@ void decodeAlone(Input& input) {
 // Parts of the input as they may come in; between them calls as soon as there can be one.
 void answerOneConnection(std::uint8_t mode, Input& input) {
     const bool logsOn = (mode & 4) != 0;
-    const rpc::LogOnSettings logOn{logsOn ? &account : nullptr,
-                                   logsOn ? rpc::AuthLevel::Privacy : rpc::AuthLevel::None, (mode & 8) != 0};
+    const rpc::LogOnSettings logOn{logsOn ? &account : nullptr, logsOn ? rpc::AuthLevel::Privacy : rpc::AuthLevel::None,
+                                   (mode & 8) != 0};
     constexpr std::size_t largestAnswer = 1000;
     rpc::ClientConnection connection(logOn, orpc::iidRemUnknown, largestAnswer);
     std::uint16_t number = 0;
@@ -188,10 +188,9 @@ class Plant {
     outgoing::test::Network network_{loop_, events_};
     std::vector<Alteration> alterations_;  // of the next answer
     outgoing::CallSettings settings_;
-    outgoing::RemoteProcesses processes_{{network_, loop_, settings_,
-                                          [](const std::string&, const std::string&, const std::string& line) {
-                                              requireOneLine(line);
-                                          }}};
+    outgoing::RemoteProcesses processes_{
+        {network_, loop_, settings_,
+         [](const std::string&, const std::string&, const std::string& line) { requireOneLine(line); }}};
     std::array<std::unique_ptr<Sink>, 8> sinks_;
 };
 
