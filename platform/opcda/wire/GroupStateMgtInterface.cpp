@@ -85,7 +85,7 @@ Fault GroupStateMgtInterface::cloneGroup(Reader& in, Writer& out, dcom::orpc::Ca
     }
     std::shared_ptr<Group> clone;
     const HResult result = owner->server().cloneGroup(object_.group(), name, clone);
-    out.hresult(owner->writeGroup(out, context, clone, iid, result));
+    out.hresult(owner->writeNewGroup(out, context, clone, iid, result));
     return Fault::None;
 }
 

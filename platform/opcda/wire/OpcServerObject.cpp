@@ -33,6 +33,15 @@ HResult OpcServerObject::writeGroup(dcom::ndr::Writer& out, dcom::orpc::CallCont
     return failed(written) ? written : result;
 }
 
+HResult OpcServerObject::writeNewGroup(dcom::ndr::Writer& out, dcom::orpc::CallContext& context,
+                                       const std::shared_ptr<Group>& group, const Uuid& iid, HResult result) {
+    const HResult written = writeGroup(out, context, group, iid, result);
+    if (failed(written) && group != nullptr) {
+        removeGroup(group->serverHandle(), true);
+    }
+    return written;
+}
+
 HResult OpcServerObject::removeGroup(std::uint32_t serverHandle, bool force) {
     const auto known = groups_.find(serverHandle);
     const bool inUse = known != groups_.end() && !known->second.object.expired();

@@ -50,6 +50,9 @@ class OpcServerObject final : public dcom::orpc::ComObject, public Connectable {
     // Gives the call's result. The interface is one that groups have.
     HResult writeGroup(dcom::ndr::Writer& out, dcom::orpc::CallContext& context, const std::shared_ptr<Group>& group,
                        const Uuid& iid, HResult result);
+    // The same for a group that was just made: it does not stay where the client cannot have its pointer.
+    HResult writeNewGroup(dcom::ndr::Writer& out, dcom::orpc::CallContext& context, const std::shared_ptr<Group>& group,
+                          const Uuid& iid, HResult result);
     // RemoveGroup.
     HResult removeGroup(std::uint32_t serverHandle, bool force);
 

@@ -41,7 +41,7 @@ Fault ServerInterface::getStatus(Server& server, Reader& /*in*/, Writer& out, Ca
     writeFileTime(out, status.startTime);
     writeFileTime(out, status.currentTime);
     writeFileTime(out, status.lastUpdateTime);
-    out.u16(status.state);
+    out.u16(static_cast<std::uint16_t>(status.state));
     out.u32(status.groupCount);
     out.u32(status.bandWidth);
     out.u16(status.majorVersion);
@@ -73,10 +73,15 @@ Fault ServerInterface::addGroup(Server& server, Reader& in, Writer& out, CallCon
     }
     std::shared_ptr<Group> group;
     const HResult result = OpcGroupObject::hasInterface(iid) ? server.addGroup(request, group) : E_NOINTERFACE;
-    const bool added = !failed(result);
-    out.u32(added ? group->serverHandle() : 0);
-    out.u32(added ? group->state().updateRate : 0);
-    out.hresult(object().writeGroup(out, context, group, iid, result));
+    const std::size_t numbers = out.position();
+    out.u32(failed(result) ? 0 : group->serverHandle());
+    out.u32(failed(result) ? 0 : group->state().updateRate);
+    const HResult written = object().writeNewGroup(out, context, group, iid, result);
+    if (failed(written)) {
+        out.patchU32(numbers, 0);
+        out.patchU32(numbers + 4, 0);
+    }
+    out.hresult(written);
     return Fault::None;
 }
 
