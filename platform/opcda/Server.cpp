@@ -192,6 +192,9 @@ ServerStatus Server::status() const {
     status.startTime = application_->startTime();
     status.currentTime = timeSource().fileTimeNow();
     status.lastUpdateTime = lastUpdate_->fileTime();
+    if (application_->items().areSourcesLost()) {
+        status.state = ServerState::communicationFault;
+    }
     status.groupCount = static_cast<std::uint32_t>(groups_.size());
     status.majorVersion = identity::majorVersion;
     status.minorVersion = identity::minorVersion;

@@ -28,11 +28,15 @@
 
 namespace quelm::opcda {
 
+// Numbers of the interface's enumeration.
+enum class ServerState : std::uint16_t { running = 1, communicationFault = 6 };
+
 struct ServerStatus {
     std::int64_t startTime = 0;       // UTC, FILETIME
     std::int64_t currentTime = 0;     // UTC, FILETIME
     std::int64_t lastUpdateTime = 0;  // UTC, FILETIME; 0: no data sent to this client yet
-    std::uint16_t state = 1;          // running
+    // A communication fault: nothing that the items are fed from can be reached.
+    ServerState state = ServerState::running;
     std::uint32_t groupCount = 0;
     std::uint32_t bandWidth = 0xFFFFFFFF;  // not known
     std::uint16_t majorVersion = 0;

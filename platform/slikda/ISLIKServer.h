@@ -74,6 +74,9 @@ class ISLIKServer {
     virtual ISLIKTags& SLIKTags() = 0;
     // Asks connected clients to disconnect; they may or may not. Where there is none, none is let in any more.
     virtual void RequestDisconnect(std::string_view strReason) = 0;
+    // Whether nothing that the items are fed from can be reached. Clients see it as the server's state, together with
+    // what the same handler sets.
+    virtual void SetSourcesLost(bool blnLost) = 0;
     // At least one client holds a server object. False right after RequestDisconnect stays so: nobody comes any more.
     virtual bool InUse() const = 0;
 };

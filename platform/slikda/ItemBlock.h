@@ -61,6 +61,7 @@ struct ItemBlock {
     std::vector<ItemValue> values;  // by the items' numbers
     std::vector<Stamp> stamps;      // runs of items share one
     std::uint16_t mark = 0;
+    bool sourcesLost = false;  // nothing that the items are fed from can be reached
 };
 
 }  // namespace quelm

@@ -55,6 +55,8 @@ class ItemStore final {
     // index: 0 to Count() - 1, in the order of adding
     const SLIKTag& at(std::size_t index) const { return tags_[index]; }
 
+    bool areSourcesLost() const { return shown_->sourcesLost; }
+
     // All items ordered by folded name with "." before every other character, so that the items below one branch of
     // the name hierarchy stand together. Made at the first call after an item was added, then kept (4 bytes an item).
     const std::vector<std::uint32_t>& browseOrder() const;

@@ -64,6 +64,12 @@ PlantTag& PlantItems::Item(std::string_view strName) {
     return tags_[*number];
 }
 
+void PlantItems::setSourcesLost(bool lost) {
+    if ((writing_ != nullptr ? writing_ : newest_)->sourcesLost != lost) {
+        (writing_ != nullptr ? *writing_ : begin()).sourcesLost = lost;
+    }
+}
+
 // The second block comes now, so that no pass has to wait for its memory.
 void PlantItems::close(std::function<void()> begun) {
     begun_ = std::move(begun);
@@ -86,6 +92,7 @@ ItemBlock& PlantItems::begin() {
     // All its items carry the mark of the batch that it was before.
     writing_->mark ^= 1;
     writing_->stamps.clear();
+    writing_->sourcesLost = newest_->sourcesLost;
     written_ = 0;
     begun_();
     return *writing_;

@@ -53,6 +53,9 @@ class PlantItems final : public ISLIKTags {
     // index: 0 to Count() - 1, in the order of adding
     const PlantTag& at(std::size_t index) const { return tags_[index]; }
 
+    // A part of the batch like the values.
+    void setSourcesLost(bool lost);
+
     // What clients see. Until close() that is every item as it stands; afterwards only what is shown there, which is
     // the network's affair.
     ItemStore& shown() { return shown_; }

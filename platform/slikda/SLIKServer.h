@@ -48,6 +48,7 @@ class SLIKServer final : public ISLIKServer, private IPlantSide {
     std::string AppName() const override;
     PlantItems& SLIKTags() override { return items_; }
     void RequestDisconnect(std::string_view strReason) override;
+    void SetSourcesLost(bool blnLost) override { items_.setSourcesLost(blnLost); }
     bool InUse() const override { return wasInUse_ || door_.count() > 0; }
 
     // The other half. Belongs to the network's thread from the start on.

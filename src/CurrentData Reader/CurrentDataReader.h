@@ -24,6 +24,7 @@ class CurrentDataReader final : public ICurrentDataReader {
     // Reads at once, so that the first update pass finds values. Raises what CreateInterval raises.
     void Start() override;
     void Stop() override;
+    bool IsDatabaseLost() const override { return missedRefreshes_ == maxMissedRefreshes; }
     const CurrentValueRecord* CurrentValue(std::int32_t lngPID, std::string_view strIntervalType) const override;
 
     // Refreshes in a row that may fail before the values are withdrawn: with 15 seconds' period that makes 45 seconds,

@@ -33,6 +33,8 @@ class ICurrentDataReader {
     virtual void Initialize(IRaiseMsg& objRaiseMsg, ICDRReferences& objReferences, std::int32_t lngPeriod) = 0;
     virtual void Start() = 0;
     virtual void Stop() = 0;
+    // The database has not been read for so long that the values of before are no longer published.
+    virtual bool IsDatabaseLost() const = 0;
     // The value of a PID for its interval type, or nullptr when there is none. Valid until the next event of the loop.
     virtual const CurrentValueRecord* CurrentValue(std::int32_t lngPID, std::string_view strIntervalType) const = 0;
 };

@@ -106,7 +106,9 @@ void IOSSimpleManager::LogReadOf(const Generation& generation, bool blnHeartbeat
 void IOSSimpleManager::ReadCurrentIO() {
     try {
         mcolCurrentIO = DBIL().RealtimeDB().ReadCurrentIO(mstrSiteID, mblnUseImplicitChannels);
+        mlngUnread = 0;
     } catch (...) {
+        mlngUnread = std::min(mlngUnread + readPeriodSeconds, mlngMaxElapsed + readPeriodSeconds);
         RaiseFailure("OPC-0192: ");
     }
 }

@@ -50,6 +50,8 @@ class IOSSimpleManager final {
     std::string GetChannelName(std::int32_t lngChannelID);
     // 1 to 5; 0 for a channel without definition.
     std::int32_t GetChannelDefType(std::int32_t lngChannelID);
+    // The database has not been read for longer than the values of before can be trusted.
+    bool IsDatabaseLost() const { return mlngUnread > mlngMaxElapsed; }
     // The record with that IOID, or nullptr. Valid until the next read tick.
     const CurrentIORecord* GetCurrentIORecord(std::string_view strIOID) const;
     std::int32_t GetCurrentIORecordCount() const;
@@ -101,6 +103,7 @@ class IOSSimpleManager final {
     std::shared_ptr<IDBIL> mobjDBIL;
     bool mblnReadingCurrentIOEnabled = false;
     std::shared_ptr<const CurrentIOCollection> mcolCurrentIO;
+    std::int32_t mlngUnread = 0;  // seconds for which it could not be read
     bool mblnUseImplicitChannels = false;
     std::shared_ptr<const ChannelDefCollection> mcolChannelDefs;
 

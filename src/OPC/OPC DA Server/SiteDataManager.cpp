@@ -257,6 +257,11 @@ void SiteDataManager::UpdateTagValues() {
     }
 }
 
+bool SiteDataManager::IsAnySourceReached() const {
+    return (mcolQuelmTags.Count() > 0 && mobjCDR && !mobjCDR->IsDatabaseLost()) ||
+           (mcolChannelTags.Count() > 0 && mobjIOSManager && !mobjIOSManager->IsDatabaseLost());
+}
+
 void SiteDataManager::UpdateQuelmTagValue(Date dtmTimestamp, const TagConfig& objTag) {
     try {
         if (!mobjCDR) {

@@ -44,6 +44,8 @@ class SiteDataManager final : public ICDRReferences {
     void FinishTagCreation();
     // Gives every item its value, quality and the time at which this pass began.
     void UpdateTagValues();
+    // Whether a database that feeds items of this site was read lately enough for their values to be trusted.
+    bool IsAnySourceReached() const;
     void Shutdown();
 
     const std::string& SiteID() const { return mstrSiteID; }

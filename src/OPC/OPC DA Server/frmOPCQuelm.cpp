@@ -287,6 +287,9 @@ void frmOPCQuelm::mobjUpdateTagValuesInterval_IntervalExpired() {
         for (const auto& site : *mdicSiteDataManagers) {
             site.second->UpdateTagValues();
         }
+        SLIKServer1.SetSourcesLost(SLIKServer1.SLIKTags().Count() > 0 &&
+                                   std::none_of(mdicSiteDataManagers->begin(), mdicSiteDataManagers->end(),
+                                                [](const auto& site) { return site.second->IsAnySourceReached(); }));
     } catch (...) {
         AddFailure("[OPC-0128] ", false);
     }

@@ -90,6 +90,23 @@ TEST_F(CrossingTest, WhatOneHandlerSetsIsSeenTogether) {
     EXPECT_EQ(test::raisedBy([&] { control.SLIKTags().Add("D", 1, Variant(), 0, noon); }), 5);
 }
 
+TEST_F(CrossingTest, LostSourcesAreSeenWithTheValuesOfTheirPass) {
+    onPlant([&] {
+        control.SetSourcesLost(true);
+        set("A", "1");
+    });
+    EXPECT_FALSE(network.items().areSourcesLost());
+    settle();
+    EXPECT_EQ(seen(), "1@0 made@0 made@0");
+    EXPECT_TRUE(network.items().areSourcesLost());
+    onPlant([&] { set("A", "2"); });
+    settle();
+    EXPECT_TRUE(network.items().areSourcesLost()) << "until it is said otherwise";
+    onPlant([&] { control.SetSourcesLost(false); });
+    settle();
+    EXPECT_FALSE(network.items().areSourcesLost());
+}
+
 // Many passes that set some items only, with stamps of their own.
 TEST_F(CrossingTest, ItemsKeepTheirValuesAndStampsFromBatchToBatch) {
     for (int i = 0; i < 5000; ++i) {

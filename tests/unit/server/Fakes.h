@@ -44,6 +44,7 @@ struct SiteSetUp {
     Failure loadFailure;
     ICDRReferences* references = nullptr;
     std::int32_t readerPeriod = 0;
+    bool isReaderLost = false;
     IDataInterface::MessageHandler raiseDIMessage;
 };
 
@@ -78,6 +79,7 @@ struct CurrentDataReader : ICurrentDataReader {
     }
     void Start() override { journal.add("cdr: start"); }
     void Stop() override { journal.add("cdr: stop"); }
+    bool IsDatabaseLost() const override { return setUp.isReaderLost; }
     const CurrentValueRecord* CurrentValue(std::int32_t lngPID, std::string_view) const override {
         const auto found = setUp.valuesByPID.find(lngPID);
         return found == setUp.valuesByPID.end() ? nullptr : &found->second;

@@ -244,6 +244,28 @@ TEST_F(RunningServer, StartsReadersAndEverySiteGetsItsValuesInOrder) {
     }
 }
 
+// As clients see it in the server's state: only when no site's values can be trusted any more.
+TEST_F(RunningServer, SaysWhenEveryDatabaseIsLost) {
+    const auto isLostAfter = [this](int failedReads) {
+        for (int i = 0; i < failedReads; ++i) {
+            host.clock->fire("IOSManager: read CurrentIO");
+        }
+        host.clock->fire("Update Tag Values");
+        host.loop.drain();
+        return host.slik.network().items().areSourcesLost();
+    };
+    EXPECT_FALSE(isLostAfter(1));
+    host.dbil->readFailure = RuntimeError(-1, "gone");
+    EXPECT_FALSE(isLostAfter(3)) << "the parameters' reader goes on";
+    host.reader.isReaderLost = true;
+    EXPECT_TRUE(isLostAfter(0));
+    host.dbil->readFailure.reset();
+    EXPECT_FALSE(isLostAfter(1));
+    host.dbil->readFailure = RuntimeError(-1, "gone");
+    EXPECT_FALSE(isLostAfter(2)) << "the values of before are still good";
+    EXPECT_TRUE(isLostAfter(1));
+}
+
 TEST_F(RunningServer, CopiesTheCacheOnADeviceRead) {
     struct Requested : ISLIKRequestedItem {
         std::string name;
