@@ -17,9 +17,10 @@ namespace quelm {
 
 // The bounds of one client by the plant's size, and the reason for each figure.
 struct ClientLimits {
-    // Bytes. An item costs a client 28 bytes in a group, 32 in the list of an enumerator, up to 150 in the request
-    // that adds it and up to 200 in the reply that describes it: room for ten groups with every item, two enumerators
-    // and two of the largest calls on their way. What is for all plants alike is two requests of the largest size.
+    // Bytes. An item costs a client 28 bytes in a group and 16 for a sink, 32 in the list of an enumerator, up to 150
+    // in the request that adds it and up to 200 in the reply that describes it: room for ten groups with every item and
+    // a sink, two enumerators and a large call on its way. What is for all plants alike is two requests of the largest
+    // size.
     std::size_t memory = 0;
     // Clients make a group for each update rate or picture: a hundred are many, one for every item is a fault.
     std::size_t groups = 0;

@@ -39,8 +39,7 @@ struct CallbackItems {
 };
 
 // A client's IOPCDataCallback, advised to one group. Called on the network's thread and never from within a call of the
-// client. It must not be let go of (Group::unadvise) from within one of its own functions. Its end takes back what
-// waits.
+// client. It may be let go of (Group::unadvise) from within one of these. Its end takes back what waits.
 class IDataSink {
  public:
     virtual ~IDataSink() = default;

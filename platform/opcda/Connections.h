@@ -47,10 +47,13 @@ class Connections {
 
     bool empty() const { return all_.empty(); }
     std::size_t size() const { return all_.size(); }
+    // The action may unadvise.
     template <class Action>
     void forEach(Action&& action) const {
-        for (const Connection& each : all_) {
-            action(*each.advised);
+        for (std::size_t i = 0; i < all_.size();) {
+            const std::uint32_t cookie = all_[i].cookie;
+            action(*all_[i].advised);
+            i += i < all_.size() && all_[i].cookie == cookie ? 1 : 0;
         }
     }
 

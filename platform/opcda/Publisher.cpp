@@ -22,6 +22,7 @@ Publisher::Member::Member(Publisher& publisher) : publisher_(&publisher), place_
 
 Publisher::Member::~Member() {
     publisher_->dequeue(*this);
+    publisher_->attended_ = publisher_->attended_ == this ? nullptr : publisher_->attended_;
     std::vector<Member*>& all = publisher_->all_;
     all[place_] = all.back();
     all[place_]->place_ = place_;
@@ -30,6 +31,16 @@ Publisher::Member::~Member() {
         publisher_->left_ = all.size();  // the one that took its place might be passed over
     }
 }
+
+struct Publisher::NextTurn {
+    NextTurn(Publisher& its, std::uint64_t since) : publisher(its), now(since) {}
+    NextTurn(const NextTurn&) = delete;
+    NextTurn& operator=(const NextTurn&) = delete;
+    ~NextTurn() { publisher.startTimer(now); }
+
+    Publisher& publisher;
+    std::uint64_t now;
+};
 
 Publisher::Publisher(IMessageLoop& loop) : timer_(loop.makeTimer([this] { turn(); })) {}
 
@@ -47,8 +58,10 @@ void Publisher::wake(Member& member) {
 }
 
 // Those that waited for their time and those that new values came for take turns, so that neither holds up the other.
+// One that lets a failure out costs the others nothing: they are looked at in the next turn.
 void Publisher::turn() {
     const std::uint64_t now = timeSource().monotonicMilliseconds();
+    const NextTurn next(*this, now);
     std::size_t work = 0;
     while (work < workOfATurn && (left_ > 0 || isAnyDue(now))) {
         if (isAnyDue(now)) {
@@ -60,7 +73,6 @@ void Publisher::turn() {
             attend(*all_[next_++], now, work);
         }
     }
-    startTimer(now);
 }
 
 void Publisher::attend(Member& member, std::uint64_t now, std::size_t& work) {
@@ -68,7 +80,11 @@ void Publisher::attend(Member& member, std::uint64_t now, std::size_t& work) {
     dequeue(member);
     std::optional<std::uint64_t> due = member.due();
     if (due && *due <= now) {
+        attended_ = &member;
         work += member.deliver(now);
+        if (attended_ != &member) {
+            return;  // that was its end
+        }
         due = member.due();
     }
     if (due) {

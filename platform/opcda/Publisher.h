@@ -58,6 +58,7 @@ class Publisher {
     void wake(Member& member);
 
  private:
+    struct NextTurn;
     void turn();
     void attend(Member& member, std::uint64_t now, std::size_t& work);
     bool isAnyDue(std::uint64_t now) const { return !queue_.empty() && queue_.begin()->first <= now; }
@@ -71,6 +72,7 @@ class Publisher {
     std::uint64_t timerDue_ = 0;
     std::uint64_t block_ = 0;
     std::size_t next_ = 0;  // of all, to be looked at next
+    const Member* attended_ = nullptr;
     std::size_t left_ = 0;  // of all, that have not been looked at since the last block
 };
 

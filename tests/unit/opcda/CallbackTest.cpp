@@ -2,7 +2,10 @@
 // group, "q" or "e" where the master quality or error is not S_OK, and each item as client handle=value/quality or
 // !error.
 
+#include <iterator>
+#include <map>
 #include <memory>
+#include <sstream>
 
 #include "opcda/Fixture.h"
 
@@ -14,7 +17,10 @@ struct Sinks {
     const WrittenValues* values = nullptr;
     bool answerAtOnce = true;
     std::size_t alive = 0;
+    std::function<void()> during;  // the next call, once
 };
+
+using Handles = std::vector<std::uint32_t>;
 
 class FakeSink final : public IDataSink {
  public:
@@ -57,11 +63,22 @@ class FakeSink final : public IDataSink {
     void add(const std::string& line) {
         sinks_.log.push_back(line);
         unanswered_ += sinks_.answerAtOnce ? 0 : 1;
+        if (const auto during = std::exchange(sinks_.during, nullptr)) {
+            during();
+        }
     }
 
     Sinks& sinks_;
     std::string name_;
     std::size_t unanswered_ = 0;
+};
+
+using Words = std::vector<std::string>;
+
+// Commands with ";" between them; what the last one that fails gives, and what is sent until nothing is left to do.
+struct Step {
+    const char* commands;
+    std::string expected;
 };
 
 class CallbackTest : public OpcDaTest {
@@ -72,338 +89,264 @@ class CallbackTest : public OpcDaTest {
         control.StartServer();
     }
 
-    std::uint32_t advise(const std::string& name = "") {
-        auto made = std::make_unique<FakeSink>(sinks, name);
-        sink = made.get();
-        std::uint32_t cookie = 0;
-        EXPECT_EQ(group->advise(std::move(made), cookie), S_OK);
-        EXPECT_NE(cookie, 0U);
-        return cookie;
-    }
-    // In one pass of the plant.
-    void set(const std::vector<std::pair<const char*, Variant>>& values, std::uint16_t quality = quality::good) {
-        for (const auto& [name, value] : values) {
-            control.SLIKTags().Item(name).SetVQT(value, static_cast<std::int16_t>(quality), localNow());
+    void follow(std::initializer_list<Step> steps) {
+        for (const Step& step : steps) {
+            EXPECT_EQ(run(step.commands), step.expected) << step.commands;
         }
-        plant.drain();
     }
-    void setNox(float value) { set({{"Plant.Stack1.NOx", Variant(value)}}); }
-    // What is sent within so many milliseconds, one behind the other.
-    std::string sent(int milliseconds = 0) {
+    std::string run(const std::string& commands) {
+        std::string told;
+        std::istringstream all(commands);
+        for (std::string command; std::getline(all, command, ';');) {
+            std::istringstream parts(command);
+            const Words words{std::istream_iterator<std::string>(parts), {}};
+            const std::size_t sent = sinks.log.size();
+            if (const HResult result = verbs.at(words[0])(words); result != S_OK) {
+                told = fmt::format("{:X}", static_cast<std::uint32_t>(result));
+            }
+            EXPECT_TRUE(sinks.log.size() == sent || words[0] == "wait") << "sent from within " << command;
+        }
         settle();
-        for (int i = 0; i < milliseconds; ++i) {
-            clock.advanceMilliseconds(1);
-            loop.advance(1);
-            settle();
+        for (const std::string& line : std::exchange(sinks.log, {})) {
+            told += (told.empty() ? "" : " | ") + line;
         }
-        const std::string lines = fmt::format("{}", fmt::join(std::exchange(sinks.log, {}), " | "));
-        return lines;
+        return told;
     }
     void settle() {
         do {
-            loop.advance(0);
             plant.drain();
-        } while (loop.pendingPosts() > 0);
+            loop.advance(0);
+        } while (plant.pendingPosts() + loop.pendingPosts() > 0);
     }
-    void change(const std::function<void(GroupChange&)>& how) {
+
+    static std::uint32_t number(const Words& words, std::size_t at) {
+        return static_cast<std::uint32_t>(std::stoul(words.at(at)));
+    }
+    static bool isOn(const Words& words, std::size_t at) { return words.at(at) == "on"; }
+    // Of the items by their places; "x" is nobody's.
+    Handles handlesOf(const Words& words, std::size_t from) {
+        Handles asked;
+        for (; from < words.size(); ++from) {
+            asked.push_back(words[from] == "x" ? 99 : handles.at(number(words, from)));
+        }
+        return asked;
+    }
+    HResult change(const std::function<void(GroupChange&)>& how) {
         GroupChange wanted;
         how(wanted);
-        group->setState(wanted);
+        return group->setState(wanted);
     }
-    void answer() {
-        sink->answer();
+    HResult set(const Words& words) {
+        const std::string& text = words.at(2);
+        const Variant value = words[1] == "0"                    ? Variant(std::stof(text))
+                              : words[1] == "1" && text != "n/a" ? Variant(static_cast<std::int32_t>(std::stol(text)))
+                                                                 : Variant(text);
+        const char* const names[] = {"Plant.Stack1.NOx", "Plant.Stack1.Count", "Plant.Stack1.State"};
+        control.SLIKTags()
+            .Item(names[number(words, 1)])
+            .SetVQT(value, static_cast<std::int16_t>(words.size() > 3 ? std::stoi(words[3], nullptr, 16) : 0xC0),
+                    localNow());
+        return S_OK;
+    }
+    HResult advise(const Words& words) {
+        const std::string name = words.size() > 1 ? words[1] + " " : "";
+        auto made = std::make_unique<FakeSink>(sinks, name);
+        FakeSink* const sink = made.get();
+        std::uint32_t cookie = 0;
+        const HResult result = group->advise(std::move(made), cookie);
+        advised[name] = {sink, cookie};
+        return result;
+    }
+    HResult unadvise(const Words& words) {
+        return group->unadvise(advised.at(words.size() > 1 ? words[1] + " " : "").second);
+    }
+    HResult answer(const Words& words) {
+        advised.at(words.size() > 1 ? words[1] + " " : "").first->answer();
         group->sinkAnswered();
+        return S_OK;
     }
+    HResult wait(const Words& words) {
+        for (std::uint32_t i = 0; i < number(words, 1); ++i) {
+            settle();
+            clock.advanceMilliseconds(1);
+            loop.advance(1);
+        }
+        return S_OK;
+    }
+
+    const std::map<std::string, std::function<HResult(const Words&)>> verbs{
+        {"set", [&](const Words& w) { return set(w); }},
+        {"advise", [&](const Words& w) { return advise(w); }},
+        {"unadvise", [&](const Words& w) { return unadvise(w); }},
+        {"answer", [&](const Words& w) { return answer(w); }},
+        {"wait", [&](const Words& w) { return wait(w); }},
+        {"slow", [&](const Words&) { return sinks.answerAtOnce = false, S_OK; }},
+        {"midnight", [&](const Words&) { return clock.setLocal(makeDate(2026, 3, 5)), S_OK; }},
+        {"group", [&](const Words& w) { return change([&](GroupChange& to) { to.active = isOn(w, 1); }); }},
+        {"rate", [&](const Words& w) { return change([&](GroupChange& to) { to.updateRate = number(w, 1); }); }},
+        {"handle", [&](const Words& w) { return change([&](GroupChange& to) { to.clientHandle = number(w, 1); }); }},
+        {"enable", [&](const Words& w) { return group->setEnabled(isOn(w, 1)); }},
+        {"item", [&](const Words& w) { return group->setActiveState(handlesOf(w, 2), isOn(w, 1), errors); }},
+        {"remove", [&](const Words& w) { return group->removeItems(handlesOf(w, 1), errors); }},
+        {"add", [&](const Words& w) { return handles.push_back(addItems(*group, {w.at(1)}).at(0)), S_OK; }},
+        {"type",
+         [&](const Words& w) {
+             return group->setDatatypes(handlesOf({w[1]}, 0), std::vector{static_cast<VarType>(number(w, 2))}, errors);
+         }},
+        {"client",
+         [&](const Words& w) { return group->setClientHandles(handlesOf({w[1]}, 0), Handles{number(w, 2)}, errors); }},
+        {"read", [&](const Words& w) { return group->asyncRead(handlesOf(w, 2), number(w, 1), cancelId, errors); }},
+        {"write", [&](const Words& w) { return group->asyncWrite(handlesOf(w, 2), number(w, 1), cancelId, errors); }},
+        {"cached", [&](const Words& w) { return group->refresh(1, number(w, 1), cancelId); }},
+        {"device", [&](const Words& w) { return group->refresh(2, number(w, 1), cancelId); }},
+        {"cancel", [&](const Words&) { return group->cancel(cancelId); }},
+        {"posts", [&](const Words&) { return loop.drain(), S_OK; }},
+    };
 
     Sinks sinks;
     Server server{application};
     std::shared_ptr<Group> group = makeGroup(server);
-    std::vector<std::uint32_t> handles =
-        addItems(*group, {"Plant.Stack1.NOx", "Plant.Stack1.Count", "Plant.Stack1.State"});
-    FakeSink* sink = nullptr;
+    Handles handles = addItems(*group, {"Plant.Stack1.NOx", "Plant.Stack1.Count", "Plant.Stack1.State"});
+    std::map<std::string, std::pair<FakeSink*, std::uint32_t>> advised;
     std::vector<HResult> errors;
     std::uint32_t cancelId = 0;
 };
 
-const char* const all = "change 0 7: 100=12.5/C0 101=70000/C0 102='Running'/C0";
+const std::string all = "change 0 7: 100=12.5/C0 101=70000/C0 102='Running'/C0";
 
-TEST_F(CallbackTest, AfterAllItemsOnlyWhatDiffers) {
-    addItems(*group, {"Plant.Stack1.NOx"});
-    advise();
-    EXPECT_TRUE(sinks.log.empty()) << "never from within Advise";
-    EXPECT_EQ(sent(), std::string(all) + " 100=12.5/C0");
-    setNox(13);
-    EXPECT_EQ(sent(999), "");
-    EXPECT_EQ(sent(1), "change 0 7: 100=13/C0 100=13/C0") << "each of its entries";
-    clock.advanceMilliseconds(5000);
-    setNox(13);
-    EXPECT_EQ(sent(3000), "") << "a time stamp alone";
-    set({{"Plant.Stack1.NOx", Variant(13.0F)}, {"Plant.Stack1.State", Variant("Off")}}, 0x40);
-    EXPECT_EQ(sent(), "change 0 7q: 100=13/40 102='Off'/40 100=13/40") << "at once where the rate allows it";
-    // A failure is sent when it begins and when it ends.
-    set({{"Plant.Stack1.Count", Variant("n/a")}});
-    set({{"Plant.Stack1.Count", Variant("none")}});
-    EXPECT_EQ(sent(3000), "change 0 7qe: 101=-/0!80020005");
-    set({{"Plant.Stack1.Count", Variant(std::int32_t{1})}, {"Plant.Stack1.NOx", Variant(std::nanf(""))}});
-    EXPECT_EQ(sent(3000), "change 0 7q: 100=nan/0 101=1/C0 100=nan/0");
+TEST_F(CallbackTest, AfterAllItemsOnlyWhatDiffersIsSent) {
+    follow({{"add Plant.Stack1.NOx; advise", all + " 100=12.5/C0"},
+            {"set 0 13; wait 999", ""},
+            {"wait 1", "change 0 7: 100=13/C0 100=13/C0"},
+            {"wait 5000; set 0 13; wait 3000", ""},  // the time stamp alone
+            {"set 0 13 40; set 2 Off 40", "change 0 7q: 100=13/40 102='Off'/40 100=13/40"},
+            {"set 1 n/a; wait 1; set 1 n/a 40; wait 3000", "change 0 7qe: 101=-/0!80020005"},
+            {"set 1 5; set 0 nan; wait 3000", "change 0 7q: 100=nan/0 101=5/C0 100=nan/0"}});
 }
 
 TEST_F(CallbackTest, NeverMoreOftenThanTheUpdateRateAndThenTheLatest) {
-    advise();
-    sent();
-    std::string lines;
-    for (int i = 0; i < 30; ++i) {
-        setNox(static_cast<float>(i));
-        lines += sent(100) + ".";
-        clock.setLocal(noon);  // the time of day tells nothing about a period
+    run("advise");
+    for (int i = 1; i <= 30; ++i) {
+        EXPECT_EQ(run(fmt::format("set 0 {}; wait 100; midnight", i)),
+                  i % 10 == 0 ? fmt::format("change 0 7: 100={}/C0", i) : "")
+            << "the time of day tells nothing";
     }
-    EXPECT_EQ(lines, ".........change 0 7: 100=9/C0..........change 0 7: 100=19/C0..........change 0 7: 100=29/C0.");
-    setNox(0);
-    EXPECT_EQ(sent(200), "");
-    change([](GroupChange& to) { to.updateRate = 300; });
-    EXPECT_EQ(sent(99), "");
-    EXPECT_EQ(sent(1), "change 0 7: 100=0/C0") << "a new rate counts at once";
-    change([](GroupChange& to) { to.updateRate = 0xFFFFFFFF; });
-    setNox(1);
-    EXPECT_EQ(sent(100'000), "");
+    follow({{"set 0 0; wait 200", ""},
+            {"rate 300; wait 99", ""},
+            {"wait 1", "change 0 7: 100=0/C0"},
+            {"rate 4294967295; set 0 1; wait 100000", ""}});
 }
 
 TEST_F(CallbackTest, WhatIsSetActiveComesAndWhatIsInactiveIsSilent) {
-    const std::vector<std::uint32_t> nox{handles[0]};
-    struct Case {
-        const char* what;
-        std::function<void()> action;
-        std::string expected;
-    };
-    const Case cases[] = {
-        {"advised to an inactive group", [&] { advise(); }, ""},
-        {"group set active", [&] { change([](auto& to) { to.active = true; }); }, all},
-        {"set active once more", [&] { change([](auto& to) { to.active = true; }); }, ""},
-        {"set inactive",
-         [&] {
-             change([](auto& to) { to.active = false; });
-             setNox(1);
-         },
-         ""},
-        {"with another handle",
-         [&] {
-             change([](auto& to) {
-                 to.active = true;
-                 to.clientHandle = 8;
-             });
-         },
-         "change 0 8: 100=1/C0 101=70000/C0 102='Running'/C0"},
-        {"item set inactive",
-         [&] {
-             group->setActiveState(nox, false, errors);
-             setNox(2);
-         },
-         ""},
-        {"item set active", [&] { group->setActiveState(nox, true, errors); }, "change 0 8: 100=2/C0"},
-        {"and once more", [&] { group->setActiveState(nox, true, errors); }, ""},
-        {"inactive and active",
-         [&] {
-             for (bool to : {false, true})
-                 group->setActiveState(nox, to, errors);
-         },
-         "change 0 8: 100=2/C0"},
-        {"another type", [&] { group->setDatatypes(nox, std::vector<VarType>{VT_BSTR}, errors); },
-         "change 0 8: 100='2'/C0"},
-        {"the same type", [&] { group->setDatatypes(nox, std::vector<VarType>{VT_BSTR}, errors); }, ""},
-        {"another client handle", [&] { group->setClientHandles(nox, std::vector<std::uint32_t>{99}, errors); }, ""},
-        {"its value", [&] { setNox(3); }, "change 0 8: 99='3'/C0"},
-        {"an item removed",
-         [&] {
-             group->removeItems(nox, errors);
-             setNox(4);
-         },
-         ""},
-        {"items added",
-         [&] {
-             addItems(*group, {"Status", "Plant.Stack1.NOx"});
-         },
-         "change 0 8: 100=-1/C0 101=4/C0"},
-        {"disabled",
-         [&] {
-             group->setEnabled(false);
-             setNox(5);
-             set({{"Status", Variant(false)}});
-             setNox(4);
-         },
-         ""},
-        {"enabled", [&] { group->setEnabled(true); }, "change 0 8: 100=0/C0"},
-    };
-    change([](GroupChange& to) { to.active = false; });
-    for (const Case& each : cases) {
-        each.action();
-        EXPECT_TRUE(sinks.log.empty()) << "from within the call: " << each.what;
-        EXPECT_EQ(sent(1000), each.expected) << each.what;
-    }
-    bool isEnabled = false;
-    group->setEnabled(false);
-    EXPECT_EQ(group->isEnabled(isEnabled), S_OK);
-    EXPECT_FALSE(isEnabled);
-    change([](GroupChange& to) { to.active = false; });
-    std::shared_ptr<Group> clone;
-    EXPECT_EQ(server.cloneGroup(*group, "", clone), S_OK);
-    EXPECT_EQ(clone->isEnabled(isEnabled), CONNECT_E_NOCONNECTION) << "a clone has no sink";
+    follow({{"group off; advise; wait 1000", ""},
+            {"group on", all},
+            {"group on; wait 1000", ""},
+            {"group off; set 0 1; wait 1000", ""},
+            {"group on; handle 8", "change 0 8: 100=1/C0 101=70000/C0 102='Running'/C0"},
+            {"item off 0; set 0 2; wait 1000", ""},
+            {"item on 0", "change 0 8: 100=2/C0"},
+            {"item on 0; wait 1000", ""},
+            {"item off 0; item on 0", "change 0 8: 100=2/C0"},
+            {"type 0 8; wait 1000", "change 0 8: 100='2'/C0"},
+            {"type 0 8; wait 1000", ""},
+            {"client 0 99; wait 1000", ""},
+            {"set 0 3", "change 0 8: 99='3'/C0"},
+            {"remove 0; set 0 4; wait 1000", ""},
+            {"add Plant.Stack1.NOx", "change 0 8: 100=4/C0"},
+            {"enable off; set 1 5; set 0 5; wait 1000", ""},
+            {"set 0 4; wait 1000; enable on", "change 0 8: 101=5/C0"},
+            {"enable off; unadvise; enable on", "80040200"}});
+    bool isEnabled = true;
+    EXPECT_EQ(group->isEnabled(isEnabled), CONNECT_E_NOCONNECTION);
+    EXPECT_FALSE(isEnabled) << "the group's, whoever listens";
+    EXPECT_EQ(server.cloneGroup(*group, "", group), S_OK);
+    EXPECT_EQ(group->isEnabled(isEnabled), CONNECT_E_NOCONNECTION) << "a clone has no sink";
     EXPECT_TRUE(isEnabled);
 }
 
 TEST_F(CallbackTest, ASlowSinkGetsTheNewestValuesAndHoldsUpNoOther) {
-    sinks.answerAtOnce = false;
-    advise("A ");
-    EXPECT_EQ(sent(), "A " + std::string(all));
-    FakeSink* const slow = sink;
-    for (const float value : {1.0F, 2.0F}) {
-        setNox(value);
-        EXPECT_EQ(sent(2000), "");
-    }
-    const std::uint32_t second = advise("B ");
-    EXPECT_EQ(sent(2000), "B change 0 7: 100=2/C0 101=70000/C0 102='Running'/C0");
-    answer();
-    setNox(3);
-    EXPECT_EQ(sent(), "B change 0 7: 100=3/C0");
-    slow->answer();
-    group->sinkAnswered();
-    EXPECT_TRUE(sinks.log.empty()) << "not from within the answer";
-    EXPECT_EQ(sent(), "A change 0 7: 100=3/C0");
-
-    // A refresh waits for both, and nothing passes it. It says what there is when it goes out.
-    EXPECT_EQ(group->refresh(1, 55, cancelId), S_OK);
-    setNox(4);
-    answer();
-    EXPECT_EQ(sent(2000), "");
-    EXPECT_EQ(group->unadvise(second), S_OK);
-    EXPECT_EQ(sent(2000), "");
-    slow->answer();
-    group->sinkAnswered();
-    EXPECT_EQ(sent(2000), "A change 55 7: 100=4/C0 101=70000/C0 102='Running'/C0");
-    slow->answer();
-    group->sinkAnswered();
-    EXPECT_EQ(sent(2000), "") << "they have been sent";
+    follow({{"slow; advise A", "A " + all},
+            {"set 0 1; wait 2000; set 0 2; wait 2000", ""},
+            {"advise B", "B change 0 7: 100=2/C0 101=70000/C0 102='Running'/C0"},
+            {"wait 2000; answer B; set 0 3", "B change 0 7: 100=3/C0"},
+            {"answer A", "A change 0 7: 100=3/C0"},
+            // A refresh waits for both, nothing passes it, and it says what there is when it goes out.
+            {"cached 55; set 0 4; answer B; wait 2000", ""},
+            {"unadvise B; wait 2000", ""},
+            {"answer A", "A change 55 7: 100=4/C0 101=70000/C0 102='Running'/C0"},
+            {"wait 2000; answer A; wait 2000", ""},
+            // What needs the plant does not wait for the sink.
+            {"set 0 5", "A change 0 7: 100=5/C0"},
+            {"read 1 1; device 2", "A read 1 7: 101=70000/C0 | A change 2 7: 100=5/C0 101=70000/C0 102='Running'/C0"}});
 }
 
 TEST_F(CallbackTest, RefreshesSendAllActiveItemsOnceWithTheirNumber) {
-    EXPECT_EQ(group->refresh(1, 9, cancelId), CONNECT_E_NOCONNECTION);
-    advise();
-    sent();
-    for (const std::uint16_t wrong : {0, 3}) {
-        EXPECT_EQ(group->refresh(wrong, 9, cancelId), E_INVALIDARG);
-    }
-    EXPECT_EQ(group->setActiveState(std::vector<std::uint32_t>{handles[1]}, false, errors), S_OK);
-    group->setEnabled(false);
-    EXPECT_EQ(group->refresh(1, 0xFFFFFFFF, cancelId), S_OK);
-    EXPECT_NE(cancelId, 0U);
-    EXPECT_TRUE(sinks.log.empty());
-    EXPECT_EQ(sent(), "change 4294967295 7: 100=12.5/C0 102='Running'/C0");
-    EXPECT_EQ(group->refresh(2, 0, cancelId), S_OK);
-    EXPECT_TRUE(sinks.log.empty());
-    EXPECT_EQ(sent(), "change 0 7: 100=12.5/C0 102='Running'/C0");
-    EXPECT_EQ(events.log.back(), "read 2 Plant.Stack1.NOx Plant.Stack1.State");
-
-    // Neither moves the period, and what it sent is sent.
-    group->setEnabled(true);
-    setNox(1);
-    EXPECT_EQ(sent(500), "");
-    group->refresh(1, 1, cancelId);
-    EXPECT_EQ(sent(100), "change 1 7: 100=1/C0 102='Running'/C0");
-    setNox(2);
-    EXPECT_EQ(sent(400), "change 0 7: 100=2/C0");
-
-    // Inactive ones meanwhile, a failing host.
-    group->refresh(2, 2, cancelId);
-    group->setActiveState(std::vector<std::uint32_t>{handles[2]}, false, errors);
-    EXPECT_EQ(sent(), "change 2 7: 100=2/C0");
-    events.readError = asNumber(E_FAIL);
-    group->refresh(2, 3, cancelId);
-    EXPECT_EQ(sent(), "change 3 7qe: 100=-/0!80004005");
-    EXPECT_EQ(sent(1000), "change 0 7: 100=2/C0") << "what the cache has";
-    group->setActiveState(handles, false, errors);
-    EXPECT_EQ(group->refresh(1, 4, cancelId), E_FAIL) << "no active item";
-    group->setActiveState(handles, true, errors);
-    change([](GroupChange& to) { to.active = false; });
-    EXPECT_EQ(group->refresh(1, 4, cancelId), E_FAIL) << "inactive group";
+    follow({{"cached 9", "80040200"},
+            {"advise", all},
+            {"item off 1; enable off; cached 4294967295", "change 4294967295 7: 100=12.5/C0 102='Running'/C0"},
+            {"device 0", "change 0 7: 100=12.5/C0 102='Running'/C0"},
+            // They don't move the period, and what they sent is sent.
+            {"enable on; set 0 1; wait 500", ""},
+            {"cached 1", "change 1 7: 100=1/C0 102='Running'/C0"},
+            {"set 0 2; wait 500", "change 0 7: 100=2/C0"},
+            {"device 2; item off 2", "change 2 7: 100=2/C0"},
+            {"item off 0; cached 4", "80004005"},
+            {"item on 0 1 2; group off; cached 4; wait 1000", "80004005"}});
     EXPECT_EQ(cancelId, 0U);
-    EXPECT_EQ(sent(1000), "");
+    EXPECT_EQ(group->refresh(0, 1, cancelId), E_INVALIDARG);
+    EXPECT_EQ(group->refresh(3, 1, cancelId), E_INVALIDARG);
+    EXPECT_EQ(events.log.back(), "read 2 Plant.Stack1.NOx Plant.Stack1.State");
+    events.readError = asNumber(E_FAIL);
+    follow({{"group on; item off 1 2", "change 0 7: 100=2/C0"},
+            {"device 3", "change 3 7qe: 100=-/0!80004005"},
+            {"wait 1000", "change 0 7: 100=2/C0"}});  // what the cache has
 }
 
 TEST_F(CallbackTest, AsynchronousCallsEndInOneCallback) {
-    using Handles = std::vector<std::uint32_t>;
-    EXPECT_EQ(group->asyncRead({}, 1, cancelId, errors), E_INVALIDARG);
-    EXPECT_EQ(group->asyncRead(handles, 1, cancelId, errors), CONNECT_E_NOCONNECTION);
-    EXPECT_EQ(group->asyncWrite(handles, 1, cancelId, errors), CONNECT_E_NOCONNECTION);
-    EXPECT_EQ(group->setEnabled(true), CONNECT_E_NOCONNECTION);
-    EXPECT_TRUE(errors.empty());
-    change([](GroupChange& to) { to.active = false; });
-    advise();
-    const Handles some{handles[1], 99, handles[0]};
-    EXPECT_EQ(group->asyncRead(some, 0, cancelId, errors), S_FALSE);
+    follow({{"read 1", "80070057"},
+            {"read 1 0", "80040200"},
+            {"write 1 0", "80040200"},
+            {"enable on", "80040200"},
+            {"group off; advise; read 0 1 x 0", "1 | read 0 7: 101=70000/C0 100=12.5/C0"}});
     EXPECT_THAT(errors, testing::ElementsAre(S_OK, OPC_E_INVALIDHANDLE, S_OK));
-    const std::uint32_t first = cancelId;
-    EXPECT_EQ(group->asyncWrite(some, 5, cancelId, errors), S_FALSE);
-    EXPECT_NE(cancelId, first);
-    EXPECT_THAT(errors, testing::ElementsAre(S_OK, OPC_E_INVALIDHANDLE, S_OK));
-    EXPECT_TRUE(sinks.log.empty() && events.log.empty()) << "from within the call";
-    EXPECT_EQ(sent(), "read 0 7: 101=70000/C0 100=12.5/C0 | written 5 7e: 101!80004005 100!80004005");
-    EXPECT_THAT(events.log, testing::ElementsAre("read 2 Plant.Stack1.Count Plant.Stack1.NOx", "write 2"));
-    for (auto call : {&Group::asyncRead, &Group::asyncWrite}) {
-        EXPECT_EQ(((*group).*call)(Handles{1, 2}, 6, cancelId, errors), S_FALSE);
-        EXPECT_EQ(errors, std::vector<HResult>(2, OPC_E_INVALIDHANDLE));
-        EXPECT_EQ(cancelId, 0U);
-    }
-    EXPECT_EQ(sent(100), "");
+    EXPECT_NE(cancelId, 0U);
+    follow({{"write 5 1 x 0; read 5 0", "1 | written 5 7e: 101!80004005 100!80004005 | read 5 7: 100=12.5/C0"},
+            {"write 6 x x; wait 100", "1"},
+            {"read 6 x x; wait 100", "1"}});
+    EXPECT_EQ(errors, std::vector<HResult>(2, OPC_E_INVALIDHANDLE));
+    EXPECT_EQ(cancelId, 0U);
+    EXPECT_THAT(events.log, testing::ElementsAre("read 2 Plant.Stack1.Count Plant.Stack1.NOx", "write 2",
+                                                 "read 1 Plant.Stack1.NOx"));
     events.answered = 1;
-    group->asyncRead(handles, 7, cancelId, errors);
-    EXPECT_EQ(sent(), "read 7 7qe: 100=12.5/C0 101=-/0!80004005 102=-/0!80004005");
-}
-
-TEST_F(CallbackTest, TransactionsAreCancelledUntilTheyAreOver) {
+    follow({{"read 7 0 1", "read 7 7qe: 100=12.5/C0 101=-/0!80004005"},
+            {"read 40 0; cancel", "cancelled 40 7:"},
+            {"read 41 0; posts; cancel", "cancelled 41 7:"},  // while the plant is asked
+            {"read 42 0; cancel; cancel", "80004005 | cancelled 42 7:"},
+            {"write 43 0; wait 1; cancel", "80004005 | written 43 7e: 100!80004005"},
+            {"read 44 0", "read 44 7: 100=12.5/C0"}});
     const auto other = makeGroup(server);
-    change([](GroupChange& to) { to.active = false; });
-    advise();
-    EXPECT_EQ(group->asyncRead(handles, 40, cancelId, errors), S_OK);
+    EXPECT_EQ(group->asyncRead(handles, 1, cancelId, errors), S_OK);
     EXPECT_EQ(other->cancel(cancelId), E_FAIL);
-    EXPECT_EQ(group->cancel(cancelId + 1), E_FAIL);
-    EXPECT_EQ(group->cancel(cancelId), S_OK);
-    EXPECT_EQ(group->cancel(cancelId), E_FAIL);
-    EXPECT_TRUE(sinks.log.empty());
-    EXPECT_EQ(sent(), "cancelled 40 7:");
-    EXPECT_EQ(group->asyncRead(handles, 41, cancelId, errors), S_OK);
-    loop.drain();
-    EXPECT_EQ(group->cancel(cancelId), S_OK) << "while the plant is asked";
-    EXPECT_EQ(sent(), "cancelled 41 7:");
-    EXPECT_EQ(group->asyncWrite(handles, 42, cancelId, errors), S_OK);
-    EXPECT_NE(sent(), "");
-    EXPECT_EQ(group->cancel(cancelId), E_FAIL);
-    EXPECT_EQ(sent(), "");
 }
 
 // Whatever goes while the plant is asked: nothing more is sent.
 TEST_F(CallbackTest, NothingGoesToWhoIsGone) {
     auto client = std::make_unique<Server>(application);
-    std::uint32_t cookie = 0;
     const std::function<void()> endings[] = {
-        [&] { EXPECT_EQ(group->unadvise(cookie), S_OK); },
+        [&] { EXPECT_EQ(unadvise({""}), S_OK); },
         [&] { EXPECT_EQ(client->removeGroup(group->serverHandle(), false, true), OPC_S_INUSE); },
         [&] { client.reset(); },
     };
     for (const auto& ending : endings) {
         group = makeGroup(*client);
         handles = addItems(*group, {"Plant.Stack1.NOx"});
-        cookie = advise();
-        EXPECT_NE(sent(), "");
-        for (const std::uint16_t source : {1, 2}) {
-            EXPECT_EQ(group->refresh(source, 1, cancelId), S_OK);
+        EXPECT_EQ(run("advise"), "change 0 7: 100=12.5/C0");
+        for (const char* each : {"cached 1", "device 1", "read 2 0", "write 3 0", "posts", "read 4 0", "cancel"}) {
+            verbs.at(Words{each}[0].substr(0, std::string_view(each).find(' ')))({each, "1", "0"});
         }
-        EXPECT_EQ(group->asyncRead(handles, 2, cancelId, errors), S_OK);
-        EXPECT_EQ(group->asyncWrite(handles, 3, cancelId, errors), S_OK);
-        loop.drain();
-        EXPECT_EQ(group->asyncRead(handles, 4, cancelId, errors), S_OK);
-        EXPECT_EQ(group->cancel(cancelId), S_OK);
         ending();
         EXPECT_EQ(sinks.alive, 0U);
-        EXPECT_EQ(sent(2000), "");
+        EXPECT_EQ(run("wait 2000"), "");
     }
 }
 
@@ -412,46 +355,49 @@ TEST_F(CallbackTest, WhatDoesNotFitTheBudgetFollows) {
     const auto budget = application.budgets().of("PLANT\\reader", "192.0.2.7");
     auto client = std::make_unique<Server>(application, budget);
     group = makeGroup(*client);
-    handles = addItems(*group, std::vector<std::string_view>(10, "Plant.Stack1.NOx"));
-    sinks.answerAtOnce = false;
-    advise();
-    budget->memory.limitTo(budget->memory.used() + 4 * CallbackColumns::itemSize);
-    EXPECT_EQ(sent(), "change 0 7: 100=12.5/C0 101=12.5/C0 102=12.5/C0 103=12.5/C0");
-    setNox(1);
-    EXPECT_EQ(sent(5000), "");
-    answer();
-    EXPECT_EQ(sent(), "change 0 7: 104=1/C0 105=1/C0 106=1/C0 107=1/C0") << "those that have waited longest";
-    answer();
-    EXPECT_EQ(sent(), "change 0 7: 108=1/C0 109=1/C0 100=1/C0 101=1/C0");
-    answer();
-    EXPECT_EQ(sent(), "change 0 7: 102=1/C0 103=1/C0");
-    answer();
-    EXPECT_EQ(group->refresh(1, 1, cancelId), E_OUTOFMEMORY);
-    EXPECT_EQ(group->asyncRead(handles, 1, cancelId, errors), E_OUTOFMEMORY);
+    handles = addItems(*group, std::vector<std::string_view>(5, "Plant.Stack1.NOx"));
+    run("slow; group off; advise");
+    budget->memory.limitTo(budget->memory.used() + 2 * CallbackColumns::itemSize);
+    follow({{"group on", "change 0 7: 100=12.5/C0 101=12.5/C0"},
+            {"set 0 1; wait 5000", ""},
+            {"answer", "change 0 7: 102=1/C0 103=1/C0"},  // those that have waited longest
+            {"answer", "change 0 7: 104=1/C0 100=1/C0"},
+            {"answer", "change 0 7: 101=1/C0"},
+            {"answer; cached 1", "8007000E"},
+            {"read 1 0", "8007000E"}});
     EXPECT_EQ(cancelId, 0U);
-
     // No room at all: it is tried again each period.
-    const std::size_t limit = budget->memory.used();
-    budget->memory.limitTo(limit);
-    setNox(2);
-    EXPECT_EQ(sent(5000), "");
+    budget->memory.limitTo(budget->memory.used());
+    EXPECT_EQ(run("set 0 2; wait 5000"), "");
     budget->memory.limitTo(std::size_t{1} << 20U);
-    EXPECT_NE(sent(1000), "");
-    answer();
+    EXPECT_NE(run("wait 1000; answer"), "");
 
     // Callbacks that nobody answers are bounded; what was held for them is free again.
-    std::size_t begun = 0;
-    while (group->asyncRead(handles, 1, cancelId, errors) == S_OK) {
-        ++begun;
-        sent();
+    for (int i = 0; i < 64; ++i) {
+        EXPECT_EQ(run("read 1 0"), "read 1 7: 100=2/C0");
     }
-    EXPECT_EQ(begun, 64U);
-    EXPECT_EQ(group->refresh(1, 1, cancelId), CONNECT_E_ADVISELIMIT);
-    answer();
-    EXPECT_EQ(group->refresh(1, 1, cancelId), S_OK);
+    follow({{"cached 1", "80040201"}, {"read 1 0", "80040201"}, {"answer; read 1 0", "read 1 7: 100=2/C0"}});
+    while (group->advise(std::make_unique<FakeSink>(sinks, ""), cancelId) == S_OK) {
+    }
+    EXPECT_EQ(sinks.alive, 8U);
     group.reset();
     client.reset();
     EXPECT_EQ(budget->memory.used(), 0U);
+}
+
+// As a sink that finds in a call that its client cannot be reached any more.
+TEST_F(CallbackTest, ASinkMayGoWithinItsOwnCall) {
+    run("advise A; advise B; advise C");
+    for (const char* commands : {"set 0 1; wait 1000", "cached 1"}) {
+        sinks.during = [this] {
+            const auto first = advised.extract(advised.begin()).mapped();
+            EXPECT_EQ(group->unadvise(first.second), S_OK);
+        };
+        const std::size_t alive = sinks.alive;
+        const std::string sent = run(commands);
+        EXPECT_EQ(std::count(sent.begin(), sent.end(), '|') + 1, static_cast<std::ptrdiff_t>(alive)) << sent;
+        EXPECT_EQ(sinks.alive, alive - 1);
+    }
 }
 
 TEST_F(CallbackTest, ShutdownIsToldToEverySinkOnce) {
@@ -461,64 +407,14 @@ TEST_F(CallbackTest, ShutdownIsToldToEverySinkOnce) {
         std::vector<std::string>& log;
     };
     Server other{application};
-    std::uint32_t first = 0;
-    std::uint32_t second = 0;
-    EXPECT_EQ(server.advise(std::make_unique<Sink>(sinks.log), first), S_OK);
-    EXPECT_EQ(server.advise(std::make_unique<Sink>(sinks.log), second), S_OK);
-    EXPECT_EQ(other.advise(std::make_unique<Sink>(sinks.log), first), S_OK);
-    EXPECT_EQ(server.unadvise(second), S_OK);
-    EXPECT_EQ(server.unadvise(second), CONNECT_E_NOCONNECTION);
+    std::uint32_t cookie = 0;
+    for (Server* const each : {&server, &other, &other}) {
+        EXPECT_EQ(each->advise(std::make_unique<Sink>(sinks.log), cookie), S_OK);
+    }
+    EXPECT_EQ(other.unadvise(cookie), S_OK);
+    EXPECT_EQ(other.unadvise(cookie), CONNECT_E_NOCONNECTION);
     application.requestShutdown("ends");
     EXPECT_EQ(sinks.log, std::vector<std::string>(2, "ends"));
-    std::size_t more = 0;
-    while (server.advise(std::make_unique<Sink>(sinks.log), first) == S_OK) {
-        ++more;
-    }
-    EXPECT_EQ(more, 7U);
-    EXPECT_EQ(server.advise(std::make_unique<Sink>(sinks.log), first), CONNECT_E_ADVISELIMIT);
-}
-
-// However many there are, one turn takes so many only; the others follow, and none is passed over when some go.
-TEST_F(CallbackTest, ManyAreServedInSlices) {
-    struct Member final : Publisher::Member {
-        using Publisher::Member::Member;
-        std::optional<std::uint64_t> due() const override {
-            return seen == publisher().block() ? std::nullopt : std::optional<std::uint64_t>(at);
-        }
-        std::size_t deliver(std::uint64_t now) override {
-            EXPECT_GE(now, at);
-            seen = publisher().block();
-            ++delivered;
-            return 1000;
-        }
-        std::uint64_t at = 0;
-        std::uint64_t seen = 0;
-        std::size_t delivered = 0;
-    };
-    Publisher publisher(loop);
-    std::vector<std::unique_ptr<Member>> members;
-    for (int i = 0; i < 1000; ++i) {
-        members.push_back(std::make_unique<Member>(publisher));
-        members.back()->at = i % 2 == 0 ? 0 : 5;
-    }
-    const auto deliveredIn = [&](int milliseconds) {
-        sent(milliseconds);
-        std::size_t count = 0;
-        for (const auto& each : members) {
-            count += each->delivered;
-        }
-        return count;
-    };
-    publisher.valuesShown();
-    EXPECT_LT(members[900]->delivered, 1U);
-    members.erase(members.begin() + 100, members.begin() + 200);
-    EXPECT_EQ(deliveredIn(4), 450U);
-    publisher.valuesShown();
-    EXPECT_EQ(deliveredIn(1), 1350U);
-    for (const auto& each : members) {
-        publisher.wake(*each);
-    }
-    EXPECT_EQ(deliveredIn(1), 1350U) << "nothing is new";
 }
 
 }  // namespace
