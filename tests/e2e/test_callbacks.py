@@ -198,7 +198,13 @@ class Connections(Called):
 
 
 class Ends(Called):
-    def test_a_stop_asks_the_clients_to_leave_and_waits_for_them(self):
+    def test_a_stop_asks_the_clients_to_leave_and_waits_for_them_but_not_for_ever(self):
+        deaf = self.subscriber(on='server', at='callback', does='hang')
+        self.site.terminate()
+        self.assert_call(*deaf('callbacks'), call='ShutdownRequest')
+        self.assertEqual(self.site.exit_code(15), 0)
+
+        self.site.start().started()
         client = self.subscriber(on='server')
         client('subscribe', on='group')
         self.assert_call(*client('callbacks'), call='OnDataChange')
