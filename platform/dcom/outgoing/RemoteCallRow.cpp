@@ -80,9 +80,9 @@ bool RemoteProcess::isLogOnRefused(const rpc::CallResult& result) const {
 
 // Each call is a doing of its own, of which the process has not heard before.
 const orpc::ObjectCallHeader& RemoteProcess::nextHeader() {
-    ++callNumber_;
-    for (std::size_t i = 0; i < sizeof callNumber_; ++i) {
-        header_.causality.bytes[i] = static_cast<std::uint8_t>(callNumber_ >> 8 * i);
+    const std::uint64_t number = ++surroundings_.latestCall;
+    for (std::size_t i = 0; i < sizeof number; ++i) {
+        header_.causality.bytes[i] = static_cast<std::uint8_t>(number >> 8 * i);
         header_.causality.bytes[8 + i] = static_cast<std::uint8_t>(oxid_ >> 8 * i);
     }
     return header_;

@@ -95,7 +95,6 @@ class RemoteProcess final : public std::enable_shared_from_this<RemoteProcess>, 
     std::vector<Address> resolver_;
     Uuid remUnknown_;
     orpc::ObjectCallHeader header_;
-    std::uint64_t callNumber_ = 0;
     std::unique_ptr<Approach> approach_;
     std::unique_ptr<ITimer> timer_;
     std::chrono::milliseconds pause_ = firstPause;

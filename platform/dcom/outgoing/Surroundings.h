@@ -4,10 +4,12 @@
 // told.
 
 #include <chrono>
+#include <cstdint>
 #include <functional>
 #include <optional>
 #include <string>
 
+#include "base/TimeSource.h"
 #include "dcom/ntlm/ClientContext.h"
 #include "dcom/outgoing/Dialer.h"
 #include "dcom/outgoing/Turns.h"
@@ -32,6 +34,9 @@ struct Surroundings {
     // Takes a line for the operator: the host that it is about, what makes lines repeats of each other, and the line.
     std::function<void(const std::string& source, const std::string& kind, const std::string& line)> say;
     Turns turns = {};
+    // The number of the latest call: a client's process may outlive what is known of it here, and this server, and
+    // still hears of no number twice.
+    std::uint64_t latestCall = static_cast<std::uint64_t>(timeSource().fileTimeNow());
 };
 
 }  // namespace quelm::dcom::outgoing
