@@ -1,7 +1,8 @@
 #pragma once
 
-// The least that an OPC client needs to read a group over the network: blocking sockets, a log-on, an activation, a
-// group with its items. Requests are made beforehand, so that what is measured is the server and the way to it.
+// The least that an OPC client needs to read groups over the network and subscribe to them: blocking sockets, a log-on,
+// an activation, groups with their items. Requests are made beforehand, so that what is measured is the server and the
+// way to it.
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -34,11 +35,15 @@ inline void expect(bool condition, const char* what) {
 
 class Socket {
  public:
-    explicit Socket(std::uint16_t port) : descriptor_(::socket(AF_INET, SOCK_STREAM, 0)) {
+    // from: which of this machine's loopback addresses the client comes from.
+    explicit Socket(std::uint16_t port, std::uint32_t from = INADDR_LOOPBACK)
+        : descriptor_(::socket(AF_INET, SOCK_STREAM, 0)) {
         const int on = 1;
         ::setsockopt(descriptor_, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
         sockaddr_in address{};
         address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(from);
+        expect(::bind(descriptor_, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0, "cannot bind");
         address.sin_port = htons(port);
         address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
         expect(::connect(descriptor_, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0, "cannot connect");
@@ -67,8 +72,9 @@ class Socket {
 // One connection with one log-on.
 class Connection {
  public:
-    Connection(std::uint16_t port, unsigned level, std::string_view password, const std::vector<Uuid>& interfaces)
-        : socket_(port), level_(level), logOn_(rpc::test::NtlmLogOn::Kind::V2, "reader", password) {
+    Connection(std::uint16_t port, unsigned level, std::string_view password, const std::vector<Uuid>& interfaces,
+               std::uint32_t from = INADDR_LOOPBACK)
+        : socket_(port, from), level_(level), logOn_(rpc::test::NtlmLogOn::Kind::V2, "reader", password) {
         std::vector<rpc::test::Offer> offers;
         for (const Uuid& interface : interfaces) {
             offers.push_back({static_cast<std::uint16_t>(offers.size()), interface});
@@ -177,19 +183,179 @@ class Call {
     dcom::ndr::Writer out;
 };
 
+// A client with its server object, which makes groups.
+class OpcClient {
+ public:
+    // from: as for Socket.
+    OpcClient(std::uint16_t activationPort, std::uint16_t objectPort, unsigned level, std::string_view password,
+              std::uint32_t from = INADDR_LOOPBACK)
+        : connection_(
+              objectPort, level, password,
+              {opcda::wire::iidOpcServer, opcda::wire::iidOpcItemMgt, opcda::wire::iidOpcSyncIo,
+               opcda::wire::iidConnectionPointContainer, opcda::wire::iidConnectionPoint, dcom::orpc::iidRemUnknown},
+              from) {
+        activate(activationPort, level, password, from);
+    }
+
+    // Lets go of the server, and with it of all groups.
+    void leave() {
+        Call call;
+        call.out.u16(1);
+        call.out.u32(1);
+        call.out.uuid(server_);
+        call.out.u32(5);
+        call.out.u32(0);
+        connection_.exchange(connection_.encode(remUnknown, 5, &remUnknown_, call.bytes));
+    }
+
+    // Gives the items' handles. rate: milliseconds.
+    std::vector<std::uint32_t> addGroup(std::string_view name, std::uint32_t rate,
+                                        const std::vector<std::string>& itemIds) {
+        Call call;
+        call.out.wideString(name);
+        call.out.u32(1);
+        call.out.u32(rate);
+        call.out.u32(5);
+        call.out.nullPointer();
+        call.out.nullPointer();
+        call.out.u32(0x409);
+        call.out.uuid(opcda::wire::iidOpcItemMgt);
+        const Bytes results = connection_.call(opcServer, 3, &server_, call.bytes);
+        dcom::ndr::Reader in(results);
+        in.bytes(16);  // header, handle, rate
+        return addItems(readReference(in), itemIds);
+    }
+
+    Uuid groupInterface(std::string_view name, const Uuid& iid) {
+        Call call;
+        call.out.wideString(name);
+        call.out.uuid(iid);
+        const Bytes results = connection_.call(opcServer, 5, &server_, call.bytes);
+        dcom::ndr::Reader in(results);
+        in.bytes(8);
+        return readReference(in);
+    }
+
+    // sink: the marshalled reference of the client's object.
+    void advise(std::string_view group, std::span<const std::uint8_t> sink) {
+        const Uuid container = groupInterface(group, opcda::wire::iidConnectionPointContainer);
+        Call find;
+        find.out.uuid(opcda::wire::iidOpcDataCallback);
+        const Bytes found = connection_.call(connectionPoints, 4, &container, find.bytes);
+        dcom::ndr::Reader in(found);
+        in.bytes(8);
+        const Uuid point = readReference(in);
+        Call call;
+        call.out.pointer();
+        call.out.u32(static_cast<std::uint32_t>(sink.size()));
+        call.out.u32(static_cast<std::uint32_t>(sink.size()));
+        call.out.bytes(sink);
+        const Bytes advised = connection_.call(connectionPoint, 5, &point, call.bytes);
+        dcom::ndr::Reader end{std::span<const std::uint8_t>(advised).last(4)};
+        expect(end.u32() == 0, "the sink was refused");
+    }
+
+ protected:
+    enum Interface : std::uint16_t { opcServer, itemMgt, syncIo, connectionPoints, connectionPoint, remUnknown };
+
+    Connection connection_;
+
+ private:
+    void activate(std::uint16_t port, unsigned level, std::string_view password, std::uint32_t from) {
+        static constexpr Uuid iidActivation = Uuid::parse("4D9F4AB8-7D1C-11CF-861E-0020AF6E7C57");
+        static constexpr Uuid classId = Uuid::parse("43FB6634-CC72-4EE9-A292-BEDF9FF018BD");
+        Connection connection(port, level, password, {iidActivation}, from);
+        Call call;
+        call.out.uuid(classId);
+        call.out.u32(0);
+        call.out.u32(0);
+        call.out.u32(3);
+        call.out.u32(0);
+        call.out.u32(1);
+        call.out.pointer();
+        call.out.u32(1);
+        call.out.uuid(opcda::wire::iidOpcServer);
+        call.out.u16(1);
+        call.out.u32(1);
+        call.out.u16(7);
+        const Bytes results = connection.call(0, 0, nullptr, call.bytes);
+        dcom::ndr::Reader in(results);
+        in.u64();  // extensions
+        in.u64();  // exporter
+        in.u32();
+        in.u32();
+        skipBindings(in);
+        remUnknown_ = in.uuid();
+        in.u32();
+        in.u32();
+        expect(in.u32() == 0, "the activation failed");
+        in.u32();
+        server_ = readReference(in);
+    }
+
+    static void skipBindings(dcom::ndr::Reader& in) {
+        const std::size_t units = in.u16();
+        in.u16();
+        in.bytes(2 * units);
+        in.align(4);
+    }
+
+    // The interface's identifier out of a marshalled pointer.
+    static Uuid readReference(dcom::ndr::Reader& in) {
+        expect(in.u32() != 0, "an interface pointer is missing");
+        in.u32();
+        in.u32();
+        in.bytes(4 + 4 + 16 + 4 + 4 + 8 + 8);
+        const Uuid ipid = in.uuid();
+        expect(in.good(), "an interface pointer is malformed");
+        return ipid;
+    }
+
+    std::vector<std::uint32_t> addItems(const Uuid& items, const std::vector<std::string>& itemIds) {
+        Call call;
+        const auto count = static_cast<std::uint32_t>(itemIds.size());
+        call.out.u32(count);
+        call.out.u32(count);
+        for (std::uint32_t i = 0; i < count; ++i) {
+            call.out.pointer();
+            call.out.pointer();
+            call.out.u32(1);
+            call.out.u32(i);
+            call.out.u32(0);
+            call.out.u32(0);
+            call.out.u16(0);
+            call.out.u16(0);
+        }
+        for (const std::string& id : itemIds) {
+            call.out.wideString("");
+            call.out.wideString(id);
+        }
+        const Bytes results = connection_.call(itemMgt, 3, &items, call.bytes);
+        dcom::ndr::Reader in(results);
+        in.bytes(12);  // header, referent
+        std::vector<std::uint32_t> handles(in.count(20));
+        for (std::uint32_t& handle : handles) {
+            handle = in.u32();
+            in.bytes(16);
+            expect(handle != 0, "an item was refused");
+        }
+        expect(in.good() && handles.size() == itemIds.size(), "the items are missing");
+        return handles;
+    }
+
+    Uuid server_;
+    Uuid remUnknown_;
+};
+
 // A client's group with items, ready to be read.
-class GroupReader {
+class GroupReader : private OpcClient {
  public:
     // itemIds: what to put into the group.
     GroupReader(std::uint16_t activationPort, std::uint16_t objectPort, unsigned level, std::string_view password,
                 const std::vector<std::string>& itemIds)
-        : connection_(objectPort, level, password,
-                      {opcda::wire::iidOpcServer, opcda::wire::iidOpcItemMgt, opcda::wire::iidOpcSyncIo}) {
-        const Uuid server = activate(activationPort, level, password);
-        const Uuid items = makeGroup(server);
-        syncIo_ = otherInterface(server);
-        addItems(items, itemIds);
-    }
+        : OpcClient(activationPort, objectPort, level, password),
+          handles_(addGroup("Bench", 1000, itemIds)),
+          syncIo_(groupInterface("Bench", opcda::wire::iidOpcSyncIo)) {}
 
     // A cache read of all items. With protection each sending needs a request of its own.
     Bytes encodeRead() { return connection_.encode(syncIo, readOpnum, &syncIo_, readParameters()); }
@@ -212,7 +378,6 @@ class GroupReader {
     }
 
  private:
-    enum Interface : std::uint16_t { opcServer, itemMgt, syncIo };
     static constexpr std::uint16_t readOpnum = 3;
 
     Bytes readParameters() const {
@@ -226,116 +391,8 @@ class GroupReader {
         return call.bytes;
     }
 
-    static Uuid activate(std::uint16_t port, unsigned level, std::string_view password) {
-        static constexpr Uuid iidActivation = Uuid::parse("4D9F4AB8-7D1C-11CF-861E-0020AF6E7C57");
-        static constexpr Uuid classId = Uuid::parse("43FB6634-CC72-4EE9-A292-BEDF9FF018BD");
-        Connection connection(port, level, password, {iidActivation});
-        Call call;
-        call.out.uuid(classId);
-        call.out.u32(0);
-        call.out.u32(0);
-        call.out.u32(3);
-        call.out.u32(0);
-        call.out.u32(1);
-        call.out.pointer();
-        call.out.u32(1);
-        call.out.uuid(opcda::wire::iidOpcServer);
-        call.out.u16(1);
-        call.out.u32(1);
-        call.out.u16(7);
-        const Bytes results = connection.call(0, 0, nullptr, call.bytes);
-        dcom::ndr::Reader in(results);
-        in.u64();  // extensions
-        in.u64();  // exporter
-        in.u32();
-        in.u32();
-        skipBindings(in);
-        in.uuid();
-        in.u32();
-        in.u32();
-        expect(in.u32() == 0, "the activation failed");
-        in.u32();
-        return readReference(in);
-    }
-
-    static void skipBindings(dcom::ndr::Reader& in) {
-        const std::size_t units = in.u16();
-        in.u16();
-        in.bytes(2 * units);
-        in.align(4);
-    }
-
-    // The interface's identifier out of a marshalled pointer.
-    static Uuid readReference(dcom::ndr::Reader& in) {
-        expect(in.u32() != 0, "an interface pointer is missing");
-        in.u32();
-        in.u32();
-        in.bytes(4 + 4 + 16 + 4 + 4 + 8 + 8);
-        const Uuid ipid = in.uuid();
-        expect(in.good(), "an interface pointer is malformed");
-        return ipid;
-    }
-
-    Uuid makeGroup(const Uuid& server) {
-        Call call;
-        call.out.wideString("Bench");
-        call.out.u32(1);
-        call.out.u32(1000);
-        call.out.u32(5);
-        call.out.nullPointer();
-        call.out.nullPointer();
-        call.out.u32(0x409);
-        call.out.uuid(opcda::wire::iidOpcItemMgt);
-        const Bytes results = connection_.call(opcServer, 3, &server, call.bytes);
-        dcom::ndr::Reader in(results);
-        in.bytes(16);  // header, handle, rate
-        return readReference(in);
-    }
-
-    Uuid otherInterface(const Uuid& server) {
-        Call call;
-        call.out.wideString("Bench");
-        call.out.uuid(opcda::wire::iidOpcSyncIo);
-        const Bytes results = connection_.call(opcServer, 5, &server, call.bytes);
-        dcom::ndr::Reader in(results);
-        in.bytes(8);
-        return readReference(in);
-    }
-
-    void addItems(const Uuid& items, const std::vector<std::string>& itemIds) {
-        Call call;
-        const auto count = static_cast<std::uint32_t>(itemIds.size());
-        call.out.u32(count);
-        call.out.u32(count);
-        for (std::uint32_t i = 0; i < count; ++i) {
-            call.out.pointer();
-            call.out.pointer();
-            call.out.u32(1);
-            call.out.u32(i);
-            call.out.u32(0);
-            call.out.u32(0);
-            call.out.u16(0);
-            call.out.u16(0);
-        }
-        for (const std::string& id : itemIds) {
-            call.out.wideString("");
-            call.out.wideString(id);
-        }
-        const Bytes results = connection_.call(itemMgt, 3, &items, call.bytes);
-        dcom::ndr::Reader in(results);
-        in.bytes(12);  // header, referent
-        handles_.resize(in.count(20));
-        for (std::uint32_t& handle : handles_) {
-            handle = in.u32();
-            in.bytes(16);
-            expect(handle != 0, "an item was refused");
-        }
-        expect(in.good() && handles_.size() == itemIds.size(), "the items are missing");
-    }
-
-    Connection connection_;
-    Uuid syncIo_;
     std::vector<std::uint32_t> handles_;
+    Uuid syncIo_;
 };
 
 }  // namespace quelm::bench

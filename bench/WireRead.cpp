@@ -6,93 +6,23 @@
 // levels is that of the level connect and what the cipher library alone takes for the same bytes.
 
 #include <benchmark/benchmark.h>
-#include <fmt/format.h>
 #include <openssl/md5.h>
 #include <openssl/rc4.h>
-#include <sys/prctl.h>
-#include <sys/wait.h>
 
-#include <csignal>
-#include <cstdio>
-#include <cstdlib>
 #include <ctime>
-#include <filesystem>
-#include <fstream>
-#include <memory>
+#include <optional>
 
-#include "OPC/Main/OpcNetwork.h"
-#include "WireClient.h"
-#include "base/TimeSource.h"
+#include "BenchServer.h"
 
 namespace quelm::bench {
 namespace {
 
 constexpr std::int32_t itemCount = 10'000;
-constexpr std::string_view password = "bench-1";
 constexpr std::size_t pingSize = 64;
 
-std::uint16_t objectPort = 0;
-std::uint16_t activationPort = 0;
+std::optional<BenchServer> server;
 std::uint16_t pingPort = 0;
-pid_t serverProcess = 0;
 pid_t pingProcess = 0;
-
-std::string itemId(std::int32_t number) {
-    return fmt::format("Plant.Unit{}.Item{:06}", number % 50, number);
-}
-
-int listenAnywhere(std::uint16_t& port) {
-    const int listener = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t size = sizeof address;
-    expect(::bind(listener, reinterpret_cast<sockaddr*>(&address), size) == 0 && ::listen(listener, 4) == 0 &&
-               ::getsockname(listener, reinterpret_cast<sockaddr*>(&address), &size) == 0,
-           "cannot listen");
-    port = ntohs(address.sin_port);
-    return listener;
-}
-
-std::uint16_t freePort() {
-    std::uint16_t port = 0;
-    ::close(listenAnywhere(port));
-    return port;
-}
-
-// What all threads of a process have run so far, in seconds. The first figure of schedstat, in nanoseconds.
-double processorTime(pid_t process) {
-    double sum = 0;
-    for (const auto& thread : std::filesystem::directory_iterator(fmt::format("/proc/{}/task", process))) {
-        double ran = 0;
-        std::ifstream(thread.path() / "schedstat") >> ran;
-        sum += ran / 1e9;
-    }
-    expect(sum > 0, "the kernel does not tell what a thread has run");
-    return sum;
-}
-
-// Runs in a process of its own until this one ends; ready() tells that clients may come.
-template <class Body>
-pid_t inChild(Body body) {
-    int ready[2];
-    expect(::pipe(ready) == 0, "no pipe");
-    const pid_t child = ::fork();
-    if (child == 0) {
-        ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-        try {
-            body([&ready] { expect(::write(ready[1], "!", 1) == 1, "nobody listens"); });
-        } catch (const std::exception& error) {
-            std::fprintf(stderr, "%s\n", error.what());
-        }
-        std::_Exit(1);
-    }
-    ::close(ready[1]);
-    char sign = 0;
-    expect(::read(ready[0], &sign, 1) == 1, "a server did not start");
-    ::close(ready[0]);
-    return child;
-}
 
 void startPings() {
     const int listener = listenAnywhere(pingPort);
@@ -111,57 +41,17 @@ void startPings() {
     });
 }
 
-void startServer() {
-    activationPort = freePort();
-    objectPort = freePort();
-    serverProcess = inChild([](auto ready) {
-        const auto settings = std::filesystem::temp_directory_path() / fmt::format("quelm-bench-{}.conf", ::getpid());
-        std::ofstream(settings) << fmt::format(
-            "[Listen]\nAddress = 127.0.0.1\nActivationPort = {}\nObjectPort = {}\n"
-            "[Security]\nMinimumLevel = connect\n[Accounts]\nPLANT\\reader = password:{}\n",
-            activationPort, objectPort, password);
-        std::filesystem::permissions(settings, std::filesystem::perms::owner_read);
-        ::setenv("QUELM_DCOM_CONF", settings.c_str(), 1);
-        AsioLoop loop;
-        AsioLoop networkLoop;
-        SLIKServer control(loop, networkLoop);
-        for (std::int32_t number = 0; number < itemCount; ++number) {
-            control.SLIKTags().Add(itemId(number), 1, Variant(20.0F + static_cast<float>(number)), 0xC0, localNow());
-        }
-        const auto silence = [](std::string_view) {};
-        const auto trouble = [](std::string_view line) {
-            std::fprintf(stderr, "%.*s\n", static_cast<int>(line.size()), line.data());
-        };
-        OpcNetwork network(
-            control, loop, networkLoop, {},
-            {.weakened = silence, .notice = silence, .client = silence, .trouble = trouble, .failure = trouble});
-        control.setHooks({[&network] { network.open(); }, {}, {}, {}, {}});
-        control.StartServer();
-        std::filesystem::remove(settings);
-        ready();
-        loop.run();
-    });
-}
-
-std::vector<std::string> firstItems(std::int64_t count) {
-    std::vector<std::string> items;
-    for (std::int32_t number = 0; number < count; ++number) {
-        items.push_back(itemId(number));
-    }
-    return items;
-}
-
 // Arguments: items in a call, authentication level.
 void cacheRead(benchmark::State& state) {
     const auto level = static_cast<unsigned>(state.range(1));
-    GroupReader reader(activationPort, objectPort, level, password, firstItems(state.range(0)));
+    GroupReader reader(server->activationPort, server->objectPort, level, password, firstItems(state.range(0)));
     reader.check();
     // A protected request is good for one sending only; they are made in advance, off the clock.
     const std::size_t prepared =
         level < 5 ? 1 : std::min<std::size_t>(1'000, 2'000'000 / static_cast<std::size_t>(state.range(0)));
     std::vector<Bytes> requests;
     std::size_t next = 0;
-    const double before = processorTime(serverProcess);
+    const double before = processorTime(server->process);
     for (auto _ : state) {
         if (next == requests.size()) {
             state.PauseTiming();
@@ -175,7 +65,7 @@ void cacheRead(benchmark::State& state) {
         benchmark::DoNotOptimize(reader.exchange(requests[next]).data());
         next = level < 5 ? 0 : next + 1;
     }
-    state.counters["processor"] = (processorTime(serverProcess) - before) / static_cast<double>(state.iterations());
+    state.counters["processor"] = (processorTime(server->process) - before) / static_cast<double>(state.iterations());
     // Prepared requests that were not sent leave the signatures' count ahead, but the connection ends here anyway.
     state.SetItemsProcessed(state.iterations() * state.range(0));
     state.counters["calls"] = benchmark::Counter(static_cast<double>(state.iterations()), benchmark::Counter::kIsRate);
@@ -208,7 +98,7 @@ void protectionAlone(std::span<std::uint8_t> pdus, std::size_t headerSize, bool 
 // Arguments as above.
 void protection(benchmark::State& state) {
     const auto level = static_cast<unsigned>(state.range(1));
-    GroupReader reader(activationPort, objectPort, level, password, firstItems(state.range(0)));
+    GroupReader reader(server->activationPort, server->objectPort, level, password, firstItems(state.range(0)));
     Bytes request = reader.encodeRead();
     const auto sent = reader.exchange(request);
     Bytes reply(sent.begin(), sent.end());
@@ -252,7 +142,7 @@ BENCHMARK(cacheRead)->ArgsProduct({{1, 100, 1'000, 10'000}, {2, 5, 6}})->ArgName
 int main(int argc, char** argv) {
     // The children come first, while this process is still small.
     quelm::bench::startPings();
-    quelm::bench::startServer();
+    quelm::bench::server.emplace(quelm::bench::itemCount);
     benchmark::Initialize(&argc, argv);
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();
