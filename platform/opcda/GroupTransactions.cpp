@@ -175,8 +175,9 @@ HResult Group::setEnabled(bool enabled) {
 }
 
 HResult Group::isEnabled(bool& enabled) const {
-    enabled = isEnabled_;
-    return refusal(false);
+    const HResult refused = refusal(false);
+    enabled = refused == S_OK && isEnabled_;
+    return refused;
 }
 
 // The transaction's memory is free for its callback.

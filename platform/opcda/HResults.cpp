@@ -78,7 +78,7 @@ constexpr std::array texts{
     ErrorText{HResult{0x80040111}, "The class cannot supply the requested class"},
     ErrorText{HResult{0x80040155}, "Interface not registered"},
     ErrorText{HResult{0x800401F0}, "COM has not been initialised."},
-    ErrorText{HResult{0x800401F3}, "Invalid class string"},
+    ErrorText{CO_E_CLASSSTRING, "Invalid class string"},
     ErrorText{HResult{0x800401F5}, "The application of the class was not found."},
     ErrorText{HResult{0x800401FD}, "The object is not connected to its server."},
     ErrorText{HResult{0x80070002}, "The file was not found."},

@@ -69,11 +69,21 @@ class Connection : public std::enable_shared_from_this<Connection> {
         if (error != 0) {
             return end(std::strerror(error));
         }
-        awaitInput();
+        awaitInputAlone();
         events_->connected();
     }
 
-    void onWritable() { events_->writable(); }
+    void onWritable() {
+        awaitInputAlone();
+        events_->writable();
+    }
+
+    // Once waited for, room to send is watched for ever, and every acknowledgement of the other end wakes the loop. A
+    // descriptor that is taken out and put in again is watched for nothing.
+    void awaitInputAlone() {
+        descriptor_.assign(descriptor_.release());
+        awaitInput();
+    }
 
     void awaitInput() { wait(stream_descriptor::wait_read, &Connection::onReadable); }
 

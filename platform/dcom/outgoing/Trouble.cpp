@@ -74,15 +74,15 @@ std::string remedyOf(const Trouble& trouble, std::string_view settingsPath) {
                 "if this program takes no log-ons, allow calls without them: AllowNoLogOn = yes in "
                 "[Callbacks] of {} (a change counts once the server is restarted)",
                 settingsPath);
+        case Reason::Silent:
+            if (trouble.step != Step::Connect) {
+                return "check whether the client's program hangs";
+            }
+            [[fallthrough]];
         case Reason::NoAddress:
         case Reason::Unreachable:
             return "let the firewalls on the way and on the client's machine pass connections from this server to port "
                    "135 and to the client's program";
-        case Reason::Silent:
-            return trouble.step == Step::Connect
-                       ? "let the firewalls on the way and on the client's machine pass connections from this server "
-                         "to port 135 and to the client's program"
-                       : "check whether the client's program hangs";
         case Reason::Closed:
         case Reason::Broken:
             return "check whether the client's program has ended or a firewall cuts idle connections";

@@ -28,11 +28,10 @@ Fault AsyncIo2Interface::begin(bool writing, Reader& in, Writer& out) {
         if (!in.good()) {
             return Fault::BadStubData;
         }
-        result = group_.isRemoved() ? E_FAIL
-                 : writing          ? group_.asyncWrite(buffers->handles, transaction, cancelId, buffers->errors)
-                                    : group_.asyncRead(buffers->handles, transaction, cancelId, buffers->errors);
+        result = writing ? group_.asyncWrite(buffers->handles, transaction, cancelId, buffers->errors)
+                         : group_.asyncRead(buffers->handles, transaction, cancelId, buffers->errors);
     }
-    out.u32(failed(result) ? 0 : cancelId);
+    out.u32(cancelId);
     writeErrors(out, result, buffers->errors);
     return Fault::None;
 }
@@ -52,8 +51,8 @@ Fault AsyncIo2Interface::refresh(Reader& in, Writer& out, CallContext& /*context
         return Fault::BadStubData;
     }
     std::uint32_t cancelId = 0;
-    const HResult result = group_.isRemoved() ? E_FAIL : group_.refresh(source, transaction, cancelId);
-    out.u32(failed(result) ? 0 : cancelId);
+    const HResult result = group_.refresh(source, transaction, cancelId);
+    out.u32(cancelId);
     out.hresult(result);
     return Fault::None;
 }
@@ -63,7 +62,7 @@ Fault AsyncIo2Interface::cancel(Reader& in, Writer& out, CallContext& /*context*
     if (!in.good()) {
         return Fault::BadStubData;
     }
-    out.hresult(group_.isRemoved() ? E_FAIL : group_.cancel(cancelId));
+    out.hresult(group_.cancel(cancelId));
     return Fault::None;
 }
 
@@ -72,14 +71,14 @@ Fault AsyncIo2Interface::setEnable(Reader& in, Writer& out, CallContext& /*conte
     if (!in.good()) {
         return Fault::BadStubData;
     }
-    out.hresult(group_.isRemoved() ? E_FAIL : group_.setEnabled(enabled));
+    out.hresult(group_.setEnabled(enabled));
     return Fault::None;
 }
 
 Fault AsyncIo2Interface::getEnable(Reader& /*in*/, Writer& out, CallContext& /*context*/) {
     bool enabled = false;
-    const HResult result = group_.isRemoved() ? E_FAIL : group_.isEnabled(enabled);
-    out.u32(!failed(result) && enabled ? 1 : 0);
+    const HResult result = group_.isEnabled(enabled);
+    out.u32(enabled ? 1 : 0);
     out.hresult(result);
     return Fault::None;
 }

@@ -18,7 +18,8 @@ SinkConnection::~SinkConnection() {
 }
 
 bool SinkConnection::reach(dcom::orpc::RemoteObjectRequest request) {
-    request.givenUp = [this] { lost_(); };
+    // It outlives the connection, which it may end.
+    request.givenUp = [this] { std::exchange(lost_, nullptr)(); };
     object_ = outgoing_.objects.connect(std::move(request));
     return object_ != nullptr;
 }
