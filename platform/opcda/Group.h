@@ -221,7 +221,7 @@ class Group : public std::enable_shared_from_this<Group> {
     // S_OK: onCancelComplete comes instead of the transaction's callback. E_FAIL: there is no such transaction, or none
     // any more.
     HResult cancel(std::uint32_t cancelId);
-    // Whether values go out by subscription; at first they do. CONNECT_E_NOCONNECTION, and false, without a sink.
+    // Whether values go out by subscription; at first they do. CONNECT_E_NOCONNECTION without a sink.
     HResult setEnabled(bool enabled);
     HResult isEnabled(bool& enabled) const;
 

@@ -175,9 +175,8 @@ HResult Group::setEnabled(bool enabled) {
 }
 
 HResult Group::isEnabled(bool& enabled) const {
-    const HResult refused = refusal(false);
-    enabled = refused == S_OK && isEnabled_;
-    return refused;
+    enabled = isEnabled_;
+    return refusal(false);
 }
 
 // The transaction's memory is free for its callback.

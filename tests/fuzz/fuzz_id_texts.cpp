@@ -67,7 +67,9 @@ void checkConversions(std::string_view text) {
 }
 
 void checkDouble(double number) {
-    if (!std::isfinite(number)) {
+    // With the 15 digits of a number's text the very largest ones become larger than any number.
+    constexpr double largest = 1.797693134862315e308;
+    if (!(std::fabs(number) < largest)) {
         return;
     }
     NumberToText(Variant(number));

@@ -78,7 +78,7 @@ Fault AsyncIo2Interface::setEnable(Reader& in, Writer& out, CallContext& /*conte
 Fault AsyncIo2Interface::getEnable(Reader& /*in*/, Writer& out, CallContext& /*context*/) {
     bool enabled = false;
     const HResult result = group_.isEnabled(enabled);
-    out.u32(enabled ? 1 : 0);
+    out.u32(result == S_OK && enabled ? 1 : 0);
     out.hresult(result);
     return Fault::None;
 }

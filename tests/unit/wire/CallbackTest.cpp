@@ -163,7 +163,8 @@ TEST_F(Callbacks, AreMessagesToTheClientsObject) {
                "00000000 09000000 00000000 00000000 00000000 00000000 00000000 00000000 00000000 00000000");
     EXPECT_GT(budget->memory.used(), before);
     // A text of odd length as the last value, with what the next column needs behind it and no more.
-    EXPECT_EQ(convert(Variant("A"), VT_EMPTY, value), S_OK);
+    const Variant odd("A");
+    EXPECT_EQ(convert(odd, VT_EMPTY, value), S_OK);
     messages_.begin();
     messages_.add(value);
     sink.onReadComplete({8, 9, S_OK, S_OK, {100}, {quality::good}, {0}, {S_OK}});
