@@ -218,6 +218,7 @@ TEST_F(SqlWorkerTest, AnAttemptThatFailsTooLateIsFollowedByAnother) {
 }
 
 TEST_F(SqlWorkerTest, AfterAConnectionThatFailedOthersFailForASecondWithoutTryingAgain) {
+    library_->timeouts.grace = 10s;  // for closing
     makeWorker();
     library_->refuses = true;
     for (const int attempt : {1, 2}) {
