@@ -347,32 +347,41 @@ class OpcClient {
     Uuid remUnknown_;
 };
 
-// A client's group with items, ready to be read.
+// A client with groups of items, ready to be read.
 class GroupReader : private OpcClient {
  public:
-    // itemIds: what to put into the group.
-    GroupReader(std::uint16_t activationPort, std::uint16_t objectPort, unsigned level, std::string_view password,
-                const std::vector<std::string>& itemIds)
-        : OpcClient(activationPort, objectPort, level, password),
-          handles_(addGroup("Bench", 1000, itemIds)),
-          syncIo_(groupInterface("Bench", opcda::wire::iidOpcSyncIo)) {}
+    using OpcClient::leave;
 
-    // A cache read of all items. With protection each sending needs a request of its own.
-    Bytes encodeRead() { return connection_.encode(syncIo, readOpnum, &syncIo_, readParameters()); }
+    // itemIds: what to put into the first group. from: as for Socket.
+    GroupReader(std::uint16_t activationPort, std::uint16_t objectPort, unsigned level, std::string_view password,
+                const std::vector<std::string>& itemIds, std::uint32_t from = INADDR_LOOPBACK)
+        : OpcClient(activationPort, objectPort, level, password, from) {
+        add(itemIds);
+    }
+    void add(const std::vector<std::string>& itemIds) {
+        const std::string name = "Bench" + std::to_string(groups_.size());
+        std::vector<std::uint32_t> handles = addGroup(name, 1000, itemIds);
+        groups_.push_back({std::move(handles), groupInterface(name, opcda::wire::iidOpcSyncIo)});
+    }
+
+    // A cache read of all items of a group. With protection each sending needs a request of its own.
+    Bytes encodeRead(std::size_t group = 0) {
+        return connection_.encode(syncIo, readOpnum, &groups_[group].syncIo, readParameters(groups_[group]));
+    }
 
     std::span<const std::uint8_t> exchange(std::span<const std::uint8_t> request) {
         return connection_.exchange(request);
     }
 
-    // A cache read of all items: the results behind the header that all object calls have.
-    Bytes read() { return connection_.call(syncIo, readOpnum, &syncIo_, readParameters()); }
+    // A cache read of the first group: the results behind the header that all object calls have.
+    Bytes read() { return connection_.call(syncIo, readOpnum, &groups_[0].syncIo, readParameters(groups_[0])); }
 
     // One read with a look at the result: every item must come without an error.
     void check() {
         const Bytes results = read();
         dcom::ndr::Reader in(results);
         in.bytes(12);  // header, referent
-        expect(in.u32() == handles_.size(), "items are missing");
+        expect(in.u32() == groups_[0].handles.size(), "items are missing");
         dcom::ndr::Reader end{std::span<const std::uint8_t>(results).last(4)};
         expect(end.u32() == 0, "the read failed");
     }
@@ -380,19 +389,23 @@ class GroupReader : private OpcClient {
  private:
     static constexpr std::uint16_t readOpnum = 3;
 
-    Bytes readParameters() const {
+    struct Group {
+        std::vector<std::uint32_t> handles;
+        Uuid syncIo;
+    };
+
+    static Bytes readParameters(const Group& group) {
         Call call;
         call.out.u16(1);  // from the cache
-        call.out.u32(static_cast<std::uint32_t>(handles_.size()));
-        call.out.u32(static_cast<std::uint32_t>(handles_.size()));
-        for (const std::uint32_t handle : handles_) {
+        call.out.u32(static_cast<std::uint32_t>(group.handles.size()));
+        call.out.u32(static_cast<std::uint32_t>(group.handles.size()));
+        for (const std::uint32_t handle : group.handles) {
             call.out.u32(handle);
         }
         return call.bytes;
     }
 
-    std::vector<std::uint32_t> handles_;
-    Uuid syncIo_;
+    std::vector<Group> groups_;
 };
 
 }  // namespace quelm::bench

@@ -34,14 +34,18 @@ class AsioTimer final : public ITimer {
 
     void start(std::chrono::milliseconds after) override {
         state_->pending = true;
-        const std::uint64_t start = ++state_->start;
-        state_->timer.expires_after(after);
-        state_->timer.async_wait([state = state_, start](const asio::error_code& error) {
+        auto expired = [state = state_, start = ++state_->start](const asio::error_code& error = {}) {
             if (!error && state->pending && state->start == start) {
                 state->pending = false;
                 state->onExpiry();
             }
-        });
+        };
+        if (after <= std::chrono::milliseconds(0)) {
+            asio::post(state_->timer.get_executor(), std::move(expired));  // needs no timer of the kernel's
+            return;
+        }
+        state_->timer.expires_after(after);
+        state_->timer.async_wait(std::move(expired));
     }
 
     void stop() override {

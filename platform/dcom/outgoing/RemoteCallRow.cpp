@@ -43,7 +43,10 @@ void RemoteProcess::pump() {
         // new connection one of them is asked for its interface again.
         ask(anyObject());
     } else if (!waiting_.empty()) {
-        call(*waiting_.front());
+        Object& next = *waiting_.front();
+        if (caller_.mayCall(next.calls.front().parameters->size())) {
+            call(next);
+        }
     } else if (count_ == 0) {
         ended_(*this);
     }

@@ -14,15 +14,19 @@
 
 namespace quelm::dcom::outgoing {
 
-RemoteProcess::RemoteProcess(Surroundings& surroundings, std::string host, std::string client, std::uint64_t oxid,
-                             std::function<void(RemoteProcess&)> ended)
+RemoteProcess::RemoteProcess(Surroundings& surroundings, Pace& pace, std::string host, std::string client,
+                             std::uint64_t oxid, std::function<void(RemoteProcess&)> ended)
     : surroundings_(surroundings),
       host_(std::move(host)),
       client_(std::move(client)),
       oxid_(oxid),
       ended_(std::move(ended)),
       timer_(surroundings.loop.makeTimer([this] { onTimer(); })),
-      pinger_(surroundings, client_, [this](const Trouble* trouble) { onPing(trouble); }) {}
+      pinger_(surroundings, client_, [this](const Trouble* trouble) { onPing(trouble); }),
+      caller_(pace, [this] {
+          const auto self = shared_from_this();
+          pump();
+      }) {}
 
 RemoteProcess::~RemoteProcess() = default;
 

@@ -14,6 +14,7 @@
 
 #include "dcom/orpc/RemoteObjects.h"
 #include "dcom/outgoing/Approach.h"
+#include "dcom/outgoing/Pace.h"
 #include "dcom/outgoing/Pinger.h"
 
 namespace quelm::dcom::outgoing {
@@ -31,7 +32,7 @@ class RemoteProcess final : public std::enable_shared_from_this<RemoteProcess>, 
 
     // host, client (host and account) and oxid tell the process from others. ended: nothing is held of the process any
     // more, and the owner lets it go; may be called twice.
-    RemoteProcess(Surroundings& surroundings, std::string host, std::string client, std::uint64_t oxid,
+    RemoteProcess(Surroundings& surroundings, Pace& pace, std::string host, std::string client, std::uint64_t oxid,
                   std::function<void(RemoteProcess&)> ended);
     ~RemoteProcess() override;
     RemoteProcess(const RemoteProcess&) = delete;
@@ -114,6 +115,7 @@ class RemoteProcess final : public std::enable_shared_from_this<RemoteProcess>, 
     Job job_ = Job::None;
     Object* jobObject_ = nullptr;     // none: gone meanwhile
     std::function<void()> answered_;  // of its call
+    Pace::Caller caller_;
 };
 
 }  // namespace quelm::dcom::outgoing

@@ -10,7 +10,8 @@
 
 namespace quelm::dcom::outgoing {
 
-RemoteProcesses::RemoteProcesses(Surroundings surroundings) : surroundings_(std::move(surroundings)) {}
+RemoteProcesses::RemoteProcesses(Surroundings surroundings)
+    : surroundings_(std::move(surroundings)), pace_(surroundings_.loop) {}
 
 RemoteProcesses::~RemoteProcesses() {
     for (const auto& [key, process] : std::exchange(processes_, {})) {
@@ -45,7 +46,7 @@ std::shared_ptr<RemoteProcess> RemoteProcesses::processOf(const orpc::RemoteObje
         return nullptr;
     }
     auto process = std::make_shared<RemoteProcess>(
-        surroundings_, request.host, client, oxid, [this, key](const RemoteProcess& ended) {
+        surroundings_, pace_, request.host, client, oxid, [this, key](const RemoteProcess& ended) {
             if (const auto it = processes_.find(key); it != processes_.end() && it->second.get() == &ended) {
                 processes_.erase(it);
             }

@@ -10,6 +10,7 @@
 #include <tuple>
 
 #include "dcom/orpc/RemoteObjects.h"
+#include "dcom/outgoing/Pace.h"
 #include "dcom/outgoing/Surroundings.h"
 
 namespace quelm::dcom::outgoing {
@@ -37,6 +38,7 @@ class RemoteProcesses final : public orpc::IRemoteObjects {
     std::shared_ptr<RemoteProcess> processOf(const orpc::RemoteObjectRequest& request);
 
     Surroundings surroundings_;
+    Pace pace_;
     std::map<Key, std::shared_ptr<RemoteProcess>> processes_;
 };
 

@@ -3,6 +3,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <iterator>
 #include <list>
 
 #include "FakeNetwork.h"
@@ -381,6 +383,28 @@ TEST_F(CallingBack, CutsALargeCallAsItIsTaken) {
     EXPECT_THAT(happened(), ElementsAre("call 01000080 3 6000000 bytes @privacy", "answered"));
     EXPECT_LT(network.largestSend, 72'000U);
     EXPECT_EQ(large.use_count(), 1);
+}
+
+// Whoever has a call while the handful of this turn is gone waits for the next one, in the order in which they came.
+TEST_F(CallingBack, LetsCallsOutAHandfulATurn) {
+    Pace pace(loop);
+    std::list<Pace::Caller> callers;
+    Events turns{""};
+    const auto caller = [&](char name) {
+        auto& its = callers.emplace_back(pace, [&, name] { turns.back() += name; });
+        return its.mayCall(100);
+    };
+    const std::string names = "abcdefghijklmnopqrstuvwxyz";
+    std::string atOnce;
+    std::copy_if(names.begin(), names.end(), std::back_inserter(atOnce), caller);
+    EXPECT_EQ(atOnce, "abcdefghijklmnop");
+    EXPECT_FALSE(callers.back().mayCall(1)) << "it waits already";
+    callers.erase(std::next(callers.begin(), 17));  // r
+    callers.erase(callers.begin());
+    pass(0);
+    EXPECT_THAT(turns, ElementsAre("qstuvwxyz"));
+    EXPECT_TRUE(callers.front().mayCall(10 * Pace::handful)) << "a large one goes alone";
+    EXPECT_FALSE(callers.back().mayCall(1));
 }
 
 }  // namespace
