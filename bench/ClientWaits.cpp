@@ -26,6 +26,7 @@ constexpr std::chrono::milliseconds pace{1};
 struct State {
     double stamp = 0;
     float value = 0;
+    unsigned quality = 0;
 };
 
 // Of a reply with one item that is a single.
@@ -36,11 +37,12 @@ State stateIn(std::span<const std::uint8_t> results) {
     in.u32();      // client handle
     const std::uint64_t low = in.u32();
     const std::uint64_t high = in.u32();
-    in.u32();  // quality
+    State state;
+    state.quality = in.u16();
+    in.u16();
     in.u32();  // referent
     in.align(8);
     in.bytes(20);  // sizes and types
-    State state;
     state.stamp = static_cast<double>(static_cast<std::int64_t>(high << 32U | low) - 116'444'736'000'000'000) / 1e7;
     state.value = in.f32();
     expect(in.good(), "the reply is malformed");
@@ -65,8 +67,8 @@ void run(char** arguments) {
         const State state = stateIn(reader.read());
         waits.push_back(std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - due).count());
         if (state.stamp != lastStamp) {
-            changes += fmt::format("{}[{:.3f}, {:.3f}, {}]", changes.empty() ? "" : ", ", state.stamp, secondsNow(),
-                                   state.value);
+            changes += fmt::format("{}[{:.3f}, {:.3f}, {}, {}]", changes.empty() ? "" : ", ", state.stamp, secondsNow(),
+                                   state.value, state.quality);
             lastStamp = state.stamp;
         }
     }

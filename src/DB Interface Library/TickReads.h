@@ -70,6 +70,7 @@ class TickReads {
         own.lastTick = tick_;
         const std::uint64_t now = time_.now();
         own.askedAt = now;
+        const bool isLoading = own.reads++ == 0;
         return time_.waitFor([&] {
             if (own.argument != argument) {
                 own.begun.reset();
@@ -78,7 +79,9 @@ class TickReads {
             if (!own.begun && worker->isFree()) {
                 own.begun = begin(worker, siteID, own, now);
             }
-            beginOthers(now);
+            if (!isLoading) {
+                beginOthers(now);
+            }
             // One whose connection is taken by another site's read waits for it.
             Begun begun = own.begun ? std::move(*own.begun) : begin(worker, siteID, own, now);
             own.begun.reset();
@@ -92,8 +95,8 @@ class TickReads {
  private:
     // All in milliseconds. Ticks are whole seconds apart.
     static constexpr std::uint64_t sameTick = 500;
-    // A site is due when it has asked not so shortly ago (sites that are loaded one behind the other all ask then;
-    // their periods are longer), and not so long ago that it may have stopped.
+    // A site is due when it has asked not so shortly ago (their periods are longer), and not so long ago that it may
+    // have stopped. The first time it asks is when it is loaded, which no tick is waited for with.
     static constexpr std::uint64_t shortestPeriod = 5'000;
     static constexpr std::uint64_t longestPeriod = 60'000;
 
@@ -105,12 +108,13 @@ class TickReads {
         std::uint64_t lastTick = 0;  // number of the tick in which it has asked last
         std::uint64_t askedAt = 0;
         std::uint64_t begunAt = 0;
+        std::uint64_t reads = 0;
         Argument argument{};
         std::optional<Begun> begun;
 
         bool isDue(std::uint64_t tick, std::uint64_t now) const {
-            return lastTick != tick && !begun && now - begunAt >= shortestPeriod && now - askedAt >= shortestPeriod &&
-                   now - askedAt <= longestPeriod;
+            const bool isPeriodOver = now - begunAt >= shortestPeriod && now - askedAt >= shortestPeriod;
+            return lastTick != tick && !begun && (reads == 1 || isPeriodOver) && now - askedAt <= longestPeriod;
         }
     };
 
