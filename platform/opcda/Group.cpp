@@ -45,6 +45,7 @@ HResult Group::setState(const GroupChange& change) {
     }
     if (change.active.value_or(false) && !state_.active) {
         forgetSent();
+        restartKeepAlive();
     }
     state_.active = change.active.value_or(state_.active);
     state_.timeBias = change.timeBias.value_or(state_.timeBias);
@@ -53,6 +54,18 @@ HResult Group::setState(const GroupChange& change) {
     state_.clientHandle = change.clientHandle.value_or(state_.clientHandle);
     wakeSinks();
     return change.updateRate && *change.updateRate != state_.updateRate ? OPC_S_UNSUPPORTEDRATE : S_OK;
+}
+
+// A group's own update rate may be slower: a client that hears of values every hour may want a sign of life each
+// minute.
+HResult Group::setKeepAlive(std::uint32_t time) {
+    if (isRemoved()) {
+        return E_FAIL;
+    }
+    state_.keepAlive = time == 0 ? 0 : revisedRate(time);
+    restartKeepAlive();
+    wakeSinks();
+    return state_.keepAlive == time ? S_OK : OPC_S_UNSUPPORTEDRATE;
 }
 
 HResult Group::setName(std::string_view name) {

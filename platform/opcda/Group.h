@@ -74,6 +74,9 @@ struct GroupState {
     float percentDeadband = 0;
     std::uint32_t localeId = 0;
     std::uint32_t clientHandle = 0;
+    // Milliseconds without a callback after which a sink gets an empty one, so that the client knows that silence is no
+    // failure; 0: never.
+    std::uint32_t keepAlive = 0;
 };
 
 // What SetState changes: only what is given.
@@ -159,6 +162,9 @@ class Group : public std::enable_shared_from_this<Group> {
     // S_OK; OPC_S_UNSUPPORTEDRATE when the rate was revised (see state().updateRate); E_INVALIDARG for a deadband
     // outside 0 to 100: nothing is changed then.
     HResult setState(const GroupChange& change);
+    // Milliseconds, at least minimumUpdateRate; 0: none. S_OK; OPC_S_UNSUPPORTEDRATE when it was revised (see
+    // state().keepAlive).
+    HResult setKeepAlive(std::uint32_t time);
     // OPC_E_DUPLICATENAME; E_INVALIDARG for an empty name or one that is too long.
     HResult setName(std::string_view name);
 
@@ -307,6 +313,8 @@ class Group : public std::enable_shared_from_this<Group> {
     bool isRefreshWaiting() const;
     bool isAnySinkBusy() const;
     void wakeSinks();
+    void restartKeepAlive();
+    void sendKeepAlive(Subscription& to);
     // Something besides values changed; what was sent counts no more, of all items or of one.
     void noteChange();
     void forgetSent();

@@ -169,6 +169,9 @@ HResult Group::setEnabled(bool enabled) {
     if (const HResult refused = refusal(false); refused != S_OK) {
         return refused;
     }
+    if (enabled && !isEnabled_) {
+        restartKeepAlive();
+    }
     isEnabled_ = enabled;
     wakeSinks();
     return S_OK;
@@ -198,6 +201,7 @@ void Group::completeRead(std::uint32_t cancelId, const DeviceReading& reading) {
         callback.addOrRefuse(item.clientHandle, fileTime, quality, error, value);
     }
     noteDataSent();
+    restartKeepAlive();
     subscriptions_.forEach([&callback](Subscription& each) { each.sink().onReadComplete(callback.items()); });
 }
 
@@ -207,6 +211,7 @@ void Group::completeWrite(std::uint32_t cancelId, std::span<const std::uint32_t>
     }
     const std::uint32_t transaction = transactions_.extract(cancelId).mapped().number;
     const std::vector<HResult> errors(clientHandles.size(), error);
+    restartKeepAlive();
     subscriptions_.forEach([&](Subscription& each) {
         each.sink().onWriteComplete(transaction, state_.clientHandle, error == S_OK ? S_OK : S_FALSE, clientHandles,
                                     errors);

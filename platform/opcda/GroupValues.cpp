@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "base/TimeSource.h"
 #include "opcda/Application.h"
 #include "opcda/Group.h"
 
@@ -66,6 +67,18 @@ void Group::wakeSinks() {
     subscriptions_.forEach([this](Subscription& each) { application_->publisher().wake(each); });
 }
 
+void Group::restartKeepAlive() {
+    const std::uint64_t now = timeSource().monotonicMilliseconds();
+    subscriptions_.forEach([now](Subscription& each) { each.lastCalled_ = now; });
+}
+
+// It says nothing of data: the client's time of the last update stays.
+void Group::sendKeepAlive(Subscription& to) {
+    CallbackColumns& callback = application_->callback();
+    callback.begin(0, state_.clientHandle, 0);
+    to.sink().onDataChange(callback.items());
+}
+
 void Group::noteChange() {
     subscriptions_.forEach([](Subscription& each) { each.isChanged_ = true; });
     wakeSinks();
@@ -102,6 +115,7 @@ std::size_t Group::sendChanges(Subscription& to, std::uint64_t now) {
         to.lastSent_ = now;  // without room for a single item, there is perhaps some after a period
     }
     if (changed > 0) {
+        to.lastCalled_ = now;
         noteDataSent();
         to.sink().onDataChange(callback.items());
     }
@@ -180,6 +194,7 @@ void Group::addRefreshed(CallbackColumns& callback, std::size_t number, std::int
 
 void Group::sendRefreshed(CallbackColumns& callback) {
     noteDataSent();
+    restartKeepAlive();
     subscriptions_.forEach([&callback](Subscription& each) { each.sink().onDataChange(callback.items()); });
     if (callback.items().masterError != S_OK) {
         noteChange();  // where it was the plant that failed, the cache has a value

@@ -1,30 +1,65 @@
 #include "opcda/Subscription.h"
 
+#include <algorithm>
 #include <functional>
 #include <string>
 #include <string_view>
 
+#include "base/TimeSource.h"
 #include "opcda/Group.h"
 
 namespace quelm::opcda {
 
+namespace {
+
+constexpr std::size_t workOfKeepAlive = 500;  // in looks at an item, as any callback
+
+// Clients count from the last callback's arrival and take a late one as a failure, so that it leaves by so much
+// earlier.
+constexpr std::uint64_t leadOf(std::uint64_t keepAlive) {
+    constexpr std::uint64_t part = 20;
+    constexpr std::uint64_t most = 500;  // milliseconds
+    return std::min(keepAlive / part, most);
+}
+
+}  // namespace
+
 Subscription::Subscription(Publisher& publisher, Group& group, std::unique_ptr<IDataSink> sink)
-    : Member(publisher), group_(&group), sink_(std::move(sink)) {}
+    : Member(publisher), group_(&group), sink_(std::move(sink)), lastCalled_(timeSource().monotonicMilliseconds()) {}
+
+std::optional<std::uint64_t> Subscription::changesDue() const {
+    if (!isChanged_ && seenBlock_ == publisher().block()) {
+        return std::nullopt;
+    }
+    return isCut_ || !lastSent_ ? 0 : *lastSent_ + group_->state().updateRate;
+}
 
 // A refresh goes to all sinks of the group at once, before anything else that waits.
 std::optional<std::uint64_t> Subscription::due() const {
     if (group_->isRefreshWaiting()) {
         return group_->isAnySinkBusy() ? std::nullopt : std::optional<std::uint64_t>(0);
     }
-    const bool isNew = isChanged_ || seenBlock_ != publisher().block();
-    if (!isNew || !group_->sendsChanges() || isBusy()) {
+    if (!group_->sendsChanges() || isBusy()) {
         return std::nullopt;
     }
-    return isCut_ || !lastSent_ ? 0 : *lastSent_ + group_->state().updateRate;
+    const std::uint64_t keepAlive = group_->state().keepAlive;
+    const std::optional<std::uint64_t> changes = changesDue();
+    if (keepAlive == 0 || (changes && *changes <= lastCalled_ + keepAlive)) {
+        return changes;  // which are a sign of life too, unless it then shows that nothing differs
+    }
+    return lastCalled_ + keepAlive - leadOf(keepAlive);
 }
 
 std::size_t Subscription::deliver(std::uint64_t now) {
-    return group_->isRefreshWaiting() ? group_->sendRefresh() : group_->sendChanges(*this, now);
+    if (group_->isRefreshWaiting()) {
+        return group_->sendRefresh();
+    }
+    if (const auto changes = changesDue(); changes && *changes <= now) {
+        return group_->sendChanges(*this, now);
+    }
+    lastCalled_ = now;
+    group_->sendKeepAlive(*this);
+    return workOfKeepAlive;
 }
 
 std::uint64_t hashOfLarge(const OpcValue& value) {

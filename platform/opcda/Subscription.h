@@ -2,7 +2,7 @@
 
 // A sink that a client advised to a group, and what it has been sent: it gets what differs from that, no more often
 // than the group's update rate allows, and nothing while it has not answered yet. Values that change meanwhile don't
-// pile up: the newest one is sent.
+// pile up: the newest one is sent. Where nothing was to be sent for long, an empty callback says that the server lives.
 
 #include <bit>
 #include <cstdint>
@@ -77,11 +77,15 @@ class Subscription final : public Publisher::Member {
         }
     }
 
+    // As due(), whatever holds them up.
+    std::optional<std::uint64_t> changesDue() const;
+
     Group* group_;
     std::unique_ptr<IDataSink> sink_;
     std::vector<SentItem> sent_;  // by the group's slots; what is not there was not sent
     std::uint64_t seenBlock_ = 0;
     std::optional<std::uint64_t> lastSent_;  // monotonic milliseconds
+    std::uint64_t lastCalled_;               // monotonic milliseconds: with data or the end of a transaction
     std::size_t next_ = 0;                   // slot at which a callback was cut
     bool isChanged_ = true;                  // there is something new besides values
     bool isCut_ = false;                     // the rest follows as soon as the sink has answered

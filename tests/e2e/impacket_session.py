@@ -17,6 +17,7 @@ from bad_sinks import BadSink  # noqa: E402
 from opc_sink import dual_string  # noqa: E402, F401
 
 IENUM_CONNECTION_POINTS = 'B196B285-BAB4-101A-B69C-00AA00341D07'
+IOPC_GROUP_STATE_MGT2 = '8E368666-D72E-4F78-87ED-647611C61C9F'
 CALLBACKS = {'group': IOPC_DATA_CALLBACK, 'server': IOPC_SHUTDOWN}
 
 
@@ -102,6 +103,12 @@ class Session(Client):
         """Whether there is a connection point for the interface, and the call's result."""
         point, result = self.point(on, iid)
         return [point is not None, result]
+
+    def keep_alive(self, time):
+        """In milliseconds; the revised time and the result, and the time that is then in force."""
+        group = self.group.query(IOPC_GROUP_STATE_MGT2)
+        replies = group.call(7, Writer().u32(time)), group.call(8, Writer())
+        return [[reply.u32(), reply.u32()] for reply in replies]
 
     def remove_group(self, force=True):
         return self.server.call(7, Writer().u32(self.group_handle, force)).u32()

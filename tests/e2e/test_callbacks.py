@@ -175,6 +175,22 @@ class Transactions(Called):
         wait_for('the second sink let go', lambda: client('held', sink=1) == 0)
 
 
+class KeepAlive(Called):
+    def test_a_client_that_is_told_nothing_for_long_is_told_so(self):
+        self.site.wait_pass()  # after which nothing changes
+        client = self.subscriber(level='integrity')
+        self.assert_call(*client('callbacks'), clients=[0])
+        self.assertEqual(client('keep_alive', time=50), [[100, 0x4000D], [100, S_OK]])
+        self.assertEqual(client('keep_alive', time=1000), [[1000, S_OK], [1000, S_OK]])
+        began = time.monotonic()
+        for call in client('callbacks', count=4):
+            self.assert_call(call, call='OnDataChange', level='integrity', transaction=0, group=7, masterQuality=S_OK,
+                             masterError=S_OK, items=[])
+        self.assertTrue(2.8 < time.monotonic() - began < 6)
+        self.assertEqual(client('keep_alive', time=0), [[0, S_OK], [0, S_OK]])
+        self.assert_quiet(client)
+
+
 class Connections(Called):
     changes = (('[Clients]\n', '[Clients]\nPingTimeout = 9\n'),)  # and a sink is pinged three times as often
 

@@ -22,7 +22,7 @@ void readOptional(Reader& in, std::optional<T>& value, ReadOne readOne) {
 
 }  // namespace
 
-Fault GroupStateMgtInterface::getState(Reader& /*in*/, Writer& out, dcom::orpc::CallContext& /*context*/) {
+Fault GroupStateCalls::getState(Reader& /*in*/, Writer& out, dcom::orpc::CallContext& /*context*/) {
     const Group& group = object_.group();
     const bool removed = group.isRemoved();
     const GroupState state = removed ? GroupState{} : group.state();
@@ -42,7 +42,7 @@ Fault GroupStateMgtInterface::getState(Reader& /*in*/, Writer& out, dcom::orpc::
     return Fault::None;
 }
 
-Fault GroupStateMgtInterface::setState(Reader& in, Writer& out, dcom::orpc::CallContext& /*context*/) {
+Fault GroupStateCalls::setState(Reader& in, Writer& out, dcom::orpc::CallContext& /*context*/) {
     GroupChange change;
     readOptional(in, change.updateRate, [&in] { return in.u32(); });
     readOptional(in, change.active, [&in] { return in.u32() != 0; });
@@ -60,7 +60,7 @@ Fault GroupStateMgtInterface::setState(Reader& in, Writer& out, dcom::orpc::Call
     return Fault::None;
 }
 
-Fault GroupStateMgtInterface::setName(Reader& in, Writer& out, dcom::orpc::CallContext& /*context*/) {
+Fault GroupStateCalls::setName(Reader& in, Writer& out, dcom::orpc::CallContext& /*context*/) {
     const std::string name = in.wideString();
     if (!in.good()) {
         return Fault::BadStubData;
@@ -70,7 +70,7 @@ Fault GroupStateMgtInterface::setName(Reader& in, Writer& out, dcom::orpc::CallC
     return Fault::None;
 }
 
-Fault GroupStateMgtInterface::cloneGroup(Reader& in, Writer& out, dcom::orpc::CallContext& context) {
+Fault GroupStateCalls::cloneGroup(Reader& in, Writer& out, dcom::orpc::CallContext& context) {
     const std::string name = in.wideString();
     const Uuid iid = in.uuid();
     if (!in.good()) {
@@ -86,6 +86,25 @@ Fault GroupStateMgtInterface::cloneGroup(Reader& in, Writer& out, dcom::orpc::Ca
     std::shared_ptr<Group> clone;
     const HResult result = owner->server().cloneGroup(object_.group(), name, clone);
     out.hresult(owner->writeNewGroup(out, context, clone, iid, result));
+    return Fault::None;
+}
+
+Fault GroupStateMgt2Interface::setKeepAlive(Reader& in, Writer& out, dcom::orpc::CallContext& /*context*/) {
+    const std::uint32_t time = in.u32();
+    if (!in.good()) {
+        return Fault::BadStubData;
+    }
+    Group& group = object_.group();
+    const HResult result = group.setKeepAlive(time);
+    out.u32(group.isRemoved() ? 0 : group.state().keepAlive);
+    out.hresult(result);
+    return Fault::None;
+}
+
+Fault GroupStateMgt2Interface::getKeepAlive(Reader& /*in*/, Writer& out, dcom::orpc::CallContext& /*context*/) {
+    const Group& group = object_.group();
+    out.u32(group.isRemoved() ? 0 : group.state().keepAlive);
+    out.hresult(group.isRemoved() ? E_FAIL : S_OK);
     return Fault::None;
 }
 

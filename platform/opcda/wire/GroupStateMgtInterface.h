@@ -1,6 +1,7 @@
 #pragma once
 
-// IOPCGroupStateMgt of a group: its update rate, activity, name, and copying it.
+// IOPCGroupStateMgt of a group: its update rate, activity, name, and copying it. IOPCGroupStateMgt2 adds empty
+// callbacks by which its client sees that the server lives.
 
 #include "dcom/orpc/MethodTable.h"
 
@@ -9,6 +10,7 @@ namespace quelm::opcda::wire {
 using namespace literals;
 
 inline constexpr Uuid iidOpcGroupStateMgt = "39C13A50-011E-11D0-9675-0020AFD8ADB3"_uuid;
+inline constexpr Uuid iidOpcGroupStateMgt2 = "8E368666-D72E-4F78-87ED-647611C61C9F"_uuid;
 
 enum class GroupStateMgt : std::uint16_t {
     GetState = dcom::orpc::firstOpnum,
@@ -17,30 +19,65 @@ enum class GroupStateMgt : std::uint16_t {
     CloneGroup,
 };
 
+enum class GroupStateMgt2 : std::uint16_t {
+    GetState = dcom::orpc::firstOpnum,
+    SetState,
+    SetName,
+    CloneGroup,
+    SetKeepAlive,
+    GetKeepAlive,
+};
+
 class OpcGroupObject;
 
-class GroupStateMgtInterface final : public dcom::orpc::Dispatched<GroupStateMgtInterface> {
+// What both interfaces have.
+class GroupStateCalls : public dcom::orpc::Interface {
  public:
-    static constexpr Uuid interfaceId = iidOpcGroupStateMgt;
-    static constexpr std::string_view interfaceName = "IOPCGroupStateMgt";
-    using Opnum = GroupStateMgt;
+    explicit GroupStateCalls(OpcGroupObject& object) : object_(object) {}
 
-    explicit GroupStateMgtInterface(OpcGroupObject& object) : object_(object) {}
-
- private:
+ protected:
     dcom::Fault getState(dcom::ndr::Reader& in, dcom::ndr::Writer& out, dcom::orpc::CallContext& context);
     dcom::Fault setState(dcom::ndr::Reader& in, dcom::ndr::Writer& out, dcom::orpc::CallContext& context);
     dcom::Fault setName(dcom::ndr::Reader& in, dcom::ndr::Writer& out, dcom::orpc::CallContext& context);
     dcom::Fault cloneGroup(dcom::ndr::Reader& in, dcom::ndr::Writer& out, dcom::orpc::CallContext& context);
 
     OpcGroupObject& object_;
+};
 
+class GroupStateMgtInterface final : public dcom::orpc::Dispatched<GroupStateMgtInterface, GroupStateCalls> {
  public:
+    static constexpr Uuid interfaceId = iidOpcGroupStateMgt;
+    static constexpr std::string_view interfaceName = "IOPCGroupStateMgt";
+    using Opnum = GroupStateMgt;
+    using Dispatched::Dispatched;
+
     static constexpr std::array methods{
         Row{Opnum::GetState, "GetState", &GroupStateMgtInterface::getState},
         Row{Opnum::SetState, "SetState", &GroupStateMgtInterface::setState},
         Row{Opnum::SetName, "SetName", &GroupStateMgtInterface::setName},
         Row{Opnum::CloneGroup, "CloneGroup", &GroupStateMgtInterface::cloneGroup},
+    };
+};
+
+class GroupStateMgt2Interface final : public dcom::orpc::Dispatched<GroupStateMgt2Interface, GroupStateCalls> {
+ public:
+    static constexpr Uuid interfaceId = iidOpcGroupStateMgt2;
+    static constexpr std::string_view interfaceName = "IOPCGroupStateMgt2";
+    using Opnum = GroupStateMgt2;
+    using Dispatched::Dispatched;
+
+ private:
+    dcom::Fault setKeepAlive(dcom::ndr::Reader& in, dcom::ndr::Writer& out, dcom::orpc::CallContext& context);
+    dcom::Fault getKeepAlive(dcom::ndr::Reader& in, dcom::ndr::Writer& out, dcom::orpc::CallContext& context);
+
+ public:
+    static constexpr std::array methods{
+        Row{Opnum::GetState, "GetState", &GroupStateMgt2Interface::getState},
+        Row{Opnum::SetState, "SetState", &GroupStateMgt2Interface::setState},
+        Row{Opnum::SetName, "SetName", &GroupStateMgt2Interface::setName},
+        Row{Opnum::CloneGroup, "CloneGroup", &GroupStateMgt2Interface::cloneGroup},
+        Row{Opnum::SetKeepAlive, "SetKeepAlive", &GroupStateMgt2Interface::setKeepAlive},
+        Row{Opnum::GetKeepAlive, "GetKeepAlive", &GroupStateMgt2Interface::getKeepAlive},
     };
 };
 

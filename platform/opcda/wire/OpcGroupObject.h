@@ -22,7 +22,7 @@ class OpcGroupObject final : public dcom::orpc::ComObject, public Connectable {
  public:
     // What clients may ask it for.
     using Interfaces = OfferedInterfaces<SyncIoInterface, ItemMgtInterface, GroupStateMgtInterface, AsyncIo2Interface,
-                                         ConnectionPointContainerInterface>;
+                                         ConnectionPointContainerInterface, GroupStateMgt2Interface>;
 
     // connections: of the group, whichever objects it has had.
     OpcGroupObject(std::weak_ptr<OpcServerObject> owner, std::shared_ptr<Group> group, OutgoingCalls& outgoing,

@@ -185,6 +185,7 @@ class CallbackTest : public OpcDaTest {
         {"group", [&](const Words& w) { return change([&](GroupChange& to) { to.active = isOn(w, 1); }); }},
         {"rate", [&](const Words& w) { return change([&](GroupChange& to) { to.updateRate = number(w, 1); }); }},
         {"handle", [&](const Words& w) { return change([&](GroupChange& to) { to.clientHandle = number(w, 1); }); }},
+        {"alive", [&](const Words& w) { return group->setKeepAlive(number(w, 1)); }},
         {"enable", [&](const Words& w) { return group->setEnabled(isOn(w, 1)); }},
         {"item", [&](const Words& w) { return group->setActiveState(handlesOf(w, 2), isOn(w, 1), errors); }},
         {"remove", [&](const Words& w) { return group->removeItems(handlesOf(w, 1), errors); }},
@@ -278,6 +279,37 @@ TEST_F(CallbackTest, ASlowSinkGetsTheNewestValuesAndHoldsUpNoOther) {
             // What needs the plant does not wait for the sink.
             {"set 0 5", "A change 0 7: 100=5/C0"},
             {"read 1 1; device 2", "A read 1 7: 101=70000/C0 | A change 2 7: 100=5/C0 101=70000/C0 102='Running'/C0"}});
+}
+
+TEST_F(CallbackTest, WhereNothingIsToBeSaidAnEmptyCallbackSaysThatTheServerLives) {
+    const std::string empty = "change 0 7:";
+    follow({{"alive 99", "4000D"}, {"alive 2000; advise", all}});
+    const std::int64_t lastUpdate = server.status().lastUpdateTime;
+    follow({{"wait 1899", ""}, {"wait 1", empty}, {"wait 1900", empty}});
+    EXPECT_EQ(server.status().lastUpdateTime, lastUpdate);
+    follow({// From the last callback of any kind on, and none beside the data.
+            {"wait 1000; set 0 1", "change 0 7: 100=1/C0"},
+            {"wait 1899; read 5 1", "read 5 7: 101=70000/C0"},
+            {"wait 1899; write 6 1", "written 6 7e: 101!80004005"},
+            {"wait 1899; device 8", "change 8 7: 100=1/C0 101=70000/C0 102='Running'/C0"},
+            {"item off 0 1 2; wait 1899", ""},
+            {"wait 1", empty},
+            {"rate 2000; item on 1", "change 0 7: 101=70000/C0"},
+            {"set 1 2; wait 1999", ""},
+            {"wait 1", "change 0 7: 101=2/C0"},
+            {"set 1 2; wait 1999", ""},  // where nothing differs after all
+            {"wait 1", empty},
+            {"enable off; wait 9000; cached 9", "change 9 7: 101=2/C0"},
+            {"wait 9000; enable on; wait 1899", ""},
+            {"wait 1; group off", empty},
+            {"wait 9000; item off 1; group on; remove 0 1 2; wait 1899; handle 8", ""},
+            {"slow; wait 1", "change 0 8:"},
+            {"wait 9000", ""},
+            {"answer", "change 0 8:"},
+            {"answer; alive 0; wait 9000", ""},
+            {"alive 4294967295; wait 9000", ""}});
+    EXPECT_EQ(server.cloneGroup(*group, "", group), S_OK);
+    EXPECT_EQ(group->state().keepAlive, 4294967295U);
 }
 
 TEST_F(CallbackTest, RefreshesSendAllActiveItemsOnceWithTheirNumber) {

@@ -120,8 +120,12 @@ TEST_F(OpcWire, ClonesAGroupIntoOneOfItsOwn) {
     addGroup("g");
     addItems({"Flow"});
     const Parameters copy = Parameters().text("copy").uuid(iidOpcSyncIo);
+    EXPECT_HEX(call(GroupStateMgt2::GetKeepAlive, {}).bytes, "00000000 00000000");
+    EXPECT_HEX(call(GroupStateMgt2::SetKeepAlive, Parameters().u32(99)).bytes, "64000000 0D000400");
     EXPECT_HEX(call(GroupStateMgt::CloneGroup, copy).bytes, interfacePointer + "00000000");
     const Object clone = context_.written.back();
+    EXPECT_HEX(call(*clone, GroupStateMgt2::GetKeepAlive, {}).bytes, "64000000 00000000");
+    EXPECT_HEX(call(*clone, GroupStateMgt2::SetKeepAlive, Parameters().u32(0)).bytes, "00000000 00000000");
     EXPECT_NE(clone, group_);
     EXPECT_EQ(call(*clone, ItemMgt::CreateEnumerator, Parameters().uuid(iidEnumOpcItemAttributes)).result(), S_OK);
     EXPECT_HEX(call(GroupStateMgt::CloneGroup, copy).bytes, "00000000 0C0004C0");

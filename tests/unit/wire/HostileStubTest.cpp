@@ -26,6 +26,8 @@ class HostileStub : public OpcWire {
         const auto all = [] { return Parameters(); };
         const std::vector<Uuid> kinds{iidOpcServer};
         const Parameters definitions = OpcWire::definitions({"Flow", "Switch"});
+        const Parameters state =
+            all().u32(1).u32(1).u32(1).u32(0).u32(1).u32(30).u32(1).f32(2).u32(1).u32(7).u32(1).u32(9);
         const std::string number = "03000000 00000000 0300 CCCCCCCCCCCC 03000000 05000000";
         const std::string text =
             "05000000 00000000 0800 CCCCCCCCCCCC 08000000 55736572 01000000 02000000 01000000 4100";
@@ -70,10 +72,13 @@ class HostileStub : public OpcWire {
             {ConnectionPointContainer::FindConnectionPoint, all().uuid(iidOpcDataCallback)},
             {{iidConnectionPoint, ConnectionPoint::Advise}, all().u32(1).u32(8).u32(8).hex("4D454F57 01000000")},
             {{iidConnectionPoint, ConnectionPoint::Unadvise}, all().u32(1)},
-            {GroupStateMgt::SetState,
-             all().u32(1).u32(1).u32(1).u32(0).u32(1).u32(30).u32(1).f32(2).u32(1).u32(7).u32(1).u32(9)},
+            {GroupStateMgt::SetState, state},
             {GroupStateMgt::SetName, all().text("g")},
             {GroupStateMgt::CloneGroup, all().text("copy").uuid(iidOpcSyncIo)},
+            {GroupStateMgt2::SetState, state},
+            {GroupStateMgt2::SetName, all().text("g")},
+            {GroupStateMgt2::CloneGroup, all().text("copy 2").uuid(iidOpcSyncIo)},
+            {GroupStateMgt2::SetKeepAlive, all().u32(1000)},
             {{iidOpcServerList, 3}, all().u32(1).array(kinds).u32(1).array(kinds)},
             {{iidOpcServerList, 4}, all().uuid(iidOpcServer)},
             {{iidOpcServerList, 5}, all().text("x")},
@@ -157,13 +162,14 @@ TEST_F(HostileStub, ARemovedGroupAnswersEverythingWithFailure) {
             SCOPED_TRACE(::testing::Message() << each);
             const bool hasTwo = each.is(SyncIo::Read) || each.is(ItemMgt::AddItems) ||
                                 each.is(ItemMgt::ValidateItems) || each.is(AsyncIo2::Read) || each.is(AsyncIo2::Write);
-            const bool hasNone =
-                each.is(GroupStateMgt::SetName) || each.is(AsyncIo2::Cancel2) || each.is(AsyncIo2::SetEnable);
+            const bool hasNone = each.is(GroupStateMgt::SetName) || each.is(GroupStateMgt2::SetName) ||
+                                 each.is(AsyncIo2::Cancel2) || each.is(AsyncIo2::SetEnable);
             const Bytes nothing(hasTwo ? 8 : hasNone ? 0 : 4);  // null pointers for what would be given
             EXPECT_HEX(send(each, each.stub).bytes, Parameters().add(nothing).hresult(E_FAIL));
         }
     }
     EXPECT_HEX(call(GroupStateMgt::GetState, {}).bytes, Parameters().add(Bytes(32)).hresult(E_FAIL));
+    EXPECT_HEX(call(GroupStateMgt2::GetKeepAlive, {}).bytes, "00000000 05400080");
     EXPECT_HEX(call(AsyncIo2::GetEnable, {}).bytes, "00000000 05400080");
     EXPECT_HEX(call(ConnectionPointContainer::EnumConnectionPoints, {}).bytes, "00000000 05400080");
 }
