@@ -273,7 +273,7 @@ HResult Group::enumerateItems(Enumerator<ItemAttributes>& items) const {
 DeviceReading::Asked Group::toAsk(std::uint32_t handle) {
     const Slot* slot = find(handle);
     if (slot == nullptr) {
-        return {nullptr, handle, 0, OPC_E_INVALIDHANDLE, VT_EMPTY};
+        return {nullptr, handle, 0, OPC_E_INVALIDHANDLE};
     }
     return {slot->tag, handle, slot->clientHandle, isReadable(*slot->tag) ? S_OK : OPC_E_BADRIGHTS, slot->type};
 }
@@ -281,8 +281,9 @@ DeviceReading::Asked Group::toAsk(std::uint32_t handle) {
 void Group::ask(const std::shared_ptr<DeviceReading>& reading, std::function<void(DeviceReading&)> done) {
     std::vector<const SLIKTag*>& tags = application_->callBuffers().asked;
     tags.clear();
-    for (const DeviceReading::Asked& item : reading->asked_) {
+    for (DeviceReading::Asked& item : reading->asked_) {
         if (item.error == S_OK) {
+            item.answer = static_cast<std::uint32_t>(tags.size());
             tags.push_back(item.tag);
         }
     }
@@ -303,13 +304,14 @@ void Group::readDevice(std::span<const std::uint32_t> handles, std::function<voi
     ask(reading, std::move(done));
 }
 
-HResult DeviceReading::take(std::size_t answer, VarType type, std::uint16_t& quality, std::int64_t& fileTime,
+HResult DeviceReading::take(const Asked& item, VarType type, std::uint16_t& quality, std::int64_t& fileTime,
                             OpcValue& value) const {
-    if (hostError_ != S_OK || !readings_[answer].isFilled()) {
+    const HResult error = item.error != S_OK ? item.error : hostError_;
+    if (error != S_OK || !readings_[item.answer].isFilled()) {
         value.type = VT_EMPTY;
-        return hostError_ != S_OK ? hostError_ : E_FAIL;
+        return error != S_OK ? error : E_FAIL;
     }
-    const RequestedItem& reading = readings_[answer];
+    const RequestedItem& reading = readings_[item.answer];
     quality = reading.qualityWord();
     fileTime = reading.fileTime();
     return present(reading.value(), type, quality, value);

@@ -124,10 +124,11 @@ class DeviceReading {
         std::uint32_t clientHandle = 0;
         HResult error = S_OK;  // why it was not asked for
         VarType type = VT_EMPTY;
+        std::uint32_t answer = 0;  // its place among the plant's answers
     };
 
-    // An answer, by its place among the items that were asked for, in some type. Gives the item's error.
-    HResult take(std::size_t answer, VarType type, std::uint16_t& quality, std::int64_t& fileTime,
+    // What there is of an item, in some type. Gives the item's error.
+    HResult take(const Asked& item, VarType type, std::uint16_t& quality, std::int64_t& fileTime,
                  OpcValue& value) const;
 
     std::shared_ptr<Group> group_;
@@ -385,17 +386,11 @@ inline void DeviceReading::noteDataSent() const {
 template <class Sink>
 HResult DeviceReading::deliver(Sink&& sink) const {
     bool allGood = true;
-    std::size_t next = 0;
     OpcValue value;
     for (const Asked& item : asked_) {
         std::uint16_t quality = quality::bad;
         std::int64_t fileTime = 0;
-        HResult error = item.error;
-        if (error == S_OK) {
-            error = take(next++, item.type, quality, fileTime, value);
-        } else {
-            value.type = VT_EMPTY;
-        }
+        const HResult error = take(item, item.type, quality, fileTime, value);
         sink(ItemReading{error, item.clientHandle, fileTime, quality, value});
         allGood &= error == S_OK;
     }

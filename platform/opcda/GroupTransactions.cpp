@@ -193,11 +193,10 @@ CallbackColumns& Group::endInCallback(std::uint32_t cancelId) {
 void Group::completeRead(std::uint32_t cancelId, const DeviceReading& reading) {
     CallbackColumns& callback = endInCallback(cancelId);
     OpcValue value;
-    for (std::size_t i = 0; i < reading.asked_.size(); ++i) {
-        const DeviceReading::Asked& item = reading.asked_[i];
+    for (const DeviceReading::Asked& item : reading.asked_) {
         std::uint16_t quality = quality::bad;
         std::int64_t fileTime = 0;
-        const HResult error = reading.take(i, item.type, quality, fileTime, value);
+        const HResult error = reading.take(item, item.type, quality, fileTime, value);
         callback.addOrRefuse(item.clientHandle, fileTime, quality, error, value);
     }
     noteDataSent();

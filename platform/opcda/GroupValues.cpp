@@ -170,12 +170,12 @@ std::size_t Group::sendRefresh() {
 void Group::completeRefresh(std::uint32_t cancelId, const DeviceReading& reading) {
     CallbackColumns& callback = endInCallback(cancelId);
     OpcValue value;
-    for (std::size_t i = 0; i < reading.asked_.size(); ++i) {
-        const Slot* slot = find(reading.asked_[i].handle);
+    for (const DeviceReading::Asked& item : reading.asked_) {
+        const Slot* slot = find(item.handle);
         if (slot != nullptr && slot->active) {
             std::uint16_t quality = quality::bad;
             std::int64_t fileTime = 0;
-            const HResult error = reading.take(i, slot->type, quality, fileTime, value);
+            const HResult error = reading.take(item, slot->type, quality, fileTime, value);
             addRefreshed(callback, static_cast<std::size_t>(slot - slots_.data()), fileTime, quality, error, value);
         }
     }

@@ -85,6 +85,7 @@ class CallbackTest : public OpcDaTest {
  protected:
     CallbackTest() {
         sinks.values = &callbackValues;
+        OpcDaTest::add("Setpoint", Variant(1.0), 2);
         control.setHooks({[] {}, {}, {}, {}, {}});
         control.StartServer();
     }
@@ -332,6 +333,14 @@ TEST_F(CallbackTest, RefreshesSendAllActiveItemsOnceWithTheirNumber) {
     follow({{"group on; item off 1 2", "change 0 7: 100=2/C0"},
             {"device 3", "change 3 7qe: 100=-/0!80004005"},
             {"wait 1000", "change 0 7: 100=2/C0"}});  // what the cache has
+}
+
+TEST_F(CallbackTest, AnItemThatCannotBeReadLeavesTheOthersTheirValues) {
+    const std::string withBoth = " 100=-/0!C0040006 100=70000/C0";
+    follow({{"add Setpoint; add Plant.Stack1.Count; item off 1; advise",
+             "change 0 7qe: 100=12.5/C0 102='Running'/C0" + withBoth},
+            {"device 1", "change 1 7qe: 100=12.5/C0 102='Running'/C0" + withBoth},
+            {"read 2 3 2", "1 | read 2 7: 102='Running'/C0"}});
 }
 
 TEST_F(CallbackTest, AsynchronousCallsEndInOneCallback) {
