@@ -181,9 +181,7 @@ void RemoteProcess::onFault(Object& object, const rpc::CallResult& result) {
 // ---- The objects -------------------------------------------------------------------------------------------------
 
 std::unique_ptr<orpc::IRemoteObject> RemoteProcess::add(orpc::RemoteObjectRequest request) {
-    if (resolver_.empty()) {
-        resolver_ = candidates(request.reference.resolver, host_);
-    }
+    learn(candidates(request.reference.resolver, host_));
     auto object = std::make_unique<Object>(shared_from_this(), std::move(request));
     unasked_.push_back(object.get());
     object->list = &unasked_;
@@ -252,13 +250,13 @@ void RemoteProcess::giveUp(Object& object, const Trouble& trouble) {
     givenUp();
 }
 
-void RemoteProcess::giveUpAll(const Trouble& trouble) {
+void RemoteProcess::giveUpAll(const Trouble& trouble, std::string_view why) {
     // Who subscribes anew begins anew.
     ended_(*this);
     timer_->stop();
     if (count_ != 0) {
         say(anyObject(), "Gave up calling back", trouble,
-            count_ == 1 ? "" : fmt::format("; so with all {} sinks of this program", count_));
+            (count_ == 1 ? "" : fmt::format("; so with all {} sinks of this program", count_)).append(why));
     }
     while (count_ != 0) {
         Object& object = anyObject();

@@ -40,6 +40,22 @@ void RemoteProcess::close() {
     }
 }
 
+void RemoteProcess::makeRoom() {
+    const auto self = shared_from_this();
+    approach_.reset();
+    giveUpAll(Trouble(trouble_), "; another program needs the place");
+}
+
+// The machine may have got another address since an earlier sink was handed over. The one that is tried first stays:
+// there the process was found, if it ever was.
+void RemoteProcess::learn(std::vector<Address> named) {
+    std::erase_if(named, [this](const Address& each) {
+        return std::find(resolver_.begin(), resolver_.end(), each) != resolver_.end();
+    });
+    resolver_.insert(resolver_.begin() + (resolver_.empty() ? 0 : 1), named.begin(), named.end());
+    resolver_.resize(std::min(resolver_.size(), mostCandidates));
+}
+
 void RemoteProcess::onTimer() {
     const auto self = shared_from_this();
     if (state_ != State::Waiting) {
@@ -86,8 +102,9 @@ void RemoteProcess::onResolved(const rpc::CallResult& result) {
                                    : channel.trouble(Reason::Fault, fmt::format("status {}", answer->status)));
     }
     // The next round and the pings begin with the address that knew the process.
-    const auto good = std::find(resolver_.begin(), resolver_.end(), approach_->address());
-    std::rotate(resolver_.begin(), good, good + 1);
+    const Address good = approach_->address();
+    std::erase(resolver_, good);
+    resolver_.insert(resolver_.begin(), good);
     pinger_.pingAt(resolver_);
     remUnknown_ = answer->remUnknownIpid;
     header_.minorVersion = std::min(answer->minorVersion, orpc::comMinorVersion);
@@ -132,8 +149,9 @@ void RemoteProcess::retry(const Trouble& trouble, bool isWorthALine) {
     }
     const std::chrono::milliseconds failing(now - *failingSince_);
     if (trouble.isFinal() || failing >= 3 * surroundings_.settings.pingPeriod) {
-        return giveUpAll(trouble);
+        return giveUpAll(trouble, {});
     }
+    trouble_ = trouble;
     if (count_ == 0) {
         return ended_(*this);
     }

@@ -40,6 +40,10 @@ class RemoteProcess final : public std::enable_shared_from_this<RemoteProcess>, 
 
     // The first object brings the addresses of the process.
     std::unique_ptr<orpc::IRemoteObject> add(orpc::RemoteObjectRequest request);
+    // Since when it is known to fail (monotonic milliseconds); none: it works, or is being tried for the first time.
+    std::optional<std::uint64_t> failingSince() const { return isSaid_ ? failingSince_ : std::nullopt; }
+    // Gives it up, while it is known to fail, because another one needs the place.
+    void makeRoom();
     // The owner ends: the objects that are left are told nothing and can be called no more.
     void close();
 
@@ -50,6 +54,7 @@ class RemoteProcess final : public std::enable_shared_from_this<RemoteProcess>, 
     enum class Job : std::uint8_t { None, Releasing, Asking, Calling };
 
     // The way to the process.
+    void learn(std::vector<Address> named);
     void onTimer();
     void approach(State state, std::vector<Address> addresses, const Uuid& interfaceId, rpc::AuthLevel level);
     void opened(Channel& channel) override;
@@ -82,7 +87,7 @@ class RemoteProcess final : public std::enable_shared_from_this<RemoteProcess>, 
     void forget(Object& object);
     void giveBack(const orpc::HeldReferences& references);
     void giveUp(Object& object, const Trouble& trouble);
-    void giveUpAll(const Trouble& trouble);
+    void giveUpAll(const Trouble& trouble, std::string_view why);
     void onPing(const Trouble* trouble);
     void say(const Object& object, std::string_view what, const Trouble& trouble, std::string_view after);
 
@@ -102,6 +107,7 @@ class RemoteProcess final : public std::enable_shared_from_this<RemoteProcess>, 
     std::optional<std::uint64_t> failingSince_;  // monotonic milliseconds; until all is well again
     bool proven_ = false;                        // the other end has answered over this connection
     bool hangs_ = false;                         // the latest call of an object was not answered in time
+    Trouble trouble_;                            // of the latest failure
     bool isSaid_ = false;                        // that the process cannot be reached
     bool isPingSaid_ = false;                    // that it cannot be pinged
     Pinger pinger_;

@@ -35,14 +35,15 @@ std::shared_ptr<RemoteProcess> RemoteProcesses::processOf(const orpc::RemoteObje
     const auto first = processes_.lower_bound(Key(client, 0));
     const auto last = processes_.upper_bound(Key(client, UINT64_MAX));
     const auto ofClient = static_cast<std::size_t>(std::distance(first, last));
-    if (ofClient >= mostOfClient || processes_.size() >= most) {
+    const bool isFull = ofClient >= mostOfClient;
+    if ((isFull && !makeRoom(first, last)) ||
+        (!isFull && processes_.size() >= most && !makeRoom(processes_.begin(), processes_.end()))) {
         surroundings_.say(
             request.host, "too many processes to call back",
             fmt::format(
                 "Refused to call back {}: {} programs of {} are called back already; remedy: look for a program "
                 "that subscribes again and again",
-                request.client, ofClient >= mostOfClient ? ofClient : processes_.size(),
-                ofClient >= mostOfClient ? "this client" : "all clients"));
+                request.client, isFull ? ofClient : processes_.size(), isFull ? "this client" : "all clients"));
         return nullptr;
     }
     auto process = std::make_shared<RemoteProcess>(
@@ -53,6 +54,22 @@ std::shared_ptr<RemoteProcess> RemoteProcesses::processOf(const orpc::RemoteObje
         });
     processes_.emplace(key, process);
     return process;
+}
+
+// A program that works is never given up for another one.
+bool RemoteProcesses::makeRoom(Processes::const_iterator first, Processes::const_iterator last) {
+    std::shared_ptr<RemoteProcess> longest;
+    for (; first != last; ++first) {
+        const auto since = first->second->failingSince();
+        if (since && (longest == nullptr || *since < *longest->failingSince())) {
+            longest = first->second;
+        }
+    }
+    if (longest == nullptr) {
+        return false;
+    }
+    longest->makeRoom();
+    return true;
 }
 
 }  // namespace quelm::dcom::outgoing

@@ -19,7 +19,8 @@ class RemoteProcess;
 
 class RemoteProcesses final : public orpc::IRemoteObjects {
  public:
-    // A client is one program, or a few on a machine with several displays.
+    // A client is one program, or a few on a machine with several displays. Beyond these the one that has failed for
+    // longest makes room, and without any that fails the newcomer is refused.
     static constexpr std::size_t mostOfClient = 8;
     // Of the descriptors that a process has unless told otherwise, half are for connections that come in.
     static constexpr std::size_t most = 384;
@@ -35,11 +36,14 @@ class RemoteProcesses final : public orpc::IRemoteObjects {
  private:
     using Key = std::tuple<std::string, std::uint64_t>;  // client and OXID
 
+    using Processes = std::map<Key, std::shared_ptr<RemoteProcess>>;
+
     std::shared_ptr<RemoteProcess> processOf(const orpc::RemoteObjectRequest& request);
+    static bool makeRoom(Processes::const_iterator first, Processes::const_iterator last);
 
     Surroundings surroundings_;
     Pace pace_;
-    std::map<Key, std::shared_ptr<RemoteProcess>> processes_;
+    Processes processes_;
 };
 
 }  // namespace quelm::dcom::outgoing

@@ -370,6 +370,44 @@ TEST_F(CallingBack, BoundsWhatOneClientTakes) {
     held.clear();
 }
 
+TEST_F(CallingBack, GivesUpWhatHasFailedForLongestToMakeRoom) {
+    network.machine.answers.faults = {{"resolve 3", Fault::Server}, {"resolve 5", Fault::Server}};
+    std::vector<std::unique_ptr<orpc::IRemoteObject>> objects;
+    for (const unsigned oxid : {5U, 1U, 2U, 3U, 4U, 6U, 7U, 8U}) {
+        objects.push_back(connect(oxid, oxid));
+        pass(100);
+    }
+    lines.clear();
+    happened();
+    for (const unsigned oxid : {9U, 10U, 11U}) {
+        objects.push_back(connect(oxid, oxid));
+    }
+    EXPECT_THAT(happened(), ElementsAre("given up 5", "given up 3"));
+    const auto gaveUp = AllOf(StartsWith("Gave up calling back"), HasSubstr("asking where its program is called"),
+                              testing::EndsWith("; another program needs the place"));
+    EXPECT_THAT(lines, ElementsAre(gaveUp, gaveUp, StartsWith("Refused to call back")));
+    EXPECT_EQ(processes->processCount(), RemoteProcesses::mostOfClient);
+}
+
+// A machine that has another address now says so with its next sink.
+TEST_F(CallingBack, TriesWhereALaterSinkSaysThatItsProcessIs) {
+    network.ends.erase("10.0.0.5:135");
+    const auto first = connect(1);
+    pass(0);
+    serveAt({"10.0.0.6:135"});
+    auto moved = request(2);
+    moved.reference.resolver = {{"10.0.0.6", 0}};
+    const auto second = processes->connect(std::move(moved));
+    pass(1'000);
+    network.cut({});
+    pass(1'000);
+    const Events found{"dial 10.0.0.6:135", "resolve a @integrity", "dial 10.0.0.5:5001"};
+    Events all = happened();
+    EXPECT_THAT(Events(all.begin(), all.begin() + 2), ElementsAre("dial 10.0.0.5:135", "dial 10.0.0.5:135"));
+    EXPECT_EQ(Events(all.begin() + 2, all.begin() + 5), found);
+    EXPECT_EQ(Events(all.begin() + 7, all.begin() + 10), found) << "at once from then on";
+}
+
 TEST_F(CallingBack, CutsALargeCallAsItIsTaken) {
     settings.minimumLevel = rpc::AuthLevel::Privacy;
     network.window = 20'000;
