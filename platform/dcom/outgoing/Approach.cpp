@@ -7,15 +7,18 @@
 
 namespace quelm::dcom::outgoing {
 
-Approach::Approach(Surroundings& surroundings, std::string client, std::vector<Address> addresses,
+Approach::Approach(Surroundings& surroundings, std::string client, LogOnTries& tries, std::vector<Address> addresses,
                    const Uuid& interfaceId, rpc::AuthLevel level, IOwner& owner)
     : surroundings_(surroundings),
       client_(std::move(client)),
+      tries_(tries),
       interfaceId_(interfaceId),
       level_(level),
-      owner_(owner),
-      worst_{Step::Connect, addresses.empty() ? Reason::NoAddress : Reason::NoLogOn} {
+      owner_(owner) {
     const bool hasAccount = surroundings.settings.account.has_value();
+    worst_ = addresses.empty() ? Trouble{Step::Connect, Reason::NoAddress}
+             : hasAccount      ? Trouble{Step::LogOn, Reason::LogOnRefused}  // too often before
+                               : Trouble{Step::Connect, Reason::NoLogOn};
     // What a machine's resolver is asked holds no values, and some take no log-on there.
     const bool asksResolver = hasAccount && interfaceId == orpc::iidObjectExporter;
     for (Address& address : addresses) {
@@ -33,7 +36,15 @@ void Approach::begin() {
     tryWay();
 }
 
+bool Approach::isWorthTrying(const Way& way) const {
+    const bool isOpen = tries_.isResolverOpen && interfaceId_ == orpc::iidObjectExporter;
+    return !way.logsOn || (tries_.left > 0 && !isOpen);
+}
+
 void Approach::tryWay() {
+    while (way_ < ways_.size() && !isWorthTrying(ways_[way_])) {
+        ++way_;
+    }
     const std::chrono::milliseconds taken(timeSource().monotonicMilliseconds() - begun_);
     if (way_ == ways_.size() || taken > longest) {
         return owner_.exhausted(Trouble(worst_));
@@ -65,8 +76,11 @@ void Approach::broken(const Trouble& trouble) {
 }
 
 void Approach::next(const Trouble& trouble) {
-    if (way_ == 0 || trouble.step > worst_.step) {
+    if (!std::exchange(hasFailed_, true) || trouble.step > worst_.step) {
         worst_ = trouble;
+    }
+    if (trouble.reason == Reason::LogOnRefused && logsOn() && tries_.left > 0) {
+        --tries_.left;
     }
     const Address tried = address();
     turn_.reset();

@@ -15,6 +15,15 @@
 
 namespace quelm::dcom::outgoing {
 
+// What is known of logging on to a process. Each log-on that is refused counts at the account, which a domain may lock.
+struct LogOnTries {
+    // That may still be refused, until one is taken.
+    static constexpr std::size_t most = 3;
+    std::size_t left = most;
+    // Its machine's resolver answers without one.
+    bool isResolverOpen = false;
+};
+
 class Approach final : private Channel::IOwner {
  public:
     // Each may end the approach.
@@ -32,9 +41,10 @@ class Approach final : private Channel::IOwner {
     // No further way is begun later than this after the first: a round of black holes ends.
     static constexpr std::chrono::milliseconds longest{60'000};
 
-    // client: host and account, who share the turns. level: of the calls where there is an account.
-    Approach(Surroundings& surroundings, std::string client, std::vector<Address> addresses, const Uuid& interfaceId,
-             rpc::AuthLevel level, IOwner& owner);
+    // client: host and account, who share the turns. tries: outlive the approach. level: of the calls where there is an
+    // account.
+    Approach(Surroundings& surroundings, std::string client, LogOnTries& tries, std::vector<Address> addresses,
+             const Uuid& interfaceId, rpc::AuthLevel level, IOwner& owner);
     Approach(const Approach&) = delete;
     Approach& operator=(const Approach&) = delete;
 
@@ -44,6 +54,7 @@ class Approach final : private Channel::IOwner {
 
     Channel& channel() { return *channel_; }
     const Address& address() const { return ways_[way_].address; }
+    bool logsOn() const { return ways_[way_].logsOn; }
 
  private:
     struct Way {
@@ -53,11 +64,13 @@ class Approach final : private Channel::IOwner {
 
     void opened() override;
     void broken(const Trouble& trouble) override;
+    bool isWorthTrying(const Way& way) const;
     void tryWay();
     void dial();
 
     Surroundings& surroundings_;
     std::string client_;
+    LogOnTries& tries_;
     Uuid interfaceId_;
     rpc::AuthLevel level_;
     IOwner& owner_;
@@ -65,6 +78,7 @@ class Approach final : private Channel::IOwner {
     std::size_t way_ = 0;
     std::uint64_t begun_ = 0;
     Trouble worst_;
+    bool hasFailed_ = false;  // on any way yet
     bool isOpen_ = false;
     std::unique_ptr<Channel> channel_;
     std::optional<Turns::Turn> turn_;  // while the channel is being opened

@@ -9,9 +9,11 @@
 
 namespace quelm::dcom::outgoing {
 
-Pinger::Pinger(Surroundings& surroundings, std::string client, std::function<void(const Trouble*)> outcome)
+Pinger::Pinger(Surroundings& surroundings, std::string client, LogOnTries& tries,
+               std::function<void(const Trouble*)> outcome)
     : surroundings_(surroundings),
       client_(std::move(client)),
+      tries_(tries),
       outcome_(std::move(outcome)),
       timer_(surroundings.loop.makeTimer([this] { onTimer(); })) {
     timer_->start(surroundings_.settings.pingPeriod);
@@ -29,7 +31,7 @@ void Pinger::onTimer() {
     if (!held_.empty() && !resolver_.empty()) {
         madeAnew_ = false;
         approach_ =
-            std::make_unique<Approach>(surroundings_, client_, resolver_, orpc::iidObjectExporter,
+            std::make_unique<Approach>(surroundings_, client_, tries_, resolver_, orpc::iidObjectExporter,
                                        surroundings_.settings.minimumLevel, static_cast<Approach::IOwner&>(*this));
         approach_->begin();
     }

@@ -22,7 +22,8 @@ class Pinger final : private Approach::IOwner {
     static constexpr std::size_t mostChanges = 1000;
 
     // outcome: nullptr for a ping that was answered.
-    Pinger(Surroundings& surroundings, std::string client, std::function<void(const Trouble* trouble)> outcome);
+    Pinger(Surroundings& surroundings, std::string client, LogOnTries& tries,
+           std::function<void(const Trouble* trouble)> outcome);
 
     // Where to ping: first the address that knew the process.
     void pingAt(std::vector<Address> resolver) { resolver_ = std::move(resolver); }
@@ -43,6 +44,7 @@ class Pinger final : private Approach::IOwner {
 
     Surroundings& surroundings_;
     std::string client_;
+    LogOnTries& tries_;
     std::vector<Address> resolver_;
     std::function<void(const Trouble*)> outcome_;
     std::map<std::uint64_t, std::size_t> held_;

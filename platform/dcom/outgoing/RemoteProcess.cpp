@@ -22,7 +22,7 @@ RemoteProcess::RemoteProcess(Surroundings& surroundings, Pace& pace, std::string
       oxid_(oxid),
       ended_(std::move(ended)),
       timer_(surroundings.loop.makeTimer([this] { onTimer(); })),
-      pinger_(surroundings, client_, [this](const Trouble* trouble) { onPing(trouble); }),
+      pinger_(surroundings, client_, tries_, [this](const Trouble* trouble) { onPing(trouble); }),
       caller_(pace, [this] {
           const auto self = shared_from_this();
           pump();
@@ -71,7 +71,7 @@ void RemoteProcess::approach(State state, std::vector<Address> addresses, const 
                              rpc::AuthLevel level) {
     state_ = state;
     proven_ = false;
-    approach_ = std::make_unique<Approach>(surroundings_, client_, std::move(addresses), interfaceId, level,
+    approach_ = std::make_unique<Approach>(surroundings_, client_, tries_, std::move(addresses), interfaceId, level,
                                            static_cast<Approach::IOwner&>(*this));
     approach_->begin();
 }
@@ -105,6 +105,7 @@ void RemoteProcess::onResolved(const rpc::CallResult& result) {
     const Address good = approach_->address();
     std::erase(resolver_, good);
     resolver_.insert(resolver_.begin(), good);
+    tries_.isResolverOpen = !approach_->logsOn();
     pinger_.pingAt(resolver_);
     remUnknown_ = answer->remUnknownIpid;
     header_.minorVersion = std::min(answer->minorVersion, orpc::comMinorVersion);
@@ -137,6 +138,7 @@ void RemoteProcess::refuseWay(const Trouble& trouble) {
 
 void RemoteProcess::exhausted(const Trouble& worst) {
     const auto self = shared_from_this();
+    tries_.isResolverOpen = tries_.isResolverOpen && state_ != State::Resolving;
     retry(worst, true);
 }
 
@@ -148,7 +150,8 @@ void RemoteProcess::retry(const Trouble& trouble, bool isWorthALine) {
         failingSince_ = now;
     }
     const std::chrono::milliseconds failing(now - *failingSince_);
-    if (trouble.isFinal() || failing >= 3 * surroundings_.settings.pingPeriod) {
+    const bool isShutOut = trouble.reason == Reason::LogOnRefused && tries_.left == 0;
+    if (trouble.isFinal() || isShutOut || failing >= 3 * surroundings_.settings.pingPeriod) {
         return giveUpAll(trouble, {});
     }
     trouble_ = trouble;
@@ -164,7 +167,9 @@ void RemoteProcess::retry(const Trouble& trouble, bool isWorthALine) {
 
 // What answers for the program of a client that hangs may be well: then only an answered call shows that it goes on.
 void RemoteProcess::onAnswered() {
-    proven_ = true;
+    if (!std::exchange(proven_, true) && approach_->logsOn()) {
+        tries_.left = LogOnTries::most;
+    }
     pause_ = firstPause;
     if (job_ == Job::Calling || !hangs_) {
         hangs_ = false;

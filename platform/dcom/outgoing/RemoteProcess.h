@@ -105,11 +105,12 @@ class RemoteProcess final : public std::enable_shared_from_this<RemoteProcess>, 
     std::unique_ptr<ITimer> timer_;
     std::chrono::milliseconds pause_ = firstPause;
     std::optional<std::uint64_t> failingSince_;  // monotonic milliseconds; until all is well again
-    bool proven_ = false;                        // the other end has answered over this connection
-    bool hangs_ = false;                         // the latest call of an object was not answered in time
-    Trouble trouble_;                            // of the latest failure
-    bool isSaid_ = false;                        // that the process cannot be reached
-    bool isPingSaid_ = false;                    // that it cannot be pinged
+    LogOnTries tries_;
+    bool proven_ = false;      // the other end has answered over this connection
+    bool hangs_ = false;       // the latest call of an object was not answered in time
+    Trouble trouble_;          // of the latest failure
+    bool isSaid_ = false;      // that the process cannot be reached
+    bool isPingSaid_ = false;  // that it cannot be pinged
     Pinger pinger_;
 
     std::size_t count_ = 0;  // of the objects, each of which is in one of these
