@@ -221,6 +221,7 @@ class Ends(Called):
         self.assertEqual(self.site.exit_code(15), 0)
 
         self.site.start().started()
+        staying = self.subscriber()
         client = self.subscriber(on='server')
         client('subscribe', on='group')
         self.assert_call(*client('callbacks'), call='OnDataChange')
@@ -232,6 +233,7 @@ class Ends(Called):
         client('close')
         self.assertEqual(self.site.exit_code(10), 0)
         wait_for('the sink let go', lambda: client('held') == 0)
+        wait_for('the sink of whoever stays let go', lambda: staying('held') == 0)
         self.assertEqual(life(self.site.log()[at:])[-3:], UNLOADED)
 
     def test_clients_that_go_or_die_in_a_callback_cost_the_others_nothing(self):

@@ -31,10 +31,12 @@ namespace quelm {
 namespace {
 
 constexpr std::chrono::milliseconds exporterTick{1000};
-// From the moment that clients are asked to let go until the network may close over them, and how often it is looked
-// whether they have answered: on a line that works they have it long before.
+// From the moment that clients are asked to let go until the network may close over them: on a line that works they
+// have answered long before.
 constexpr std::chrono::milliseconds askingTime{1000};
-constexpr std::chrono::milliseconds askingStep{20};
+// How long the network waits for clients' programs to take back what was held of them: else they keep it for minutes.
+constexpr std::chrono::milliseconds givingBackTime{500};
+constexpr std::chrono::milliseconds closingStep{20};
 
 dcom::orpc::ExporterSettings exporterSettings(const dcom::DcomSettings& settings,
                                               const std::function<void(std::string_view)>& log) {
@@ -215,6 +217,20 @@ struct OpcNetwork::Impl {
         return outgoing.shutdownRequests != 0 && since < askingTime;
     }
 
+    void letGoOfClients(SLIKNetwork& control) {
+        letGoAt = timeSource().monotonicMilliseconds();
+        timer->stop();
+        server.close();
+        control.forgetQuestions();
+        exporter.revokeAll();
+    }
+
+    // Some of the clients' programs that were called back may not know yet that this is over.
+    bool isGivingBack() const {
+        const std::chrono::milliseconds since(timeSource().monotonicMilliseconds() - *letGoAt);
+        return remoteObjects.processCount() != 0 && since < givingBackTime;
+    }
+
     dcom::DcomSettings settings;
     dcom::net::RepeatFilter callbackLines;
     dcom::net::TcpDialer dialer;
@@ -232,7 +248,8 @@ struct OpcNetwork::Impl {
     dcom::net::TcpServer server;
     std::unique_ptr<ITimer> timer;
     std::unique_ptr<ITimer> closing;
-    std::uint64_t askedAt = 0;  // monotonic milliseconds; when clients were asked to let go
+    std::uint64_t askedAt = 0;             // monotonic milliseconds; when clients were asked to let go
+    std::optional<std::uint64_t> letGoAt;  // when they were let go of
 };
 
 OpcNetwork::OpcNetwork(SLIKServer& control, AsioLoop& plant, AsioLoop& loop, systemd::PassedSockets passed, Lines lines)
@@ -299,23 +316,22 @@ void OpcNetwork::close() {
         return;
     }
     loop_.post([this] {
-        impl_->closing = loop_.makeTimer([this] { closeOnceTold(); });
-        closeOnceTold();
+        impl_->closing = loop_.makeTimer([this] { goOnClosing(); });
+        goOnClosing();
     });
     thread_.join();
     impl_.reset();
 }
 
-void OpcNetwork::closeOnceTold() {
-    if (impl_->isAsking()) {
-        impl_->closing->start(askingStep);
-        return;
+void OpcNetwork::goOnClosing() {
+    if (!impl_->letGoAt && !impl_->isAsking()) {
+        impl_->letGoOfClients(control_.network());
     }
-    impl_->timer->stop();
-    impl_->server.close();
-    control_.network().forgetQuestions();
-    impl_->exporter.revokeAll();
-    loop_.stop();
+    if (!impl_->letGoAt || impl_->isGivingBack()) {
+        impl_->closing->start(closingStep);
+    } else {
+        loop_.stop();
+    }
 }
 
 }  // namespace quelm

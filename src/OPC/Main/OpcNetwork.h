@@ -40,13 +40,14 @@ class OpcNetwork {
     // Asks clients that want to be told to let go of the server; they may or may not. Not after close().
     void requestShutdown(std::string_view reason);
     // Lets go of all clients, closes all sockets and ends the thread; what was asked just before has a moment to reach
-    // its clients. What clients leave behind, their going above all, is then on its way to the plant.
+    // its clients, and their programs that were called back to take back what was held of them. What clients leave
+    // behind, their going above all, is then on its way to the plant.
     void close();
 
  private:
     struct Impl;
     void run();
-    void closeOnceTold();
+    void goOnClosing();
 
     SLIKServer& control_;
     AsioLoop& loop_;
