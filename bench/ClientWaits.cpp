@@ -2,7 +2,7 @@
 //   bench_ClientWaits ACTIVATION-PORT OBJECT-PORT SECONDS ITEM
 // Prints JSON: the reads, the longest wait and the one that 99.9 % keep below, in milliseconds, each counted from the
 // time at which the read was due, so that one long wait shows in all the reads that it held up; and each change of the
-// item: its time stamp and the time at which it was seen, both UTC in seconds since 1970, and its value.
+// item: its time stamp and the time at which it was seen, both UTC in seconds since 1970, its value and its quality.
 
 #include <fmt/format.h>
 

@@ -27,6 +27,7 @@ bool DBIL::SetupSite(std::string_view strSiteID, std::string_view strConnection1
                      bool, bool) {
     try {
         sites_.setUp(strSiteID, {strConnection1, strConnection2, strConnection3, strConnection4, strConnection5});
+        realtimeDB_.expect(strSiteID);
         return true;
     } catch (...) {
         report(fmt::format("Site '{}': connection 1 ({}) or 2 ({}) is not usable: {}", strSiteID,

@@ -146,6 +146,11 @@ void RealtimeDB::ReadParameterValues(std::string_view strSiteID, std::vector<Par
     out = parameters_.read(strSiteID, {});
 }
 
+void RealtimeDB::expect(std::string_view strSiteID) {
+    currentIO_.expect(strSiteID);
+    parameters_.expect(strSiteID);
+}
+
 void RealtimeDB::releaseSnapshots() {
     currentIO_.clear();
     parameters_.clear();

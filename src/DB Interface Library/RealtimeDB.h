@@ -30,6 +30,8 @@ class RealtimeDB final : public IRealtimeDB {
                        std::string_view strMsgData, std::string_view strUnused1, std::string_view strUnused2,
                        std::string_view strDescription) override;
     void ReadParameterValues(std::string_view strSiteID, std::vector<ParameterValue>& out) override;
+    // The site is set up: its values will be read at the same ticks as the others'.
+    void expect(std::string_view strSiteID);
     // Lets go of the snapshots' memory, and of what was begun ahead.
     void releaseSnapshots();
 

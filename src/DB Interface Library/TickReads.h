@@ -59,6 +59,10 @@ class TickReads {
     TickReads(TickTime& time, FindWorker findWorker, Begin begin)
         : time_(time), findWorker_(std::move(findWorker)), begin_(std::move(begin)) {}
 
+    // The site is set up and will ask as the others do: whoever asks first has its read begun as well, so that
+    // databases which are dead from the beginning are waited for once, too.
+    void expect(std::string_view strSiteID) { sites_[std::string(strSiteID)].askedAt = time_.now(); }
+
     // The site's result, which was never begun before this tick. Raises what finish raises.
     Result read(std::string_view strSiteID, Argument argument) {
         const std::string siteID(strSiteID);
@@ -70,7 +74,7 @@ class TickReads {
         own.lastTick = tick_;
         const std::uint64_t now = time_.now();
         own.askedAt = now;
-        const bool isLoading = own.reads++ == 0;
+        const bool isFirst = own.reads++ == 0;
         return time_.waitFor([&] {
             if (own.argument != argument) {
                 own.begun.reset();
@@ -79,9 +83,7 @@ class TickReads {
             if (!own.begun && worker->isFree()) {
                 own.begun = begin(worker, siteID, own, now);
             }
-            if (!isLoading) {
-                beginOthers(now);
-            }
+            beginOthers(isFirst, now);
             // One whose connection is taken by another site's read waits for it.
             Begun begun = own.begun ? std::move(*own.begun) : begin(worker, siteID, own, now);
             own.begun.reset();
@@ -96,7 +98,7 @@ class TickReads {
     // All in milliseconds. Ticks are whole seconds apart.
     static constexpr std::uint64_t sameTick = 500;
     // A site is due when it has asked not so shortly ago (their periods are longer), and not so long ago that it may
-    // have stopped. The first time it asks is when it is loaded, which no tick is waited for with.
+    // have stopped. The first time it asks may be when it is loaded, shortly before the first tick.
     static constexpr std::uint64_t shortestPeriod = 5'000;
     static constexpr std::uint64_t longestPeriod = 60'000;
 
@@ -107,14 +109,20 @@ class TickReads {
     struct Site {
         std::uint64_t lastTick = 0;  // number of the tick in which it has asked last
         std::uint64_t askedAt = 0;
-        std::uint64_t begunAt = 0;
+        std::optional<std::uint64_t> begunAt;
         std::uint64_t reads = 0;
         Argument argument{};
         std::optional<Begun> begun;
 
-        bool isDue(std::uint64_t tick, std::uint64_t now) const {
-            const bool isPeriodOver = now - begunAt >= shortestPeriod && now - askedAt >= shortestPeriod;
-            return lastTick != tick && !begun && (reads == 1 || isPeriodOver) && now - askedAt <= longestPeriod;
+        bool isDue(std::uint64_t tick, bool isAskersFirst, std::uint64_t now) const {
+            if (lastTick == tick || begun || now - askedAt > longestPeriod) {
+                return false;
+            }
+            if (reads == 0) {
+                return !begunAt;
+            }
+            const bool isPeriodOver = (!begunAt || now - *begunAt >= shortestPeriod) && now - askedAt >= shortestPeriod;
+            return isPeriodOver || (reads == 1 && !isAskersFirst);
         }
     };
 
@@ -126,9 +134,9 @@ class TickReads {
         }
     }
 
-    void beginOthers(std::uint64_t now) {
+    void beginOthers(bool isAskersFirst, std::uint64_t now) {
         for (auto& [siteID, site] : sites_) {
-            if (site.isDue(tick_, now)) {
+            if (site.isDue(tick_, isAskersFirst, now)) {
                 if (const std::shared_ptr<SqlWorker> worker = findWorker_(siteID); worker->isFree()) {
                     site.begun = begin(worker, siteID, site, now);
                 }

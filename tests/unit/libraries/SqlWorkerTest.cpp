@@ -429,8 +429,23 @@ TEST_F(SitesSideBySideTest, SitesThatFirstAskedApartAreReadTogetherFromTheFirstT
         time_.advanceMilliseconds(firstTick);
         EXPECT_EQ(read("S2"), "1");
         awaitQueries("S1", 2);
-        awaitQueries("S3", 2);
+        awaitQueries("S3", 3);
     }
+}
+
+TEST_F(SitesSideBySideTest, SitesThatNeverAskedYetAreReadWithTheFirst) {
+    setUp({.connect = 10s, .query = shortTime, .grace = 0ms});
+    const auto gate = std::make_shared<Gate>();
+    libraries_["S1"]->queryGate = gate;
+    libraries_["S2"]->queryGate = gate;
+    EXPECT_EQ(read("S1"), noAnswer);
+    for (const char* id : ids) {
+        awaitQueries(id, 1);
+    }
+    EXPECT_EQ(read("S3"), "0");
+    EXPECT_EQ(read("S2"), noAnswer);
+    EXPECT_EQ(libraries_["S3"]->queries, 1);
+    gate->open();
 }
 
 TEST_F(SitesSideBySideTest, TwoThatHangLeaveTheThirdItsValues) {
