@@ -303,8 +303,8 @@ class Client:
         reply = self.asynchronous.call(8, Writer())
         return [reply.u32(), result, reply.u32()]
 
-    def properties(self, item):
-        request = Writer().string(item).u32(6).handles(range(1, 7))
+    def properties(self, item, ids=range(1, 7)):
+        request = Writer().string(item).u32(len(ids)).handles(ids)
         reply = self.server.query(IOPC_ITEM_PROPERTIES).call(4, request)
         # an array of VARIANT structures by pointer: referents first, then the bodies
         values = [reply.variant()[1] for pointer in reply.array(reply.u32) if pointer]

@@ -28,50 +28,89 @@ struct Reading {
     std::int64_t fileTime = 0;
 };
 
-struct Property {
+// What every item has.
+struct FixedProperty {
     PropertyDescription description;  // VT_EMPTY: its type is the item's
     bool isRead;                      // from the device
     Variant (*valueOf)(const Reading& item);
 };
 
-constexpr std::array properties{
-    Property{{1, "Item Canonical DataType", VT_I2},
-             false,
-             [](const Reading& item) { return Variant(static_cast<std::int16_t>(item.tag->varType())); }},
-    Property{{2, "Item Value", VT_EMPTY}, true, [](const Reading& item) { return item.value; }},
-    Property{{3, "Item Quality", VT_I2},
-             true,
-             [](const Reading& item) { return Variant(static_cast<std::int16_t>(item.quality)); }},
-    Property{{4, "Item Timestamp", VT_DATE}, true, [](const Reading& item) { return utcDate(item.fileTime); }},
-    Property{{5, "Item Access Rights", VT_I4},
-             false,
-             [](const Reading& item) { return Variant(static_cast<std::int32_t>(item.tag->accessRights())); }},
-    Property{{6, "Server Scan Rate", VT_R4},
-             false,
-             [](const Reading& /*item*/) { return Variant(static_cast<float>(identity::scanRateMilliseconds)); }},
+constexpr std::array fixedProperties{
+    FixedProperty{{1, "Item Canonical DataType", VT_I2},
+                  false,
+                  [](const Reading& item) { return Variant(static_cast<std::int16_t>(item.tag->varType())); }},
+    FixedProperty{{2, "Item Value", VT_EMPTY}, true, [](const Reading& item) { return item.value; }},
+    FixedProperty{{3, "Item Quality", VT_I2},
+                  true,
+                  [](const Reading& item) { return Variant(static_cast<std::int16_t>(item.quality)); }},
+    FixedProperty{{4, "Item Timestamp", VT_DATE}, true, [](const Reading& item) { return utcDate(item.fileTime); }},
+    FixedProperty{{5, "Item Access Rights", VT_I4},
+                  false,
+                  [](const Reading& item) { return Variant(static_cast<std::int32_t>(item.tag->accessRights())); }},
+    FixedProperty{{6, "Server Scan Rate", VT_R4},
+                  false,
+                  [](const Reading& /*item*/) { return Variant(static_cast<float>(identity::scanRateMilliseconds)); }},
+    // No item has a range or named states.
+    FixedProperty{{7, "Item EU Type", VT_I4}, false, [](const Reading& /*item*/) { return Variant(std::int32_t{0}); }},
 };
 
-// nullptr: there is none of this number.
-const Property* find(std::uint32_t id) {
-    const auto found = std::find_if(properties.begin(), properties.end(),
-                                    [id](const Property& property) { return property.description.id == id; });
-    return found == properties.end() ? nullptr : &*found;
+// A property that an item has: one that every item has, or one of those that the plant says of it.
+struct Property {
+    PropertyDescription description;
+    const FixedProperty* fixed = nullptr;
+    std::size_t detail = 0;  // place among the item's details; of no meaning for a fixed one
+
+    bool isRead() const { return fixed != nullptr && fixed->isRead; }
+    Variant valueOf(const Reading& item) const {
+        return fixed != nullptr ? fixed->valueOf(item) : item.tag->detail(detail);
+    }
+};
+
+Property propertyOf(const SLIKTag& tag, const FixedProperty& fixed) {
+    Property property{fixed.description, &fixed};
+    if (property.description.type == VT_EMPTY) {
+        property.description.type = tag.varType();
+    }
+    return property;
 }
 
-PropertyDescription describe(const Property& property, const SLIKTag& tag) {
-    PropertyDescription description = property.description;
-    if (description.type == VT_EMPTY) {
-        description.type = tag.varType();
+Property propertyOf(const SLIKTag& tag, std::size_t detail) {
+    const ItemDetails::Kind& kind = tag.detailKinds()[detail];
+    return {{kind.property, kind.text, kind.isText ? VT_BSTR : VT_I4}, nullptr, detail};
+}
+
+template <class Take>
+void forEachProperty(const SLIKTag& tag, Take&& take) {
+    for (const FixedProperty& fixed : fixedProperties) {
+        take(propertyOf(tag, fixed));
     }
-    return description;
+    for (std::size_t detail = 0; detail < tag.detailKinds().size(); ++detail) {
+        if (tag.hasDetail(detail)) {
+            take(propertyOf(tag, detail));
+        }
+    }
+}
+
+// Nothing: the item has none of this number.
+std::optional<Property> find(const SLIKTag& tag, std::uint32_t id) {
+    const auto fixed = std::find_if(fixedProperties.begin(), fixedProperties.end(),
+                                    [id](const FixedProperty& each) { return each.description.id == id; });
+    if (fixed != fixedProperties.end()) {
+        return propertyOf(tag, *fixed);
+    }
+    const std::vector<ItemDetails::Kind>& kinds = tag.detailKinds();
+    const auto kind =
+        std::find_if(kinds.begin(), kinds.end(), [id](const ItemDetails::Kind& each) { return each.property == id; });
+    const auto detail = static_cast<std::size_t>(kind - kinds.begin());
+    return kind != kinds.end() && tag.hasDetail(detail) ? std::optional(propertyOf(tag, detail)) : std::nullopt;
 }
 
 PropertyValue valueOf(const Reading& item, const Property& property) {
-    if (property.isRead && item.error != S_OK) {
+    if (property.isRead() && item.error != S_OK) {
         return {item.error, VT_EMPTY, Variant()};
     }
-    PropertyValue value{S_OK, describe(property, *item.tag).type, property.valueOf(item)};
-    if (value.value.isEmpty() && property.description.type != VT_EMPTY) {
+    PropertyValue value{S_OK, property.description.type, property.valueOf(item)};
+    if (value.value.isEmpty() && (property.fixed == nullptr || property.fixed->description.type != VT_EMPTY)) {
         return {E_FAIL, VT_EMPTY, Variant()};  // no time stamp
     }
     OpcValue converted;
@@ -80,8 +119,8 @@ PropertyValue valueOf(const Reading& item, const Property& property) {
 }
 
 PropertyValue valueOf(const Reading& item, std::uint32_t id) {
-    const Property* const property = find(id);
-    return property != nullptr ? valueOf(item, *property) : PropertyValue{OPC_E_INVALID_PID, VT_EMPTY, Variant()};
+    const std::optional<Property> property = find(*item.tag, id);
+    return property ? valueOf(item, *property) : PropertyValue{OPC_E_INVALID_PID, VT_EMPTY, Variant()};
 }
 
 // The quality is what a read shows, which depends on the value.
@@ -113,8 +152,8 @@ void tell(const Reading& item, std::span<const std::uint32_t> ids, const Propert
 }
 
 // item: nullptr: without its value.
-ItemProperty describe(const SLIKTag& tag, const Reading* item, const Property& property) {
-    ItemProperty described{S_OK, describe(property, tag), Variant()};
+ItemProperty describe(const Reading* item, const Property& property) {
+    ItemProperty described{S_OK, property.description, Variant()};
     if (item != nullptr) {
         PropertyValue its = valueOf(*item, property);
         described.error = its.error;
@@ -131,9 +170,7 @@ HResult Properties::available(std::string_view itemId, std::vector<PropertyDescr
     if (const HResult error = findItem(plant_.items(), itemId, tag); error != S_OK) {
         return error;
     }
-    for (const Property& property : properties) {
-        described.push_back(describe(property, *tag));
-    }
+    forEachProperty(*tag, [&described](const Property& property) { described.push_back(property.description); });
     return S_OK;
 }
 
@@ -143,9 +180,9 @@ void Properties::values(std::string_view itemId, std::span<const std::uint32_t> 
         done(error, {});
         return;
     }
-    const bool isRead = std::any_of(ids.begin(), ids.end(), [](std::uint32_t id) {
-        const Property* const property = find(id);
-        return property != nullptr && property->isRead;
+    const bool isRead = std::any_of(ids.begin(), ids.end(), [tag](std::uint32_t id) {
+        const std::optional<Property> property = find(*tag, id);
+        return property && property->isRead();
     });
     if (!isRead || !isReadable(*tag)) {
         tell({tag, OPC_E_BADRIGHTS}, ids, done);
@@ -168,7 +205,10 @@ HResult Properties::lookupItemIds(std::string_view itemId, std::span<const std::
     if (const HResult error = findItem(plant_.items(), itemId, tag); error != S_OK) {
         return error;
     }
-    errors.assign(ids.size(), OPC_E_INVALID_PID);
+    for (const std::uint32_t id : ids) {
+        const std::optional<Property> property = find(*tag, id);
+        errors.push_back(property && property->fixed == nullptr ? E_FAIL : OPC_E_INVALID_PID);
+    }
     return S_FALSE;
 }
 
@@ -178,14 +218,12 @@ HResult Properties::ofItem(const SLIKTag& tag, std::span<const std::uint32_t> id
     const std::optional<Reading> reading = withValues ? std::optional<Reading>(cached(tag)) : std::nullopt;
     const Reading* const item = reading ? &*reading : nullptr;
     if (ids.empty()) {
-        for (const Property& property : properties) {
-            found.push_back(describe(tag, item, property));
-        }
+        forEachProperty(tag, [&](const Property& property) { found.push_back(describe(item, property)); });
     }
     for (const std::uint32_t id : ids) {
-        const Property* const property = find(id);
-        found.push_back(property != nullptr ? describe(tag, item, *property)
-                                            : ItemProperty{OPC_E_INVALID_PID, {id, {}, VT_EMPTY}, Variant()});
+        const std::optional<Property> property = find(tag, id);
+        found.push_back(property ? describe(item, *property)
+                                 : ItemProperty{OPC_E_INVALID_PID, {id, {}, VT_EMPTY}, Variant()});
     }
     const bool allGood =
         std::all_of(found.begin(), found.end(), [](const ItemProperty& each) { return each.error == S_OK; });

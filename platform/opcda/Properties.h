@@ -1,6 +1,7 @@
 #pragma once
 
-// The item properties 1 to 6: what the standard asks of every item.
+// The item properties: 1 to 7, which clients expect of every item, and those that the plant has something to say under
+// (101, and 5000 and up).
 
 #include <cstdint>
 #include <functional>
@@ -47,7 +48,8 @@ class Properties {
     // quality and time stamp are the device's: OnRead once if one of them is asked for. done once, maybe before this
     // returns.
     void values(std::string_view itemId, std::span<const std::uint32_t> ids, ValuesDone done) const;
-    // No property is an item of its own: OPC_E_INVALID_PID for each, S_FALSE in all.
+    // No property is an item of its own: E_FAIL for each that the plant says something under, OPC_E_INVALID_PID for all
+    // others, S_FALSE in all.
     HResult lookupItemIds(std::string_view itemId, std::span<const std::uint32_t> ids,
                           std::vector<HResult>& errors) const;
     // For a browser: these properties of an item, or (no ids) all that it has. Values, where they are wanted, come from

@@ -27,6 +27,10 @@ class ISLIKTag {
     // Value, quality word and local time stamp in one step. Raises RuntimeError 13 for a value that an OPC item
     // cannot carry (an object). No allocation for values that are not text.
     virtual void SetVQT(const Variant& varValue, std::int16_t intQuality, Date dtmTimestamp) = 0;
+    // What clients are told of the item besides, under a property's number (101 and up) and name: a text or a 32-bit
+    // whole number; "" and 0 say nothing. All items have a property of one type. Raises RuntimeError 13 for any other
+    // value, 5 once clients are let in.
+    virtual void SetProperty(std::int32_t lngPropertyID, std::string_view strName, const Variant& varValue) = 0;
 };
 
 class ISLIKTags {

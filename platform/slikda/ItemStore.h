@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "slikda/ItemBlock.h"
+#include "slikda/ItemDetails.h"
 #include "slikda/ItemNames.h"
 
 namespace quelm {
@@ -34,6 +35,10 @@ class SLIKTag final {
     std::uint16_t varType() const { return varType_; }
     // 1 = readable, 2 = writable
     std::uint8_t accessRights() const { return accessRights_; }
+    // What there is to say of items, and by the place in it what is said of this one; Empty: nothing.
+    const std::vector<ItemDetails::Kind>& detailKinds() const;
+    bool hasDetail(std::size_t kind) const;
+    Variant detail(std::size_t kind) const;
 
  private:
     const ItemStore* store_;
@@ -44,8 +49,9 @@ class SLIKTag final {
 
 class ItemStore final {
  public:
-    // names must outlive the store; block as in show().
-    ItemStore(const ItemNames& names, const ItemBlock& block) : names_(&names), shown_(&block) {}
+    // names and details must outlive the store; block as in show().
+    ItemStore(const ItemNames& names, const ItemDetails& details, const ItemBlock& block)
+        : names_(&names), details_(&details), shown_(&block) {}
     ItemStore(const ItemStore&) = delete;
     ItemStore& operator=(const ItemStore&) = delete;
 
@@ -70,6 +76,7 @@ class ItemStore final {
     friend class SLIKTag;
 
     const ItemNames* names_;
+    const ItemDetails* details_;
     const ItemBlock* shown_;
     std::deque<SLIKTag> tags_;
     mutable std::vector<std::uint32_t> browseOrder_;
@@ -90,6 +97,18 @@ inline std::uint16_t SLIKTag::qualityWord() const {
 inline std::int64_t SLIKTag::fileTime() const {
     const ItemBlock& block = *store_->shown_;
     return block.stampOf(block.values[number_]).fileTime;
+}
+
+inline const std::vector<ItemDetails::Kind>& SLIKTag::detailKinds() const {
+    return store_->details_->kinds();
+}
+
+inline bool SLIKTag::hasDetail(std::size_t kind) const {
+    return store_->details_->has(kind, number_);
+}
+
+inline Variant SLIKTag::detail(std::size_t kind) const {
+    return store_->details_->value(kind, number_);
 }
 
 // Compares two names in the order of ItemStore::browseOrder; both already folded.

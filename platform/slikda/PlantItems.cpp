@@ -38,22 +38,31 @@ void PlantTag::SetVQT(const Variant& varValue, std::int16_t intQuality, Date dtm
     items_->set(number_, varValue, intQuality, dtmTimestamp);
 }
 
+void PlantTag::SetProperty(std::int32_t lngPropertyID, std::string_view strName, const Variant& varValue) {
+    items_->refuseChange();
+    items_->details_.set(number_, static_cast<std::uint32_t>(lngPropertyID), strName, varValue);
+}
+
 PlantItems::PlantItems()
     : writing_(blocks_.emplace_back(std::make_unique<ItemBlock>()).get()),
       newest_(writing_),
-      shown_(names_, *newest_) {}
+      shown_(names_, details_, *newest_) {}
 
 PlantTag& PlantItems::Add(std::string_view strName, std::int32_t lngAccessRights, const Variant& varValue,
                           std::int16_t intQuality, Date dtmTimestamp) {
-    if (isClosed()) {
-        throw RuntimeError(errors::invalidCall, "Items can be added only before the server lets clients in");
-    }
+    refuseChange();
     refuseObject(varValue);
     const std::uint32_t number = names_.add(strName);
     writing_->values.emplace_back();
     set(number, varValue, intQuality, dtmTimestamp);
     shown_.add(static_cast<std::uint16_t>(varValue.kind()), static_cast<std::uint8_t>(lngAccessRights & 3));
     return tags_.emplace_back(*this, number, static_cast<std::int16_t>(varValue.kind()));
+}
+
+void PlantItems::refuseChange() const {
+    if (isClosed()) {
+        throw RuntimeError(errors::invalidCall, "Items can be added only before the server lets clients in");
+    }
 }
 
 PlantTag& PlantItems::Item(std::string_view strName) {
@@ -73,6 +82,7 @@ void PlantItems::setSourcesLost(bool lost) {
 // The second block comes now, so that no pass has to wait for its memory.
 void PlantItems::close(std::function<void()> begun) {
     begun_ = std::move(begun);
+    details_.close();
     writing_->values.shrink_to_fit();
     writing_ = nullptr;
     ItemBlock& second = *blocks_.emplace_back(std::make_unique<ItemBlock>());

@@ -32,6 +32,7 @@ class PlantTag final : public ISLIKTag {
     std::int16_t Quality() const override;
     Date Timestamp() const override;
     void SetVQT(const Variant& varValue, std::int16_t intQuality, Date dtmTimestamp) override;
+    void SetProperty(std::int32_t lngPropertyID, std::string_view strName, const Variant& varValue) override;
 
  private:
     PlantItems* items_;
@@ -91,7 +92,10 @@ class PlantItems final : public ISLIKTags {
     ItemBlock& begin();
     void completeBatch();
 
+    void refuseChange() const;
+
     ItemNames names_;
+    ItemDetails details_;
     std::deque<PlantTag> tags_;
     StampConverter stamps_;
     std::vector<std::unique_ptr<ItemBlock>> blocks_;  // all that there are

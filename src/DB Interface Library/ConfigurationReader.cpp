@@ -49,13 +49,15 @@ std::shared_ptr<const ChannelDefCollection> readChannelDefs(ISqlConnection& conn
 }
 
 std::vector<PIDDefinition> readPIDDefinitions(ISqlConnection& connection, std::int64_t dahsID) {
-    const auto rows = connection.query("SELECT PID, IntervalType FROM PIDDef WHERE DAHSID = ? ORDER BY PID", {dahsID});
+    const auto rows =
+        connection.query("SELECT PID, IntervalType, Name FROM PIDDef WHERE DAHSID = ? ORDER BY PID", {dahsID});
     std::vector<PIDDefinition> definitions;
-    std::array<SqlValue, 2> columns;
+    std::array<SqlValue, 3> columns;
     while (rows->next()) {
         rows->read(columns);
         if (const auto pid = sqlWholeNumber(columns[0])) {
-            definitions.push_back(PIDDefinition{*pid, std::string(sqlText(columns[1]))});
+            definitions.push_back(
+                PIDDefinition{*pid, std::string(sqlText(columns[1])), std::string(sqlText(columns[2]))});
         }
     }
     return definitions;
@@ -84,6 +86,19 @@ std::shared_ptr<const OPCDefCollection> ConfigurationReader::LoadOPCDefs(std::st
         if (problems_) {
             problems_(
                 fmt::format("Site '{}': cannot read the OPC item definitions: {}", strSiteID, currentError().text()));
+        }
+        return nullptr;
+    }
+}
+
+std::shared_ptr<const ChannelDefCollection> ConfigurationReader::LoadChannelNames(std::string_view strSiteID) {
+    try {
+        return LoadChannelDefs(strSiteID);
+    } catch (...) {
+        if (problems_) {
+            problems_(
+                fmt::format("Site '{}': cannot read the names of the channels, clients see the items without them: {}",
+                            strSiteID, currentError().text()));
         }
         return nullptr;
     }

@@ -14,6 +14,7 @@ class ConfigurationReader final : public IConfigurationReader {
     ConfigurationReader(SiteTable& sites, ProblemSink problems) : sites_(sites), problems_(std::move(problems)) {}
 
     std::shared_ptr<const OPCDefCollection> LoadOPCDefs(std::string_view strSiteID) override;
+    std::shared_ptr<const ChannelDefCollection> LoadChannelNames(std::string_view strSiteID) override;
     std::shared_ptr<const ChannelDefCollection> LoadChannelDefs(std::string_view strSiteID) override;
     std::vector<PIDDefinition> LoadPIDDefinitions(std::string_view strSiteID, std::int32_t lngDAHSID) override;
     SiteSettings LoadSiteSettings(std::string_view strSiteID, std::int32_t lngDAHSID) override;

@@ -17,10 +17,11 @@
 
 namespace quelm {
 
-// A parameter's definition: its PID and the interval type of its current value ("" when none is configured).
+// A parameter's definition.
 struct PIDDefinition {
     std::int32_t PID = 0;
-    std::string IntervalType;
+    std::string IntervalType;  // of its current value; "" when none is configured
+    std::string Name;          // what people call it; may be ""
 };
 
 struct SiteSettings {
@@ -32,6 +33,8 @@ class IConfigurationReader {
     virtual ~IConfigurationReader() = default;
     // The site's OPC item definitions in their order, or nothing on failure (the reason goes to the problem sink).
     virtual std::shared_ptr<const OPCDefCollection> LoadOPCDefs(std::string_view strSiteID) = 0;
+    // The same as LoadChannelDefs for what can do without: nothing on failure (the reason goes to the problem sink).
+    virtual std::shared_ptr<const ChannelDefCollection> LoadChannelNames(std::string_view strSiteID) = 0;
     // These raise RuntimeError with the database's own number and text.
     virtual std::shared_ptr<const ChannelDefCollection> LoadChannelDefs(std::string_view strSiteID) = 0;
     virtual std::vector<PIDDefinition> LoadPIDDefinitions(std::string_view strSiteID, std::int32_t lngDAHSID) = 0;

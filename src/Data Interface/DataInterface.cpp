@@ -49,11 +49,19 @@ bool DataInterface::Definitions::IsDefined(std::int32_t lngPID) const {
 }
 
 const std::string& DataInterface::Definitions::IntervalType(std::int32_t lngPID, bool) const {
+    return definition(lngPID).IntervalType;
+}
+
+const std::string& DataInterface::Definitions::Name(std::int32_t lngPID) const {
+    return definition(lngPID).Name;
+}
+
+const PIDDefinition& DataInterface::Definitions::definition(std::int32_t lngPID) const {
     const std::uint32_t position = index_.find(lngPID);
     if (position == IntIndex::none) {
         throw RuntimeError(errors::invalidCall);
     }
-    return items_[position].IntervalType;
+    return items_[position];
 }
 
 }  // namespace quelm

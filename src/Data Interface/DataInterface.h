@@ -31,8 +31,11 @@ class DataInterface final : public IDataInterface {
         void take(std::vector<PIDDefinition> definitions);
         bool IsDefined(std::int32_t lngPID) const override;
         const std::string& IntervalType(std::int32_t lngPID, bool blnUse) const override;
+        const std::string& Name(std::int32_t lngPID) const override;
 
      private:
+        const PIDDefinition& definition(std::int32_t lngPID) const;
+
         std::vector<PIDDefinition> items_;
         IntIndex index_;
     };

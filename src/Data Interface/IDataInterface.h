@@ -15,6 +15,8 @@ class IPIDDefinitions {
     virtual bool IsDefined(std::int32_t lngPID) const = 0;
     // The interval type of a defined PID; raises RuntimeError 5 for an undefined one. "" when none is configured.
     virtual const std::string& IntervalType(std::int32_t lngPID, bool blnUse) const = 0;
+    // The same of what people call it.
+    virtual const std::string& Name(std::int32_t lngPID) const = 0;
 };
 
 class IDataInterface {

@@ -92,6 +92,10 @@ class WholeRoad(SiteTest):
         kind, value, quality, _, *rights_and_rate = properties['values']
         self.assertEqual((kind, precise(R4, value), quality & 0xFFFF), (R4, precise(R4, 34.5), 0x80C0))
         self.assertEqual(rights_and_rate, [1, 20000.0])
+        for item, told in (('North.Stack1.SO2', ['SO2, corrected', 100100102, None, None, 'NORTH', '30M']),
+                           ('North.Stack1.SO2.Raw', ['SO2 analyser', None, 102, 202, 'NORTH', None])):
+            properties = first('properties', item=item, ids=[101, 5000, 5001, 5002, 5003, 5004])
+            self.assertEqual(properties['values'], told)
         for on, iid in INTERFACES:
             first('query', on=on, iid=iid)
         self.assertEqual(first('status'), {'state': 1, 'groups': 1, 'vendor': 'Ombrel'})

@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include <array>
 #include <cmath>
 #include <utility>
 
@@ -24,6 +25,34 @@ constexpr std::int32_t readerPeriodSeconds = 15;
 // A number in its own right: a channel-fed text item is published as Bad even when its text reads as a number.
 bool isNumberKind(const Variant& value) {
     return value.kind() != VariantKind::Text && value.kind() != VariantKind::Date && isNumeric(value);
+}
+
+// What clients can learn of where an item's value comes from.
+struct SourceProperty {
+    std::int32_t lngID;
+    const char* strName;
+    Variant (*valueOf)(const TagConfig& objTag);  // 0 or "": there is nothing to say
+};
+
+constexpr std::array sourceProperties{
+    SourceProperty{5000, "Parameter Number", [](const TagConfig& objTag) { return Variant(objTag.PID); }},
+    SourceProperty{5001, "Value Channel", [](const TagConfig& objTag) { return Variant(objTag.IOChannelID_Value); }},
+    SourceProperty{5002, "Monitor Code Channel",
+                   [](const TagConfig& objTag) { return Variant(objTag.IOChannelID_MC); }},
+    SourceProperty{5004, "Interval Type", [](const TagConfig& objTag) { return Variant(objTag.IntervalType); }},
+};
+
+// The item is nullptr when the control refused it. strDescription: what people call its parameter or channel.
+void DescribeItem(const TagConfig& objTag, const std::string& strSiteID, std::string_view strDescription) {
+    if (objTag.SlikTag == nullptr) {
+        return;
+    }
+    ISLIKTag& objItem = *objTag.SlikTag;
+    objItem.SetProperty(101, "Item Description", Variant(strDescription));
+    for (const SourceProperty& property : sourceProperties) {
+        objItem.SetProperty(property.lngID, property.strName, property.valueOf(objTag));
+    }
+    objItem.SetProperty(5003, "Site ID", Variant(strSiteID));
 }
 
 ISLIKTag& slikTag(const TagConfig& objTag) {
@@ -211,7 +240,24 @@ std::string_view SiteDataManager::InternIntervalType(const std::string& strInter
     return *intervalTypes_.insert(strIntervalType).first;
 }
 
+// While the definitions are at hand, and before clients are.
+void SiteDataManager::DescribeItems() const {
+    const std::string strNoName;
+    for (const TagConfig& objTag : mcolQuelmTags) {
+        DescribeItem(objTag, mstrSiteID, mobjDI ? mobjDI->PIDDefinitions().Name(objTag.PID) : strNoName);
+    }
+    if (mcolChannelTags.Count() == 0 || !mobjDBIL) {
+        return;
+    }
+    const auto colNames = mobjDBIL->ConfigurationReader().LoadChannelNames(mstrSiteID);
+    for (const TagConfig& objTag : mcolChannelTags) {
+        const ChannelDef* objChannelDef = colNames ? colNames->Channel(objTag.IOChannelID_Value) : nullptr;
+        DescribeItem(objTag, mstrSiteID, objChannelDef != nullptr ? objChannelDef->Name : strNoName);
+    }
+}
+
 void SiteDataManager::FinishTagCreation() {
+    DescribeItems();
     if (mobjDI) {
         Raise(msgtype::information, fmt::format("[OPC-0219] Tearing down DI for {}", SiteID()));
         mobjDI->TearDown();

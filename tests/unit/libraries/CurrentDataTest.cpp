@@ -105,7 +105,7 @@ TEST_F(CurrentDataReaderTest, WithdrawsItsValuesAfterThreeMissedRefreshes) {
 TEST(DataInterfaceTest, HoldsDefinitionsFromLoadToTearDownOrToALoadThatFails) {
     fakes::Journal journal;
     fakes::DBIL library(journal);
-    library.pidDefinitions = {{5, "1H"}, {6, ""}, {5, "1D"}};
+    library.pidDefinitions = {{5, "1H", "NOx"}, {6, "", ""}, {5, "1D", ""}};
     fakes::Messages messages;
     DataInterface data(library, "S1");
     data.OnMessage([&](std::int32_t type, std::string_view text) { messages.RaiseMsg(type, text); });
@@ -114,6 +114,7 @@ TEST(DataInterfaceTest, HoldsDefinitionsFromLoadToTearDownOrToALoadThatFails) {
     EXPECT_EQ(data.PIDDefinitions().IntervalType(5, true), "1H");
     EXPECT_EQ(data.PIDDefinitions().IntervalType(6, true), "");
     EXPECT_THROW(data.PIDDefinitions().IntervalType(7, true), RuntimeError);
+    EXPECT_EQ(data.PIDDefinitions().Name(5), "NOx");
     EXPECT_EQ(data.FirstDayOfWeek(), 3);
     data.TearDown();
     EXPECT_FALSE(data.PIDDefinitions().IsDefined(5));

@@ -147,7 +147,9 @@ TEST_P(DatabasesTest, GiveDefinitionsParametersAndSettings) {
     ASSERT_EQ(channels->Count(), 2U);
     EXPECT_EQ(channels->Channel(7)->DefinitionType, 3);
     EXPECT_EQ(channels->Channel(8)->Name, "");
+    EXPECT_EQ(reader.LoadChannelNames("S1")->Channel(7)->Name, "Stack flow");
     EXPECT_EQ(reader.LoadPIDDefinitions("S1", 12).at(0).IntervalType, "1H");
+    EXPECT_EQ(reader.LoadPIDDefinitions("S1", 12).at(0).Name, "NOx");
     EXPECT_EQ(reader.LoadSiteSettings("S1", 12).FirstDayOfWeek, 2);
     EXPECT_EQ(reader.LoadSiteSettings("S1", 13).FirstDayOfWeek, 0) << "no day of the week";
     EXPECT_EQ(reader.LoadSiteSettings("S1", 14).FirstDayOfWeek, 0);

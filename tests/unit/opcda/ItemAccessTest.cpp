@@ -7,8 +7,10 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-TEST_F(OpcDaTest, EveryItemHasTheSixPropertiesOfTheStandard) {
+TEST_F(OpcDaTest, EveryItemHasTheSevenPropertiesAndWhatThePlantSaysOfIt) {
     const Properties properties{{control.network(), application.budgets().of("", "")}};
+    control.SLIKTags().Item("Status").SetProperty(5001, "Channel", Variant(std::int32_t{12}));
+    control.SLIKTags().Item("Plant.Stack1.Count").SetProperty(101, "Item Description", Variant("Starts"));
     std::vector<PropertyDescription> available;
     EXPECT_EQ(properties.available("", available), OPC_E_INVALIDITEMID);
     EXPECT_EQ(properties.available("plant.stack1.count", available), S_OK);
@@ -16,7 +18,12 @@ TEST_F(OpcDaTest, EveryItemHasTheSixPropertiesOfTheStandard) {
     for (const PropertyDescription& each : available) {
         described += fmt::format(" {}:{}", each.id, each.type);
     }
-    EXPECT_EQ(described, " 1:2 2:3 3:2 4:7 5:3 6:4");
+    EXPECT_EQ(described, " 1:2 2:3 3:2 4:7 5:3 6:4 7:3 101:8");
+    EXPECT_EQ(available.back().text, "Item Description");
+    std::vector<ItemProperty> all;
+    EXPECT_EQ(Properties::ofItem(*control.network().items().find("Status"), {}, true, all), S_OK);
+    EXPECT_EQ(all.size(), 8U);
+    EXPECT_EQ(all.back().value, Variant(std::int32_t{12}));
 
     // Each value as text, or its error.
     std::string told;
@@ -35,9 +42,11 @@ TEST_F(OpcDaTest, EveryItemHasTheSixPropertiesOfTheStandard) {
         return told + " " + fmt::format("{}", fmt::join(events.log, ""));
     };
     EXPECT_EQ(values("Plant.Stack1.NOx", {1, 2, 3, 5, 6, 7, 0}),
-              "1: 4 12.5 192 1 20000 !C0040203 !C0040203 read 1 Plant.Stack1.NOx");
+              "1: 4 12.5 192 1 20000 0 !C0040203 read 1 Plant.Stack1.NOx");
     EXPECT_EQ(values("Status", {4}), "0: 46086.45833333334 read 1 Status") << "in UTC";
     EXPECT_EQ(values("Status", {1, 5, 6, 9}), "1: 11 1 20000 !C0040203 ") << "nobody is asked";
+    EXPECT_EQ(values("Status", {5001, 101}), "1: 12 !C0040203 ") << "of another item";
+    EXPECT_EQ(values("Plant.Stack1.Count", {101}), "0: 'Starts' ");
     EXPECT_EQ(values("Status", {}), "80070057: ");
     EXPECT_EQ(values("", {1}), "C0040008: ");
     EXPECT_EQ(values("Other", {1}), "C0040007: ");
@@ -49,8 +58,8 @@ TEST_F(OpcDaTest, EveryItemHasTheSixPropertiesOfTheStandard) {
     EXPECT_EQ(values("Setpoint", {2, 3, 4, 5}), "1: !C0040006 !C0040006 !C0040006 2 ");
 
     std::vector<HResult> errors;
-    EXPECT_EQ(properties.lookupItemIds("Status", std::vector<std::uint32_t>{1, 7}, errors), S_FALSE);
-    EXPECT_EQ(errors, std::vector<HResult>(2, OPC_E_INVALID_PID));
+    EXPECT_EQ(properties.lookupItemIds("Status", std::vector<std::uint32_t>{1, 9, 101, 5001}, errors), S_FALSE);
+    EXPECT_THAT(errors, ElementsAre(OPC_E_INVALID_PID, OPC_E_INVALID_PID, OPC_E_INVALID_PID, E_FAIL));
 }
 
 class ItemIOTest : public OpcDaTest {

@@ -39,6 +39,37 @@ TEST_F(ItemsTest, TheTypeIsTheInitialValuesForGood) {
     EXPECT_EQ(items.Add("B", 1, Variant(), 0, noon).DataType(), 0);
 }
 
+TEST_F(ItemsTest, WhatIsSaidOfAnItemIsKeptByItsProperty) {
+    ISLIKTag& first = items.Add("A", 1, Variant(), 0, noon);
+    ISLIKTag& second = items.Add("B", 1, Variant(), 0, noon);
+    second.SetProperty(5003, "Site", Variant("North"));
+    second.SetProperty(101, "Text", Variant("North"));
+    first.SetProperty(5003, "", Variant(std::string("Süd\0", 5)));
+    first.SetProperty(5000, "Number", Variant(std::int32_t{-7}));
+    first.SetProperty(5000, "Number", Variant(std::int32_t{0}));
+    second.SetProperty(5001, "Nothing", Variant(""));
+    EXPECT_EQ(raisedBy([&] { first.SetProperty(5000, "Number", Variant("7")); }), 13);
+    EXPECT_EQ(raisedBy([&] { first.SetProperty(102, "Range", Variant(1.5)); }), 13);
+    items.close([] {});
+    EXPECT_EQ(raisedBy([&] { first.SetProperty(5000, "Number", Variant(std::int32_t{1})); }), 5);
+    const auto& kinds = shown.at(0).detailKinds();
+    ASSERT_EQ(kinds.size(), 3U);
+    struct Case {
+        std::uint32_t property;
+        const char* name;
+        Variant first, second;
+    };
+    const Case cases[] = {{101, "Text", Variant(), Variant("North")},
+                          {5000, "Number", Variant(std::int32_t{-7}), Variant()},
+                          {5003, "Site", Variant("Süd"), Variant("North")}};
+    for (std::size_t i = 0; i < 3; ++i) {
+        EXPECT_EQ(kinds[i].property, cases[i].property);
+        EXPECT_EQ(kinds[i].text, cases[i].name);
+        EXPECT_EQ(shown.at(0).detail(i), cases[i].first) << i;
+        EXPECT_EQ(shown.at(1).detail(i), cases[i].second) << i;
+    }
+}
+
 TEST_F(ItemsTest, StampsBecomeUtc) {
     ISLIKTag& tag = items.Add("A", 1, Variant(), 0, noon);
     EXPECT_EQ(shown.at(0).fileTime(), clock.fileTimeNow());

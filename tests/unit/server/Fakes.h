@@ -40,6 +40,7 @@ struct SystemINI : ISystemINI {
 struct SiteSetUp {
     bool loadable = true;
     std::map<std::int32_t, std::string> intervalTypesByPID;
+    std::map<std::int32_t, std::string> namesByPID;
     std::map<std::int32_t, CurrentValueRecord> valuesByPID;
     Failure loadFailure;
     ICDRReferences* references = nullptr;
@@ -66,6 +67,7 @@ struct DataInterface : IDataInterface, IPIDDefinitions {
     const std::string& IntervalType(std::int32_t lngPID, bool) const override {
         return setUp.intervalTypesByPID.at(lngPID);
     }
+    const std::string& Name(std::int32_t lngPID) const override { return setUp.namesByPID[lngPID]; }
 };
 
 struct CurrentDataReader : ICurrentDataReader {

@@ -176,6 +176,9 @@ struct DBIL : IDBIL, IConfigurationReader, IRealtimeDB {
         raiseIf(definitionsFailure);
         return definitions[std::string(strSiteID)];
     }
+    std::shared_ptr<const ChannelDefCollection> LoadChannelNames(std::string_view) override {
+        return channelDefsFailure ? nullptr : channelDefs;
+    }
     std::shared_ptr<const ChannelDefCollection> LoadChannelDefs(std::string_view) override {
         ++channelDefLoads;
         raiseIf(channelDefsFailure);

@@ -170,6 +170,35 @@ TEST(FinishTagCreation, StartsOnlyWhatItsTagsAreFedFrom) {
     }
 }
 
+// Also where the names cannot be had: that is said where the definitions decide on values.
+TEST(FinishTagCreation, TellsClientsWhatEachItemIsFedFrom) {
+    for (const bool isNamed : {true, false}) {
+        Site site;
+        site.setUp.namesByPID = {{pid, isNamed ? "NOx, hourly" : ""}};
+        site.dbil->setChannels({{7, definitiontype::ios6Channel}});
+        site.dbil->channelDefsFailure =
+            isNamed ? fakes::Failure() : fakes::Failure(RuntimeError(5, "database is locked"));
+        EXPECT_TRUE(site.create({.id = pidText, .name = "P"}));
+        EXPECT_TRUE(site.create({.id = "[@7];[@8]", .name = "C"}));
+        EXPECT_TRUE(site.create({.id = "[@9]", .name = "D"}));
+        site.messages.take();
+        site.manager.FinishTagCreation();
+        EXPECT_EQ(site.messages.lines.size(), 6U);
+        std::string told;
+        for (const char* name : {"P", "C", "D"}) {
+            const SLIKTag& tag = *site.tags.shown().find(name);
+            for (std::size_t i = 0; i < tag.detailKinds().size(); ++i) {
+                const Variant value = tag.detail(i);
+                told += value.isEmpty() ? "" : fmt::format(" {}={}", tag.detailKinds()[i].property, toText(value));
+            }
+            told += ";";
+        }
+        EXPECT_EQ(told, isNamed ? " 101=NOx, hourly 5000=101001234 5003=A 5004=1h;"
+                                  " 101=Channel 7 5001=7 5002=8 5003=A; 5001=9 5003=A;"
+                                : " 5000=101001234 5003=A 5004=1h; 5001=7 5002=8 5003=A; 5001=9 5003=A;");
+    }
+}
+
 TEST(SiteDataManager, AnswersTheReaderAndShutsDownInOrder) {
     Site site;
     ASSERT_EQ(site.setUp.references, &site.manager);

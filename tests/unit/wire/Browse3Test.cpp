@@ -98,7 +98,7 @@ TEST_F(OpcWire, GivesThePropertiesOfSeveralItems) {
     EXPECT_HEX(call(Browse3::GetProperties, request(0, {2})).bytes, expected.hex("01000000"));
     const Reply all = call(Browse3::GetProperties, request(1, {}));
     EXPECT_EQ(all.result(), S_FALSE);
-    EXPECT_EQ(all.bytes.at(28), 6) << "all that there are";
+    EXPECT_EQ(all.bytes.at(28), 7) << "all that there are";
     EXPECT_HEX(call(Browse3::GetProperties, Bytes(20)).bytes, "00000000 57000780");
 }
 

@@ -167,17 +167,17 @@ TEST_F(OpcWire, KeepsTheClientsLocaleAndName) {
 
 // --- IOPCItemProperties ---
 
-TEST_F(OpcWire, ListsTheSixPropertiesOfAnItem) {
+TEST_F(OpcWire, ListsThePropertiesOfAnItem) {
     const Reply reply = call(ItemProperties::QueryAvailableProperties, Parameters().text("Flow"));
     dcom::ndr::Reader in = reply.reader();
-    EXPECT_HEX(in.bytes(40),
-               "06000000 04000200 06000000 01000000 02000000 03000000 04000000 05000000 06000000 08000200");
-    in.bytes(4 + 6 * 4);
-    for (int i = 0; i < 6; ++i) {
+    EXPECT_HEX(in.bytes(44),
+               "07000000 04000200 07000000 01000000 02000000 03000000 04000000 05000000 06000000 07000000 08000200");
+    in.bytes(4 + 7 * 4);
+    for (int i = 0; i < 7; ++i) {
         EXPECT_FALSE(in.wideString().empty());
     }
     in.align(4);
-    EXPECT_HEX(in.bytes(in.remaining()), "24000200 06000000 0200 0500 0200 0700 0300 0400 00000000");
+    EXPECT_HEX(in.bytes(in.remaining()), "28000200 07000000 0200 0500 0200 0700 0300 0400 0300 0000 00000000");
     EXPECT_HEX(call(ItemProperties::QueryAvailableProperties, Parameters().text("x")).bytes,
                "00000000 00000000 00000000 00000000 070004C0");
 }

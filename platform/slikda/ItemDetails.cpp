@@ -1,0 +1,73 @@
+#include "slikda/ItemDetails.h"
+
+#include <algorithm>
+#include <limits>
+
+#include "base/RuntimeError.h"
+
+namespace quelm {
+
+// The empty text stands at place 0.
+ItemDetails::ItemDetails() : texts_(1, '\0'), known_(0, Texts{&texts_}, Texts{&texts_}) {}
+
+void ItemDetails::set(std::uint32_t item, std::uint32_t property, std::string_view name, const Variant& value) {
+    const bool isText = value.kind() == VariantKind::Text;
+    if (!isText && value.kind() != VariantKind::Int32) {
+        throw RuntimeError(errors::typeMismatch);
+    }
+    const std::uint32_t cell = isText ? keep(value.text()) : static_cast<std::uint32_t>(value.int32());
+    if (cell == 0) {
+        return;
+    }
+    std::vector<std::uint32_t>& column = columns_[placeOf(property, name, isText)];
+    if (column.size() <= item) {
+        column.resize(item + 1);
+    }
+    column[item] = cell;
+}
+
+std::size_t ItemDetails::placeOf(std::uint32_t property, std::string_view name, bool isText) {
+    const auto found = std::lower_bound(kinds_.begin(), kinds_.end(), property,
+                                        [](const Kind& kind, std::uint32_t its) { return kind.property < its; });
+    const auto place = found - kinds_.begin();
+    if (found == kinds_.end() || found->property != property) {
+        kinds_.insert(found, {property, std::string(name), isText});
+        columns_.emplace(columns_.begin() + place);
+    } else if (found->isText != isText) {
+        throw RuntimeError(errors::typeMismatch);
+    }
+    return static_cast<std::size_t>(place);
+}
+
+// Up to its first NUL. A text for which there is no place any more (after 4 GiB) is not kept.
+std::uint32_t ItemDetails::keep(std::string_view text) {
+    text = text.substr(0, text.find('\0'));
+    const std::size_t place = texts_.size();
+    if (text.empty() || text.size() >= std::numeric_limits<std::uint32_t>::max() - place) {
+        return 0;
+    }
+    texts_.append(text).push_back('\0');
+    const auto [known, isNew] = known_.insert(static_cast<std::uint32_t>(place));
+    if (!isNew) {
+        texts_.resize(place);
+    }
+    return *known;
+}
+
+void ItemDetails::close() {
+    for (std::vector<std::uint32_t>& column : columns_) {
+        column.shrink_to_fit();
+    }
+    texts_.shrink_to_fit();
+    known_ = KnownTexts(0, Texts{&texts_}, Texts{&texts_});
+}
+
+Variant ItemDetails::value(std::size_t kind, std::uint32_t item) const {
+    if (!has(kind, item)) {
+        return {};
+    }
+    const std::uint32_t cell = columns_[kind][item];
+    return kinds_[kind].isText ? Variant(Texts{&texts_}.at(cell)) : Variant(static_cast<std::int32_t>(cell));
+}
+
+}  // namespace quelm

@@ -1,0 +1,64 @@
+#pragma once
+
+// What the plant says of its items once, beside their values: numbers and texts under a property's number, which
+// clients read as item properties. They come into being before the first client does and never change afterwards, so
+// that the plant and the network read them side by side.
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <unordered_set>
+#include <vector>
+
+#include "base/Variant.h"
+
+namespace quelm {
+
+// Made for 100,000 items: 4 bytes for each item and property, and every text once.
+class ItemDetails {
+ public:
+    struct Kind {
+        std::uint32_t property;
+        std::string text;  // what the property is called
+        bool isText;       // otherwise a 32-bit whole number
+    };
+
+    ItemDetails();
+    ItemDetails(const ItemDetails&) = delete;
+    ItemDetails& operator=(const ItemDetails&) = delete;
+
+    // A text or a 32-bit whole number of an item; 0 and "" say nothing. What is said first of a property decides its
+    // name and its type; raises RuntimeError 13 for a value of another one.
+    void set(std::uint32_t item, std::uint32_t property, std::string_view name, const Variant& value);
+    // After the last set(): gives back what only further ones need.
+    void close();
+
+    // By property; empty when nothing was said of any item.
+    const std::vector<Kind>& kinds() const { return kinds_; }
+    // kind: place among kinds(). Empty when nothing was said of the item.
+    Variant value(std::size_t kind, std::uint32_t item) const;
+    bool has(std::size_t kind, std::uint32_t item) const {
+        return item < columns_[kind].size() && columns_[kind][item] != 0;
+    }
+
+ private:
+    // Texts by their places.
+    struct Texts {
+        const std::string* all;
+        std::string_view at(std::uint32_t place) const { return all->c_str() + place; }
+        std::size_t operator()(std::uint32_t place) const { return std::hash<std::string_view>{}(at(place)); }
+        bool operator()(std::uint32_t left, std::uint32_t right) const { return at(left) == at(right); }
+    };
+    using KnownTexts = std::unordered_set<std::uint32_t, Texts, Texts>;
+
+    std::size_t placeOf(std::uint32_t property, std::string_view name, bool isText);
+    std::uint32_t keep(std::string_view text);
+
+    std::vector<Kind> kinds_;
+    std::vector<std::vector<std::uint32_t>> columns_;  // by kind and item: the number, or the text's place; 0: none
+    std::string texts_;                                // each with its end
+    KnownTexts known_;
+};
+
+}  // namespace quelm
