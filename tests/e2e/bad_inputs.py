@@ -32,11 +32,12 @@ REMOTE_ACTIVATOR = '000001A0-0000-0000-C000-000000000046'
 REM_UNKNOWN2 = '00000143-0000-0000-C000-000000000046'
 IOPC_COMMON = 'F31DFDE2-07B6-11D2-B2D8-0060083BA1FB'
 IOPC_ASYNC_IO2 = '39C13A71-011E-11D0-9675-0020AFD8ADB3'
+IOPC_GROUP_STATE2 = '8E368666-D72E-4F78-87ED-647611C61C9F'
 ICONNECTION_POINTS = 'B196B284-BAB4-101A-B69C-00AA00341D07'
 ICONNECTION_POINT = 'B196B286-BAB4-101A-B69C-00AA00341D07'
 IOPC_DATA_CALLBACK = '39C13A70-011E-11D0-9675-0020AFD8ADB3'
 ON_SERVER = [IOPC_SERVER, IOPC_BROWSE, attacks.IOPC_ITEM_IO, IOPC_ITEM_PROPERTIES, IOPC_COMMON, ICONNECTION_POINTS]
-ON_GROUP = [IOPC_ITEM_MGT, IOPC_SYNC_IO, IOPC_GROUP_STATE, IOPC_ASYNC_IO2, ICONNECTION_POINTS]
+ON_GROUP = [IOPC_ITEM_MGT, IOPC_SYNC_IO, IOPC_GROUP_STATE, IOPC_GROUP_STATE2, IOPC_ASYNC_IO2, ICONNECTION_POINTS]
 ALL = ON_SERVER + ON_GROUP + [IENUM_STRING, attacks.IENUM_ITEMS, ICONNECTION_POINT, REM_UNKNOWN, REM_UNKNOWN2]
 METHODS = range(3, 13)
 CALLS = 40  # on one connection before the next begins, since mangled calls may release the objects
@@ -77,6 +78,7 @@ def well_formed():
     group = Writer().string('g').u32(1, 1000, 7, 0, 0, 0x409).guid(IOPC_GROUP_STATE)
     ages = Writer().u32(1, 1, 0x20000).string(attacks.ITEM).u32(1, 0)
     state = Writer().u32(0x20000, 500, 0x20004, 1, 0, 0, 0, 0x20008, 7)
+    calls = {3: nothing, 4: state, 5: item, 6: Writer().string('clone').guid(IOPC_SYNC_IO)}
     flagged, doubled = Writer().u32(2).handles([1, 2]).u32(1), Writer().u32(2).handles([1, 2]).handles([3, 4])
     taken = {
         IOPC_SERVER: {3: group, 4: Writer().u32(0xC0040007, 9), 5: Writer().string('many').guid(IOPC_SYNC_IO), 6: nothing,
@@ -92,7 +94,8 @@ def well_formed():
         IOPC_ITEM_MGT: {3: definitions(3), 4: definitions(2).u32(0), 5: handles, 6: flagged, 7: doubled, 8: doubled,
                         9: Writer().guid(attacks.IENUM_ITEMS)},
         IOPC_SYNC_IO: {3: Writer().u16(1).u32(3).handles([1, 2, 3]), 4: write},
-        IOPC_GROUP_STATE: {3: nothing, 4: state, 5: item, 6: Writer().string('clone').guid(IOPC_SYNC_IO)},
+        IOPC_GROUP_STATE: calls,
+        IOPC_GROUP_STATE2: {**calls, 7: number, 8: nothing},
         IOPC_ASYNC_IO2: {3: flagged, 4: write, 5: Writer().u16(1).u32(7), 6: number, 7: number, 8: nothing},
         IENUM_STRING: {3: number, 4: number, 5: nothing, 6: nothing},
     }
