@@ -28,16 +28,16 @@ Subscription::Subscription(Publisher& publisher, Group& group, std::unique_ptr<I
     : Member(publisher), group_(&group), sink_(std::move(sink)), lastCalled_(timeSource().monotonicMilliseconds()) {}
 
 std::optional<std::uint64_t> Subscription::changesDue() const {
-    if (!isChanged_ && seenBlock_ == publisher().block()) {
+    if (group_->isRefreshWaiting() || (!isChanged_ && seenBlock_ == publisher().block())) {
         return std::nullopt;
     }
     return isCut_ || !lastSent_ ? 0 : *lastSent_ + group_->state().updateRate;
 }
 
-// A refresh goes to all sinks of the group at once, before anything else that waits.
+// A refresh goes to all sinks of the group at once, before any change that waits.
 std::optional<std::uint64_t> Subscription::due() const {
-    if (group_->isRefreshWaiting()) {
-        return group_->isAnySinkBusy() ? std::nullopt : std::optional<std::uint64_t>(0);
+    if (group_->isRefreshWaiting() && !group_->isAnySinkBusy()) {
+        return 0;
     }
     if (!group_->sendsChanges() || isBusy()) {
         return std::nullopt;
@@ -51,7 +51,7 @@ std::optional<std::uint64_t> Subscription::due() const {
 }
 
 std::size_t Subscription::deliver(std::uint64_t now) {
-    if (group_->isRefreshWaiting()) {
+    if (group_->isRefreshWaiting() && !group_->isAnySinkBusy()) {
         return group_->sendRefresh();
     }
     if (const auto changes = changesDue(); changes && *changes <= now) {

@@ -274,7 +274,8 @@ TEST_F(CallbackTest, ASlowSinkGetsTheNewestValuesAndHoldsUpNoOther) {
             {"answer A", "A change 0 7: 100=3/C0"},
             // A refresh waits for both, nothing passes it, and it says what there is when it goes out.
             {"cached 55; set 0 4; answer B; wait 2000", ""},
-            {"unadvise B; wait 2000", ""},
+            {"alive 2000; wait 1900", "B change 0 7:"},
+            {"alive 0; unadvise B; wait 2000", ""},
             {"answer A", "A change 55 7: 100=4/C0 101=70000/C0 102='Running'/C0"},
             {"wait 2000; answer A; wait 2000", ""},
             // What needs the plant does not wait for the sink.
