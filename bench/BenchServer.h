@@ -22,8 +22,10 @@ namespace quelm::bench {
 
 inline constexpr std::string_view password = "bench-1";
 
+inline constexpr std::int32_t unitCount = 50;
+
 inline std::string itemId(std::int32_t number) {
-    return fmt::format("Plant.Unit{}.Item{:06}", number % 50, number);
+    return fmt::format("Plant.Unit{}.Item{:06}", number % unitCount, number);
 }
 
 inline std::vector<std::string> firstItems(std::int64_t count) {
@@ -90,6 +92,24 @@ pid_t inChild(Body body) {
     return child;
 }
 
+// Answers a device read out of the items, as the server host does.
+class CacheAnswers final : public ISLIKServerEvents {
+ public:
+    explicit CacheAnswers(ISLIKTags& items) : items_(items) {}
+    void SLIKServer1_OnClientDisconnect(std::int32_t /*lngRemainingClients*/) override {}
+    void SLIKServer1_OnRead(std::int32_t /*lngCount*/, const std::vector<ISLIKRequestedItem*>& objItems,
+                            std::int32_t& /*lngError*/) override {
+        for (ISLIKRequestedItem* const item : objItems) {
+            const ISLIKTag& tag = items_.Item(item->Name());
+            item->SetVQT(tag.Value(), tag.Quality(), tag.Timestamp());
+        }
+    }
+    void SLIKServer1_OnWrite(std::int32_t /*lngCount*/, std::int32_t& /*lngError*/) override {}
+
+ private:
+    ISLIKTags& items_;
+};
+
 class BenchServer {
  public:
     // Its process begins now, while this one is still small.
@@ -121,6 +141,8 @@ class BenchServer {
         AsioLoop loop;
         AsioLoop networkLoop;
         SLIKServer control(loop, networkLoop);
+        CacheAnswers answers(control.SLIKTags());
+        control.SetEvents(&answers);
         std::vector<PlantTag*> tags;
         for (std::int32_t number = 0; number < items; ++number) {
             tags.push_back(&control.SLIKTags().Add(itemId(number), 1, Variant(20.0F + static_cast<float>(number)), 0xC0,

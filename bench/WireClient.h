@@ -192,7 +192,9 @@ class OpcClient {
         : connection_(
               objectPort, level, password,
               {opcda::wire::iidOpcServer, opcda::wire::iidOpcItemMgt, opcda::wire::iidOpcSyncIo,
-               opcda::wire::iidConnectionPointContainer, opcda::wire::iidConnectionPoint, dcom::orpc::iidRemUnknown},
+               opcda::wire::iidConnectionPointContainer, opcda::wire::iidConnectionPoint, dcom::orpc::iidRemUnknown,
+               opcda::wire::iidOpcBrowse, opcda::wire::iidOpcBrowseServerAddressSpace,
+               opcda::wire::iidOpcItemProperties, opcda::wire::iidEnumString},
               from) {
         activate(activationPort, level, password, from);
     }
@@ -256,7 +258,45 @@ class OpcClient {
     }
 
  protected:
-    enum Interface : std::uint16_t { opcServer, itemMgt, syncIo, connectionPoints, connectionPoint, remUnknown };
+    enum Interface : std::uint16_t {
+        opcServer,
+        itemMgt,
+        syncIo,
+        connectionPoints,
+        connectionPoint,
+        remUnknown,
+        browse3,
+        browse,
+        itemProperties,
+        enumString
+    };
+
+    // Of the server object.
+    Uuid serverInterface(const Uuid& iid) {
+        Call call;
+        call.out.uuid(server_);
+        call.out.u32(1);
+        call.out.u16(1);
+        call.out.u32(1);
+        call.out.uuid(iid);
+        const Bytes results = connection_.call(remUnknown, 3, &remUnknown_, call.bytes);
+        dcom::ndr::Reader in(results);
+        in.bytes(16 + 8 + 24);  // header, referent, count; result; flags to object
+        const Uuid ipid = in.uuid();
+        expect(in.good(), "an interface is missing");
+        return ipid;
+    }
+
+    // The interface's identifier out of a marshalled pointer.
+    static Uuid readReference(dcom::ndr::Reader& in) {
+        expect(in.u32() != 0, "an interface pointer is missing");
+        in.u32();
+        in.u32();
+        in.bytes(4 + 4 + 16 + 4 + 4 + 8 + 8);
+        const Uuid ipid = in.uuid();
+        expect(in.good(), "an interface pointer is malformed");
+        return ipid;
+    }
 
     Connection connection_;
 
@@ -298,17 +338,6 @@ class OpcClient {
         in.u16();
         in.bytes(2 * units);
         in.align(4);
-    }
-
-    // The interface's identifier out of a marshalled pointer.
-    static Uuid readReference(dcom::ndr::Reader& in) {
-        expect(in.u32() != 0, "an interface pointer is missing");
-        in.u32();
-        in.u32();
-        in.bytes(4 + 4 + 16 + 4 + 4 + 8 + 8);
-        const Uuid ipid = in.uuid();
-        expect(in.good(), "an interface pointer is malformed");
-        return ipid;
     }
 
     std::vector<std::uint32_t> addItems(const Uuid& items, const std::vector<std::string>& itemIds) {

@@ -101,7 +101,12 @@ void Writer::wideString(std::string_view utf8) {
         *at++ = static_cast<std::uint8_t>(value);
         *at++ = static_cast<std::uint8_t>(value >> 8);
     };
-    for (std::size_t i = 0; i < utf8.size();) {
+    std::size_t i = 0;
+    // Names and descriptions are plain nearly always, and a browsing client gets a hundred thousand of them.
+    for (; i < utf8.size() && static_cast<unsigned char>(utf8[i]) < 0x80; ++i) {
+        unit(static_cast<unsigned char>(utf8[i]));
+    }
+    while (i < utf8.size()) {
         const char32_t point = nextPoint(utf8, i);
         if (point < 0x10000) {
             unit(point);
