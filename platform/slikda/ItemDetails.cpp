@@ -7,6 +7,14 @@
 
 namespace quelm {
 
+namespace {
+
+// What many items have in common comes again soon. To know every name as well would leave holes in memory, of as much
+// as the details themselves take.
+constexpr std::size_t mostKnown = 1024;
+
+}  // namespace
+
 // The empty text stands at place 0.
 ItemDetails::ItemDetails() : texts_(1, '\0'), known_(0, Texts{&texts_}, Texts{&texts_}) {}
 
@@ -45,6 +53,9 @@ std::uint32_t ItemDetails::keep(std::string_view text) {
     const std::size_t place = texts_.size();
     if (text.empty() || text.size() >= std::numeric_limits<std::uint32_t>::max() - place) {
         return 0;
+    }
+    if (known_.size() >= mostKnown) {
+        known_.clear();
     }
     texts_.append(text).push_back('\0');
     const auto [known, isNew] = known_.insert(static_cast<std::uint32_t>(place));

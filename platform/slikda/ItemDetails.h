@@ -15,7 +15,7 @@
 
 namespace quelm {
 
-// Made for 100,000 items: 4 bytes for each item and property, and every text once.
+// Made for 100,000 items: 4 bytes for each item and property, and a text of many once.
 class ItemDetails {
  public:
     struct Kind {
