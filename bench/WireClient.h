@@ -194,7 +194,7 @@ class OpcClient {
               {opcda::wire::iidOpcServer, opcda::wire::iidOpcItemMgt, opcda::wire::iidOpcSyncIo,
                opcda::wire::iidConnectionPointContainer, opcda::wire::iidConnectionPoint, dcom::orpc::iidRemUnknown,
                opcda::wire::iidOpcBrowse, opcda::wire::iidOpcBrowseServerAddressSpace,
-               opcda::wire::iidOpcItemProperties, opcda::wire::iidEnumString},
+               opcda::wire::iidOpcItemProperties, opcda::wire::iidEnumString, opcda::wire::iidOpcSyncIo2},
               from) {
         activate(activationPort, level, password, from);
     }
@@ -268,7 +268,8 @@ class OpcClient {
         browse3,
         browse,
         itemProperties,
-        enumString
+        enumString,
+        syncIo2
     };
 
     // Of the server object.
@@ -390,12 +391,24 @@ class GroupReader : private OpcClient {
     void add(const std::vector<std::string>& itemIds) {
         const std::string name = "Bench" + std::to_string(groups_.size());
         std::vector<std::uint32_t> handles = addGroup(name, 1000, itemIds);
-        groups_.push_back({std::move(handles), groupInterface(name, opcda::wire::iidOpcSyncIo)});
+        groups_.push_back({std::move(handles), groupInterface(name, opcda::wire::iidOpcSyncIo),
+                           groupInterface(name, opcda::wire::iidOpcSyncIo2)});
     }
 
     // A cache read of all items of a group. With protection each sending needs a request of its own.
     Bytes encodeRead(std::size_t group = 0) {
         return connection_.encode(syncIo, readOpnum, &groups_[group].syncIo, readParameters(groups_[group]));
+    }
+
+    // The same by a maximum age (milliseconds), which every item is to meet.
+    Bytes encodeReadMaxAge(std::uint32_t maxAge) {
+        Call call;
+        writeHandles(call, groups_[0]);
+        call.out.u32(static_cast<std::uint32_t>(groups_[0].handles.size()));
+        for (std::size_t i = 0; i < groups_[0].handles.size(); ++i) {
+            call.out.u32(maxAge);
+        }
+        return connection_.encode(syncIo2, readMaxAgeOpnum, &groups_[0].syncIo2, call.bytes);
     }
 
     std::span<const std::uint8_t> exchange(std::span<const std::uint8_t> request) {
@@ -417,21 +430,26 @@ class GroupReader : private OpcClient {
 
  private:
     static constexpr std::uint16_t readOpnum = 3;
+    static constexpr std::uint16_t readMaxAgeOpnum = 5;
 
     struct Group {
         std::vector<std::uint32_t> handles;
         Uuid syncIo;
+        Uuid syncIo2;
     };
 
     static Bytes readParameters(const Group& group) {
         Call call;
         call.out.u16(1);  // from the cache
+        writeHandles(call, group);
+        return call.bytes;
+    }
+    static void writeHandles(Call& call, const Group& group) {
         call.out.u32(static_cast<std::uint32_t>(group.handles.size()));
         call.out.u32(static_cast<std::uint32_t>(group.handles.size()));
         for (const std::uint32_t handle : group.handles) {
             call.out.u32(handle);
         }
-        return call.bytes;
     }
 
     std::vector<Group> groups_;

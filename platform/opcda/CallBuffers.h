@@ -13,6 +13,13 @@
 
 namespace quelm::opcda {
 
+// What stands behind a value in the reply of a read that is written column by column.
+struct BehindValue {
+    std::int64_t fileTime = 0;  // UTC, FILETIME
+    HResult error = S_OK;
+    std::uint16_t quality = 0;
+};
+
 struct CallBuffers {
     // For as long as one call takes.
     class Loan {
@@ -35,6 +42,7 @@ struct CallBuffers {
     std::vector<ItemDefinition> definitions;
     std::vector<ItemResult> results;
     std::vector<ItemIOReading> readings;
+    std::vector<BehindValue> behindValues;
     std::vector<HResult> errors;
     std::vector<const SLIKTag*> asked;
 
@@ -48,6 +56,7 @@ struct CallBuffers {
         giveBack(definitions);
         giveBack(results);
         giveBack(readings);
+        giveBack(behindValues);
         giveBack(errors);
         giveBack(asked);
     }

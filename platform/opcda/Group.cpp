@@ -270,19 +270,21 @@ HResult Group::enumerateItems(Enumerator<ItemAttributes>& items) const {
     return result;
 }
 
-DeviceReading::Asked Group::toAsk(std::uint32_t handle) {
+DeviceReading::Asked Group::toAsk(std::uint32_t handle, std::uint32_t maxAge, std::int64_t now) {
     const Slot* slot = find(handle);
     if (slot == nullptr) {
         return {nullptr, handle, 0, OPC_E_INVALIDHANDLE};
     }
-    return {slot->tag, handle, slot->clientHandle, isReadable(*slot->tag) ? S_OK : OPC_E_BADRIGHTS, slot->type};
+    const HResult error = isReadable(*slot->tag) ? S_OK : OPC_E_BADRIGHTS;
+    const bool isCached = isCacheEnough(*slot, maxAge, now);
+    return {slot->tag, handle, slot->clientHandle, error, slot->type, 0, isCached, isInService(*slot)};
 }
 
 void Group::ask(const std::shared_ptr<DeviceReading>& reading, std::function<void(DeviceReading&)> done) {
     std::vector<const SLIKTag*>& tags = application_->callBuffers().asked;
     tags.clear();
     for (DeviceReading::Asked& item : reading->asked_) {
-        if (item.error == S_OK) {
+        if (item.error == S_OK && !item.isCached) {
             item.answer = static_cast<std::uint32_t>(tags.size());
             tags.push_back(item.tag);
         }
@@ -294,18 +296,24 @@ void Group::ask(const std::shared_ptr<DeviceReading>& reading, std::function<voi
     });
 }
 
-void Group::readDevice(std::span<const std::uint32_t> handles, std::function<void(DeviceReading&)> done) {
+void Group::readDevice(std::span<const std::uint32_t> handles, const MaxAges& maxAges,
+                       std::function<void(DeviceReading&)> done) {
     const auto reading = std::make_shared<DeviceReading>();
+    const std::int64_t now = timeSource().fileTimeNow();
     reading->group_ = shared_from_this();
     reading->asked_.reserve(handles.size());
-    for (const std::uint32_t handle : handles) {
-        reading->asked_.push_back(toAsk(handle));
+    for (std::size_t i = 0; i < handles.size(); ++i) {
+        reading->asked_.push_back(toAsk(handles[i], maxAges[i], now));
     }
     ask(reading, std::move(done));
 }
 
 HResult DeviceReading::take(const Asked& item, VarType type, std::uint16_t& quality, std::int64_t& fileTime,
                             OpcValue& value) const {
+    if (item.error == S_OK && item.isCached) {
+        fileTime = item.tag->fileTime();
+        return Group::fromCache(*item.tag, type, item.isInService, quality, value);
+    }
     const HResult error = item.error != S_OK ? item.error : hostError_;
     if (error != S_OK || !readings_[item.answer].isFilled()) {
         value.type = VT_EMPTY;

@@ -15,7 +15,9 @@
 #include <vector>
 
 #include "base/Quality.h"
+#include "base/TimeSource.h"
 #include "budget/ClientBudget.h"
+#include "opcda/Age.h"
 #include "opcda/Callbacks.h"
 #include "opcda/Coercion.h"
 #include "opcda/Connections.h"
@@ -105,7 +107,8 @@ struct GroupHolds {
 
 class Group;
 
-// The plant's answer to a device read, for the items as the group had them when the client asked.
+// The plant's answer to a read, for the items as the group had them when the client asked. Those whose cached value was
+// young enough by then come from the cache.
 class DeviceReading {
  public:
     // Calls sink(const ItemReading&) once for each handle that was asked for, in order. S_OK, or S_FALSE when an item
@@ -125,6 +128,8 @@ class DeviceReading {
         HResult error = S_OK;  // why it was not asked for
         VarType type = VT_EMPTY;
         std::uint32_t answer = 0;  // its place among the plant's answers
+        bool isCached = false;     // the plant was not asked for it
+        bool isInService = true;
     };
 
     // What there is of an item, in some type. Gives the item's error.
@@ -190,9 +195,16 @@ class Group : public std::enable_shared_from_this<Group> {
     // An inactive item, and every item of an inactive group, comes with quality "out of service".
     template <class Sink>
     HResult readCache(std::span<const std::uint32_t> handles, Sink&& sink);
-    // Asks the server host for the values: OnRead once with all valid items, done once, maybe before this returns.
-    // Active or not does not matter. handles: at least one.
-    void readDevice(std::span<const std::uint32_t> handles, std::function<void(DeviceReading&)> done);
+    // The same for cached values that are young enough, as long as all are; nothing as soon as one is not, or is of an
+    // item that is out of service and has a maximum age: what the sink got is void then, and readDevice is to be asked.
+    // maxAges: milliseconds, one for each handle.
+    template <class Sink>
+    std::optional<HResult> readYoung(std::span<const std::uint32_t> handles, std::span<const std::uint32_t> maxAges,
+                                     Sink&& sink);
+    // Asks the server host for the values that are too old: OnRead once with all these items, done once, maybe before
+    // this returns. Active or not does not matter. handles: at least one.
+    void readDevice(std::span<const std::uint32_t> handles, const MaxAges& maxAges,
+                    std::function<void(DeviceReading&)> done);
     // OnWrite once for all valid items, done once, maybe before this returns; the values never matter, as no item takes
     // one. Results as of the other calls.
     using WriteDone = std::function<void(HResult result, const std::vector<HResult>& errors)>;
@@ -216,15 +228,17 @@ class Group : public std::enable_shared_from_this<Group> {
     // callbacks have not ended or not been answered), E_OUTOFMEMORY (the client's budget). S_FALSE: an item has an
     // error; it is not in the callback, and with none left there is no callback.
 
-    // OnRead once, then onReadComplete.
+    // OnRead once with the items whose cached value is too old, then onReadComplete with all.
     HResult asyncRead(std::span<const std::uint32_t> handles, std::uint32_t transaction, std::uint32_t& cancelId,
-                      std::vector<HResult>& errors);
+                      std::vector<HResult>& errors, const MaxAges& maxAges = MaxAges(noAge));
     // OnWrite once, then onWriteComplete, with the event's error for each item.
     HResult asyncWrite(std::span<const std::uint32_t> handles, std::uint32_t transaction, std::uint32_t& cancelId,
                        std::vector<HResult>& errors);
     // One onDataChange with all active items, whether callbacks are enabled or not. source: 1 cache, 2 device. E_FAIL
     // for an inactive group and for one without active items.
     HResult refresh(std::uint16_t source, std::uint32_t transaction, std::uint32_t& cancelId);
+    // The same; the device is asked for those items only whose cached value is older than so many milliseconds.
+    HResult refreshMaxAge(std::uint32_t maxAge, std::uint32_t transaction, std::uint32_t& cancelId);
     // S_OK: onCancelComplete comes instead of the transaction's callback. E_FAIL: there is no such transaction, or none
     // any more.
     HResult cancel(std::uint32_t cancelId);
@@ -261,8 +275,21 @@ class Group : public std::enable_shared_from_this<Group> {
     }
     template <class Action>
     HResult forEach(std::span<const std::uint32_t> handles, std::vector<HResult>& errors, Action&& action);
-    // What a client gets of the item from the cache. Gives the item's error.
-    HResult fromCache(const Slot& slot, std::uint16_t& quality, OpcValue& value) const;
+    bool isInService(const Slot& slot) const { return state_.active && slot.active; }
+    // What a client gets of an item from the cache. Gives the item's error.
+    static HResult fromCache(const SLIKTag& tag, VarType type, bool isInService, std::uint16_t& quality,
+                             OpcValue& value);
+    HResult fromCache(const Slot& slot, std::uint16_t& quality, OpcValue& value) const {
+        return fromCache(*slot.tag, slot.type, isInService(slot), quality, value);
+    }
+    // Whether the plant need not be asked: the value is young enough, or nobody may read it. now: UTC, FILETIME.
+    bool isCacheEnough(const Slot& slot, std::uint32_t maxAge, std::int64_t now) const {
+        return maxAge == anyAge || !isReadable(*slot.tag) ||
+               (isInService(slot) && isYoungEnough(slot.tag->fileTime(), maxAge, now));
+    }
+    // isEnough(slot, index): ends the read, without a result, when it is not.
+    template <class IsEnough, class Sink>
+    std::optional<HResult> readWhile(std::span<const std::uint32_t> handles, IsEnough&& isEnough, Sink&& sink);
 
     ItemResult validate(const ItemDefinition& item, const SLIKTag*& tag) const;
     template <class Accept>
@@ -279,7 +306,7 @@ class Group : public std::enable_shared_from_this<Group> {
     bool makeRoom(std::size_t slots);
     bool copyItemsFrom(const Group& other);
     void detach();
-    DeviceReading::Asked toAsk(std::uint32_t handle);
+    DeviceReading::Asked toAsk(std::uint32_t handle, std::uint32_t maxAge, std::int64_t now);
     void ask(const std::shared_ptr<DeviceReading>& reading, std::function<void(DeviceReading&)> done);
 
     enum class Stage : std::uint8_t { atPlant, waiting, cancelled };
@@ -343,25 +370,45 @@ class Group : public std::enable_shared_from_this<Group> {
     std::map<std::uint32_t, Transaction> transactions_;  // by cancel ID, which is their order
 };
 
-inline HResult Group::fromCache(const Slot& slot, std::uint16_t& quality, OpcValue& value) const {
-    if (!isReadable(*slot.tag)) {
+inline HResult Group::fromCache(const SLIKTag& tag, VarType type, bool isInService, std::uint16_t& quality,
+                                OpcValue& value) {
+    if (!isReadable(tag)) {
         value.type = VT_EMPTY;
         quality = quality::bad;
         return OPC_E_BADRIGHTS;
     }
-    quality = state_.active && slot.active ? slot.tag->qualityWord() : quality::badOutOfService;
-    return present(slot.tag->Value(), slot.type, quality, value);
+    quality = isInService ? tag.qualityWord() : quality::badOutOfService;
+    return present(tag.Value(), type, quality, value);
 }
 
 template <class Sink>
 HResult Group::readCache(std::span<const std::uint32_t> handles, Sink&& sink) {
+    return readWhile(
+               handles, [](const Slot&, std::size_t) { return true; }, sink)
+        .value_or(S_OK);
+}
+
+template <class Sink>
+std::optional<HResult> Group::readYoung(std::span<const std::uint32_t> handles, std::span<const std::uint32_t> maxAges,
+                                        Sink&& sink) {
+    const auto isEnough = [this, maxAges, now = timeSource().fileTimeNow()](const Slot& slot, std::size_t index) {
+        return isCacheEnough(slot, maxAges[index], now);
+    };
+    return handles.size() == maxAges.size() ? readWhile(handles, isEnough, sink) : std::optional(E_INVALIDARG);
+}
+
+template <class IsEnough, class Sink>
+std::optional<HResult> Group::readWhile(std::span<const std::uint32_t> handles, IsEnough&& isEnough, Sink&& sink) {
     if (handles.empty() || isRemoved()) {
         return isRemoved() ? E_FAIL : E_INVALIDARG;
     }
     bool allGood = true;
     OpcValue value;
-    for (const std::uint32_t handle : handles) {
-        if (const Slot* slot = find(handle)) {
+    for (std::size_t i = 0; i < handles.size(); ++i) {
+        if (const Slot* slot = find(handles[i])) {
+            if (!isEnough(*slot, i)) {
+                return std::nullopt;
+            }
             std::uint16_t quality = 0;
             const HResult error = fromCache(*slot, quality, value);
             sink(ItemReading{error, slot->clientHandle, slot->tag->fileTime(), quality, value});

@@ -70,15 +70,16 @@ void Group::beginReading(std::uint32_t cancelId, std::shared_ptr<DeviceReading> 
 }
 
 HResult Group::asyncRead(std::span<const std::uint32_t> handles, std::uint32_t transaction, std::uint32_t& cancelId,
-                         std::vector<HResult>& errors) {
+                         std::vector<HResult>& errors, const MaxAges& maxAges) {
     cancelId = 0;
     errors.clear();
     if (const HResult refused = refusal(handles.empty()); refused != S_OK) {
         return refused;
     }
     auto reading = std::make_shared<DeviceReading>();
-    for (const std::uint32_t handle : handles) {
-        const DeviceReading::Asked item = toAsk(handle);
+    const std::int64_t now = timeSource().fileTimeNow();
+    for (std::size_t i = 0; i < handles.size(); ++i) {
+        const DeviceReading::Asked item = toAsk(handles[i], maxAges[i], now);
         errors.push_back(item.error);
         if (item.error == S_OK) {
             reading->asked_.push_back(item);
@@ -131,20 +132,27 @@ HResult Group::asyncWrite(std::span<const std::uint32_t> handles, std::uint32_t 
 
 HResult Group::refresh(std::uint16_t source, std::uint32_t transaction, std::uint32_t& cancelId) {
     cancelId = 0;
-    if (const HResult refused = refusal(source != cache && source != device); refused != S_OK) {
+    const HResult refused = refusal(source != cache && source != device);
+    return refused != S_OK ? refused : refreshMaxAge(source == cache ? anyAge : noAge, transaction, cancelId);
+}
+
+HResult Group::refreshMaxAge(std::uint32_t maxAge, std::uint32_t transaction, std::uint32_t& cancelId) {
+    cancelId = 0;
+    if (const HResult refused = refusal(false); refused != S_OK) {
         return refused;
     }
     auto reading = std::make_shared<DeviceReading>();
+    const std::int64_t now = timeSource().fileTimeNow();
+    bool isCached = true;
     for (std::size_t number = 0; number < slots_.size(); ++number) {
         if (slots_[number].tag != nullptr && slots_[number].active) {
-            reading->asked_.push_back(toAsk(handleOf(number)));
+            isCached &= reading->asked_.emplace_back(toAsk(handleOf(number), maxAge, now)).isCached;
         }
     }
     const std::size_t active = reading->asked_.size();
     if (!state_.active || active == 0) {
         return E_FAIL;
     }
-    const bool isCached = source == cache;
     const std::size_t memory = active * (CallbackColumns::itemSize + (isCached ? 0 : questionCost));
     const HResult result = begin(transaction, isCached ? Stage::waiting : Stage::atPlant, memory, cancelId);
     if (result == S_OK && isCached) {

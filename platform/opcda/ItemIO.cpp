@@ -4,18 +4,12 @@
 
 #include "base/Quality.h"
 #include "base/TimeSource.h"
+#include "opcda/Age.h"
 #include "opcda/ItemLookup.h"
 
 namespace quelm::opcda {
 
 namespace {
-
-constexpr std::uint32_t anyAge = 0xFFFFFFFF;
-constexpr std::int64_t unitsPerMillisecond = 10'000;
-
-bool isFresh(const SLIKTag& tag, std::uint32_t maxAge, std::int64_t now) {
-    return maxAge == anyAge || (maxAge != 0 && now - tag.fileTime() <= maxAge * unitsPerMillisecond);
-}
 
 // The same conversion to the item's own type as a group's read makes, to know its failure.
 void settle(ItemIOReading& reading) {
@@ -64,7 +58,7 @@ bool ItemIO::readCache(std::span<const std::string_view> itemIds, std::span<cons
             continue;
         }
         reading.type = tag->varType();
-        if (isFresh(*tag, maxAges[i], now)) {
+        if (isYoungEnough(tag->fileTime(), maxAges[i], now)) {
             reading.value = tag->Value();
             reading.quality = tag->qualityWord();
             reading.fileTime = tag->fileTime();

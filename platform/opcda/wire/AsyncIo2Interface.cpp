@@ -12,39 +12,43 @@ using dcom::ndr::Reader;
 using dcom::ndr::Writer;
 using dcom::orpc::CallContext;
 
-AsyncIo2Interface::AsyncIo2Interface(OpcGroupObject& object) : group_(object.group()) {}
+AsyncIoCalls::AsyncIoCalls(OpcGroupObject& object) : group_(object.group()) {}
 
-Fault AsyncIo2Interface::begin(bool writing, Reader& in, Writer& out) {
+Fault AsyncIoCalls::begin(Given given, Reader& in, Writer& out) {
     const CallBuffers::Loan buffers(group_.application().callBuffers());
     const std::uint32_t count = in.u32();
     std::uint32_t cancelId = 0;
     HResult result = E_OUTOFMEMORY;
     if (count <= group_.application().itemsPerCall()) {
         readU32Array(in, count, buffers->handles);
-        if (writing) {
-            skipVariantArray(in, count);
+        if (given == Given::MaxAges) {
+            readU32Array(in, count, buffers->numbers);
+        } else if (given != Given::Nothing) {
+            (given == Given::Values ? skipVariantArray : skipVqtArray)(in, count);
         }
         const std::uint32_t transaction = in.u32();
         if (!in.good()) {
             return Fault::BadStubData;
         }
-        result = writing ? group_.asyncWrite(buffers->handles, transaction, cancelId, buffers->errors)
-                         : group_.asyncRead(buffers->handles, transaction, cancelId, buffers->errors);
+        const bool isRead = given == Given::Nothing || given == Given::MaxAges;
+        const MaxAges maxAges = given == Given::MaxAges ? MaxAges(buffers->numbers) : MaxAges(noAge);
+        result = isRead ? group_.asyncRead(buffers->handles, transaction, cancelId, buffers->errors, maxAges)
+                        : group_.asyncWrite(buffers->handles, transaction, cancelId, buffers->errors);
     }
     out.u32(cancelId);
     writeErrors(out, result, buffers->errors);
     return Fault::None;
 }
 
-Fault AsyncIo2Interface::read(Reader& in, Writer& out, CallContext& /*context*/) {
-    return begin(false, in, out);
+Fault AsyncIoCalls::read(Reader& in, Writer& out, CallContext& /*context*/) {
+    return begin(Given::Nothing, in, out);
 }
 
-Fault AsyncIo2Interface::write(Reader& in, Writer& out, CallContext& /*context*/) {
-    return begin(true, in, out);
+Fault AsyncIoCalls::write(Reader& in, Writer& out, CallContext& /*context*/) {
+    return begin(Given::Values, in, out);
 }
 
-Fault AsyncIo2Interface::refresh(Reader& in, Writer& out, CallContext& /*context*/) {
+Fault AsyncIoCalls::refresh(Reader& in, Writer& out, CallContext& /*context*/) {
     const std::uint16_t source = in.u16();
     const std::uint32_t transaction = in.u32();
     if (!in.good()) {
@@ -57,7 +61,7 @@ Fault AsyncIo2Interface::refresh(Reader& in, Writer& out, CallContext& /*context
     return Fault::None;
 }
 
-Fault AsyncIo2Interface::cancel(Reader& in, Writer& out, CallContext& /*context*/) {
+Fault AsyncIoCalls::cancel(Reader& in, Writer& out, CallContext& /*context*/) {
     const std::uint32_t cancelId = in.u32();
     if (!in.good()) {
         return Fault::BadStubData;
@@ -66,7 +70,7 @@ Fault AsyncIo2Interface::cancel(Reader& in, Writer& out, CallContext& /*context*
     return Fault::None;
 }
 
-Fault AsyncIo2Interface::setEnable(Reader& in, Writer& out, CallContext& /*context*/) {
+Fault AsyncIoCalls::setEnable(Reader& in, Writer& out, CallContext& /*context*/) {
     const bool enabled = in.u32() != 0;
     if (!in.good()) {
         return Fault::BadStubData;
@@ -75,7 +79,7 @@ Fault AsyncIo2Interface::setEnable(Reader& in, Writer& out, CallContext& /*conte
     return Fault::None;
 }
 
-Fault AsyncIo2Interface::getEnable(Reader& /*in*/, Writer& out, CallContext& /*context*/) {
+Fault AsyncIoCalls::getEnable(Reader& /*in*/, Writer& out, CallContext& /*context*/) {
     bool enabled = false;
     const HResult result = group_.isEnabled(enabled);
     out.u32(result == S_OK && enabled ? 1 : 0);

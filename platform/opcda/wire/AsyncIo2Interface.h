@@ -22,26 +22,35 @@ enum class AsyncIo2 : std::uint16_t {
 
 class OpcGroupObject;
 
-class AsyncIo2Interface final : public dcom::orpc::Dispatched<AsyncIo2Interface> {
+// The calls that IOPCAsyncIO3 has as well.
+class AsyncIoCalls : public dcom::orpc::Interface {
  public:
-    static constexpr Uuid interfaceId = iidOpcAsyncIo2;
-    static constexpr std::string_view interfaceName = "IOPCAsyncIO2";
-    using Opnum = AsyncIo2;
+    explicit AsyncIoCalls(OpcGroupObject& object);
 
-    explicit AsyncIo2Interface(OpcGroupObject& object);
-
- private:
+ protected:
     dcom::Fault read(dcom::ndr::Reader& in, dcom::ndr::Writer& out, dcom::orpc::CallContext& context);
     dcom::Fault write(dcom::ndr::Reader& in, dcom::ndr::Writer& out, dcom::orpc::CallContext& context);
     dcom::Fault refresh(dcom::ndr::Reader& in, dcom::ndr::Writer& out, dcom::orpc::CallContext& context);
     dcom::Fault cancel(dcom::ndr::Reader& in, dcom::ndr::Writer& out, dcom::orpc::CallContext& context);
     dcom::Fault setEnable(dcom::ndr::Reader& in, dcom::ndr::Writer& out, dcom::orpc::CallContext& context);
     dcom::Fault getEnable(dcom::ndr::Reader& in, dcom::ndr::Writer& out, dcom::orpc::CallContext& context);
-    dcom::Fault begin(bool writing, dcom::ndr::Reader& in, dcom::ndr::Writer& out);
+    // What stands between the handles and the transaction.
+    enum class Given : std::uint8_t { Nothing, Values, MaxAges, Vqts };
+    dcom::Fault begin(Given given, dcom::ndr::Reader& in, dcom::ndr::Writer& out);
+    Group& group() { return group_; }
 
+ private:
     Group& group_;
+};
 
+class AsyncIo2Interface final : public dcom::orpc::Dispatched<AsyncIo2Interface, AsyncIoCalls> {
  public:
+    static constexpr Uuid interfaceId = iidOpcAsyncIo2;
+    static constexpr std::string_view interfaceName = "IOPCAsyncIO2";
+    using Opnum = AsyncIo2;
+
+    using Dispatched::Dispatched;
+
     static constexpr std::array methods{
         Row{Opnum::Read, "Read", &AsyncIo2Interface::read},
         Row{Opnum::Write, "Write", &AsyncIo2Interface::write},

@@ -1,6 +1,7 @@
 #include "opcda/wire/ItemIoInterface.h"
 
 #include "opcda/wire/Parameters.h"
+#include "opcda/wire/ValueColumns.h"
 #include "opcda/wire/WireVariant.h"
 
 namespace quelm::opcda::wire {
@@ -11,60 +12,21 @@ using dcom::ndr::Writer;
 
 namespace {
 
-// Passes over the values, qualities and time stamps to write: conformance, structures, and the values behind them.
-void skipVqts(Reader& in, std::uint32_t count) {
-    constexpr std::size_t vqtSize = 28;
-    if (!readConformance(in, count, vqtSize)) {
-        return;
-    }
-    Reader vqts(in.bytes(vqtSize * count));
-    for (std::uint32_t i = 0; i < count && in.good(); ++i) {
-        if (vqts.pointer()) {
-            skipVariant(in);
-        }
-        vqts.bytes(vqtSize - 4);
-    }
-}
-
-void writeQualitiesAndStamps(Writer& out, const std::vector<ItemIOReading>& readings) {
-    writeArrayHead(out, readings.size());
-    for (const ItemIOReading& reading : readings) {
-        out.u16(reading.quality);
-    }
-    writeArrayHead(out, readings.size());
-    for (const ItemIOReading& reading : readings) {
-        put(out.extend(sizeof reading.fileTime), reading.fileTime);
-    }
-}
-
-// Bytes of a reply behind its values: qualities, time stamps, results.
-std::size_t behindValues(std::size_t count) {
-    return 64 + count * (sizeof(std::uint16_t) + sizeof(std::int64_t) + sizeof(HResult));
-}
-
-Fault refuseRead(Writer& out, HResult result) {
-    out.nullPointer();
-    out.nullPointer();
-    out.nullPointer();
-    writeErrors(out, result, {});
-    return Fault::None;
-}
-
 Fault writeReadings(Writer& out, std::size_t memoryLeft, LastUpdate& update, HResult result,
-                    const std::vector<ItemIOReading>& readings, std::vector<HResult>& errors) {
+                    const std::vector<ItemIOReading>& readings, std::vector<BehindValue>& behind) {
     if (failed(result)) {
-        return refuseRead(out, result);
+        return refuseColumns(out, result);
     }
-    if (!writeVariantArray(out, ReplyRoom(out, memoryLeft), readings, behindValues(readings.size()))) {
-        return refuseRead(out, E_OUTOFMEMORY);
-    }
-    writeQualitiesAndStamps(out, readings);
-    errors.clear();
+    ValueColumns columns(out, memoryLeft, readings.size(), behind);
+    OpcValue value;
     for (const ItemIOReading& reading : readings) {
-        errors.push_back(reading.error);
+        value.type = VT_EMPTY;
+        if (reading.error == S_OK) {
+            convert(reading.value, reading.type, value);
+        }
+        columns.add(reading.error, reading.quality, reading.fileTime, value);
     }
-    writeErrors(out, result, errors);
-    if (hasData(errors)) {
+    if (columns.end(result)) {
         update.note();
     }
     return Fault::None;
@@ -76,7 +38,7 @@ Fault ItemIoInterface::read(Server& server, Reader& in, Writer& out, dcom::orpc:
     const CallBuffers::Loan buffers(server.application().callBuffers());
     const std::uint32_t count = in.u32();
     if (count > server.application().itemsPerCall()) {
-        return refuseRead(out, E_OUTOFMEMORY);
+        return refuseColumns(out, E_OUTOFMEMORY);
     }
     readStringArray(in, count, buffers->itemIds);
     readU32Array(in, count, buffers->numbers);
@@ -88,15 +50,15 @@ Fault ItemIoInterface::read(Server& server, Reader& in, Writer& out, dcom::orpc:
     HResult result = S_OK;
     if (server.itemIO().readCache(buffers->views, buffers->numbers, readings, result)) {
         return writeReadings(out, server.budget()->memory.room(), *server.lastUpdate(), result, readings,
-                             buffers->errors);
+                             buffers->behindValues);
     }
     server.itemIO().readDevice(
         readings, [reply = context.defer(out), budget = server.budget(), update = server.lastUpdate()](
                       HResult late, const std::vector<ItemIOReading>& answered) {
             if (reply->wanted()) {
                 reply->complete([&](Writer& lateOut) {
-                    std::vector<HResult> errors;
-                    return writeReadings(lateOut, budget->memory.room(), *update, late, answered, errors);
+                    std::vector<BehindValue> behind;
+                    return writeReadings(lateOut, budget->memory.room(), *update, late, answered, behind);
                 });
             }
         });
@@ -111,7 +73,7 @@ Fault ItemIoInterface::writeVqt(Server& server, Reader& in, Writer& out, dcom::o
         return Fault::None;
     }
     readStringArray(in, count, buffers->itemIds);
-    skipVqts(in, count);
+    skipVqtArray(in, count);
     if (!in.good()) {
         return Fault::BadStubData;
     }

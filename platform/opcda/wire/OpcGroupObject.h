@@ -7,12 +7,12 @@
 
 #include "dcom/orpc/ComObject.h"
 #include "opcda/Group.h"
-#include "opcda/wire/AsyncIo2Interface.h"
+#include "opcda/wire/AsyncIo3Interface.h"
 #include "opcda/wire/ConnectionPointContainerInterface.h"
 #include "opcda/wire/GroupStateMgtInterface.h"
 #include "opcda/wire/ItemMgtInterface.h"
 #include "opcda/wire/OfferedInterfaces.h"
-#include "opcda/wire/SyncIoInterface.h"
+#include "opcda/wire/SyncIo2Interface.h"
 
 namespace quelm::opcda::wire {
 
@@ -22,7 +22,8 @@ class OpcGroupObject final : public dcom::orpc::ComObject, public Connectable {
  public:
     // What clients may ask it for.
     using Interfaces = OfferedInterfaces<SyncIoInterface, ItemMgtInterface, GroupStateMgtInterface, AsyncIo2Interface,
-                                         ConnectionPointContainerInterface, GroupStateMgt2Interface>;
+                                         ConnectionPointContainerInterface, GroupStateMgt2Interface, SyncIo2Interface,
+                                         AsyncIo3Interface>;
 
     // connections: of the group, whichever objects it has had.
     OpcGroupObject(std::weak_ptr<OpcServerObject> owner, std::shared_ptr<Group> group, OutgoingCalls& outgoing,

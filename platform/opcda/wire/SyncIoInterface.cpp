@@ -13,7 +13,6 @@ using dcom::ndr::Writer;
 
 namespace {
 
-enum Opnum : std::uint16_t { Read = 3, Write = 4 };
 enum Source : std::uint16_t { Cache = 1, Device = 2 };
 
 // The array of item states, filled in place while the values are written behind it.
@@ -92,9 +91,9 @@ Fault writeStates(Writer& out, const Source& source, std::size_t count, std::vec
 
 }  // namespace
 
-SyncIoInterface::SyncIoInterface(OpcGroupObject& object) : group_(object.group()) {}
+SyncIoCalls::SyncIoCalls(OpcGroupObject& object) : group_(object.group()) {}
 
-Fault SyncIoInterface::read(Reader& in, Writer& out, dcom::orpc::CallContext& context) {
+Fault SyncIoCalls::read(Reader& in, Writer& out, dcom::orpc::CallContext& context) {
     const CallBuffers::Loan buffers(group_.application().callBuffers());
     std::vector<std::uint32_t>& handles = buffers->handles;
     const std::uint16_t source = in.u16();
@@ -120,19 +119,25 @@ Fault SyncIoInterface::read(Reader& in, Writer& out, dcom::orpc::CallContext& co
         return writeStates(out, group_, handles.size(), buffers->errors,
                            [&](const auto& sink) { return group_.readCache(handles, sink); });
     }
-    group_.readDevice(handles, [reply = context.defer(out), count = handles.size()](DeviceReading& reading) {
-        if (reply->wanted()) {
-            reply->complete([&](Writer& late) {
-                std::vector<HResult> errors;
-                return writeStates(late, reading, count, errors,
-                                   [&](const auto& sink) { return reading.deliver(sink); });
-            });
-        }
-    });
+    group_.readDevice(handles, MaxAges(noAge),
+                      [reply = context.defer(out), count = handles.size()](DeviceReading& reading) {
+                          if (reply->wanted()) {
+                              reply->complete([&](Writer& late) {
+                                  std::vector<HResult> errors;
+                                  return writeStates(late, reading, count, errors,
+                                                     [&](const auto& sink) { return reading.deliver(sink); });
+                              });
+                          }
+                      });
     return Fault::Deferred;
 }
 
-Fault SyncIoInterface::write(Reader& in, Writer& out, dcom::orpc::CallContext& context) {
+Fault SyncIoCalls::write(Reader& in, Writer& out, dcom::orpc::CallContext& context) {
+    return refuseWrite(in, out, context, skipVariantArray);
+}
+
+Fault SyncIoCalls::refuseWrite(Reader& in, Writer& out, dcom::orpc::CallContext& context,
+                               void (*skipValues)(Reader&, std::uint32_t)) {
     const CallBuffers::Loan buffers(group_.application().callBuffers());
     const std::uint32_t count = in.u32();
     if (count > group_.application().itemsPerCall()) {
@@ -140,7 +145,7 @@ Fault SyncIoInterface::write(Reader& in, Writer& out, dcom::orpc::CallContext& c
         return Fault::None;
     }
     readU32Array(in, count, buffers->handles);
-    skipVariantArray(in, count);
+    skipValues(in, count);
     if (!in.good()) {
         return Fault::BadStubData;
     }

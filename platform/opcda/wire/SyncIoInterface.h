@@ -19,21 +19,31 @@ enum class SyncIo : std::uint16_t {
 
 class OpcGroupObject;
 
-class SyncIoInterface final : public dcom::orpc::Dispatched<SyncIoInterface> {
+// The calls that IOPCSyncIO2 has as well.
+class SyncIoCalls : public dcom::orpc::Interface {
+ public:
+    explicit SyncIoCalls(OpcGroupObject& object);
+
+ protected:
+    dcom::Fault read(dcom::ndr::Reader& in, dcom::ndr::Writer& out, dcom::orpc::CallContext& context);
+    dcom::Fault write(dcom::ndr::Reader& in, dcom::ndr::Writer& out, dcom::orpc::CallContext& context);
+    // skipValues: passes over the values to write.
+    dcom::Fault refuseWrite(dcom::ndr::Reader& in, dcom::ndr::Writer& out, dcom::orpc::CallContext& context,
+                            void (*skipValues)(dcom::ndr::Reader&, std::uint32_t));
+    Group& group() { return group_; }
+
+ private:
+    Group& group_;
+};
+
+class SyncIoInterface final : public dcom::orpc::Dispatched<SyncIoInterface, SyncIoCalls> {
  public:
     static constexpr Uuid interfaceId = iidOpcSyncIo;
     static constexpr std::string_view interfaceName = "IOPCSyncIO";
     using Opnum = SyncIo;
 
-    explicit SyncIoInterface(OpcGroupObject& object);
+    using Dispatched::Dispatched;
 
- private:
-    dcom::Fault read(dcom::ndr::Reader& in, dcom::ndr::Writer& out, dcom::orpc::CallContext& context);
-    dcom::Fault write(dcom::ndr::Reader& in, dcom::ndr::Writer& out, dcom::orpc::CallContext& context);
-
-    Group& group_;
-
- public:
     static constexpr std::array methods{
         Row{Opnum::Read, "Read", &SyncIoInterface::read},
         Row{Opnum::Write, "Write", &SyncIoInterface::write},

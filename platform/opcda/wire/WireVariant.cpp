@@ -332,4 +332,18 @@ void skipVariantArray(Reader& in, std::uint32_t count) {
     skipPointers(in, count, skipVariant);
 }
 
+void skipVqtArray(Reader& in, std::uint32_t count) {
+    constexpr std::size_t vqtSize = 28;
+    if (!readConformance(in, count, vqtSize)) {
+        return;
+    }
+    Reader vqts(in.bytes(vqtSize * count));
+    for (std::uint32_t i = 0; i < count && in.good(); ++i) {
+        if (vqts.pointer()) {
+            skipVariant(in);
+        }
+        vqts.bytes(vqtSize - 4);
+    }
+}
+
 }  // namespace quelm::opcda::wire

@@ -54,4 +54,8 @@ void skipVariant(dcom::ndr::Reader& in);
 // Passes over an [in, size_is(count)] array of VARIANTs: conformance, referents, bodies.
 void skipVariantArray(dcom::ndr::Reader& in, std::uint32_t count);
 
+// Passes over an [in, size_is(count)] array of values with quality and time stamp: conformance, structures, and the
+// values behind them.
+void skipVqtArray(dcom::ndr::Reader& in, std::uint32_t count);
+
 }  // namespace quelm::opcda::wire

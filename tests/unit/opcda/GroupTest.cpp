@@ -22,7 +22,17 @@ class GroupTest : public OpcDaTest {
     }
     std::vector<Seen> fromDevice(const Handles& handles) {
         Recorder read;
-        group->readDevice(handles, [&](DeviceReading& reading) { result = reading.deliver(read); });
+        group->readDevice(handles, MaxAges(noAge), [&](DeviceReading& reading) { result = reading.deliver(read); });
+        return read.seen;
+    }
+    std::vector<Seen> withMaxAges(const Handles& handles, const std::vector<std::uint32_t>& ages) {
+        Recorder read;
+        if (const auto young = group->readYoung(handles, ages, read)) {
+            result = *young;
+            return read.seen;
+        }
+        read = {};
+        group->readDevice(handles, MaxAges(ages), [&](DeviceReading& reading) { result = reading.deliver(read); });
         return read.seen;
     }
 
@@ -39,6 +49,39 @@ class GroupTest : public OpcDaTest {
     std::vector<HResult> errors;
     HResult result = S_OK;
 };
+
+// What the plant was asked for beside each item's age; 20 s after the pass.
+TEST_F(GroupTest, OnlyWhatIsOlderThanItsMaximumAgeIsAskedFor) {
+    add("Setpoint", Variant(1.0), 2);
+    const Handles items = addItems(*group, {"Plant.Stack1.NOx", "Plant.Stack1.Count", "Setpoint"});
+    const Handles handles{items[0], 99, items[1], items[2]};
+    const Seen outOfService{S_OK, 100, quality::badOutOfService, VT_R4, 12.5};
+    const Seen unreadable{.error = OPC_E_BADRIGHTS, .clientHandle = 102};
+    clock.advanceMilliseconds(20'000);
+    const auto expect = [&](const std::vector<std::uint32_t>& ages, const std::string& asked, const Seen& first) {
+        events.log.clear();
+        EXPECT_THAT(withMaxAges(handles, ages), ElementsAre(first, dead, count, unreadable)) << asked;
+        EXPECT_EQ(fmt::format("{}", fmt::join(events.log, ";")), asked);
+        EXPECT_EQ(result, S_FALSE);
+    };
+    expect({20'000, 0, anyAge - 1, 0}, "", nox);
+    expect({19'999, 0, 20'000, 0}, "read 1 Plant.Stack1.NOx", nox);
+    expect({anyAge, 0, 0, 0}, "read 1 Plant.Stack1.Count", nox);
+    expect({0, 0, 0, 0}, "read 2 Plant.Stack1.NOx Plant.Stack1.Count", nox);
+    group->setActiveState(Handles{items[0]}, false, errors);
+    expect({anyAge, 0, anyAge, 0}, "", outOfService);
+    expect({anyAge - 1, 0, anyAge, 0}, "read 1 Plant.Stack1.NOx", nox);
+    group->setActiveState(Handles{items[0]}, true, errors);
+    GroupChange off;
+    off.active = false;
+    group->setState(off);
+    expect({anyAge, 0, 20'000, 0}, "read 1 Plant.Stack1.Count", outOfService);
+    events.readError = asNumber(E_OUTOFMEMORY);
+    EXPECT_THAT(withMaxAges(Handles{items[0], items[1]}, {anyAge, 0}),
+                ElementsAre(outOfService, Seen{.error = E_OUTOFMEMORY, .clientHandle = 101}));
+    EXPECT_THAT(withMaxAges({}, {}), IsEmpty());
+    EXPECT_EQ(result, E_INVALIDARG);
+}
 
 TEST_F(GroupTest, AddItemsTellsEachItemsFate) {
     add("Texts", Variant(std::vector<std::string>{"a", "b"}));

@@ -233,13 +233,26 @@ TEST_F(Callbacks, AnswerAsynchronousCalls) {
     EXPECT_HEX(answer.parameters,
                "08000000 05000000 01000000 02000000 02000000 64000000 65000000 02000000 05400080 05400080");
 
+    const Parameters young = Parameters().u32(1000).u32(9);
     EXPECT_HEX(call(AsyncIo2::Refresh2, once).bytes, "03000000 00000000");
+    EXPECT_HEX(next().parameters, "09000000 05000000 00000000 00000000 02000000" + readings);
+    EXPECT_HEX(call(AsyncIo3::RefreshMaxAge, young).bytes, "04000000 00000000");
     answer = next();
     EXPECT_EQ(answer.opnum, 3);
     EXPECT_HEX(answer.parameters, "09000000 05000000 00000000 00000000 02000000" + readings);
 
-    EXPECT_EQ(call(AsyncIo2::Read, all).result(), S_FALSE);
-    EXPECT_HEX(call(AsyncIo2::Cancel2, Parameters().u32(4)).bytes, "00000000");
+    const std::string oneBad = "04000200 03000000 00000000 00000000 010004C0 01000000";
+    EXPECT_HEX(call(AsyncIo3::ReadMaxAge, Parameters().counted(handles).array(Handles{0, 1000, 0}).u32(7)).bytes,
+               "05000000" + oneBad);
+    EXPECT_HEX(next().parameters, "07000000 05000000 00000000 00000000 02000000" + readings);
+    EXPECT_EQ(events_.reads, (std::vector<std::int32_t>{2, 1}));
+    EXPECT_HEX(call(AsyncIo3::WriteVqt, Parameters().counted(handles).u32(3).add(Bytes(3 * 28)).u32(8)).bytes,
+               "06000000" + oneBad);
+    EXPECT_HEX(next().parameters,
+               "08000000 05000000 01000000 02000000 02000000 64000000 65000000 02000000 05400080 05400080");
+
+    EXPECT_EQ(call(AsyncIo3::Read, all).result(), S_FALSE);
+    EXPECT_HEX(call(AsyncIo3::Cancel2, Parameters().u32(7)).bytes, "00000000");
     answer = next();
     EXPECT_EQ(answer.opnum, 6);
     EXPECT_HEX(answer.parameters, "07000000 05000000");

@@ -74,6 +74,27 @@ TEST_F(OpcWire, ReadsTheCacheInOneReplyAndTheDeviceByAskingTheHostOnce) {
     EXPECT_EQ(events_.reads, std::vector<std::int32_t>{3});
 }
 
+// Once from the cache alone, once with the device: the same reply, for a text comes as new as the number before it.
+TEST_F(OpcWire, ReadsByMaximumAgeInColumns) {
+    addGroup("g");
+    auto handles = addItems({"A.Temp", "Name", "Flow"});
+    handles.insert(handles.begin() + 2, 0xBAD);
+    for (const std::uint32_t age : {0xFFFFFFFFU, 0U}) {
+        const Parameters request = Parameters().counted(handles).array(Handles{age, 1000, 0, 1000});
+        EXPECT_HEX(call(SyncIo2::ReadMaxAge, request).bytes,
+                   "04000200 04000000 04000040 08000040 0C000040 10000040"
+                   "03000000 00000000 0400 000000000000 04000000 00004841"
+                   "05000000 00000000 0800 000000000000 08000000 08000200 02000000 04000000 02000000 4100 6200"
+                   "03000000 00000000 0000 000000000000 00000000 00000000"
+                   "04000000 00000000 0500 000000000000 05000000 00000000 000000000000D03F"
+                   "0C000200 04000000 C080 4000 0000 1800"
+                   "10000200 04000000" STAMP STAMP "00000000 00000000" STAMP
+                   "14000200 04000000 00000000 00000000 010004C0 00000000 01000000");
+        EXPECT_EQ(events_.reads, std::vector<std::int32_t>(age == 0 ? 1 : 0, 1));
+    }
+    EXPECT_HEX(call(SyncIo2::ReadMaxAge, Bytes(12)).bytes, "00000000 00000000 00000000 00000000 57000780");
+}
+
 TEST_F(OpcWire, RefusesWritesItemByItem) {
     addGroup("g");
     auto handles = addItems({"A.Count", "Name"});
@@ -83,7 +104,10 @@ TEST_F(OpcWire, RefusesWritesItemByItem) {
     request.hex("03000000 00000000 0300 CCCCCCCCCCCC 03000000 05000000");
     request.hex("05000000 00000000 0800 CCCCCCCCCCCC 08000000 55736572 01000000 02000000 01000000 4100");
     EXPECT_HEX(call(SyncIo::Write, request).bytes, "04000200 03000000 05400080 05400080 010004C0 01000000");
-    EXPECT_EQ(events_.writes, std::vector<std::int32_t>{2});
+    Parameters qualitiesAlone;
+    qualitiesAlone.counted(handles).u32(3).add(Bytes(3 * 28));
+    EXPECT_HEX(call(SyncIo2::WriteVqt, qualitiesAlone).bytes, "04000200 03000000 05400080 05400080 010004C0 01000000");
+    EXPECT_EQ(events_.writes, std::vector<std::int32_t>(2, 2));
 }
 
 TEST_F(OpcWire, CallsWithoutItemsAreInvalid) {

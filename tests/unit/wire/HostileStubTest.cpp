@@ -23,6 +23,18 @@ class HostileStub : public OpcWire {
     };
 
     std::vector<Request> requests() const {
+        std::vector<Request> requests = ownRequests();
+        for (std::size_t i = requests.size(); i-- > 0;) {
+            const Request& each = requests[i];
+            if (each.iid == iidOpcSyncIo || each.iid == iidOpcAsyncIo2) {
+                const Uuid derived = each.iid == iidOpcSyncIo ? iidOpcSyncIo2 : iidOpcAsyncIo3;
+                requests.push_back(Request{{derived, each.opnum}, each.stub});
+            }
+        }
+        return requests;
+    }
+    // Without those that an interface has from another.
+    std::vector<Request> ownRequests() const {
         const auto all = [] { return Parameters(); };
         const std::vector<Uuid> kinds{iidOpcServer};
         const Parameters definitions = OpcWire::definitions({"Flow", "Switch"});
@@ -69,6 +81,11 @@ class HostileStub : public OpcWire {
             {AsyncIo2::Refresh2, all().u16(1).u32(7)},
             {AsyncIo2::Cancel2, all().u32(1)},
             {AsyncIo2::SetEnable, all().u32(1)},
+            {SyncIo2::ReadMaxAge, all().counted(handles_).array(handles_)},
+            {SyncIo2::WriteVqt, all().counted(handles_).u32(2).u32(1).add(Bytes(52)).align(8).hex(number)},
+            {AsyncIo3::ReadMaxAge, all().counted(handles_).array(handles_).u32(7)},
+            {AsyncIo3::WriteVqt, all().counted(handles_).u32(2).u32(1).add(Bytes(52)).align(8).hex(number).u32(7)},
+            {AsyncIo3::RefreshMaxAge, all().u32(0).u32(7)},
             {ConnectionPointContainer::FindConnectionPoint, all().uuid(iidOpcDataCallback)},
             {{iidConnectionPoint, ConnectionPoint::Advise}, all().u32(1).u32(8).u32(8).hex("4D454F57 01000000")},
             {{iidConnectionPoint, ConnectionPoint::Unadvise}, all().u32(1)},
@@ -113,7 +130,7 @@ TEST_F(HostileStub, CutStubsAreRefusedAndWholeOnesAnswered) {
         const Reply whole = send(each, stub);
         EXPECT_EQ(whole.fault, Fault::None);
         EXPECT_GE(whole.bytes.size(), 4U);
-        for (const std::uint16_t opnum : {0, 2, 10, 0xFFFF}) {
+        for (const std::uint16_t opnum : {0, 2, 12, 0xFFFF}) {
             EXPECT_EQ(send({each.iid, opnum}, {}).fault, Fault::OpnumRange);
         }
     }
@@ -160,11 +177,16 @@ TEST_F(HostileStub, ARemovedGroupAnswersEverythingWithFailure) {
     for (const Request& each : requests()) {
         if (group_->queryInterface(each.iid) != nullptr) {
             SCOPED_TRACE(::testing::Message() << each);
-            const bool hasTwo = each.is(SyncIo::Read) || each.is(ItemMgt::AddItems) ||
-                                each.is(ItemMgt::ValidateItems) || each.is(AsyncIo2::Read) || each.is(AsyncIo2::Write);
-            const bool hasNone = each.is(GroupStateMgt::SetName) || each.is(GroupStateMgt2::SetName) ||
-                                 each.is(AsyncIo2::Cancel2) || each.is(AsyncIo2::SetEnable);
-            const Bytes nothing(hasTwo ? 8 : hasNone ? 0 : 4);  // null pointers for what would be given
+            const auto isAny = [&each](const std::vector<Method>& methods) {
+                return std::any_of(methods.begin(), methods.end(), [&](const Method& one) { return each.is(one); });
+            };
+            const bool hasTwo =
+                isAny({SyncIo::Read, SyncIo2::Read, ItemMgt::AddItems, ItemMgt::ValidateItems, AsyncIo2::Read,
+                       AsyncIo2::Write, AsyncIo3::Read, AsyncIo3::Write, AsyncIo3::ReadMaxAge, AsyncIo3::WriteVqt});
+            const bool hasNone = isAny({GroupStateMgt::SetName, GroupStateMgt2::SetName, AsyncIo2::Cancel2,
+                                        AsyncIo2::SetEnable, AsyncIo3::Cancel2, AsyncIo3::SetEnable});
+            // Null pointers for what would be given.
+            const Bytes nothing(each.is(SyncIo2::ReadMaxAge) ? 16 : hasTwo ? 8 : hasNone ? 0 : 4);
             EXPECT_HEX(send(each, each.stub).bytes, Parameters().add(nothing).hresult(E_FAIL));
         }
     }

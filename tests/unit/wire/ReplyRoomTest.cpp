@@ -16,8 +16,11 @@ TEST_F(OpcWire, TooManyItemsAreRefusedBeforeTheyAreRead) {
     };
     const std::string_view oneArray = "00000000 0E000780";
     const std::string_view twoArrays = "00000000 00000000 0E000780";
+    const std::string_view fourArrays = "00000000 00000000 00000000 00000000 0E000780";
     for (const Case& each : {Case{SyncIo::Read, Parameters().u16(1).u32(many), twoArrays},
                              Case{SyncIo::Write, Parameters().u32(many), oneArray},
+                             Case{SyncIo2::ReadMaxAge, Parameters().u32(many), fourArrays},
+                             Case{AsyncIo3::ReadMaxAge, Parameters().u32(many), twoArrays},
                              Case{AsyncIo2::Read, Parameters().u32(many), twoArrays},
                              Case{AsyncIo2::Write, Parameters().u32(many), twoArrays},
                              Case{ItemMgt::AddItems, Parameters().u32(many), twoArrays},
@@ -26,7 +29,7 @@ TEST_F(OpcWire, TooManyItemsAreRefusedBeforeTheyAreRead) {
                              Case{ItemMgt::SetActiveState, Parameters().u32(many), oneArray},
                              Case{ItemMgt::SetClientHandles, Parameters().u32(many), oneArray},
                              Case{ItemMgt::SetDatatypes, Parameters().u32(many), oneArray},
-                             Case{ItemIo::Read, Parameters().u32(many), "00000000 00000000 00000000 00000000 0E000780"},
+                             Case{ItemIo::Read, Parameters().u32(many), fourArrays},
                              Case{ItemIo::WriteVqt, Parameters().u32(many), oneArray},
                              Case{Browse3::GetProperties, Parameters().u32(many), oneArray},
                              Case{ItemProperties::GetItemProperties, Parameters().text("Flow").u32(many), twoArrays},
@@ -54,6 +57,13 @@ TEST_F(OpcWire, AReplyIsBoundedByWhatTheClientHasLeft) {
     EXPECT_HEX(call(SyncIo::Read, Parameters().u16(1).counted(Handles{name, name})).bytes, "00000000 00000000 0E000780")
         << "two texts of 40,000 bytes";
     EXPECT_EQ(call(SyncIo::Read, Parameters().u16(1).counted(Handles{name})).result(), S_OK);
+    for (const std::uint32_t age : {0U, 1U}) {  // of the device and of the cache
+        const auto request = [age](const Handles& of) {
+            return Parameters().counted(of).array(Handles(of.size(), age));
+        };
+        EXPECT_HEX(call(SyncIo2::ReadMaxAge, request({name, name})).bytes, Parameters().add(Bytes(16)).u32(0x8007000E));
+        EXPECT_EQ(call(SyncIo2::ReadMaxAge, request({name})).result(), S_OK);
+    }
     EXPECT_HEX(call(ItemProperties::GetItemProperties, Parameters().text("Name").counted(Handles{2, 2})).bytes,
                "00000000 00000000 0E000780");
     EXPECT_HEX(call(*items, {iidEnumOpcItemAttributes, Enumeration::Next}, Parameters().u32(2000)).bytes,
