@@ -242,6 +242,10 @@ HResult Group::setDatatypes(std::span<const std::uint32_t> handles, std::span<co
     return result;
 }
 
+HResult Group::refuseDeadbands(std::span<const std::uint32_t> handles, std::vector<HResult>& errors) {
+    return forEach(handles, errors, [](std::size_t, std::uint32_t, Slot&) { return OPC_E_DEADBANDNOTSUPPORTED; });
+}
+
 HResult Group::enumerateItems(Enumerator<ItemAttributes>& items) const {
     if (isRemoved()) {
         return E_FAIL;

@@ -190,6 +190,9 @@ class Group : public std::enable_shared_from_this<Group> {
     // without items; E_OUTOFMEMORY when the client's budget has no room for the list.
     HResult enumerateItems(Enumerator<ItemAttributes>& items) const;
     std::size_t itemCount() const { return itemCount_; }
+    // What comes of every call for a deadband of an item's own, given, asked for or taken back: S_FALSE, and
+    // OPC_E_DEADBANDNOTSUPPORTED for each item, as none has an engineering range. No handle at all is E_INVALIDARG.
+    HResult refuseDeadbands(std::span<const std::uint32_t> handles, std::vector<HResult>& errors);
 
     // Calls sink(const ItemReading&) once for each handle, in order. S_OK, or S_FALSE when an item has an error.
     // An inactive item, and every item of an inactive group, comes with quality "out of service".

@@ -23,8 +23,9 @@ import attacks  # noqa: E402
 import harness  # noqa: E402
 from impacket import ntlm  # noqa: E402
 from impacket.spnego import SPNEGO_NegTokenInit, TypesMech  # noqa: E402
-from impacket_session import (CLASS_ID, IENUM_STRING, IOPC_BROWSE, IOPC_GROUP_STATE, IOPC_ITEM_MGT,  # noqa: E402
-                              IOPC_ITEM_PROPERTIES, IOPC_SERVER, IOPC_SYNC_IO, Writer)
+from impacket_session import (CLASS_ID, IENUM_STRING, IOPC_ASYNC_IO3, IOPC_BROWSE, IOPC_GROUP_STATE,  # noqa: E402
+                              IOPC_ITEM_DEADBAND, IOPC_ITEM_MGT, IOPC_ITEM_PROPERTIES, IOPC_SERVER, IOPC_SYNC_IO,
+                              IOPC_SYNC_IO2, Writer)
 from raw_rpc import (ACTIVATION, ACTIVATOR, ALTER_CONTEXT, AUTH3, BIND, BIND_NAK, FAULT, OBJECT_EXPORTER,  # noqa: E402
                      OBJECTS, REM_UNKNOWN, RESPONSE, Raw, answer_to, bind, contexts, pdu, request, with_log_on)
 
@@ -37,7 +38,8 @@ ICONNECTION_POINTS = 'B196B284-BAB4-101A-B69C-00AA00341D07'
 ICONNECTION_POINT = 'B196B286-BAB4-101A-B69C-00AA00341D07'
 IOPC_DATA_CALLBACK = '39C13A70-011E-11D0-9675-0020AFD8ADB3'
 ON_SERVER = [IOPC_SERVER, IOPC_BROWSE, attacks.IOPC_ITEM_IO, IOPC_ITEM_PROPERTIES, IOPC_COMMON, ICONNECTION_POINTS]
-ON_GROUP = [IOPC_ITEM_MGT, IOPC_SYNC_IO, IOPC_GROUP_STATE, IOPC_GROUP_STATE2, IOPC_ASYNC_IO2, ICONNECTION_POINTS]
+ON_GROUP = [IOPC_ITEM_MGT, IOPC_SYNC_IO, IOPC_SYNC_IO2, IOPC_GROUP_STATE, IOPC_GROUP_STATE2, IOPC_ASYNC_IO2, IOPC_ASYNC_IO3,
+            IOPC_ITEM_DEADBAND, ICONNECTION_POINTS]
 ALL = ON_SERVER + ON_GROUP + [IENUM_STRING, attacks.IENUM_ITEMS, ICONNECTION_POINT, REM_UNKNOWN, REM_UNKNOWN2]
 METHODS = range(3, 13)
 CALLS = 40  # on one connection before the next begins, since mangled calls may release the objects
@@ -80,6 +82,10 @@ def well_formed():
     state = Writer().u32(0x20000, 500, 0x20004, 1, 0, 0, 0, 0x20008, 7)
     calls = {3: nothing, 4: state, 5: item, 6: Writer().string('clone').guid(IOPC_SYNC_IO)}
     flagged, doubled = Writer().u32(2).handles([1, 2]).u32(1), Writer().u32(2).handles([1, 2]).handles([3, 4])
+    synchronous = {3: Writer().u16(1).u32(3).handles([1, 2, 3]), 4: write}
+    asynchronous = {3: flagged, 4: write, 5: Writer().u16(1).u32(7), 6: number, 7: number, 8: nothing}
+    vqt = Writer().u32(1, 1, 1, 1, 0x20000, 1).u16(0xC0, 0).u32(1, 0, 0, 0)
+    vqt.data += variant()[4:]
     taken = {
         IOPC_SERVER: {3: group, 4: Writer().u32(0xC0040007, 9), 5: Writer().string('many').guid(IOPC_SYNC_IO), 6: nothing,
                       7: Writer().u32(1, 1), 8: Writer().u16(6).guid(IENUM_STRING)},
@@ -93,10 +99,13 @@ def well_formed():
         ICONNECTION_POINT: {5: marshalled, 6: number, 7: nothing},
         IOPC_ITEM_MGT: {3: definitions(3), 4: definitions(2).u32(0), 5: handles, 6: flagged, 7: doubled, 8: doubled,
                         9: Writer().guid(attacks.IENUM_ITEMS)},
-        IOPC_SYNC_IO: {3: Writer().u16(1).u32(3).handles([1, 2, 3]), 4: write},
+        IOPC_SYNC_IO: synchronous,
+        IOPC_SYNC_IO2: {**synchronous, 5: doubled, 6: vqt},
         IOPC_GROUP_STATE: calls,
         IOPC_GROUP_STATE2: {**calls, 7: number, 8: nothing},
-        IOPC_ASYNC_IO2: {3: flagged, 4: write, 5: Writer().u16(1).u32(7), 6: number, 7: number, 8: nothing},
+        IOPC_ASYNC_IO2: asynchronous,
+        IOPC_ASYNC_IO3: {**asynchronous, 9: doubled, 10: vqt, 11: doubled},
+        IOPC_ITEM_DEADBAND: {3: doubled, 4: handles, 5: handles},
         IENUM_STRING: {3: number, 4: number, 5: nothing, 6: nothing},
     }
     return {(ALL.index(iid), opnum): bytes(stub.data) for iid, methods in taken.items() for opnum, stub in methods.items()}

@@ -10,14 +10,17 @@ from contextlib import suppress
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), '..', '..', 'demo', 'client'))
 from opc_client import *  # noqa: E402, F403
-from opc_client import (ICONNECTION_POINT, ICONNECTION_POINT_CONTAINER, IOPC_DATA_CALLBACK, IOPC_SHUTDOWN, Client,  # noqa: E402
-                        Writer)
+from opc_client import (ICONNECTION_POINT, ICONNECTION_POINT_CONTAINER, IOPC_DATA_CALLBACK, IOPC_SHUTDOWN, VT_R8,  # noqa: E402
+                        Client, Writer)
 
 from bad_sinks import BadSink  # noqa: E402
 from opc_sink import dual_string  # noqa: E402, F401
 
 IENUM_CONNECTION_POINTS = 'B196B285-BAB4-101A-B69C-00AA00341D07'
 IOPC_GROUP_STATE_MGT2 = '8E368666-D72E-4F78-87ED-647611C61C9F'
+IOPC_SYNC_IO2 = '730F5F0F-55B1-4C81-9E18-FF8A0904E1FA'
+IOPC_ASYNC_IO3 = '0967B97B-36EF-423E-B6F8-6BFF1E40D39D'
+IOPC_ITEM_DEADBAND = '5946DA93-8B39-4EC8-AB3D-AA73DF5BC86F'
 CALLBACKS = {'group': IOPC_DATA_CALLBACK, 'server': IOPC_SHUTDOWN}
 
 
@@ -109,6 +112,46 @@ class Session(Client):
         group = self.group.query(IOPC_GROUP_STATE_MGT2)
         replies = group.call(7, Writer().u32(time)), group.call(8, Writer())
         return [[reply.u32(), reply.u32()] for reply in replies]
+
+    def read_aged(self, ages, items=None):
+        """ages: in milliseconds, one for each item."""
+        reply = self.group.query(IOPC_SYNC_IO2).call(5, self.items_asked(items).handles(ages))
+        values = [reply.variant()[1] for pointer in reply.array(reply.u32) if pointer]
+        return {'values': values, 'qualities': reply.array(reply.u16), 'filetimes': reply.array(reply.filetime),
+                'errors': reply.hresults(), 'result': reply.u32()}
+
+    def read_aged_later(self, transaction, ages, items=None):
+        return self.later3(9, self.items_asked(items).handles(ages).u32(transaction))
+
+    def refresh_aged(self, transaction, age):
+        return self.later3(11, Writer().u32(age, transaction))
+
+    def later3(self, opnum, request):
+        """A call of IOPCAsyncIO3 that begins a transaction."""
+        reply = self.group.query(IOPC_ASYNC_IO3).call(opnum, request)
+        return {'cancel': reply.u32(), 'errors': reply.hresults() if opnum != 11 else None, 'result': reply.u32()}
+
+    def write_vqt(self, value, items=None, transaction=None):
+        """The same number into each item, with a quality and no time stamp; with a transaction: as one."""
+        request = self.items_asked(items)
+        count = len(items or self.handles)
+        request.u32(count)
+        for number in range(count):
+            request.u32(number + 1, 1).u16(0xC0, 0).u32(0, 0, 0, 0)
+        for _ in range(count):
+            request.put('Q', 4).u16(VT_R8, 0, 0, 0).u32(VT_R8).put('d', value)
+        if transaction is not None:
+            return self.later3(10, request.u32(transaction))
+        reply = self.group.query(IOPC_SYNC_IO2).call(6, request)
+        return {'errors': reply.hresults(), 'result': reply.u32()}
+
+    def deadbands(self, percent, items):
+        """What comes of giving each item one, asking for it and taking it back."""
+        group = self.group.query(IOPC_ITEM_DEADBAND)
+        given = self.items_asked(items).u32(len(items)).put('f', *[percent] * len(items))
+        replies = [group.call(3, given), group.call(4, self.items_asked(items)), group.call(5, self.items_asked(items))]
+        asked = replies[1].array(lambda: replies[1].get('f'))
+        return [asked, *([reply.hresults(), reply.u32()] for reply in replies)]
 
     def remove_group(self, force=True):
         return self.server.call(7, Writer().u32(self.group_handle, force)).u32()

@@ -10,6 +10,7 @@
 #include "opcda/wire/AsyncIo3Interface.h"
 #include "opcda/wire/ConnectionPointContainerInterface.h"
 #include "opcda/wire/GroupStateMgtInterface.h"
+#include "opcda/wire/ItemDeadbandMgtInterface.h"
 #include "opcda/wire/ItemMgtInterface.h"
 #include "opcda/wire/OfferedInterfaces.h"
 #include "opcda/wire/SyncIo2Interface.h"
@@ -23,7 +24,7 @@ class OpcGroupObject final : public dcom::orpc::ComObject, public Connectable {
     // What clients may ask it for.
     using Interfaces = OfferedInterfaces<SyncIoInterface, ItemMgtInterface, GroupStateMgtInterface, AsyncIo2Interface,
                                          ConnectionPointContainerInterface, GroupStateMgt2Interface, SyncIo2Interface,
-                                         AsyncIo3Interface>;
+                                         AsyncIo3Interface, ItemDeadbandMgtInterface>;
 
     // connections: of the group, whichever objects it has had.
     OpcGroupObject(std::weak_ptr<OpcServerObject> owner, std::shared_ptr<Group> group, OutgoingCalls& outgoing,

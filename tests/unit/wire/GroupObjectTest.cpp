@@ -95,6 +95,18 @@ TEST_F(OpcWire, ReadsByMaximumAgeInColumns) {
     EXPECT_HEX(call(SyncIo2::ReadMaxAge, Bytes(12)).bytes, "00000000 00000000 00000000 00000000 57000780");
 }
 
+TEST_F(OpcWire, SupportsNoDeadbandOfAnItem) {
+    addGroup("g");
+    const Handles handles{addItems({"Flow"}).at(0), 0xBAD};
+    const std::string errors = "02000000 010404C0 010004C0 01000000";
+    EXPECT_HEX(call(ItemDeadbandMgt::SetItemDeadband, Parameters().counted(handles).u32(2).f32(10).f32(200)).bytes,
+               "04000200" + errors);
+    EXPECT_HEX(call(ItemDeadbandMgt::GetItemDeadband, Parameters().counted(handles)).bytes,
+               "04000200 02000000 00000000 00000000 08000200" + errors);
+    EXPECT_HEX(call(ItemDeadbandMgt::ClearItemDeadband, Parameters().counted(handles)).bytes, "04000200" + errors);
+    EXPECT_HEX(call(ItemDeadbandMgt::GetItemDeadband, Bytes(8)).bytes, "00000000 00000000 57000780");
+}
+
 TEST_F(OpcWire, RefusesWritesItemByItem) {
     addGroup("g");
     auto handles = addItems({"A.Count", "Name"});

@@ -86,6 +86,9 @@ class HostileStub : public OpcWire {
             {AsyncIo3::ReadMaxAge, all().counted(handles_).array(handles_).u32(7)},
             {AsyncIo3::WriteVqt, all().counted(handles_).u32(2).u32(1).add(Bytes(52)).align(8).hex(number).u32(7)},
             {AsyncIo3::RefreshMaxAge, all().u32(0).u32(7)},
+            {ItemDeadbandMgt::SetItemDeadband, all().counted(handles_).array(handles_)},
+            {ItemDeadbandMgt::GetItemDeadband, all().counted(handles_)},
+            {ItemDeadbandMgt::ClearItemDeadband, all().counted(handles_)},
             {ConnectionPointContainer::FindConnectionPoint, all().uuid(iidOpcDataCallback)},
             {{iidConnectionPoint, ConnectionPoint::Advise}, all().u32(1).u32(8).u32(8).hex("4D454F57 01000000")},
             {{iidConnectionPoint, ConnectionPoint::Unadvise}, all().u32(1)},
@@ -180,9 +183,9 @@ TEST_F(HostileStub, ARemovedGroupAnswersEverythingWithFailure) {
             const auto isAny = [&each](const std::vector<Method>& methods) {
                 return std::any_of(methods.begin(), methods.end(), [&](const Method& one) { return each.is(one); });
             };
-            const bool hasTwo =
-                isAny({SyncIo::Read, SyncIo2::Read, ItemMgt::AddItems, ItemMgt::ValidateItems, AsyncIo2::Read,
-                       AsyncIo2::Write, AsyncIo3::Read, AsyncIo3::Write, AsyncIo3::ReadMaxAge, AsyncIo3::WriteVqt});
+            const bool hasTwo = isAny({SyncIo::Read, SyncIo2::Read, ItemMgt::AddItems, ItemMgt::ValidateItems,
+                                       AsyncIo2::Read, AsyncIo2::Write, AsyncIo3::Read, AsyncIo3::Write,
+                                       AsyncIo3::ReadMaxAge, AsyncIo3::WriteVqt, ItemDeadbandMgt::GetItemDeadband});
             const bool hasNone = isAny({GroupStateMgt::SetName, GroupStateMgt2::SetName, AsyncIo2::Cancel2,
                                         AsyncIo2::SetEnable, AsyncIo3::Cancel2, AsyncIo3::SetEnable});
             // Null pointers for what would be given.
