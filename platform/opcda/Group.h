@@ -144,8 +144,8 @@ class DeviceReading {
 
 class Group : public std::enable_shared_from_this<Group> {
  public:
-    // Bytes that a group takes without its items: itself, its object with its interfaces, the books about them.
-    static constexpr std::size_t footprint = 3072;
+    // Bytes that a group takes without its items: itself, its object with all interfaces, the books about them.
+    static constexpr std::size_t footprint = 4096;
 
     Group(Server& server, Application& application, GroupHolds holds, std::string name, std::uint32_t serverHandle,
           GroupState state);

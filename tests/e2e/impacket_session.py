@@ -114,14 +114,13 @@ class Session(Client):
         return [[reply.u32(), reply.u32()] for reply in replies]
 
     def read_aged(self, ages, items=None):
-        """ages: in milliseconds, one for each item."""
+        """ages: in milliseconds, one for each item. Gives values, qualities, time stamps, errors and the result."""
         reply = self.group.query(IOPC_SYNC_IO2).call(5, self.items_asked(items).handles(ages))
         values = [reply.variant()[1] for pointer in reply.array(reply.u32) if pointer]
-        return {'values': values, 'qualities': reply.array(reply.u16), 'filetimes': reply.array(reply.filetime),
-                'errors': reply.hresults(), 'result': reply.u32()}
+        return [values, reply.array(reply.u16), reply.array(reply.filetime), reply.hresults(), reply.u32()]
 
-    def read_aged_later(self, transaction, ages, items=None):
-        return self.later3(9, self.items_asked(items).handles(ages).u32(transaction))
+    def read_aged_later(self, transaction, ages):
+        return self.later3(9, self.items_asked(None).handles(ages).u32(transaction))
 
     def refresh_aged(self, transaction, age):
         return self.later3(11, Writer().u32(age, transaction))

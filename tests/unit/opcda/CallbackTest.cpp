@@ -201,11 +201,11 @@ class CallbackTest : public OpcDaTest {
         {"write", [&](const Words& w) { return group->asyncWrite(handlesOf(w, 2), number(w, 1), cancelId, errors); }},
         {"cached", [&](const Words& w) { return group->refresh(1, number(w, 1), cancelId); }},
         {"device", [&](const Words& w) { return group->refresh(2, number(w, 1), cancelId); }},
-        // With a maximum age: all items, of the first alone; the active ones.
+        // The first of the items with a maximum age.
         {"aged",
          [&](const Words& w) {
-             std::vector<std::uint32_t> ages(handlesOf(w, 3).size(), anyAge);
-             ages.at(0) = number(w, 2);
+             Handles ages(w.size() - 3, anyAge);
+             ages[0] = number(w, 2);
              return group->asyncRead(handlesOf(w, 3), number(w, 1), cancelId, errors, MaxAges(ages));
          }},
         {"young", [&](const Words& w) { return group->refreshMaxAge(number(w, 2), number(w, 1), cancelId); }},
@@ -353,23 +353,19 @@ TEST_F(CallbackTest, AnItemThatCannotBeReadLeavesTheOthersTheirValues) {
 }
 
 TEST_F(CallbackTest, MaximumAgesAskThePlantForWhatIsOlderAlone) {
-    follow({{"aged 1 0 0", "80040200"},
-            {"young 1 0", "80040200"},
+    follow({{"aged 1 0 0; young 1 0", "80040200"},
             {"advise", all},
             {"wait 999; aged 1 1000 0 1 x", "1 | read 1 7: 100=12.5/C0 101=70000/C0"},
             {"young 2 1000", "change 2 7: 100=12.5/C0 101=70000/C0 102='Running'/C0"}});
     EXPECT_THAT(events.log, testing::IsEmpty());
     follow({{"wait 1; set 0 13; wait 1; aged 3 0 1 0", "change 0 7: 100=13/C0 | read 3 7: 101=70000/C0 100=13/C0"},
             {"young 4 1000", "change 4 7: 100=13/C0 101=70000/C0 102='Running'/C0"},
-            {"young 5 0; cancel", "cancelled 5 7:"},
-            {"item off 0; aged 6 4294967294 0 1", "read 6 7: 100=13/C0 101=70000/C0"},
-            {"aged 7 4294967295 0", "read 7 7q: 100=13/1C"},
+            {"item off 0; aged 7 4294967295 0", "read 7 7q: 100=13/1C"},
             {"group off; young 8 0", "80004005"},
             {"aged 9 4294967294 2", "read 9 7: 102='Running'/C0"}});
     EXPECT_THAT(events.log,
                 testing::ElementsAre("read 1 Plant.Stack1.Count", "read 2 Plant.Stack1.Count Plant.Stack1.State",
-                                     "read 3 Plant.Stack1.NOx Plant.Stack1.Count Plant.Stack1.State",
-                                     "read 1 Plant.Stack1.NOx", "read 1 Plant.Stack1.State"));
+                                     "read 1 Plant.Stack1.State"));
 }
 
 TEST_F(CallbackTest, AsynchronousCallsEndInOneCallback) {
