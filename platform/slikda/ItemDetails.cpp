@@ -12,6 +12,9 @@ namespace {
 // What many items have in common comes again soon. To know every name as well would leave holes in memory, of as much
 // as the details themselves take.
 constexpr std::size_t mostKnown = 1024;
+// Bytes. Blocks of this size and above are the system's again once they are let go of; room that grows in smaller steps
+// would leave each step behind as a hole.
+constexpr std::size_t firstRoom = std::size_t{1} << 20U;
 
 }  // namespace
 
@@ -29,6 +32,9 @@ void ItemDetails::set(std::uint32_t item, std::uint32_t property, std::string_vi
     }
     std::vector<std::uint32_t>& column = columns_[placeOf(property, name, isText)];
     if (column.size() <= item) {
+        if (column.capacity() == 0) {
+            column.reserve(firstRoom / sizeof(std::uint32_t));
+        }
         column.resize(item + 1);
     }
     column[item] = cell;
@@ -56,6 +62,9 @@ std::uint32_t ItemDetails::keep(std::string_view text) {
     }
     if (known_.size() >= mostKnown) {
         known_.clear();
+    }
+    if (place == 1) {
+        texts_.reserve(firstRoom);
     }
     texts_.append(text).push_back('\0');
     const auto [known, isNew] = known_.insert(static_cast<std::uint32_t>(place));
