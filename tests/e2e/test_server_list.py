@@ -6,6 +6,7 @@ from harness import ClientError, ImpacketClient, LOGON, SiteTest
 
 OURS = '43FB6634-CC72-4EE9-A292-BEDF9FF018BD'
 DA1, DA2 = '63D5F430-CFE4-11D1-B2C8-0060083BA1FB', '63D5F432-CFE4-11D1-B2C8-0060083BA1FB'
+DA3 = 'CC603642-66D7-48F1-B69A-B625E73652D7'
 NAMES = ['Ombrel.QuelmOPCServer.5', 'Quelm 5 OPC DA Server', 'Ombrel.QuelmOPCServer']
 FOUND = [[OURS, *NAMES[:2], OURS], [OURS, *NAMES, OURS]]
 NOBODY = {'user': '', 'password': '', 'domain': '', 'level': 'none'}
@@ -20,6 +21,7 @@ class ServerList(SiteTest):
     def test_the_server_is_found_with_a_log_on_and_where_that_is_set_without_one(self):
         self.site.start().started()
         self.assertEqual(self.servers(), FOUND)
+        self.assertEqual(self.servers(DA3), FOUND)
         self.assertEqual(self.servers(DA1), [])
         with self.refused('did not log on'), self.assertRaises(ClientError):
             self.servers(**NOBODY)

@@ -22,6 +22,7 @@ constexpr Uuid ourClass = Uuid::parse(identity::classId);
 // What the one server offers.
 constexpr std::array categories{
     "63D5F432-CFE4-11D1-B2C8-0060083BA1FB"_uuid,  // data access 2.0
+    "CC603642-66D7-48F1-B69A-B625E73652D7"_uuid,  // data access 3.0
 };
 
 // A name without its version, which stays the same from version to version.

@@ -48,7 +48,7 @@ void printVersion() {
                     "ProgID           {}\n"
                     "Class            {}\n"
                     "Application      {}\n"
-                    "OPC Data Access  2.05a, custom interface\n",
+                    "OPC Data Access  2.05a and 3.00, custom interfaces\n",
                     frmOPCQuelm::applicationTitle, identity::version, identity::progId, identity::classId,
                     identity::applicationId));
 }
