@@ -9,6 +9,10 @@ if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
   # g++ 12 reports reads that its own optimiser invented in standard containers.
   target_compile_options(quelm_settings INTERFACE -Wno-maybe-uninitialized -Wno-restrict -Wno-stringop-overflow -Wno-array-bounds -Wno-stringop-overread)
 endif()
+if(CMAKE_UNITY_BUILD)
+  # What is a file's own elsewhere is seen by the files compiled behind it.
+  target_compile_options(quelm_settings INTERFACE -Wno-shadow)
+endif()
 if(QUELM_SANITIZE)
   # The check of virtual calls opens a pipe of its own, so that it cannot be used where a test runs out of descriptors.
   target_compile_options(quelm_settings INTERFACE -fsanitize=address,undefined -fno-sanitize=vptr -fno-sanitize-recover=all

@@ -55,10 +55,6 @@ std::string textOf(const CivilTime& civil, DatePattern pattern) {
     return out;
 }
 
-bool isDigit(char c) {
-    return c >= '0' && c <= '9';
-}
-
 // Takes an unsigned whole number of so many digits from the front of a text.
 std::optional<int> takeNumber(std::string_view& text, std::size_t minDigits, std::size_t maxDigits) {
     std::size_t digits = 0;

@@ -7,6 +7,7 @@
 #include <limits>
 
 #include "base/RuntimeError.h"
+#include "base/Text.h"
 
 namespace quelm {
 
@@ -101,10 +102,6 @@ Decimal fromFloating(double value, int significantDigits) {
 
 [[noreturn]] void raiseMismatch() {
     throw RuntimeError(errors::typeMismatch);
-}
-
-bool isDigit(char c) {
-    return c >= '0' && c <= '9';
 }
 
 // Exponent of "E+5", "e-12" or nothing; limited far beyond anything that fits, so that sums with it stay exact.

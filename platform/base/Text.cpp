@@ -70,10 +70,6 @@ std::string mapCodePoints(std::string_view text, Map map) {
     return out;
 }
 
-bool isDigit(char c) {
-    return c >= '0' && c <= '9';
-}
-
 // "&HFFFF" is -1 as it always was: up to 16 bits read as a 16-bit integer, up to 32 bits as a 32-bit one.
 std::optional<double> parseBased(std::string_view digits, int base) {
     std::uint32_t bits = 0;

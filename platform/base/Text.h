@@ -30,6 +30,10 @@ class FoldedKey {
     std::string_view view_;
 };
 
+constexpr bool isDigit(char c) {
+    return c >= '0' && c <= '9';
+}
+
 std::size_t characterCount(std::string_view text);
 // The first count characters; the whole text when it is not longer.
 std::string_view leftCharacters(std::string_view text, std::size_t count);

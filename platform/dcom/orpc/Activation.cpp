@@ -12,7 +12,6 @@ namespace quelm::dcom::orpc {
 namespace {
 
 constexpr std::uint32_t getClassObjectMode = 0xFFFFFFFF;
-constexpr std::size_t uuidSize = 16;
 
 // An instance of the class; empty with the reason in result, which is then a failure.
 std::shared_ptr<ComObject> makeInstance(ObjectExporter& exporter, ClassFactory& factory, const rpc::Peer& peer,

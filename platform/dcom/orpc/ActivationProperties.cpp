@@ -8,7 +8,6 @@ constexpr std::uint32_t customReference = 4;
 constexpr std::uint32_t customHeaderSize = 48;     // of an object reference of the custom kind
 constexpr std::uint32_t serialisationHeader = 16;  // in front of every serialised structure
 constexpr std::uint32_t differentMachine = 2;
-constexpr std::size_t uuidSize = 16;
 
 constexpr Uuid propertiesOut = Uuid::parse("000001A3-0000-0000-C000-000000000046");
 constexpr Uuid propertiesOutUnmarshaller = Uuid::parse("00000339-0000-0000-C000-000000000046");

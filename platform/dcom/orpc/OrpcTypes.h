@@ -24,6 +24,9 @@ inline constexpr Uuid iidRemoteScmActivator = Uuid::parse("000001A0-0000-0000-C0
 inline constexpr Uuid iidActivation = Uuid::parse("4D9F4AB8-7D1C-11CF-861E-0020AF6E7C57");
 inline constexpr Uuid iidObjectExporter = Uuid::parse("99FCFEC4-5260-101B-BBCB-00AA0021347A");
 
+// Bytes of one on the wire.
+inline constexpr std::size_t uuidSize = 16;
+
 // The methods of COM's own interfaces.
 enum class ObjectExporterCall : std::uint16_t {
     ResolveOxid,

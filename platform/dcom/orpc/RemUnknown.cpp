@@ -6,7 +6,6 @@ namespace quelm::dcom::orpc {
 
 namespace {
 
-constexpr std::size_t uuidSize = 16;
 constexpr std::size_t referenceChangeSize = 24;
 
 struct ReferenceChange {

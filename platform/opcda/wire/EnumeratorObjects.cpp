@@ -20,7 +20,7 @@ namespace {
 constexpr std::size_t itemAttributesSize = 44;
 constexpr std::size_t leastText = 18;
 constexpr std::size_t largestReference = 2048;
-constexpr std::size_t endSize = 16;
+constexpr std::size_t sizeBehind = 16;
 
 // The array of Next is a varying one: its conformance is what the client asked for, whatever there is.
 void writeVaryingHead(Writer& out, std::uint32_t wanted, std::size_t fetched) {
@@ -120,7 +120,7 @@ void EnumString<Text>::next(std::uint32_t wanted, Writer& out, CallContext& /*co
     }
     for (const Text& text : part) {
         out.wideString(text);
-        if (!room.has(endSize)) {
+        if (!room.has(sizeBehind)) {
             return refuseVarying(out, room, wanted);
         }
     }
@@ -188,7 +188,7 @@ void EnumOpcItemAttributes::next(std::uint32_t wanted, Writer& out, CallContext&
         out.wideString({});
         out.wideString(item.tag->Name());
         writeVariant(out, noUnits);
-        if (!room.has(endSize)) {
+        if (!room.has(sizeBehind)) {
             return refuseAttributes(out, room);
         }
     }
@@ -204,7 +204,7 @@ void EnumConnections::next(std::uint32_t wanted, Writer& out, CallContext& /*con
     const auto part = list_.ahead(wanted);
     std::size_t size = 0;
     for (const ConnectionData& connection : part) {
-        size += connection.reference.size() + 2 * endSize;
+        size += connection.reference.size() + 2 * sizeBehind;
     }
     ReplyRoom room(out, memoryLeft());
     if (!room.has(size)) {

@@ -13,7 +13,7 @@ namespace quelm {
 namespace {
 
 // Each keeps its block of rows.
-constexpr std::size_t maxKeptStatements = 16;
+constexpr std::size_t mostPrepared = 16;
 
 // The messages of drivers run over several lines.
 std::string onOneLine(const std::string& text) {
@@ -149,7 +149,7 @@ std::unique_ptr<OdbcStatement> OdbcSession::take(std::string_view sql) {
 }
 
 void OdbcSession::giveBack(std::unique_ptr<OdbcStatement> statement) {
-    if (isUsable() && statement->isPrepared() && statements_.size() < maxKeptStatements && statement->close()) {
+    if (isUsable() && statement->isPrepared() && statements_.size() < mostPrepared && statement->close()) {
         std::string sql = statement->sql();
         statements_.insert_or_assign(std::move(sql), std::move(statement));
     }

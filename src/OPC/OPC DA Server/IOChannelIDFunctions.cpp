@@ -12,7 +12,7 @@ namespace quelm {
 
 namespace {
 
-bool isValidNumber(std::int32_t id) {
+bool isChannelNumber(std::int32_t id) {
     return id >= 1 && id < 2'000'000'000;
 }
 
@@ -28,7 +28,7 @@ std::int32_t ParseIOChannelID(std::string_view strText, bool blnBracketed) {
     try {
         const double number = blnBracketed ? LeadingNumber(bracketedText(strText)) : LeadingNumber(strText);
         const std::int32_t id = roundToInt32(number);
-        return isValidNumber(id) ? id : 0;
+        return isChannelNumber(id) ? id : 0;
     } catch (const RuntimeError&) {
         // A number that no 32-bit integer holds is no channel.
         return 0;
@@ -36,7 +36,7 @@ std::int32_t ParseIOChannelID(std::string_view strText, bool blnBracketed) {
 }
 
 bool IsValidIOChannelID(const Variant& varValue) {
-    return IsValidIdentifier(varValue, isValidNumber, ParseIOChannelID);
+    return IsValidIdentifier(varValue, isChannelNumber, ParseIOChannelID);
 }
 
 }  // namespace quelm

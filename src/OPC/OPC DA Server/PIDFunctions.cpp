@@ -17,7 +17,7 @@ bool isWithin(std::int32_t value, std::int32_t high) {
     return value >= 0 && value <= high;
 }
 
-bool isValidNumber(std::int32_t pid) {
+bool isParameterNumber(std::int32_t pid) {
     if (pid < 100'000 || pid >= 2'000'000'000) {
         return false;
     }
@@ -26,7 +26,7 @@ bool isValidNumber(std::int32_t pid) {
 }
 
 // What stands between the brackets; "" for a channel reference ("[@") or without brackets.
-std::string_view bracketedText(std::string_view text) {
+std::string_view insideBrackets(std::string_view text) {
     text = trimBlanks(text);
     if (!text.starts_with('[')) {
         return {};
@@ -63,7 +63,7 @@ std::int32_t TakeTrailingNumber(std::string_view& strText, std::int32_t lngMaxDi
 }
 
 std::int32_t ParsePID(std::string_view strText, bool blnBracketed) {
-    std::string_view text = blnBracketed ? bracketedText(strText) : strText;
+    std::string_view text = blnBracketed ? insideBrackets(strText) : strText;
     const std::int32_t e = TakeTrailingNumber(text, 2);
     const std::int32_t d = TakeTrailingNumber(text, 2);
     const std::int32_t c = TakeTrailingNumber(text, 1);
@@ -73,7 +73,7 @@ std::int32_t ParsePID(std::string_view strText, bool blnBracketed) {
 }
 
 std::string PIDToText(std::int32_t lngPID) {
-    if (!isValidNumber(lngPID)) {
+    if (!isParameterNumber(lngPID)) {
         return {};
     }
     return fmt::format("{}-{:03}-{}-{:02}-{:02}", GetPIDPart(lngPID, 1), GetPIDPart(lngPID, 2), GetPIDPart(lngPID, 5),
@@ -81,7 +81,7 @@ std::string PIDToText(std::int32_t lngPID) {
 }
 
 bool IsValidPID(const Variant& varValue) {
-    return IsValidIdentifier(varValue, isValidNumber, ParsePID);
+    return IsValidIdentifier(varValue, isParameterNumber, ParsePID);
 }
 
 std::int32_t MakePID(std::int32_t lngA, std::int32_t lngB, std::int32_t lngC, std::int32_t lngD, std::int32_t lngE) {
@@ -91,7 +91,7 @@ std::int32_t MakePID(std::int32_t lngA, std::int32_t lngB, std::int32_t lngC, st
         return 0;
     }
     const std::int32_t pid = lngA * 100'000'000 + lngB * 100'000 + lngC * 10'000 + lngD * 100 + lngE;
-    return isValidNumber(pid) ? pid : 0;
+    return isParameterNumber(pid) ? pid : 0;
 }
 
 std::int32_t GetPIDPart(std::int32_t lngPID, std::int32_t lngPart) {
