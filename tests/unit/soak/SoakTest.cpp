@@ -138,7 +138,7 @@ class Soak : public testing::Test {
         const auto makeDBIL = [](const ISystemINI&) {
             SqlDrivers drivers;
             drivers.add(std::make_unique<SqliteDriver>(SqliteTimeouts{50ms, 10s}));
-            drivers.add(std::make_unique<OdbcDriver>(SqlTimeouts{1s, 1s, 250ms}));
+            drivers.add(std::make_unique<OdbcDriver>(SqlTimeouts{3s, 3s, 250ms}));
             return std::make_shared<DBIL>(std::move(drivers), [](std::string_view text) { ADD_FAILURE() << text; });
         };
         const auto makeDI = [](IDBIL& dbil, std::string_view id) {
@@ -418,7 +418,7 @@ class Soak : public testing::Test {
                  // The answer that comes too late is thrown away, and its session with it.
                  EXPECT_EQ(sessions("server", 0), 0);
              },
-             "3712, the database did not answer within 1000 ms"},
+             "3712, the database did not answer within 3000 ms"},
         };
     }
 
