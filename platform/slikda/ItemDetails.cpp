@@ -9,8 +9,8 @@ namespace quelm {
 
 namespace {
 
-// What many items have in common comes again soon. To know every name as well would leave holes in memory, of as much
-// as the details themselves take.
+// A power of two. What many items have in common comes again soon; a name that only one has takes its place among the
+// known texts from another one.
 constexpr std::size_t mostKnown = 1024;
 // Bytes. Blocks of this size and above are the system's again once they are let go of; room that grows in smaller steps
 // would leave each step behind as a hole.
@@ -19,7 +19,7 @@ constexpr std::size_t firstRoom = std::size_t{1} << 20U;
 }  // namespace
 
 // The empty text stands at place 0.
-ItemDetails::ItemDetails() : texts_(1, '\0'), known_(0, Texts{&texts_}, Texts{&texts_}) {}
+ItemDetails::ItemDetails() : texts_(1, '\0'), known_(mostKnown) {}
 
 void ItemDetails::set(std::uint32_t item, std::uint32_t property, std::string_view name, const Variant& value) {
     const bool isText = value.kind() == VariantKind::Text;
@@ -60,18 +60,16 @@ std::uint32_t ItemDetails::keep(std::string_view text) {
     if (text.empty() || text.size() >= std::numeric_limits<std::uint32_t>::max() - place) {
         return 0;
     }
-    if (known_.size() >= mostKnown) {
-        known_.clear();
+    std::uint32_t& known = known_[std::hash<std::string_view>{}(text) % mostKnown];
+    if (textAt(known) == text) {
+        return known;
     }
     if (place == 1) {
         texts_.reserve(firstRoom);
     }
     texts_.append(text).push_back('\0');
-    const auto [known, isNew] = known_.insert(static_cast<std::uint32_t>(place));
-    if (!isNew) {
-        texts_.resize(place);
-    }
-    return *known;
+    known = static_cast<std::uint32_t>(place);
+    return known;
 }
 
 void ItemDetails::close() {
@@ -79,7 +77,7 @@ void ItemDetails::close() {
         column.shrink_to_fit();
     }
     texts_.shrink_to_fit();
-    known_ = KnownTexts(0, Texts{&texts_}, Texts{&texts_});
+    known_ = {};
 }
 
 Variant ItemDetails::value(std::size_t kind, std::uint32_t item) const {
@@ -87,7 +85,7 @@ Variant ItemDetails::value(std::size_t kind, std::uint32_t item) const {
         return {};
     }
     const std::uint32_t cell = columns_[kind][item];
-    return kinds_[kind].isText ? Variant(Texts{&texts_}.at(cell)) : Variant(static_cast<std::int32_t>(cell));
+    return kinds_[kind].isText ? Variant(textAt(cell)) : Variant(static_cast<std::int32_t>(cell));
 }
 
 }  // namespace quelm

@@ -8,7 +8,6 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
-#include <unordered_set>
 #include <vector>
 
 #include "base/Variant.h"
@@ -43,22 +42,14 @@ class ItemDetails {
     }
 
  private:
-    // Texts by their places.
-    struct Texts {
-        const std::string* all;
-        std::string_view at(std::uint32_t place) const { return all->c_str() + place; }
-        std::size_t operator()(std::uint32_t place) const { return std::hash<std::string_view>{}(at(place)); }
-        bool operator()(std::uint32_t left, std::uint32_t right) const { return at(left) == at(right); }
-    };
-    using KnownTexts = std::unordered_set<std::uint32_t, Texts, Texts>;
-
     std::size_t placeOf(std::uint32_t property, std::string_view name, bool isText);
     std::uint32_t keep(std::string_view text);
+    std::string_view textAt(std::uint32_t place) const { return texts_.c_str() + place; }
 
     std::vector<Kind> kinds_;
     std::vector<std::vector<std::uint32_t>> columns_;  // by kind and item: the number, or the text's place; 0: none
     std::string texts_;                                // each with its end
-    KnownTexts known_;
+    std::vector<std::uint32_t> known_;                 // places of texts that came lately, by their hashes
 };
 
 }  // namespace quelm

@@ -176,6 +176,11 @@ const ChannelDefCollection* IOSSimpleManager::GetChannelDefs() {
     }
 }
 
+void IOSSimpleManager::TakeChannelDefs(std::shared_ptr<const ChannelDefCollection> colChannelDefs) {
+    mcolChannelDefs = std::move(colChannelDefs);
+    blnChannelDefsLoaded = true;
+}
+
 void IOSSimpleManager::LoadChannelDefs() {
     try {
         mcolChannelDefs = DBIL().ConfigurationReader().LoadChannelDefs(mstrSiteID);

@@ -84,6 +84,8 @@ class IOSSimpleManager final {
     // Every generation in use has completed a refresh of all its data since the manager started watching.
     bool IsInitialCurrentIOReadComplete();
 
+    // The definitions, read for another use already: then they are not read once more. Not nullptr.
+    void TakeChannelDefs(std::shared_ptr<const ChannelDefCollection> colChannelDefs);
     // nullptr when the definitions could not be had at all; read once per instance.
     const ChannelDefCollection* GetChannelDefs();
     // nullptr for a channel without definition.

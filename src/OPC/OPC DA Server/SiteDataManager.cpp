@@ -43,7 +43,7 @@ constexpr std::array sourceProperties{
 };
 
 // The item is nullptr when the control refused it. strDescription: what people call its parameter or channel.
-void DescribeItem(const TagConfig& objTag, const std::string& strSiteID, std::string_view strDescription) {
+void DescribeItem(const TagConfig& objTag, const Variant& varSiteID, std::string_view strDescription) {
     if (objTag.SlikTag == nullptr) {
         return;
     }
@@ -52,7 +52,7 @@ void DescribeItem(const TagConfig& objTag, const std::string& strSiteID, std::st
     for (const SourceProperty& property : sourceProperties) {
         objItem.SetProperty(property.lngID, property.strName, property.valueOf(objTag));
     }
-    objItem.SetProperty(5003, "Site ID", Variant(strSiteID));
+    objItem.SetProperty(5003, "Site ID", varSiteID);
 }
 
 ISLIKTag& slikTag(const TagConfig& objTag) {
@@ -241,18 +241,22 @@ std::string_view SiteDataManager::InternIntervalType(const std::string& strInter
 }
 
 // While the definitions are at hand, and before clients are.
-void SiteDataManager::DescribeItems() const {
+void SiteDataManager::DescribeItems() {
     const std::string strNoName;
+    const Variant varSiteID(mstrSiteID);
     for (const TagConfig& objTag : mcolQuelmTags) {
-        DescribeItem(objTag, mstrSiteID, mobjDI ? mobjDI->PIDDefinitions().Name(objTag.PID) : strNoName);
+        DescribeItem(objTag, varSiteID, mobjDI ? mobjDI->PIDDefinitions().Name(objTag.PID) : strNoName);
     }
     if (mcolChannelTags.Count() == 0 || !mobjDBIL) {
         return;
     }
     const auto colNames = mobjDBIL->ConfigurationReader().LoadChannelNames(mstrSiteID);
+    if (colNames && mobjIOSManager) {
+        mobjIOSManager->TakeChannelDefs(colNames);
+    }
     for (const TagConfig& objTag : mcolChannelTags) {
         const ChannelDef* objChannelDef = colNames ? colNames->Channel(objTag.IOChannelID_Value) : nullptr;
-        DescribeItem(objTag, mstrSiteID, objChannelDef != nullptr ? objChannelDef->Name : strNoName);
+        DescribeItem(objTag, varSiteID, objChannelDef != nullptr ? objChannelDef->Name : strNoName);
     }
 }
 

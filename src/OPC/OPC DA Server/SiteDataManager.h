@@ -68,7 +68,7 @@ class SiteDataManager final : public ICDRReferences {
     bool ResolveChannels(const std::string& strID, const std::string& strTagname, TagConfig& objTag);
     ISLIKTag* CreateSlikTag(ISLIKTags& objSLIKTags, std::string_view strName, std::int32_t lngAccessRights,
                             const Variant& varValue, std::int16_t intQuality, Date dtmTimestamp);
-    void DescribeItems() const;
+    void DescribeItems();
     std::string_view InternIntervalType(const std::string& strIntervalType);
 
     void UpdateQuelmTagValue(Date dtmTimestamp, const TagConfig& objTag);

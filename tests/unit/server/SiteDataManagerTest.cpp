@@ -196,6 +196,8 @@ TEST(FinishTagCreation, TellsClientsWhatEachItemIsFedFrom) {
         EXPECT_EQ(told, isNamed ? " 101=NOx, hourly 5000=101001234 5003=A 5004=1h;"
                                   " 101=Channel 7 5001=7 5002=8 5003=A; 5001=9 5003=A;"
                                 : " 5000=101001234 5003=A 5004=1h; 5001=7 5002=8 5003=A; 5001=9 5003=A;");
+        site.manager.UpdateTagValues();
+        EXPECT_EQ(site.dbil->channelDefLoads, isNamed ? 0 : 1);
     }
 }
 
