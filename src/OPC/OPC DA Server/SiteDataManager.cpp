@@ -39,7 +39,7 @@ constexpr std::array sourceProperties{
     SourceProperty{5001, "Value Channel", [](const TagConfig& objTag) { return Variant(objTag.IOChannelID_Value); }},
     SourceProperty{5002, "Monitor Code Channel",
                    [](const TagConfig& objTag) { return Variant(objTag.IOChannelID_MC); }},
-    SourceProperty{5004, "Interval Type", [](const TagConfig& objTag) { return Variant(objTag.IntervalType); }},
+    SourceProperty{5004, "Interval Type", [](const TagConfig& objTag) { return Variant(*objTag.IntervalType); }},
 };
 
 // The item is nullptr when the control refused it. strDescription: what people call its parameter or channel.
@@ -139,7 +139,7 @@ bool SiteDataManager::CreateTag(ISLIKTags& objSLIKTags, const OPCDef& objOPCDef)
         TagConfigCollection& colTags = objNewTag.IsValueFromPID() ? mcolQuelmTags : mcolChannelTags;
         const TagConfig& objTag = colTags.Add(objNewTag);
         Variant varValue;
-        if (!ConvertToOPCType(static_cast<std::int16_t>(objTag.OPCDataType), varValue, objTag.DefaultValue)) {
+        if (!ConvertToOPCType(objTag.OPCDataType, varValue, objTag.DefaultValue)) {
             // No error is pending here; the line keeps the form of the others with the number 0 and no description.
             Raise(msgtype::error,
                   fmt::format("[OPC-0206] Could not initialize OPC tag '{}' value; 0, ", objTag.OPCTagName));
@@ -167,7 +167,7 @@ bool SiteDataManager::ResolveTag(const OPCDef& objOPCDef, const std::string& str
         return false;
     }
     objTag.OPCTagName = strTagname;
-    objTag.OPCDataType = GetOPCVarType(objOPCDef.DataType());
+    objTag.OPCDataType = static_cast<std::int16_t>(GetOPCVarType(objOPCDef.DataType()));
     const std::string strID = objOPCDef.ID();
     objTag.PID = ParsePID(strID, false);
     const bool blnOK =
@@ -195,8 +195,8 @@ bool SiteDataManager::ResolvePID(const std::string& strID, const std::string& st
                                           strID, strTagname));
         return false;
     }
-    objTag.IntervalType = InternIntervalType(colPIDDefinitions.IntervalType(objTag.PID, true));
-    if (objTag.IntervalType.empty()) {
+    objTag.IntervalType = &InternIntervalType(colPIDDefinitions.IntervalType(objTag.PID, true));
+    if (objTag.IntervalType->empty()) {
         Raise(msgtype::error,
               fmt::format("[OPC-0222] Could not find interval type for PID '{}'; cannot create OPC tag (Tag={})", strID,
                           strTagname));
@@ -236,7 +236,7 @@ ISLIKTag* SiteDataManager::CreateSlikTag(ISLIKTags& objSLIKTags, std::string_vie
     }
 }
 
-std::string_view SiteDataManager::InternIntervalType(const std::string& strIntervalType) {
+const std::string& SiteDataManager::InternIntervalType(const std::string& strIntervalType) {
     return *intervalTypes_.insert(strIntervalType).first;
 }
 
@@ -273,7 +273,7 @@ void SiteDataManager::FinishTagCreation() {
           fmt::format("[OPC-0217] ========== {} OPC tags from Quelm tags for {}", mcolQuelmTags.Count(), SiteID()));
     for (const TagConfig& objTag : mcolQuelmTags) {
         Raise(msgtype::information, fmt::format("  {} {}  {}", PIDToText(objTag.PID),
-                                                PadText(objTag.IntervalType, 4, true, true), objTag.OPCTagName));
+                                                PadText(*objTag.IntervalType, 4, true, true), objTag.OPCTagName));
     }
     Raise(msgtype::information,
           fmt::format("[OPC-0218] ========== {} OPC tags from I/O channels for {}", mcolChannelTags.Count(), SiteID()));
@@ -319,7 +319,7 @@ void SiteDataManager::UpdateQuelmTagValue(Date dtmTimestamp, const TagConfig& ob
         }
         Variant varValue;
         std::int16_t intQuality = quality::bad;
-        if (const CurrentValueRecord* record = mobjCDR->CurrentValue(objTag.PID, objTag.IntervalType)) {
+        if (const CurrentValueRecord* record = mobjCDR->CurrentValue(objTag.PID, *objTag.IntervalType)) {
             const std::int16_t intVarType = slikTag(objTag).DataType();
             varValue = record->Value;
             if (!ConvertToOPCType(intVarType, varValue, objTag.DefaultValue)) {
