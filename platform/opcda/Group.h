@@ -345,7 +345,7 @@ class Group : public std::enable_shared_from_this<Group> {
     bool isAnySinkBusy() const;
     void wakeSinks();
     void restartKeepAlive();
-    void sendKeepAlive(Subscription& to);
+    std::size_t sendKeepAlive(Subscription& to, std::uint64_t now);
     // Something besides values changed; what was sent counts no more, of all items or of one.
     void noteChange();
     void forgetSent();

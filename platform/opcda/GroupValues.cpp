@@ -73,10 +73,12 @@ void Group::restartKeepAlive() {
 }
 
 // It says nothing of data: the client's time of the last update stays.
-void Group::sendKeepAlive(Subscription& to) {
+std::size_t Group::sendKeepAlive(Subscription& to, std::uint64_t now) {
     CallbackColumns& callback = application_->callback();
     callback.begin(0, state_.clientHandle, 0);
+    to.lastCalled_ = now;
     to.sink().onDataChange(callback.items());
+    return workOfCallback;
 }
 
 void Group::noteChange() {

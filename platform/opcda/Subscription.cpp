@@ -12,8 +12,6 @@ namespace quelm::opcda {
 
 namespace {
 
-constexpr std::size_t workOfKeepAlive = 500;  // in looks at an item, as any callback
-
 // Clients count from the last callback's arrival and take a late one as a failure, so that it leaves by so much
 // earlier.
 constexpr std::uint64_t leadOf(std::uint64_t keepAlive) {
@@ -57,9 +55,7 @@ std::size_t Subscription::deliver(std::uint64_t now) {
     if (const auto changes = changesDue(); changes && *changes <= now) {
         return group_->sendChanges(*this, now);
     }
-    lastCalled_ = now;
-    group_->sendKeepAlive(*this);
-    return workOfKeepAlive;
+    return group_->sendKeepAlive(*this, now);
 }
 
 std::uint64_t hashOfLarge(const OpcValue& value) {

@@ -61,7 +61,8 @@ PlantTag& PlantItems::Add(std::string_view strName, std::int32_t lngAccessRights
 
 void PlantItems::refuseChange() const {
     if (isClosed()) {
-        throw RuntimeError(errors::invalidCall, "Items can be added only before the server lets clients in");
+        throw RuntimeError(errors::invalidCall,
+                           "Items can be added and described only before the server lets clients in");
     }
 }
 

@@ -74,7 +74,7 @@ class TickReads {
         own.lastTick = tick_;
         const std::uint64_t now = time_.now();
         own.askedAt = now;
-        const bool isFirst = own.reads++ == 0;
+        ++own.reads;
         return time_.waitFor([&] {
             if (own.argument != argument) {
                 own.begun.reset();
@@ -83,7 +83,7 @@ class TickReads {
             if (!own.begun && worker->isFree()) {
                 own.begun = begin(worker, siteID, own, now);
             }
-            beginOthers(isFirst, now);
+            beginOthers(own, now);
             // One whose connection is taken by another site's read waits for it.
             Begun begun = own.begun ? std::move(*own.begun) : begin(worker, siteID, own, now);
             own.begun.reset();
@@ -114,7 +114,7 @@ class TickReads {
         Argument argument{};
         std::optional<Begun> begun;
 
-        bool isDue(std::uint64_t tick, bool isAskersFirst, std::uint64_t now) const {
+        bool isDue(std::uint64_t tick, const Site& asker, std::uint64_t now) const {
             if (lastTick == tick || begun || now - askedAt > longestPeriod) {
                 return false;
             }
@@ -122,7 +122,7 @@ class TickReads {
                 return !begunAt;
             }
             const bool isPeriodOver = (!begunAt || now - *begunAt >= shortestPeriod) && now - askedAt >= shortestPeriod;
-            return isPeriodOver || (reads == 1 && !isAskersFirst);
+            return isPeriodOver || (reads == 1 && asker.reads > 1);
         }
     };
 
@@ -134,9 +134,13 @@ class TickReads {
         }
     }
 
-    void beginOthers(bool isAskersFirst, std::uint64_t now) {
+    // Those that never asked are taken to ask as the asker does.
+    void beginOthers(const Site& asker, std::uint64_t now) {
         for (auto& [siteID, site] : sites_) {
-            if (site.isDue(tick_, isAskersFirst, now)) {
+            if (site.isDue(tick_, asker, now)) {
+                if (site.reads == 0) {
+                    site.argument = asker.argument;
+                }
                 if (const std::shared_ptr<SqlWorker> worker = findWorker_(siteID); worker->isFree()) {
                     site.begun = begin(worker, siteID, site, now);
                 }

@@ -181,4 +181,14 @@ void acknowledgeAtOnce(int descriptor) {
     setOption(descriptor, IPPROTO_TCP, TCP_QUICKACK, 1);
 }
 
+asio::error_code watchAnew(asio::posix::stream_descriptor& descriptor) {
+    const int taken = descriptor.release();
+    asio::error_code error;
+    descriptor.assign(taken, error);
+    if (error) {
+        ::close(taken);
+    }
+    return error;
+}
+
 }  // namespace quelm::dcom::net

@@ -5,6 +5,8 @@
 
 #include <sys/socket.h>
 
+#include <asio/error_code.hpp>
+#include <asio/posix/stream_descriptor.hpp>
 #include <cstdint>
 #include <stdexcept>
 #include <string>
@@ -48,5 +50,8 @@ Connecting beginConnecting(const std::string& address, std::uint16_t port);
 void setClientOptions(int descriptor);
 // Sends the acknowledgement of what came now rather than with the next data.
 void acknowledgeAtOnce(int descriptor);
+// Ends all waits. Once waited for, room to send would be watched for ever, and whatever the other end acknowledges wake
+// the loop: a descriptor that is taken out and put in again is watched for nothing. Closed where that fails.
+asio::error_code watchAnew(asio::posix::stream_descriptor& descriptor);
 
 }  // namespace quelm::dcom::net

@@ -69,20 +69,25 @@ class Connection : public std::enable_shared_from_this<Connection> {
         if (error != 0) {
             return end(std::strerror(error));
         }
-        awaitInputAlone();
-        events_->connected();
+        if (awaitInputAlone()) {
+            events_->connected();
+        }
     }
 
     void onWritable() {
-        awaitInputAlone();
-        events_->writable();
+        if (awaitInputAlone()) {
+            events_->writable();
+        }
     }
 
-    // Once waited for, room to send is watched for ever, and every acknowledgement of the other end wakes the loop. A
-    // descriptor that is taken out and put in again is watched for nothing.
-    void awaitInputAlone() {
-        descriptor_.assign(descriptor_.release());
+    // False: that was the end.
+    bool awaitInputAlone() {
+        if (const asio::error_code error = watchAnew(descriptor_)) {
+            end(error.message());
+            return false;
+        }
         awaitInput();
+        return true;
     }
 
     void awaitInput() { wait(stream_descriptor::wait_read, &Connection::onReadable); }

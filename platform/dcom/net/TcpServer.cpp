@@ -132,7 +132,7 @@ class TcpServer::Impl::Connection final : public IConnection, public std::enable
 
     template <class Step>
     void wait(stream_descriptor::wait_type what, Step step) {
-        // A wait that ends for another reason than it was for (see watchInputAlone) is one in which nothing was found.
+        // A wait that ends for another reason than it was for (see watchAnew) is one in which nothing was found.
         descriptor_.async_wait(what, [self = shared_from_this(), step](const asio::error_code& /*ignored*/) {
             if (self->phase_ != Phase::Closed) {
                 self->guarded([&] { ((*self).*step)(); });
@@ -227,24 +227,14 @@ class TcpServer::Impl::Connection final : public IConnection, public std::enable
         wait(stream_descriptor::wait_write, &Connection::send);
     }
 
-    // Once waited for, room to send is watched for ever, and what the client acknowledges wakes the loop. A descriptor
-    // that is taken out and put in again is watched for nothing.
-    void watchInputAlone() {
-        const int descriptor = descriptor_.release();
-        asio::error_code error;
-        descriptor_.assign(descriptor, error);
-        if (error) {
-            ::close(descriptor);
-            throw std::system_error(error);
-        }
-    }
-
     void onSent() {
         lastUse_ = timeSource().monotonicMilliseconds();
         if (phase_ == Phase::Sending) {
             watch();
             phase_ = Phase::Reading;
-            watchInputAlone();
+            if (const asio::error_code error = watchAnew(descriptor_)) {
+                throw std::system_error(error);
+            }
         }
         if (protocol_.closing()) {
             linger();

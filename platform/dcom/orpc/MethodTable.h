@@ -28,6 +28,10 @@ struct MethodRow {
     Method method;
 };
 
+// Of an interface whose methods need nothing but their parameters.
+template <class Self>
+using CallRow = MethodRow<Fault (Self::*)(ndr::Reader&, ndr::Writer&, CallContext&)>;
+
 // Whether a table has a row for each opnum from the first one's on, in their order.
 template <class Table>
 constexpr bool isInOrder(const Table& table) {

@@ -41,6 +41,22 @@ class AsyncIoCalls : public dcom::orpc::Interface {
 
  private:
     Group& group_;
+
+ public:
+    // Their rows, and behind them those of an interface's own.
+    template <class Self, class... More>
+    static constexpr auto methodsOf(const More&... more) {
+        using Row = dcom::orpc::CallRow<Self>;
+        return std::array{
+            Row{AsyncIo2::Read, "Read", &Self::read},
+            Row{AsyncIo2::Write, "Write", &Self::write},
+            Row{AsyncIo2::Refresh2, "Refresh2", &Self::refresh},
+            Row{AsyncIo2::Cancel2, "Cancel2", &Self::cancel},
+            Row{AsyncIo2::SetEnable, "SetEnable", &Self::setEnable},
+            Row{AsyncIo2::GetEnable, "GetEnable", &Self::getEnable},
+            more...,
+        };
+    }
 };
 
 class AsyncIo2Interface final : public dcom::orpc::Dispatched<AsyncIo2Interface, AsyncIoCalls> {
@@ -51,14 +67,7 @@ class AsyncIo2Interface final : public dcom::orpc::Dispatched<AsyncIo2Interface,
 
     using Dispatched::Dispatched;
 
-    static constexpr std::array methods{
-        Row{Opnum::Read, "Read", &AsyncIo2Interface::read},
-        Row{Opnum::Write, "Write", &AsyncIo2Interface::write},
-        Row{Opnum::Refresh2, "Refresh2", &AsyncIo2Interface::refresh},
-        Row{Opnum::Cancel2, "Cancel2", &AsyncIo2Interface::cancel},
-        Row{Opnum::SetEnable, "SetEnable", &AsyncIo2Interface::setEnable},
-        Row{Opnum::GetEnable, "GetEnable", &AsyncIo2Interface::getEnable},
-    };
+    static constexpr auto methods = methodsOf<AsyncIo2Interface>();
 };
 
 }  // namespace quelm::opcda::wire

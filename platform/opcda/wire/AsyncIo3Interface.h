@@ -10,14 +10,9 @@ using namespace literals;
 
 inline constexpr Uuid iidOpcAsyncIo3 = "0967B97B-36EF-423E-B6F8-6BFF1E40D39D"_uuid;
 
+// Behind those of IOPCAsyncIO2.
 enum class AsyncIo3 : std::uint16_t {
-    Read = dcom::orpc::firstOpnum,
-    Write,
-    Refresh2,
-    Cancel2,
-    SetEnable,
-    GetEnable,
-    ReadMaxAge,
+    ReadMaxAge = dcom::orpc::opnumOf(AsyncIo2::GetEnable) + 1,
     WriteVqt,
     RefreshMaxAge,
 };
@@ -36,17 +31,10 @@ class AsyncIo3Interface final : public dcom::orpc::Dispatched<AsyncIo3Interface,
     dcom::Fault refreshMaxAge(dcom::ndr::Reader& in, dcom::ndr::Writer& out, dcom::orpc::CallContext& context);
 
  public:
-    static constexpr std::array methods{
-        Row{Opnum::Read, "Read", &AsyncIo3Interface::read},
-        Row{Opnum::Write, "Write", &AsyncIo3Interface::write},
-        Row{Opnum::Refresh2, "Refresh2", &AsyncIo3Interface::refresh},
-        Row{Opnum::Cancel2, "Cancel2", &AsyncIo3Interface::cancel},
-        Row{Opnum::SetEnable, "SetEnable", &AsyncIo3Interface::setEnable},
-        Row{Opnum::GetEnable, "GetEnable", &AsyncIo3Interface::getEnable},
-        Row{Opnum::ReadMaxAge, "ReadMaxAge", &AsyncIo3Interface::readMaxAge},
-        Row{Opnum::WriteVqt, "WriteVQT", &AsyncIo3Interface::writeVqt},
-        Row{Opnum::RefreshMaxAge, "RefreshMaxAge", &AsyncIo3Interface::refreshMaxAge},
-    };
+    static constexpr auto methods =
+        methodsOf<AsyncIo3Interface>(Row{Opnum::ReadMaxAge, "ReadMaxAge", &AsyncIo3Interface::readMaxAge},
+                                     Row{Opnum::WriteVqt, "WriteVQT", &AsyncIo3Interface::writeVqt},
+                                     Row{Opnum::RefreshMaxAge, "RefreshMaxAge", &AsyncIo3Interface::refreshMaxAge});
 };
 
 }  // namespace quelm::opcda::wire

@@ -19,12 +19,9 @@ enum class GroupStateMgt : std::uint16_t {
     CloneGroup,
 };
 
+// Behind those of IOPCGroupStateMgt.
 enum class GroupStateMgt2 : std::uint16_t {
-    GetState = dcom::orpc::firstOpnum,
-    SetState,
-    SetName,
-    CloneGroup,
-    SetKeepAlive,
+    SetKeepAlive = dcom::orpc::opnumOf(GroupStateMgt::CloneGroup) + 1,
     GetKeepAlive,
 };
 
@@ -42,6 +39,20 @@ class GroupStateCalls : public dcom::orpc::Interface {
     dcom::Fault cloneGroup(dcom::ndr::Reader& in, dcom::ndr::Writer& out, dcom::orpc::CallContext& context);
 
     OpcGroupObject& object_;
+
+ public:
+    // Their rows, and behind them those of an interface's own.
+    template <class Self, class... More>
+    static constexpr auto methodsOf(const More&... more) {
+        using Row = dcom::orpc::CallRow<Self>;
+        return std::array{
+            Row{GroupStateMgt::GetState, "GetState", &Self::getState},
+            Row{GroupStateMgt::SetState, "SetState", &Self::setState},
+            Row{GroupStateMgt::SetName, "SetName", &Self::setName},
+            Row{GroupStateMgt::CloneGroup, "CloneGroup", &Self::cloneGroup},
+            more...,
+        };
+    }
 };
 
 class GroupStateMgtInterface final : public dcom::orpc::Dispatched<GroupStateMgtInterface, GroupStateCalls> {
@@ -51,12 +62,7 @@ class GroupStateMgtInterface final : public dcom::orpc::Dispatched<GroupStateMgt
     using Opnum = GroupStateMgt;
     using Dispatched::Dispatched;
 
-    static constexpr std::array methods{
-        Row{Opnum::GetState, "GetState", &GroupStateMgtInterface::getState},
-        Row{Opnum::SetState, "SetState", &GroupStateMgtInterface::setState},
-        Row{Opnum::SetName, "SetName", &GroupStateMgtInterface::setName},
-        Row{Opnum::CloneGroup, "CloneGroup", &GroupStateMgtInterface::cloneGroup},
-    };
+    static constexpr auto methods = methodsOf<GroupStateMgtInterface>();
 };
 
 class GroupStateMgt2Interface final : public dcom::orpc::Dispatched<GroupStateMgt2Interface, GroupStateCalls> {
@@ -71,14 +77,9 @@ class GroupStateMgt2Interface final : public dcom::orpc::Dispatched<GroupStateMg
     dcom::Fault getKeepAlive(dcom::ndr::Reader& in, dcom::ndr::Writer& out, dcom::orpc::CallContext& context);
 
  public:
-    static constexpr std::array methods{
-        Row{Opnum::GetState, "GetState", &GroupStateMgt2Interface::getState},
-        Row{Opnum::SetState, "SetState", &GroupStateMgt2Interface::setState},
-        Row{Opnum::SetName, "SetName", &GroupStateMgt2Interface::setName},
-        Row{Opnum::CloneGroup, "CloneGroup", &GroupStateMgt2Interface::cloneGroup},
+    static constexpr auto methods = methodsOf<GroupStateMgt2Interface>(
         Row{Opnum::SetKeepAlive, "SetKeepAlive", &GroupStateMgt2Interface::setKeepAlive},
-        Row{Opnum::GetKeepAlive, "GetKeepAlive", &GroupStateMgt2Interface::getKeepAlive},
-    };
+        Row{Opnum::GetKeepAlive, "GetKeepAlive", &GroupStateMgt2Interface::getKeepAlive});
 };
 
 }  // namespace quelm::opcda::wire

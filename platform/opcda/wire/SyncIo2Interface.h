@@ -11,10 +11,9 @@ using namespace literals;
 
 inline constexpr Uuid iidOpcSyncIo2 = "730F5F0F-55B1-4C81-9E18-FF8A0904E1FA"_uuid;
 
+// Behind those of IOPCSyncIO.
 enum class SyncIo2 : std::uint16_t {
-    Read = dcom::orpc::firstOpnum,
-    Write,
-    ReadMaxAge,
+    ReadMaxAge = dcom::orpc::opnumOf(SyncIo::Write) + 1,
     WriteVqt,
 };
 
@@ -31,12 +30,9 @@ class SyncIo2Interface final : public dcom::orpc::Dispatched<SyncIo2Interface, S
     dcom::Fault writeVqt(dcom::ndr::Reader& in, dcom::ndr::Writer& out, dcom::orpc::CallContext& context);
 
  public:
-    static constexpr std::array methods{
-        Row{Opnum::Read, "Read", &SyncIo2Interface::read},
-        Row{Opnum::Write, "Write", &SyncIo2Interface::write},
-        Row{Opnum::ReadMaxAge, "ReadMaxAge", &SyncIo2Interface::readMaxAge},
-        Row{Opnum::WriteVqt, "WriteVQT", &SyncIo2Interface::writeVqt},
-    };
+    static constexpr auto methods =
+        methodsOf<SyncIo2Interface>(Row{Opnum::ReadMaxAge, "ReadMaxAge", &SyncIo2Interface::readMaxAge},
+                                    Row{Opnum::WriteVqt, "WriteVQT", &SyncIo2Interface::writeVqt});
 };
 
 }  // namespace quelm::opcda::wire

@@ -34,6 +34,18 @@ class SyncIoCalls : public dcom::orpc::Interface {
 
  private:
     Group& group_;
+
+ public:
+    // Their rows, and behind them those of an interface's own.
+    template <class Self, class... More>
+    static constexpr auto methodsOf(const More&... more) {
+        using Row = dcom::orpc::CallRow<Self>;
+        return std::array{
+            Row{SyncIo::Read, "Read", &Self::read},
+            Row{SyncIo::Write, "Write", &Self::write},
+            more...,
+        };
+    }
 };
 
 class SyncIoInterface final : public dcom::orpc::Dispatched<SyncIoInterface, SyncIoCalls> {
@@ -44,10 +56,7 @@ class SyncIoInterface final : public dcom::orpc::Dispatched<SyncIoInterface, Syn
 
     using Dispatched::Dispatched;
 
-    static constexpr std::array methods{
-        Row{Opnum::Read, "Read", &SyncIoInterface::read},
-        Row{Opnum::Write, "Write", &SyncIoInterface::write},
-    };
+    static constexpr auto methods = methodsOf<SyncIoInterface>();
 };
 
 }  // namespace quelm::opcda::wire

@@ -251,8 +251,8 @@ TEST_F(Callbacks, AnswerAsynchronousCalls) {
     EXPECT_HEX(next().parameters,
                "08000000 05000000 01000000 02000000 02000000 64000000 65000000 02000000 05400080 05400080");
 
-    EXPECT_EQ(call(AsyncIo3::Read, all).result(), S_FALSE);
-    EXPECT_HEX(call(AsyncIo3::Cancel2, Parameters().u32(7)).bytes, "00000000");
+    EXPECT_EQ(call({iidOpcAsyncIo3, Method(AsyncIo2::Read).opnum}, all).result(), S_FALSE);
+    EXPECT_HEX(call({iidOpcAsyncIo3, Method(AsyncIo2::Cancel2).opnum}, Parameters().u32(7)).bytes, "00000000");
     answer = next();
     EXPECT_EQ(answer.opnum, 6);
     EXPECT_HEX(answer.parameters, "07000000 05000000");
