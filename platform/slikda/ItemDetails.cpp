@@ -30,7 +30,7 @@ void ItemDetails::set(std::uint32_t item, std::uint32_t property, std::string_vi
     if (cell == 0) {
         return;
     }
-    std::vector<std::uint32_t>& column = columns_[placeOf(property, name, isText)];
+    std::vector<std::uint32_t>& column = columns_[placeOf(property, name, isText)].cells;
     if (column.size() <= item) {
         if (column.capacity() == 0) {
             column.reserve(firstRoom / sizeof(std::uint32_t));
@@ -72,9 +72,19 @@ std::uint32_t ItemDetails::keep(std::string_view text) {
     return known;
 }
 
+void ItemDetails::Column::close() {
+    const auto isTheFirst = [this](std::uint32_t cell) { return cell == cells.front(); };
+    if (!cells.empty() && std::all_of(cells.begin(), cells.end(), isTheFirst)) {
+        common = cells.front();
+        commonOf = static_cast<std::uint32_t>(cells.size());
+        cells = {};
+    }
+    cells.shrink_to_fit();
+}
+
 void ItemDetails::close() {
-    for (std::vector<std::uint32_t>& column : columns_) {
-        column.shrink_to_fit();
+    for (Column& column : columns_) {
+        column.close();
     }
     texts_.shrink_to_fit();
     known_ = {};
@@ -84,7 +94,7 @@ Variant ItemDetails::value(std::size_t kind, std::uint32_t item) const {
     if (!has(kind, item)) {
         return {};
     }
-    const std::uint32_t cell = columns_[kind][item];
+    const std::uint32_t cell = columns_[kind].cell(item);
     return kinds_[kind].isText ? Variant(textAt(cell)) : Variant(static_cast<std::int32_t>(cell));
 }
 

@@ -14,7 +14,8 @@
 
 namespace quelm {
 
-// Made for 100,000 items: 4 bytes for each item and property, and a text of many once.
+// Made for 100,000 items: 4 bytes for each item and property, nothing for what is the same of all (as the site of a
+// plant that has but one), and a text of many once.
 class ItemDetails {
  public:
     struct Kind {
@@ -37,19 +38,30 @@ class ItemDetails {
     const std::vector<Kind>& kinds() const { return kinds_; }
     // kind: place among kinds(). Empty when nothing was said of the item.
     Variant value(std::size_t kind, std::uint32_t item) const;
-    bool has(std::size_t kind, std::uint32_t item) const {
-        return item < columns_[kind].size() && columns_[kind][item] != 0;
-    }
+    bool has(std::size_t kind, std::uint32_t item) const { return columns_[kind].cell(item) != 0; }
 
  private:
+    // By item: the number, or the text's place; 0: none.
+    struct Column {
+        std::vector<std::uint32_t> cells;
+        // Of the first items, as many as stand here, in place of cells.
+        std::uint32_t common = 0;
+        std::uint32_t commonOf = 0;
+
+        std::uint32_t cell(std::uint32_t item) const {
+            return item < commonOf ? common : item < cells.size() ? cells[item] : 0;
+        }
+        void close();
+    };
+
     std::size_t placeOf(std::uint32_t property, std::string_view name, bool isText);
     std::uint32_t keep(std::string_view text);
     std::string_view textAt(std::uint32_t place) const { return texts_.c_str() + place; }
 
     std::vector<Kind> kinds_;
-    std::vector<std::vector<std::uint32_t>> columns_;  // by kind and item: the number, or the text's place; 0: none
-    std::string texts_;                                // each with its end
-    std::vector<std::uint32_t> known_;                 // places of texts that came lately, by their hashes
+    std::vector<Column> columns_;       // by kind
+    std::string texts_;                 // each with its end
+    std::vector<std::uint32_t> known_;  // places of texts that came lately, by their hashes
 };
 
 }  // namespace quelm
