@@ -138,7 +138,7 @@ class Soak : public testing::Test {
         const auto makeDBIL = [](const ISystemINI&) {
             SqlDrivers drivers;
             drivers.add(std::make_unique<SqliteDriver>(SqliteTimeouts{50ms, 10s}));
-            drivers.add(std::make_unique<OdbcDriver>(SqlTimeouts{3s, 3s, 250ms}));
+            drivers.add(std::make_unique<OdbcDriver>(SqlTimeouts{3s, 3s, 1s}));
             return std::make_shared<DBIL>(std::move(drivers), [](std::string_view text) { ADD_FAILURE() << text; });
         };
         const auto makeDI = [](IDBIL& dbil, std::string_view id) {
@@ -151,7 +151,7 @@ class Soak : public testing::Test {
                 [this] { return std::make_unique<fakes::SystemINI>(ini_); },
                 makeDBIL,
                 [this] { return std::make_shared<Clock>(plantLoop_); },
-                [this] { return std::make_unique<fakes::LogWriter>(journal_); },
+                [this](const ISystemINI&) { return std::make_unique<fakes::LogWriter>(journal_); },
                 messageTypeName,
                 {makeDI, [] { return std::make_unique<CurrentDataReader>(); }}};
     }
