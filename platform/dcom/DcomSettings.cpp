@@ -27,7 +27,7 @@ constexpr std::size_t mostProblems = 50;         // a file of another kind must 
 constexpr std::array<std::string_view, 3> listenKeys = {"Address", "ActivationPort", "ObjectPort"};
 constexpr std::array<std::string_view, 6> securityKeys = {"MinimumLevel",   "AllowNTLMv1",  "AllowAnonymous",
                                                           "OpenServerList", "ComputerName", "Domain"};
-constexpr std::array<std::string_view, 3> clientsKeys = {"PingTimeout", "FirstPing", "CloseGrace"};
+constexpr std::array<std::string_view, 4> clientsKeys = {"PingTimeout", "FirstPing", "CloseGrace", "KeepRunning"};
 constexpr std::array<std::string_view, 4> callbacksKeys = {"Account", "Secret", "MinimumLevel", "AllowNoLogOn"};
 
 // Sections of settings, which have a place each in the parser.
@@ -39,7 +39,7 @@ struct NamedSection {
 constexpr std::array<NamedSection, 4> namedSections = {{
     {"Listen", listenKeys, "Use Address, ActivationPort or ObjectPort"},
     {"Security", securityKeys, "Use MinimumLevel, AllowNTLMv1, AllowAnonymous, OpenServerList, ComputerName or Domain"},
-    {"Clients", clientsKeys, "Use PingTimeout, FirstPing or CloseGrace"},
+    {"Clients", clientsKeys, "Use PingTimeout, FirstPing, CloseGrace or KeepRunning"},
     {"Callbacks", callbacksKeys, "Use Account, Secret, MinimumLevel or AllowNoLogOn"},
 }};
 
@@ -178,6 +178,7 @@ void Parser::parse(const IniFile& file) {
     readPeriod("PingTimeout", settings_.pingTimeout);
     readPeriod("FirstPing", settings_.firstPing);
     readPeriod("CloseGrace", settings_.closeGrace);
+    readSwitch("Clients", "KeepRunning", settings_.keepRunning);
     for (const IniFile::Key& key : accounts_.keys) {
         readAccount(key);
     }

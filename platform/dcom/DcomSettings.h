@@ -37,6 +37,7 @@ struct DcomSettings {
     std::uint32_t pingTimeout = 360;
     std::uint32_t firstPing = 150;
     std::uint32_t closeGrace = 10;
+    bool keepRunning = false;  // the server stays in use when no client is there
 
     // Both are for the log at start, one line each, without secrets.
     std::vector<std::string> problems;  // what is damaged, what holds instead, what to do about it

@@ -11,7 +11,7 @@ namespace quelm {
 
 class ClientDoor {
  public:
-    // Network: one client more; false: the server is going.
+    // Network, or the process itself as a client: one client more; false: the server is going.
     bool enter() {
         std::int32_t count = state_.load();
         while (count != closed) {
@@ -21,7 +21,7 @@ class ClientDoor {
         }
         return false;
     }
-    // Network: one client less; how many remain.
+    // The same: one client less; how many remain.
     std::int32_t leave() { return --state_; }
     // Plant: lets nobody in any more, unless somebody is there; false then.
     bool close() {

@@ -1,5 +1,7 @@
 #include "slikda/SLIKServer.h"
 
+#include <utility>
+
 #include "slikda/Identity.h"
 
 namespace quelm {
@@ -46,6 +48,16 @@ std::string SLIKServer::AppID() const {
 
 std::string SLIKServer::AppName() const {
     return std::string(identity::description);
+}
+
+void SLIKServer::holdAsResident() {
+    isHeld_ = isHeld_ || door_.enter();
+}
+
+void SLIKServer::releaseResident() {
+    if (std::exchange(isHeld_, false)) {
+        raiseDisconnect(door_.leave());
+    }
 }
 
 // A client that is there now counts for the rest of this handler: were it to go before InUse is asked, another one

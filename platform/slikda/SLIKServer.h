@@ -51,6 +51,11 @@ class SLIKServer final : public ISLIKServer, private IPlantSide {
     void SetSourcesLost(bool blnLost) override { items_.setSourcesLost(blnLost); }
     bool InUse() const override { return wasInUse_ || door_.count() > 0; }
 
+    // This process itself as a client, which keeps the server in use when no other one does; on the plant's thread,
+    // once the server is started. Its going is told as that of any client, and nothing when it does not hold.
+    void holdAsResident();
+    void releaseResident();
+
     // The other half. Belongs to the network's thread from the start on.
     SLIKNetwork& network() { return network_; }
 
@@ -70,6 +75,7 @@ class SLIKServer final : public ISLIKServer, private IPlantSide {
     PlantItems items_;
     bool underWay_ = false;  // a batch is on its way to the network or back
     bool wasInUse_ = false;  // found by this handler's shutdown notice
+    bool isHeld_ = false;    // by this process itself
     SLIKNetwork network_{items_.shown(), crossing_, door_, *this};
 };
 

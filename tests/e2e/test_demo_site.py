@@ -134,6 +134,23 @@ class Lifetime(SiteTest):
             *LAST_CLIENT_LEAVES, *UNLOADED])
 
 
+class KeptRunning(SiteTest):
+    def test_a_client_that_comes_reads_and_leaves_again_and_again_finds_good_values_each_time(self):
+        self.site.edit('dcom.conf', ('FirstPing', 'KeepRunning = yes\nFirstPing'))
+        self.site.start().started()
+        self.site.wait_pass()
+        at = len(self.site.log())
+        for _ in range(3):
+            client = self.client(items=['North.Stack1.NOx'])
+            self.assertEqual(client('read')['items'][0]['quality'], 0xC0)
+            client('close')
+            self.site.wait_log('remaining clients=1', after=at)
+            at = len(self.site.log())
+        self.site.terminate()
+        self.assertEqual(self.site.exit_code(4), 0)
+        self.assertEqual(life(self.site.log()[at:]), [*LAST_CLIENT_LEAVES, *UNLOADED])
+
+
 class Refusals(SiteTest):
     def test_who_may_not_come_in_gets_one_plain_line_and_others_go_on(self):
         self.site.start().started()

@@ -141,6 +141,11 @@ class Registration(SiteTest):
                 f'[Socket]\nListenStream=\nListenStream={self.site.address}:{port}\n'))
         self.assertIn(f'ReadWritePaths="-{self.site.folder}/logs"\n', first[f'{SERVICE}.d/settings.conf'])
         self.assertNotIn('ExecStart', first[f'{SERVICE}.d/settings.conf'])
+        self.site.edit('dcom.conf', ('FirstPing', 'KeepRunning = yes\nFirstPing'))
+        self.assertEqual(self.run_server('regserver').returncode, 0)
+        self.assertEqual({name for name, text in self.written().items() if text != first[name]},
+                         {f'{ACTIVATION}.d/settings.conf', f'{OBJECTS}.d/settings.conf'})
+        self.assertIn(f'[Unit]\nWants={SERVICE}\n[Socket]\n', self.written()[f'{ACTIVATION}.d/settings.conf'])
         if shutil.which('systemd-analyze'):
             self.site.write(f'dest/etc/systemd/system/{SERVICE}.d/there.conf', '[Service]\nExecStart=\nExecStart=/bin/true\n')
             verified = subprocess.run(['systemd-analyze', 'verify', '--man=no', *(

@@ -273,6 +273,7 @@ void OpcNetwork::open() {
     for (const std::string& notice : settings.notices) {
         lines_.weakened(notice);
     }
+    const bool keepsRunning = settings.keepRunning;
     impl_ = std::make_unique<Impl>(
         control_, loop_, [this](std::string_view line) { trouble_.send(line); },
         [this](std::string_view line) { client_.send(line); }, std::move(settings));
@@ -289,6 +290,9 @@ void OpcNetwork::open() {
     } catch (...) {
         impl_.reset();
         throw;
+    }
+    if (keepsRunning) {
+        control_.holdAsResident();
     }
     lines_.notice("OPC clients are served on " + impl_->listening());
 }

@@ -95,11 +95,13 @@ std::string commandWord(std::string_view text) {
 }
 
 std::string socketSettings(const dcom::DcomSettings& settings, std::uint16_t port) {
-    std::string text = fmt::format(
-        "{} after dcom.conf; run that again when addresses or ports have changed.\n"
-        "[Socket]\n"
-        "ListenStream=\n",
-        mark);
+    std::string text =
+        fmt::format("{} after dcom.conf; run that again when addresses, ports or KeepRunning have changed.\n", mark);
+    // Clients find a server that was started with the machine, and its values good.
+    if (settings.keepRunning) {
+        text += fmt::format("[Unit]\nWants={}\n", serviceUnit);
+    }
+    text += "[Socket]\nListenStream=\n";
     for (const std::string& address : settings.addresses) {
         text += fmt::format("ListenStream={}:{}\n", address, port);
     }

@@ -58,7 +58,8 @@ TEST(DcomSettings, ReadsEverySetting) {
         "ObjectPort = 0\r\n[Security]\r\nMinimumLevel = Connect\r\nallowntlmv1 = YES\r\nAllowAnonymous = yes\r\n"
         "OpenServerList = yes\r\n"
         "ComputerName = quelm-01\r\nDomain = plant\r\n[Clients]\r\nPingTimeout = 30\r\nFirstPing = 20\r\n"
-        "CloseGrace = 1\r\n[Callbacks]\r\nAccount = PLANT\\quelm\r\nSecret = password:c;d\r\nMinimumLevel = connect\r\n"
+        "CloseGrace = 1\r\nkeeprunning = Yes\r\n[Callbacks]\r\nAccount = PLANT\\quelm\r\nSecret = "
+        "password:c;d\r\nMinimumLevel = connect\r\n"
         "AllowNoLogOn = yes\r\n[Accounts]\r\n"
         "PLANT\\historian = nt:A4F49C406510bdcab6824ee7c30fd852\r\n*\\Display = password:a=b; c\r\n"
         "guest = Password:x\r\n");
@@ -69,6 +70,7 @@ TEST(DcomSettings, ReadsEverySetting) {
     EXPECT_EQ(protection(settings), "connect v1 anonymous");
     EXPECT_THAT(names(settings), StartsWith("QUELM-01 PLANT "));
     EXPECT_THAT((std::vector{settings.pingTimeout, settings.firstPing, settings.closeGrace}), ElementsAre(30, 20, 1));
+    EXPECT_TRUE(settings.keepRunning);
     EXPECT_EQ(settings.accounts.find("plant", "Historian"), ntlm::ntHash("Password"));
     EXPECT_EQ(settings.accounts.find("office", "Historian"), std::nullopt);
     EXPECT_EQ(settings.accounts.find("office", "display"), ntlm::ntHash("a=b; c"));

@@ -198,6 +198,23 @@ TEST_F(CrossingTest, AnUnloadAndAComingClientNeverMiss) {
     EXPECT_EQ(events.log.size(), 2U) << "it never was a client";
 }
 
+TEST_F(CrossingTest, AResidentHolderCountsAsAClientUntilItLetsGo) {
+    control.holdAsResident();
+    control.holdAsResident();
+    EXPECT_TRUE(network.clientCreated());
+    network.clientGone();
+    plantLoop.drain();
+    onPlant([&] {
+        control.RequestDisconnect("Unloading Server");
+        EXPECT_TRUE(control.InUse());
+    });
+    EXPECT_TRUE(control.InUse());
+    control.releaseResident();
+    control.releaseResident();
+    EXPECT_FALSE(control.InUse());
+    EXPECT_THAT(events.log, ElementsAre("disconnect 1 in use", "disconnect 0"));
+}
+
 // Both sides on threads of their own, as fast as they can: for the thread sanitizer above all.
 class Threads : public ISLIKServerEvents {
  public:
