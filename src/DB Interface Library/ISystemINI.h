@@ -31,6 +31,8 @@ class ISystemINI {
     virtual const std::vector<DAHSEntry>& AllDAHS() const = 0;
     // As the file has it; no separator is added or removed.
     virtual std::string LogFolder() const = 0;
+    // Days after which logs are removed, 1 or more; 0: they are kept.
+    virtual std::int32_t KeepLogs() const = 0;
     // Of every site's databases; the defaults where the file says nothing usable.
     virtual SqlTimeouts DatabaseTimeouts() const = 0;
 };

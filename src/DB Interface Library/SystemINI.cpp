@@ -18,7 +18,7 @@ namespace quelm {
 
 namespace {
 
-constexpr std::array<std::string_view, 3> systemKeys = {"LogFolder", "ConnectTimeout", "QueryTimeout"};
+constexpr std::array<std::string_view, 4> systemKeys = {"LogFolder", "KeepLogs", "ConnectTimeout", "QueryTimeout"};
 constexpr std::array<std::string_view, 5> connectionKeys = {"Connection1", "Connection2", "Connection3", "Connection4",
                                                             "Connection5"};
 constexpr std::array<std::string_view, 9> entryKeys = {"SiteID",      "DAHSID",      "Computer",
@@ -27,6 +27,7 @@ constexpr std::array<std::string_view, 9> entryKeys = {"SiteID",      "DAHSID", 
 constexpr std::size_t mostDetails = 50;  // a file of another kind must not swamp the log
 // Seconds: beyond this nobody waits for a display to move on.
 constexpr std::int32_t longestTimeout = 300;
+constexpr std::int32_t mostLogDays = 36'500;
 
 bool isKnown(std::span<const std::string_view> known, std::string_view name) {
     return std::any_of(known.begin(), known.end(), [&](auto key) { return equalsIgnoringCase(key, name); });
@@ -92,6 +93,7 @@ std::string thisComputer() {
 
 bool SystemINI::ReadINI(std::int32_t, bool blnReport) {
     logFolder_.clear();
+    keepLogs_ = 0;
     timeouts_ = {};
     entries_.clear();
     placements_.clear();
@@ -151,6 +153,7 @@ std::optional<std::string> SystemINI::readFile(bool blnReport) const {
 void SystemINI::readSystem(const IniFile::Section& section, bool blnReport) {
     logFolder_ = valueOf(section, "LogFolder");
     checkKeys(section, systemKeys, "the first counts", blnReport);
+    readKeepLogs(section, blnReport);
     readTimeout(section, "ConnectTimeout", timeouts_.connect, blnReport);
     readTimeout(section, "QueryTimeout", timeouts_.query, blnReport);
 }
@@ -188,6 +191,18 @@ void SystemINI::readTimeout(const IniFile::Section& section, std::string_view ke
         return;
     }
     timeout = std::chrono::seconds(*seconds);
+}
+
+// What is no number of days removes nothing.
+void SystemINI::readKeepLogs(const IniFile::Section& section, bool blnReport) {
+    const std::string given = valueOf(section, "KeepLogs");
+    const std::optional<std::int32_t> days = wholeNumber(given);
+    if (days && *days >= 1 && *days <= mostLogDays) {
+        keepLogs_ = *days;
+    } else if (!given.empty()) {
+        report(blnReport, fmt::format("[System]: KeepLogs '{}' is not a number of days from 1 to {}; all logs are kept",
+                                      shownSetting(given), mostLogDays));
+    }
 }
 
 void SystemINI::readEntry(const IniFile::Section& section, bool blnReport) {

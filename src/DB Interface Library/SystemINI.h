@@ -4,7 +4,7 @@
 //
 //   [System]            [DAHS.1]  (any section whose name starts with DAHS, in file order)
 //   LogFolder=...       SiteID=, DAHSID=, Computer=name,name, Default=yes, Connection1= to Connection5=
-//   ConnectTimeout=, QueryTimeout= in whole seconds, 1 to 300
+//   ConnectTimeout=, QueryTimeout= in whole seconds, 1 to 300; KeepLogs= in whole days, 1 to 36500
 
 #include <cstddef>
 #include <optional>
@@ -37,6 +37,7 @@ class SystemINI final : public ISystemINI {
     const DAHSEntry& SelectedDAHS() const override;
     const std::vector<DAHSEntry>& AllDAHS() const override { return entries_; }
     std::string LogFolder() const override { return logFolder_; }
+    std::int32_t KeepLogs() const override { return keepLogs_; }
     SqlTimeouts DatabaseTimeouts() const override { return timeouts_; }
 
     // A file beyond this size (bytes) is not read.
@@ -53,6 +54,7 @@ class SystemINI final : public ISystemINI {
     void readSystem(const IniFile::Section& section, bool blnReport);
     void readTimeout(const IniFile::Section& section, std::string_view key, std::chrono::milliseconds& timeout,
                      bool blnReport) const;
+    void readKeepLogs(const IniFile::Section& section, bool blnReport);
     void readEntry(const IniFile::Section& section, bool blnReport);
     // False when a key has two values. outcome: what then becomes of them, for the message.
     bool checkKeys(const IniFile::Section& section, std::span<const std::string_view> known, std::string_view outcome,
@@ -65,6 +67,7 @@ class SystemINI final : public ISystemINI {
     std::string strComputer_;
     ProblemSink problems_;
     std::string logFolder_;
+    std::int32_t keepLogs_ = 0;
     SqlTimeouts timeouts_;
     std::vector<DAHSEntry> entries_;
     std::vector<Placement> placements_;

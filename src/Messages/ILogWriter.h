@@ -18,6 +18,9 @@ class ILogWriter {
                       bool blnTimeStamps) = 0;
     // blnFlag marks the lines that matter most: they reach the disk at once.
     virtual void WriteEntry(std::string_view strText, bool blnFlag = false) = 0;
+    // From true to false lines without a flag may wait for each other in memory, some 64 KiB of them at most: for
+    // lists, whose single lines help nobody when the process is killed.
+    virtual void CollectLines(bool /*blnOn*/) {}
     virtual void Close() = 0;
 };
 

@@ -21,6 +21,20 @@ class IRaiseMsg {
     virtual ~IRaiseMsg() = default;
     // Must not throw: handlers report through it from inside their catch blocks.
     virtual void RaiseMsg(std::int32_t lngMsgType, std::string_view strDescription) = 0;
+    // From true to false the messages are a list, of a line for each item maybe: as ILogWriter::CollectLines().
+    virtual void CollectMessages(bool /*blnOn*/) {}
+};
+
+// What is raised during its lifetime is a list.
+class MessageListing {
+ public:
+    explicit MessageListing(IRaiseMsg& objRaiseMsg) : objRaiseMsg_(&objRaiseMsg) { objRaiseMsg.CollectMessages(true); }
+    ~MessageListing() { objRaiseMsg_->CollectMessages(false); }
+    MessageListing(const MessageListing&) = delete;
+    MessageListing& operator=(const MessageListing&) = delete;
+
+ private:
+    IRaiseMsg* objRaiseMsg_;
 };
 
 }  // namespace quelm

@@ -27,11 +27,8 @@ void createFolder(const std::string& filePath) {
     }
 }
 
-void appendTimeStamp(std::string& line) {
-    const CivilTime now = civilTime(localNow());
-    fmt::format_to(std::back_inserter(line), "{:04}-{:02}-{:02} {:02}:{:02}:{:02}.{:03} ", now.year, now.month, now.day,
-                   now.hour, now.minute, now.second, now.millisecond);
-}
+constexpr std::size_t mostCollected = std::size_t{64} << 10U;  // bytes
+constexpr std::int64_t fileTimePerMillisecond = 10'000;
 
 }  // namespace
 
@@ -47,7 +44,7 @@ bool LogWriter::Open(std::string_view strFilePath, std::string_view, bool blnOve
     return openFile();
 }
 
-void LogWriter::WriteEntry(std::string_view strText, bool) {
+void LogWriter::WriteEntry(std::string_view strText, bool blnFlag) {
     if (path_.empty()) {
         return;
     }
@@ -55,16 +52,40 @@ void LogWriter::WriteEntry(std::string_view strText, bool) {
         loseLine(strText);
         return;
     }
+    const bool isAfterLoss = lostLines_ > 0 || lineTorn_;
     buildLine(strText);
-    if (writeLine()) {
+    if (!collects_ || blnFlag || isAfterLoss || lines_.size() >= mostCollected) {
+        writeLines();
+    }
+}
+
+void LogWriter::CollectLines(bool blnOn) {
+    collects_ = blnOn;
+    if (!blnOn) {
+        writeLines();
+    }
+}
+
+void LogWriter::writeLines() {
+    if (texts_.empty()) {
+        return;
+    }
+    written_ = 0;
+    if (hasWritten()) {
         lostLines_ = 0;
         isTroubled_ = false;
     } else {
         tellTrouble();
-        loseLine(strText);
+        for (const Text& text : texts_) {
+            if (text.end > written_) {
+                loseLine(std::string_view(lines_).substr(text.begin, text.end - text.begin - 1));
+            }
+        }
         closeFile();
         retryAt_ = timeSource().monotonicMilliseconds() + retryAfter;
     }
+    lines_.clear();
+    texts_.clear();
 }
 
 void LogWriter::loseLine(std::string_view text) {
@@ -85,6 +106,7 @@ void LogWriter::tellTrouble() {
 }
 
 void LogWriter::Close() {
+    writeLines();
     closeFile();
     path_.clear();
 }
@@ -113,30 +135,43 @@ void LogWriter::closeFile() {
 }
 
 void LogWriter::buildLine(std::string_view strText) {
-    line_.clear();
     if (lineTorn_) {
-        line_ += '\n';
+        lines_ += '\n';
     }
     if (lostLines_ > 0) {
-        appendTimeStamp(line_);
-        fmt::format_to(std::back_inserter(line_), "({} lines before this could not be written)\n", lostLines_);
+        appendTimeStamp();
+        fmt::format_to(std::back_inserter(lines_), "({} lines before this could not be written)\n", lostLines_);
     }
     if (timeStamps_) {
-        appendTimeStamp(line_);
+        appendTimeStamp();
     }
+    const std::size_t begin = lines_.size();
     std::replace_copy_if(
-        strText.begin(), strText.end(), std::back_inserter(line_), [](char c) { return c == '\r' || c == '\n'; }, ' ');
-    line_ += '\n';
+        strText.begin(), strText.end(), std::back_inserter(lines_), [](char c) { return c == '\r' || c == '\n'; }, ' ');
+    lines_ += '\n';
+    texts_.push_back({begin, lines_.size()});
 }
 
-bool LogWriter::writeLine() {
-    std::size_t written = 0;
-    while (written < line_.size()) {
-        const ssize_t result = write(file_, line_.data() + written, line_.size() - written);
+// Lists have many lines in a millisecond.
+void LogWriter::appendTimeStamp() {
+    const std::int64_t fileTime = timeSource().fileTimeNow();
+    if (stampTime_ != fileTime / fileTimePerMillisecond) {
+        stampTime_ = fileTime / fileTimePerMillisecond;
+        const CivilTime now = civilTime(localFromFileTime(fileTime));
+        stamp_ = fmt::format("{:04}-{:02}-{:02} {:02}:{:02}:{:02}.{:03} ", now.year, now.month, now.day, now.hour,
+                             now.minute, now.second, now.millisecond);
+    }
+    lines_ += stamp_;
+}
+
+// False when the system does not take all of the lines.
+bool LogWriter::hasWritten() {
+    while (written_ < lines_.size()) {
+        const ssize_t result = write(file_, lines_.data() + written_, lines_.size() - written_);
         if (result > 0) {
-            written += static_cast<std::size_t>(result);
+            written_ += static_cast<std::size_t>(result);
         } else if (result == 0 || errno != EINTR) {
-            lineTorn_ = lineTorn_ || written > 0;
+            lineTorn_ = written_ > 0 ? lines_[written_ - 1] != '\n' : lineTorn_;
             return false;
         }
     }

@@ -1,13 +1,14 @@
 #pragma once
 
-// A log file on disk. Every line is handed to the operating system at once and in one piece, so that neither the end
-// of this program nor a second reader or writer can tear one.
+// A log file on disk. Every line, or so many of a list together, is handed to the operating system at once and in one
+// piece, so that neither the end of this program nor a second reader or writer can tear one.
 
 #include <cstdint>
 #include <functional>
 #include <string>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 #include "Messages/ILogWriter.h"
 
@@ -28,8 +29,9 @@ class LogWriter final : public ILogWriter {
 
     // strTitle is for logs that are kept elsewhere than in a file; the file begins with its first entry.
     bool Open(std::string_view strFilePath, std::string_view strTitle, bool blnOverwrite, bool blnTimeStamps) override;
-    // Line breaks within the text become blanks. blnFlag has nothing left to do, as no line waits in memory.
+    // Line breaks within the text become blanks.
     void WriteEntry(std::string_view strText, bool blnFlag = false) override;
+    void CollectLines(bool blnOn) override;
     void Close() override;
 
     // Milliseconds between two attempts to open a file that could not be opened or written.
@@ -39,7 +41,9 @@ class LogWriter final : public ILogWriter {
     bool openFile();
     void closeFile();
     void buildLine(std::string_view strText);
-    bool writeLine();
+    void appendTimeStamp();
+    void writeLines();
+    bool hasWritten();
     void loseLine(std::string_view text);
     void tellTrouble();
 
@@ -52,7 +56,18 @@ class LogWriter final : public ILogWriter {
     std::uint64_t lostLines_ = 0;
     bool lineTorn_ = false;
     bool isTroubled_ = false;
-    std::string line_;
+    bool collects_ = false;
+    std::string lines_;  // to be written
+    // Where the texts stand in them, and the ends of their lines.
+    struct Text {
+        std::size_t begin;
+        std::size_t end;
+    };
+    std::vector<Text> texts_;
+    std::size_t written_ = 0;  // of the lines
+    // The latest time stamp as text, and its UTC milliseconds.
+    std::string stamp_;
+    std::int64_t stampTime_ = -1;
 };
 
 }  // namespace quelm

@@ -4,6 +4,7 @@
 
 #include <array>
 #include <cmath>
+#include <optional>
 #include <utility>
 
 #include "OPC/OPC DA Server/IOChannelIDFunctions.h"
@@ -269,6 +270,20 @@ void SiteDataManager::FinishTagCreation() {
     }
     mcolQuelmTags.Close();
     mcolChannelTags.Close();
+    ListTags();
+    if (mcolQuelmTags.Count() > 0) {
+        mobjCDR->Start();
+    }
+    if (mcolChannelTags.Count() > 0) {
+        mobjIOSManager->EnableReadingCurrentIO();
+    }
+}
+
+void SiteDataManager::ListTags() const {
+    std::optional<MessageListing> objListing;
+    if (mobjRaiseMsg != nullptr) {
+        objListing.emplace(*mobjRaiseMsg);
+    }
     Raise(msgtype::information,
           fmt::format("[OPC-0217] ========== {} OPC tags from Quelm tags for {}", mcolQuelmTags.Count(), SiteID()));
     for (const TagConfig& objTag : mcolQuelmTags) {
@@ -281,12 +296,6 @@ void SiteDataManager::FinishTagCreation() {
         Raise(msgtype::information,
               fmt::format("  {} {}  {}", PadText(std::to_string(objTag.IOChannelID_Value), 9, false, true),
                           PadText(std::to_string(objTag.IOChannelID_MC), 9, false, true), objTag.OPCTagName));
-    }
-    if (mcolQuelmTags.Count() > 0) {
-        mobjCDR->Start();
-    }
-    if (mcolChannelTags.Count() > 0) {
-        mobjIOSManager->EnableReadingCurrentIO();
     }
 }
 

@@ -69,6 +69,7 @@ class SiteDataManager final : public ICDRReferences {
     ISLIKTag* CreateSlikTag(ISLIKTags& objSLIKTags, std::string_view strName, std::int32_t lngAccessRights,
                             const Variant& varValue, std::int16_t intQuality, Date dtmTimestamp);
     void DescribeItems();
+    void ListTags() const;
     const std::string& InternIntervalType(const std::string& strIntervalType);
 
     void UpdateQuelmTagValue(Date dtmTimestamp, const TagConfig& objTag);

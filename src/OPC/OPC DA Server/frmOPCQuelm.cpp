@@ -427,6 +427,12 @@ void frmOPCQuelm::RaiseMsg(std::int32_t lngMsgType, std::string_view strDescript
     AddMessage(lngMsgType, strDescription, false);
 }
 
+void frmOPCQuelm::CollectMessages(bool blnOn) {
+    if (LoggingEnabled()) {
+        mobjLog->CollectLines(blnOn);
+    }
+}
+
 void frmOPCQuelm::AddToMessageList(std::string_view strText) {
     IMessageList& lvMessages = window_.lvMessages();
     const std::int32_t lngCount = lvMessages.Count();
@@ -449,7 +455,7 @@ void frmOPCQuelm::StartLog(bool blnRollover) {
     const std::string strFilePath = LogFilePath(blnRollover);
     // No log is open now, so this line reaches the list only. Deliberate.
     AddMsg(msgtype::information, fmt::format("[OPC-0133] Starting log '{}'...", strFilePath));
-    mobjLog = parts_.NewLogWriter();
+    mobjLog = parts_.NewLogWriter(*mobjSystemINI);
     // The result isn't looked at: a log that cannot be opened counts as open and tries again with every line.
     mobjLog->Open(strFilePath, applicationTitle, false, true);
 }

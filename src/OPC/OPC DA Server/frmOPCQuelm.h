@@ -36,7 +36,7 @@ struct ServerParts {
     // The system INI file is read by then.
     std::function<std::shared_ptr<IDBIL>(const ISystemINI&)> NewDBIL;
     std::function<std::shared_ptr<IClock>()> NewClock;
-    std::function<std::unique_ptr<ILogWriter>()> NewLogWriter;
+    std::function<std::unique_ptr<ILogWriter>(const ISystemINI&)> NewLogWriter;  // for each log anew
     // The display name of a message type, the first word of every log line.
     std::function<std::string(std::int32_t lngMsgType)> MessageTypeName;
     SiteParts Sites;
@@ -76,6 +76,7 @@ class frmOPCQuelm final : public IRaiseMsg, public ISLIKServerEvents {
     void AddMessage(std::int32_t lngMsgType, std::string_view strText, bool blnLogFlag);
     void AddMsg(std::int32_t lngMsgType, std::string_view strText) { AddMessage(lngMsgType, strText, false); }
     void RaiseMsg(std::int32_t lngMsgType, std::string_view strDescription) override;
+    void CollectMessages(bool blnOn) override;
     bool LoggingEnabled() const { return mobjLog != nullptr; }
     void StartLog(bool blnRollover);
     void StopLog();

@@ -1,11 +1,14 @@
 #include "Messages/LogWriter.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 
 #include <csignal>
 
 #include "Messages/MessageTypeNames.h"
+#include "Messages/OldLogs.h"
 #include "base/TimeSource.h"
 #include "libraries/TestDatabase.h"
 
@@ -32,6 +35,39 @@ TEST_F(LogWriterTest, WritesStampedLinesIntoAFolderThatItMakes) {
     writer_.Close();
     writer_.WriteEntry("after the end");
     EXPECT_EQ(test::contentsOf(folder_.file("new/logs/OPC Server.log")), lines);
+}
+
+TEST_F(LogWriterTest, LogsGoWhenTheyAreOldAndNothingElse) {
+    struct Case {
+        const char* name;
+        int daysOld;  // since the last line
+        bool stays;
+    };
+    const Case cases[] = {{"OPCServer 2026-11-11 08.25.13.01234.log", 11, false},
+                          {"OPCServer 2026-11-11 00.00.00.1234567_r.log", 11, false},
+                          {"OPCServer 2026-11-11 08.25.14.01234.log", 9, true},   // still written to
+                          {"OPCServer 2026-11-12 08.25.13.01234.log", 11, true},  // young by its name
+                          {"OPCServer 2026-11-11 08.25.13.01234.log.gz", 99, true},
+                          {"OPCServer 2026-11-11 08.25.13.1234.log", 99, true},
+                          {"Copy of OPCServer 2026-11-11 08.25.13.01234.log", 99, true},
+                          {"site.db", 99, true}};
+    for (const Case& each : cases) {
+        std::ofstream(folder_.file(each.name)) << "line";
+        const timespec last{(time_.fileTimeNow() - 116'444'736'000'000'000) / 10'000'000 - each.daysOld * 86'400, 0};
+        const timespec times[] = {last, last};
+        ASSERT_EQ(::utimensat(AT_FDCWD, folder_.file(each.name).c_str(), times, 0), 0);
+    }
+    std::filesystem::create_symlink("site.db", folder_.file("OPCServer 2026-11-11 08.25.15.01234.log"));
+    const auto tell = [this](std::string_view line) { elsewhere_.emplace_back(line); };
+    removeOldLogs(folder_.file(""), 0, tell);
+    removeOldLogs(folder_.file("nowhere"), 10, tell);
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder_.file("")), {}), 9);
+    removeOldLogs(folder_.file(""), 10, tell);
+    for (const Case& each : cases) {
+        EXPECT_EQ(std::filesystem::exists(folder_.file(each.name)), each.stays) << each.name;
+    }
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder_.file("")), {}), 7);
+    EXPECT_THAT(elsewhere_, testing::IsEmpty());
 }
 
 TEST_F(LogWriterTest, AppendsOrOverwritesAsAsked) {
@@ -65,22 +101,28 @@ TEST_F(LogWriterTest, TriesAgainAfterASecondAndTellsWhatWasLost) {
 }
 
 TEST_F(LogWriterTest, AFullDiskMayTearALineAndCostsLinesOnly) {
-    const std::string path = folder_.file("a.log");
-    ASSERT_TRUE(writer_.Open(path, "", false, false));
     std::signal(SIGXFSZ, SIG_IGN);
     rlimit normal{};
     ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &normal), 0);
     const rlimit full{11, normal.rlim_max};
-    ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &full), 0);
-    for (const char* line : {"kept 1", "torn", "lost"}) {
-        writer_.WriteEntry(line, true);
+    for (const bool isList : {false, true}) {
+        const std::string path = folder_.file(isList ? "list.log" : "a.log");
+        ASSERT_TRUE(writer_.Open(path, "", false, false));
+        writer_.CollectLines(isList);
+        ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &full), 0);
+        for (const char* line : {"kept 1", "torn", "lost"}) {
+            writer_.WriteEntry(line, !isList);
+        }
+        writer_.CollectLines(false);
+        ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &normal), 0);
+        time_.advanceMilliseconds(1000);
+        writer_.WriteEntry("kept 2", true);
+        EXPECT_THAT(test::contentsOf(path),
+                    testing::MatchesRegex("kept 1\ntorn\n2026-11-22 08:05:0[45].007 .2 lines before this could not be "
+                                          "written.\nkept 2\n"));
+        EXPECT_THAT(elsewhere_, testing::ElementsAre(testing::HasSubstr("File too large"), "torn", "lost"));
+        elsewhere_.clear();
     }
-    ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &normal), 0);
-    time_.advanceMilliseconds(1000);
-    writer_.WriteEntry("kept 2", true);
-    EXPECT_EQ(test::contentsOf(path),
-              "kept 1\ntorn\n2026-11-22 08:05:04.007 (2 lines before this could not be written)\nkept 2\n");
-    EXPECT_THAT(elsewhere_, testing::ElementsAre(testing::HasSubstr("File too large"), "torn", "lost"));
 }
 
 }  // namespace

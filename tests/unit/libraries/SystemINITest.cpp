@@ -97,6 +97,19 @@ TEST_F(SystemINITest, TakesTimeoutsThatBoundAWait) {
     }
 }
 
+TEST_F(SystemINITest, RemovesNoLogsUnlessADayIsNamed) {
+    const std::pair<const char*, int> cases[] = {
+        {"", 0}, {"KeepLogs=400", 400}, {"keeplogs=0", 0}, {"KeepLogs=-1", 0}, {"KeepLogs=1 week", 0}};
+    for (const auto& [given, days] : cases) {
+        SystemINI reader = ini(std::string("[System]\nLogFolder=/l\n") + given + "\n[DAHS]\nSiteID=S\nDAHSID=1\n");
+        EXPECT_TRUE(reader.ReadINI(0, true));
+        EXPECT_EQ(reader.KeepLogs(), days) << given;
+    }
+    EXPECT_THAT(problems_, testing::Contains("[System]: KeepLogs '1 week' is not a number of days from 1 to 36500; all "
+                                             "logs are kept"));
+    EXPECT_EQ(problems_.size(), 3U);
+}
+
 TEST_F(SystemINITest, LeavesDamagedEntriesOutAndSaysWhy) {
     SystemINI reader =
         ini("[System]\nLogFolder=/l\n[DAHS.1]\nDAHSID=1\n[DAHS.2]\nSiteID=S2\n[DAHS.3]\nSiteID=S3\nDAHSID=2147483648\n"

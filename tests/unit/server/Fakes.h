@@ -32,6 +32,7 @@ struct SystemINI : ISystemINI {
     const DAHSEntry& SelectedDAHS() const override { return selected; }
     const std::vector<DAHSEntry>& AllDAHS() const override { return entries; }
     std::string LogFolder() const override { return folder; }
+    std::int32_t KeepLogs() const override { return 0; }
     SqlTimeouts DatabaseTimeouts() const override { return {}; }
 };
 
@@ -152,7 +153,7 @@ struct Host : World {
                                  [this] { return std::make_unique<SystemINI>(ini); },
                                  [this](const ISystemINI&) { return dbil; },
                                  [this]() -> std::shared_ptr<IClock> { return realClock ? realClock : clock; },
-                                 [this] {
+                                 [this](const ISystemINI&) {
                                      raiseIf(logFailure);
                                      return std::make_unique<LogWriter>(journal);
                                  },

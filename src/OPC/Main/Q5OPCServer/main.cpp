@@ -31,6 +31,7 @@
 #include "Data Interface/DataInterface.h"
 #include "Messages/LogWriter.h"
 #include "Messages/MessageTypeNames.h"
+#include "Messages/OldLogs.h"
 #include "OPC/Main/OpcNetwork.h"
 #include "OPC/Main/Registration.h"
 #include "OPC/Main/StandardSwitches.h"
@@ -102,7 +103,7 @@ class Program {
  public:
     explicit Program(std::string commandLine)
         : window_(loop_, openDisplay(loop_),
-                  {.closeRequested = [this] { form_.Unload(); },
+                  {.closeRequested = [this] { close(); },
                    .closed = [this] { loop_.stop(); },
                    .noDisplay = printProblem,
                    .displayLost = [this](std::string_view line) { form_.AddMessage(msgtype::error, line, true); }}),
@@ -189,7 +190,8 @@ class Program {
                 },
             .NewClock = [this] { return std::make_shared<Clock>(loop_); },
             .NewLogWriter =
-                [this] {
+                [this](const ISystemINI& objSystemINI) {
+                    removeOldLogs(objSystemINI.LogFolder(), objSystemINI.KeepLogs(), printProblem);
                     return std::make_unique<LogWriter>(LogTrouble{printProblem, [this](std::string_view line) {
                                                                       if (!window_.isPrinting()) {
                                                                           printNotice(line);
@@ -258,6 +260,13 @@ class Program {
         form_.AddMsg(msgtype::error, failure);
     }
 
+    // Where the server is kept running without clients, that ends as soon as somebody wants it closed. False: clients
+    // are there.
+    bool close() {
+        control_.releaseResident();
+        return form_.Unload();
+    }
+
     // A signal asks to close the window; clients may refuse. SIGTERM does not leave it at that: they get a while to go.
     // Whoever signals twice within ten seconds wants the end at once.
     void closeOnSignal(int signal) {
@@ -270,7 +279,7 @@ class Program {
             return;
         }
         lastSignal_ = now;
-        if (form_.Unload()) {
+        if (close()) {
             return;
         }
         if (signal == SIGTERM) {
