@@ -150,6 +150,16 @@ void AsioLoop::run() {
     impl_->context.restart();
 }
 
+bool AsioLoop::runOne() {
+    runAfter();
+    const bool ran = impl_->context.run_one() != 0;
+    runAfter();
+    if (!ran) {
+        impl_->context.restart();
+    }
+    return ran;
+}
+
 void AsioLoop::runAfter() {
     while (!after_.empty()) {
         const auto task = std::move(after_.front());

@@ -34,6 +34,9 @@ class AsioLoop final : public IMessageLoop {
     // Runs handlers until stop(), on the calling thread. What a handler throws leaves run(), which may then be called
     // again.
     void run();
+    // Waits for one handler and runs it, for a program of one thread that has something to wait for. False where stop()
+    // came instead. Not from within a handler.
+    bool runOne();
     // Lets run() return after the handler that is running now; a stop() before run() counts too. May be called from
     // another thread.
     void stop();

@@ -43,8 +43,8 @@ struct LogOn {
 ntlm::ClientAccount account(std::string_view domain, std::string_view user, std::string_view password);
 
 struct Settings {
-    std::uint16_t activationPort = 135;  // where objects are asked for
-    std::chrono::milliseconds connectLimit{5'000};  // for a connection; as much again to bind and log on
+    std::uint16_t activationPort = 135;             // where objects are asked for
+    std::chrono::milliseconds connectLimit{5'000};  // for a connection; twice as much to bind and log on
     std::chrono::milliseconds callLimit{30'000};    // for a call's answer
     std::size_t maxAnswer = 64U << 20U;             // bytes of one answer's results; held only as far as they came
     std::chrono::milliseconds pingPeriod{120'000};  // servers count three of them without a ping as our death
@@ -88,7 +88,8 @@ class Session {
  public:
     // host: a name or a numeric IPv4 address; nothing is dialled yet. The loop must outlive the session.
     Session(AsioLoop& loop, std::string host, LogOn logOn, Settings settings = {});
-    // Gives back all references, waiting for one second at most, and closes the connections.
+    // Gives back all references, which takes a few seconds at most where the server no longer answers, and closes the
+    // connections.
     ~Session();
     Session(const Session&) = delete;
     Session& operator=(const Session&) = delete;
@@ -125,7 +126,7 @@ class Session {
 
  private:
     class Impl;
-    std::shared_ptr<Impl> impl_;
+    std::unique_ptr<Impl> impl_;
 };
 
 }  // namespace quelm::dcom::client

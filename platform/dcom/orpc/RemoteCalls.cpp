@@ -25,7 +25,39 @@ std::optional<StringBinding> bindingFrom(std::string_view text) {
     return binding;
 }
 
-// The string bindings of a DUALSTRINGARRAY behind its counts; the security bindings are skipped.
+std::uint64_t readUnaligned64(ndr::Reader& in) {
+    const std::uint64_t low = in.u32();
+    return low | std::uint64_t{in.u32()} << 32;
+}
+
+ObjectReference readObjectReference(ndr::Reader& in) {
+    ObjectReference reference;
+    in.u32();  // flags: whether pings are needed, and pings do no harm
+    reference.publicReferences = in.u32();
+    reference.oxid = readUnaligned64(in);
+    reference.oid = readUnaligned64(in);
+    reference.ipid = in.uuid();
+    return reference;
+}
+
+void writeOids(ndr::Writer& out, std::span<const std::uint64_t> oids) {
+    if (oids.empty()) {
+        return out.nullPointer();
+    }
+    out.pointer();
+    out.u32(static_cast<std::uint32_t>(oids.size()));
+    for (const std::uint64_t oid : oids) {
+        out.u64(oid);
+    }
+}
+
+template <class T>
+std::optional<T> whole(const ndr::Reader& in, T value) {
+    return in.good() ? std::optional<T>(std::move(value)) : std::nullopt;
+}
+
+}  // namespace
+
 std::vector<StringBinding> readBindings(ndr::Reader& in) {
     const std::size_t units = in.u16();
     const std::size_t strings = in.u16();
@@ -59,39 +91,6 @@ std::vector<StringBinding> readBindings(ndr::Reader& in) {
     }
     return bindings;
 }
-
-std::uint64_t readUnaligned64(ndr::Reader& in) {
-    const std::uint64_t low = in.u32();
-    return low | std::uint64_t{in.u32()} << 32;
-}
-
-ObjectReference readObjectReference(ndr::Reader& in) {
-    ObjectReference reference;
-    in.u32();  // flags: whether pings are needed, and pings do no harm
-    reference.publicReferences = in.u32();
-    reference.oxid = readUnaligned64(in);
-    reference.oid = readUnaligned64(in);
-    reference.ipid = in.uuid();
-    return reference;
-}
-
-void writeOids(ndr::Writer& out, std::span<const std::uint64_t> oids) {
-    if (oids.empty()) {
-        return out.nullPointer();
-    }
-    out.pointer();
-    out.u32(static_cast<std::uint32_t>(oids.size()));
-    for (const std::uint64_t oid : oids) {
-        out.u64(oid);
-    }
-}
-
-template <class T>
-std::optional<T> whole(const ndr::Reader& in, T value) {
-    return in.good() ? std::optional<T>(std::move(value)) : std::nullopt;
-}
-
-}  // namespace
 
 std::optional<RemoteReference> parseRemoteReference(std::span<const std::uint8_t> objectReference) {
     ndr::Reader in(objectReference);
@@ -161,7 +160,7 @@ std::optional<ComplexPingAnswer> parseComplexPing(std::span<const std::uint8_t> 
 void writeOrpcThis(ndr::Writer& out, const ObjectCallHeader& header) {
     out.u16(comMajorVersion);
     out.u16(header.minorVersion);
-    out.u32(0);
+    out.u32(header.flags);
     out.u32(0);
     out.uuid(header.causality);
     out.nullPointer();

@@ -11,6 +11,7 @@
 
 #include "base/HResult.h"
 #include "base/Uuid.h"
+#include "dcom/ndr/Reader.h"
 #include "dcom/ndr/Writer.h"
 #include "dcom/orpc/OrpcTypes.h"
 
@@ -27,6 +28,10 @@ struct StringBinding {
 // Bindings and names beyond these are passed over: no machine has more, and each one costs a try.
 inline constexpr std::size_t mostBindings = 16;
 inline constexpr std::size_t longestAddress = 255;
+
+// The string bindings of a list of addresses, whose two counts stand in front; those for security are skipped. What is
+// wrong with it latches in the reader.
+std::vector<StringBinding> readBindings(ndr::Reader& in);
 
 // Where an object of another process is found, and how many references came with it.
 struct RemoteReference {
@@ -64,6 +69,7 @@ std::optional<ComplexPingAnswer> parseComplexPing(std::span<const std::uint8_t> 
 struct ObjectCallHeader {
     std::uint16_t minorVersion = comMinorVersion;  // 5.x; a newer one than its own is refused by whoever is called
     Uuid causality;                                // another one for each call that nothing else is waiting for
+    std::uint32_t flags = 0;                       // 1: a request to the service that makes objects
 };
 void writeOrpcThis(ndr::Writer& out, const ObjectCallHeader& header);
 

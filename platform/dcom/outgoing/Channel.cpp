@@ -7,12 +7,14 @@
 namespace quelm::dcom::outgoing {
 
 Channel::Channel(IDialer& dialer, IMessageLoop& loop, const Address& address, const rpc::LogOnSettings& logOn,
-                 const Uuid& firstInterface, IOwner& owner)
+                 const Uuid& firstInterface, IOwner& owner, const ChannelLimits& limits)
     : address_(address),
       logOn_(logOn),
       firstInterface_(firstInterface),
       owner_(owner),
       deadline_(loop, [this] { onTimeLimit(); }),
+      limits_(limits),
+      limit_(limits.connect),
       link_(dialer.dial(address, *this)) {
     deadline_.set(limit_);
 }
@@ -33,9 +35,9 @@ Trouble Channel::troubleOf(const rpc::CallResult& result) const {
 
 void Channel::connected() {
     step_ = Step::LogOn;
-    limit_ = serviceLimit;
+    limit_ = limits_.logOn;
     deadline_.set(limit_);
-    connection_.emplace(logOn_, firstInterface_);
+    connection_.emplace(logOn_, firstInterface_, limits_.answer);
     goOn();
 }
 
@@ -54,7 +56,7 @@ void Channel::writable() {
 // What the connection came to by what has just happened.
 void Channel::goOn() {
     if (const auto failure = connection_->failure(); failure != rpc::ClientFailure::None) {
-        return fail(trouble(reasonOf(failure), std::string(clientFailureText(failure))));
+        return fail({step_, reasonOf(failure), address_.text(), std::string(clientFailureText(failure)), failure});
     }
     flush();
     if (!connection_->idle()) {

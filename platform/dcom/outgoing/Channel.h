@@ -24,6 +24,13 @@ inline constexpr std::chrono::milliseconds serviceLimit{10'000};
 // seconds; after half a minute whoever looks at it would say that it hangs.
 inline constexpr std::chrono::milliseconds programLimit{30'000};
 
+// What a channel waits for and takes.
+struct ChannelLimits {
+    std::chrono::milliseconds connect = connectLimit;
+    std::chrono::milliseconds logOn = serviceLimit;
+    std::size_t answer = 64U << 10U;  // bytes of a reply's stub data
+};
+
 class Channel final : private ILinkEvents {
  public:
     // The last thing that an event does is to call one of these, which may end the channel.
@@ -39,7 +46,7 @@ class Channel final : private ILinkEvents {
 
     // logOn and owner must outlive the channel.
     Channel(IDialer& dialer, IMessageLoop& loop, const Address& address, const rpc::LogOnSettings& logOn,
-            const Uuid& firstInterface, IOwner& owner);
+            const Uuid& firstInterface, IOwner& owner, const ChannelLimits& limits = {});
     Channel(const Channel&) = delete;
     Channel& operator=(const Channel&) = delete;
 
@@ -67,7 +74,8 @@ class Channel final : private ILinkEvents {
     Uuid firstInterface_;
     IOwner& owner_;
     Deadline deadline_;
-    std::chrono::milliseconds limit_ = connectLimit;
+    ChannelLimits limits_;
+    std::chrono::milliseconds limit_;
     Step step_ = Step::Connect;
     bool opened_ = false;
     bool awaitsRoom_ = false;

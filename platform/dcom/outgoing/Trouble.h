@@ -37,6 +37,7 @@ struct Trouble {
     Reason reason = Reason::Unreachable;
     std::string address = {};  // of the other end; empty where there is none
     std::string detail = {};
+    rpc::ClientFailure failure = rpc::ClientFailure::None;  // of the connection's protocol, where it is one
 
     // Trying again changes nothing.
     bool isFinal() const;
