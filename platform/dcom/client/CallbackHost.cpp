@@ -54,11 +54,15 @@ CallbackHost::CallbackHost(Core& core)
 
 rpc::ServerSettings CallbackHost::serverSettings() {
     const bool isOpen = core_.settings.allowCallbacksWithoutLogOn;
-    return {.accounts = accounts_,
-            .logOn = {.computerName = computerName(), .domainName = "WORKGROUP"},
-            .minimumLevel = isOpen ? rpc::AuthLevel::None : rpc::AuthLevel::Connect,
-            .onRefused = [this](const rpc::Refusal& refusal) { core_.trace(refusal.line("this program's log-on")); },
-            .challenge = {}};
+    rpc::ServerSettings result{
+        .accounts = accounts_,
+        .logOn = {},
+        .minimumLevel = isOpen ? rpc::AuthLevel::None : rpc::AuthLevel::Connect,
+        .onRefused = [this](const rpc::Refusal& refusal) { core_.trace(refusal.line("this program's log-on")); },
+        .challenge = {}};
+    result.logOn.computerName = computerName();
+    result.logOn.domainName = "WORKGROUP";
+    return result;
 }
 
 orpc::ExporterSettings CallbackHost::exporterSettings() const {
@@ -72,8 +76,8 @@ orpc::ExporterSettings CallbackHost::exporterSettings() const {
 
 void CallbackHost::listen() {
     const Settings& settings = core_.settings;
-    const std::string own = settings.listenAddress.empty() ? ownAddressTowards(core_.serverAddress)
-                                                           : settings.listenAddress;
+    const std::string own =
+        settings.listenAddress.empty() ? ownAddressTowards(core_.serverAddress) : settings.listenAddress;
     address_ = settings.callbackAddress.empty() ? own : settings.callbackAddress;
     if (own.empty()) {
         throw Trouble(Trouble::Kind::Address, {},

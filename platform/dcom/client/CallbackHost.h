@@ -59,8 +59,8 @@ class CallbackHost final : public rpc::CallHandler {
     ntlm::AccountTable accounts_;
     rpc::ServerSettings protocol_;
     net::TcpServer server_;
-    std::string address_;     // that the server is told
-    std::uint16_t port_ = 0;  // of the objects
+    std::string address_;                           // that the server is told
+    std::uint16_t port_ = 0;                        // of the objects
     std::optional<orpc::ObjectExporter> exporter_;  // for who asks for the process, and for pings
     std::optional<orpc::Resolver> resolver_;
     std::vector<Object> objects_;  // a handful

@@ -96,17 +96,17 @@ std::vector<outgoing::Address> Core::addressesOf(const std::vector<orpc::StringB
 }
 
 std::shared_ptr<Process> Core::process(std::uint64_t oxid, const std::vector<orpc::StringBinding>& resolver) {
-    std::weak_ptr<Process>& known = processes[oxid];
-    if (auto process = known.lock()) {
-        return process;
+    if (const auto known = processes.find(oxid); known != processes.end()) {
+        return known->second;
     }
-    auto made = std::make_shared<Process>(*this, oxid, addressesOf(resolver));
-    known = made;
-    std::erase_if(processes, [](const auto& entry) { return entry.second.expired(); });
-    if (processes.size() > mostProcesses) {
+    if (processes.size() >= mostProcesses) {
+        std::erase_if(processes,
+                      [](const auto& entry) { return entry.second.use_count() == 1 && !entry.second->owesAnything(); });
+    }
+    if (processes.size() >= mostProcesses) {
         throw garbage(serverAddress, "objects of ever more programs");
     }
-    return made;
+    return processes.emplace(oxid, std::make_shared<Process>(*this, oxid, addressesOf(resolver))).first->second;
 }
 
 Interface Core::adopt(const orpc::RemoteReference& reference) {

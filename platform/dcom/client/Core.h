@@ -26,7 +26,8 @@ struct Core {
     Core(const Core&) = delete;
     Core& operator=(const Core&) = delete;
 
-    // Processes that handles are held of at the same time; a server is one, its enumerator another.
+    // Processes that handles are held of at the same time; a server is one, its enumerator another. One that none is
+    // held of keeps its connection for the next until others need the place.
     static constexpr std::size_t mostProcesses = 64;
 
     void trace(const std::string& line) const {
@@ -68,7 +69,7 @@ struct Core {
     std::vector<std::string> addresses;  // of the host, once looked up
     std::string serverAddress;           // the one that answered
     std::uint64_t ownOxid = 0;           // of this program's own objects, once there are any
-    std::map<std::uint64_t, std::weak_ptr<Process>> processes;
+    std::map<std::uint64_t, std::shared_ptr<Process>> processes;
 
  private:
     std::random_device random_;

@@ -128,14 +128,15 @@ Trouble explainFault(Fault fault, const std::string& address, const std::string&
     const bool isDenied = outgoing::isAccessDenied(fault);
     return {isDenied ? Kind::AccessDenied : Kind::Fault, address,
             fmt::format("{} answered {} with fault {:#010x} ({}){}", address, what, code, faultText(fault),
-                        isDenied ? "; give the account the right to do this there, or come with a higher level" : ""),
+                        isDenied ? "; give the account the right to do this there, or come with a higher level"
+                                 : "; the server's log may say more"),
             code};
 }
 
 Trouble garbage(const std::string& address, const std::string& what) {
     return {Kind::Garbage, address,
-            fmt::format("{} sent what cannot be used: {}; check which program answers there, and ask its maker", address,
-                        what)};
+            fmt::format("{} sent what cannot be used: {}; check which program answers there, and ask its maker",
+                        address, what)};
 }
 
 }  // namespace quelm::dcom::client

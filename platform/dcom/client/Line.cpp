@@ -111,8 +111,7 @@ Line::Result Line::call(const rpc::CallTarget& target, const Stub& stub, std::ch
         throw explain(*failure_, purpose_, who());
     }
     if (!isProven_ && outgoing::isAccessDenied(result->fault)) {
-        throw explain({outgoing::Step::LogOn, outgoing::Reason::LogOnRefused, address().text()}, purpose_,
-                      who());
+        throw explain({outgoing::Step::LogOn, outgoing::Reason::LogOnRefused, address().text()}, purpose_, who());
     }
     isProven_ = true;
     lastUse_ = timeSource().monotonicMilliseconds();

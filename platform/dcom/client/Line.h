@@ -26,7 +26,8 @@ class Line final : private outgoing::Channel::IOwner {
     Line(const Line&) = delete;
     Line& operator=(const Line&) = delete;
 
-    // Throws Trouble; LogOnRefused where the first call of a connection is denied, because log-ons are answered by that.
+    // Throws Trouble; LogOnRefused where the first call of a connection is denied, because log-ons are answered by
+    // that.
     Result call(const rpc::CallTarget& target, const Stub& stub, std::chrono::milliseconds limit);
     // The address that the present or latest connection leads to.
     const outgoing::Address& address() const { return addresses_[good_]; }

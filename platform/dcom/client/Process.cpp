@@ -54,12 +54,11 @@ Process::Process(Core& core, std::uint64_t oxid, std::vector<outgoing::Address> 
     : core_(&core),
       oxid_(oxid),
       resolver_(std::move(resolver)),
-      pinger_(std::make_unique<outgoing::Pinger>(core.surroundings, std::string(), tries_,
-                                                 [this](const outgoing::Trouble* trouble) {
-                                                     core_->trace(trouble == nullptr
-                                                                      ? std::string("pinged the objects held")
-                                                                      : explain(*trouble, Purpose::Resolving, {}).what());
-                                                 })) {
+      pinger_(std::make_unique<outgoing::Pinger>(
+          core.surroundings, std::string(), tries_, [this](const outgoing::Trouble* trouble) {
+              core_->trace(trouble == nullptr ? std::string("pinged the objects held")
+                                              : explain(*trouble, Purpose::Resolving, {}).what());
+          })) {
     pinger_->pingAt(resolver_);
 }
 
@@ -199,9 +198,8 @@ void Process::giveBack(std::chrono::milliseconds limit) {
         const std::vector<orpc::HeldReferences> some(releases_.end() - static_cast<std::ptrdiff_t>(count),
                                                      releases_.end());
         releases_.resize(releases_.size() - count);
-        const auto stub = stubOf([&](ndr::Writer& out) {
-            orpc::writeRemRelease(out, core().nextHeader(resolved_->minorVersion), some);
-        });
+        const auto stub = stubOf(
+            [&](ndr::Writer& out) { orpc::writeRemRelease(out, core().nextHeader(resolved_->minorVersion), some); });
         try {
             const auto opnum = orpc::opnumOf(orpc::RemUnknownCall::Release);
             line().call({orpc::iidRemUnknown, opnum, resolved_->remUnknownIpid}, stub, limit);

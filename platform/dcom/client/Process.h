@@ -33,6 +33,7 @@ class Process : public std::enable_shared_from_this<Process> {
     std::optional<Interface> adopt(std::span<const std::uint8_t> objectReference);
 
     void letGo(std::uint64_t oid, const orpc::HeldReferences& references);
+    bool owesAnything() const { return !releases_.empty(); }
     // Sends what is to be given back. Throws Trouble(Interrupted) alone: a server that does not take it finds out by
     // the pings' end.
     void giveBack(std::chrono::milliseconds limit);

@@ -64,7 +64,6 @@ class Session::Impl {
                                                bool isLast);
     orpc::ActivatedObject read(const Form& form, const Line::Result& result, const Uuid& classId,
                                const std::string& at) const;
-    std::vector<std::shared_ptr<Process>> living() const;
 };
 
 Session::Impl::~Impl() {
@@ -78,23 +77,15 @@ Session::Impl::~Impl() {
     } catch (const std::exception& error) {
         core.trace(std::string("references could not be given back: ") + error.what());
     }
-    for (const auto& process : living()) {
+    for (const auto& [oxid, process] : core.processes) {
         process->close();
     }
 }
 
-std::vector<std::shared_ptr<Process>> Session::Impl::living() const {
-    std::vector<std::shared_ptr<Process>> result;
-    for (const auto& [oxid, entry] : core.processes) {
-        if (auto process = entry.lock()) {
-            result.push_back(std::move(process));
-        }
-    }
-    return result;
-}
-
 void Session::Impl::giveBack(std::chrono::milliseconds limit) {
-    for (const auto& process : living()) {
+    // Meanwhile others may come.
+    const auto processes = core.processes;
+    for (const auto& [oxid, process] : processes) {
         process->giveBack(limit);
     }
 }

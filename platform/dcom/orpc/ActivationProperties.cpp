@@ -97,9 +97,8 @@ void writeInterfacePointers(ndr::Writer& out, const std::vector<ActivatedInterfa
 void writeActivationProperties(ndr::Writer& out, const ActivationAnswer& answer, const Bindings& objects,
                                const Bindings& resolver) {
     // Clients take the two by their place, not by their id.
-    writePropertyBlob(
-        out, propertiesOut,
-        {{propsOutInfo, propsOutBody(answer, resolver)}, {scmReplyInfo, scmReplyBody(answer, objects)}});
+    writePropertyBlob(out, propertiesOut,
+                      {{propsOutInfo, propsOutBody(answer, resolver)}, {scmReplyInfo, scmReplyBody(answer, objects)}});
 }
 
 }  // namespace quelm::dcom::orpc

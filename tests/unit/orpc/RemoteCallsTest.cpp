@@ -2,6 +2,7 @@
 
 #include "dcom/orpc/RemoteCalls.h"
 
+#include "dcom/orpc/RemoteActivation.h"
 #include "orpc/OrpcWorld.h"
 
 namespace quelm::dcom::orpc::test {
@@ -55,6 +56,61 @@ TEST_F(RemoteCalls, FindAnObjectAskForAnInterfaceAndLetGo) {
     send(objects, peer(1), iidRemUnknown, &resolved.remUnknownIpid, opnumOf(RemUnknownCall::Release),
          stub([&held](ndr::Writer& out) { writeRemRelease(out, {}, held); }));
     EXPECT_EQ(exporter.objectCount(), 0U);
+}
+
+TEST_F(RemoteCalls, AskForAnObjectInBothForms) {
+    const std::vector<Uuid> iids{iidServer, iidNobody, iidBrowse};
+    const struct {
+        Uuid iid;
+        std::uint16_t opnum;
+        decltype(&writeCreateInstance) write;
+        decltype(&parseCreateInstance) parse;
+    } forms[] = {{iidRemoteScmActivator, 4, writeCreateInstance, parseCreateInstance},
+                 {iidActivation, 0, writeRemoteActivation, parseRemoteActivation}};
+    for (const auto& form : forms) {
+        const auto request = [&](const Uuid& classId) {
+            return stub([&](ndr::Writer& out) { form.write(out, {}, classId, iids); });
+        };
+        const auto made = answered(form.parse, activation, form.iid, nullptr, form.opnum, request(classTest));
+        EXPECT_EQ(made.result, S_OK);
+        EXPECT_EQ(made.oxid, exporter.oxid());
+        EXPECT_EQ(made.process.remUnknownIpid, exporter.remUnknownIpid());
+        EXPECT_EQ(made.process.levelHint, 2U);
+        EXPECT_EQ(made.process.minorVersion, 7U);
+        const std::vector<StringBinding> bindings{{"192.0.2.1", 49200}, {"quelm-srv", 49200}};
+        EXPECT_EQ(made.process.bindings, bindings);
+        ASSERT_EQ(made.interfaces.size(), 3U);
+        EXPECT_EQ(made.interfaces[1].result, E_NOINTERFACE);
+        EXPECT_FALSE(made.interfaces[1].reference);
+        EXPECT_EQ(made.interfaces[2].reference->iid, iidBrowse);
+        EXPECT_TRUE(alive(peer(2), made.interfaces[0].reference->object.ipid));
+
+        send(activation, peer(1), form.iid, nullptr, form.opnum, request(classTest));
+        for (std::size_t at = 0; at < reply.size(); ++at) {  // whatever stands there, it ends
+            for (const std::uint8_t value : {0x00, 0x7F, 0xFF}) {
+                Bytes damaged = reply;
+                damaged[at] = value;
+                form.parse(damaged);
+            }
+        }
+        send(activation, peer(1), form.iid, nullptr, form.opnum, request(classUnknown));
+        EXPECT_EQ(form.parse(reply).value().result, REGDB_E_CLASSNOTREG);
+    }
+    // As clients on Windows lay the younger one out: blob, list of the properties, properties.
+    Parameters expected = Parameters().hex("05000700 00000000 00000000 00000000000000000000000000000000 00000000");
+    expected.hex("00000000 04000200 A0010000 A0010000 4D454F57 04000000");
+    expected.hex("A201000000000000C000000000000046 3803000000000000C000000000000046 00000000 78010000");
+    expected.hex("68010000 00000000 01100800 CCCCCCCC 88000000 00000000 68010000 98000000 00000000 02000000 04000000");
+    expected.uuid({}).hex("04000200 08000200 00000000 04000000 AB01000000000000C000000000000046");
+    expected.hex("A501000000000000C000000000000046 A401000000000000C000000000000046 AA01000000000000C000000000000046");
+    expected.hex("04000000 58000000 28000000 20000000 30000000");
+    expected.hex("01100800 CCCCCCCC 48000000 00000000").uuid(classTest).hex("14000000 00000000 00000000 01000000");
+    expected.hex("00000000 04000200 58000000 05000700 01000000").uuid(iidServer).u32(0);
+    expected.hex("01100800 CCCCCCCC 18000000 00000000").add(Bytes(24)).hex("01100800 CCCCCCCC 10000000 00000000");
+    expected.add(Bytes(16)).hex("01100800 CCCCCCCC 20000000 00000000 00000000 04000200 03000000 01000000 08000200");
+    expected.hex("01000000 0700 0000 00000000");
+    EXPECT_HEX(stub([](ndr::Writer& out) { writeCreateInstance(out, {}, classTest, std::array{iidServer}); }),
+               expected);
 }
 
 TEST_F(RemoteCalls, PingASet) {
