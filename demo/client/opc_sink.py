@@ -24,6 +24,8 @@ from impacket.dcerpc.v5.rpcrt import (MSRPC_ALTERCTX, MSRPC_ALTERCTX_R, MSRPC_AU
                                       PFC_LAST_FRAG, PFC_OBJECT_UUID, SEC_TRAILER, CtxItem, CtxItemResult, MSRPCBind,
                                       MSRPCHeader)
 
+from opc_streams import Streamed, contents_of
+
 LEVELS = {'none': 1, 'connect': 2, 'integrity': 5, 'privacy': 6}
 SIGNED, SEALED = 4, 6  # from the first on calls are signed, at the second sealed too
 BOTH_ENDS = PFC_FIRST_FRAG | PFC_LAST_FRAG
@@ -38,6 +40,7 @@ IUNKNOWN = uuid.UUID('00000000-0000-0000-C000-000000000046')
 REM_UNKNOWN = uuid.UUID('00000131-0000-0000-C000-000000000046')
 DATA_CALLBACK = uuid.UUID('39C13A70-011E-11D0-9675-0020AFD8ADB3')
 SHUTDOWN = uuid.UUID('F31DFDE1-07B6-11D2-B2D8-0060083BA1FB')
+ADVISE_SINK = uuid.UUID('0000010F-0000-0000-C000-000000000046')
 
 
 def array_of(kind):
@@ -71,7 +74,7 @@ class ShutdownRequest(dcomrt.DCOMCALL):
 
 
 METHODS = {DATA_CALLBACK: {3: OnDataChange, 4: OnReadComplete, 5: OnWriteComplete, 6: OnCancelComplete},
-           SHUTDOWN: {3: ShutdownRequest}}
+           SHUTDOWN: {3: ShutdownRequest}, ADVISE_SINK: {3: Streamed}}
 
 
 class Complaint(Exception):
@@ -361,10 +364,10 @@ class Sink:
 
     def __init__(self, address='127.0.0.1', level='privacy', account=('operator', 'stack-7'), resolver_port=0,
                  least='none', log_on_at=('resolver', 'object'), com_minor=7, bindings=None,
-                 interfaces=(DATA_CALLBACK, SHUTDOWN)):
+                 interfaces=tuple(METHODS)):
         self.address, self.level, self.least, self.account = address, LEVELS[level], LEVELS[least], account
         self.log_on_at, self.com_minor = log_on_at, com_minor
-        self.interfaces_at = {'resolver': (OBJECT_EXPORTER,), 'object': (REM_UNKNOWN, DATA_CALLBACK, SHUTDOWN)}
+        self.interfaces_at = {'resolver': (OBJECT_EXPORTER,), 'object': (REM_UNKNOWN, *METHODS)}
         self.offered = tuple(interfaces)
         self.oxid, self.oid, self.set = struct.unpack('<QQQ', os.urandom(24))
         self.rem_unknown, self.ipid = uuid.uuid4(), uuid.uuid4()
@@ -493,6 +496,8 @@ class Sink:
                    if name in call.fields}
         if 'count' in call.fields:
             details['items'] = items_of(call)
+        if kind is Streamed:
+            details = contents_of(call)
         if 'reason' in call.fields:
             details['reason'] = call['reason'].rstrip('\0')
         level = next(name for name, number in LEVELS.items() if number == connection.level)

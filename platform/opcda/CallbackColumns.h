@@ -21,8 +21,9 @@ class CallbackColumns {
     explicit CallbackColumns(IValueWriter& values) : values_(&values) {}
 
     // Forgets what was gathered. room: bytes that this callback may take.
-    void begin(std::uint32_t transaction, std::uint32_t clientGroup, std::size_t room) {
-        values_->begin();
+    void begin(std::uint32_t transaction, std::uint32_t clientGroup, std::size_t room,
+               ValueForm form = ValueForm::marshalled) {
+        values_->begin(form);
         items_.transaction = transaction;
         items_.clientGroup = clientGroup;
         items_.masterQuality = items_.masterError = S_OK;

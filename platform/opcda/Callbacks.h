@@ -14,12 +14,18 @@
 
 namespace quelm::opcda {
 
+// How the values of a callback go out.
+enum class ValueForm : std::uint8_t {
+    marshalled,  // each as a parameter of a call
+    inMemory,    // as a program finds them in one block of memory
+};
+
 // Where the values of one callback are written down while they are converted, in the form in which they go out.
 class IValueWriter {
  public:
     virtual ~IValueWriter() = default;
     // Forgets what was written.
-    virtual void begin() = 0;
+    virtual void begin(ValueForm form) = 0;
     virtual void add(const OpcValue& value) = 0;
     // Bytes that were written.
     virtual std::size_t size() const = 0;
@@ -38,8 +44,31 @@ struct CallbackItems {
     std::vector<HResult> errors;
 };
 
-// A client's IOPCDataCallback, advised to one group. Called on the network's thread and never from within a call of the
-// client. It may be let go of (Group::unadvise) from within one of these. Its end takes back what waits.
+// What a client of data access 1.0 advises a sink of its own for, as a block of memory each time: values, values with
+// their time stamps, or what became of its writes.
+enum class Stream : std::uint8_t { values, timedValues, writes };
+
+// To whom a transaction's callback goes, and the number that it carries.
+struct Recipient {
+    // Each sink that was advised for everything; the number is the client's.
+    Recipient(std::uint32_t transaction)  // NOLINT(google-explicit-constructor): that is what most clients give
+        : number(transaction) {}
+    // The one sink of a stream's connection; the number is the cancel ID.
+    static Recipient stream(std::uint32_t connection) {
+        Recipient its(0);
+        its.connection = connection;
+        its.isStream = true;
+        return its;
+    }
+
+    std::uint32_t number;
+    std::uint32_t connection = 0;
+    bool isStream = false;
+};
+
+// A client's IOPCDataCallback, or its IAdviseSink for a stream, advised to one group. Called on the network's thread
+// and never from within a call of the client. It may be let go of (Group::unadvise) from within one of these. Its end
+// takes back what waits.
 class IDataSink {
  public:
     virtual ~IDataSink() = default;

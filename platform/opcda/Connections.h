@@ -27,14 +27,15 @@ class Connections {
         }
         do {
             ++lastCookie_;
-        } while (lastCookie_ == 0 || find(lastCookie_) != all_.end());
+        } while (lastCookie_ == 0 || find(lastCookie_) != nullptr);
         cookie = lastCookie_;
         all_.push_back({cookie, std::move(advised)});
         return S_OK;
     }
     // CONNECT_E_NOCONNECTION for an unknown cookie.
     HResult unadvise(std::uint32_t cookie) {
-        const auto found = find(cookie);
+        const auto found =
+            std::find_if(all_.begin(), all_.end(), [cookie](const Connection& each) { return each.cookie == cookie; });
         if (found == all_.end()) {
             return CONNECT_E_NOCONNECTION;
         }
@@ -44,6 +45,12 @@ class Connections {
         return S_OK;
     }
     void clear() { all_.clear(); }
+    // nullptr for an unknown cookie.
+    T* find(std::uint32_t cookie) const {
+        const auto found =
+            std::find_if(all_.begin(), all_.end(), [cookie](const Connection& each) { return each.cookie == cookie; });
+        return found == all_.end() ? nullptr : found->advised.get();
+    }
 
     bool empty() const { return all_.empty(); }
     std::size_t size() const { return all_.size(); }
@@ -62,10 +69,6 @@ class Connections {
         std::uint32_t cookie;
         std::unique_ptr<T> advised;
     };
-    auto find(std::uint32_t cookie) {
-        return std::find_if(all_.begin(), all_.end(),
-                            [cookie](const Connection& each) { return each.cookie == cookie; });
-    }
 
     std::vector<Connection> all_;
     std::uint32_t lastCookie_ = 0;

@@ -124,7 +124,7 @@ bool Group::makeRoom(std::size_t slots) {
     }
     const std::size_t ahead = std::max<std::size_t>(slots + slots / 2, 8);
     for (const std::size_t wanted : {ahead, slots}) {
-        if (holds_.memory.resize(memoryFor(wanted, subscriptions_.size()))) {
+        if (holds_.memory.resize(memoryFor(wanted, sinks()))) {
             slots_.reserve(wanted);
             return true;
         }
@@ -365,6 +365,7 @@ bool Group::copyItemsFrom(const Group& other) {
 void Group::detach() {
     server_ = nullptr;
     subscriptions_.clear();
+    streams_.clear();
     transactions_.clear();
     slots_ = {};
     freeSlots_ = {};

@@ -221,30 +221,41 @@ class Group : public std::enable_shared_from_this<Group> {
     // CONNECT_E_NOCONNECTION for an unknown cookie. The sink is gone then. With the last one go all transactions that
     // are under way.
     HResult unadvise(std::uint32_t cookie);
+    // A sink for one stream alone. Values come as those of advise(), whether callbacks are enabled or not and without
+    // keep-alives; of the transactions, only those come that name the connection. One for each kind of stream:
+    // CONNECT_E_ADVISELIMIT; E_OUTOFMEMORY when the client's budget has no room for it.
+    HResult adviseStream(std::unique_ptr<IDataSink> sink, Stream stream, std::uint32_t& connection);
+    // CONNECT_E_NOCONNECTION for an unknown connection. The sink is gone then, and the connection's transactions.
+    HResult unadviseStream(std::uint32_t connection);
     // A sink has no unanswered callback any more: what waits for it goes out, though not from within this call.
     void sinkAnswered();
 
     // The transactions. Each that begins ends in one callback, which never comes from within the call that begins it,
-    // unless the sinks are gone by then. transaction: any number of the client's, which the callback carries. cancelId:
-    // ours, for cancel(); 0 when none began. errors: one for each handle, none when the call fails as a whole:
-    // E_INVALIDARG (no handle; no such source), CONNECT_E_NOCONNECTION (no sink), CONNECT_E_ADVISELIMIT (so many
-    // callbacks have not ended or not been answered), E_OUTOFMEMORY (the client's budget). S_FALSE: an item has an
-    // error; it is not in the callback, and with none left there is no callback.
+    // unless the sinks are gone by then. to: a number of the client's for each sink of advise(), or a stream of the
+    // kind that takes the answer. cancelId: ours, for cancel(); 0 when none began. errors: one for each handle, none
+    // when the call fails as a whole: E_INVALIDARG (no handle; no such source), CONNECT_E_NOCONNECTION (no such sink),
+    // CONNECT_E_ADVISELIMIT (so many callbacks have not ended or not been answered), E_OUTOFMEMORY (the client's
+    // budget). S_FALSE: an item has an error; it is not in the callback, and with none left there is no callback.
 
     // OnRead once with the items whose cached value is too old, then onReadComplete with all.
-    HResult asyncRead(std::span<const std::uint32_t> handles, std::uint32_t transaction, std::uint32_t& cancelId,
+    HResult asyncRead(std::span<const std::uint32_t> handles, Recipient to, std::uint32_t& cancelId,
                       std::vector<HResult>& errors, const MaxAges& maxAges = MaxAges(noAge));
+    // The same, all from one source: 1 cache, 2 device.
+    HResult asyncReadFrom(std::uint16_t source, std::span<const std::uint32_t> handles, Recipient to,
+                          std::uint32_t& cancelId, std::vector<HResult>& errors);
     // OnWrite once, then onWriteComplete, with the event's error for each item.
-    HResult asyncWrite(std::span<const std::uint32_t> handles, std::uint32_t transaction, std::uint32_t& cancelId,
+    HResult asyncWrite(std::span<const std::uint32_t> handles, Recipient to, std::uint32_t& cancelId,
                        std::vector<HResult>& errors);
     // One onDataChange with all active items, whether callbacks are enabled or not. source: 1 cache, 2 device. E_FAIL
     // for an inactive group and for one without active items.
-    HResult refresh(std::uint16_t source, std::uint32_t transaction, std::uint32_t& cancelId);
+    HResult refresh(std::uint16_t source, Recipient to, std::uint32_t& cancelId);
     // The same; the device is asked for those items only whose cached value is older than so many milliseconds.
-    HResult refreshMaxAge(std::uint32_t maxAge, std::uint32_t transaction, std::uint32_t& cancelId);
+    HResult refreshMaxAge(std::uint32_t maxAge, Recipient to, std::uint32_t& cancelId);
     // S_OK: onCancelComplete comes instead of the transaction's callback. E_FAIL: there is no such transaction, or none
     // any more.
     HResult cancel(std::uint32_t cancelId);
+    // The same for a stream's transaction, whose end no stream tells of: S_OK: nothing comes of it.
+    HResult cancelStream(std::uint32_t cancelId);
     // Whether values go out by subscription; at first they do. CONNECT_E_NOCONNECTION without a sink.
     HResult setEnabled(bool enabled);
     HResult isEnabled(bool& enabled) const;
@@ -303,6 +314,8 @@ class Group : public std::enable_shared_from_this<Group> {
         return static_cast<std::uint32_t>(slots_[number].generation) << slotBits | static_cast<std::uint32_t>(number);
     }
     void remove(std::uint32_t handle, Slot& slot);
+    // A stream of writes counts as if it took values: there is one at most.
+    std::size_t sinks() const { return subscriptions_.size() + streams_.size(); }
     std::size_t memoryFor(std::size_t slots, std::size_t sinks) const {
         return footprint + slots * (slotCost + sinks * sizeof(SentItem)) + sinks * Subscription::footprint;
     }
@@ -315,7 +328,7 @@ class Group : public std::enable_shared_from_this<Group> {
     enum class Stage : std::uint8_t { atPlant, waiting, cancelled };
     // A callback that the client began.
     struct Transaction {
-        std::uint32_t number;  // the client's
+        Recipient to;
         Stage stage;
         Hold memory;
     };
@@ -325,26 +338,46 @@ class Group : public std::enable_shared_from_this<Group> {
     static constexpr std::size_t transactionCost = 512;
     static constexpr std::size_t questionCost = 100;
 
-    HResult refusal(bool asksForNothing) const;
-    HResult begin(std::uint32_t transaction, Stage stage, std::size_t memory, std::uint32_t& cancelId);
+    enum class Answer : std::uint8_t { values, writes };
+    bool hasSinkOf(const Recipient& to, Answer answer) const;
+    HResult refusal(const Recipient& to, Answer answer, bool asksForNothing) const;
+    HResult begin(Recipient to, Stage stage, std::size_t memory, std::uint32_t& cancelId);
     void beginReading(std::uint32_t cancelId, std::shared_ptr<DeviceReading> reading,
                       void (Group::*complete)(std::uint32_t, const DeviceReading&));
     // Later, and only if the transaction has not ended by then.
     template <class Action>
     void postFor(std::uint32_t cancelId, Action action);
     bool isUnderWay(std::uint32_t cancelId) const;
-    CallbackColumns& endInCallback(std::uint32_t cancelId);
+    Recipient end(std::uint32_t cancelId);
+    CallbackColumns& beginCallback(const Recipient& to);
+    template <class Action>
+    void forEachSinkOf(const Recipient& to, Action&& action) {
+        if (!to.isStream) {
+            subscriptions_.forEach(action);
+        } else if (Subscription* const its = streams_.find(to.connection)) {
+            action(*its);
+        }
+    }
+    template <class Action>
+    void forEachSink(Action&& action) const {
+        subscriptions_.forEach(action);
+        streams_.forEach(action);
+    }
+    HResult adviseTo(Connections<Subscription>& list, std::unique_ptr<Subscription> sink, std::uint32_t& cookie);
+    HResult unadviseFrom(Connections<Subscription>& list, std::uint32_t cookie);
     void completeRead(std::uint32_t cancelId, const DeviceReading& reading);
     void completeRefresh(std::uint32_t cancelId, const DeviceReading& reading);
     void completeWrite(std::uint32_t cancelId, std::span<const std::uint32_t> clientHandles, HResult error);
     void completeCancel(std::uint32_t cancelId);
 
     // Values by subscription, and what a refresh sends.
-    bool sendsChanges() const { return state_.active && isEnabled_; }
+    bool sendsChanges(const Subscription& to) const {
+        return state_.active && to.stream() != Stream::writes && (isEnabled_ || to.stream());
+    }
     bool isRefreshWaiting() const;
     bool isAnySinkBusy() const;
     void wakeSinks();
-    void restartKeepAlive();
+    void restartKeepAlive(const Recipient& to = 0);
     std::size_t sendKeepAlive(Subscription& to, std::uint64_t now);
     // Something besides values changed; what was sent counts no more, of all items or of one.
     void noteChange();
@@ -353,9 +386,9 @@ class Group : public std::enable_shared_from_this<Group> {
     std::size_t sendChanges(Subscription& to, std::uint64_t now);
     bool gatherChanges(Subscription& to, std::size_t begin, std::size_t end);
     std::size_t sendRefresh();
-    void addRefreshed(CallbackColumns& callback, std::size_t number, std::int64_t fileTime, std::uint16_t quality,
-                      HResult error, OpcValue& value);
-    void sendRefreshed(CallbackColumns& callback);
+    void addRefreshed(const Recipient& to, CallbackColumns& callback, std::size_t number, std::int64_t fileTime,
+                      std::uint16_t quality, HResult error, OpcValue& value);
+    void sendRefreshed(const Recipient& to, CallbackColumns& callback);
 
     Server* server_;
     Application* application_;
@@ -369,7 +402,8 @@ class Group : public std::enable_shared_from_this<Group> {
     std::uint16_t firstGeneration_;
     mutable std::weak_ptr<const Enumerator<ItemAttributes>::List> listed_;
     bool isEnabled_ = true;
-    Connections<Subscription> subscriptions_;
+    Connections<Subscription> subscriptions_;  // to everything
+    Connections<Subscription> streams_;
     std::map<std::uint32_t, Transaction> transactions_;  // by cancel ID, which is their order
 };
 

@@ -14,21 +14,28 @@ enum Source : std::uint16_t { cache = 1, device = 2 };
 
 }  // namespace
 
-HResult Group::refusal(bool asksForNothing) const {
+bool Group::hasSinkOf(const Recipient& to, Answer answer) const {
+    if (!to.isStream) {
+        return !subscriptions_.empty();
+    }
+    const Subscription* const its = streams_.find(to.connection);
+    return its != nullptr && (its->stream() == Stream::writes) == (answer == Answer::writes);
+}
+
+HResult Group::refusal(const Recipient& to, Answer answer, bool asksForNothing) const {
     if (isRemoved()) {
         return E_FAIL;
     }
     if (asksForNothing) {
         return E_INVALIDARG;
     }
-    return subscriptions_.empty() ? CONNECT_E_NOCONNECTION : S_OK;
+    return hasSinkOf(to, answer) ? S_OK : CONNECT_E_NOCONNECTION;
 }
 
 // What a sink has not answered counts too: only so is what waits on the way to a client that never answers bounded.
-HResult Group::begin(std::uint32_t transaction, Stage stage, std::size_t memory, std::uint32_t& cancelId) {
+HResult Group::begin(Recipient to, Stage stage, std::size_t memory, std::uint32_t& cancelId) {
     std::size_t unanswered = 0;
-    subscriptions_.forEach(
-        [&unanswered](Subscription& each) { unanswered = std::max(unanswered, each.sink().unanswered()); });
+    forEachSink([&unanswered](Subscription& each) { unanswered = std::max(unanswered, each.sink().unanswered()); });
     if (transactions_.size() + unanswered >= mostTransactions) {
         return CONNECT_E_ADVISELIMIT;
     }
@@ -37,7 +44,8 @@ HResult Group::begin(std::uint32_t transaction, Stage stage, std::size_t memory,
         return E_OUTOFMEMORY;
     }
     cancelId = application_->nextCancelId();
-    transactions_.emplace(cancelId, Transaction{transaction, stage, std::move(hold)});
+    to.number = to.isStream ? cancelId : to.number;
+    transactions_.emplace(cancelId, Transaction{to, stage, std::move(hold)});
     return S_OK;
 }
 
@@ -69,11 +77,18 @@ void Group::beginReading(std::uint32_t cancelId, std::shared_ptr<DeviceReading> 
     });
 }
 
-HResult Group::asyncRead(std::span<const std::uint32_t> handles, std::uint32_t transaction, std::uint32_t& cancelId,
+HResult Group::asyncReadFrom(std::uint16_t source, std::span<const std::uint32_t> handles, Recipient to,
+                             std::uint32_t& cancelId, std::vector<HResult>& errors) {
+    const bool isSource = source == cache || source == device;
+    return asyncRead(isSource ? handles : std::span<const std::uint32_t>(), to, cancelId, errors,
+                     MaxAges(source == cache ? anyAge : noAge));
+}
+
+HResult Group::asyncRead(std::span<const std::uint32_t> handles, Recipient to, std::uint32_t& cancelId,
                          std::vector<HResult>& errors, const MaxAges& maxAges) {
     cancelId = 0;
     errors.clear();
-    if (const HResult refused = refusal(handles.empty()); refused != S_OK) {
+    if (const HResult refused = refusal(to, Answer::values, handles.empty()); refused != S_OK) {
         return refused;
     }
     auto reading = std::make_shared<DeviceReading>();
@@ -90,7 +105,7 @@ HResult Group::asyncRead(std::span<const std::uint32_t> handles, std::uint32_t t
         return S_FALSE;
     }
     const std::size_t memory = valid * (questionCost + CallbackColumns::itemSize);
-    if (const HResult refused = begin(transaction, Stage::atPlant, memory, cancelId); refused != S_OK) {
+    if (const HResult refused = begin(to, Stage::atPlant, memory, cancelId); refused != S_OK) {
         errors.clear();
         return refused;
     }
@@ -98,11 +113,11 @@ HResult Group::asyncRead(std::span<const std::uint32_t> handles, std::uint32_t t
     return valid == handles.size() ? S_OK : S_FALSE;
 }
 
-HResult Group::asyncWrite(std::span<const std::uint32_t> handles, std::uint32_t transaction, std::uint32_t& cancelId,
+HResult Group::asyncWrite(std::span<const std::uint32_t> handles, Recipient to, std::uint32_t& cancelId,
                           std::vector<HResult>& errors) {
     cancelId = 0;
     errors.clear();
-    if (const HResult refused = refusal(handles.empty()); refused != S_OK) {
+    if (const HResult refused = refusal(to, Answer::writes, handles.empty()); refused != S_OK) {
         return refused;
     }
     std::vector<std::uint32_t> valid;
@@ -118,7 +133,7 @@ HResult Group::asyncWrite(std::span<const std::uint32_t> handles, std::uint32_t 
     }
     const HResult result = valid.size() == handles.size() ? S_OK : S_FALSE;
     const std::size_t memory = valid.size() * CallbackColumns::itemSize;
-    if (const HResult refused = begin(transaction, Stage::atPlant, memory, cancelId); refused != S_OK) {
+    if (const HResult refused = begin(to, Stage::atPlant, memory, cancelId); refused != S_OK) {
         errors.clear();
         return refused;
     }
@@ -130,15 +145,15 @@ HResult Group::asyncWrite(std::span<const std::uint32_t> handles, std::uint32_t 
     return result;
 }
 
-HResult Group::refresh(std::uint16_t source, std::uint32_t transaction, std::uint32_t& cancelId) {
+HResult Group::refresh(std::uint16_t source, Recipient to, std::uint32_t& cancelId) {
     cancelId = 0;
-    const HResult refused = refusal(source != cache && source != device);
-    return refused != S_OK ? refused : refreshMaxAge(source == cache ? anyAge : noAge, transaction, cancelId);
+    const HResult refused = refusal(to, Answer::values, source != cache && source != device);
+    return refused != S_OK ? refused : refreshMaxAge(source == cache ? anyAge : noAge, to, cancelId);
 }
 
-HResult Group::refreshMaxAge(std::uint32_t maxAge, std::uint32_t transaction, std::uint32_t& cancelId) {
+HResult Group::refreshMaxAge(std::uint32_t maxAge, Recipient to, std::uint32_t& cancelId) {
     cancelId = 0;
-    if (const HResult refused = refusal(false); refused != S_OK) {
+    if (const HResult refused = refusal(to, Answer::values, false); refused != S_OK) {
         return refused;
     }
     auto reading = std::make_shared<DeviceReading>();
@@ -153,9 +168,10 @@ HResult Group::refreshMaxAge(std::uint32_t maxAge, std::uint32_t transaction, st
     if (!state_.active || active == 0) {
         return E_FAIL;
     }
-    const std::size_t memory = active * (CallbackColumns::itemSize + (isCached ? 0 : questionCost));
-    const HResult result = begin(transaction, isCached ? Stage::waiting : Stage::atPlant, memory, cancelId);
-    if (result == S_OK && isCached) {
+    const bool waits = isCached && !to.isStream;
+    const std::size_t memory = active * (CallbackColumns::itemSize + (waits ? 0 : questionCost));
+    const HResult result = begin(to, waits ? Stage::waiting : Stage::atPlant, memory, cancelId);
+    if (result == S_OK && waits) {
         wakeSinks();
     } else if (result == S_OK) {
         beginReading(cancelId, std::move(reading), &Group::completeRefresh);
@@ -164,7 +180,7 @@ HResult Group::refreshMaxAge(std::uint32_t maxAge, std::uint32_t transaction, st
 }
 
 HResult Group::cancel(std::uint32_t cancelId) {
-    if (isRemoved() || !isUnderWay(cancelId)) {
+    if (isRemoved() || !isUnderWay(cancelId) || transactions_.at(cancelId).to.isStream) {
         return E_FAIL;
     }
     transactions_.at(cancelId).stage = Stage::cancelled;
@@ -173,8 +189,17 @@ HResult Group::cancel(std::uint32_t cancelId) {
     return S_OK;
 }
 
+HResult Group::cancelStream(std::uint32_t cancelId) {
+    const auto found = transactions_.find(cancelId);
+    if (isRemoved() || found == transactions_.end() || !found->second.to.isStream) {
+        return E_FAIL;
+    }
+    transactions_.erase(found);
+    return S_OK;
+}
+
 HResult Group::setEnabled(bool enabled) {
-    if (const HResult refused = refusal(false); refused != S_OK) {
+    if (const HResult refused = refusal(0, Answer::values, false); refused != S_OK) {
         return refused;
     }
     if (enabled && !isEnabled_) {
@@ -187,19 +212,24 @@ HResult Group::setEnabled(bool enabled) {
 
 HResult Group::isEnabled(bool& enabled) const {
     enabled = isEnabled_;
-    return refusal(false);
+    return refusal(0, Answer::values, false);
 }
 
 // The transaction's memory is free for its callback.
-CallbackColumns& Group::endInCallback(std::uint32_t cancelId) {
-    const std::uint32_t transaction = transactions_.extract(cancelId).mapped().number;
+Recipient Group::end(std::uint32_t cancelId) {
+    return transactions_.extract(cancelId).mapped().to;
+}
+
+CallbackColumns& Group::beginCallback(const Recipient& to) {
     CallbackColumns& callback = application_->callback();
-    callback.begin(transaction, state_.clientHandle, holds_.memory.room());
+    callback.begin(to.number, state_.clientHandle, holds_.memory.room(),
+                   to.isStream ? ValueForm::inMemory : ValueForm::marshalled);
     return callback;
 }
 
 void Group::completeRead(std::uint32_t cancelId, const DeviceReading& reading) {
-    CallbackColumns& callback = endInCallback(cancelId);
+    const Recipient to = end(cancelId);
+    CallbackColumns& callback = beginCallback(to);
     OpcValue value;
     for (const DeviceReading::Asked& item : reading.asked_) {
         std::uint16_t quality = quality::bad;
@@ -208,26 +238,26 @@ void Group::completeRead(std::uint32_t cancelId, const DeviceReading& reading) {
         callback.addOrRefuse(item.clientHandle, fileTime, quality, error, value);
     }
     noteDataSent();
-    restartKeepAlive();
-    subscriptions_.forEach([&callback](Subscription& each) { each.sink().onReadComplete(callback.items()); });
+    restartKeepAlive(to);
+    forEachSinkOf(to, [&callback](Subscription& each) { each.sink().onReadComplete(callback.items()); });
 }
 
 void Group::completeWrite(std::uint32_t cancelId, std::span<const std::uint32_t> clientHandles, HResult error) {
     if (!isUnderWay(cancelId)) {
         return;
     }
-    const std::uint32_t transaction = transactions_.extract(cancelId).mapped().number;
+    const Recipient to = end(cancelId);
     const std::vector<HResult> errors(clientHandles.size(), error);
-    restartKeepAlive();
-    subscriptions_.forEach([&](Subscription& each) {
-        each.sink().onWriteComplete(transaction, state_.clientHandle, error == S_OK ? S_OK : S_FALSE, clientHandles,
+    restartKeepAlive(to);
+    forEachSinkOf(to, [&](Subscription& each) {
+        each.sink().onWriteComplete(to.number, state_.clientHandle, error == S_OK ? S_OK : S_FALSE, clientHandles,
                                     errors);
     });
 }
 
 void Group::completeCancel(std::uint32_t cancelId) {
-    const std::uint32_t transaction = transactions_.extract(cancelId).mapped().number;
-    subscriptions_.forEach([&](Subscription& each) { each.sink().onCancelComplete(transaction, state_.clientHandle); });
+    const Recipient to = end(cancelId);
+    forEachSinkOf(to, [&](Subscription& each) { each.sink().onCancelComplete(to.number, state_.clientHandle); });
 }
 
 }  // namespace quelm::opcda

@@ -21,29 +21,53 @@ std::size_t workOf(std::size_t slots, std::size_t sent) {
 }  // namespace
 
 HResult Group::advise(std::unique_ptr<IDataSink> sink, std::uint32_t& cookie) {
+    return adviseTo(subscriptions_, std::make_unique<Subscription>(application_->publisher(), *this, std::move(sink)),
+                    cookie);
+}
+
+HResult Group::adviseStream(std::unique_ptr<IDataSink> sink, Stream stream, std::uint32_t& connection) {
+    connection = 0;
+    bool isAdvised = false;
+    streams_.forEach([&](const Subscription& each) { isAdvised |= each.stream() == stream; });
+    if (isAdvised) {
+        return CONNECT_E_ADVISELIMIT;
+    }
+    return adviseTo(streams_, std::make_unique<Subscription>(application_->publisher(), *this, std::move(sink), stream),
+                    connection);
+}
+
+HResult Group::adviseTo(Connections<Subscription>& list, std::unique_ptr<Subscription> sink, std::uint32_t& cookie) {
     cookie = 0;
     if (isRemoved()) {
         return E_FAIL;
     }
-    if (!holds_.memory.resize(memoryFor(slots_.capacity(), subscriptions_.size() + 1))) {
+    if (!holds_.memory.resize(memoryFor(slots_.capacity(), sinks() + 1))) {
         return E_OUTOFMEMORY;
     }
-    const HResult result = subscriptions_.advise(
-        std::make_unique<Subscription>(application_->publisher(), *this, std::move(sink)), cookie);
-    holds_.memory.set(memoryFor(slots_.capacity(), subscriptions_.size()));
+    const HResult result = list.advise(std::move(sink), cookie);
+    holds_.memory.set(memoryFor(slots_.capacity(), sinks()));
     wakeSinks();
     return result;
 }
 
 HResult Group::unadvise(std::uint32_t cookie) {
+    return unadviseFrom(subscriptions_, cookie);
+}
+
+HResult Group::unadviseStream(std::uint32_t connection) {
+    return unadviseFrom(streams_, connection);
+}
+
+HResult Group::unadviseFrom(Connections<Subscription>& list, std::uint32_t cookie) {
     if (isRemoved()) {
         return E_FAIL;
     }
-    const HResult result = subscriptions_.unadvise(cookie);
-    holds_.memory.set(memoryFor(slots_.capacity(), subscriptions_.size()));
-    if (subscriptions_.empty()) {
-        transactions_.clear();
-    }
+    const HResult result = list.unadvise(cookie);
+    holds_.memory.set(memoryFor(slots_.capacity(), sinks()));
+    std::erase_if(transactions_, [this](const auto& each) {
+        const Recipient& to = each.second.to;
+        return to.isStream ? streams_.find(to.connection) == nullptr : subscriptions_.empty();
+    });
     wakeSinks();  // what waited for this one waits no more
     return result;
 }
@@ -64,12 +88,13 @@ bool Group::isAnySinkBusy() const {
 }
 
 void Group::wakeSinks() {
-    subscriptions_.forEach([this](Subscription& each) { application_->publisher().wake(each); });
+    forEachSink([this](Subscription& each) { application_->publisher().wake(each); });
 }
 
-void Group::restartKeepAlive() {
+// Of whoever is called now.
+void Group::restartKeepAlive(const Recipient& to) {
     const std::uint64_t now = timeSource().monotonicMilliseconds();
-    subscriptions_.forEach([now](Subscription& each) { each.lastCalled_ = now; });
+    forEachSinkOf(to, [now](Subscription& each) { each.lastCalled_ = now; });
 }
 
 // It says nothing of data: the client's time of the last update stays.
@@ -82,19 +107,19 @@ std::size_t Group::sendKeepAlive(Subscription& to, std::uint64_t now) {
 }
 
 void Group::noteChange() {
-    subscriptions_.forEach([](Subscription& each) { each.isChanged_ = true; });
+    forEachSink([](Subscription& each) { each.isChanged_ = true; });
     wakeSinks();
 }
 
 void Group::forgetSent() {
-    subscriptions_.forEach([](Subscription& each) {
+    forEachSink([](Subscription& each) {
         each.sent_.clear();
         each.isChanged_ = true;
     });
 }
 
 void Group::forgetSent(std::size_t slot) {
-    subscriptions_.forEach([slot](Subscription& each) {
+    forEachSink([slot](Subscription& each) {
         if (slot < each.sent_.size()) {
             each.sent_[slot] = {};
         }
@@ -104,7 +129,8 @@ void Group::forgetSent(std::size_t slot) {
 
 std::size_t Group::sendChanges(Subscription& to, std::uint64_t now) {
     CallbackColumns& callback = application_->callback();
-    callback.begin(0, state_.clientHandle, holds_.memory.room());
+    callback.begin(0, state_.clientHandle, holds_.memory.room(),
+                   to.stream() ? ValueForm::inMemory : ValueForm::marshalled);
     to.coverSlots(slots_.size(), slots_.capacity());
     const std::size_t start = std::min(to.next_, slots_.size());
     const bool isWhole = gatherChanges(to, start, slots_.size()) && gatherChanges(to, 0, start);
@@ -154,23 +180,25 @@ bool Group::gatherChanges(Subscription& to, std::size_t begin, std::size_t end) 
 std::size_t Group::sendRefresh() {
     const auto waiting = std::find_if(transactions_.begin(), transactions_.end(),
                                       [](const auto& each) { return each.second.stage == Stage::waiting; });
-    CallbackColumns& callback = endInCallback(waiting->first);
+    const Recipient to = end(waiting->first);
+    CallbackColumns& callback = beginCallback(to);
     OpcValue value;
     for (std::size_t number = 0; number < slots_.size(); ++number) {
         const Slot& slot = slots_[number];
         if (slot.tag != nullptr && slot.active) {
             std::uint16_t quality = 0;
             const HResult error = fromCache(slot, quality, value);
-            addRefreshed(callback, number, slot.tag->fileTime(), quality, error, value);
+            addRefreshed(to, callback, number, slot.tag->fileTime(), quality, error, value);
         }
     }
-    sendRefreshed(callback);
+    sendRefreshed(to, callback);
     return workOf(slots_.size(), callback.size());
 }
 
 // Items that went or were set inactive meanwhile are left out.
 void Group::completeRefresh(std::uint32_t cancelId, const DeviceReading& reading) {
-    CallbackColumns& callback = endInCallback(cancelId);
+    const Recipient to = end(cancelId);
+    CallbackColumns& callback = beginCallback(to);
     OpcValue value;
     for (const DeviceReading::Asked& item : reading.asked_) {
         const Slot* slot = find(item.handle);
@@ -178,26 +206,27 @@ void Group::completeRefresh(std::uint32_t cancelId, const DeviceReading& reading
             std::uint16_t quality = quality::bad;
             std::int64_t fileTime = 0;
             const HResult error = reading.take(item, slot->type, quality, fileTime, value);
-            addRefreshed(callback, static_cast<std::size_t>(slot - slots_.data()), fileTime, quality, error, value);
+            const auto number = static_cast<std::size_t>(slot - slots_.data());
+            addRefreshed(to, callback, number, fileTime, quality, error, value);
         }
     }
-    sendRefreshed(callback);
+    sendRefreshed(to, callback);
 }
 
-void Group::addRefreshed(CallbackColumns& callback, std::size_t number, std::int64_t fileTime, std::uint16_t quality,
-                         HResult error, OpcValue& value) {
+void Group::addRefreshed(const Recipient& to, CallbackColumns& callback, std::size_t number, std::int64_t fileTime,
+                         std::uint16_t quality, HResult error, OpcValue& value) {
     const SentItem item{fingerprint(value), error, quality, value.type};
     const bool isWhole = callback.addOrRefuse(slots_[number].clientHandle, fileTime, quality, error, value);
-    subscriptions_.forEach([&](Subscription& each) {
+    forEachSinkOf(to, [&](Subscription& each) {
         each.coverSlots(slots_.size(), slots_.capacity());
         each.sent_[number] = isWhole ? item : SentItem{};
     });
 }
 
-void Group::sendRefreshed(CallbackColumns& callback) {
+void Group::sendRefreshed(const Recipient& to, CallbackColumns& callback) {
     noteDataSent();
-    restartKeepAlive();
-    subscriptions_.forEach([&callback](Subscription& each) { each.sink().onDataChange(callback.items()); });
+    restartKeepAlive(to);
+    forEachSinkOf(to, [&callback](Subscription& each) { each.sink().onDataChange(callback.items()); });
     if (callback.items().masterError != S_OK) {
         noteChange();  // where it was the plant that failed, the cache has a value
     }

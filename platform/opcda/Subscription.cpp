@@ -22,11 +22,20 @@ constexpr std::uint64_t leadOf(std::uint64_t keepAlive) {
 
 }  // namespace
 
-Subscription::Subscription(Publisher& publisher, Group& group, std::unique_ptr<IDataSink> sink)
-    : Member(publisher), group_(&group), sink_(std::move(sink)), lastCalled_(timeSource().monotonicMilliseconds()) {}
+Subscription::Subscription(Publisher& publisher, Group& group, std::unique_ptr<IDataSink> sink,
+                           std::optional<Stream> stream)
+    : Member(publisher),
+      group_(&group),
+      sink_(std::move(sink)),
+      stream_(stream),
+      lastCalled_(timeSource().monotonicMilliseconds()) {}
+
+bool Subscription::awaitsRefresh() const {
+    return !stream_ && group_->isRefreshWaiting();
+}
 
 std::optional<std::uint64_t> Subscription::changesDue() const {
-    if (group_->isRefreshWaiting() || (!isChanged_ && seenBlock_ == publisher().block())) {
+    if (awaitsRefresh() || (!isChanged_ && seenBlock_ == publisher().block())) {
         return std::nullopt;
     }
     return isCut_ || !lastSent_ ? 0 : *lastSent_ + group_->state().updateRate;
@@ -34,13 +43,13 @@ std::optional<std::uint64_t> Subscription::changesDue() const {
 
 // A refresh goes to all sinks of the group at once, before any change that waits.
 std::optional<std::uint64_t> Subscription::due() const {
-    if (group_->isRefreshWaiting() && !group_->isAnySinkBusy()) {
+    if (awaitsRefresh() && !group_->isAnySinkBusy()) {
         return 0;
     }
-    if (!group_->sendsChanges() || isBusy()) {
+    if (!group_->sendsChanges(*this) || isBusy()) {
         return std::nullopt;
     }
-    const std::uint64_t keepAlive = group_->state().keepAlive;
+    const std::uint64_t keepAlive = stream_ ? 0 : group_->state().keepAlive;  // no stream is empty
     const std::optional<std::uint64_t> changes = changesDue();
     if (keepAlive == 0 || (changes && *changes <= lastCalled_ + keepAlive)) {
         return changes;  // which are a sign of life too, unless it then shows that nothing differs
@@ -49,7 +58,7 @@ std::optional<std::uint64_t> Subscription::due() const {
 }
 
 std::size_t Subscription::deliver(std::uint64_t now) {
-    if (group_->isRefreshWaiting() && !group_->isAnySinkBusy()) {
+    if (awaitsRefresh() && !group_->isAnySinkBusy()) {
         return group_->sendRefresh();
     }
     if (const auto changes = changesDue(); changes && *changes <= now) {

@@ -59,9 +59,12 @@ class Subscription final : public Publisher::Member {
     // Bytes that it takes without its items, the client's object behind the sink included.
     static constexpr std::size_t footprint = 1024;
 
-    Subscription(Publisher& publisher, Group& group, std::unique_ptr<IDataSink> sink);
+    // stream: what it was advised for alone; none: for everything.
+    Subscription(Publisher& publisher, Group& group, std::unique_ptr<IDataSink> sink,
+                 std::optional<Stream> stream = std::nullopt);
 
     IDataSink& sink() { return *sink_; }
+    std::optional<Stream> stream() const { return stream_; }
     bool isBusy() const { return sink_->unanswered() > 0; }
 
     std::optional<std::uint64_t> due() const override;
@@ -77,11 +80,14 @@ class Subscription final : public Publisher::Member {
         }
     }
 
+    // Streams have refreshes of their own.
+    bool awaitsRefresh() const;
     // As due(), whatever holds them up.
     std::optional<std::uint64_t> changesDue() const;
 
     Group* group_;
     std::unique_ptr<IDataSink> sink_;
+    std::optional<Stream> stream_;
     std::vector<SentItem> sent_;  // by the group's slots; what is not there was not sent
     std::uint64_t seenBlock_ = 0;
     std::optional<std::uint64_t> lastSent_;  // monotonic milliseconds

@@ -15,11 +15,14 @@ from opc_client import (ICONNECTION_POINT, ICONNECTION_POINT_CONTAINER, IOPC_DAT
 
 from bad_sinks import BadSink  # noqa: E402
 from opc_sink import dual_string  # noqa: E402, F401
+from opc_streams import advise_request  # noqa: E402
 
 IENUM_CONNECTION_POINTS = 'B196B285-BAB4-101A-B69C-00AA00341D07'
 IOPC_GROUP_STATE_MGT2 = '8E368666-D72E-4F78-87ED-647611C61C9F'
 IOPC_SYNC_IO2 = '730F5F0F-55B1-4C81-9E18-FF8A0904E1FA'
 IOPC_ASYNC_IO3 = '0967B97B-36EF-423E-B6F8-6BFF1E40D39D'
+IOPC_ASYNC_IO = '39C13A53-011E-11D0-9675-0020AFD8ADB3'
+IDATA_OBJECT = '0000010E-0000-0000-C000-000000000046'
 IOPC_ITEM_DEADBAND = '5946DA93-8B39-4EC8-AB3D-AA73DF5BC86F'
 CALLBACKS = {'group': IOPC_DATA_CALLBACK, 'server': IOPC_SHUTDOWN}
 
@@ -143,6 +146,33 @@ class Session(Client):
             return self.later3(10, request.u32(transaction))
         reply = self.group.query(IOPC_SYNC_IO2).call(6, request)
         return {'errors': reply.hresults(), 'result': reply.u32()}
+
+    def stream(self, name, sink=0):
+        request = Writer()
+        request.data = advise_request(name, self.sinks[sink].reference()).getData()
+        reply = self.group.query(IDATA_OBJECT).call(9, request)
+        return [reply.u32(), reply.u32()]
+
+    def end_stream(self, connection):
+        return self.group.query(IDATA_OBJECT).call(10, Writer().u32(connection)).u32()
+
+    def ask_stream(self, connection, opnum, source=None, value=None, items=None):
+        """A call of IOPCAsyncIO but Cancel: transaction, errors where it is about items, result."""
+        request = Writer().u32(connection)
+        if source is not None:
+            request.u16(source)
+        if opnum != 5:
+            handles = [self.handles.get(item, item) for item in items or self.handles]
+            request.u32(len(handles)).handles(handles)
+        if value is not None:
+            request.handles(range(1, len(handles) + 1))
+            for _ in handles:
+                request.put('Q', 4).u16(VT_R8, 0, 0, 0).u32(VT_R8).put('d', value)
+        reply = self.group.query(IOPC_ASYNC_IO).call(opnum, request)
+        return [reply.u32(), *([reply.hresults()] if opnum != 5 else []), reply.u32()]
+
+    def cancel_stream(self, transaction):
+        return self.group.query(IOPC_ASYNC_IO).call(6, Writer().u32(transaction)).u32()
 
     def deadbands(self, percent, items):
         """What comes of giving each item one, asking for it and taking it back."""

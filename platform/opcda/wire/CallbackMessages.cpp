@@ -1,6 +1,7 @@
 #include "opcda/wire/CallbackMessages.h"
 
 #include "opcda/wire/Parameters.h"
+#include "opcda/wire/StreamFormats.h"
 #include "opcda/wire/WireVariant.h"
 
 namespace quelm::opcda::wire {
@@ -31,16 +32,25 @@ void writeReferents(Writer& out, std::uint32_t count) {
 
 }  // namespace
 
-void CallbackMessages::begin() {
+void CallbackMessages::begin(ValueForm form) {
+    form_ = form;
+    places_.clear();
     values_.clear();
     if (values_.capacity() > kept) {
         values_ = {};
+        places_ = {};
     }
     out_.emplace(values_);
 }
 
 void CallbackMessages::add(const OpcValue& value) {
-    writeVariant(*out_, value);
+    if (form_ == ValueForm::marshalled) {
+        writeVariant(*out_, value);
+    } else {
+        out_->align(8);
+        places_.push_back(static_cast<std::uint32_t>(values_.size()));
+        writeInMemory(*out_, value);
+    }
 }
 
 // Nothing is written between the last value and the next column but what that needs itself: clients exist that fail
@@ -92,6 +102,47 @@ Message CallbackMessages::shutdownRequest(std::string_view reason) {
     Message message = take(betweenColumns + 2 * reason.size());
     Writer out(*message);
     out.wideString(reason);
+    return message;
+}
+
+// The heads of all items stand behind the one of all, and the values, which they point to, behind both.
+Message CallbackMessages::dataStream(const CallbackItems& items, Stream stream) {
+    const bool hasTimes = stream == Stream::timedValues;
+    const std::size_t count = items.clientHandles.size();
+    const std::size_t headSize = hasTimes ? 20 : 12;
+    const std::size_t heads = (20 + count * headSize + 7) & ~std::size_t{7};
+    const std::size_t size = heads + values_.size();
+    Message message = take(streamHeadSize + size);
+    Writer out(*message);
+    writeStreamHead(out, stream, size);
+    const bool isGood = items.masterQuality == S_OK && items.masterError == S_OK;
+    std::uint8_t* at = out.extend(heads);
+    for (const std::uint32_t word : {static_cast<std::uint32_t>(size), static_cast<std::uint32_t>(count),
+                                     items.clientGroup, items.transaction, isGood ? 0U : 1U}) {
+        at = put(at, word);
+    }
+    for (std::size_t i = 0; i < count; ++i) {
+        at = put(at, items.clientHandles[i]);
+        at = put(at, static_cast<std::uint32_t>(heads + places_[i]));
+        at = put(at, std::uint32_t{items.qualities[i]});  // and a reserved half
+        at = hasTimes ? put(at, items.fileTimes[i]) : at;
+    }
+    out.bytes(values_);
+    return message;
+}
+
+Message CallbackMessages::writeStream(std::uint32_t transaction, std::uint32_t clientGroup, HResult masterError,
+                                      std::span<const std::uint32_t> clientHandles, std::span<const HResult> errors) {
+    const std::size_t count = clientHandles.size();
+    const std::size_t size = 16 + count * 8;
+    Message message = take(streamHeadSize + size);
+    Writer out(*message);
+    writeStreamHead(out, Stream::writes, size);
+    std::uint8_t* at = out.extend(size);
+    at = put(put(put(put(at, static_cast<std::uint32_t>(count)), clientGroup), transaction), masterError);
+    for (std::size_t i = 0; i < count; ++i) {
+        at = put(put(at, clientHandles[i]), errors[i]);
+    }
     return message;
 }
 

@@ -24,7 +24,7 @@ class CallbackMessages final : public IValueWriter {
     CallbackMessages(const CallbackMessages&) = delete;
     CallbackMessages& operator=(const CallbackMessages&) = delete;
 
-    void begin() override;
+    void begin(ValueForm form) override;
     void add(const OpcValue& value) override;
     std::size_t size() const override { return values_.size(); }
 
@@ -35,6 +35,11 @@ class CallbackMessages final : public IValueWriter {
                           std::span<const std::uint32_t> clientHandles, std::span<const HResult> errors);
     Message cancelComplete(std::uint32_t transaction, std::uint32_t clientGroup);
     Message shutdownRequest(std::string_view reason);
+    // IAdviseSink's OnDataChange: the same items, their values written in memory's form, with their time stamps or
+    // without; and what became of writes.
+    Message dataStream(const CallbackItems& items, Stream stream);
+    Message writeStream(std::uint32_t transaction, std::uint32_t clientGroup, HResult masterError,
+                        std::span<const std::uint32_t> clientHandles, std::span<const HResult> errors);
 
     // One that was answered, to be used again unless somebody else still has it.
     void giveBack(Message message);
@@ -46,6 +51,8 @@ class CallbackMessages final : public IValueWriter {
     Message take(std::size_t size);
 
     std::vector<std::uint8_t> values_;
+    ValueForm form_ = ValueForm::marshalled;
+    std::vector<std::uint32_t> places_;  // of the values, where each has to be told
     // Made anew for each callback, as it counts the pointers that it writes.
     std::optional<dcom::ndr::Writer> out_;
     Message spare_;

@@ -10,18 +10,6 @@ using dcom::ndr::Reader;
 using dcom::ndr::Writer;
 using dcom::orpc::CallContext;
 
-namespace {
-
-// Whoever gets a copy of the client's object from here takes references of its own from the client.
-std::vector<std::uint8_t> withoutReferences(std::span<const std::uint8_t> reference) {
-    constexpr std::size_t publicReferences = 28;  // behind signature, kind, interface and flags
-    std::vector<std::uint8_t> copy(reference.begin(), reference.end());
-    std::fill_n(copy.begin() + publicReferences, sizeof(std::uint32_t), std::uint8_t{0});
-    return copy;
-}
-
-}  // namespace
-
 Fault ConnectionPointObject::getInterface(Reader& /*in*/, Writer& out, CallContext& /*context*/) {
     out.uuid(owner_.outgoingInterface());
     out.hresult(S_OK);
@@ -53,28 +41,14 @@ HResult ConnectionPointObject::connect(std::span<const std::uint8_t> reference, 
     if (owner_.isGone()) {
         return E_FAIL;
     }
-    auto object = dcom::orpc::parseRemoteReference(reference);
-    if (!object) {
-        return CONNECT_E_CANNOTCONNECT;
-    }
-    Hold memory = owner_.memory();
-    if (!memory.resize(SinkConnection::footprint + reference.size())) {
-        return E_OUTOFMEMORY;
-    }
-    auto connection = std::make_unique<SinkConnection>(owner_.outgoing(), owner_.connections(), std::move(memory),
-                                                       withoutReferences(reference));
-    const bool reached = connection->reach(
-        {.reference = std::move(*object),
-         .iid = owner_.outgoingInterface(),
-         .client = "OPC client " + context.peer().remoteAddress + " (account '" + context.account() + "')",
-         .account = context.account(),
-         .host = std::string(context.peer().host()),
-         .givenUp = {}});
-    if (!reached) {
-        return CONNECT_E_ADVISELIMIT;
+    HResult result = S_OK;
+    auto connection = connectSink(owner_.outgoing(), owner_.connections(), owner_.memory(), reference,
+                                  owner_.outgoingInterface(), context, result);
+    if (connection == nullptr) {
+        return result;
     }
     SinkConnection& made = *connection;
-    const HResult result = owner_.advise(std::move(connection), cookie);
+    result = owner_.advise(std::move(connection), cookie);
     if (!failed(result)) {
         made.setCookie(cookie);
     }

@@ -8,7 +8,9 @@
 #include "dcom/orpc/ComObject.h"
 #include "opcda/Group.h"
 #include "opcda/wire/AsyncIo3Interface.h"
+#include "opcda/wire/AsyncIoInterface.h"
 #include "opcda/wire/ConnectionPointContainerInterface.h"
+#include "opcda/wire/DataObjectInterface.h"
 #include "opcda/wire/GroupStateMgtInterface.h"
 #include "opcda/wire/ItemDeadbandMgtInterface.h"
 #include "opcda/wire/ItemMgtInterface.h"
@@ -22,9 +24,10 @@ class OpcServerObject;
 class OpcGroupObject final : public dcom::orpc::ComObject, public Connectable {
  public:
     // What clients may ask it for.
-    using Interfaces = OfferedInterfaces<SyncIoInterface, ItemMgtInterface, GroupStateMgtInterface, AsyncIo2Interface,
-                                         ConnectionPointContainerInterface, GroupStateMgt2Interface, SyncIo2Interface,
-                                         AsyncIo3Interface, ItemDeadbandMgtInterface>;
+    using Interfaces =
+        OfferedInterfaces<SyncIoInterface, ItemMgtInterface, GroupStateMgtInterface, AsyncIo2Interface,
+                          ConnectionPointContainerInterface, GroupStateMgt2Interface, SyncIo2Interface,
+                          AsyncIo3Interface, ItemDeadbandMgtInterface, AsyncIoInterface, DataObjectInterface>;
 
     // connections: of the group, whichever objects it has had.
     OpcGroupObject(std::weak_ptr<OpcServerObject> owner, std::shared_ptr<Group> group, OutgoingCalls& outgoing,

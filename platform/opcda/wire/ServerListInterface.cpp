@@ -21,6 +21,7 @@ constexpr std::size_t uuidSize = 16;
 constexpr Uuid ourClass = Uuid::parse(identity::classId);
 // What the one server offers.
 constexpr std::array categories{
+    "63D5F430-CFE4-11D1-B2C8-0060083BA1FB"_uuid,  // data access 1.0
     "63D5F432-CFE4-11D1-B2C8-0060083BA1FB"_uuid,  // data access 2.0
     "CC603642-66D7-48F1-B69A-B625E73652D7"_uuid,  // data access 3.0
 };

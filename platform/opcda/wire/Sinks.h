@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <span>
 #include <string_view>
 #include <vector>
 
@@ -27,12 +28,16 @@ using namespace literals;
 inline constexpr Uuid iidOpcDataCallback = "39C13A70-011E-11D0-9675-0020AFD8ADB3"_uuid;
 inline constexpr Uuid iidOpcShutdown = "F31DFDE1-07B6-11D2-B2D8-0060083BA1FB"_uuid;
 
+inline constexpr Uuid iidAdviseSink = "0000010F-0000-0000-C000-000000000046"_uuid;
+
 enum class DataCallback : std::uint16_t {
     OnDataChange = dcom::orpc::firstOpnum,
     OnReadComplete,
     OnWriteComplete,
     OnCancelComplete,
 };
+
+enum class AdviseSink : std::uint16_t { OnDataChange = dcom::orpc::firstOpnum };
 
 enum class Shutdown : std::uint16_t { ShutdownRequest = dcom::orpc::firstOpnum };
 
@@ -91,6 +96,13 @@ class SinkConnection {
     std::unique_ptr<dcom::orpc::IRemoteObject> object_;  // its end comes first
 };
 
+// Takes a client's object, to be called by that interface; nothing is sent from within this. memory: a part of the
+// client's budget, still empty. nullptr, and the result: CONNECT_E_CANNOTCONNECT for what is no reference that can be
+// called, E_OUTOFMEMORY, CONNECT_E_ADVISELIMIT.
+std::unique_ptr<SinkConnection> connectSink(OutgoingCalls& outgoing, std::shared_ptr<ConnectionBook> book, Hold memory,
+                                            std::span<const std::uint8_t> reference, const Uuid& iid,
+                                            const dcom::orpc::CallContext& context, HResult& result);
+
 // IOPCDataCallback. The group that holds it outlives it.
 class DataSink final : public IDataSink {
  public:
@@ -106,6 +118,25 @@ class DataSink final : public IDataSink {
  private:
     void send(DataCallback method, Message message);
 
+    std::unique_ptr<SinkConnection> connection_;
+};
+
+// IAdviseSink for one stream. The group that holds it outlives it.
+class StreamSink final : public IDataSink {
+ public:
+    StreamSink(Group& group, Stream stream, std::unique_ptr<SinkConnection> connection);
+
+    std::size_t unanswered() const override { return connection_->unanswered(); }
+    void onDataChange(const CallbackItems& items) override;
+    void onReadComplete(const CallbackItems& items) override { onDataChange(items); }
+    void onWriteComplete(std::uint32_t transaction, std::uint32_t clientGroup, HResult masterError,
+                         std::span<const std::uint32_t> clientHandles, std::span<const HResult> errors) override;
+    void onCancelComplete(std::uint32_t /*transaction*/, std::uint32_t /*clientGroup*/) override {}
+
+ private:
+    void send(Message message);
+
+    Stream stream_;
     std::unique_ptr<SinkConnection> connection_;
 };
 

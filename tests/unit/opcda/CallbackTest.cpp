@@ -1,228 +1,49 @@
-// What clients are told without asking, as whole sequences of lines: who (with several sinks), what, transaction,
-// group, "q" or "e" where the master quality or error is not S_OK, and each item as client handle=value/quality or
-// !error.
+// What clients are told without asking, as whole sequences of lines.
 
-#include <iterator>
-#include <map>
-#include <memory>
-#include <sstream>
-
-#include "opcda/Fixture.h"
+#include "opcda/CallbackFixture.h"
 
 namespace quelm::opcda {
 namespace {
 
-struct Sinks {
-    std::vector<std::string> log;
-    const WrittenValues* values = nullptr;
-    bool answerAtOnce = true;
-    std::size_t alive = 0;
-    std::function<void()> during;  // the next call, once
-};
-
-using Handles = std::vector<std::uint32_t>;
-
-class FakeSink final : public IDataSink {
- public:
-    FakeSink(Sinks& sinks, std::string name) : sinks_(sinks), name_(std::move(name)) { ++sinks_.alive; }
-    FakeSink(const FakeSink&) = delete;
-    FakeSink& operator=(const FakeSink&) = delete;
-    ~FakeSink() override { --sinks_.alive; }
-
-    std::size_t unanswered() const override { return unanswered_; }
-    void onDataChange(const CallbackItems& items) override { add("change", items); }
-    void onReadComplete(const CallbackItems& items) override { add("read", items); }
-    void onWriteComplete(std::uint32_t transaction, std::uint32_t clientGroup, HResult masterError,
-                         std::span<const std::uint32_t> clientHandles, std::span<const HResult> errors) override {
-        std::string line = head("written", transaction, clientGroup, S_OK, masterError);
-        for (std::size_t i = 0; i < clientHandles.size(); ++i) {
-            line += fmt::format(" {}!{:X}", clientHandles[i], static_cast<std::uint32_t>(errors[i]));
-        }
-        add(line);
-    }
-    void onCancelComplete(std::uint32_t transaction, std::uint32_t clientGroup) override {
-        add(head("cancelled", transaction, clientGroup, S_OK, S_OK));
-    }
-    void answer() { unanswered_ = 0; }
-
- private:
-    std::string head(std::string_view what, std::uint32_t transaction, std::uint32_t clientGroup, HResult quality,
-                     HResult error) const {
-        return fmt::format("{}{} {} {}{}{}:", name_, what, transaction, clientGroup, quality == S_OK ? "" : "q",
-                           error == S_OK ? "" : "e");
-    }
-    void add(std::string_view what, const CallbackItems& items) {
-        std::string line = head(what, items.transaction, items.clientGroup, items.masterQuality, items.masterError);
-        for (std::size_t i = 0; i < items.clientHandles.size(); ++i) {
-            const auto error = static_cast<std::uint32_t>(items.errors[i]);
-            line += fmt::format(" {}={}/{:X}{}", items.clientHandles[i], sinks_.values->texts[i], items.qualities[i],
-                                error == 0 ? "" : fmt::format("!{:X}", error));
-        }
-        add(line);
-    }
-    void add(const std::string& line) {
-        sinks_.log.push_back(line);
-        unanswered_ += sinks_.answerAtOnce ? 0 : 1;
-        if (const auto during = std::exchange(sinks_.during, nullptr)) {
-            during();
-        }
-    }
-
-    Sinks& sinks_;
-    std::string name_;
-    std::size_t unanswered_ = 0;
-};
-
-using Words = std::vector<std::string>;
-
-// Commands with ";" between them; what the last one that fails gives, and what is sent until nothing is left to do.
-struct Step {
-    const char* commands;
-    std::string expected;
-};
-
-class CallbackTest : public OpcDaTest {
- protected:
-    CallbackTest() {
-        sinks.values = &callbackValues;
-        OpcDaTest::add("Setpoint", Variant(1.0), 2);
-        control.setHooks({[] {}, {}, {}, {}, {}});
-        control.StartServer();
-    }
-
-    void follow(std::initializer_list<Step> steps) {
-        for (const Step& step : steps) {
-            EXPECT_EQ(run(step.commands), step.expected) << step.commands;
-        }
-    }
-    std::string run(const std::string& commands) {
-        std::string told;
-        std::istringstream all(commands);
-        for (std::string command; std::getline(all, command, ';');) {
-            std::istringstream parts(command);
-            const Words words{std::istream_iterator<std::string>(parts), {}};
-            const std::size_t sent = sinks.log.size();
-            if (const HResult result = verbs.at(words[0])(words); result != S_OK) {
-                told = fmt::format("{:X}", static_cast<std::uint32_t>(result));
-            }
-            EXPECT_TRUE(sinks.log.size() == sent || words[0] == "wait") << "sent from within " << command;
-        }
-        settle();
-        for (const std::string& line : std::exchange(sinks.log, {})) {
-            told += (told.empty() ? "" : " | ") + line;
-        }
-        return told;
-    }
-    void settle() {
-        do {
-            plant.drain();
-            loop.advance(0);
-        } while (plant.pendingPosts() + loop.pendingPosts() > 0);
-    }
-
-    static std::uint32_t number(const Words& words, std::size_t at) {
-        return static_cast<std::uint32_t>(std::stoul(words.at(at)));
-    }
-    static bool isOn(const Words& words, std::size_t at) { return words.at(at) == "on"; }
-    // Of the items by their places; "x" is nobody's.
-    Handles handlesOf(const Words& words, std::size_t from) {
-        Handles asked;
-        for (; from < words.size(); ++from) {
-            asked.push_back(words[from] == "x" ? 99 : handles.at(number(words, from)));
-        }
-        return asked;
-    }
-    HResult change(const std::function<void(GroupChange&)>& how) {
-        GroupChange wanted;
-        how(wanted);
-        return group->setState(wanted);
-    }
-    HResult set(const Words& words) {
-        const std::string& text = words.at(2);
-        const Variant value = words[1] == "0"                    ? Variant(std::stof(text))
-                              : words[1] == "1" && text != "n/a" ? Variant(static_cast<std::int32_t>(std::stol(text)))
-                                                                 : Variant(text);
-        const char* const names[] = {"Plant.Stack1.NOx", "Plant.Stack1.Count", "Plant.Stack1.State"};
-        control.SLIKTags()
-            .Item(names[number(words, 1)])
-            .SetVQT(value, static_cast<std::int16_t>(words.size() > 3 ? std::stoi(words[3], nullptr, 16) : 0xC0),
-                    localNow());
-        return S_OK;
-    }
-    HResult advise(const Words& words) {
-        const std::string name = words.size() > 1 ? words[1] + " " : "";
-        auto made = std::make_unique<FakeSink>(sinks, name);
-        FakeSink* const sink = made.get();
-        std::uint32_t cookie = 0;
-        const HResult result = group->advise(std::move(made), cookie);
-        advised[name] = {sink, cookie};
-        return result;
-    }
-    HResult unadvise(const Words& words) {
-        return group->unadvise(advised.at(words.size() > 1 ? words[1] + " " : "").second);
-    }
-    HResult answer(const Words& words) {
-        advised.at(words.size() > 1 ? words[1] + " " : "").first->answer();
-        group->sinkAnswered();
-        return S_OK;
-    }
-    HResult wait(const Words& words) {
-        for (std::uint32_t i = 0; i < number(words, 1); ++i) {
-            settle();
-            clock.advanceMilliseconds(1);
-            loop.advance(1);
-        }
-        return S_OK;
-    }
-
-    const std::map<std::string, std::function<HResult(const Words&)>> verbs{
-        {"set", [&](const Words& w) { return set(w); }},
-        {"advise", [&](const Words& w) { return advise(w); }},
-        {"unadvise", [&](const Words& w) { return unadvise(w); }},
-        {"answer", [&](const Words& w) { return answer(w); }},
-        {"wait", [&](const Words& w) { return wait(w); }},
-        {"slow", [&](const Words&) { return sinks.answerAtOnce = false, S_OK; }},
-        {"midnight", [&](const Words&) { return clock.setLocal(makeDate(2026, 3, 5)), S_OK; }},
-        {"group", [&](const Words& w) { return change([&](GroupChange& to) { to.active = isOn(w, 1); }); }},
-        {"rate", [&](const Words& w) { return change([&](GroupChange& to) { to.updateRate = number(w, 1); }); }},
-        {"handle", [&](const Words& w) { return change([&](GroupChange& to) { to.clientHandle = number(w, 1); }); }},
-        {"alive", [&](const Words& w) { return group->setKeepAlive(number(w, 1)); }},
-        {"enable", [&](const Words& w) { return group->setEnabled(isOn(w, 1)); }},
-        {"item", [&](const Words& w) { return group->setActiveState(handlesOf(w, 2), isOn(w, 1), errors); }},
-        {"remove", [&](const Words& w) { return group->removeItems(handlesOf(w, 1), errors); }},
-        {"add", [&](const Words& w) { return handles.push_back(addItems(*group, {w.at(1)}).at(0)), S_OK; }},
-        {"type",
-         [&](const Words& w) {
-             return group->setDatatypes(handlesOf({w[1]}, 0), std::vector{static_cast<VarType>(number(w, 2))}, errors);
-         }},
-        {"client",
-         [&](const Words& w) { return group->setClientHandles(handlesOf({w[1]}, 0), Handles{number(w, 2)}, errors); }},
-        {"read", [&](const Words& w) { return group->asyncRead(handlesOf(w, 2), number(w, 1), cancelId, errors); }},
-        {"write", [&](const Words& w) { return group->asyncWrite(handlesOf(w, 2), number(w, 1), cancelId, errors); }},
-        {"cached", [&](const Words& w) { return group->refresh(1, number(w, 1), cancelId); }},
-        {"device", [&](const Words& w) { return group->refresh(2, number(w, 1), cancelId); }},
-        // The first of the items with a maximum age.
-        {"aged",
-         [&](const Words& w) {
-             Handles ages(w.size() - 3, anyAge);
-             ages[0] = number(w, 2);
-             return group->asyncRead(handlesOf(w, 3), number(w, 1), cancelId, errors, MaxAges(ages));
-         }},
-        {"young", [&](const Words& w) { return group->refreshMaxAge(number(w, 2), number(w, 1), cancelId); }},
-        {"cancel", [&](const Words&) { return group->cancel(cancelId); }},
-        {"posts", [&](const Words&) { return loop.drain(), S_OK; }},
-    };
-
-    Sinks sinks;
-    Server server{application};
-    std::shared_ptr<Group> group = makeGroup(server);
-    Handles handles = addItems(*group, {"Plant.Stack1.NOx", "Plant.Stack1.Count", "Plant.Stack1.State"});
-    std::map<std::string, std::pair<FakeSink*, std::uint32_t>> advised;
-    std::vector<HResult> errors;
-    std::uint32_t cancelId = 0;
-};
-
 const std::string all = "change 0 7: 100=12.5/C0 101=70000/C0 102='Running'/C0";
+
+// As clients of data access 1.0 do it, beside a sink of the usual kind.
+TEST_F(CallbackTest, AStreamIsToldOfValuesAndOfItsOwnTransactionsAlone) {
+    const std::size_t before = server.budget()->memory.used();
+    follow({{"stream v 1", "v " + all},
+            {"stream u 1", "80040201"},
+            {"stream w 2", ""},
+            {"sread v 1 0 x", "1 | v read 1 7: 100=12.5/C0"},
+            {"alive 100; wait 500; alive 0", ""},
+            {"advise", all},
+            {"set 0 13; wait 1000", "v change 0 7: 100=13/C0 | change 0 7: 100=13/C0"},
+            {"enable off; set 0 14; wait 1000", "v change 0 7: 100=14/C0"},
+            {"enable on", "change 0 7: 100=14/C0"},
+            {"read 9 0", "read 9 7: 100=14/C0"},
+            {"set 0 15", ""},
+            {"srefresh v 1", "v change 3 7: 100=15/C0 101=70000/C0 102='Running'/C0"},
+            {"wait 1000", "change 0 7: 100=15/C0"},
+            {"srefresh v 2", "v change 4 7: 100=15/C0 101=70000/C0 102='Running'/C0"},
+            {"swrite w 0 1", "w written 5 7e: 100!80004005 101!80004005"},
+            {"sread w 1 0", "80040200"},
+            {"swrite v 0", "80040200"},
+            {"srefresh x 1", "80040200"},
+            {"sread v 3 0", "80070057"},
+            {"sread v 1 0; scancel", ""},
+            {"scancel", "80004005"},
+            {"sread v 2 0; cancel", "80004005 | v read 7 7: 100=15/C0"},
+            {"read 8 0; scancel", "80004005 | read 8 7: 100=15/C0"},
+            {"cached 10; unadvise", ""},
+            {"sread v 1 0; unstream v", ""},
+            {"unstream v", "80040200"},
+            {"stream v 0; group off; srefresh v 1", "80004005"},
+            {"unstream v; unstream w; group on", ""}});
+    EXPECT_EQ(server.budget()->memory.used(), before);
+    EXPECT_EQ(sinks.alive, 0U);
+    EXPECT_EQ(events.log,
+              (Words{"read 1 Plant.Stack1.NOx", "read 3 Plant.Stack1.NOx Plant.Stack1.Count Plant.Stack1.State",
+                     "write 2", "read 1 Plant.Stack1.NOx", "read 1 Plant.Stack1.NOx"}));
+}
 
 TEST_F(CallbackTest, AfterAllItemsOnlyWhatDiffersIsSent) {
     follow({{"add Plant.Stack1.NOx; advise", all + " 100=12.5/C0"},

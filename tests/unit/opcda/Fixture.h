@@ -92,7 +92,7 @@ class Recorder {
 // The values of a callback as texts.
 class WrittenValues final : public IValueWriter {
  public:
-    void begin() override { texts.clear(); }
+    void begin(ValueForm /*form*/) override { texts.clear(); }
     void add(const OpcValue& value) override { texts.push_back(textOf(value)); }
     std::size_t size() const override { return texts.size() * 30; }
 

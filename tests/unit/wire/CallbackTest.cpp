@@ -10,15 +10,6 @@ class Callbacks : public OpcWire {
  protected:
     Callbacks() : handle_(addGroup("g")) {}
 
-    // A client's object as the client hands it over, or, with no references, as it is handed on.
-    static Bytes reference(char references) {
-        return fromHex(std::string("4D454F57 01000000 00000000 0000 0000 C000 000000000046 00000000 0") + references +
-                       "000000 0102030405060708 1112131415161718 21222324252627282922B2C2D2E2F303"
-                       "0F00 0B00 0700 3100 3000 2E00 3000 2E00 3000 2E00 3200 0000 0000 0A00 FFFF 0000 0000");
-    }
-    static Parameters pointer(std::span<const std::uint8_t> object) {
-        return Parameters().u32(1).u32(object.size()).u32(object.size()).add(object);
-    }
     Reply call(dcom::orpc::ComObject& object, ConnectionPoint method, std::span<const std::uint8_t> stub) {
         return OpcWire::call(object, {iidConnectionPoint, method}, stub);
     }
@@ -137,7 +128,7 @@ TEST_F(Callbacks, AreMessagesToTheClientsObject) {
     CallbackItems items{7, 9, S_FALSE, S_OK, {100, 101, 102}, {quality::good, 0x40, 0}, {}, {S_OK, S_OK, E_FAIL}};
     items.fileTimes.assign(3, timeSource().fileTimeNow());
     OpcValue value;
-    messages_.begin();
+    messages_.begin(ValueForm::marshalled);
     for (const Variant& each : {Variant(12.5F), Variant("A"), Variant()}) {
         EXPECT_EQ(convert(each, VT_EMPTY, value), S_OK);
         messages_.add(value);
@@ -157,7 +148,7 @@ TEST_F(Callbacks, AreMessagesToTheClientsObject) {
 
     // Nothing changed, but the client wants to hear of it: no array is missing.
     const std::size_t before = budget->memory.used();
-    messages_.begin();
+    messages_.begin(ValueForm::marshalled);
     sink.onDataChange({0, 9, S_OK, S_OK, {}, {}, {}, {}});
     EXPECT_HEX(calls.back().parameters,
                "00000000 09000000 00000000 00000000 00000000 00000000 00000000 00000000 00000000 00000000");
@@ -165,7 +156,7 @@ TEST_F(Callbacks, AreMessagesToTheClientsObject) {
     // A text of odd length as the last value, with what the next column needs behind it and no more.
     const Variant odd("A");
     EXPECT_EQ(convert(odd, VT_EMPTY, value), S_OK);
-    messages_.begin();
+    messages_.begin(ValueForm::marshalled);
     messages_.add(value);
     sink.onReadComplete({8, 9, S_OK, S_OK, {100}, {quality::good}, {0}, {S_OK}});
     EXPECT_EQ(calls.back().opnum, 4);

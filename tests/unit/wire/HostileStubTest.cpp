@@ -87,6 +87,23 @@ class HostileStub : public OpcWire {
             {AsyncIo3::ReadMaxAge, all().counted(handles_).array(handles_).u32(7)},
             {AsyncIo3::WriteVqt, all().counted(handles_).u32(2).u32(1).add(Bytes(52)).align(8).hex(number).u32(7)},
             {AsyncIo3::RefreshMaxAge, all().u32(0).u32(7)},
+            {AsyncIo::Read, all().u32(1).u16(1).counted(handles_)},
+            {AsyncIo::Write, all().u32(1).counted(handles_).u32(2).u32(1).u32(2).align(8).hex(number).hex(text)},
+            {AsyncIo::Refresh, all().u32(1).u16(1)},
+            {AsyncIo::Cancel, all().u32(1)},
+            {DataObject::DAdvise, all()
+                                      .u32(1)
+                                      .u32(1)
+                                      .hex("01000000 FFFFFFFF 01000000 57647452 01000000")
+                                      .text("OPCSTMFORMATDATA")
+                                      .align(4)
+                                      .hex("02000000 0E000000 0000 0000 0000 0000 0000")
+                                      .u32(2)
+                                      .u32(1)
+                                      .u32(8)
+                                      .u32(8)
+                                      .hex("4D454F57 01000000")},
+            {DataObject::DUnadvise, all().u32(1)},
             {ItemDeadbandMgt::SetItemDeadband, all().counted(handles_).array(handles_)},
             {ItemDeadbandMgt::GetItemDeadband, all().counted(handles_)},
             {ItemDeadbandMgt::ClearItemDeadband, all().counted(handles_)},
@@ -182,9 +199,11 @@ TEST_F(HostileStub, ARemovedGroupAnswersEverythingWithFailure) {
             const bool hasTwo = each.is(SyncIo::Read) || each.is(ItemMgt::AddItems) ||
                                 each.is(ItemMgt::ValidateItems) || each.is(AsyncIo2::Read) ||
                                 each.is(AsyncIo2::Write) || each.is(AsyncIo3::ReadMaxAge) ||
-                                each.is(AsyncIo3::WriteVqt) || each.is(ItemDeadbandMgt::GetItemDeadband);
-            const bool hasNone =
-                each.is(GroupStateMgt::SetName) || each.is(AsyncIo2::Cancel2) || each.is(AsyncIo2::SetEnable);
+                                each.is(AsyncIo3::WriteVqt) || each.is(ItemDeadbandMgt::GetItemDeadband) ||
+                                each.is(AsyncIo::Read) || each.is(AsyncIo::Write);
+            const bool hasNone = each.is(GroupStateMgt::SetName) || each.is(AsyncIo2::Cancel2) ||
+                                 each.is(AsyncIo2::SetEnable) || each.is(AsyncIo::Cancel) ||
+                                 each.is(DataObject::DUnadvise);
             // Null pointers for what would be given.
             const Bytes nothing(each.is(SyncIo2::ReadMaxAge) ? 16 : hasTwo ? 8 : hasNone ? 0 : 4);
             EXPECT_HEX(send(each, each.stub).bytes, Parameters().add(nothing).hresult(E_FAIL));

@@ -166,6 +166,16 @@ class OpcWire : public ::testing::Test {
         return handles;
     }
 
+    // A client's object as the client hands it over, or, with no references, as it is handed on.
+    static Bytes reference(char references) {
+        return fromHex(std::string("4D454F57 01000000 00000000 0000 0000 C000 000000000046 00000000 0") + references +
+                       "000000 0102030405060708 1112131415161718 21222324252627282922B2C2D2E2F303"
+                       "0F00 0B00 0700 3100 3000 2E00 3000 2E00 3000 2E00 3200 0000 0000 0A00 FFFF 0000 0000");
+    }
+    static Parameters pointer(std::span<const std::uint8_t> object) {
+        return Parameters().u32(1).u32(object.size()).u32(object.size()).add(object);
+    }
+
     // OPCITEMDEFs as a library that always sends an (empty) access path writes them.
     static Parameters definitions(const std::vector<std::string>& ids) {
         Parameters all;

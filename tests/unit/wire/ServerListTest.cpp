@@ -28,11 +28,9 @@ TEST_F(OpcWire, TheListNamesTheServerAndIsNoClientOfIt) {
     for (const auto& [iid, enumerator] :
          {std::pair{iidOpcServerList, iidEnumGuid}, {iidOpcServerList2, iidOpcEnumGuid}}) {
         const bool younger = iid == iidOpcServerList2;
-        const std::pair<std::vector<Uuid>, bool> kinds[] = {{{categoryDa2}, true},
-                                                            {{categoryDa3}, true},
-                                                            {{categoryDa1, categoryDa3}, true},
-                                                            {{}, true},
-                                                            {{categoryDa1}, false}};
+        const std::pair<std::vector<Uuid>, bool> kinds[] = {
+            {{categoryDa2}, true}, {{categoryDa3}, true},  {{categoryDa1, categoryDa3}, true}, {{}, true},
+            {{categoryDa1}, true}, {{iidOpcServer}, false}};
         for (const auto& [kind, found] : kinds) {
             // What is required of clients: nothing, said in either way.
             const Parameters asked = Parameters().u32(kind.size()).array(kind).u32(0);

@@ -1,0 +1,85 @@
+#include "opcda/wire/DataObjectInterface.h"
+
+#include "opcda/Group.h"
+#include "opcda/wire/OpcGroupObject.h"
+#include "opcda/wire/Parameters.h"
+#include "opcda/wire/StreamFormats.h"
+
+namespace quelm::opcda::wire {
+
+using dcom::Fault;
+using dcom::ndr::Reader;
+using dcom::ndr::Writer;
+using dcom::orpc::CallContext;
+
+Fault DataObjectInterface::refuse(Reader& /*in*/, Writer& out, CallContext& /*context*/) {
+    out.hresult(E_NOTIMPL);
+    return Fault::None;
+}
+
+Fault DataObjectInterface::refuseObject(Reader& /*in*/, Writer& out, CallContext& /*context*/) {
+    return writeNoInterface(out, E_NOTIMPL);
+}
+
+Fault DataObjectInterface::refuseFormat(Reader& in, Writer& out, CallContext& context) {
+    writeNoFormat(out);
+    return refuse(in, out, context);
+}
+
+Fault DataObjectInterface::refuseMedium(Reader& in, Writer& out, CallContext& context) {
+    writeNoMedium(out);
+    return refuse(in, out, context);
+}
+
+// The flags with which a client may ask for less than all values from now on are passed over.
+Fault DataObjectInterface::advise(Reader& in, Writer& out, CallContext& context) {
+    const AskedFormat format = readFormat(in);
+    in.u32();  // flags
+    const bool given = in.pointer();
+    const auto reference = given ? dcom::orpc::readInterfacePointer(in) : std::span<const std::uint8_t>{};
+    if (!in.good()) {
+        return Fault::BadStubData;
+    }
+    std::uint32_t connection = 0;
+    HResult result = E_INVALIDARG;
+    if (object_.isGone()) {
+        result = E_FAIL;
+    } else if (given) {
+        result = !format.stream     ? DV_E_FORMATETC
+                 : !format.inMemory ? DV_E_TYMED
+                                    : connect(*format.stream, reference, context, connection);
+    }
+    out.u32(connection);
+    out.hresult(result);
+    return Fault::None;
+}
+
+HResult DataObjectInterface::connect(Stream stream, std::span<const std::uint8_t> reference, const CallContext& context,
+                                     std::uint32_t& connection) {
+    HResult result = S_OK;
+    // Nobody can ask for a list of these connections.
+    auto made = connectSink(object_.outgoing(), std::make_shared<ConnectionBook>(), object_.memory(), reference,
+                            iidAdviseSink, context, result);
+    if (made == nullptr) {
+        return result;
+    }
+    Group& group = object_.group();
+    SinkConnection& its = *made;
+    result = group.adviseStream(std::make_unique<StreamSink>(group, stream, std::move(made)), stream, connection);
+    if (!failed(result)) {
+        its.setCookie(connection);
+    }
+    return result;
+}
+
+Fault DataObjectInterface::unadvise(Reader& in, Writer& out, CallContext& /*context*/) {
+    const std::uint32_t connection = in.u32();
+    if (!in.good()) {
+        return Fault::BadStubData;
+    }
+    const HResult result = object_.group().unadviseStream(connection);
+    out.hresult(result == CONNECT_E_NOCONNECTION ? OLE_E_NOCONNECTION : result);
+    return Fault::None;
+}
+
+}  // namespace quelm::opcda::wire
