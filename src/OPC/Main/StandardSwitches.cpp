@@ -1,8 +1,6 @@
 #include "OPC/Main/StandardSwitches.h"
 
 #include <fmt/format.h>
-#include <termios.h>
-#include <unistd.h>
 
 #include <cstdio>
 #include <string>
@@ -10,6 +8,7 @@
 
 #include "OPC/OPC DA Server/frmOPCQuelm.h"
 #include "base/IniFile.h"
+#include "base/PasswordPrompt.h"
 #include "dcom/ntlm/Crypto.h"
 #include "slikda/Identity.h"
 
@@ -53,60 +52,9 @@ void printVersion() {
                     identity::applicationId));
 }
 
-// While it lives, what is typed does not show.
-class EchoOff {
- public:
-    EchoOff() : isTerminal_(tcgetattr(STDIN_FILENO, &before_) == 0) {
-        if (isTerminal_) {
-            termios quiet = before_;
-            quiet.c_lflag &= ~static_cast<tcflag_t>(ECHO);
-            tcsetattr(STDIN_FILENO, TCSAFLUSH, &quiet);
-        }
-    }
-    ~EchoOff() {
-        if (isTerminal_) {
-            tcsetattr(STDIN_FILENO, TCSAFLUSH, &before_);
-        }
-    }
-    EchoOff(const EchoOff&) = delete;
-    EchoOff& operator=(const EchoOff&) = delete;
-
- private:
-    termios before_{};
-    bool isTerminal_;
-};
-
-constexpr std::size_t longestPassword = 1024;
-
-// A line of standard input; of a longer one than a password may be, one byte more than that.
-std::string readPassword() {
-    std::string password;
-    for (int c = std::getchar(); c != EOF && c != '\n' && password.size() <= longestPassword; c = std::getchar()) {
-        password += static_cast<char>(c);
-    }
-    return password;
-}
-
-// At a terminal asked for twice, as nobody sees what is typed; "" when the two differ.
-std::string askForPassword() {
-    const EchoOff quiet;
-    std::fputs("Password: ", stderr);
-    std::string password = readPassword();
-    std::fputs("\nOnce more: ", stderr);
-    std::string again = readPassword();
-    std::fputs("\n", stderr);
-    if (password != again) {
-        std::fputs("The two are not the same\n", stderr);
-        dcom::ntlm::wipe(password);
-        password.clear();
-    }
-    dcom::ntlm::wipe(again);
-    return password;
-}
-
 // The password comes from standard input, as a command line would show it to everybody.
 int printNtHash() {
-    std::string password = isatty(STDIN_FILENO) == 1 ? askForPassword() : readPassword();
+    std::string password = readNewPassword();
     if (password.empty() || password.size() > longestPassword) {
         std::fputs("Give the password, 1 to 1024 bytes, as a line on standard input\n", stderr);
         return 1;

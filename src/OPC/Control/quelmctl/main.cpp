@@ -1,0 +1,183 @@
+// quelmctl: for whoever sets the server up and looks after it.
+//
+// Exit codes: 0 done, and nothing wrong was found; 1 something is wrong; 2 the command line cannot be understood.
+
+#include <fmt/format.h>
+#include <string.h>
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <cstdio>
+#include <nlohmann/json.hpp>
+#include <string>
+
+#include "DB Interface Library/SystemINI.h"
+#include "OPC/Control/AccountFile.h"
+#include "OPC/Control/Check.h"
+#include "base/PasswordPrompt.h"
+#include "base/Utf.h"
+#include "dcom/DcomSettings.h"
+
+namespace quelm::control {
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+constexpr int done = 0;
+constexpr int wrong = 1;
+constexpr int misunderstood = 2;
+
+struct Options {
+    std::string ini = systemIniPath();
+    std::string conf = dcom::dcomSettingsPath();
+    std::string account;
+    bool json = false;
+};
+
+// Control characters out of files and databases never reach a terminal.
+void print(std::FILE* to, std::string_view line) {
+    std::string text(line);
+    std::replace_if(
+        text.begin(), text.end(), [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7F; }, ' ');
+    text += '\n';
+    std::fwrite(text.data(), 1, text.size(), to);
+}
+
+void printJson(const Json& json) {
+    const std::string text = json.dump(-1, ' ', false, Json::error_handler_t::replace) + '\n';
+    std::fwrite(text.data(), 1, text.size(), stdout);
+}
+
+void printFindings(std::string_view kind, const std::vector<Finding>& findings) {
+    for (const Finding& finding : findings) {
+        print(stdout, fmt::format("{:8} {:10} {}", kind, finding.area, finding.text));
+    }
+}
+
+Json jsonOf(const std::vector<Finding>& findings) {
+    Json list = Json::array();
+    for (const Finding& finding : findings) {
+        list.push_back({{"area", finding.area}, {"text", finding.text}});
+    }
+    return list;
+}
+
+int runCheck(const Options& options) {
+    const CheckResult result = check(options.ini, options.conf);
+    if (options.json) {
+        Json sites = Json::array();
+        for (const CheckedSite& site : result.sites) {
+            sites.push_back({{"site", site.siteID},
+                             {"reached", site.isReached},
+                             {"definitions", site.definitions},
+                             {"items", site.items},
+                             {"channelRecords", site.fromChannels}});
+        }
+        printJson(
+            {{"problems", jsonOf(result.problems)}, {"notes", jsonOf(result.notes)}, {"sites", std::move(sites)}});
+        return result.problems.empty() ? done : wrong;
+    }
+    for (const CheckedSite& site : result.sites) {
+        print(stdout, site.isReached
+                          ? fmt::format("site     {:10} {} of {} definitions become items; {} channel records",
+                                        site.siteID, site.items, site.definitions, site.fromChannels)
+                          : fmt::format("site     {:10} its databases cannot be reached", site.siteID));
+    }
+    printFindings("note", result.notes);
+    printFindings("problem", result.problems);
+    print(stdout, result.problems.empty()
+                      ? "Nothing is wrong"
+                      : fmt::format("{} problem{}", result.problems.size(), result.problems.size() == 1 ? "" : "s"));
+    return result.problems.empty() ? done : wrong;
+}
+
+int runList(const Options& options) {
+    const std::vector<std::string> names = AccountFile(options.conf).names();
+    if (options.json) {
+        printJson({{"accounts", names}});
+    } else {
+        for (const std::string& name : names) {
+            print(stdout, name);
+        }
+    }
+    return done;
+}
+
+int said(const Options& options, std::string_view what) {
+    if (options.json) {
+        printJson({{"account", options.account}, {"done", what}});
+    } else {
+        print(stdout, fmt::format("{}: {}; it counts once the server is restarted", options.account, what));
+    }
+    return done;
+}
+
+int setPassword(const Options& options, bool isNew) {
+    AccountFile file(options.conf);
+    if (file.has(options.account) == isNew) {
+        throw AccountTrouble(
+            isNew
+                ? fmt::format("there is an account '{}' already; \"change\" gives it another password", options.account)
+                : fmt::format("there is no account '{}'; \"add\" makes one", options.account));
+    }
+    std::string password = readNewPassword();
+    const bool isUsable = !password.empty() && password.size() <= longestPassword;
+    if (isUsable) {
+        file.set(options.account, password);
+    }
+    explicit_bzero(password.data(), password.size());
+    if (!isUsable) {
+        throw AccountTrouble("nothing is changed: give the password, 1 to 1024 bytes, as a line on standard input");
+    }
+    file.save();
+    return said(options, isNew ? "added" : "changed");
+}
+
+int removeAccount(const Options& options) {
+    AccountFile file(options.conf);
+    file.remove(options.account);
+    file.save();
+    return said(options, "removed");
+}
+
+int run(int argc, char** argv) {
+    Options options;
+    int code = done;
+    CLI::App app("Sets the Quelm 5 OPC DA Server up and looks after it", "quelmctl");
+    app.set_version_flag("--version", fmt::format("quelmctl {}", QUELM_VERSION));
+    app.require_subcommand(1);
+    app.fallthrough();
+    app.add_flag("--json", options.json, "Answer in JSON, for programs");
+    app.add_option("--ini", options.ini, "The system INI file")->capture_default_str();
+    app.add_option("--conf", options.conf, "The settings of the network")->capture_default_str();
+    app.add_subcommand("check", "Look for everything that a start of the server would stumble over")->callback([&] {
+        code = runCheck(options);
+    });
+    CLI::App* const passwords = app.add_subcommand("passwd", "The accounts that clients log on with");
+    passwords->require_subcommand(1);
+    const auto command = [&](const char* name, const char* help, auto&& action) {
+        CLI::App* const sub = passwords->add_subcommand(name, help);
+        sub->add_option("ACCOUNT", options.account, "DOMAIN\\user, or user alone: for any domain")->required();
+        sub->callback([&, action] { code = action(options); });
+    };
+    command("add", "Add an account; asks for its password", [](const Options& o) { return setPassword(o, true); });
+    command("change", "Give an account another password", [](const Options& o) { return setPassword(o, false); });
+    command("remove", "Remove an account", removeAccount);
+    passwords->add_subcommand("list", "Name all accounts")->callback([&] { code = runList(options); });
+    try {
+        app.parse(argc, argv);
+        return code;
+    } catch (const CLI::ParseError& error) {
+        return app.exit(error) == 0 ? done : misunderstood;
+    } catch (const AccountTrouble& trouble) {
+        print(stderr, fmt::format("quelmctl: {}", trouble.what()));
+        return wrong;
+    }
+}
+
+}  // namespace
+}  // namespace quelm::control
+
+int main(int argc, char** argv) {
+    return quelm::control::run(argc, argv);
+}
