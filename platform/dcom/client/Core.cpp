@@ -38,14 +38,18 @@ Core::Core(AsioLoop& loopIn, std::string hostIn, LogOn logOnIn, Settings setting
       sockets(loop),
       dialer(settings.dialer != nullptr ? *settings.dialer : sockets),
       callSettings(pingSettings(logOn, settings)),
-      surroundings{.dialer = dialer, .loop = loop, .settings = callSettings, .say = {}} {}
+      surroundings{.dialer = dialer, .loop = loop, .settings = callSettings, .say = {}} {
+    if (!settings.lookUp) {
+        settings.lookUp = lookUpName;
+    }
+}
 
 rpc::AuthLevel Core::levelFor(std::uint32_t hint) const {
     if (!logOn.account) {
         return rpc::AuthLevel::None;
     }
     const auto asked = rpc::effectiveLevel(static_cast<std::uint8_t>(std::min<std::uint32_t>(hint, UINT8_MAX)));
-    return std::max(rpc::effectiveLevel(static_cast<std::uint8_t>(logOn.level)), asked);
+    return std::max({rpc::effectiveLevel(static_cast<std::uint8_t>(logOn.level)), asked, rpc::AuthLevel::Connect});
 }
 
 rpc::LogOnSettings Core::logOnSettings(rpc::AuthLevel level, bool logsOn) const {
@@ -54,14 +58,16 @@ rpc::LogOnSettings Core::logOnSettings(rpc::AuthLevel level, bool logsOn) const 
 
 std::vector<outgoing::Address> Core::activationAddresses() {
     if (addresses.empty()) {
-        addresses = client::addressesOf(host);
+        addresses = settings.lookUp(host);
         if (addresses.empty()) {
             throw Trouble(Trouble::Kind::Address, {},
                           fmt::format("'{}' is not known to the name service as a machine with an IPv4 address; check "
                                       "the spelling, or give the address itself",
                                       host));
         }
-        trace(fmt::format("{} is {}", host, addresses.front()));
+        if (addresses.front() != host) {
+            trace(fmt::format("{} is {}", host, addresses.front()));
+        }
     }
     std::vector<outgoing::Address> result;
     for (const std::string& address : addresses) {
@@ -85,7 +91,7 @@ std::vector<outgoing::Address> Core::addressesOf(const std::vector<orpc::StringB
     const auto others = std::stable_partition(numeric.begin(), numeric.end(), isServer);
     if (others == numeric.begin()) {  // else names lead nowhere else that is worth a wait
         for (std::size_t i = 0; i < std::min(names.size(), mostNames); ++i) {
-            for (std::string& address : client::addressesOf(names[i].address)) {
+            for (std::string& address : settings.lookUp(names[i].address)) {
                 numeric.push_back({std::move(address), names[i].port});
             }
         }

@@ -74,7 +74,7 @@ void Line::open() {
         if (!worst || failure_->step > worst->step) {
             worst = failure_;
         }
-        if (failure_->step != outgoing::Step::Connect) {
+        if (failure_->reason == outgoing::Reason::LogOnRefused) {
             break;
         }
     }

@@ -33,7 +33,7 @@ bool isAddress(const std::string& host) {
     return inet_pton(AF_INET, host.c_str(), &address) == 1;
 }
 
-std::vector<std::string> addressesOf(const std::string& host) {
+std::vector<std::string> lookUpName(const std::string& host) {
     addrinfo wanted{};
     wanted.ai_family = AF_INET;
     wanted.ai_socktype = SOCK_STREAM;

@@ -63,8 +63,10 @@ struct Settings {
 
     // Takes a line for each step, for a user who wants to see them; no secrets are in there.
     std::function<void(const std::string&)> trace;
-    // For tests: connections over something else than sockets.
+    // For tests: connections over something else than sockets, and names from elsewhere than the system's name service
+    // (IPv4 addresses; none where a name is not known).
     outgoing::IDialer* dialer = nullptr;
+    std::function<std::vector<std::string>(const std::string& name)> lookUp;
 };
 
 struct Activated {
