@@ -8,6 +8,7 @@
 #include "base/TimeSource.h"
 #include "dcom/client/Names.h"
 #include "dcom/client/Trouble.h"
+#include "dcom/rpc/Refusal.h"
 
 namespace quelm::dcom::client {
 
@@ -54,15 +55,20 @@ CallbackHost::CallbackHost(Core& core)
 
 rpc::ServerSettings CallbackHost::serverSettings() {
     const bool isOpen = core_.settings.allowCallbacksWithoutLogOn;
-    rpc::ServerSettings result{
-        .accounts = accounts_,
-        .logOn = {},
-        .minimumLevel = isOpen ? rpc::AuthLevel::None : rpc::AuthLevel::Connect,
-        .onRefused = [this](const rpc::Refusal& refusal) { core_.trace(refusal.line("this program's log-on")); },
-        .challenge = {}};
+    rpc::ServerSettings result{.accounts = accounts_,
+                               .logOn = {},
+                               .minimumLevel = isOpen ? rpc::AuthLevel::None : rpc::AuthLevel::Connect,
+                               .onRefused = [this](const rpc::Refusal& refusal) { traceRefusal(refusal); },
+                               .challenge = {}};
     result.logOn.computerName = computerName();
     result.logOn.domainName = "WORKGROUP";
     return result;
+}
+
+void CallbackHost::traceRefusal(const rpc::Refusal& refusal) const {
+    core_.trace(fmt::format("{} wanted to call back and was refused (account '{}', level {}): {}",
+                            refusal.peer.remoteAddress, refusal.account, rpc::levelName(refusal.level),
+                            fmt::format(fmt::runtime(refusalText(refusal.reason)), refusal.detail)));
 }
 
 orpc::ExporterSettings CallbackHost::exporterSettings() const {

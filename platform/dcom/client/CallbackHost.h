@@ -48,6 +48,7 @@ class CallbackHost final : public rpc::CallHandler {
     };
 
     rpc::ServerSettings serverSettings();
+    void traceRefusal(const rpc::Refusal& refusal) const;
     orpc::ExporterSettings exporterSettings() const;
     void listen();
     Fault dispatch(const rpc::Call& call, ndr::Writer& reply);

@@ -73,6 +73,8 @@ std::vector<outgoing::Address> Core::activationAddresses() {
     for (const std::string& address : addresses) {
         result.push_back({address, settings.activationPort});
     }
+    std::stable_partition(result.begin(), result.end(),
+                          [this](const outgoing::Address& address) { return address.host == serverAddress; });
     return result;
 }
 

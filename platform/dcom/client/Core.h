@@ -40,7 +40,8 @@ struct Core {
     // logsOn: with the account, where there is one.
     rpc::LogOnSettings logOnSettings(rpc::AuthLevel level, bool logsOn) const;
 
-    // Where the activation is asked for. Looks the name up, once. Throws Trouble(Address).
+    // Where the activation is asked for, first where it was answered before. Looks the name up, once. Throws
+    // Trouble(Address).
     std::vector<outgoing::Address> activationAddresses();
     // Where to try bindings that the server named: those that lead to where we were connected already, then its other
     // addresses, then its names, the server's own address with their ports last.

@@ -204,7 +204,8 @@ void Process::giveBack(std::chrono::milliseconds limit) {
             const auto opnum = orpc::opnumOf(orpc::RemUnknownCall::Release);
             line().call({orpc::iidRemUnknown, opnum, resolved_->remUnknownIpid}, stub, limit);
         } catch (const Trouble& trouble) {
-            if (trouble.kind == Trouble::Kind::Interrupted) {
+            if (trouble.kind == Trouble::Kind::Interrupted) {  // what tidies up afterwards gives them back
+                releases_.insert(releases_.end(), some.begin(), some.end());
                 throw;
             }
             core().trace(std::string("references could not be given back: ") + trouble.what());

@@ -110,7 +110,8 @@ class Session {
     // Calls to it are answered as to an object that is gone, from now on.
     void withdraw(ICallback& callback);
 
-    // Lets callbacks come, and gives back what was let go of. Throws Trouble(Interrupted).
+    // Lets callbacks come, and gives back what was let go of. Throws Trouble(Interrupted). The pings that keep objects
+    // alive go out while a call waits, or here: a program that holds objects is to be in either every two minutes.
     void run(std::chrono::milliseconds limit);
     // The same until the condition holds, which is looked at whenever something has happened; gives whether it does.
     bool runUntil(const std::function<bool()>& condition, std::chrono::milliseconds limit);

@@ -95,13 +95,32 @@ TEST_F(Dealings, MakeCallAskAndLetGoAtEveryLevelInBothForms) {
     }
 }
 
+// A machine of two addresses, of which only one is served; what is held is pinged.
 TEST_F(Dealings, EndWithTheSessionWhateverIsStillHeld) {
     std::optional<Interface> server;
+    std::vector<std::string> steps;
+    int pings = 0;
+    activationGate.answer = [&pings](const rpc::Call& call, ndr::Writer&) -> std::optional<Fault> {
+        pings += call.interfaceId == orpc::iidObjectExporter ? 1 : 0;
+        return std::nullopt;
+    };
+    Settings with = settings();
+    with.lookUp = [](const std::string& name) { return std::vector<std::string>{"127.0.0." + name, "127.0.0.1"}; };
+    with.trace = [&steps](const std::string& step) { steps.push_back(step); };
+    with.pingPeriod = milliseconds(20);
     {
-        Session session(loop, "127.0.0.1", logOn(), settings());
+        Session session(loop, "9", logOn(), with);
         server = activate(session);
+        EXPECT_EQ(session.serverAddress(), "127.0.0.1");
         Interface dropped = activate(session);
+        EXPECT_TRUE(session.runUntil([&pings] { return pings == 2; }, std::chrono::seconds(20)));
     }
+    ASSERT_GT(steps.size(), 3U);
+    steps.resize(4);
+    const std::string port = ':' + std::to_string(activationPort);
+    EXPECT_THAT(steps, ElementsAre("9 is 127.0.0.9", HasSubstr("nobody listens at 127.0.0.9" + port),
+                                   "connected to 127.0.0.1" + port + ", level integrity",
+                                   "connected to 127.0.0.1" + port + ", level integrity"));
     EXPECT_EQ(exporter.objectCount(), 1U);
     EXPECT_THROW(server->call(6), std::logic_error);
     EXPECT_THROW(server->query(iidBrowse), std::logic_error);
