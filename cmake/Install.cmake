@@ -8,7 +8,7 @@ set(units quelm-opc-server.service quelm-opc-server.socket quelm-opc-server-obje
 list(TRANSFORM units PREPEND packaging/systemd/)
 
 install(TARGETS Q5OPCServer DESTINATION ${CMAKE_INSTALL_SBINDIR})
-install(TARGETS iosctl quelmctl DESTINATION ${CMAKE_INSTALL_BINDIR})
+install(TARGETS iosctl quelmctl opcda DESTINATION ${CMAKE_INSTALL_BINDIR})
 install(PROGRAMS scripts/load-schema DESTINATION ${CMAKE_INSTALL_BINDIR} RENAME quelm-load-schema)
 install(FILES ${units} DESTINATION ${unit_folder})
 install(FILES packaging/systemd/quelm-opc-server.sysusers DESTINATION lib/sysusers.d RENAME quelm-opc-server.conf)

@@ -1,0 +1,155 @@
+#include "OPC/Client/Screen.h"
+
+#include <fmt/format.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+
+namespace quelm::opcclient {
+
+namespace {
+
+bool allowsColor() {
+    const char* const none = std::getenv("NO_COLOR");
+    const char* const terminal = std::getenv("TERM");
+    return (none == nullptr || *none == '\0') && terminal != nullptr && std::string_view(terminal) != "dumb";
+}
+
+std::string_view escapeOf(Tone tone) {
+    switch (tone) {
+        case Tone::Good:
+            return "\033[32m";
+        case Tone::Doubtful:
+            return "\033[33m";
+        case Tone::Bad:
+            return "\033[31m";
+        case Tone::Faint:
+            return "\033[2m";
+        case Tone::Strong:
+            return "\033[1m";
+        case Tone::Plain:
+            break;
+    }
+    return "";
+}
+
+// Bytes of the UTF-8 sequence that begins here, 0 where none does.
+std::size_t sequenceLength(std::string_view text) {
+    const auto lead = static_cast<unsigned char>(text.front());
+    const std::size_t length = lead < 0x80                   ? 1
+                               : lead >= 0xF0 && lead < 0xF5 ? 4
+                               : lead >= 0xE0                ? 3
+                               : lead >= 0xC2                ? 2
+                                                             : 0;
+    if (length > text.size() || lead >= 0xF5) {
+        return 0;
+    }
+    for (std::size_t i = 1; i < length; ++i) {
+        if ((static_cast<unsigned char>(text[i]) & 0xC0U) != 0x80) {
+            return 0;
+        }
+    }
+    return length;
+}
+
+bool isControl(std::string_view sequence) {
+    const auto first = static_cast<unsigned char>(sequence[0]);
+    return first < 0x20 || first == 0x7F ||
+           (sequence.size() == 2 && first == 0xC2 && static_cast<unsigned char>(sequence[1]) < 0xA0);
+}
+
+void put(std::FILE* stream, std::string_view text) {
+    std::fwrite(text.data(), 1, text.size(), stream);
+}
+
+}  // namespace
+
+std::string printable(std::string_view text) {
+    std::string out;
+    out.reserve(text.size());
+    while (!text.empty()) {
+        const std::size_t length = sequenceLength(text);
+        if (length == 0 || isControl(text.substr(0, length))) {
+            out += '?';
+        } else {
+            out += text.substr(0, length);
+        }
+        text.remove_prefix(length == 0 ? 1 : length);
+    }
+    return out;
+}
+
+Screen::Screen(bool color)
+    : isTerminal_(isatty(STDOUT_FILENO) == 1),
+      canShowProgress_(isatty(STDERR_FILENO) == 1),
+      color_(color && isTerminal_ && allowsColor()) {}
+
+void Screen::line(std::string_view text) {
+    tonedLine(printable(text));
+}
+
+void Screen::tonedLine(std::string_view text) {
+    endProgress();
+    put(stdout, text);
+    put(stdout, isTerminal_ ? "\033[K\n" : "\n");
+}
+
+std::string Screen::toned(std::string_view text, Tone tone) const {
+    const std::string_view escape = color_ ? escapeOf(tone) : "";
+    return escape.empty() ? printable(text) : fmt::format("{}{}\033[0m", escape, printable(text));
+}
+
+void Screen::words(std::string_view text) {
+    put(stdout, text);
+}
+
+void Screen::message(std::string_view text) {
+    endProgress();
+    std::fflush(stdout);
+    std::string_view lead = "opcda: ";
+    while (!text.empty()) {
+        const std::size_t end = std::min(text.find('\n'), text.size());
+        put(stderr, fmt::format("{}{}\n", lead, printable(text.substr(0, end))));
+        text.remove_prefix(std::min(end + 1, text.size()));
+        lead = "";
+    }
+}
+
+void Screen::progress(std::string_view text) {
+    if (canShowProgress_) {
+        put(stderr, fmt::format("\r\033[K{}", printable(text)));
+        hasProgress_ = true;
+    }
+}
+
+void Screen::endProgress() {
+    if (hasProgress_) {
+        put(stderr, "\r\033[K");
+        hasProgress_ = false;
+    }
+}
+
+void Screen::redraw(const std::vector<std::string>& lines) {
+    put(stdout, drawn_ > 0 ? fmt::format("\033[{}A\r\033[?7l", drawn_) : "\033[?7l");
+    for (const std::string& line : lines) {
+        tonedLine(line);
+    }
+    put(stdout, "\033[J\033[?7h");
+    drawn_ = lines.size();
+    std::fflush(stdout);
+}
+
+bool Screen::flush() {
+    return std::fflush(stdout) == 0 && std::ferror(stdout) == 0;
+}
+
+Screen::Size Screen::size() const {
+    winsize size{};
+    const bool isKnown = ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0 && size.ws_row > 0;
+    return isKnown ? Size{size.ws_col, size.ws_row} : Size{80, 24};
+}
+
+}  // namespace quelm::opcclient
