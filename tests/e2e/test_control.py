@@ -2,10 +2,11 @@
 
 import json
 import os
+import signal
 import socket
 import subprocess
 
-from harness import ImpacketClient, SiteTest, program
+from harness import ClientError, ImpacketClient, SiteTest, program
 
 # What the demo plant has on purpose.
 DEMO = [('NORTH', '[OPC-0140] This application does not support OPC writes; any writes will be ignored '
@@ -105,3 +106,47 @@ class Accounts(Control):
         self.assertEqual(self.quelmctl('passwd', 'add', 'user', given='password').returncode, 0)
         self.assertEqual(os.stat(self.site.path('dcom.conf')).st_mode & 0o777, 0o600)
         self.assertEqual(self.quelmctl('passwd', 'list', '--json').stdout, '{"accounts":["user"]}\n')
+
+
+class Reload(Control):
+    def reload(self, *words):
+        at = len(self.site.log())
+        self.site.process.send_signal(signal.SIGHUP)
+        number = self.site.wait_log('was read anew', after=at)
+        line = self.site.log()[number - 1]
+        for word in words:
+            self.assertIn(word, line)
+
+    def test_settings_are_read_anew_and_no_client_notices(self):
+        self.site.start().started()
+        reader = self.steady()
+        self.quelmctl('passwd', 'add', 'PLANT\\reader', given='first\n')
+        with self.assertRaises(ClientError):
+            self.client(domain='PLANT', user='reader', password='first')
+        self.reload('hold from now on')
+        new = self.client(domain='PLANT', user='reader', password='first', items=['North.Stack1.NOx'])
+        self.assertEqual(new('read')['errors'], [0])
+        # Log-ons that are there go on, whatever is asked of later ones.
+        self.quelmctl('passwd', 'remove', 'PLANT\\reader')
+        self.site.edit('dcom.conf', ('[Security]\n', '[Security]\nMinimumLevel = privacy\n'))
+        self.reload()
+        self.assertEqual(new('read')['errors'], [0])
+        for words, logon in ((('account',), {'domain': 'PLANT', 'user': 'reader', 'password': 'first'}),
+                             (('level integrity', 'privacy'), {'level': 'integrity'})):
+            with self.refused(*words), self.assertRaises(ClientError):
+                self.client(**logon)
+        # Damage changes nothing.
+        good = self.site.read('dcom.conf')
+        self.site.edit('dcom.conf', ('MinimumLevel = privacy', 'MinimumLevel = private'))
+        self.reload('damaged', 'nothing is changed')
+        self.assertIn('"private" is none of the choices', self.site.errors())
+        with self.refused('privacy'), self.assertRaises(ClientError):
+            self.client(level='integrity')
+        self.site.write('dcom.conf', good)
+        self.site.edit('dcom.conf', ('ObjectPort = 49200', 'ObjectPort = 49201'),
+                       ('MinimumLevel = privacy', 'MinimumLevel = integrity'), ('[Clients]', '[Clients]\nKeepRunning = yes'))
+        self.reload('restart the server for ObjectPort')
+        self.client(level='integrity')('close')
+        self.assertLess(reader.longest_read(), 1)
+
+

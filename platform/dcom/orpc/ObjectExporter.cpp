@@ -32,6 +32,15 @@ ObjectExporter::ObjectExporter(ExporterSettings settings, MillisecondClock clock
     remUnknownIpid_ = newIpid();
 }
 
+// Who logged on when less was asked for goes on calling.
+void ObjectExporter::change(const ExporterSettings& settings) {
+    settings_.minimumLevel =
+        settings_.opensToAll ? std::min(settings_.minimumLevel, settings.minimumLevel) : settings.minimumLevel;
+    settings_.pingTimeout = settings.pingTimeout;
+    settings_.firstPing = settings.firstPing;
+    settings_.closeGrace = settings.closeGrace;
+}
+
 ObjectExporter::~ObjectExporter() = default;
 
 std::uint64_t ObjectExporter::randomNonZero() {

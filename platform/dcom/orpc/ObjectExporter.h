@@ -84,6 +84,8 @@ class ObjectExporter final : private PingSets::Listener {
     void revokeAll();
     // The port of the listener for object calls, once it is known. Before the first object is exported.
     void listenOn(std::uint16_t objectPort) { settings_.objectPort = objectPort; }
+    // Levels and periods from now on; all else stays as it was.
+    void change(const ExporterSettings& settings);
     std::size_t objectCount() const { return objects_.size(); }
     // Clients that hold at least one reference.
     std::size_t clientCount() const;

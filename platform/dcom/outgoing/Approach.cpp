@@ -38,7 +38,7 @@ void Approach::begin() {
 
 bool Approach::isWorthTrying(const Way& way) const {
     const bool isOpen = tries_.isResolverOpen && interfaceId_ == orpc::iidObjectExporter;
-    return !way.logsOn || (tries_.left > 0 && !isOpen);
+    return !way.logsOn || (tries_.left > 0 && !isOpen && surroundings_.settings.account);
 }
 
 void Approach::tryWay() {

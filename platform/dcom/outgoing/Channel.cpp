@@ -16,6 +16,9 @@ Channel::Channel(IDialer& dialer, IMessageLoop& loop, const Address& address, co
       limits_(limits),
       limit_(limits.connect),
       link_(dialer.dial(address, *this)) {
+    if (logOn_.account != nullptr) {
+        logOn_.account = &account_.emplace(*logOn_.account);
+    }
     deadline_.set(limit_);
 }
 

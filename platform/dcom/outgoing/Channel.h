@@ -44,7 +44,7 @@ class Channel final : private ILinkEvents {
     };
     using Done = std::function<void(const rpc::CallResult&)>;
 
-    // logOn and owner must outlive the channel.
+    // owner must outlive the channel.
     Channel(IDialer& dialer, IMessageLoop& loop, const Address& address, const rpc::LogOnSettings& logOn,
             const Uuid& firstInterface, IOwner& owner, const ChannelLimits& limits = {});
     Channel(const Channel&) = delete;
@@ -71,6 +71,7 @@ class Channel final : private ILinkEvents {
 
     Address address_;
     rpc::LogOnSettings logOn_;
+    std::optional<ntlm::ClientAccount> account_;  // of the log-on
     Uuid firstInterface_;
     IOwner& owner_;
     Deadline deadline_;

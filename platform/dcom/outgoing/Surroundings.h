@@ -18,6 +18,7 @@
 
 namespace quelm::dcom::outgoing {
 
+// May change between two turns of the loop: what is begun later goes by it.
 struct CallSettings {
     std::optional<ntlm::ClientAccount> account;  // none: nothing is called but without a log-on
     // The least level of calls that log on; more where the other end asks for it.

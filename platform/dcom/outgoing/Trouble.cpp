@@ -61,7 +61,7 @@ std::string remedyOf(const Trouble& trouble, std::string_view settingsPath) {
     const auto ofAccount = [&](std::string_view otherwise) {
         return fmt::format(
             "set an account in [Callbacks] of {} that the client's machine knows and that may call the client's "
-            "program{} (a change counts once the server is restarted)",
+            "program{} (a change counts once the server has read it: systemctl reload quelm-opc-server)",
             settingsPath, otherwise);
     };
     switch (trouble.reason) {
@@ -72,7 +72,7 @@ std::string remedyOf(const Trouble& trouble, std::string_view settingsPath) {
         case Reason::LogOnUnavailable:
             return fmt::format(
                 "if this program takes no log-ons, allow calls without them: AllowNoLogOn = yes in "
-                "[Callbacks] of {} (a change counts once the server is restarted)",
+                "[Callbacks] of {} (a change counts once the server has read it: systemctl reload quelm-opc-server)",
                 settingsPath);
         case Reason::Silent:
             if (trouble.step != Step::Connect) {

@@ -129,6 +129,7 @@ Outcome SecurityContexts::finish(SecurityContext& context, std::span<const std::
         return refuse(context, RefusalReason::NoKeys);
     }
     context.state_ = State::LoggedOn;
+    context.isAdmitted_ = context.level() >= effectiveMinimum(settings_.minimumLevel);
     account_ = loggedOn_ ? account_ : context.account();
     loggedOn_ = true;
     return {Step::Answered, RefusalReason::None, context.account(), context.level(), {}};

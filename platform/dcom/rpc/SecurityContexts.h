@@ -27,6 +27,8 @@ class SecurityContext {
     State state() const { return state_; }
     // "DOMAIN\\user" as the client gave it, also after a refusal.
     const std::string& account() const { return logOn_.account(); }
+    // Logged on, and as well protected as was asked for then: what is asked for later concerns later log-ons.
+    bool isAdmitted() const { return isAdmitted_; }
     // Whether the context's messages are signed at least.
     bool protects() const { return state_ == State::LoggedOn && level() >= AuthLevel::Integrity; }
     // For a context that protects.
@@ -47,6 +49,7 @@ class SecurityContext {
     State state_;
     ntlm::ServerContext logOn_;
     std::uint64_t lastUse_ = 0;
+    bool isAdmitted_ = false;
     bool signsHeaders_ = false;
     std::vector<std::uint8_t> mechanisms_;  // that the client offered in a negotiation, which its signature covers
 };

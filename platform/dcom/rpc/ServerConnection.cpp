@@ -327,11 +327,7 @@ Fault ServerConnection::faultBeforeCall(const SecurityContext* context, const Re
 
 // As well as the settings ask for.
 bool ServerConnection::isProtected(const SecurityContext* context) const {
-    const AuthLevel minimum = effectiveMinimum(settings_.minimumLevel);
-    if (context == nullptr) {
-        return minimum <= AuthLevel::None;
-    }
-    return context->state() == SecurityContext::State::LoggedOn && context->level() >= minimum;
+    return context == nullptr ? settings_.minimumLevel <= AuthLevel::None : context->isAdmitted();
 }
 
 bool ServerConnection::admits(const SecurityContext* context, const Uuid& interfaceId) {

@@ -20,6 +20,8 @@
 namespace quelm::dcom::rpc {
 
 // Must outlive the connections.
+// What the accounts, the log-on and the least level say may change while connections are there, between two turns of
+// their loop: it concerns later log-ons.
 struct ServerSettings {
     const ntlm::AccountStore& accounts;
     ntlm::ServerSettings logOn;

@@ -115,7 +115,9 @@ struct OpcNetwork::Impl {
 
     // trouble and client are called on the network's thread.
     Impl(SLIKServer& control, AsioLoop& loop, const Trouble& trouble, const Trouble& client, dcom::DcomSettings read)
-        : settings(std::move(read)),
+        : asRead(read),
+          settings(std::move(read)),
+          say(client),
           callbackLines(loop, trouble),
           dialer(loop),
           calls(callSettings(settings)),
@@ -129,17 +131,20 @@ struct OpcNetwork::Impl {
           activationHandler(exporter, classes),
           objectHandler(exporter, opcda::wire::isOpcInterface, opcda::wire::isServerListInterface),
           refusals(loop, trouble),
-          protocol{.accounts = settings.accounts,
-                   .logOn = settings.ntlm,
-                   .minimumLevel = settings.minimumLevel,
-                   .onRefused =
-                       [this](const dcom::rpc::Refusal& refusal) {
-                           refusals.say(std::string(refusal.peer.host()), refusal.kind(),
-                                        refusal.line(dcom::dcomSettingsPath() +
-                                                     " (a change counts once the server is restarted)"));
-                       },
-                   .budgets = &application.budgets(),
-                   .challenge = std::nullopt},
+          protocol{
+              .accounts = settings.accounts,
+              .logOn = settings.ntlm,
+              .minimumLevel = settings.minimumLevel,
+              .onRefused =
+                  [this](const dcom::rpc::Refusal& refusal) {
+                      refusals.say(
+                          std::string(refusal.peer.host()), refusal.kind(),
+                          refusal.line(
+                              dcom::dcomSettingsPath() +
+                              " (a change counts once the server has read it: systemctl reload quelm-opc-server)"));
+                  },
+              .budgets = &application.budgets(),
+              .challenge = std::nullopt},
           server(loop, loop, protocol, tcpSettings(trouble)),
           timer(loop.makeTimer([this] { tick(); })) {
         classes.add(std::make_shared<ToldClients>(std::make_shared<opcda::wire::OpcClassFactory>(application, outgoing),
@@ -204,6 +209,40 @@ struct OpcNetwork::Impl {
                            settings.activationPort, settings.objectPort);
     }
 
+    // What changes takes the place of what it was where it stands, for log-ons under way look at it.
+    void apply(const dcom::DcomSettings& fresh, const std::function<void(std::string_view)>& log) {
+        settings.accounts = fresh.accounts;
+        protocol.logOn.allowNtlmV1Ess = fresh.ntlm.allowNtlmV1Ess;
+        protocol.logOn.allowAnonymous = fresh.ntlm.allowAnonymous;
+        protocol.minimumLevel = fresh.minimumLevel;
+        exporter.change(exporterSettings(fresh, log));
+        calls = callSettings(fresh);
+        for (const std::string& notice : fresh.notices) {
+            say(notice);
+        }
+        const std::string later = needsRestart(fresh);
+        say(fmt::format("{} was read anew: accounts, levels, times and the callbacks' account hold from now on{}",
+                        dcom::dcomSettingsPath(),
+                        later.empty() ? "" : fmt::format("; restart the server for {}", later)));
+    }
+
+    // The changed settings that a server takes at its start only.
+    std::string needsRestart(const dcom::DcomSettings& fresh) const {
+        std::vector<std::string_view> names;
+        const auto compare = [&](bool isSame, std::string_view name) {
+            if (!isSame) {
+                names.push_back(name);
+            }
+        };
+        compare(fresh.addresses == asRead.addresses, "Address");
+        compare(fresh.activationPort == asRead.activationPort, "ActivationPort");
+        compare(fresh.objectPort == asRead.objectPort, "ObjectPort");
+        compare(fresh.openServerList == asRead.openServerList, "OpenServerList");
+        compare(fresh.ntlm.computerName == asRead.ntlm.computerName, "ComputerName");
+        compare(fresh.ntlm.domainName == asRead.ntlm.domainName, "Domain");
+        return fmt::format("{}", fmt::join(names, ", "));
+    }
+
     void tick() { timer->start(exporter.tick() ? std::chrono::milliseconds(0) : exporterTick); }
 
     void requestShutdown(const std::string& reason) {
@@ -231,7 +270,9 @@ struct OpcNetwork::Impl {
         return remoteObjects.processCount() != 0 && since < givingBackTime;
     }
 
-    dcom::DcomSettings settings;
+    const dcom::DcomSettings asRead;
+    dcom::DcomSettings settings;  // with what the sockets that were handed over have made of them
+    std::function<void(std::string_view)> say;
     dcom::net::RepeatFilter callbackLines;
     dcom::net::TcpDialer dialer;
     dcom::outgoing::CallSettings calls;
@@ -307,6 +348,27 @@ void OpcNetwork::run() {
             failure_.send(currentError().text());
         }
     }
+}
+
+void OpcNetwork::reload() {
+    if (impl_ == nullptr) {
+        return;
+    }
+    const auto fresh = std::make_shared<dcom::DcomSettings>(dcom::readDcomSettings(dcom::dcomSettingsPath()));
+    for (const std::string& problem : fresh->problems) {
+        lines_.trouble(problem);
+    }
+    if (!fresh->problems.empty()) {
+        lines_.client(fmt::format("{} was read anew and is damaged, as said on standard error: nothing is changed",
+                                  dcom::dcomSettingsPath()));
+        return;
+    }
+    if (fresh->keepRunning) {
+        control_.holdAsResident();
+    } else {
+        control_.releaseResident();
+    }
+    loop_.post([this, fresh] { impl_->apply(*fresh, [this](std::string_view line) { trouble_.send(line); }); });
 }
 
 void OpcNetwork::requestShutdown(std::string_view reason) {

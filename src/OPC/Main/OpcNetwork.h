@@ -22,7 +22,7 @@ class OpcNetwork {
     struct Lines {
         std::function<void(std::string_view)> weakened;  // a setting that lets in what the default keeps out
         std::function<void(std::string_view)> notice;    // where clients are served
-        std::function<void(std::string_view)> client;    // who comes and goes
+        std::function<void(std::string_view)> client;    // who comes and goes; settings that were read anew
         std::function<void(std::string_view)> trouble;   // damaged settings, refused clients
         std::function<void(std::string_view)> failure;   // let out by a handler; the network goes on
     };
@@ -37,6 +37,10 @@ class OpcNetwork {
     // Reads the settings, lets clients in and begins the network's thread. Raises RuntimeError with the address, the
     // reason and the remedy when an address cannot be listened on; nothing listens then.
     void open();
+    // Reads the settings anew: accounts and levels hold for log-ons from now on, calls to clients and times from now
+    // on, and whether the server is kept running at once. Lines say so, and which changed settings need a restart. A
+    // damaged file changes nothing. Before open() there is nothing to do.
+    void reload();
     // Asks clients that want to be told to let go of the server; they may or may not. Not after close().
     void requestShutdown(std::string_view reason);
     // Lets go of all clients, closes all sockets and ends the thread; what was asked just before has a moment to reach

@@ -107,7 +107,8 @@ int said(const Options& options, std::string_view what) {
     if (options.json) {
         printJson({{"account", options.account}, {"done", what}});
     } else {
-        print(stdout, fmt::format("{}: {}; it counts once the server is restarted", options.account, what));
+        print(stdout, fmt::format("{}: {}; it counts once the server has read it: systemctl reload quelm-opc-server",
+                                  options.account, what));
     }
     return done;
 }

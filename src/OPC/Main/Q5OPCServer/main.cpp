@@ -138,7 +138,7 @@ class Program {
     }
 
     int run() {
-        loop_.onSignal({SIGTERM, SIGINT}, [this](int signal) { closeOnSignal(signal); });
+        loop_.onSignal({SIGTERM, SIGINT, SIGHUP}, [this](int signal) { onSignal(signal); });
         switch (load()) {
             case StartUp::HelpShown:
                 if (window_.boxOpen()) {
@@ -265,6 +265,15 @@ class Program {
     bool close() {
         control_.releaseResident();
         return form_.Unload();
+    }
+
+    // Service managers ask for the settings to be read anew by the signal of a terminal that is closed.
+    void onSignal(int signal) {
+        if (signal == SIGHUP) {
+            network_.reload();
+        } else {
+            closeOnSignal(signal);
+        }
     }
 
     // A signal asks to close the window; clients may refuse. SIGTERM does not leave it at that: they get a while to go.
