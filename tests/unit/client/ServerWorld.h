@@ -69,8 +69,6 @@ class ServerWorld : public testing::Test {
         result.callLimit = std::chrono::seconds(20);  // nothing here waits for it
         return result;
     }
-    // Runs the loop until the clients that let go are known to have done so.
-    void settle(Session& session) { session.run(std::chrono::milliseconds(1)); }
 
     AsioLoop loop;
     std::vector<std::string> events;  // objects that were let go of

@@ -277,9 +277,7 @@ TEST_F(Dealings, WithAServerThatLies) {
         return bytes;
     };
     const Uuid ipid = Uuid::parse("00000001-0000-0000-0000-0000000000AA");
-    Settings with = settings();
-    with.connectLimit = milliseconds(200);
-    Session session(loop, "127.0.0.1", logOn(), with);
+    Session session(loop, "127.0.0.1", logOn(), settings());
     const Interface server = activate(session);
     for (const Answer& answer :
          std::initializer_list<Answer>{[](ndr::Writer&) { return Fault::None; },
