@@ -47,7 +47,7 @@ class OpcDa(SiteTest):
         self.site.start().started()
         self.site.wait_pass()
         server, = self.json('discover')['servers']
-        self.assertEqual((server['progId'], server['versions']), ('Ombrel.QuelmOPCServer.5', '2.0, 3.0'))
+        self.assertEqual((server['progId'], server['versions']), ('Ombrel.QuelmOPCServer.5', '1.0, 2.0, 3.0'))
         for where in ((), ('--server', 'ombrel.quelmopcserver.5'), ('--server', server['classId'])):
             status = self.json('status', *where)
             self.assertEqual((status['state'], status['speaks'], status['groups']), ('running', 'OPC DA 3.0', 0))
@@ -117,6 +117,15 @@ class OpcDa(SiteTest):
             self.assertIn(words, errors)
             self.assertEqual(process.returncode, INTERRUPTED)
         self.assertEqual(self.site.exit_code(20), 0, 'who lets go of everything does not keep the server')
+
+    def test_where_the_server_cannot_call_the_values_are_asked_for(self):
+        self.site.edit('dcom.conf', ('Account = DEMO', '; Account = DEMO'))
+        self.site.start().started()
+        self.site.wait_pass()
+        output, errors = self.opcda('watch', NOX, '--seconds', '12', '--csv')
+        self.assertEqual([line.split(',')[0] for line in output.splitlines()][:2], ['item', NOX])
+        self.assertRegex(errors, r'Subscribed: the server calls [0-9.]+:[0-9]+ ')
+        self.assertRegex(errors, r'Asking every 1000 ms: .*:[0-9]+')
 
     def test_a_terminal_shows_a_table_that_renews_itself(self):
         self.site.start().started()

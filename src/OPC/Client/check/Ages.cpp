@@ -131,6 +131,22 @@ void keepsAlive(Stage& stage, Findings& found) {
     }
 }
 
+// Data tells as much as a sign of life does.
+void noneBesideData(Stage& stage, Findings& found) {
+    const Group group = stage.groupOf(1);
+    const auto set = stage.asOffered<IOPCGroupStateMgt2>(group.state).SetKeepAlive(2000);
+    found.need(!failed(set.result), "SetKeepAlive: " + resultName(set.result));
+    const auto io = stage.as<IOPCAsyncIO2>(group.state);
+    const Sink sink(stage.session(), group.state);
+    for (std::uint32_t transaction = 1; transaction <= 8; ++transaction) {
+        found.result("Refresh2", io.Refresh2(Source::Cache, transaction).result, {S_OK});
+        stage.wait(700ms);
+    }
+    found.expect(std::none_of(sink.calls().begin(), sink.calls().end(),
+                              [](const Called& each) { return each.data.items.empty(); }),
+                 "empty callbacks come beside the data");
+}
+
 void noneWhileInactive(Stage& stage, Findings& found) {
     const Idle made = idle(stage, found, 500);
     GroupChange change;
@@ -179,7 +195,7 @@ void deadbands(Stage& stage, Findings& found) {
                 {{S_OK, OPC_E_DEADBANDNOTSUPPORTED, OPC_E_DEADBANDNOTSET}, {OPC_E_INVALIDHANDLE}});
 }
 
-constexpr std::array<Case, 11> cases{{
+constexpr std::array<Case, 12> cases{{
     {167, Version::Da3, "IOPCItemIO::Read by any age, by none", "S_OK; a value", itemIoRead},
     {168, Version::Da3, "IOPCItemIO::Read(item, unknown one, empty id)",
      "S_FALSE, S_OK, OPC_E_UNKNOWNITEMID, OPC_E_INVALIDITEMID", itemIoWrongIds},
@@ -189,6 +205,7 @@ constexpr std::array<Case, 11> cases{{
     {172, Version::Da3, "RefreshMaxAge", "one OnDataChange with all items", refreshByAge},
     {173, Version::Da3, "GetKeepAlive, SetKeepAlive(3000), GetKeepAlive", "0; S_OK or revised; that", keepAliveTime},
     {174, Version::Da3, "keep-alive 1000 ms, no items", "empty OnDataChange, at most 1500 ms apart", keepsAlive},
+    {175, Version::Da3, "keep-alive 2000 ms, data all the while", "no empty OnDataChange", noneBesideData},
     {177, Version::Da3, "keep-alive, group inactive, callbacks disabled", "none", noneWhileInactive},
     {178, Version::Da3, "SetKeepAlive(0)", "S_OK, 0; none any more", noneAnyMore},
     {179, Version::Da3, "deadbands of an item, of a wrong handle", "not supported or kept; OPC_E_INVALIDHANDLE",

@@ -44,6 +44,26 @@ void countZero(Stage& stage, Findings& found) {
     nothing(found, "Write", written, written.out.has_value());
 }
 
+void countZeroOfTransactions(Stage& stage, Findings& found) {
+    const Group group = stage.groupOf(1);
+    const Sink sink(stage.session(), group.state);
+    found.need(sink.advised() == S_OK, "Advise: " + resultName(sink.advised()));
+    const auto io = stage.as<IOPCAsyncIO2>(group.state);
+    const auto begun = [&found](std::string_view call, const Reply<Transaction>& reply) {
+        nothing(found, call, reply, reply.out.errors.has_value());
+        found.equal("the cancel id", reply.out.cancelId, 0U);
+    };
+    begun("Read", io.Read({}, 60));
+    begun("Write", io.Write({}, {}, 60));
+    if (const auto younger = ask<IOPCAsyncIO3>(group.state).out) {
+        begun("ReadMaxAge", younger->ReadMaxAge({}, {}, 60));
+    }
+    stage.wait(std::chrono::seconds(2));
+    for (const Called& each : sink.calls()) {
+        found.expect(each.data.transaction != 60, "a callback came");
+    }
+}
+
 void countZeroOfServer(Stage& stage, Findings& found) {
     if (const auto properties = ask<IOPCItemProperties>(stage.server()).out) {
         const auto reply = properties->GetItemProperties(stage.item().id, {});
@@ -153,8 +173,10 @@ void contradiction(Stage& stage, Findings& found) {
     found.result("the other client's GetStatus", stage.as<IOPCServer>(other).GetStatus().result, {S_OK});
 }
 
-constexpr std::array<Case, 7> cases{{
+constexpr std::array<Case, 8> cases{{
     {182, Version::Da2, "calls of a group without items", "E_INVALIDARG; nothing", countZero},
+    {183, Version::Da2, "transactions without items", "E_INVALIDARG; no cancel id; no callback",
+     countZeroOfTransactions},
     {184, Version::Da2, "calls of the server without items", "E_INVALIDARG; nothing", countZeroOfServer},
     {185, Version::Da2, "Read from source 0, 3", "E_INVALIDARG; nothing", wrongSource},
     {186, Version::Da2, "AddItems and Read of 10,000 items at once", "S_OK and all, or E_OUTOFMEMORY", manyAtOnce},
