@@ -113,17 +113,17 @@ class Connection {
 
     // A call before the measurement: the results behind the header that all object calls have.
     Bytes call(std::uint16_t interface, std::uint16_t opnum, const Uuid* object, std::span<const std::uint8_t> stub) {
+        const std::size_t size = exchange(encode(interface, opnum, object, stub)).size();
         Bytes results;
-        for (rpc::test::Reply& reply : rpc::test::splitReplies(exchange(encode(interface, opnum, object, stub)))) {
-            expect(reply.type() == rpc::PduType::Response, "a call failed");
-            if (level_ >= 5) {
-                const auto part = rpc::test::openReply(reply, level_, logOn_);
-                expect(part.has_value(), "a reply's protection is wrong");
-                results.insert(results.end(), part->begin(), part->end());
-            } else {
-                const auto size = static_cast<std::ptrdiff_t>(trailerOf(reply.header));
-                results.insert(results.end(), reply.raw.begin() + rpc::callHeaderSize, reply.raw.end() - size);
-            }
+        results.reserve(size);
+        for (std::size_t at = 0; at < size;) {
+            rpc::Header header;
+            const auto rest = std::span(reply_).subspan(at, size - at);
+            expect(rpc::parseHeader(rest, header) == dcom::RefusalReason::None && header.type == rpc::PduType::Response,
+                   "a call failed");
+            const auto part = opened(rest.first(header.fragmentLength), header);
+            results.insert(results.end(), part.begin(), part.end());
+            at += header.fragmentLength;
         }
         return results;
     }
@@ -134,6 +134,22 @@ class Connection {
 
     static std::size_t trailerOf(const rpc::Header& header) {
         return header.authLength == 0 ? 0 : rpc::trailerSize + header.authLength;
+    }
+
+    // The stub data of a PDU, in place.
+    std::span<const std::uint8_t> opened(std::span<std::uint8_t> pdu, const rpc::Header& header) {
+        if (level_ < 5) {
+            return pdu.subspan(rpc::callHeaderSize, pdu.size() - rpc::callHeaderSize - trailerOf(header));
+        }
+        rpc::AuthTrailer trailer;
+        expect(rpc::parseTrailer(pdu, header, rpc::callHeaderSize, trailer) && trailer.level == level_,
+               "a reply is not protected");
+        const auto covered = pdu.first(pdu.size() - header.authLength);
+        const auto stub = covered.subspan(rpc::callHeaderSize, trailer.offset - rpc::callHeaderSize);
+        expect(level_ == 6 ? logOn_.security().unseal(covered, stub, trailer.token)
+                           : logOn_.security().verify(covered, trailer.token),
+               "a reply's protection is wrong");
+        return stub.first(stub.size() - trailer.padLength);
     }
 
     std::span<const std::uint8_t> receiveReply() {

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <charconv>
 #include <cstdint>
+#include <cstring>
 #include <iterator>
 #include <span>
 
@@ -13,8 +14,20 @@ namespace quelm {
 
 namespace {
 
+// Eight bytes at a time: names are looked at by the hundred thousand.
 bool isAscii(std::string_view text) {
-    return std::all_of(text.begin(), text.end(), [](char c) { return static_cast<unsigned char>(c) < 0x80; });
+    constexpr std::uint64_t beyond = 0x8080808080808080;
+    std::uint64_t all = 0;
+    std::size_t at = 0;
+    for (; at + sizeof all <= text.size(); at += sizeof all) {
+        std::uint64_t some = 0;
+        std::memcpy(&some, text.data() + at, sizeof some);
+        all |= some;
+    }
+    for (; at < text.size(); ++at) {
+        all |= static_cast<unsigned char>(text[at]);
+    }
+    return (all & beyond) == 0;
 }
 
 char foldAscii(char c) {
@@ -160,6 +173,9 @@ FoldedKey::FoldedKey(std::string_view key) {
 }
 
 std::size_t characterCount(std::string_view text) {
+    if (isAscii(text)) {
+        return text.size();
+    }
     std::size_t count = 0;
     for (std::size_t position = 0; position < text.size(); ++count) {
         nextCodePoint(text, position);
@@ -168,6 +184,9 @@ std::size_t characterCount(std::string_view text) {
 }
 
 std::string_view leftCharacters(std::string_view text, std::size_t count) {
+    if (const std::string_view left = text.substr(0, count); isAscii(left)) {
+        return left;
+    }
     std::size_t position = 0;
     for (; count > 0 && position < text.size(); --count) {
         nextCodePoint(text, position);

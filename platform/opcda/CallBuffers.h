@@ -45,6 +45,8 @@ struct CallBuffers {
     std::vector<BehindValue> behindValues;
     std::vector<HResult> errors;
     std::vector<const SLIKTag*> asked;
+    std::vector<std::uint8_t> heads;   // of what is gathered apart from the reply
+    std::vector<std::uint8_t> bodies;  // and what they point to
 
  private:
     // What a large call took.
@@ -59,6 +61,8 @@ struct CallBuffers {
         giveBack(behindValues);
         giveBack(errors);
         giveBack(asked);
+        giveBack(heads);
+        giveBack(bodies);
     }
 
     // Bytes: a read of 10,000 items, the largest that clients make all day, leaves its room.

@@ -16,7 +16,7 @@ namespace {
 constexpr std::size_t inputSizeBeforeLogOn = 8U << 10U;
 constexpr std::size_t inputSize = 32U << 10U;
 // A reply larger than this gives its memory back once it is sent.
-constexpr std::size_t keptOutput = 256U << 10U;
+constexpr std::size_t keptOutput = 1U << 20U;
 
 const std::string noAccount;
 

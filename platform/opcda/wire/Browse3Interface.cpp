@@ -80,10 +80,12 @@ class PropertiesWriter {
             at = put(at, property.error);
             at = put(at, std::uint32_t{0});
         }
-        for (const ItemProperty& property : found_) {
-            bodies.wideString({});  // no property is an item
-            bodies.wideString(property.description.text);
-            OpcValue value;
+        OpcValue value;
+        for (std::size_t i = 0; i < found_.size(); ++i) {
+            const ItemProperty& property = found_[i];
+            bodies.align(4);
+            bodies.bytes(textsOf(i, property.description.text));
+            value.type = VT_EMPTY;
             if (property.error == S_OK) {
                 convert(property.value, property.description.type, value);
             }
@@ -92,8 +94,31 @@ class PropertiesWriter {
         bodies.align(4);
     }
 
+    // The texts in front of a property's value, in their wire form: the empty name of an item of its own, as none is
+    // one, and what it is called. Items have much the same properties in the same order.
+    std::span<const std::uint8_t> textsOf(std::size_t place, std::string_view called) {
+        if (place >= texts_.size()) {
+            texts_.resize(place + 1);
+        }
+        Texts& its = texts_[place];
+        if (its.bytes.empty() || its.called.data() != called.data() || its.called.size() != called.size()) {
+            its.called = called;
+            its.bytes.clear();
+            Writer out(its.bytes);
+            out.wideString({});
+            out.wideString(called);
+        }
+        return its.bytes;
+    }
+
+    struct Texts {
+        std::string_view called;  // which lives as long as the item
+        std::vector<std::uint8_t> bytes;
+    };
+
     const PropertyChoice& choice_;
     std::vector<ItemProperty> found_;
+    std::vector<Texts> texts_;
     std::uint32_t referent_ = 0x40000000;
     HResult result_ = S_OK;
 };
@@ -108,9 +133,13 @@ constexpr std::size_t placeBehindPoint(std::size_t length) {
 // stands before them.
 class ElementArray {
  public:
-    ElementArray(const PropertyChoice& choice, std::size_t memoryLeft)
-        : properties_(choice), writer_(bodies_), room_(writer_, memoryLeft) {
-        bodies_.reserve(memoryLeft + endSize);
+    // buffers: a loan, in which they are.
+    ElementArray(const PropertyChoice& choice, std::size_t memoryLeft, CallBuffers& buffers)
+        : properties_(choice),
+          heads_(emptied(buffers.heads)),
+          bodies_(emptied(buffers.bodies)),
+          writer_(bodies_),
+          room_(writer_, memoryLeft) {
         for (std::size_t i = 0; i < lead / sizeof(std::uint32_t); ++i) {
             writer_.pointer();
         }
@@ -144,7 +173,9 @@ class ElementArray {
         if (count == 0) {
             out.nullPointer();
         } else {
-            out.buffer().reserve(out.buffer().size() + heads_.size() + bodies_.size() + endSize);
+            // With what a reply grows by when it is cut up and protected.
+            const std::size_t size = out.buffer().size() + heads_.size() + bodies_.size() + endSize;
+            out.buffer().reserve(size + size / 50);
             writeArrayHead(out, count);
             out.bytes(heads_);
             out.bytes(std::span(bodies_).subspan(lead));
@@ -154,6 +185,11 @@ class ElementArray {
     }
 
  private:
+    static std::vector<std::uint8_t>& emptied(std::vector<std::uint8_t>& buffer) {
+        buffer.clear();
+        return buffer;
+    }
+
     enum Flag : std::uint32_t { hasChildren = 1, isItem = 2 };
     static constexpr std::size_t headSize = 16 + PropertiesWriter::headSize;
     // Stands for what comes before the elements in the reply: as many pointers or more, and for the sake of what is
@@ -163,8 +199,8 @@ class ElementArray {
                   placeBehindPoint(ElementBrowser::pointLength) % 8 == lead % 8 && headSize % 8 == 0);
 
     PropertiesWriter properties_;
-    std::vector<std::uint8_t> heads_;
-    std::vector<std::uint8_t> bodies_;
+    std::vector<std::uint8_t>& heads_;
+    std::vector<std::uint8_t>& bodies_;
     Writer writer_;
     ReplyRoom room_;
 };
@@ -243,7 +279,8 @@ Fault Browse3Interface::browse(Server& server, Reader& in, Writer& out, dcom::or
     if (choice.tooMany) {
         return refuseBrowse(out, E_OUTOFMEMORY);
     }
-    ElementArray elements(choice, portionRoom(server));
+    const CallBuffers::Loan buffers(server.application().callBuffers());
+    ElementArray elements(choice, portionRoom(server), *buffers);
     std::string next;
     const auto take = [&elements](const BrowseElement& element) { return elements.add(element); };
     const HResult result = server.elementBrowser().browse(request, take, next);
