@@ -38,7 +38,7 @@ std::vector<std::size_t> widthsOf(const Table& table) {
 
 // Control characters are no use in a line of a table, and may do harm where it is looked at; JSON has them.
 std::string csvField(const Json& value) {
-    const std::string text = printable(plainText(value));
+    std::string text = printable(plainText(value));
     if (text.find_first_of(",\"") == std::string::npos) {
         return text;
     }
