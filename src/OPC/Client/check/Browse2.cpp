@@ -121,7 +121,7 @@ void allKinds(Stage& stage, Findings& found) {
 // The first branch that has leaves, from the root down; the browser stands there.
 Names leavesSomewhere(const Browse& browse, Findings& found) {
     for (int level = 0; level < 16; ++level) {
-        const Names leaves = names(browse, found, BrowseType::Leaf);
+        Names leaves = names(browse, found, BrowseType::Leaf);
         if (!leaves.empty()) {
             return leaves;
         }

@@ -42,8 +42,8 @@ ClassIds classes(Stage& stage, Findings& found, std::span<const Uuid> categories
     const auto younger = ask<IOPCServerList2>(list).out;
     const auto older = ask<IOPCServerList>(list).out;
     found.need(younger || older, "the list of OPC servers offers no interface");
-    const ClassIds first = younger ? classesBy<IOPCServerList2, IOPCEnumGUID>(*younger, found, categories)
-                                   : classesBy<IOPCServerList, IEnumGUID>(*older, found, categories);
+    ClassIds first = younger ? classesBy<IOPCServerList2, IOPCEnumGUID>(*younger, found, categories)
+                             : classesBy<IOPCServerList, IEnumGUID>(*older, found, categories);
     if (younger && older) {
         const ClassIds second = classesBy<IOPCServerList, IEnumGUID>(*older, found, categories);
         found.expect(std::is_permutation(first.begin(), first.end(), second.begin(), second.end()),

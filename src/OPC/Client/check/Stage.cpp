@@ -201,6 +201,7 @@ Group Stage::group(const GroupRequest& request) {
 
 Group Stage::groupOf(std::size_t items, const GroupRequest& request) {
     std::vector<std::string> ids;
+    ids.reserve(items);
     for (std::size_t i = 0; i < items; ++i) {
         ids.push_back(item(i).id);
     }
@@ -268,6 +269,7 @@ void Stage::describe(std::vector<std::string> ids) {
     try {
         const Group made = group();
         std::vector<ItemDefinition> definitions;
+        definitions.reserve(ids.size());
         for (std::string& id : ids) {
             definitions.push_back({std::move(id), "", true, 0, VT_EMPTY, {}});
         }
