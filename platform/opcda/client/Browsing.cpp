@@ -227,8 +227,8 @@ class Walk2 {
         }
         for (const std::string& name : leaves) {
             if (!branchNames.contains(name)) {
-                std::string id = itemIdOf(name);
-                elements.push_back({name, id.empty() ? name : std::move(id), level, true, false});
+                const std::string id = itemIdOf(name);
+                elements.push_back({name, id.empty() ? name : id, level, true, false});
             }
         }
         return elements;

@@ -115,12 +115,13 @@ auto allOf(const Enumerator& enumerator, const std::string& asked, std::size_t m
     std::decay_t<decltype(enumerator.Next(portion).out)> all;
     for (;;) {
         auto reply = enumerator.Next(portion);
+        const bool isEnd = reply.result != S_OK;
         auto elements = need(std::move(reply), asked);
         if (elements.size() > most - all.size()) {
             throw OpcError("The server's list for " + asked + " has no end: it is given up after " +
                            std::to_string(all.size()) + " elements");
         }
-        const bool isLast = reply.result != S_OK || elements.empty();
+        const bool isLast = isEnd || elements.empty();
         std::move(elements.begin(), elements.end(), std::back_inserter(all));
         if (isLast) {
             return all;

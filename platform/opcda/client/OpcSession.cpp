@@ -70,7 +70,7 @@ std::string_view OpcSession::Offers::version() const {
 OpcSession::OpcSession(dcom::client::Session& session, const Uuid& classId, Options options)
     : OpcSession(serverObject(session, classId), callbacksOf(session), std::move(options)) {}
 
-OpcSession::OpcSession(Interface server, std::unique_ptr<ICallbackHost> callbacks, Options options)
+OpcSession::OpcSession(const Interface& server, std::unique_ptr<ICallbackHost> callbacks, Options options)
     : server_(asServer(server)), callbacks_(std::move(callbacks)), options_(std::move(options)) {
     lookAround();
     note("The server speaks " + std::string(offers_.version()));

@@ -91,7 +91,7 @@ class OpcSession {
     // Makes a server object of the class. The session outlives it.
     OpcSession(dcom::client::Session& session, const Uuid& classId, Options options = {});
     // Over a server object that is there already, by any interface of it.
-    OpcSession(Interface server, std::unique_ptr<ICallbackHost> callbacks, Options options = {});
+    OpcSession(const Interface& server, std::unique_ptr<ICallbackHost> callbacks, Options options = {});
     ~OpcSession();
     OpcSession(const OpcSession&) = delete;
     OpcSession& operator=(const OpcSession&) = delete;

@@ -50,7 +50,7 @@ TEST_F(OpcSessionTest, ListsAndFindsServers) {
         EXPECT_EQ(ours.progId, identity::progId);
         EXPECT_EQ(ours.userType, identity::description);
         EXPECT_EQ(ours.versionIndependentProgId.empty(), iid == IOPCServerList::iid);
-        EXPECT_TRUE(!ours.da1 && ours.da2 && ours.da3);
+        EXPECT_TRUE(ours.da1 && ours.da2 && ours.da3);
         EXPECT_EQ(classOf(target, identity::progId), ours.classId);
         try {
             classOf(target, "No.Such.Server");
