@@ -14,6 +14,8 @@ std::span<const Area> areas() {
         Area{5, "Items", itemCases()},
         Area{6, "Item attributes", attributeCases()},
         Area{7, "Synchronous read and write", syncCases()},
+        Area{8, "Asynchronous read, write, refresh, cancel", asyncCases()},
+        Area{9, "Subscription", subscriptionCases()},
         Area{10, "Shutdown", shutdownCases()},
         Area{11, "Browsing 2.0", browse2Cases()},
         Area{12, "Browsing 3.0", browse3Cases()},

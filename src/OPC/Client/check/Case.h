@@ -40,6 +40,8 @@ std::span<const Case> groupNameCases();
 std::span<const Case> itemCases();
 std::span<const Case> attributeCases();
 std::span<const Case> syncCases();
+std::span<const Case> asyncCases();
+std::span<const Case> subscriptionCases();
 std::span<const Case> shutdownCases();
 std::span<const Case> browse2Cases();
 std::span<const Case> browse3Cases();
