@@ -8,9 +8,6 @@ namespace quelm::opcda::client {
 
 namespace {
 
-// Items of one call: its answer stays well below what the transport takes.
-constexpr std::size_t itemsPerCall = 5'000;
-
 NewGroup addGroup(const OpcSession& session, std::uint32_t updateRate, bool active) {
     GroupRequest request;
     request.active = active;

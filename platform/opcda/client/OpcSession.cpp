@@ -12,8 +12,6 @@ namespace quelm::opcda::client {
 
 namespace {
 
-// Items of one call: an answer of as many texts of some length stays well below what the transport takes.
-constexpr std::size_t itemsPerCall = 5'000;
 // An item has dozens of properties with texts.
 constexpr std::size_t itemsPerPropertyCall = 100;
 

@@ -11,6 +11,9 @@
 
 namespace quelm::opcda::client {
 
+// Items of one call: an answer of as many texts of some length stays well below what the transport takes.
+inline constexpr std::size_t itemsPerCall = 5'000;
+
 // Both throw OpcError where the server sent no arrays although the call succeeded.
 std::vector<ItemValue> readingsOf(ReadColumns columns);
 std::vector<ItemValue> readingsOf(ItemStates states);
