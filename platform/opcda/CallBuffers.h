@@ -37,6 +37,7 @@ struct CallBuffers {
 
     std::vector<std::uint32_t> handles;
     std::vector<std::uint32_t> numbers;  // what goes with each handle or name
+    std::vector<std::uint32_t> wanted;   // and what the client would have instead
     std::vector<std::string> itemIds;
     std::vector<std::string_view> views;
     std::vector<ItemDefinition> definitions;
@@ -53,6 +54,7 @@ struct CallBuffers {
     void giveBack() {
         giveBack(handles);
         giveBack(numbers);
+        giveBack(wanted);
         giveBack(itemIds);
         giveBack(views);
         giveBack(definitions);

@@ -4,6 +4,7 @@
 
 #include "opcda/Application.h"
 #include "opcda/Server.h"
+#include "slikda/Identity.h"
 
 namespace quelm::opcda {
 
@@ -244,6 +245,31 @@ HResult Group::setDatatypes(std::span<const std::uint32_t> handles, std::span<co
 
 HResult Group::refuseDeadbands(std::span<const std::uint32_t> handles, std::vector<HResult>& errors) {
     return forEach(handles, errors, [](std::size_t, std::uint32_t, Slot&) { return OPC_E_DEADBANDNOTSUPPORTED; });
+}
+
+HResult Group::setSamplingRates(std::span<const std::uint32_t> handles, std::span<const std::uint32_t> rates,
+                                std::vector<std::uint32_t>& revised, std::vector<HResult>& errors) {
+    revised.assign(handles.size(), 0);
+    return forEach(handles, errors, [&](std::size_t i, std::uint32_t, Slot& slot) {
+        slot.hasSamplingRate = true;
+        revised[i] = identity::scanRateMilliseconds;
+        return rates[i] == revised[i] ? S_OK : OPC_S_UNSUPPORTEDRATE;
+    });
+}
+
+HResult Group::samplingRates(std::span<const std::uint32_t> handles, std::vector<std::uint32_t>& rates,
+                             std::vector<HResult>& errors) {
+    rates.assign(handles.size(), 0);
+    return forEach(handles, errors, [&](std::size_t i, std::uint32_t, const Slot& slot) {
+        rates[i] = slot.hasSamplingRate ? identity::scanRateMilliseconds : 0;
+        return slot.hasSamplingRate ? S_OK : OPC_E_RATENOTSET;
+    });
+}
+
+HResult Group::clearSamplingRates(std::span<const std::uint32_t> handles, std::vector<HResult>& errors) {
+    return forEach(handles, errors, [](std::size_t, std::uint32_t, Slot& slot) {
+        return std::exchange(slot.hasSamplingRate, false) ? S_OK : OPC_E_RATENOTSET;
+    });
 }
 
 HResult Group::enumerateItems(Enumerator<ItemAttributes>& items) const {

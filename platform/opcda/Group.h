@@ -194,6 +194,16 @@ class Group : public std::enable_shared_from_this<Group> {
     // OPC_E_DEADBANDNOTSUPPORTED for each item, as none has an engineering range. No handle at all is E_INVALIDARG.
     HResult refuseDeadbands(std::span<const std::uint32_t> handles, std::vector<HResult>& errors);
 
+    // The rate at which items are sampled, in milliseconds: that of the passes, whatever is asked for. rates and
+    // revised are of one length with the handles; 0 for a bad handle. S_FALSE where an item has no S_OK:
+    // OPC_S_UNSUPPORTEDRATE for another rate, OPC_E_RATENOTSET where the item was given none. No handle at all is
+    // E_INVALIDARG.
+    HResult setSamplingRates(std::span<const std::uint32_t> handles, std::span<const std::uint32_t> rates,
+                             std::vector<std::uint32_t>& revised, std::vector<HResult>& errors);
+    HResult samplingRates(std::span<const std::uint32_t> handles, std::vector<std::uint32_t>& rates,
+                          std::vector<HResult>& errors);
+    HResult clearSamplingRates(std::span<const std::uint32_t> handles, std::vector<HResult>& errors);
+
     // Calls sink(const ItemReading&) once for each handle, in order. S_OK, or S_FALSE when an item has an error.
     // An inactive item, and every item of an inactive group, comes with quality "out of service".
     template <class Sink>
@@ -271,6 +281,7 @@ class Group : public std::enable_shared_from_this<Group> {
         VarType type = VT_EMPTY;           // what to deliver: the canonical type when the client asked for none
         std::uint16_t generation = 0;      // 1 to 4095
         bool active = false;
+        bool hasSamplingRate = false;  // the client gave it one
     };
     // A handle is a slot number and the slot's generation, so that the handle of a removed item is known as dead.
     static constexpr unsigned slotBits = 20;

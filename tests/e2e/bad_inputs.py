@@ -23,8 +23,8 @@ import attacks  # noqa: E402
 import harness  # noqa: E402
 from impacket import ntlm  # noqa: E402
 from impacket.spnego import SPNEGO_NegTokenInit, TypesMech  # noqa: E402
-from impacket_session import (CLASS_ID, IENUM_STRING, IOPC_ASYNC_IO3, IOPC_BROWSE, IOPC_GROUP_STATE,  # noqa: E402
-                              IOPC_ITEM_DEADBAND, IOPC_ITEM_MGT, IOPC_ITEM_PROPERTIES, IOPC_SERVER, IOPC_SYNC_IO,
+from impacket_session import (CLASS_ID, IDATA_OBJECT, IENUM_STRING, IOPC_ASYNC_IO, IOPC_ASYNC_IO3,  # noqa: E402
+                              IOPC_BROWSE, IOPC_GROUP_STATE, IOPC_ITEM_DEADBAND, IOPC_ITEM_SAMPLING, IOPC_ITEM_MGT, IOPC_ITEM_PROPERTIES, IOPC_SERVER, IOPC_SYNC_IO,
                               IOPC_SYNC_IO2, Writer)
 from raw_rpc import (ACTIVATION, ACTIVATOR, ALTER_CONTEXT, AUTH3, BIND, BIND_NAK, FAULT, OBJECT_EXPORTER,  # noqa: E402
                      OBJECTS, REM_UNKNOWN, RESPONSE, Raw, answer_to, bind, contexts, pdu, request, with_log_on)
@@ -39,7 +39,7 @@ ICONNECTION_POINT = 'B196B286-BAB4-101A-B69C-00AA00341D07'
 IOPC_DATA_CALLBACK = '39C13A70-011E-11D0-9675-0020AFD8ADB3'
 ON_SERVER = [IOPC_SERVER, IOPC_BROWSE, attacks.IOPC_ITEM_IO, IOPC_ITEM_PROPERTIES, IOPC_COMMON, ICONNECTION_POINTS]
 ON_GROUP = [IOPC_ITEM_MGT, IOPC_SYNC_IO, IOPC_SYNC_IO2, IOPC_GROUP_STATE, IOPC_GROUP_STATE2, IOPC_ASYNC_IO2, IOPC_ASYNC_IO3,
-            IOPC_ITEM_DEADBAND, ICONNECTION_POINTS]
+            IOPC_ITEM_DEADBAND, IOPC_ITEM_SAMPLING, IOPC_ASYNC_IO, IDATA_OBJECT, ICONNECTION_POINTS]
 ALL = ON_SERVER + ON_GROUP + [IENUM_STRING, attacks.IENUM_ITEMS, ICONNECTION_POINT, REM_UNKNOWN, REM_UNKNOWN2]
 METHODS = range(3, 13)
 CALLS = 40  # on one connection before the next begins, since mangled calls may release the objects
@@ -106,6 +106,7 @@ def well_formed():
         IOPC_ASYNC_IO2: asynchronous,
         IOPC_ASYNC_IO3: {**asynchronous, 9: doubled, 10: vqt, 11: doubled},
         IOPC_ITEM_DEADBAND: {3: doubled, 4: handles, 5: handles},
+        IOPC_ITEM_SAMPLING: {3: doubled, 4: handles, 5: handles, 6: doubled, 7: handles},
         IENUM_STRING: {3: number, 4: number, 5: nothing, 6: nothing},
     }
     return {(ALL.index(iid), opnum): bytes(stub.data) for iid, methods in taken.items() for opnum, stub in methods.items()}

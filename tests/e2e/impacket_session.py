@@ -24,6 +24,7 @@ IOPC_ASYNC_IO3 = '0967B97B-36EF-423E-B6F8-6BFF1E40D39D'
 IOPC_ASYNC_IO = '39C13A53-011E-11D0-9675-0020AFD8ADB3'
 IDATA_OBJECT = '0000010E-0000-0000-C000-000000000046'
 IOPC_ITEM_DEADBAND = '5946DA93-8B39-4EC8-AB3D-AA73DF5BC86F'
+IOPC_ITEM_SAMPLING = '3E22D313-F08B-41A5-86C8-95E95CB49FFC'
 CALLBACKS = {'group': IOPC_DATA_CALLBACK, 'server': IOPC_SHUTDOWN}
 
 
@@ -181,6 +182,13 @@ class Session(Client):
         replies = [group.call(3, given), group.call(4, self.items_asked(items)), group.call(5, self.items_asked(items))]
         asked = replies[1].array(lambda: replies[1].get('f'))
         return [asked, *([reply.hresults(), reply.u32()] for reply in replies)]
+
+    def sampling(self, rate, items):
+        """What comes of giving each item a rate and asking for it."""
+        group = self.group.query(IOPC_ITEM_SAMPLING)
+        given = self.items_asked(items).u32(len(items)).put('I', *[rate] * len(items))
+        replies = [group.call(3, given), group.call(4, self.items_asked(items))]
+        return [[reply.array(reply.u32), reply.hresults(), reply.u32()] for reply in replies]
 
     def remove_group(self, force=True):
         return self.server.call(7, Writer().u32(self.group_handle, force)).u32()

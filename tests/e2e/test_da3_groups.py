@@ -7,6 +7,7 @@ from plant import EXPECTED
 from test_callbacks import CALLER, E_FAIL, INVALID_HANDLE, S_FALSE, S_OK, Called
 
 ANY, NO_DEADBAND, BAD = 0xFFFFFFFF, 0xC0040401, 4711
+PASSES, UNSUPPORTED_RATE = 20_000, 0x0004000D
 OLD = 60_000  # milliseconds; a pass is never so long ago
 
 
@@ -31,6 +32,8 @@ class Groups(Called):
         self.assertEqual(client('write_vqt', value=1.5, items=some), {'errors': [E_FAIL, INVALID_HANDLE], 'result': S_FALSE})
         self.assertEqual(client('deadbands', percent=5.0, items=some),
                          [[0, 0], *[[[NO_DEADBAND, INVALID_HANDLE], S_FALSE]] * 3])
+        self.assertEqual(client('sampling', rate=500, items=some), [
+            [[PASSES, 0], [UNSUPPORTED_RATE, INVALID_HANDLE], S_FALSE], [[PASSES, 0], [S_OK, INVALID_HANDLE], S_FALSE]])
 
         for operation, arguments, call in (('read_aged_later', {'ages': [ANY, OLD, 0]}, 'OnReadComplete'),
                                            ('read_aged_later', {'ages': [OLD] * 3}, 'OnReadComplete'),

@@ -323,4 +323,46 @@ Reply<Errors> IOPCItemDeadbandMgt::ClearItemDeadband(Handles handles) const {
                   [&](Writer& out) { writeCounted(out, handles); });
 }
 
+Reply<Sampling> IOPCItemSamplingMgt::sampling(wire::ItemSamplingMgt opnum, std::string_view method, std::size_t count,
+                                              const Write& parameters) const {
+    Answer answer = ask(opnum, method, parameters);
+    Reply<Sampling> reply;
+    reply.out.numbers =
+        readArray<std::uint32_t>(answer.in(), count, sizeof(std::uint32_t), [](Reader& each) { return each.u32(); });
+    reply.out.errors = readErrors(answer.in(), count);
+    reply.result = answer.done();
+    return reply;
+}
+
+Reply<Sampling> IOPCItemSamplingMgt::SetItemSamplingRate(Handles handles, std::span<const std::uint32_t> rates) const {
+    return sampling(wire::ItemSamplingMgt::SetItemSamplingRate, "IOPCItemSamplingMgt::SetItemSamplingRate",
+                    handles.size(), [&](Writer& out) {
+                        writeCounted(out, handles);
+                        writeNumbers(out, rates);
+                    });
+}
+
+Reply<Sampling> IOPCItemSamplingMgt::GetItemSamplingRate(Handles handles) const {
+    return sampling(wire::ItemSamplingMgt::GetItemSamplingRate, "IOPCItemSamplingMgt::GetItemSamplingRate",
+                    handles.size(), [&](Writer& out) { writeCounted(out, handles); });
+}
+
+Reply<Errors> IOPCItemSamplingMgt::ClearItemSamplingRate(Handles handles) const {
+    return errors(wire::ItemSamplingMgt::ClearItemSamplingRate, "IOPCItemSamplingMgt::ClearItemSamplingRate",
+                  handles.size(), [&](Writer& out) { writeCounted(out, handles); });
+}
+
+Reply<Errors> IOPCItemSamplingMgt::SetItemBufferEnable(Handles handles, std::span<const std::uint32_t> enable) const {
+    return errors(wire::ItemSamplingMgt::SetItemBufferEnable, "IOPCItemSamplingMgt::SetItemBufferEnable",
+                  handles.size(), [&](Writer& out) {
+                      writeCounted(out, handles);
+                      writeNumbers(out, enable);
+                  });
+}
+
+Reply<Sampling> IOPCItemSamplingMgt::GetItemBufferEnable(Handles handles) const {
+    return sampling(wire::ItemSamplingMgt::GetItemBufferEnable, "IOPCItemSamplingMgt::GetItemBufferEnable",
+                    handles.size(), [&](Writer& out) { writeCounted(out, handles); });
+}
+
 }  // namespace quelm::opcda::client

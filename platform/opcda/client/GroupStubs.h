@@ -10,6 +10,7 @@
 #include "opcda/wire/GroupStateMgtInterface.h"
 #include "opcda/wire/ItemDeadbandMgtInterface.h"
 #include "opcda/wire/ItemMgtInterface.h"
+#include "opcda/wire/ItemSamplingMgtInterface.h"
 #include "opcda/wire/SyncIo2Interface.h"
 
 namespace quelm::opcda::client {
@@ -178,6 +179,28 @@ class IOPCItemDeadbandMgt : public Stub {
     Reply<Errors> SetItemDeadband(Handles handles, std::span<const float> percent) const;
     Reply<Deadbands> GetItemDeadband(Handles handles) const;
     Reply<Errors> ClearItemDeadband(Handles handles) const;
+};
+
+// Rates in milliseconds, or whether samples are buffered.
+struct Sampling {
+    Maybe<std::vector<std::uint32_t>> numbers;
+    Errors errors;
+};
+
+class IOPCItemSamplingMgt : public Stub {
+ public:
+    static constexpr Uuid iid = wire::iidOpcItemSamplingMgt;
+    using Stub::Stub;
+
+    Reply<Sampling> SetItemSamplingRate(Handles handles, std::span<const std::uint32_t> rates) const;
+    Reply<Sampling> GetItemSamplingRate(Handles handles) const;
+    Reply<Errors> ClearItemSamplingRate(Handles handles) const;
+    Reply<Errors> SetItemBufferEnable(Handles handles, std::span<const std::uint32_t> enable) const;
+    Reply<Sampling> GetItemBufferEnable(Handles handles) const;
+
+ private:
+    Reply<Sampling> sampling(wire::ItemSamplingMgt opnum, std::string_view method, std::size_t count,
+                             const Write& parameters) const;
 };
 
 }  // namespace quelm::opcda::client

@@ -1,6 +1,7 @@
 #include "opcda/wire/DataObjectInterface.h"
 
 #include "opcda/Group.h"
+#include "opcda/wire/EnumeratorObjects.h"
 #include "opcda/wire/OpcGroupObject.h"
 #include "opcda/wire/Parameters.h"
 #include "opcda/wire/StreamFormats.h"
@@ -29,6 +30,31 @@ Fault DataObjectInterface::refuseFormat(Reader& in, Writer& out, CallContext& co
 Fault DataObjectInterface::refuseMedium(Reader& in, Writer& out, CallContext& context) {
     writeNoMedium(out);
     return refuse(in, out, context);
+}
+
+Fault DataObjectInterface::query(Reader& in, Writer& out, CallContext& /*context*/) {
+    const AskedFormat format = readFormat(in);
+    if (!in.good()) {
+        return Fault::BadStubData;
+    }
+    out.hresult(object_.isGone() ? E_FAIL : !format.stream ? DV_E_FORMATETC : !format.inMemory ? DV_E_TYMED : S_OK);
+    return Fault::None;
+}
+
+// What may be asked for; nothing is taken.
+Fault DataObjectInterface::enumerate(Reader& in, Writer& out, CallContext& context) {
+    constexpr std::uint32_t asking = 1;
+    const std::uint32_t direction = in.u32();
+    if (!in.good()) {
+        return Fault::BadStubData;
+    }
+    if (object_.isGone() || direction != asking) {
+        return writeNoInterface(out, object_.isGone() ? E_FAIL : E_NOTIMPL);
+    }
+    out.hresult(writeEnumerator<EnumFormats>(out, context, iidEnumFormats, object_.memory(),
+                                             Enumerator<Stream>({Stream::values, Stream::timedValues, Stream::writes}),
+                                             S_OK));
+    return Fault::None;
 }
 
 // The flags with which a client may ask for less than all values from now on are passed over.

@@ -1,7 +1,8 @@
 #pragma once
 
-// IDataObject of a group, where clients of data access 1.0 give their sinks, each for one stream, and take them back.
-// Its other methods move data between programs in ways that such clients never ask a group for.
+// IDataObject of a group, where clients of data access 1.0 see which streams there are, give their sinks, each for one
+// stream, and take them back. Its other methods move data between programs in ways that such clients never ask a group
+// for.
 
 #include <span>
 
@@ -43,6 +44,8 @@ class DataObjectInterface final : public dcom::orpc::Dispatched<DataObjectInterf
     dcom::Fault refuseObject(dcom::ndr::Reader& in, dcom::ndr::Writer& out, dcom::orpc::CallContext& context);
     dcom::Fault refuseFormat(dcom::ndr::Reader& in, dcom::ndr::Writer& out, dcom::orpc::CallContext& context);
     dcom::Fault refuseMedium(dcom::ndr::Reader& in, dcom::ndr::Writer& out, dcom::orpc::CallContext& context);
+    dcom::Fault query(dcom::ndr::Reader& in, dcom::ndr::Writer& out, dcom::orpc::CallContext& context);
+    dcom::Fault enumerate(dcom::ndr::Reader& in, dcom::ndr::Writer& out, dcom::orpc::CallContext& context);
     dcom::Fault advise(dcom::ndr::Reader& in, dcom::ndr::Writer& out, dcom::orpc::CallContext& context);
     dcom::Fault unadvise(dcom::ndr::Reader& in, dcom::ndr::Writer& out, dcom::orpc::CallContext& context);
     HResult connect(Stream stream, std::span<const std::uint8_t> reference, const dcom::orpc::CallContext& context,
@@ -54,10 +57,10 @@ class DataObjectInterface final : public dcom::orpc::Dispatched<DataObjectInterf
     static constexpr std::array methods{
         Row{Opnum::GetData, "GetData", &DataObjectInterface::refuseMedium},
         Row{Opnum::GetDataHere, "GetDataHere", &DataObjectInterface::refuseMedium},
-        Row{Opnum::QueryGetData, "QueryGetData", &DataObjectInterface::refuse},
+        Row{Opnum::QueryGetData, "QueryGetData", &DataObjectInterface::query},
         Row{Opnum::GetCanonicalFormatEtc, "GetCanonicalFormatEtc", &DataObjectInterface::refuseFormat},
         Row{Opnum::SetData, "SetData", &DataObjectInterface::refuse},
-        Row{Opnum::EnumFormatEtc, "EnumFormatEtc", &DataObjectInterface::refuseObject},
+        Row{Opnum::EnumFormatEtc, "EnumFormatEtc", &DataObjectInterface::enumerate},
         Row{Opnum::DAdvise, "DAdvise", &DataObjectInterface::advise},
         Row{Opnum::DUnadvise, "DUnadvise", &DataObjectInterface::unadvise},
         Row{Opnum::EnumDAdvise, "EnumDAdvise", &DataObjectInterface::refuseObject},

@@ -3,6 +3,7 @@
 #include <vector>
 
 #include "opcda/wire/Parameters.h"
+#include "opcda/wire/StreamFormats.h"
 #include "opcda/wire/WireVariant.h"
 
 namespace quelm::opcda::wire {
@@ -220,6 +221,27 @@ void EnumConnections::next(std::uint32_t wanted, Writer& out, CallContext& /*con
         out.u32(length);
         out.u32(length);
         out.bytes(connection.reference);
+    }
+    out.align(4);
+    writeFetched(out, wanted, part.size());
+    list_.skip(part.size());
+}
+
+EnumFormats::EnumFormats(Enumerator<Stream> streams, Hold memory)
+    : ListEnumerator(iidEnumFormats, std::move(streams), std::move(memory)) {}
+
+void EnumFormats::next(std::uint32_t wanted, Writer& out, CallContext& /*context*/) {
+    const auto part = list_.ahead(wanted);
+    ReplyRoom room(out, memoryLeft());
+    if (!room.has(part.size() * streamHeadSize)) {
+        return refuseVarying(out, room, wanted);
+    }
+    writeVaryingHead(out, wanted, part.size());
+    for (std::size_t i = 0; i < part.size(); ++i) {
+        writeFormat(out);
+    }
+    for (const Stream stream : part) {
+        writeFormatName(out, stream);
     }
     out.align(4);
     writeFetched(out, wanted, part.size());

@@ -11,6 +11,7 @@
 
 #include "dcom/orpc/MethodTable.h"
 #include "dcom/orpc/OrpcTypes.h"
+#include "opcda/Callbacks.h"
 #include "opcda/Enumerators.h"
 #include "opcda/Group.h"
 #include "opcda/wire/ConnectionPointObject.h"
@@ -22,6 +23,7 @@ using namespace literals;
 
 inline constexpr Uuid iidEnumUnknown = "00000100-0000-0000-C000-000000000046"_uuid;
 inline constexpr Uuid iidEnumString = "00000101-0000-0000-C000-000000000046"_uuid;
+inline constexpr Uuid iidEnumFormats = "00000103-0000-0000-C000-000000000046"_uuid;
 inline constexpr Uuid iidEnumOpcItemAttributes = "39C13A55-011E-11D0-9675-0020AFD8ADB3"_uuid;
 inline constexpr Uuid iidEnumConnectionPoints = "B196B285-BAB4-101A-B69C-00AA00341D07"_uuid;
 inline constexpr Uuid iidEnumConnections = "B196B287-BAB4-101A-B69C-00AA00341D07"_uuid;
@@ -72,6 +74,7 @@ inline constexpr std::array enumeratorRows{
     InterfaceRow{iidEnumOpcItemAttributes, "IEnumOPCItemAttributes", methodNames<EnumeratorObject>},
     InterfaceRow{iidEnumConnectionPoints, "IEnumConnectionPoints", methodNames<EnumeratorObject>},
     InterfaceRow{iidEnumConnections, "IEnumConnections", methodNames<EnumeratorObject>},
+    InterfaceRow{iidEnumFormats, "IEnumFORMATETC", methodNames<EnumeratorObject>},
 };
 
 template <class Self, class Element>
@@ -138,6 +141,15 @@ struct ConnectionData {
 class EnumConnections final : public ListEnumerator<EnumConnections, ConnectionData> {
  public:
     explicit EnumConnections(Enumerator<ConnectionData> connections, Hold memory = {});
+
+ private:
+    void next(std::uint32_t wanted, dcom::ndr::Writer& out, dcom::orpc::CallContext& context) override;
+};
+
+// IEnumFORMATETC: the streams of a group.
+class EnumFormats final : public ListEnumerator<EnumFormats, Stream> {
+ public:
+    explicit EnumFormats(Enumerator<Stream> streams, Hold memory = {});
 
  private:
     void next(std::uint32_t wanted, dcom::ndr::Writer& out, dcom::orpc::CallContext& context) override;

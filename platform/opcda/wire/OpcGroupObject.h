@@ -14,6 +14,7 @@
 #include "opcda/wire/GroupStateMgtInterface.h"
 #include "opcda/wire/ItemDeadbandMgtInterface.h"
 #include "opcda/wire/ItemMgtInterface.h"
+#include "opcda/wire/ItemSamplingMgtInterface.h"
 #include "opcda/wire/OfferedInterfaces.h"
 #include "opcda/wire/SyncIo2Interface.h"
 
@@ -24,10 +25,10 @@ class OpcServerObject;
 class OpcGroupObject final : public dcom::orpc::ComObject, public Connectable {
  public:
     // What clients may ask it for.
-    using Interfaces =
-        OfferedInterfaces<SyncIoInterface, ItemMgtInterface, GroupStateMgtInterface, AsyncIo2Interface,
-                          ConnectionPointContainerInterface, GroupStateMgt2Interface, SyncIo2Interface,
-                          AsyncIo3Interface, ItemDeadbandMgtInterface, AsyncIoInterface, DataObjectInterface>;
+    using Interfaces = OfferedInterfaces<SyncIoInterface, ItemMgtInterface, GroupStateMgtInterface, AsyncIo2Interface,
+                                         ConnectionPointContainerInterface, GroupStateMgt2Interface, SyncIo2Interface,
+                                         AsyncIo3Interface, ItemDeadbandMgtInterface, ItemSamplingMgtInterface,
+                                         AsyncIoInterface, DataObjectInterface>;
 
     // connections: of the group, whichever objects it has had.
     OpcGroupObject(std::weak_ptr<OpcServerObject> owner, std::shared_ptr<Group> group, OutgoingCalls& outgoing,

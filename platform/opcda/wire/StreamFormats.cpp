@@ -24,6 +24,8 @@ enum Handover : std::uint32_t { byNumber = 0x48746457, byContents = 0x52746457 }
 constexpr std::uint32_t blockOfMemory = 1;  // among the media
 constexpr std::uint32_t contents = 1;       // among the views
 constexpr std::uint32_t whole = 0xFFFFFFFF;
+// A format's on this machine, of no meaning on another one.
+constexpr std::uint32_t formatNumber = 0xC001;
 
 // What stands behind a pointer to it stands on a multiple of 8 where some clients write it, and of 4 where others do.
 std::string readName(Reader& in) {
@@ -67,6 +69,21 @@ AskedFormat readFormat(Reader& in) {
     return asked;
 }
 
+void writeFormat(Writer& out) {
+    out.pointer();  // the format's name
+    out.nullPointer();
+    out.u32(contents);
+    out.u32(whole);
+    out.u32(blockOfMemory);
+}
+
+void writeFormatName(Writer& out, Stream stream) {
+    out.align(4);
+    out.u32(byContents);
+    out.u32(formatNumber);
+    out.wideString(formatNames.at(static_cast<std::size_t>(stream)));
+}
+
 void writeNoFormat(Writer& out) {
     out.pointer();
     for (int field = 0; field < 4; ++field) {
@@ -84,18 +101,10 @@ void writeNoMedium(Writer& out) {
 
 void writeStreamHead(Writer& out, Stream stream, std::size_t size) {
     // Of no meaning here, but what is told twice is compared.
-    constexpr std::uint32_t number = 0xC001;
     constexpr std::uint32_t handle = 0x00030004;
     out.pointer();
-    out.pointer();  // the format's name
-    out.nullPointer();
-    out.u32(contents);
-    out.u32(whole);
-    out.u32(blockOfMemory);
-    out.align(8);
-    out.u32(byContents);
-    out.u32(number);
-    out.wideString(formatNames.at(static_cast<std::size_t>(stream)));
+    writeFormat(out);
+    writeFormatName(out, stream);
     out.align(4);
     out.pointer();
     out.pointer();  // the medium, as what stands for it

@@ -22,6 +22,10 @@ struct AskedFormat {
 // An [in] FORMATETC. What it is to be drawn on, which view and which part of it are passed over: streams have neither.
 AskedFormat readFormat(dcom::ndr::Reader& in);
 
+// A stream's FORMATETC, which differ only in what its pointer points to, and that.
+void writeFormat(dcom::ndr::Writer& out);
+void writeFormatName(dcom::ndr::Writer& out, Stream stream);
+
 // A FORMATETC and a STGMEDIUM that say nothing, as the results of a method that has none to give.
 void writeNoFormat(dcom::ndr::Writer& out);
 void writeNoMedium(dcom::ndr::Writer& out);

@@ -70,6 +70,7 @@ struct Show {
     static std::string of(const ItemStates& states) { return all(states.items, states.errors); }
     static std::string of(const Transaction& transaction) { return all(transaction.cancelId != 0, transaction.errors); }
     static std::string of(const Deadbands& deadbands) { return all(deadbands.percent, deadbands.errors); }
+    static std::string of(const Sampling& sampling) { return all(sampling.numbers, sampling.errors); }
     static std::string of(const ItemAttributes& item) {
         return all(item.accessPath, item.itemId, item.active, item.clientHandle, typeName(item.canonicalType));
     }
@@ -182,6 +183,11 @@ inline std::vector<Call> groupCalls(const std::vector<std::uint32_t>& handles) {
         CALL(IOPCItemDeadbandMgt, SetItemDeadband, handles, percents),
         CALL(IOPCItemDeadbandMgt, GetItemDeadband, handles),
         CALL(IOPCItemDeadbandMgt, ClearItemDeadband, handles),
+        CALL(IOPCItemSamplingMgt, SetItemSamplingRate, handles, numbers),
+        CALL(IOPCItemSamplingMgt, GetItemSamplingRate, handles),
+        CALL(IOPCItemSamplingMgt, ClearItemSamplingRate, handles),
+        CALL(IOPCItemSamplingMgt, SetItemBufferEnable, handles, numbers),
+        CALL(IOPCItemSamplingMgt, GetItemBufferEnable, handles),
         CALL(IOPCItemMgt, AddItems, definitions),
         CALL(IOPCItemMgt, CreateEnumerator, IEnumOPCItemAttributes::iid),
         CALL(IOPCItemMgt, RemoveItems, handles),

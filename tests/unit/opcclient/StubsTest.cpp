@@ -76,6 +76,11 @@ IOPCAsyncIO3::RefreshMaxAge: S_OK 6
 IOPCItemDeadbandMgt::SetItemDeadband: S_FALSE [OPC_E_DEADBANDNOTSUPPORTED, OPC_E_DEADBANDNOTSUPPORTED]
 IOPCItemDeadbandMgt::GetItemDeadband: S_FALSE ([0, 0], [OPC_E_DEADBANDNOTSUPPORTED, OPC_E_DEADBANDNOTSUPPORTED])
 IOPCItemDeadbandMgt::ClearItemDeadband: S_FALSE [OPC_E_DEADBANDNOTSUPPORTED, OPC_E_DEADBANDNOTSUPPORTED]
+IOPCItemSamplingMgt::SetItemSamplingRate: S_FALSE ([20000, 20000], [OPC_S_UNSUPPORTEDRATE, OPC_S_UNSUPPORTEDRATE])
+IOPCItemSamplingMgt::GetItemSamplingRate: S_OK ([20000, 20000], [S_OK, S_OK])
+IOPCItemSamplingMgt::ClearItemSamplingRate: S_OK [S_OK, S_OK]
+IOPCItemSamplingMgt::SetItemBufferEnable: OPC_E_NOBUFFERING null
+IOPCItemSamplingMgt::GetItemBufferEnable: OPC_E_NOBUFFERING (null, null)
 IOPCItemMgt::AddItems: S_FALSE ([('VT_I4', 1), ('VT_EMPTY', 0)], [S_OK, OPC_E_INVALIDITEMID])
 IOPCItemMgt::CreateEnumerator: S_OK object
 IOPCItemMgt::RemoveItems: S_OK [S_OK, S_OK]

@@ -106,6 +106,28 @@ TEST_F(OpcWire, SupportsNoDeadbandOfAnItem) {
     EXPECT_HEX(call(ItemDeadbandMgt::ClearItemDeadband, Parameters().counted(handles)).bytes, "04000200" + errors);
 }
 
+// Whatever is asked for, items are sampled by the passes.
+TEST_F(OpcWire, RevisesSamplingRatesToThatOfThePasses) {
+    addGroup("g");
+    const Handles handles{addItems({"Flow"}).at(0), 0xBAD};
+    const std::string none = "04000200 02000000 00000000 00000000 08000200 02000000 050404C0 010004C0 01000000";
+    const std::string revised = "04000200 02000000 204E0000 00000000 08000200 02000000 ";
+    const auto asked = [&](std::uint32_t rate) { return Parameters().counted(handles).u32(2).u32(rate).u32(rate); };
+    EXPECT_HEX(call(ItemSamplingMgt::GetItemSamplingRate, Parameters().counted(handles)).bytes, none);
+    EXPECT_HEX(call(ItemSamplingMgt::SetItemSamplingRate, asked(0)).bytes, revised + "0D000400 010004C0 01000000");
+    EXPECT_HEX(call(ItemSamplingMgt::SetItemSamplingRate, asked(20000)).bytes, revised + "00000000 010004C0 01000000");
+    EXPECT_HEX(call(ItemSamplingMgt::GetItemSamplingRate, Parameters().counted(handles)).bytes,
+               revised + "00000000 010004C0 01000000");
+    for (const char* error : {"00000000", "050404C0"}) {
+        EXPECT_HEX(call(ItemSamplingMgt::ClearItemSamplingRate, Parameters().counted(handles)).bytes,
+                   "04000200 02000000 " + std::string(error) + "010004C0 01000000");
+    }
+    EXPECT_HEX(call(ItemSamplingMgt::GetItemSamplingRate, Parameters().counted(handles)).bytes, none);
+    EXPECT_HEX(call(ItemSamplingMgt::SetItemBufferEnable, asked(1)).bytes, "00000000 020404C0");
+    EXPECT_HEX(call(ItemSamplingMgt::GetItemBufferEnable, Parameters().counted(handles)).bytes,
+               "00000000 00000000 020404C0");
+}
+
 TEST_F(OpcWire, RefusesWritesItemByItem) {
     addGroup("g");
     auto handles = addItems({"A.Count", "Name"});

@@ -107,6 +107,14 @@ class HostileStub : public OpcWire {
             {ItemDeadbandMgt::SetItemDeadband, all().counted(handles_).array(handles_)},
             {ItemDeadbandMgt::GetItemDeadband, all().counted(handles_)},
             {ItemDeadbandMgt::ClearItemDeadband, all().counted(handles_)},
+            {ItemSamplingMgt::SetItemSamplingRate, all().counted(handles_).array(handles_)},
+            {ItemSamplingMgt::GetItemSamplingRate, all().counted(handles_)},
+            {ItemSamplingMgt::ClearItemSamplingRate, all().counted(handles_)},
+            {ItemSamplingMgt::SetItemBufferEnable, all().counted(handles_).array(handles_)},
+            {ItemSamplingMgt::GetItemBufferEnable, all().counted(handles_)},
+            {DataObject::QueryGetData,
+             all().hex("72657355 00000000 01000000 FFFFFFFF 01000000 57647452 23C10000").text("OPCSTMFORMATDATA")},
+            {DataObject::EnumFormatEtc, all().u32(1)},
             {ConnectionPointContainer::FindConnectionPoint, all().uuid(iidOpcDataCallback)},
             {{iidConnectionPoint, ConnectionPoint::Advise}, all().u32(1).u32(8).u32(8).hex("4D454F57 01000000")},
             {{iidConnectionPoint, ConnectionPoint::Unadvise}, all().u32(1)},
@@ -196,14 +204,15 @@ TEST_F(HostileStub, ARemovedGroupAnswersEverythingWithFailure) {
     for (const Request& each : ownRequests()) {
         if (group_->queryInterface(each.iid) != nullptr) {
             SCOPED_TRACE(::testing::Message() << each);
-            const bool hasTwo = each.is(SyncIo::Read) || each.is(ItemMgt::AddItems) ||
-                                each.is(ItemMgt::ValidateItems) || each.is(AsyncIo2::Read) ||
-                                each.is(AsyncIo2::Write) || each.is(AsyncIo3::ReadMaxAge) ||
-                                each.is(AsyncIo3::WriteVqt) || each.is(ItemDeadbandMgt::GetItemDeadband) ||
-                                each.is(AsyncIo::Read) || each.is(AsyncIo::Write);
+            const bool hasTwo =
+                each.is(SyncIo::Read) || each.is(ItemMgt::AddItems) || each.is(ItemMgt::ValidateItems) ||
+                each.is(AsyncIo2::Read) || each.is(AsyncIo2::Write) || each.is(AsyncIo3::ReadMaxAge) ||
+                each.is(AsyncIo3::WriteVqt) || each.is(ItemDeadbandMgt::GetItemDeadband) ||
+                each.is(ItemSamplingMgt::SetItemSamplingRate) || each.is(ItemSamplingMgt::GetItemSamplingRate) ||
+                each.is(ItemSamplingMgt::GetItemBufferEnable) || each.is(AsyncIo::Read) || each.is(AsyncIo::Write);
             const bool hasNone = each.is(GroupStateMgt::SetName) || each.is(AsyncIo2::Cancel2) ||
                                  each.is(AsyncIo2::SetEnable) || each.is(AsyncIo::Cancel) ||
-                                 each.is(DataObject::DUnadvise);
+                                 each.is(DataObject::DUnadvise) || each.is(DataObject::QueryGetData);
             // Null pointers for what would be given.
             const Bytes nothing(each.is(SyncIo2::ReadMaxAge) ? 16 : hasTwo ? 8 : hasNone ? 0 : 4);
             EXPECT_HEX(send(each, each.stub).bytes, Parameters().add(nothing).hresult(E_FAIL));

@@ -22,6 +22,7 @@ TEST_F(OpcWire, TooManyItemsAreRefusedBeforeTheyAreRead) {
                              Case{SyncIo2::ReadMaxAge, Parameters().u32(many), fourArrays},
                              Case{AsyncIo3::ReadMaxAge, Parameters().u32(many), twoArrays},
                              Case{ItemDeadbandMgt::GetItemDeadband, Parameters().u32(many), twoArrays},
+                             Case{ItemSamplingMgt::SetItemSamplingRate, Parameters().u32(many), twoArrays},
                              Case{AsyncIo2::Read, Parameters().u32(many), twoArrays},
                              Case{AsyncIo2::Write, Parameters().u32(many), twoArrays},
                              Case{ItemMgt::AddItems, Parameters().u32(many), twoArrays},

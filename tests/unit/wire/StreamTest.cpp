@@ -89,6 +89,30 @@ TEST_F(Streams, AreAdvisedEachForItselfAndAsked) {
     EXPECT_TRUE(remotes_.objects.at(2)->calls.empty());
 }
 
+TEST_F(Streams, AreToldToWhoAsks) {
+    for (const char* name : {"OPCSTMFORMATDATA", "opcstmformatdatatime", "OPCSTMFORMATWRITECOMPLETE"}) {
+        EXPECT_HEX(call(DataObject::QueryGetData, request(name)).bytes, "00000000") << name;
+    }
+    call(DataObject::EnumFormatEtc, Parameters().u32(1));
+    const auto next = [&](std::uint32_t wanted) {
+        return call(*context_.written.back(), {iidEnumFormats, Enumeration::Next}, Parameters().u32(wanted)).bytes;
+    };
+    const std::string rest = " 00000000 01000000 FFFFFFFF 01000000";
+    EXPECT_HEX(next(1), Parameters()
+                            .hex("01000000 00000000 01000000 04000200" + rest + "57647452 01C00000")
+                            .text("OPCSTMFORMATDATA")
+                            .align(4)
+                            .hex("01000000 00000000"));
+    EXPECT_HEX(next(9), Parameters()
+                            .hex("09000000 00000000 02000000 04000200" + rest + "08000200" + rest + "57647452 01C00000")
+                            .text("OPCSTMFORMATDATATIME")
+                            .align(4)
+                            .hex("57647452 01C00000")
+                            .text("OPCSTMFORMATWRITECOMPLETE")
+                            .align(4)
+                            .hex("02000000 01000000"));
+}
+
 TEST_F(Streams, RefuseWhatTheyDoNotHave) {
     const struct {
         Method method;
@@ -105,12 +129,13 @@ TEST_F(Streams, RefuseWhatTheyDoNotHave) {
         {DataObject::DAdvise, request("OPCSTMFORMATDATA").u32(0), "00000000 57000780"},
         {DataObject::GetData, {}, "04000200 00000000 00000000 01400080"},
         {DataObject::GetDataHere, {}, "04000200 00000000 00000000 01400080"},
-        {DataObject::QueryGetData, {}, "01400080"},
+        {DataObject::QueryGetData, request("OPCSTMFORMAT"), "64000480"},
+        {DataObject::QueryGetData, request("OPCSTMFORMATDATA", 4, 4), "69000480"},
         {DataObject::GetCanonicalFormatEtc,
          {},
          "04000200 00000000 00000000 00000000 00000000 57647448 00000000 01400080"},
         {DataObject::SetData, {}, "01400080"},
-        {DataObject::EnumFormatEtc, {}, "00000000 01400080"},
+        {DataObject::EnumFormatEtc, Parameters().u32(2), "00000000 01400080"},
         {DataObject::EnumDAdvise, {}, "00000000 01400080"},
     };
     for (const auto& [method, request, reply] : cases) {

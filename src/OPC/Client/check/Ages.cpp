@@ -1,4 +1,4 @@
-// Area 14: what OPC DA 3.0 has added: reads by maximum age, signs of life, deadbands of items.
+// Area 14: what OPC DA 3.0 has added: reads by maximum age, signs of life, deadbands and sampling rates of items.
 
 #include <algorithm>
 #include <array>
@@ -195,7 +195,42 @@ void deadbands(Stage& stage, Findings& found) {
                 {{S_OK, OPC_E_DEADBANDNOTSUPPORTED, OPC_E_DEADBANDNOTSET}, {OPC_E_INVALIDHANDLE}});
 }
 
-constexpr std::array<Case, 12> cases{{
+void samplingRates(Stage& stage, Findings& found) {
+    const Group group = stage.groupOf(1);
+    const auto mgt = stage.asOffered<IOPCItemSamplingMgt>(group.state);
+    const std::array handles{group.items.front(), ~group.items.front()};
+    const auto unset = mgt.GetItemSamplingRate(handles);
+    found.codes("GetItemSamplingRate", unset.result, unset.out.errors, {{OPC_E_RATENOTSET}, {OPC_E_INVALIDHANDLE}});
+    const auto set = mgt.SetItemSamplingRate(handles, std::array{0U, 0U});
+    found.codes("SetItemSamplingRate(0)", set.result, set.out.errors,
+                {{S_OK, OPC_S_UNSUPPORTEDRATE}, {OPC_E_INVALIDHANDLE}});
+    const auto get = mgt.GetItemSamplingRate(handles);
+    found.codes("GetItemSamplingRate", get.result, get.out.errors, {{S_OK}, {OPC_E_INVALIDHANDLE}});
+    found.need(set.out.numbers.has_value() && get.out.numbers.has_value(), "no rates came");
+    found.equal("the rate", get.out.numbers->front(), set.out.numbers->front());
+    const auto clear = mgt.ClearItemSamplingRate(handles);
+    found.codes("ClearItemSamplingRate", clear.result, clear.out, {{S_OK}, {OPC_E_INVALIDHANDLE}});
+    const auto gone = mgt.GetItemSamplingRate(handles);
+    found.codes("GetItemSamplingRate", gone.result, gone.out.errors, {{OPC_E_RATENOTSET}, {OPC_E_INVALIDHANDLE}});
+}
+
+void noBuffering(Stage& stage, Findings& found) {
+    const Group group = stage.groupOf(1);
+    const auto mgt = stage.asOffered<IOPCItemSamplingMgt>(group.state);
+    const std::array handles{group.items.front()};
+    const auto set = mgt.SetItemBufferEnable(handles, std::array{1U});
+    if (!failed(set.result)) {
+        found.skip("the server buffers");
+        return;
+    }
+    found.result("SetItemBufferEnable", set.result, {OPC_E_NOBUFFERING});
+    found.expect(!set.out.has_value(), "errors came with it");
+    const auto get = mgt.GetItemBufferEnable(handles);
+    found.result("GetItemBufferEnable", get.result, {OPC_E_NOBUFFERING});
+    found.expect(!get.out.numbers.has_value() && !get.out.errors.has_value(), "something came with it");
+}
+
+constexpr std::array<Case, 14> cases{{
     {167, Version::Da3, "IOPCItemIO::Read by any age, by none", "S_OK; a value", itemIoRead},
     {168, Version::Da3, "IOPCItemIO::Read(item, unknown one, empty id)",
      "S_FALSE, S_OK, OPC_E_UNKNOWNITEMID, OPC_E_INVALIDITEMID", itemIoWrongIds},
@@ -210,6 +245,10 @@ constexpr std::array<Case, 12> cases{{
     {178, Version::Da3, "SetKeepAlive(0)", "S_OK, 0; none any more", noneAnyMore},
     {179, Version::Da3, "deadbands of an item, of a wrong handle", "not supported or kept; OPC_E_INVALIDHANDLE",
      deadbands},
+    {180, Version::Da3, "sampling rate of an item: Get, Set(0), Get, Clear, Get",
+     "OPC_E_RATENOTSET; revised; that; S_OK; OPC_E_RATENOTSET", samplingRates},
+    {181, Version::Da3, "SetItemBufferEnable, GetItemBufferEnable without buffering", "OPC_E_NOBUFFERING; nothing else",
+     noBuffering},
 }};
 
 }  // namespace

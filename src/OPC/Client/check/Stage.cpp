@@ -20,7 +20,7 @@ struct Named {
     const char* name;
 };
 
-const std::array<Named, 21> named{{{IOPCServer::iid, "IOPCServer"},
+const std::array<Named, 22> named{{{IOPCServer::iid, "IOPCServer"},
                                    {IOPCCommon::iid, "IOPCCommon"},
                                    {IOPCBrowseServerAddressSpace::iid, "IOPCBrowseServerAddressSpace"},
                                    {IOPCItemProperties::iid, "IOPCItemProperties"},
@@ -36,6 +36,7 @@ const std::array<Named, 21> named{{{IOPCServer::iid, "IOPCServer"},
                                    {IOPCAsyncIO2::iid, "IOPCAsyncIO2"},
                                    {IOPCAsyncIO3::iid, "IOPCAsyncIO3"},
                                    {IOPCItemDeadbandMgt::iid, "IOPCItemDeadbandMgt"},
+                                   {IOPCItemSamplingMgt::iid, "IOPCItemSamplingMgt"},
                                    {IOPCServerList::iid, "IOPCServerList"},
                                    {IOPCServerList2::iid, "IOPCServerList2"},
                                    {IEnumString::iid, "IEnumString"},
