@@ -212,6 +212,7 @@ Group Stage::groupOf(std::size_t items, const GroupRequest& request) {
 Group Stage::groupWith(const std::vector<std::string>& ids, const GroupRequest& request, VarType type) {
     Group made = group(request);
     std::vector<ItemDefinition> definitions;
+    definitions.reserve(ids.size());
     for (const std::string& id : ids) {
         definitions.push_back({id, "", true, 100 + static_cast<std::uint32_t>(definitions.size()), type, {}});
     }
