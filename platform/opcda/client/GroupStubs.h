@@ -30,14 +30,7 @@ struct GroupState {
 };
 
 // What SetState is to change; nothing is a null pointer: it stays.
-struct GroupChange {
-    std::optional<std::uint32_t> updateRate;
-    std::optional<bool> active;
-    std::optional<std::int32_t> timeBias;
-    std::optional<float> percentDeadband;
-    std::optional<std::uint32_t> localeId;
-    std::optional<std::uint32_t> clientHandle;
-};
+using opcda::GroupChange;
 
 class IOPCGroupStateMgt : public Stub {
  public:

@@ -3,6 +3,7 @@
 
 #include "base/Utf.h"
 #include "opcda/client/Value.h"
+#include "opcda/wire/VariantForm.h"
 #include "opcda/wire/WireVariant.h"
 
 namespace quelm::opcda::client {
@@ -12,28 +13,7 @@ using dcom::ndr::Writer;
 
 namespace {
 
-constexpr VarType VT_BYREF = 0x4000;
-
-// The kinds of elements of a marshalled array.
-enum ArrayKind : std::uint32_t {
-    OfShorts = 2,
-    OfLongs = 3,
-    OfTexts = 8,
-    OfDispatches = 9,
-    OfVariants = 12,
-    OfUnknowns = 13,
-    OfBytes = 16,
-    OfHypers = 20,
-    OfInterfaces = 0x800D,  // unknowns that are all of one named interface
-};
-
-// Array features: the element type is stated; the elements are texts, or variants.
-constexpr std::uint16_t featureHaveType = 0x0080;
-constexpr std::uint16_t featureTexts = 0x0100;
-constexpr std::uint16_t featureVariants = 0x0800;
-
-// How deep variants may stand in each other before an answer counts as malformed.
-constexpr int deepest = 8;
+using enum wire::ArrayKind;
 
 Value readBody(Reader& in, int depth);
 
@@ -273,7 +253,7 @@ void readContents(Reader& in, VarType type, int depth, Value& value) {
 }
 
 Value readBody(Reader& in, int depth) {
-    if (depth > deepest) {
+    if (depth > wire::deepestVariant) {
         in.fail();
         return {};
     }
@@ -281,16 +261,16 @@ Value readBody(Reader& in, int depth) {
     in.u32();  // size
     in.u32();  // reserved
     Value value;
-    value.type = static_cast<VarType>(in.u16() & ~VT_BYREF);
+    value.type = static_cast<VarType>(in.u16() & ~wire::VT_BYREF);
     in.bytes(6);  // reserved
     const std::uint32_t arm = in.u32();
-    const auto type = static_cast<VarType>(arm & ~std::uint32_t{VT_BYREF});
+    const auto type = static_cast<VarType>(arm & ~std::uint32_t{wire::VT_BYREF});
     const bool fits = (type & VT_ARRAY) != 0 ? value.isArray() : type == value.type;
     if (!in.good() || arm > 0xFFFF || !fits) {
         in.fail();
         return {};
     }
-    if ((arm & VT_BYREF) == 0 || in.pointer()) {
+    if ((arm & wire::VT_BYREF) == 0 || in.pointer()) {
         readContents(in, type, depth, value);
     }
     return in.good() ? value : Value();
@@ -386,7 +366,9 @@ void writeArray(Writer& out, const Value& value) {
     out.pointer();
     out.u32(1);  // dimensions, as conformance and as field
     out.u16(1);
-    out.u16(featureHaveType | (type == VT_BSTR ? featureTexts : type == VT_VARIANT ? featureVariants : 0));
+    out.u16(wire::featureHaveType | (type == VT_BSTR      ? wire::featureTexts
+                                     : type == VT_VARIANT ? wire::featureVariants
+                                                          : 0));
     out.u32(static_cast<std::uint32_t>(type == VT_VARIANT ? 16 : type == VT_BSTR ? 4 : sizeOf(type)));
     out.u32(std::uint32_t{type} << 16);  // no locks, and the type in the free half
     out.u32(kindOf(type));

@@ -11,94 +11,58 @@ using dcom::ndr::Reader;
 using dcom::ndr::Writer;
 using dcom::orpc::CallContext;
 
-namespace {
-
-// Beside the errors: nothing where the call as a whole failed.
-void writeRates(Writer& out, HResult result, const std::vector<std::uint32_t>& rates) {
-    if (failed(result)) {
-        out.nullPointer();
-    } else {
-        writeU32Array(out, rates);
-    }
-}
-
-}  // namespace
-
 ItemSamplingMgtInterface::ItemSamplingMgtInterface(OpcGroupObject& object) : group_(object.group()) {}
 
-// The handles, and the numbers that go with them. E_OUTOFMEMORY: more than one call may have, and nothing is read.
-HResult ItemSamplingMgtInterface::readItems(Second second, Reader& in, CallBuffers& buffers) {
+// ask: gives the call's result, and fills the numbers and errors of the loan.
+template <class Ask>
+Fault ItemSamplingMgtInterface::answer(Wanted wanted, Given given, Reader& in, Writer& out, Ask&& ask) {
+    const CallBuffers::Loan buffers(group_.application().callBuffers());
     const std::uint32_t count = in.u32();
-    if (count > group_.application().itemsPerCall()) {
-        return E_OUTOFMEMORY;
+    HResult result = E_OUTOFMEMORY;
+    if (count <= group_.application().itemsPerCall()) {
+        readU32Array(in, count, buffers->handles);
+        if (wanted == Wanted::Numbers) {
+            readU32Array(in, count, buffers->wanted);
+        }
+        if (!in.good()) {
+            return Fault::BadStubData;
+        }
+        result = ask(*buffers);
     }
-    readU32Array(in, count, buffers.handles);
-    if (second == Second::Given) {
-        readU32Array(in, count, buffers.wanted);
+    if (given == Given::Numbers && failed(result)) {
+        out.nullPointer();
+    } else if (given == Given::Numbers) {
+        writeU32Array(out, buffers->numbers);
     }
-    return S_OK;
+    writeErrors(out, result, buffers->errors);
+    return Fault::None;
 }
 
 Fault ItemSamplingMgtInterface::setRate(Reader& in, Writer& out, CallContext& /*context*/) {
-    const CallBuffers::Loan buffers(group_.application().callBuffers());
-    HResult result = readItems(Second::Given, in, *buffers);
-    if (!in.good()) {
-        return Fault::BadStubData;
-    }
-    if (!failed(result)) {
-        result = group_.setSamplingRates(buffers->handles, buffers->wanted, buffers->numbers, buffers->errors);
-    }
-    writeRates(out, result, buffers->numbers);
-    writeErrors(out, result, buffers->errors);
-    return Fault::None;
+    return answer(Wanted::Numbers, Given::Numbers, in, out, [this](CallBuffers& buffers) {
+        return group_.setSamplingRates(buffers.handles, buffers.wanted, buffers.numbers, buffers.errors);
+    });
 }
 
 Fault ItemSamplingMgtInterface::getRate(Reader& in, Writer& out, CallContext& /*context*/) {
-    const CallBuffers::Loan buffers(group_.application().callBuffers());
-    HResult result = readItems(Second::None, in, *buffers);
-    if (!in.good()) {
-        return Fault::BadStubData;
-    }
-    if (!failed(result)) {
-        result = group_.samplingRates(buffers->handles, buffers->numbers, buffers->errors);
-    }
-    writeRates(out, result, buffers->numbers);
-    writeErrors(out, result, buffers->errors);
-    return Fault::None;
+    return answer(Wanted::Nothing, Given::Numbers, in, out, [this](CallBuffers& buffers) {
+        return group_.samplingRates(buffers.handles, buffers.numbers, buffers.errors);
+    });
 }
 
 Fault ItemSamplingMgtInterface::clearRate(Reader& in, Writer& out, CallContext& /*context*/) {
-    const CallBuffers::Loan buffers(group_.application().callBuffers());
-    HResult result = readItems(Second::None, in, *buffers);
-    if (!in.good()) {
-        return Fault::BadStubData;
-    }
-    if (!failed(result)) {
-        result = group_.clearSamplingRates(buffers->handles, buffers->errors);
-    }
-    writeErrors(out, result, buffers->errors);
-    return Fault::None;
+    return answer(Wanted::Nothing, Given::Errors, in, out,
+                  [this](CallBuffers& buffers) { return group_.clearSamplingRates(buffers.handles, buffers.errors); });
 }
 
 Fault ItemSamplingMgtInterface::setBuffer(Reader& in, Writer& out, CallContext& /*context*/) {
-    const CallBuffers::Loan buffers(group_.application().callBuffers());
-    const HResult result = readItems(Second::Given, in, *buffers);
-    if (!in.good()) {
-        return Fault::BadStubData;
-    }
-    writeErrors(out, group_.isRemoved() ? E_FAIL : failed(result) ? result : OPC_E_NOBUFFERING, {});
-    return Fault::None;
+    return answer(Wanted::Numbers, Given::Errors, in, out,
+                  [this](CallBuffers&) { return group_.isRemoved() ? E_FAIL : OPC_E_NOBUFFERING; });
 }
 
 Fault ItemSamplingMgtInterface::getBuffer(Reader& in, Writer& out, CallContext& /*context*/) {
-    const CallBuffers::Loan buffers(group_.application().callBuffers());
-    const HResult result = readItems(Second::None, in, *buffers);
-    if (!in.good()) {
-        return Fault::BadStubData;
-    }
-    out.nullPointer();
-    writeErrors(out, group_.isRemoved() ? E_FAIL : failed(result) ? result : OPC_E_NOBUFFERING, {});
-    return Fault::None;
+    return answer(Wanted::Nothing, Given::Numbers, in, out,
+                  [this](CallBuffers&) { return group_.isRemoved() ? E_FAIL : OPC_E_NOBUFFERING; });
 }
 
 }  // namespace quelm::opcda::wire

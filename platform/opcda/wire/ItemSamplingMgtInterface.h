@@ -4,7 +4,6 @@
 // between two passes nobody knows, and nothing is buffered.
 
 #include "dcom/orpc/MethodTable.h"
-#include "opcda/CallBuffers.h"
 #include "opcda/Group.h"
 
 namespace quelm::opcda::wire {
@@ -37,8 +36,11 @@ class ItemSamplingMgtInterface final : public dcom::orpc::Dispatched<ItemSamplin
     dcom::Fault clearRate(dcom::ndr::Reader& in, dcom::ndr::Writer& out, dcom::orpc::CallContext& context);
     dcom::Fault setBuffer(dcom::ndr::Reader& in, dcom::ndr::Writer& out, dcom::orpc::CallContext& context);
     dcom::Fault getBuffer(dcom::ndr::Reader& in, dcom::ndr::Writer& out, dcom::orpc::CallContext& context);
-    enum class Second : std::uint8_t { None, Given };
-    HResult readItems(Second second, dcom::ndr::Reader& in, CallBuffers& buffers);
+    // What goes with the handles, and what is given for each beside its error.
+    enum class Wanted : std::uint8_t { Nothing, Numbers };
+    enum class Given : std::uint8_t { Errors, Numbers };
+    template <class Ask>
+    dcom::Fault answer(Wanted wanted, Given given, dcom::ndr::Reader& in, dcom::ndr::Writer& out, Ask&& ask);
 
     Group& group_;
 

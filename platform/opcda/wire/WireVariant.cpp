@@ -1,5 +1,7 @@
 #include "opcda/wire/WireVariant.h"
 
+#include "opcda/wire/VariantForm.h"
+
 namespace quelm::opcda::wire {
 
 using dcom::ndr::Reader;
@@ -11,25 +13,6 @@ namespace {
 constexpr VarType VT_DISPATCH = 9;
 constexpr VarType VT_VARIANT = 12;
 constexpr VarType VT_UNKNOWN = 13;
-constexpr VarType VT_BYREF = 0x4000;
-
-// The kinds of elements of a marshalled array.
-enum ArrayKind : std::uint32_t {
-    OfShorts = 2,
-    OfLongs = 3,
-    OfTexts = 8,
-    OfDispatches = 9,
-    OfVariants = 12,
-    OfUnknowns = 13,
-    OfBytes = 16,
-    OfHypers = 20,
-    OfInterfaces = 0x800D,  // unknowns that are all of one named interface
-};
-
-// Array features: the element type is stated; the elements are texts.
-constexpr std::uint16_t featureHaveType = 0x0080;
-constexpr std::uint16_t featureTexts = 0x0100;
-
 constexpr std::size_t headSize = 20;  // up to and including the discriminant
 
 // Starts a body of so many bytes, head included, all zero behind the head.
@@ -111,9 +94,6 @@ void writeDecimal(Writer& out, const Decimal& value) {
     at = put(at, value.high);
     put(at, value.low);
 }
-
-// How deep variants may stand in arrays of variants before a request counts as malformed.
-constexpr int deepest = 8;
 
 void skipBody(Reader& in, int depth);
 
@@ -256,7 +236,7 @@ void skipValue(Reader& in, std::uint32_t type, int depth) {
 }
 
 void skipBody(Reader& in, int depth) {
-    if (depth > deepest) {
+    if (depth > deepestVariant) {
         in.fail();
         return;
     }

@@ -3,21 +3,18 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <sys/stat.h>
-#include <termios.h>
 #include <unistd.h>
 
 #include <array>
 #include <cstdlib>
 #include <cstring>
 
+#include "base/PasswordPrompt.h"
 #include "dcom/ntlm/Crypto.h"
 
 namespace quelm::opcclient {
 
 namespace {
-
-constexpr std::size_t longestPassword = 1024;
-constexpr char interruptCharacter = '\x03';
 
 class Descriptor {
  public:
@@ -35,32 +32,6 @@ class Descriptor {
     int number_;
 };
 
-// What is typed does not show for this object's lifetime; Ctrl-C comes as a character, so that it cannot leave the
-// terminal silent.
-class NoEcho {
- public:
-    explicit NoEcho(int terminal) : terminal_(terminal), changed_(tcgetattr(terminal, &before_) == 0) {
-        if (changed_) {
-            termios silent = before_;
-            silent.c_lflag &= ~static_cast<tcflag_t>(ECHO | ISIG);
-            changed_ = tcsetattr(terminal_, TCSAFLUSH, &silent) == 0;
-        }
-    }
-    NoEcho(const NoEcho&) = delete;
-    NoEcho& operator=(const NoEcho&) = delete;
-    ~NoEcho() {
-        if (changed_) {
-            tcsetattr(terminal_, TCSAFLUSH, &before_);
-        }
-    }
-    bool holds() const { return changed_; }
-
- private:
-    int terminal_;
-    termios before_{};
-    bool changed_;
-};
-
 void wipe(std::string& secret) {
     explicit_bzero(secret.data(), secret.size());
     secret.clear();
@@ -73,7 +44,7 @@ std::string firstLine(int descriptor) {
     char next = 0;
     while (line.size() < longestPassword && read(descriptor, &next, 1) == 1 && next != '\n') {
         line.push_back(next);
-        if (next == interruptCharacter) {
+        if (next == NoEcho::interruption) {
             break;
         }
     }
@@ -111,7 +82,7 @@ std::string asked(const Options& options) {
     }
     std::string password = firstLine(terminal);
     const bool ended = write(terminal, "\n", 1) == 1;
-    if (!ended || password.find(interruptCharacter) != std::string::npos) {
+    if (!ended || password.find(NoEcho::interruption) != std::string::npos) {
         wipe(password);
         throw Interruption();
     }

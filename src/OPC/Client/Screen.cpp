@@ -8,6 +8,8 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "dcom/Printable.h"
+
 namespace quelm::opcclient {
 
 namespace {
@@ -36,31 +38,6 @@ std::string_view escapeOf(Tone tone) {
     return "";
 }
 
-// Bytes of the UTF-8 sequence that begins here, 0 where none does.
-std::size_t sequenceLength(std::string_view text) {
-    const auto lead = static_cast<unsigned char>(text.front());
-    const std::size_t length = lead < 0x80                   ? 1
-                               : lead >= 0xF0 && lead < 0xF5 ? 4
-                               : lead >= 0xE0                ? 3
-                               : lead >= 0xC2                ? 2
-                                                             : 0;
-    if (length > text.size() || lead >= 0xF5) {
-        return 0;
-    }
-    for (std::size_t i = 1; i < length; ++i) {
-        if ((static_cast<unsigned char>(text[i]) & 0xC0U) != 0x80) {
-            return 0;
-        }
-    }
-    return length;
-}
-
-bool isControl(std::string_view sequence) {
-    const auto first = static_cast<unsigned char>(sequence[0]);
-    return first < 0x20 || first == 0x7F ||
-           (sequence.size() == 2 && first == 0xC2 && static_cast<unsigned char>(sequence[1]) < 0xA0);
-}
-
 void put(std::FILE* stream, std::string_view text) {
     std::fwrite(text.data(), 1, text.size(), stream);
 }
@@ -68,18 +45,7 @@ void put(std::FILE* stream, std::string_view text) {
 }  // namespace
 
 std::string printable(std::string_view text) {
-    std::string out;
-    out.reserve(text.size());
-    while (!text.empty()) {
-        const std::size_t length = sequenceLength(text);
-        if (length == 0 || isControl(text.substr(0, length))) {
-            out += '?';
-        } else {
-            out += text.substr(0, length);
-        }
-        text.remove_prefix(length == 0 ? 1 : length);
-    }
-    return out;
+    return dcom::printable(text, text.size());
 }
 
 Screen::Screen(bool color)

@@ -97,6 +97,11 @@ std::vector<std::string_view> linesOf(std::string_view text) {
     return lines;
 }
 
+// What the text's last line lacks.
+std::string_view endOfLine(std::string_view text) {
+    return text.empty() || text.ends_with('\n') || text.ends_with('\r') ? "" : "\n";
+}
+
 }  // namespace
 
 AccountFile::AccountFile(std::string path) : path_(std::move(path)) {
@@ -159,51 +164,42 @@ void AccountFile::set(std::string_view name, std::string_view password) {
                         "answers to any domain",
                         shownSetting(name)));
     }
-    const Layout layout = layoutOf(text_);
-    std::string result;
-    int number = 0;
-    bool isIn = false;
-    for (const std::string_view each : linesOf(text_)) {
-        ++number;
-        const auto isAccount = [&](const Place& account) {
-            return account.line == number && folded(account.name) == folded(name);
-        };
-        if (std::none_of(layout.accounts.begin(), layout.accounts.end(), isAccount)) {
-            result += each;
-        } else if (!isIn) {
-            result += line + '\n';
-            isIn = true;
-        }
-        if (!has(name) && layout.end == number) {
-            if (!result.ends_with('\n') && !result.ends_with('\r')) {
-                result += '\n';
-            }
-            result += line + '\n';
-            isIn = true;
-        }
-    }
-    if (!isIn) {
-        result += (result.empty() || result.ends_with('\n') ? "" : "\n") + std::string("\n[Accounts]\n") + line + '\n';
-    }
-    text_.swap(result);
-    explicit_bzero(result.data(), result.size());
+    replace(name, line + '\n');
 }
 
 void AccountFile::remove(std::string_view name) {
     if (!has(name)) {
         throw AccountTrouble(fmt::format("there is no account '{}'", shownSetting(name)));
     }
+    replace(name, "");
+}
+
+// The account's line, or lines, become this one. An account that is new goes behind the others.
+void AccountFile::replace(std::string_view name, std::string_view line) {
     const Layout layout = layoutOf(text_);
+    const std::string wanted = folded(name);
+    std::vector<int> its;
+    for (const Place& account : layout.accounts) {
+        if (folded(account.name) == wanted) {
+            its.push_back(account.line);
+        }
+    }
+    const int place = !its.empty() ? its.front() : layout.end.value_or(0);
     std::string result;
     int number = 0;
     for (const std::string_view each : linesOf(text_)) {
         ++number;
-        const auto isAccount = [&](const Place& account) {
-            return account.line == number && folded(account.name) == folded(name);
-        };
-        if (std::none_of(layout.accounts.begin(), layout.accounts.end(), isAccount)) {
+        if (std::find(its.begin(), its.end(), number) == its.end()) {
             result += each;
         }
+        if (number == place) {
+            result += endOfLine(result);
+            result += line;
+        }
+    }
+    if (place == 0) {
+        result += endOfLine(result);
+        result += fmt::format("\n[Accounts]\n{}", line);
     }
     text_.swap(result);
     explicit_bzero(result.data(), result.size());

@@ -37,6 +37,8 @@ class AccountFile {
     void save() const;
 
  private:
+    void replace(std::string_view name, std::string_view line);
+
     std::string path_;
     std::string text_;
 };

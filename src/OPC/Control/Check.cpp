@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
+#include <map>
 #include <memory>
 #include <string_view>
 
@@ -52,15 +53,17 @@ class Checker {
     CheckResult run() {
         SystemINI ini(systemIni_, thisComputer(), [this](std::string_view line) { problem("Quelm.ini", line); });
         const bool isReadable = ini.ReadINI(0, true);
+        bool isSelected = false;
         if (isReadable) {
-            if (!ini.SelectDAHS(0, true)) {
+            isSelected = ini.SelectDAHS(0, true);
+            if (!isSelected) {
                 problem("Quelm.ini", "[OPC-0130] Cannot select DAHS entry in INI file");
             }
             checkLogFolder(ini.LogFolder());
         }
         checkNetwork();
         if (isReadable) {
-            checkSites(ini);
+            checkSites(ini, isSelected);
         }
         return std::move(result_);
     }
@@ -76,7 +79,7 @@ class Checker {
     void checkLogFolder(std::string folder);
     void checkNetwork();
     void checkPort(const std::string& address, std::uint16_t port);
-    void checkSites(const SystemINI& ini);
+    void checkSites(const SystemINI& ini, bool isSelected);
     void checkSite(const DAHSEntry& entry, const std::shared_ptr<DBIL>& dbil);
     void checkItems(const DAHSEntry& entry, const std::shared_ptr<DBIL>& dbil, CheckedSite& site);
 
@@ -164,18 +167,24 @@ void Checker::checkPort(const std::string& address, std::uint16_t port) {
     ::close(descriptor);
 }
 
-void Checker::checkSites(const SystemINI& ini) {
+void Checker::checkSites(const SystemINI& ini, bool isSelected) {
     const auto dbil = std::make_shared<DBIL>(builtInSqlDrivers(ini.DatabaseTimeouts()),
                                              [this](std::string_view line) { problem(area_, line); });
     dbil->Initialize("quelmctl");
-    for (const DAHSEntry& entry : ini.AllDAHS()) {
-        const auto isSame = [&](const CheckedSite& site) { return site.siteID == entry.SiteID; };
-        if (std::any_of(result_.sites.begin(), result_.sites.end(), isSame)) {
-            problem("Quelm.ini", fmt::format("[OPC-0131] Site {} is already loaded; will not load again; DAHS {} is a "
-                                             "duplicate",
-                                             entry.SiteID, entry.DAHSID));
-        } else {
+    // The selected entry comes first and shows up again in the list.
+    std::vector<DAHSEntry> entries = ini.AllDAHS();
+    if (isSelected) {
+        entries.insert(entries.begin(), ini.SelectedDAHS());
+    }
+    std::map<std::string, std::int32_t> loaded;
+    for (const DAHSEntry& entry : entries) {
+        const auto [site, isNew] = loaded.emplace(entry.SiteID, entry.DAHSID);
+        if (isNew) {
             checkSite(entry, dbil);
+        } else if (site->second != entry.DAHSID) {
+            problem("Quelm.ini",
+                    fmt::format("[OPC-0131] Site {} is already loaded; will not load again; DAHS {} is a duplicate",
+                                entry.SiteID, entry.DAHSID));
         }
     }
     dbil->Terminate();

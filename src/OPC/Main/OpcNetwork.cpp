@@ -210,12 +210,12 @@ struct OpcNetwork::Impl {
     }
 
     // What changes takes the place of what it was where it stands, for log-ons under way look at it.
-    void apply(const dcom::DcomSettings& fresh, const std::function<void(std::string_view)>& log) {
+    void apply(const dcom::DcomSettings& fresh) {
         settings.accounts = fresh.accounts;
         protocol.logOn.allowNtlmV1Ess = fresh.ntlm.allowNtlmV1Ess;
         protocol.logOn.allowAnonymous = fresh.ntlm.allowAnonymous;
         protocol.minimumLevel = fresh.minimumLevel;
-        exporter.change(exporterSettings(fresh, log));
+        exporter.change(exporterSettings(fresh, {}));
         calls = callSettings(fresh);
         for (const std::string& notice : fresh.notices) {
             say(notice);
@@ -368,7 +368,7 @@ void OpcNetwork::reload() {
     } else {
         control_.releaseResident();
     }
-    loop_.post([this, fresh] { impl_->apply(*fresh, [this](std::string_view line) { trouble_.send(line); }); });
+    loop_.post([this, fresh] { impl_->apply(*fresh); });
 }
 
 void OpcNetwork::requestShutdown(std::string_view reason) {

@@ -3,6 +3,7 @@
 #include <pwd.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <iostream>
 
@@ -50,7 +51,7 @@ bool allShown() {
 }
 
 void showProblem(std::string_view line) {
-    std::fprintf(stderr, "iosctl: %s\n", printable(line).c_str());
+    std::fprintf(stderr, "%s: %s\n", program_invocation_short_name, printable(line).c_str());
 }
 
 std::string userName() {

@@ -6,22 +6,22 @@
 #include <string.h>
 
 #include <CLI/CLI.hpp>
-#include <algorithm>
-#include <cstdio>
-#include <nlohmann/json.hpp>
 #include <string>
 
 #include "DB Interface Library/SystemINI.h"
 #include "OPC/Control/AccountFile.h"
 #include "OPC/Control/Check.h"
+#include "OPC/Tools/Json.h"
+#include "OPC/Tools/Terminal.h"
 #include "base/PasswordPrompt.h"
-#include "base/Utf.h"
 #include "dcom/DcomSettings.h"
 
 namespace quelm::control {
 namespace {
 
-using Json = nlohmann::ordered_json;
+using tools::Json;
+using tools::lineOf;
+using tools::showLine;
 
 constexpr int done = 0;
 constexpr int wrong = 1;
@@ -34,23 +34,9 @@ struct Options {
     bool json = false;
 };
 
-// Control characters out of files and databases never reach a terminal.
-void print(std::FILE* to, std::string_view line) {
-    std::string text(line);
-    std::replace_if(
-        text.begin(), text.end(), [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7F; }, ' ');
-    text += '\n';
-    std::fwrite(text.data(), 1, text.size(), to);
-}
-
-void printJson(const Json& json) {
-    const std::string text = json.dump(-1, ' ', false, Json::error_handler_t::replace) + '\n';
-    std::fwrite(text.data(), 1, text.size(), stdout);
-}
-
 void printFindings(std::string_view kind, const std::vector<Finding>& findings) {
     for (const Finding& finding : findings) {
-        print(stdout, fmt::format("{:8} {:10} {}", kind, finding.area, finding.text));
+        showLine(fmt::format("{:8} {:10} {}", kind, finding.area, finding.text));
     }
 }
 
@@ -73,31 +59,30 @@ int runCheck(const Options& options) {
                              {"items", site.items},
                              {"channelRecords", site.fromChannels}});
         }
-        printJson(
-            {{"problems", jsonOf(result.problems)}, {"notes", jsonOf(result.notes)}, {"sites", std::move(sites)}});
+        showLine(lineOf(
+            {{"problems", jsonOf(result.problems)}, {"notes", jsonOf(result.notes)}, {"sites", std::move(sites)}}));
         return result.problems.empty() ? done : wrong;
     }
     for (const CheckedSite& site : result.sites) {
-        print(stdout, site.isReached
-                          ? fmt::format("site     {:10} {} of {} definitions become items; {} channel records",
-                                        site.siteID, site.items, site.definitions, site.fromChannels)
-                          : fmt::format("site     {:10} its databases cannot be reached", site.siteID));
+        showLine(site.isReached ? fmt::format("site     {:10} {} of {} definitions become items; {} channel records",
+                                              site.siteID, site.items, site.definitions, site.fromChannels)
+                                : fmt::format("site     {:10} its databases cannot be reached", site.siteID));
     }
     printFindings("note", result.notes);
     printFindings("problem", result.problems);
-    print(stdout, result.problems.empty()
-                      ? "Nothing is wrong"
-                      : fmt::format("{} problem{}", result.problems.size(), result.problems.size() == 1 ? "" : "s"));
+    showLine(result.problems.empty()
+                 ? "Nothing is wrong"
+                 : fmt::format("{} problem{}", result.problems.size(), result.problems.size() == 1 ? "" : "s"));
     return result.problems.empty() ? done : wrong;
 }
 
 int runList(const Options& options) {
     const std::vector<std::string> names = AccountFile(options.conf).names();
     if (options.json) {
-        printJson({{"accounts", names}});
+        showLine(lineOf({{"accounts", names}}));
     } else {
         for (const std::string& name : names) {
-            print(stdout, name);
+            showLine(name);
         }
     }
     return done;
@@ -105,10 +90,10 @@ int runList(const Options& options) {
 
 int said(const Options& options, std::string_view what) {
     if (options.json) {
-        printJson({{"account", options.account}, {"done", what}});
+        showLine(lineOf({{"account", options.account}, {"done", what}}));
     } else {
-        print(stdout, fmt::format("{}: {}; it counts once the server has read it: systemctl reload quelm-opc-server",
-                                  options.account, what));
+        showLine(fmt::format("{}: {}; it counts once the server has read it: systemctl reload quelm-opc-server",
+                             options.account, what));
     }
     return done;
 }
@@ -171,7 +156,7 @@ int run(int argc, char** argv) {
     } catch (const CLI::ParseError& error) {
         return app.exit(error) == 0 ? done : misunderstood;
     } catch (const AccountTrouble& trouble) {
-        print(stderr, fmt::format("quelmctl: {}", trouble.what()));
+        tools::showProblem(trouble.what());
         return wrong;
     }
 }
