@@ -145,9 +145,9 @@ void passOverPointed(Reader& in, std::uint32_t count) {
     });
 }
 
+// size: bytes of one, never 0.
 template <class T, class ReadOne>
-std::vector<T> readNumbers(Reader& in, std::uint32_t count, VarType type, ReadOne readOne) {
-    const std::size_t size = sizeOf(type);
+std::vector<T> readNumbers(Reader& in, std::uint32_t count, VarType type, std::size_t size, ReadOne readOne) {
     in.align(size);
     if (count > in.remaining() / size) {
         in.fail();
@@ -171,9 +171,9 @@ void readElements(Reader& in, std::uint32_t kind, std::uint32_t count, int depth
         if (size != sizeOf(type)) {
             in.fail();
         } else if (isReal(type)) {
-            value.contents = readNumbers<double>(in, count, type, readReal);
+            value.contents = readNumbers<double>(in, count, type, size, readReal);
         } else {
-            value.contents = readNumbers<std::int64_t>(in, count, type, readInteger);
+            value.contents = readNumbers<std::int64_t>(in, count, type, size, readInteger);
         }
     } else if (kind == OfTexts) {
         value.contents = readPointed<std::string>(in, count, readTextBlob);
