@@ -25,10 +25,12 @@ constexpr std::size_t longestName = 256;         // characters, as a log-on mess
 constexpr std::size_t mostProblems = 50;         // a file of another kind must not swamp the log
 
 constexpr std::array<std::string_view, 3> listenKeys = {"Address", "ActivationPort", "ObjectPort"};
-constexpr std::array<std::string_view, 6> securityKeys = {"MinimumLevel",   "AllowNTLMv1",  "AllowAnonymous",
-                                                          "OpenServerList", "ComputerName", "Domain"};
+constexpr std::array<std::string_view, 8> securityKeys = {
+    "MinimumLevel", "AllowNTLMv1", "AllowAnonymous", "OpenServerList", "ComputerName", "Domain", "Keytab", "Winbind"};
 constexpr std::array<std::string_view, 4> clientsKeys = {"PingTimeout", "FirstPing", "CloseGrace", "KeepRunning"};
+constexpr std::array<std::string_view, 1> itemsKeys = {"SystemBranch"};
 constexpr std::array<std::string_view, 4> callbacksKeys = {"Account", "Secret", "MinimumLevel", "AllowNoLogOn"};
+constexpr std::array<std::string_view, 2> accessKeys = {"Users", "Groups"};
 
 // Sections of settings, which have a place each in the parser.
 struct NamedSection {
@@ -36,18 +38,18 @@ struct NamedSection {
     std::span<const std::string_view> keys;
     std::string_view remedy;
 };
-constexpr std::array<NamedSection, 4> namedSections = {{
+constexpr std::array<NamedSection, 6> namedSections = {{
     {"Listen", listenKeys, "Use Address, ActivationPort or ObjectPort"},
-    {"Security", securityKeys, "Use MinimumLevel, AllowNTLMv1, AllowAnonymous, OpenServerList, ComputerName or Domain"},
+    {"Security", securityKeys,
+     "Use MinimumLevel, AllowNTLMv1, AllowAnonymous, OpenServerList, ComputerName, Domain, Keytab or Winbind"},
     {"Clients", clientsKeys, "Use PingTimeout, FirstPing, CloseGrace or KeepRunning"},
+    {"Items", itemsKeys, "Use SystemBranch"},
     {"Callbacks", callbacksKeys, "Use Account, Secret, MinimumLevel or AllowNoLogOn"},
+    {"Access", accessKeys, "Use Users or Groups"},
 }};
 
 // Seconds. What a client left behind is of no use to anybody for longer than an hour.
 constexpr std::uint32_t longestPeriod = 3600;
-// Windows pings every 120 seconds, and one lost ping must not cost its client everything.
-constexpr std::uint32_t leastPingTimeout = 240;
-
 // Outside text as a problem line may show it: short and on one line.
 std::string shownValue(std::string_view value) {
     const bool plain = characterCount(value) <= 64 && std::none_of(value.begin(), value.end(), [](char c) {
@@ -88,10 +90,6 @@ std::optional<ntlm::NtHash> hashFromHex(std::string_view digits) {
     return hash;
 }
 
-bool isLoopback(const std::string& address) {
-    return address.rfind("127.", 0) == 0;
-}
-
 struct AccountName {
     std::string_view domain;
     std::string_view user;
@@ -127,6 +125,9 @@ class Parser {
     void readListen();
     void readAddresses(std::string_view value);
     void readSecurity();
+    void readKeytab();
+    void readAccess();
+    void readAccessList(std::string_view key, bool (AccessList::*add)(std::string_view), const char* remedy);
     void readCallbacks();
     void readAccount(const IniFile::Key& key);
     void addAccount(const std::string& place, const AccountName& name, const ntlm::NtHash& hash);
@@ -174,11 +175,20 @@ void Parser::parse(const IniFile& file) {
     }
     readListen();
     readSecurity();
+    readAccess();
     readCallbacks();
     readPeriod("PingTimeout", settings_.pingTimeout);
     readPeriod("FirstPing", settings_.firstPing);
     readPeriod("CloseGrace", settings_.closeGrace);
     readSwitch("Clients", "KeepRunning", settings_.keepRunning);
+    readKey("Items", "SystemBranch", [this](const std::string& place, std::string_view value) {
+        if (characterCount(value) <= longestName && value.find('.') == std::string_view::npos) {
+            settings_.systemBranch = value;
+        } else {
+            problem(place, "it is no name of a branch, there are no items about the server",
+                    fmt::format("Write a name of at most {} characters, without a dot", longestName));
+        }
+    });
     for (const IniFile::Key& key : accounts_.keys) {
         readAccount(key);
     }
@@ -207,7 +217,7 @@ void Parser::sortOut(const IniFile::Section& section) {
     if (known == nullptr) {
         problem(section.name.empty() ? "before the first section" : fmt::format("[{}]", shownName(section.name)),
                 "lines outside the known sections are left out",
-                "Use [Listen], [Security], [Clients], [Callbacks] and [Accounts]");
+                "Use [Listen], [Security], [Clients], [Items], [Callbacks], [Access] and [Accounts]");
         return;
     }
     if (section.isRepeated()) {
@@ -322,6 +332,38 @@ void Parser::readSecurity() {
     readSwitch("Security", "OpenServerList", settings_.openServerList);
     readNetBiosName("ComputerName", settings_.ntlm.computerName);
     readNetBiosName("Domain", settings_.ntlm.domainName);
+    readSwitch("Security", "Winbind", settings_.winbind);
+    readKeytab();
+}
+
+void Parser::readKeytab() {
+    readKey("Security", "Keytab", [this](const std::string& place, std::string_view value) {
+        if (value.starts_with('/') && value.find('\0') == std::string_view::npos) {
+            settings_.keytab = value;
+        } else {
+            problem(place, fmt::format("\"{}\" is no full path, no tickets are taken", shownValue(value)),
+                    "Write where the keytab is, such as /etc/quelm/opc.keytab");
+        }
+    });
+}
+
+void Parser::readAccess() {
+    readAccessList("Users", &AccessList::addUser,
+                   "Write DOMAIN\\user, user@dns.name or a SID, with commas between them");
+    readAccessList("Groups", &AccessList::addGroup,
+                   "Write the group's SID, or with Winbind = yes DOMAIN\\group, with commas between them");
+}
+
+void Parser::readAccessList(std::string_view key, bool (AccessList::*add)(std::string_view), const char* remedy) {
+    readKey("Access", key, [&](const std::string& place, std::string_view value) {
+        for (const std::string_view part : splitAtCommas(value)) {
+            if (!part.empty() && !(settings_.access.*add)(part)) {
+                problem(place,
+                        fmt::format("\"{}\" is neither an account's name nor a SID and is left out", shownValue(part)),
+                        remedy);
+            }
+        }
+    });
 }
 
 void Parser::readLevel(std::string_view section, rpc::AuthLevel& level) {
@@ -441,55 +483,6 @@ DcomSettings defaults(std::string_view hostName) {
     settings.ntlm.dnsComputerName = hostName;
     settings.ntlm.dnsDomainName = dot == std::string_view::npos ? "" : hostName.substr(dot + 1);
     return settings;
-}
-
-void noteWhatIsWeakIn(const CallbackSettings& callbacks, std::vector<std::string>& notices) {
-    if (callbacks.minimumLevel < rpc::AuthLevel::Integrity) {
-        notices.emplace_back(
-            "[Callbacks] MinimumLevel = connect: values that clients are called back with are neither signed nor "
-            "sealed "
-            "where the client asks for no more, and can be altered on their way");
-    }
-    if (callbacks.allowNoLogOn) {
-        notices.emplace_back(
-            "[Callbacks] AllowNoLogOn = yes: clients that take no log-on are called back without protection, and "
-            "whoever "
-            "can change what is on its way can pass for such a client");
-    }
-}
-
-void noteWhatIsWeak(DcomSettings& settings) {
-    auto& notices = settings.notices;
-    for (const std::string& address : settings.addresses) {
-        if (!isLoopback(address)) {
-            notices.push_back(fmt::format("[Listen] Address = {}: other machines can reach the server", address));
-        }
-    }
-    if (settings.minimumLevel < rpc::AuthLevel::Integrity) {
-        notices.emplace_back(
-            "[Security] MinimumLevel = connect: calls are neither signed nor sealed and can be "
-            "altered on their way");
-    }
-    if (settings.pingTimeout < leastPingTimeout) {
-        notices.push_back(
-            fmt::format("[Clients] PingTimeout = {}: Windows clients ping every 120 seconds and may lose their objects "
-                        "while they live",
-                        settings.pingTimeout));
-    }
-    if (settings.ntlm.allowNtlmV1Ess) {
-        notices.emplace_back("[Security] AllowNTLMv1 = yes: log-ons with NTLMv1 can be broken by who records them");
-    }
-    if (settings.ntlm.allowAnonymous) {
-        notices.emplace_back("[Security] AllowAnonymous = yes: clients can log on without an account");
-    } else if (settings.accounts.empty()) {
-        notices.emplace_back("[Accounts] holds no usable account: every client is refused");
-    }
-    if (settings.openServerList) {
-        notices.emplace_back(
-            "[Security] OpenServerList = yes: whoever reaches this machine can ask which OPC server it has, without a "
-            "log-on");
-    }
-    noteWhatIsWeakIn(settings.callbacks, notices);
 }
 
 }  // namespace

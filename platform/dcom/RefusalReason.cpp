@@ -20,6 +20,8 @@ constexpr std::string_view useNtlm = "let the client log on by NTLM or Negotiate
 constexpr std::string_view useNtlmV2 = "let the client use NTLMv2";
 constexpr std::string_view useAccount = "let the client log on with an account of {}";
 constexpr std::string_view checkLogOn = "check the client's account and its NTLM settings";
+constexpr std::string_view checkKeytab =
+    "make the keytab that {} names anew, for the account that has the SPN host/ and this machine's name";
 constexpr std::string_view checkLevel =
     "set the client's authentication level to packet integrity or packet privacy, or lower MinimumLevel in {}";
 constexpr std::string_view lookBetween =
@@ -44,6 +46,32 @@ constexpr Row rows[] = {
     {NtlmNotOffered, "it offers log-ons, but none by NTLM", useNtlm},
     {MalformedNegotiation, "its log-on negotiation is malformed", useNtlm},
     {NegotiationWithoutBeginning, "its log-on negotiation has no beginning", useNtlm},
+    {MalformedTicket, "its Kerberos message is malformed, or not the one that DCOM clients send", useNtlm},
+    {TicketExpired, "its Kerberos ticket has expired", "let the client log on to its domain anew, and check its clock"},
+    {ClockSkew, "its clock and this machine's are more than five minutes apart",
+     "set the clocks of both machines from the domain's time"},
+    {OtherService, "its Kerberos ticket is for a service of which the keytab has no key", checkKeytab},
+    {OtherKey, "its Kerberos ticket does not open with the keytab's keys", checkKeytab},
+    {RepeatedTicket, "its Kerberos message was sent before", lookBetween},
+    {OldEncryption, "its Kerberos session is encrypted with RC4 or DES, which are never allowed",
+     "let the domain give AES keys to the account that has the SPN host/ and this machine's name"},
+    {TicketRefused, "its Kerberos ticket is refused ({})", checkKeytab},
+    {NoKeytab, "log-ons with tickets are not possible ({})", "correct the keytab that {} names, and its rights"},
+    {NotAdmitted, "the account is none of those, and a member of none of the groups, that may come in ({})",
+     "add the account to one of the groups, or name it or one of its groups under [Access] in {}"},
+    {NobodyAdmitted, "no account of the domain may come in",
+     "name the domain's users or groups that may under [Access] in {}"},
+    {DomainPassword, "the domain calls its password wrong", "give the client program the account's present password"},
+    {DomainUnknown, "neither this server nor its domain knows the account",
+     "let the client use an account of the domain, or add the account to {}"},
+    {DomainRefused, "the domain refuses the account ({})", "see to the account in the domain"},
+    {DomainAway, "the domain cannot be asked ({})",
+     "see to winbind (\"wbinfo -P\") and the way to the domain's controllers; log-ons with tickets and accounts of "
+     "this "
+     "server's own go on"},
+    {DomainNtlmV1, "NTLMv1 is never passed on to the domain", useNtlmV2},
+    {NoWinbindRight, "winbind does not let this server ask about log-ons",
+     "put the server's user into the group winbindd_priv (usermod -aG winbindd_priv quelm) and restart the server"},
     {NoLogOn, "the client did not log on", useAccount},
     {LogOnIncomplete, "the client called before its log-on was complete", checkLogOn},
     {LevelTooLow, "the level is below {}", checkLevel},

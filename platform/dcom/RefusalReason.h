@@ -28,6 +28,25 @@ enum class RefusalReason : std::uint8_t {
     NtlmNotOffered,
     MalformedNegotiation,
     NegotiationWithoutBeginning,
+    // The log-on with a ticket
+    MalformedTicket,
+    TicketExpired,
+    ClockSkew,
+    OtherService,
+    OtherKey,
+    RepeatedTicket,
+    OldEncryption,
+    TicketRefused,  // the library's words are the detail
+    NoKeytab,       // as above
+    NotAdmitted,    // who may come in is the detail
+    NobodyAdmitted,
+    // The log-on that is passed on to the domain
+    DomainPassword,
+    DomainUnknown,
+    DomainRefused,  // the domain's words are the detail
+    DomainAway,     // why it cannot be asked is the detail
+    DomainNtlmV1,
+    NoWinbindRight,
     // The protection of calls
     NoLogOn,
     LogOnIncomplete,

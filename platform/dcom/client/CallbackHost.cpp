@@ -76,6 +76,7 @@ orpc::ExporterSettings CallbackHost::exporterSettings() const {
     settings.objectPort = port_;
     settings.activationPort = core_.settings.resolverPort == 0 ? port_ : core_.settings.resolverPort;
     settings.hostNames = {address_};
+    settings.announcedAddress = core_.settings.callbackAddress;
     settings.minimumLevel = protocol_.minimumLevel;
     return settings;
 }

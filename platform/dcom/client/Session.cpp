@@ -225,6 +225,14 @@ void Session::interrupt() {
     impl_->core.waiting.interrupt();
 }
 
+void Session::abandon() {
+    impl_->callbacks.reset();
+    for (const auto& [oxid, process] : impl_->core.processes) {
+        process->close();
+    }
+    impl_->core.processes.clear();
+}
+
 std::string Session::callbackAddress() const {
     return impl_->callbacks == nullptr ? std::string() : impl_->callbacks->address();
 }

@@ -120,6 +120,10 @@ class Session {
     // next wait. The session is good for further calls: to let go of what it made in the server.
     void interrupt();
 
+    // Ends as a program does that dies: connections are closed, sinks answer no more, no pings go out, nothing is given
+    // back. For checks of servers. Handles may be let go of and are good for nothing else.
+    void abandon();
+
     // "192.0.2.7:40123": what the server would call. Empty before the first exportObject().
     std::string callbackAddress() const;
     // How the server's machine was reached: "10.0.0.5". Empty before.

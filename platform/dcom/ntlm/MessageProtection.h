@@ -1,20 +1,21 @@
 #pragma once
 
-// Signing and sealing with the keys of one log-on, as seen by whoever sends and receives its messages, whether server
-// or client. Both directions count their messages, so that every message must be given to it, in order.
+// Signing and sealing with the keys of one NTLM log-on, at either end. The signature covers the whole message, header
+// and trailer included, whatever the two ends agreed on.
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <span>
 
+#include "dcom/MessageKeys.h"
+
 namespace quelm::dcom::ntlm {
 
-class MessageProtection {
+class MessageProtection : public MessageKeys {
  public:
     static constexpr std::size_t signatureSize = 16;
     using Signature = std::array<std::uint8_t, signatureSize>;
-
-    virtual ~MessageProtection() = default;
 
     // Outgoing: signature over message.
     virtual void sign(std::span<const std::uint8_t> message, Signature& signature) = 0;
@@ -26,6 +27,25 @@ class MessageProtection {
     // Incoming: decrypts sealed (a part of message, in place) and then verifies as above.
     virtual bool unseal(std::span<std::uint8_t> message, std::span<std::uint8_t> sealed,
                         std::span<const std::uint8_t> signature) = 0;
+
+    std::size_t tokenSize(bool) const final { return signatureSize; }
+    void protect(std::span<std::uint8_t> message, std::span<std::uint8_t> stub, bool seals,
+                 std::span<std::uint8_t> token) final {
+        Signature signature{};
+        if (seals) {
+            seal(message, stub, signature);
+        } else {
+            sign(message, signature);
+        }
+        std::copy(signature.begin(), signature.end(), token.begin());
+    }
+    bool unprotect(std::span<std::uint8_t> message, std::span<std::uint8_t> stub, bool seals,
+                   std::span<std::uint8_t> token) final {
+        if (token.size() != signatureSize) {
+            return false;
+        }
+        return seals ? unseal(message, stub, token) : verify(message, token);
+    }
 
  protected:
     MessageProtection() = default;

@@ -187,7 +187,14 @@ std::optional<AuthenticateMessage> parseAuthenticate(Bytes message) {
     if (!lm || !nt || !domain || !user || !workstation || !sessionKey) {
         return std::nullopt;
     }
-    return AuthenticateMessage{load32(message, 60), *lm, *nt, *sessionKey, std::move(*domain), std::move(*user)};
+    // An odd name of a workstation is none: nobody is refused for it.
+    return AuthenticateMessage{load32(message, 60),
+                               *lm,
+                               *nt,
+                               *sessionKey,
+                               std::move(*domain),
+                               std::move(*user),
+                               nameFrom(workstation).value_or(std::u16string())};
 }
 
 std::optional<std::vector<AvPair>> parseAvPairs(Bytes list) {

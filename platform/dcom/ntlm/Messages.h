@@ -101,6 +101,7 @@ struct AuthenticateMessage {
     Bytes encryptedSessionKey;
     std::u16string domain;
     std::u16string user;
+    std::u16string workstation;
 };
 // Names longer than 256 characters count as malformed: no account has one, and they would swamp the log.
 std::optional<AuthenticateMessage> parseAuthenticate(Bytes message);

@@ -45,10 +45,12 @@ struct ServerContext::Impl {
     Impl(const AccountStore& accounts, const ServerSettings& serverSettings, std::optional<Nonce> fixed)
         : store(accounts), settings(serverSettings), fixedChallenge(fixed) {}
 
-    RefusalReason logOn(Bytes token);
+    RefusalReason logOn(Bytes token, const NtlmAnswer* answer);
     RefusalReason logOnAnonymous(const AuthenticateMessage& message);
     RefusalReason logOnV1(const AuthenticateMessage& message, const NtHash& hash);
     RefusalReason logOnV2(const AuthenticateMessage& message, const NtHash& hash, Bytes token);
+    RefusalReason logOnByDomain(const AuthenticateMessage& message, const NtlmAnswer& answer, Bytes token);
+    RefusalReason enterV2(const AuthenticateMessage& message, Key& baseKey, Bytes token);
     RefusalReason notAcceptedKind(const AuthenticateMessage& message) const;
     RefusalReason missingAccount(std::string_view user) const;
     bool exchangeKeys(const AuthenticateMessage& message, const Key& keyExchangeKey, Key& exported) const;
@@ -65,6 +67,7 @@ struct ServerContext::Impl {
     std::vector<std::uint8_t> negotiateMessage;
     std::vector<std::uint8_t> challengeMessage;
     std::string account;
+    std::optional<Person> person;
     std::optional<MessageSecurity> security;
 };
 
@@ -84,6 +87,7 @@ std::optional<std::vector<std::uint8_t>> ServerContext::challenge(std::span<cons
     self.stage = Impl::Stage::start;
     self.security.reset();
     self.account.clear();
+    self.person.reset();
     const auto asked = parseNegotiate(negotiate);
     if (!asked || (*asked & flags::unicode) == 0) {
         return std::nullopt;
@@ -104,16 +108,35 @@ std::optional<std::vector<std::uint8_t>> ServerContext::challenge(std::span<cons
     return self.challengeMessage;
 }
 
-RefusalReason ServerContext::authenticate(std::span<const std::uint8_t> authenticateMessage) {
+std::optional<NtlmQuestion> ServerContext::question(std::span<const std::uint8_t> authenticateMessage) const {
+    const Impl& self = *impl_;
+    const auto message = parseAuthenticate(authenticateMessage);
+    if (self.stage != Impl::Stage::challenged || !message || (message->flags & flags::unicode) == 0 ||
+        message->user.empty() || message->ntResponse.size() == v1ResponseSize || !clientAvFlags(message->ntResponse)) {
+        return std::nullopt;
+    }
+    NtlmQuestion question{.domain = utf16ToUtf8(message->domain), .user = utf16ToUtf8(message->user)};
+    if (std::optional<NtHash> hash = self.store.find(question.domain, question.user)) {
+        wipe(*hash);
+        return std::nullopt;
+    }
+    question.workstation = utf16ToUtf8(message->workstation);
+    question.challenge = self.serverChallenge;
+    question.lmResponse.assign(message->lmResponse.begin(), message->lmResponse.end());
+    question.ntResponse.assign(message->ntResponse.begin(), message->ntResponse.end());
+    return question;
+}
+
+RefusalReason ServerContext::authenticate(std::span<const std::uint8_t> authenticateMessage, const NtlmAnswer* answer) {
     if (impl_->stage != Impl::Stage::challenged) {
         return RefusalReason::LogOnOutOfTurn;
     }
     // One answer per challenge: a second guess needs a new one.
     impl_->stage = Impl::Stage::refused;
-    return impl_->logOn(authenticateMessage);
+    return impl_->logOn(authenticateMessage, answer);
 }
 
-RefusalReason ServerContext::Impl::logOn(Bytes token) {
+RefusalReason ServerContext::Impl::logOn(Bytes token, const NtlmAnswer* answer) {
     const auto message = parseAuthenticate(token);
     if (!message || (message->flags & flags::unicode) == 0) {
         return RefusalReason::MalformedLogOn;
@@ -130,7 +153,7 @@ RefusalReason ServerContext::Impl::logOn(Bytes token) {
     }
     std::optional<NtHash> hash = store.find(domain, user);
     if (!hash) {
-        return missingAccount(user);
+        return answer != nullptr ? logOnByDomain(*message, *answer, token) : missingAccount(user);
     }
     const RefusalReason reason =
         message->ntResponse.size() == v1ResponseSize ? logOnV1(*message, *hash) : logOnV2(*message, *hash, token);
@@ -181,22 +204,42 @@ RefusalReason ServerContext::Impl::logOnV1(const AuthenticateMessage& message, c
 }
 
 RefusalReason ServerContext::Impl::logOnV2(const AuthenticateMessage& message, const NtHash& hash, Bytes token) {
-    const auto avFlags = clientAvFlags(message.ntResponse);
-    if (!avFlags) {
+    if (!clientAvFlags(message.ntResponse)) {
         return RefusalReason::MalformedLogOn;
     }
     const Bytes proof = message.ntResponse.first(16);
     Key responseKey = responseKeyV2(hash, message.user, message.domain);
     const bool fits = sameSecret(proofV2(responseKey, serverChallenge, message.ntResponse.subspan(16)), proof);
     Key baseKey = sessionBaseKeyV2(responseKey, proof);
-    Key exported;
-    const bool complete = exchangeKeys(message, baseKey, exported);
     wipe(responseKey);
+    const RefusalReason reason = fits ? enterV2(message, baseKey, token) : RefusalReason::WrongPassword;
     wipe(baseKey);
-    if (!fits) {
-        return RefusalReason::WrongPassword;
+    return reason;
+}
+
+RefusalReason ServerContext::Impl::logOnByDomain(const AuthenticateMessage& message, const NtlmAnswer& answer,
+                                                 Bytes token) {
+    if (answer.reason == RefusalReason::DomainUnknown && store.knowsUser(utf16ToUtf8(message.user))) {
+        return RefusalReason::WrongDomain;
     }
-    if (!complete) {
+    if (answer.reason != RefusalReason::None) {
+        return answer.reason;
+    }
+    Key baseKey = answer.sessionKey;
+    const RefusalReason reason = enterV2(message, baseKey, token);
+    wipe(baseKey);
+    if (reason == RefusalReason::None) {
+        person = answer.person;
+        account = person->account();
+    }
+    return reason;
+}
+
+// The response was right.
+RefusalReason ServerContext::Impl::enterV2(const AuthenticateMessage& message, Key& baseKey, Bytes token) {
+    const auto avFlags = clientAvFlags(message.ntResponse);
+    Key exported;
+    if (!avFlags || !exchangeKeys(message, baseKey, exported)) {
         return RefusalReason::MalformedLogOn;
     }
     if ((*avFlags & avFlagMicPresent) != 0 && !micFits(token, exported)) {
@@ -253,6 +296,10 @@ bool ServerContext::authenticated() const {
 
 const std::string& ServerContext::account() const {
     return impl_->account;
+}
+
+const Person* ServerContext::person() const {
+    return impl_->person ? &*impl_->person : nullptr;
 }
 
 bool ServerContext::canSign() const {

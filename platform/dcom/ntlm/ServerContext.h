@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "dcom/RefusalReason.h"
+#include "dcom/domain/PassThrough.h"
 #include "dcom/ntlm/MessageProtection.h"
 
 namespace quelm::dcom::ntlm {
@@ -55,14 +56,20 @@ class ServerContext final : public MessageProtection {
     // whatever went before. The answer's time stamp comes from the time source in force.
     std::optional<std::vector<std::uint8_t>> challenge(std::span<const std::uint8_t> negotiate);
 
-    // Takes the client's type 3 message, once after each challenge. None: logged on. Otherwise why not.
-    RefusalReason authenticate(std::span<const std::uint8_t> authenticateMessage);
+    // What only the domain can say about the client's type 3 message; nothing where the message is to be taken without
+    // it. Changes nothing.
+    std::optional<NtlmQuestion> question(std::span<const std::uint8_t> authenticateMessage) const;
+    // Takes the client's type 3 message, once after each challenge. None: logged on. Otherwise why not. answer: of the
+    // domain to the question about it, where it was asked; counts for accounts only that the store does not know.
+    RefusalReason authenticate(std::span<const std::uint8_t> authenticateMessage, const NtlmAnswer* answer = nullptr);
 
     bool authenticated() const;
     // "DOMAIN\\user" as the client gave it (also after a refusal, for the refusal's line), "user" when it gave no
     // domain, empty when anonymous. Control and format characters show as "?", so that no client writes log lines of
-    // its own.
+    // its own. Of a log-on that the domain has let in, as the domain says it.
     const std::string& account() const;
+    // Who logged on by the domain's word; nullptr: nobody, or an account of the store.
+    const Person* person() const;
     // Whether keys for signing and sealing were agreed on. Never without extended session security.
     bool canSign() const;
     bool canSeal() const;

@@ -62,13 +62,17 @@ Uuid ObjectExporter::newIpid() {
     return ipid;
 }
 
+const std::string& ObjectExporter::announced(const rpc::Peer& peer) const {
+    return settings_.announcedAddress.empty() ? peer.localAddress : settings_.announcedAddress;
+}
+
 Bindings ObjectExporter::objectBindings(const rpc::Peer& peer) const {
-    return {peer.localAddress, settings_.hostNames, settings_.objectPort};
+    return {announced(peer), settings_.hostNames, settings_.objectPort, settings_.principal};
 }
 
 Bindings ObjectExporter::resolverBindings(const rpc::Peer& peer) const {
     const std::uint16_t port = settings_.activationPort == wellKnownPort ? std::uint16_t{0} : settings_.activationPort;
-    return {peer.localAddress, settings_.hostNames, port};
+    return {announced(peer), settings_.hostNames, port, settings_.principal};
 }
 
 // --- calls ---

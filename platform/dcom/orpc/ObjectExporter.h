@@ -30,6 +30,9 @@ struct ExporterSettings {
     std::uint16_t activationPort = 135;  // where they are asked for and pinged
     // Names by which clients on other machines may look for this one besides the address that they dialled.
     std::vector<std::string> hostNames;
+    std::string principal = {};  // that clients ask tickets for; empty: no Kerberos
+    // What clients are told instead of the address that they dialled; empty: that.
+    std::string announcedAddress;
     // Clients are told to come with at least this level.
     rpc::AuthLevel minimumLevel = rpc::AuthLevel::Integrity;
     // Whether calls come in below it: to objects that are open to all, and to no others.
@@ -96,6 +99,7 @@ class ObjectExporter final : private PingSets::Listener {
     const Uuid& remUnknownIpid() const { return remUnknownIpid_; }
     const ExporterSettings& settings() const { return settings_; }
     // Where the peer finds the objects, and where it finds the activation service.
+    const std::string& announced(const rpc::Peer& peer) const;
     Bindings objectBindings(const rpc::Peer& peer) const;
     Bindings resolverBindings(const rpc::Peer& peer) const;
 

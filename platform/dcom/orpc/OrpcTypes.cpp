@@ -4,7 +4,9 @@ namespace quelm::dcom::orpc {
 
 namespace {
 
+constexpr std::uint16_t serviceNegotiate = 9;
 constexpr std::uint16_t serviceNtlm = 10;
+constexpr std::uint16_t serviceKerberos = 16;
 constexpr std::uint16_t noAuthorisationService = 0xFFFF;
 constexpr std::uint32_t standardHeaderSize = 24;
 
@@ -96,7 +98,8 @@ void writeObjectReference(ndr::Writer& out, const ObjectReference& reference) {
     out.bytes(reference.ipid.bytes);
 }
 
-Bindings::Bindings(const std::string& dialledAddress, const std::vector<std::string>& hostNames, std::uint16_t port) {
+Bindings::Bindings(const std::string& dialledAddress, const std::vector<std::string>& hostNames, std::uint16_t port,
+                   const std::string& principal) {
     addEntry(dialledAddress, port);
     const bool local = isLoopback(dialledAddress);
     if (local) {
@@ -110,18 +113,32 @@ Bindings::Bindings(const std::string& dialledAddress, const std::vector<std::str
     }
     units_.push_back(0);
     securityOffset_ = static_cast<std::uint16_t>(units_.size());
-    units_.insert(units_.end(), {serviceNtlm, noAuthorisationService, 0, 0});
+    // The first one that a client can do is the one that it takes.
+    if (!principal.empty()) {
+        addService(serviceNegotiate, principal);
+        addService(serviceKerberos, principal);
+    }
+    addService(serviceNtlm, {});
+    units_.push_back(0);
+}
+
+void Bindings::addService(std::uint16_t service, const std::string& principal) {
+    units_.insert(units_.end(), {service, noAuthorisationService});
+    addText(principal);
+    units_.push_back(0);
+}
+
+void Bindings::addText(std::string_view text) {
+    for (const char c : text) {
+        units_.push_back(static_cast<unsigned char>(c));
+    }
 }
 
 void Bindings::addEntry(const std::string& address, std::uint16_t port) {
     units_.push_back(towerTcp);
-    for (const char c : address) {
-        units_.push_back(static_cast<unsigned char>(c));
-    }
+    addText(address);
     if (port != 0) {
-        for (const char c : '[' + std::to_string(port) + ']') {
-            units_.push_back(static_cast<unsigned char>(c));
-        }
+        addText('[' + std::to_string(port) + ']');
     }
     units_.push_back(0);
 }

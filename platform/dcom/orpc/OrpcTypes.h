@@ -93,7 +93,7 @@ inline constexpr std::size_t objectReferenceSize = 40;
 // in a structure the caller aligns to 8 first.
 void writeObjectReference(ndr::Writer& out, const ObjectReference& reference);
 
-// The addresses of a port, and the one log-on service (NTLM) that it offers.
+// The addresses of a port, and the log-on services that it offers: NTLM, and Kerberos where there are keys for it.
 class Bindings {
  public:
     // The address that the client dialled is the first entry, because clients look for the text that they were
@@ -101,7 +101,9 @@ class Bindings {
     // hostNames: further names of this machine; "localhost" stands beside them only for a client that dialled a
     // loopback address, because any other one would look for the server on its own machine.
     // port 0: entries without port, which means the well-known activation port.
-    Bindings(const std::string& dialledAddress, const std::vector<std::string>& hostNames, std::uint16_t port);
+    // principal: what clients ask tickets for ("host/opc.plant.example"); empty: no Kerberos.
+    Bindings(const std::string& dialledAddress, const std::vector<std::string>& hostNames, std::uint16_t port,
+             const std::string& principal = {});
 
     // Number of 16-bit units behind the two leading counts.
     std::uint32_t units() const { return static_cast<std::uint32_t>(units_.size()); }
@@ -113,6 +115,8 @@ class Bindings {
 
  private:
     void addEntry(const std::string& address, std::uint16_t port);
+    void addService(std::uint16_t service, const std::string& principal);
+    void addText(std::string_view text);
 
     std::vector<std::uint16_t> units_;
     std::uint16_t securityOffset_ = 0;

@@ -61,7 +61,8 @@ void RemoteProcess::onTimer() {
     if (state_ != State::Waiting) {
         return pump();
     }
-    if (count_ == 0) {
+    // What was refused or let go of before it was reached is given back too, unless nobody is to be reached there.
+    if (count_ == 0 && (releases_.empty() || failingSince_)) {
         return ended_(*this);
     }
     approach(State::Resolving, resolver_, orpc::iidObjectExporter, surroundings_.settings.minimumLevel);

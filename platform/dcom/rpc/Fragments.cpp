@@ -17,8 +17,8 @@ std::size_t padded(std::size_t size, std::size_t multiple) {
 void finishFragment(std::span<std::uint8_t> fragment, const CallHeader& header, const StubPiece& piece,
                     std::size_t padding, const MessageGuard* guard) {
     const auto flags = static_cast<std::uint8_t>((piece.isFirst ? flagFirst : 0) | (piece.isLast ? flagLast : 0));
-    putCallHeader(fragment.data(), header, flags, fragment.size(),
-                  guard != nullptr ? MessageGuard::overhead - trailerSize : 0, piece.remaining);
+    putCallHeader(fragment.data(), header, flags, fragment.size(), guard != nullptr ? guard->tokenSize() : 0,
+                  piece.remaining);
     if (guard != nullptr) {
         guard->protect(fragment, header.size(), padding);
     }
@@ -27,7 +27,7 @@ void finishFragment(std::span<std::uint8_t> fragment, const CallHeader& header, 
 }  // namespace
 
 std::size_t pieceSize(const CallHeader& header, std::size_t maxFragment, const MessageGuard* guard) {
-    const std::size_t behind = guard != nullptr ? MessageGuard::overhead : 0;
+    const std::size_t behind = guard != nullptr ? guard->overhead() : 0;
     const std::size_t unit = guard != nullptr ? MessageGuard::padding : unprotectedUnit;
     return (maxFragment - header.size() - behind) / unit * unit;
 }
@@ -40,14 +40,14 @@ void appendFragment(std::vector<std::uint8_t>& out, const CallHeader& header, co
     out.resize(start + header.size());
     out.insert(out.end(), piece.front.begin(), piece.front.end());
     out.insert(out.end(), piece.back.begin(), piece.back.end());
-    out.resize(out.size() + padding + (guard != nullptr ? MessageGuard::overhead : 0));
+    out.resize(out.size() + padding + (guard != nullptr ? guard->overhead() : 0));
     finishFragment(std::span(out).subspan(start), header, piece, padding, guard);
 }
 
 void cutIntoFragments(std::vector<std::uint8_t>& out, std::size_t start, const CallHeader& header,
                       std::size_t maxFragment, const MessageGuard* guard) {
     const std::size_t headerBytes = header.size();
-    const std::size_t behind = guard != nullptr ? MessageGuard::overhead : 0;
+    const std::size_t behind = guard != nullptr ? guard->overhead() : 0;
     const std::size_t piece = pieceSize(header, maxFragment, guard);
     const std::size_t stubSize = out.size() - start - headerBytes;
     const std::size_t count = std::max<std::size_t>(1, (stubSize + piece - 1) / piece);

@@ -8,7 +8,8 @@
 namespace quelm::dcom::rpc {
 
 GuessGuard::Key GuessGuard::keyOf(std::string_view host, std::string_view account) {
-    return {std::string(host), foldCase(account.substr(account.rfind('\\') + 1))};
+    const std::string_view user = account.substr(account.rfind('\\') + 1);
+    return {std::string(host), foldCase(user.substr(0, user.find('@')))};
 }
 
 std::chrono::milliseconds GuessGuard::delay(std::string_view host, std::string_view account) const {

@@ -24,8 +24,8 @@ class GuessGuard {
     // Accounts and hosts that failures are kept of; beyond them the longest past failure is forgotten.
     static constexpr std::size_t most = 4096;
 
-    // How long the log-on by this account ("DOMAIN\user" or "user") from this host has to wait from now on. Whatever
-    // domain and case: a guesser would only change them.
+    // How long the log-on by this account ("DOMAIN\user", "user@dns.name" or "user") from this host has to wait from
+    // now on. Whatever domain and case: a guesser would only change them.
     std::chrono::milliseconds delay(std::string_view host, std::string_view account) const;
     void failed(std::string_view host, std::string_view account);
     void succeeded(std::string_view host, std::string_view account);

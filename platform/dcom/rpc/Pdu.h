@@ -61,6 +61,7 @@ RefusalReason parseHeader(std::span<const std::uint8_t> raw, Header& header);
 
 inline constexpr std::uint8_t authTypeNegotiate = 9;
 inline constexpr std::uint8_t authTypeNtlm = 10;
+inline constexpr std::uint8_t authTypeKerberos = 16;
 
 struct AuthTrailer {
     std::uint8_t type = 0;

@@ -12,9 +12,8 @@ namespace quelm::dcom::rpc {
 
 namespace {
 
-// Enough for a largest message before a log-on; then for as many calls as clients send in one go.
+// Enough for a largest message.
 constexpr std::size_t inputSizeBeforeLogOn = 8U << 10U;
-constexpr std::size_t inputSize = 32U << 10U;
 // A reply larger than this gives its memory back once it is sent.
 constexpr std::size_t keptOutput = 1U << 20U;
 
@@ -95,6 +94,8 @@ void ServerConnection::process() {
             return input_.expect(header.fragmentLength);
         } else if (pause_ = delayOf(header, waiting.first(header.fragmentLength)); pause_.count() != 0) {
             return;
+        } else if (asksDomain(header, waiting.first(header.fragmentLength))) {
+            return;
         } else {
             input_.take(header.fragmentLength);
             dispatch(header, waiting.first(header.fragmentLength));
@@ -166,15 +167,13 @@ void ServerConnection::onBind(const Header& header, std::span<const std::uint8_t
 
     std::vector<std::uint8_t> token;
     if (header.authLength != 0 && logOn(header, trailer, token) == SecurityContexts::Step::Rejected) {
-        const bool known = trailer.type == authTypeNtlm || trailer.type == authTypeNegotiate;
-        appendBindNak(output_, header.callId, known ? nakNotSpecified : nakAuthenticationType);
+        appendBindNak(output_, header.callId, security_.knows(trailer.type) ? nakNotSpecified : nakAuthenticationType);
         closing_ = true;
         return;
     }
     const auto results = presentations_.answer(*bind, handler_, loggedOn());
     const std::string port = fmt::format("{}", peer_.localPort);
     trailer.token = token;
-    // NTLM covers the header in any case, so that a client may well ask for it.
     appendBindAck(output_, {PduType::BindAck, static_cast<std::uint8_t>(header.flags & flagHeaderSigning),
                             header.callId, maxTransmit_, maxReceive_, group_, port, results, trailer});
 }
@@ -210,51 +209,6 @@ void ServerConnection::onAuth3(const Header& header, std::span<const std::uint8_
     if (logOn(header, trailer, token) == SecurityContexts::Step::Rejected) {
         closing_ = true;
     }
-}
-
-SecurityContexts::Step ServerConnection::logOn(const Header& header, const AuthTrailer& trailer,
-                                               std::vector<std::uint8_t>& token) {
-    using Step = SecurityContexts::Step;
-    const SecurityContexts::Outcome outcome = security_.take(trailer, header.flags, token);
-    if (outcome.step == Step::Rejected) {
-        refusals_.report(outcome.reason, outcome.account, outcome.level, outcome.detail);
-    } else if (outcome.step == Step::Refused) {
-        onFailedLogOn(outcome);
-    } else if (!outcome.account.empty()) {
-        settings_.guesses->succeeded(peer_.host(), outcome.account);
-    }
-    if (loggedOn()) {
-        input_.setSize(inputSize);
-    }
-    return outcome.step;
-}
-
-void ServerConnection::onFailedLogOn(const SecurityContexts::Outcome& outcome) {
-    // With a password to guess, no name makes it harmless.
-    if (outcome.reason != RefusalReason::WrongPassword && isMachineAsking(outcome.account)) {
-        return;
-    }
-    refusals_.beginAnew();
-    refusals_.report(outcome.reason, outcome.account, outcome.level, outcome.detail);
-    settings_.guesses->failed(peer_.host(), outcome.account);
-    closing_ |= ++failedLogOns_ >= settings_.maxFailedLogOns;
-}
-
-// What the end of a log-on has to wait for after too many that failed.
-std::chrono::milliseconds ServerConnection::delayOf(const Header& header, std::span<const std::uint8_t> pdu) const {
-    AuthTrailer trailer;
-    if (header.authLength == 0 || header.type == PduType::Request || !parseTrailer(pdu, header, headerSize, trailer)) {
-        return {};
-    }
-    const std::string user = SecurityContexts::userIn(trailer);
-    return user.empty() ? std::chrono::milliseconds{} : settings_.guesses->delay(peer_.host(), user);
-}
-
-// A client's machine pings with its own account (its name ends in $) or as nobody, and when that fails without any
-// log-on. There is nothing to mend about that. Any other account is one that somebody tries.
-bool ServerConnection::isMachineAsking(const std::string& account) {
-    return (account.empty() || account.back() == '\\' || account.back() == '$') &&
-           presentations_.onlyOpenToAll(handler_);
 }
 
 // A call that is given up half-way is forgotten; one that is whole runs to its end, so that a cancel changes nothing.

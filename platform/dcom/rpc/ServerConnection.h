@@ -40,9 +40,10 @@ class ServerConnection final : private ITicketOffice {
     void process();
     bool waiting() const { return waiting_; }
 
-    // Whether a call is to be answered later; no further one is begun until then.
-    bool deferred() const { return deferral_ != nullptr; }
-    // Called when such an answer has become output. It may not call members that carry out calls itself.
+    // Whether a call is to be answered later, or a log-on is for the domain to judge; nothing more is begun until then.
+    bool deferred() const { return deferral_ != nullptr || (inquiry_ && !inquiry_->answer); }
+    // Called when such an answer has become output, or the log-on can go on: process() then. It may not call members
+    // that carry out calls itself.
     void onAnswered(std::function<void()> wake) { wake_ = std::move(wake); }
 
     // How long the log-on that came has to wait before it is looked at, after too many that failed; process() then.
@@ -74,6 +75,7 @@ class ServerConnection final : private ITicketOffice {
 
     SecurityContexts::Step logOn(const Header& header, const AuthTrailer& trailer, std::vector<std::uint8_t>& token);
     std::chrono::milliseconds delayOf(const Header& header, std::span<const std::uint8_t> pdu) const;
+    bool asksDomain(const Header& header, std::span<const std::uint8_t> pdu);
     void onFailedLogOn(const SecurityContexts::Outcome& outcome);
     bool isMachineAsking(const std::string& account);
     bool isProtected(const SecurityContext* context) const;
@@ -118,6 +120,13 @@ class ServerConnection final : private ITicketOffice {
     // The buffers, in the budget of whoever logged on here first.
     Hold held_;
     bool isCounted_ = false;
+
+    // What the domain is asked about the log-on that stands first in the input buffer.
+    struct Inquiry {
+        std::optional<NtlmAnswer> answer;
+        std::shared_ptr<void> asked;
+    };
+    std::unique_ptr<Inquiry> inquiry_;
 
     class Deferral;
     std::shared_ptr<Deferral> deferral_;  // of the call that is answered later

@@ -12,6 +12,9 @@
 #include <optional>
 
 #include "budget/ClientBudget.h"
+#include "dcom/domain/AccessList.h"
+#include "dcom/domain/Kerberos.h"
+#include "dcom/domain/PassThrough.h"
 #include "dcom/ntlm/ServerContext.h"
 #include "dcom/rpc/AuthLevel.h"
 #include "dcom/rpc/GuessGuard.h"
@@ -20,8 +23,8 @@
 namespace quelm::dcom::rpc {
 
 // Must outlive the connections.
-// What the accounts, the log-on and the least level say may change while connections are there, between two turns of
-// their loop: it concerns later log-ons.
+// What the accounts, the access list, the log-on and the least level say may change while connections are there,
+// between two turns of their loop: it concerns later log-ons.
 struct ServerSettings {
     const ntlm::AccountStore& accounts;
     ntlm::ServerSettings logOn;
@@ -37,6 +40,11 @@ struct ServerSettings {
     // Before any log-on of the connection has succeeded:
     std::size_t maxCallSizeBeforeLogOn = 64U << 10U;  // bytes, as above; a client machine pings without a log-on
     std::size_t maxLogOnsUnderWay = 4;                // then the one not used for longest is forgotten
+    // Log-ons with tickets of the domain's, and which of its accounts may come in; none: no such log-on is taken.
+    Kerberos* kerberos = nullptr;
+    // Whoever asks the domain about log-ons by NTLM of accounts that are not among those above; none: they are refused.
+    PassThrough* passThrough = nullptr;
+    AccessList access = {};
     // After so many failed log-ons the connection is closed.
     unsigned maxFailedLogOns = 3;
     std::shared_ptr<GuessGuard> guesses = std::make_shared<GuessGuard>();

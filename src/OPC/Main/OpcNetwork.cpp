@@ -5,14 +5,18 @@
 
 #include <algorithm>
 #include <chrono>
-#include <csignal>
 #include <optional>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "OPC/Health/ControlPath.h"
+#include "OPC/Health/ControlSocket.h"
+#include "OPC/Health/Traffic.h"
+#include "OPC/Main/DomainLogOns.h"
 #include "base/RuntimeError.h"
 #include "base/TimeSource.h"
+#include "base/WorkerThread.h"
 #include "dcom/DcomSettings.h"
 #include "dcom/net/RepeatFilter.h"
 #include "dcom/net/TcpDialer.h"
@@ -24,6 +28,7 @@
 #include "opcda/Server.h"
 #include "opcda/wire/InterfaceTable.h"
 #include "opcda/wire/OpcClassFactory.h"
+#include "opcda/wire/OpcServerObject.h"
 #include "opcda/wire/ServerListObject.h"
 
 namespace quelm {
@@ -38,12 +43,13 @@ constexpr std::chrono::milliseconds askingTime{1000};
 constexpr std::chrono::milliseconds givingBackTime{500};
 constexpr std::chrono::milliseconds closingStep{20};
 
-dcom::orpc::ExporterSettings exporterSettings(const dcom::DcomSettings& settings,
+dcom::orpc::ExporterSettings exporterSettings(const dcom::DcomSettings& settings, const std::string& principal,
                                               const std::function<void(std::string_view)>& log) {
     dcom::orpc::ExporterSettings result;
     result.objectPort = settings.objectPort;
     result.activationPort = settings.activationPort;
     result.hostNames = {settings.ntlm.computerName};
+    result.principal = principal;
     constexpr std::uint64_t second = 1000;
     result.pingTimeout = settings.pingTimeout * second;
     result.firstPing = settings.firstPing * second;
@@ -66,23 +72,14 @@ dcom::outgoing::CallSettings callSettings(const dcom::DcomSettings& settings) {
     return result;
 }
 
-// Signals are the main thread's.
-template <class Body>
-std::thread startWithoutSignals(Body body) {
-    sigset_t all;
-    sigset_t before;
-    sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &before);
-    std::thread thread(std::move(body));
-    pthread_sigmask(SIG_SETMASK, &before, nullptr);
-    return thread;
-}
-
-// Says who comes, when a client gets its server object, and that he goes, when the object goes.
+// Says who comes, when a client gets its server object, and that he goes, when the object goes; meanwhile he stands in
+// the book.
 class ToldClients final : public dcom::orpc::ClassFactory {
  public:
-    ToldClients(std::shared_ptr<dcom::orpc::ClassFactory> factory, std::function<void(std::string_view)> say)
-        : factory_(std::move(factory)), say_(std::move(say)) {}
+    // book and calls outlive the factory and all its objects.
+    ToldClients(std::shared_ptr<opcda::wire::OpcClassFactory> factory, std::function<void(std::string_view)> say,
+                health::ClientBook& book, health::CountedCalls& calls)
+        : factory_(std::move(factory)), say_(std::move(say)), book_(book), calls_(calls) {}
 
     Uuid classId() const override { return factory_->classId(); }
     std::shared_ptr<void> holdServer() override { return factory_->holdServer(); }
@@ -97,15 +94,24 @@ class ToldClients final : public dcom::orpc::ClassFactory {
                                             dcom::rpc::levelName(peer.level));
         say_(who + " is here");
         auto* const told = object.get();
-        return {told, [object = std::move(object), who, say = say_](auto*) mutable {
+        const std::uint64_t number = book_.add({.server = &static_cast<opcda::wire::OpcServerObject&>(*told).server(),
+                                                .address = std::string(peer.host()),
+                                                .account = account,
+                                                .level = std::string(dcom::rpc::levelName(peer.level)),
+                                                .since = timeSource().fileTimeNow(),
+                                                .traffic = calls_.trafficOf(peer.host(), account)});
+        return {told, [object = std::move(object), who, say = say_, &book = book_, number](auto*) mutable {
+                    book.remove(number);
                     object.reset();
                     say(who + " is gone");
                 }};
     }
 
  private:
-    std::shared_ptr<dcom::orpc::ClassFactory> factory_;
+    std::shared_ptr<opcda::wire::OpcClassFactory> factory_;
     std::function<void(std::string_view)> say_;
+    health::ClientBook& book_;
+    health::CountedCalls& calls_;
 };
 
 }  // namespace
@@ -114,7 +120,8 @@ struct OpcNetwork::Impl {
     using Trouble = std::function<void(std::string_view)>;
 
     // trouble and client are called on the network's thread.
-    Impl(SLIKServer& control, AsioLoop& loop, const Trouble& trouble, const Trouble& client, dcom::DcomSettings read)
+    Impl(SLIKServer& control, const health::PlantHealth& plant, AsioLoop& loop, const Trouble& trouble,
+         const Trouble& client, std::function<void(health::ReloadDone)> reload, dcom::DcomSettings read)
         : asRead(read),
           settings(std::move(read)),
           say(client),
@@ -126,10 +133,13 @@ struct OpcNetwork::Impl {
                              callbackLines.say(source, kind, line);
                          }}),
           outgoing{remoteObjects, messages},
+          domain(settings, loop, trouble, client),
           application(control.network(), loop, messages),
-          exporter(exporterSettings(settings, trouble), [] { return timeSource().monotonicMilliseconds(); }),
+          exporter(exporterSettings(settings, domain.principal(), trouble),
+                   [] { return timeSource().monotonicMilliseconds(); }),
           activationHandler(exporter, classes),
           objectHandler(exporter, opcda::wire::isOpcInterface, opcda::wire::isServerListInterface),
+          countedCalls(objectHandler, longestTurn),
           refusals(loop, trouble),
           protocol{
               .accounts = settings.accounts,
@@ -137,6 +147,7 @@ struct OpcNetwork::Impl {
               .minimumLevel = settings.minimumLevel,
               .onRefused =
                   [this](const dcom::rpc::Refusal& refusal) {
+                      ++refused;
                       refusals.say(
                           std::string(refusal.peer.host()), refusal.kind(),
                           refusal.line(
@@ -144,12 +155,21 @@ struct OpcNetwork::Impl {
                               " (a change counts once the server has read it: systemctl reload quelm-opc-server)"));
                   },
               .budgets = &application.budgets(),
-              .challenge = std::nullopt},
+              .challenge = std::nullopt,
+              .access = settings.access},
           server(loop, loop, protocol, tcpSettings(trouble)),
-          timer(loop.makeTimer([this] { tick(); })) {
+          timer(loop.makeTimer([this] { tick(); })),
+          answers(loop, {.application = application,
+                         .plant = plant,
+                         .clients = clients,
+                         .longestTurn = longestTurn,
+                         .counters = [this] { return counters(); },
+                         .reload = std::move(reload)}),
+          controlSocket(loop, answers) {
         classes.add(std::make_shared<ToldClients>(std::make_shared<opcda::wire::OpcClassFactory>(application, outgoing),
-                                                  client));
+                                                  client, clients, countedCalls));
         classes.add(std::make_shared<opcda::wire::ServerListFactory>(application));
+        domain.serve(protocol);
     }
 
     static dcom::net::TcpSettings tcpSettings(const Trouble& trouble) {
@@ -161,7 +181,7 @@ struct OpcNetwork::Impl {
     void listen() {
         for (const std::string& address : settings.addresses) {
             // One object port for all addresses, also where the first one chose it.
-            settings.objectPort = server.listen(address, settings.objectPort, objectHandler);
+            settings.objectPort = server.listen(address, settings.objectPort, countedCalls);
             server.listen(address, settings.activationPort, activationHandler);
         }
         exporter.listenOn(settings.objectPort);
@@ -173,7 +193,7 @@ struct OpcNetwork::Impl {
         const std::string asked = listening();
         settings.addresses.clear();
         adopt(passed.activation, activationHandler, settings.activationPort);
-        adopt(passed.object, objectHandler, settings.objectPort);
+        adopt(passed.object, countedCalls, settings.objectPort);
         if (const std::string real = listening(); asked != real) {
             lines.trouble(
                 fmt::format("The sockets handed over are not those of the settings: clients are served on {}, and the "
@@ -209,21 +229,35 @@ struct OpcNetwork::Impl {
                            settings.activationPort, settings.objectPort);
     }
 
-    // What changes takes the place of what it was where it stands, for log-ons under way look at it.
-    void apply(const dcom::DcomSettings& fresh) {
+    health::Counters counters() const {
+        return {.connections = server.connectionCount(),
+                .calls = countedCalls.calls(),
+                .refusals = refused,
+                .callbacks = outgoing.callbacks,
+                .callbacksFailed = outgoing.callbacksFailed,
+                .keepsRunning = settings.keepRunning};
+    }
+
+    // What changes takes the place of what it was where it stands, for log-ons under way look at it. Gives the lines
+    // that tell of it.
+    std::vector<std::string> apply(const dcom::DcomSettings& fresh) {
         settings.accounts = fresh.accounts;
         protocol.logOn.allowNtlmV1Ess = fresh.ntlm.allowNtlmV1Ess;
         protocol.logOn.allowAnonymous = fresh.ntlm.allowAnonymous;
         protocol.minimumLevel = fresh.minimumLevel;
-        exporter.change(exporterSettings(fresh, {}));
+        domain.admit(fresh.access);
+        exporter.change(exporterSettings(fresh, domain.principal(), {}));
         calls = callSettings(fresh);
-        for (const std::string& notice : fresh.notices) {
-            say(notice);
-        }
+        settings.keepRunning = fresh.keepRunning;
+        std::vector<std::string> lines = fresh.notices;
         const std::string later = needsRestart(fresh);
-        say(fmt::format("{} was read anew: accounts, levels, times and the callbacks' account hold from now on{}",
-                        dcom::dcomSettingsPath(),
-                        later.empty() ? "" : fmt::format("; restart the server for {}", later)));
+        lines.push_back(fmt::format(
+            "{} was read anew: accounts, levels, times and the callbacks' account hold from now on{}",
+            dcom::dcomSettingsPath(), later.empty() ? "" : fmt::format("; restart the server for {}", later)));
+        for (const std::string& line : lines) {
+            say(line);
+        }
+        return lines;
     }
 
     // The changed settings that a server takes at its start only.
@@ -237,9 +271,12 @@ struct OpcNetwork::Impl {
         compare(fresh.addresses == asRead.addresses, "Address");
         compare(fresh.activationPort == asRead.activationPort, "ActivationPort");
         compare(fresh.objectPort == asRead.objectPort, "ObjectPort");
+        compare(fresh.systemBranch == asRead.systemBranch, "SystemBranch");
         compare(fresh.openServerList == asRead.openServerList, "OpenServerList");
         compare(fresh.ntlm.computerName == asRead.ntlm.computerName, "ComputerName");
         compare(fresh.ntlm.domainName == asRead.ntlm.domainName, "Domain");
+        compare(fresh.keytab == asRead.keytab, "Keytab");
+        compare(fresh.winbind == asRead.winbind, "Winbind");
         return fmt::format("{}", fmt::join(names, ", "));
     }
 
@@ -258,6 +295,7 @@ struct OpcNetwork::Impl {
 
     void letGoOfClients(SLIKNetwork& control) {
         letGoAt = timeSource().monotonicMilliseconds();
+        controlSocket.close();
         timer->stop();
         server.close();
         control.forgetQuestions();
@@ -279,22 +317,32 @@ struct OpcNetwork::Impl {
     dcom::outgoing::RemoteProcesses remoteObjects;  // outlives the objects that hold what is called back
     opcda::wire::CallbackMessages messages;
     opcda::wire::OutgoingCalls outgoing;
+    DomainLogOns domain;
     opcda::Application application;
+    health::LongestTurn longestTurn;
+    health::ClientBook clients;  // outlives the objects that stand in it
     dcom::orpc::ClassRegistry classes;
     dcom::orpc::ObjectExporter exporter;
     dcom::orpc::ActivationHandler activationHandler;
     dcom::orpc::OrpcHandler objectHandler;
+    health::CountedCalls countedCalls;
+    std::uint64_t refused = 0;  // log-ons and calls, since the start
     dcom::net::RepeatFilter refusals;
     dcom::rpc::ServerSettings protocol;
     dcom::net::TcpServer server;
     std::unique_ptr<ITimer> timer;
+    health::Answers answers;
+    health::ControlSocket controlSocket;
     std::unique_ptr<ITimer> closing;
     std::uint64_t askedAt = 0;             // monotonic milliseconds; when clients were asked to let go
     std::optional<std::uint64_t> letGoAt;  // when they were let go of
 };
 
-OpcNetwork::OpcNetwork(SLIKServer& control, AsioLoop& plant, AsioLoop& loop, systemd::PassedSockets passed, Lines lines)
+OpcNetwork::OpcNetwork(SLIKServer& control, const health::PlantHealth& health, AsioLoop& plant, AsioLoop& loop,
+                       systemd::PassedSockets passed, Lines lines)
     : control_(control),
+      health_(health),
+      plant_(plant),
       loop_(loop),
       passed_(std::move(passed)),
       lines_(std::move(lines)),
@@ -304,6 +352,10 @@ OpcNetwork::OpcNetwork(SLIKServer& control, AsioLoop& plant, AsioLoop& loop, sys
 
 OpcNetwork::~OpcNetwork() {
     close();
+}
+
+std::string OpcNetwork::systemBranch() {
+    return dcom::readDcomSettings(dcom::dcomSettingsPath()).systemBranch;
 }
 
 void OpcNetwork::open() {
@@ -316,15 +368,19 @@ void OpcNetwork::open() {
     }
     const bool keepsRunning = settings.keepRunning;
     impl_ = std::make_unique<Impl>(
-        control_, loop_, [this](std::string_view line) { trouble_.send(line); },
-        [this](std::string_view line) { client_.send(line); }, std::move(settings));
+        control_, health_, loop_, [this](std::string_view line) { trouble_.send(line); },
+        [this](std::string_view line) { client_.send(line); },
+        [this](health::ReloadDone done) { plant_.post([this, done = std::move(done)] { reloadFor(done); }); },
+        std::move(settings));
     try {
         if (passed_.any()) {
             impl_->adopt(std::exchange(passed_, {}), lines_);
         } else {
             impl_->listen();
         }
-        thread_ = startWithoutSignals([this] { run(); });
+        openControl();
+        const SignalsBlocked blocked;  // they are the main thread's
+        thread_ = std::thread([this] { run(); });
     } catch (const dcom::net::ListenError& error) {
         impl_.reset();
         throw RuntimeError(errors::invalidCall, error.what());
@@ -350,7 +406,20 @@ void OpcNetwork::run() {
     }
 }
 
+// Clients are served without it.
+void OpcNetwork::openControl() {
+    const std::string path = health::controlPath();
+    if (const std::string reason = impl_->controlSocket.open(path); !reason.empty()) {
+        lines_.client(fmt::format("The server cannot be asked how it is, at {}: {}", path, reason));
+    }
+}
+
 void OpcNetwork::reload() {
+    reloadFor([](const health::Reloaded&) {});
+}
+
+// done is called on the network's thread.
+void OpcNetwork::reloadFor(health::ReloadDone done) {
     if (impl_ == nullptr) {
         return;
     }
@@ -359,8 +428,11 @@ void OpcNetwork::reload() {
         lines_.trouble(problem);
     }
     if (!fresh->problems.empty()) {
-        lines_.client(fmt::format("{} was read anew and is damaged, as said on standard error: nothing is changed",
-                                  dcom::dcomSettingsPath()));
+        std::vector<std::string> told = fresh->problems;
+        told.push_back(fmt::format("{} was read anew and is damaged, as said on standard error: nothing is changed",
+                                   dcom::dcomSettingsPath()));
+        lines_.client(told.back());
+        loop_.post([done = std::move(done), told] { done({false, told}); });
         return;
     }
     if (fresh->keepRunning) {
@@ -368,7 +440,7 @@ void OpcNetwork::reload() {
     } else {
         control_.releaseResident();
     }
-    loop_.post([this, fresh] { impl_->apply(*fresh); });
+    loop_.post([this, fresh, done = std::move(done)] { done({true, impl_->apply(*fresh)}); });
 }
 
 void OpcNetwork::requestShutdown(std::string_view reason) {

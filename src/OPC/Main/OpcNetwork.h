@@ -6,9 +6,12 @@
 
 #include <functional>
 #include <memory>
+#include <string>
 #include <string_view>
 #include <thread>
 
+#include "OPC/Health/Answers.h"
+#include "OPC/Health/PlantHealth.h"
 #include "OPC/Main/Systemd.h"
 #include "loop/AsioLoop.h"
 #include "loop/LineCrossing.h"
@@ -28,12 +31,16 @@ class OpcNetwork {
     };
 
     // passed: sockets to serve clients on in place of the settings' addresses, where there are any. loop is the
-    // network's, which nobody else runs. control and loops must outlive the network.
-    OpcNetwork(SLIKServer& control, AsioLoop& plant, AsioLoop& loop, systemd::PassedSockets passed, Lines lines);
+    // network's, which nobody else runs. health is what operators are told who ask. control, health and loops must
+    // outlive the network.
+    OpcNetwork(SLIKServer& control, const health::PlantHealth& health, AsioLoop& plant, AsioLoop& loop,
+               systemd::PassedSockets passed, Lines lines);
     ~OpcNetwork();
     OpcNetwork(const OpcNetwork&) = delete;
     OpcNetwork& operator=(const OpcNetwork&) = delete;
 
+    // The branch that the settings give the items about the server itself; "": none.
+    static std::string systemBranch();
     // Reads the settings, lets clients in and begins the network's thread. Raises RuntimeError with the address, the
     // reason and the remedy when an address cannot be listened on; nothing listens then.
     void open();
@@ -50,10 +57,14 @@ class OpcNetwork {
 
  private:
     struct Impl;
+    void openControl();
+    void reloadFor(health::ReloadDone done);
     void run();
     void goOnClosing();
 
     SLIKServer& control_;
+    const health::PlantHealth& health_;
+    AsioLoop& plant_;
     AsioLoop& loop_;
     systemd::PassedSockets passed_;
     Lines lines_;

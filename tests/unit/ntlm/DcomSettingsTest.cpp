@@ -88,6 +88,21 @@ TEST(DcomSettings, ReadsEverySetting) {
     EXPECT_TRUE(settings.openServerList);
 }
 
+TEST(DcomSettings, AccountsOfADomainComeInOnlyWhereTheyAreNamed) {
+    const DcomSettings settings = parse(
+        "[Security]\nKeytab = /etc/quelm/opc.keytab\n[Access]\nUsers = PLANT\\alice, bob\nGroups = S-1-5-32-544, "
+        ",PLANT\\Readers");
+    EXPECT_EQ(settings.keytab, "/etc/quelm/opc.keytab");
+    EXPECT_EQ(settings.access.shown(), "PLANT\\alice, S-1-5-32-544, PLANT\\Readers");
+    EXPECT_THAT(settings.problems, ElementsAre(HasSubstr("[Access] Users: \"bob\" is neither")));
+    EXPECT_THAT(settings.notices, IsEmpty());
+    for (const auto& [text, notice] : {std::pair("[Security]\nKeytab = /k", "every account of the domain is refused"),
+                                       std::pair("[Access]\nUsers = a@b", "[Access] lets nobody in without"),
+                                       std::pair("[Security]\nKeytab = k", "[Accounts] holds no usable account")}) {
+        EXPECT_THAT(parse(text).notices, Contains(HasSubstr(notice))) << text;
+    }
+}
+
 TEST(DcomSettings, ADamagedLineOfTheCallbacksNeverWeakensThem) {
     for (const auto& [lines, expected] :
          {std::pair{"Account = quelm\nSecret = nt:A4F49C406510bdcab6824ee7c30fd852\nMinimumLevel = none",

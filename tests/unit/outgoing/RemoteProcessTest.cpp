@@ -129,6 +129,16 @@ TEST_F(CallingBack, FindsTheProcessCallsPingsAndLetsGo) {
     EXPECT_THAT(lines, IsEmpty());
 }
 
+TEST_F(CallingBack, GivesBackWhatWasRefusedBeforeItWasReached) {
+    connect(1).reset();
+    pass(0);
+    EXPECT_THAT(happened(), ElementsAre("dial 10.0.0.5:135", "resolve a @integrity", "dial 10.0.0.5:5001",
+                                        "release 01000000*5 @integrity"));
+    EXPECT_EQ(processes->processCount(), 0U);
+    EXPECT_EQ(network.open(), 0U);
+    EXPECT_THAT(lines, IsEmpty());
+}
+
 TEST_F(CallingBack, TriesEachAddressWithAndWithoutALogOn) {
     struct Case {
         std::vector<orpc::StringBinding> resolver;

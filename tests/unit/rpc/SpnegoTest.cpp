@@ -73,10 +73,9 @@ TEST(Spnego, ReadsWhatClientsSend) {
 }
 
 TEST(Spnego, AnswersInDer) {
-    EXPECT_HEX(spnego::response(spnego::State::Incomplete, true, fromHex("AABB"), {}),
+    EXPECT_HEX(spnego::response(spnego::State::Incomplete, spnego::ntlmMechanism, fromHex("AABB"), {}),
                "A11B 3019 A003 0A0101 A10C 060A2B06010401823702020A A204 0402AABB");
-    EXPECT_HEX(spnego::response(spnego::State::Completed, false, {}, fromHex("CC")),
-               "A10C 300A A003 0A0100 A303 0401CC");
+    EXPECT_HEX(spnego::response(spnego::State::Completed, {}, {}, fromHex("CC")), "A10C 300A A003 0A0100 A303 0401CC");
 }
 
 class Negotiated : public RpcFixture {

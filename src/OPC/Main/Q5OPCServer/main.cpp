@@ -32,6 +32,9 @@
 #include "Messages/LogWriter.h"
 #include "Messages/MessageTypeNames.h"
 #include "Messages/OldLogs.h"
+#include "OPC/Health/Observed.h"
+#include "OPC/Health/PlantHealth.h"
+#include "OPC/Health/SystemItems.h"
 #include "OPC/Main/OpcNetwork.h"
 #include "OPC/Main/Registration.h"
 #include "OPC/Main/StandardSwitches.h"
@@ -107,7 +110,7 @@ class Program {
                    .closed = [this] { loop_.stop(); },
                    .noDisplay = printProblem,
                    .displayLost = [this](std::string_view line) { form_.AddMessage(msgtype::error, line, true); }}),
-          network_(control_, loop_, networkLoop_, systemd::takeSockets(),
+          network_(control_, health_, loop_, networkLoop_, systemd::takeSockets(),
                    {// Whoever reads the log later must see how open the server was at that time.
                     .weakened = [this](std::string_view line) { form_.AddMessage(msgtype::notice, line, true); },
                     .notice =
@@ -115,7 +118,11 @@ class Program {
                             printNotice(line);
                             systemd::tell(fmt::format("STATUS={}", line));
                         },
-                    .client = [this](std::string_view line) { form_.AddMessage(msgtype::notice, line, false); },
+                    .client =
+                        [this](std::string_view line) {
+                            form_.AddMessage(msgtype::notice, line, false);
+                            showStatus();
+                        },
                     .trouble = printProblem,
                     .failure = [this](std::string_view text) { reportUnexpected(text); }}),
           form_(parts(std::move(commandLine))) {
@@ -128,6 +135,7 @@ class Program {
                 [this](std::string_view event, const ErrorInfo& failure) {
                     form_.AddMsg(msgtype::error, fmt::format("{} failed; {}", event, failure.text()));
                 },
+            .lastItems = [this] { addSystemItems(); },
         });
     }
 
@@ -164,6 +172,7 @@ class Program {
                 systemd::tell("READY=1");
                 break;
         }
+        showStatus();
         giveBackMemory();
         firstReadsDone_->start(firstReads);
         while (!runHandlers()) {
@@ -182,28 +191,44 @@ class Program {
             .NewSystemINI = [] { return std::make_unique<SystemINI>(systemIniPath(), thisComputer(), printProblem); },
             .NewDBIL =
                 [this](const ISystemINI& objSystemINI) {
-                    return std::make_shared<DBIL>(
-                        builtInSqlDrivers(objSystemINI.DatabaseTimeouts()), printProblem,
-                        [this](const std::string& connection, const std::optional<ErrorInfo>& loss) {
-                            tellOfDatabase(connection, loss);
-                        });
+                    return std::make_shared<health::ObservedDBIL>(
+                        std::make_shared<DBIL>(
+                            builtInSqlDrivers(objSystemINI.DatabaseTimeouts()), printProblem,
+                            [this](const std::string& connection, const std::optional<ErrorInfo>& loss) {
+                                tellOfDatabase(connection, loss);
+                            }),
+                        health_);
                 },
             .NewClock = [this] { return std::make_shared<Clock>(loop_); },
             .NewLogWriter =
                 [this](const ISystemINI& objSystemINI) {
                     removeOldLogs(objSystemINI.LogFolder(), objSystemINI.KeepLogs(), printProblem);
-                    return std::make_unique<LogWriter>(LogTrouble{printProblem, [this](std::string_view line) {
-                                                                      if (!window_.isPrinting()) {
-                                                                          printNotice(line);
-                                                                      }
-                                                                  }});
+                    return std::make_unique<health::ObservedLog>(
+                        std::make_unique<LogWriter>(LogTrouble{printProblem,
+                                                               [this](std::string_view line) {
+                                                                   if (!window_.isPrinting()) {
+                                                                       printNotice(line);
+                                                                   }
+                                                               }}),
+                        health_, messageType_);
                 },
-            .MessageTypeName = messageTypeName,
+            .MessageTypeName = [this](std::int32_t lngMsgType) { return messageType_ = messageTypeName(lngMsgType); },
             .Sites = {.NewDataInterface =
                           [](IDBIL& objDBIL, std::string_view strSiteID) {
                               return std::make_unique<DataInterface>(objDBIL.ConfigurationReader(), strSiteID);
                           },
                       .NewCurrentDataReader = [] { return std::make_unique<CurrentDataReader>(); }},
+            .OnSiteUpdate =
+                [this](const std::string& strSiteID, bool blnDone) {
+                    if (blnDone) {
+                        health_.passDone(strSiteID, pass_.milliseconds());
+                        showStatus();
+                        if (systemItems_) {
+                            systemItems_->update(strSiteID, control_.clientCount());
+                        }
+                    }
+                    pass_ = {};
+                },
         };
     }
 
@@ -213,6 +238,16 @@ class Program {
                                       : fmt::format("The database {} answers again", connection);
         printLine(loss ? systemd::Priority::error : systemd::Priority::notice, line);
         form_.AddMessage(loss ? msgtype::error : msgtype::notice, line, true);
+        showStatus();
+    }
+
+    void showStatus() { window_.ShowStatus(health_.summary(control_.clientCount())); }
+
+    void addSystemItems() {
+        if (const std::string branch = OpcNetwork::systemBranch(); !branch.empty()) {
+            systemItems_.emplace(control_.SLIKTags(), health_, branch,
+                                 [this](std::string_view line) { form_.AddMessage(msgtype::error, line, true); });
+        }
     }
 
     // Once the database is there the start-up goes on, and whoever started the server no longer waits for its end.
@@ -309,8 +344,12 @@ class Program {
 
     AsioLoop loop_;  // the plant's, on the main thread
     AsioLoop networkLoop_;
+    health::PlantHealth health_{loop_, networkLoop_};
+    health::Stopwatch pass_;   // since a site's part of the pass began
+    std::string messageType_;  // of the line that is being logged
     MainWindow window_;
     SLIKServer control_{loop_, networkLoop_};
+    std::optional<health::SystemItems> systemItems_;
     OpcNetwork network_;
     frmOPCQuelm form_;
     std::unique_ptr<ITimer> firstReadsDone_ = loop_.makeTimer(giveBackMemory);
