@@ -13,6 +13,7 @@
 #include <cstring>
 #include <optional>
 
+#include "OPC/Control/Descriptor.h"
 #include "base/IniFile.h"
 #include "base/Text.h"
 #include "dcom/DcomSettings.h"
@@ -29,23 +30,6 @@ constexpr const char* serversUser = "quelm";
     throw AccountTrouble(fmt::format("{} cannot be {}: {}{}", path, what, std::strerror(error),
                                      error == EACCES || error == EPERM ? "; run this as root" : ""));
 }
-
-// A descriptor that is closed on every way out.
-class Descriptor {
- public:
-    explicit Descriptor(int number) : number_(number) {}
-    ~Descriptor() {
-        if (number_ >= 0) {
-            ::close(number_);
-        }
-    }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-    int number() const { return number_; }
-
- private:
-    int number_;
-};
 
 // The form in which two spellings of one account are equal.
 std::string folded(std::string_view name) {

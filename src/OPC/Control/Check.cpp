@@ -20,6 +20,7 @@
 #include "DB Interface Library/SystemINI.h"
 #include "DB Interface Library/sql/Sql.h"
 #include "Data Interface/DataInterface.h"
+#include "OPC/Control/CheckDomain.h"
 #include "OPC/OPC DA Server/OmbrelConstants.h"
 #include "OPC/OPC DA Server/SiteDataManager.h"
 #include "base/RuntimeError.h"
@@ -130,6 +131,9 @@ void Checker::checkNetwork() {
         } else {
             note("dcom.conf", line);
         }
+    }
+    for (const std::string& line : domainProblems(settings)) {
+        problem("dcom.conf", line);
     }
     for (const std::string& address : settings.addresses) {
         checkPort(address, settings.activationPort);

@@ -11,6 +11,8 @@
 #include "DB Interface Library/SystemINI.h"
 #include "OPC/Control/AccountFile.h"
 #include "OPC/Control/Check.h"
+#include "OPC/Control/RunningServer.h"
+#include "OPC/Health/ControlPath.h"
 #include "OPC/Tools/Json.h"
 #include "OPC/Tools/Terminal.h"
 #include "base/PasswordPrompt.h"
@@ -30,6 +32,7 @@ constexpr int misunderstood = 2;
 struct Options {
     std::string ini = systemIniPath();
     std::string conf = dcom::dcomSettingsPath();
+    std::string control = health::controlPath();
     std::string account;
     bool json = false;
 };
@@ -126,6 +129,30 @@ int removeAccount(const Options& options) {
     return said(options, "removed");
 }
 
+int showAnswer(const Options& options, const char* question, std::vector<std::string> (*linesOf)(const Answer&)) {
+    const Answer answer = askServer(options.control, {{"ask", question}});
+    if (options.json) {
+        showLine(lineOf(answer));
+    } else {
+        for (const std::string& line : linesOf(answer)) {
+            showLine(line);
+        }
+    }
+    return done;
+}
+
+int reload(const Options& options) {
+    const Answer answer = askServer(options.control, {{"ask", "reload"}});
+    if (options.json) {
+        showLine(lineOf(answer));
+    } else {
+        for (const Answer& line : answer.value("lines", Answer::array())) {
+            showLine(line.is_string() ? line.get<std::string>() : "");
+        }
+    }
+    return answer.value("reloaded", false) ? done : wrong;
+}
+
 int run(int argc, char** argv) {
     Options options;
     int code = done;
@@ -138,6 +165,16 @@ int run(int argc, char** argv) {
     app.add_option("--conf", options.conf, "The settings of the network")->capture_default_str();
     app.add_subcommand("check", "Look for everything that a start of the server would stumble over")->callback([&] {
         code = runCheck(options);
+    });
+    app.add_option("--control", options.control, "Where the server is asked how it is")->capture_default_str();
+    app.add_subcommand("status", "Say how the running server is: sites, databases, items, load")->callback([&] {
+        code = showAnswer(options, "status", statusLines);
+    });
+    app.add_subcommand("clients", "Name the clients that are connected, and their groups")->callback([&] {
+        code = showAnswer(options, "clients", clientLines);
+    });
+    app.add_subcommand("reload", "Have the running server read dcom.conf anew")->callback([&] {
+        code = reload(options);
     });
     CLI::App* const passwords = app.add_subcommand("passwd", "The accounts that clients log on with");
     passwords->require_subcommand(1);
@@ -155,6 +192,9 @@ int run(int argc, char** argv) {
         return code;
     } catch (const CLI::ParseError& error) {
         return app.exit(error) == 0 ? done : misunderstood;
+    } catch (const NoAnswer& trouble) {
+        tools::showProblem(trouble.what());
+        return wrong;
     } catch (const AccountTrouble& trouble) {
         tools::showProblem(trouble.what());
         return wrong;
