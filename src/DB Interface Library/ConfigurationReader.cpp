@@ -13,9 +13,10 @@ namespace {
 // Each of these is done as a whole by the connection's worker.
 
 std::shared_ptr<const OPCDefCollection> readOPCDefs(ISqlConnection& connection, const std::string& strSiteID) {
-    // The null value is a number or a text; where columns are typed, its text stands in a column of its own.
+    // The null value is a number or a text; where columns are typed, its text stands in a column of its own. By itself
+    // "Write" is a word of MariaDB's own.
     const std::string sql = fmt::format(
-        "SELECT Tagname, ID, TagType, DataType, Write, NullValue, DownIsValid, UseSubstatus, RefreshRate, {} "
+        "SELECT Tagname, ID, TagType, DataType, Q5OPCDEF.Write, NullValue, DownIsValid, UseSubstatus, RefreshRate, {} "
         "FROM Q5OPCDEF WHERE SiteID = ? ORDER BY Position, RecordID",
         connection.hasTypedColumns() ? "NullValueText" : "NULL");
     const auto rows = connection.query(sql, {strSiteID});

@@ -57,9 +57,17 @@ std::string marks(std::size_t count) {
 class OdbcConnection final : public ISqlConnection {
  public:
     OdbcConnection(const ConnectionString& connectionString, SqlTimeouts timeouts)
-        : connectionString_(connectionString), timeouts_(timeouts) {}
+        : connectionString_(connectionString), timeouts_(timeouts) {
+        const OdbcConnectTime time = odbcConnectTime(connectionString_, timeouts_.connect);
+        timeouts_.connect = time.each;
+        timeToConnect_ = time.all;
+    }
 
-    SqlTimeouts timeouts() const override { return timeouts_; }
+    SqlTimeouts timeouts() const override {
+        SqlTimeouts timeouts = timeouts_;
+        timeouts.connect = timeToConnect_;
+        return timeouts;
+    }
 
     void connect() override { connectedSession(); }
 
@@ -102,6 +110,8 @@ class OdbcConnection final : public ISqlConnection {
     }
 
     bool hasTypedColumns() const override { return true; }
+
+    void beginTransaction() override { execute(connectedSession()->dialect().beginTransaction, {}); }
 
     std::int64_t execute(std::string_view sql, SqlParameters parameters) override {
         return OdbcRows(connectedSession(), sql, parameters).changedRows();
@@ -152,6 +162,7 @@ class OdbcConnection final : public ISqlConnection {
 
     ConnectionString connectionString_;
     SqlTimeouts timeouts_;
+    std::chrono::milliseconds timeToConnect_{};
     std::shared_ptr<OdbcSession> session_;
 };
 

@@ -58,11 +58,24 @@ struct OdbcDialect {
     bool selectsFromProcedures = false;
     // Every field travels as text, so that rows come faster packed.
     bool fieldsTravelAsText = false;
+    // Texts may be taken as the UTF-8 in which they travel: the driver takes three times as long to widen them.
+    bool textsAreUtf8 = false;
+    // The driver holds all rows anyway, and inside a block it reads on in the wrong row.
+    bool rowsComeSingly = false;
+    std::string_view beginTransaction = "BEGIN TRANSACTION";
 };
+
+// How long each server that a connection string names may take to let somebody in, and all of them together.
+struct OdbcConnectTime {
+    std::chrono::milliseconds each;
+    std::chrono::milliseconds all;
+};
+OdbcConnectTime odbcConnectTime(const ConnectionString& connectionString, std::chrono::milliseconds connect);
 
 // Connects when it is made. Everything here raises RuntimeError with the database's own number and text.
 class OdbcSession {
  public:
+    // timeouts.connect: of each server that the connection string names.
     OdbcSession(const ConnectionString& connectionString, const SqlTimeouts& timeouts);
     OdbcSession(const OdbcSession&) = delete;
     OdbcSession& operator=(const OdbcSession&) = delete;
@@ -100,7 +113,11 @@ class OdbcSession {
 
  private:
     void connect();
+    void connectTo(const std::string& connectionString);
+    std::string mariaDBTimeouts(std::size_t seconds) const;
     void readAbilities();
+    void refuseStandby();
+    bool saysYes(std::string_view question);
     std::string infoText(SQLUSMALLINT which) const;
 
     ConnectionString connectionString_;

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
-#include <optional>
 #include <utility>
 
 #include "base/Date.h"
@@ -27,12 +26,13 @@ constexpr std::size_t blockDigits = 128;
 // Texts beyond this many units go to the database as long texts.
 constexpr std::size_t longestPlainText = 4000;
 
-std::u16string_view fromWide(const void* text, std::size_t units) {
-    return {static_cast<const char16_t*>(text), units};
+bool isNarrow(const OdbcColumn& column) {
+    return column.cType == SQL_C_CHAR;
 }
 
-bool isText(const OdbcColumn& column) {
-    return column.cType == SQL_C_WCHAR;
+// Bytes of the mark behind a text.
+std::size_t endMark(const OdbcColumn& column) {
+    return isNarrow(column) ? sizeof(char) : sizeof(char16_t);
 }
 
 void setType(OdbcColumn& column, SqlType type, SQLSMALLINT cType, std::size_t width) {
@@ -41,7 +41,16 @@ void setType(OdbcColumn& column, SqlType type, SQLSMALLINT cType, std::size_t wi
     column.width = width;
 }
 
-OdbcColumn columnOf(SQLSMALLINT sqlType, SQLULEN size) {
+void setTextType(OdbcColumn& column, SQLULEN size, bool narrow) {
+    constexpr std::size_t longestCharacter = 4;  // bytes of UTF-8; the block's place has two for each
+    const std::size_t place = blockText * sizeof(char16_t);
+    const std::size_t unit = narrow ? longestCharacter : sizeof(char16_t);
+    column.mayBeLonger = size == 0 || size > place / unit;
+    setType(column, SqlType::Text, narrow ? SQL_C_CHAR : SQL_C_WCHAR,
+            (column.mayBeLonger ? place : size * unit) + sizeof(char16_t));
+}
+
+OdbcColumn columnOf(SQLSMALLINT sqlType, SQLULEN size, bool narrow) {
     OdbcColumn column;
     column.sqlType = sqlType;
     switch (sqlType) {
@@ -71,11 +80,8 @@ OdbcColumn columnOf(SQLSMALLINT sqlType, SQLULEN size) {
             // Nobody reads the bytes; only that they are there counts.
             setType(column, SqlType::Blob, SQL_C_BINARY, 8);
             break;
-        default: {
-            column.mayBeLonger = size == 0 || size > blockText;
-            const std::size_t units = column.mayBeLonger ? blockText : size;
-            setType(column, SqlType::Text, SQL_C_WCHAR, (units + 1) * sizeof(char16_t));
-        }
+        default:
+            setTextType(column, size, narrow);
     }
     return column;
 }
@@ -331,7 +337,7 @@ void OdbcStatement::prepareBlock() {
                                    static_cast<SQLSMALLINT>(name.size()), &nameLength, &type, &size, &digits,
                                    &nullable);
         });
-        columns_.push_back(columnOf(type, size));
+        columns_.push_back(columnOf(type, size, session_.dialect().textsAreUtf8));
     }
     if (columns_.empty()) {
         return;
@@ -351,7 +357,7 @@ void OdbcStatement::placeColumns() {
             boundColumns_ = std::min(boundColumns_, i);
         }
     }
-    rows_ = boundColumns_ < columns_.size()
+    rows_ = boundColumns_ < columns_.size() || session_.dialect().rowsComeSingly
                 ? 1
                 : std::clamp<std::size_t>(blockMemory / std::max<std::size_t>(rowBytes, 1), 1, blockRows);
     std::size_t size = 0;
@@ -398,14 +404,14 @@ bool OdbcStatement::fetchBlock() {
 
 void OdbcStatement::readColumn(std::size_t index) {
     OdbcColumn& column = columns_[index];
-    if (index >= boundColumns_ && !isText(column)) {
+    if (index >= boundColumns_ && column.type != SqlType::Text) {
         column.indicators[0] = SQL_NULL_DATA;
         run([&] {
             return SQLGetData(handle_->get(), static_cast<SQLUSMALLINT>(index + 1), column.cType, place(column, 0),
                               static_cast<SQLLEN>(column.width), column.indicators.data());
         });
     }
-    if (index >= boundColumns_ && isText(column)) {
+    if (index >= boundColumns_ && column.type == SqlType::Text) {
         readLongText(index);
     } else if (const SQLLEN bytes = column.indicators[row_]; bytes == SQL_NULL_DATA) {
         column.value.type = SqlType::Null;
@@ -436,14 +442,19 @@ void OdbcStatement::readPlace(std::size_t index, SQLLEN bytes) {
                                  bytes >= 0 ? std::min(static_cast<std::size_t>(bytes), column.width - 1) : 0};
             break;
         case SqlType::Text:
-            if (bytes < 0 || static_cast<std::size_t>(bytes) > column.width - sizeof(char16_t)) {
-                run([&] {
-                    return SQLSetPos(handle_->get(), static_cast<SQLSETPOSIROW>(row_ + 1), SQL_POSITION,
-                                     SQL_LOCK_NO_CHANGE);
-                });
+            if (bytes < 0 || static_cast<std::size_t>(bytes) > column.width - endMark(column)) {
+                if (rows_ > 1) {
+                    run([&] {
+                        return SQLSetPos(handle_->get(), static_cast<SQLSETPOSIROW>(row_ + 1), SQL_POSITION,
+                                         SQL_LOCK_NO_CHANGE);
+                    });
+                }
                 readLongText(index);
+            } else if (isNarrow(column)) {
+                column.value.text = {reinterpret_cast<const char*>(source), static_cast<std::size_t>(bytes)};
             } else {
-                assignUtf8(column.text, fromWide(source, static_cast<std::size_t>(bytes) / sizeof(char16_t)));
+                assignUtf8(column.text, {reinterpret_cast<const char16_t*>(source),
+                                         static_cast<std::size_t>(bytes) / sizeof(char16_t)});
                 column.value.text = column.text;
             }
             break;
@@ -456,26 +467,32 @@ void OdbcStatement::readPlace(std::size_t index, SQLLEN bytes) {
 // Piece by piece. A text beyond what is taken from a column counts as binary data, which nobody reads.
 void OdbcStatement::readLongText(std::size_t index) {
     OdbcColumn& column = columns_[index];
-    std::u16string text;
-    std::u16string piece(8192, u'\0');
-    const std::size_t capacity = (piece.size() - 1) * sizeof(char16_t);
+    std::string text;  // bytes of either kind
+    std::array<char, 16384> piece{};
+    const std::size_t capacity = piece.size() - endMark(column);
     SQLLEN bytes = 0;
-    while (text.size() <= maxSqlText && run([&] {
-               return SQLGetData(handle_->get(), static_cast<SQLUSMALLINT>(index + 1), SQL_C_WCHAR, piece.data(),
-                                 static_cast<SQLLEN>(piece.size() * sizeof(char16_t)), &bytes);
+    while (text.size() <= maxSqlText * endMark(column) && run([&] {
+               return SQLGetData(handle_->get(), static_cast<SQLUSMALLINT>(index + 1), column.cType, piece.data(),
+                                 static_cast<SQLLEN>(piece.size()), &bytes);
            })) {
         if (bytes == SQL_NULL_DATA) {
             column.value.type = SqlType::Null;
             return;
         }
         const bool isLast = bytes >= 0 && static_cast<std::size_t>(bytes) <= capacity;
-        text.append(piece, 0, (isLast ? static_cast<std::size_t>(bytes) : capacity) / sizeof(char16_t));
+        text.append(piece.data(), isLast ? static_cast<std::size_t>(bytes) : capacity);
         if (isLast) {
             break;
         }
     }
-    column.value.type = text.size() <= maxSqlText ? SqlType::Text : SqlType::Blob;
-    assignUtf8(column.text, text);
+    column.value.type = text.size() <= maxSqlText * endMark(column) ? SqlType::Text : SqlType::Blob;
+    if (isNarrow(column)) {
+        column.text = std::move(text);
+    } else {
+        std::u16string units(text.size() / sizeof(char16_t), u'\0');
+        std::memcpy(units.data(), text.data(), units.size() * sizeof(char16_t));
+        assignUtf8(column.text, units);
+    }
     column.value.text = column.text;
 }
 

@@ -16,6 +16,7 @@
 
 #include "DB Interface Library/sql/SqlTimeouts.h"
 #include "base/Date.h"
+#include "base/RuntimeError.h"
 #include "base/Variant.h"
 
 namespace quelm {
@@ -70,6 +71,15 @@ class ISqlRowSink {
     virtual void take(std::span<const SqlValue> columns) = 0;
 };
 
+// The database has taken a write back because it met another one (SQLSTATE 40001, 40P01): as if it had never been
+// tried, so that it may be tried again. The connection is as good as before.
+class SqlConflict final : public RuntimeError {
+    using RuntimeError::RuntimeError;
+};
+
+// The number raised when a connection leads to a PostgreSQL server that only follows another one.
+inline constexpr long sqlStandby = 3713;
+
 // One database. Connects when it is first used, and again after every failure. A call takes as long as the database's
 // library takes (SqlWorker bounds what others wait for it), and raises RuntimeError with the database's own number and
 // text. To be used by one thread at a time.
@@ -93,7 +103,9 @@ class ISqlConnection {
     // True where a column takes values of its declared type alone; the schemas then give a column that may hold a
     // number or a text a second one, of texts.
     virtual bool hasTypedColumns() const = 0;
-    // The number of rows that the statement changed.
+    // From here to "COMMIT" others see what is written whole or not at all. Closing takes it back.
+    virtual void beginTransaction() = 0;
+    // The number of rows that the statement changed. Raises SqlConflict where the database has taken it back.
     virtual std::int64_t execute(std::string_view sql, SqlParameters parameters) = 0;
     // Connects and has the database answer a trivial query, whatever tables it holds.
     virtual void test() = 0;

@@ -1,16 +1,13 @@
 #include "DB Interface Library/sql/SqlWorker.h"
 
 #include <fmt/format.h>
-#include <signal.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdio>
-#include <cstdlib>
-#include <vector>
 
 #include "base/TimeSource.h"
+#include "base/WorkerThread.h"
 
 namespace quelm {
 
@@ -28,50 +25,6 @@ constexpr std::chrono::milliseconds patience{500};
 ErrorInfo noAnswerWithin(std::chrono::milliseconds limit) {
     return {sqlNoAnswer, fmt::format("the database did not answer within {} ms", limit.count())};
 }
-
-// Signals are the business of the thread that waits for them.
-class SignalsBlocked {
- public:
-    SignalsBlocked() {
-        sigset_t all;
-        sigfillset(&all);
-        pthread_sigmask(SIG_SETMASK, &all, &before_);
-    }
-    SignalsBlocked(const SignalsBlocked&) = delete;
-    SignalsBlocked& operator=(const SignalsBlocked&) = delete;
-    ~SignalsBlocked() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
-
- private:
-    sigset_t before_{};
-};
-
-// Libraries take themselves apart when the process ends, which must not happen under the hands of a thread that is
-// still inside of one. As long as there is such a thread the process ends without that.
-class LeftBehind {
- public:
-    static void add(std::future<void> end) {
-        static LeftBehind all;
-        // Behind the object, so that it runs before the object goes.
-        [[maybe_unused]] static const int isSet = on_exit(&LeftBehind::endProcess, &all);
-        std::erase_if(all.ends_, isReady);
-        all.ends_.push_back(std::move(end));
-    }
-
- private:
-    static bool isReady(const std::future<void>& end) {
-        return end.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
-    }
-
-    static void endProcess(int status, void* self) {
-        const auto& ends = static_cast<LeftBehind*>(self)->ends_;
-        if (!std::all_of(ends.begin(), ends.end(), isReady)) {
-            std::fflush(nullptr);
-            _exit(status);
-        }
-    }
-
-    std::vector<std::future<void>> ends_;
-};
 
 void work(std::unique_ptr<ISqlConnection> connection, std::future<std::unique_ptr<SqlJob>> next,
           std::promise<void> end) {

@@ -280,6 +280,8 @@ class SqliteConnection final : public ISqlConnection {
 
     bool hasTypedColumns() const override { return false; }
 
+    void beginTransaction() override { execute("BEGIN TRANSACTION", {}); }
+
     std::int64_t execute(std::string_view sql, SqlParameters parameters) override {
         const std::shared_ptr<Session> session = connectedSession();
         SqliteRows rows(session, sql, parameters);

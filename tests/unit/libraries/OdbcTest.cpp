@@ -1,4 +1,5 @@
-// The same reads and writes in SQLite and in PostgreSQL through ODBC, and what a database server's failures cost.
+// The same reads and writes in SQLite and, through ODBC, in PostgreSQL and MariaDB, and what a database server's
+// failures cost.
 
 #include "DB Interface Library/sql/OdbcDriver.h"
 
@@ -15,12 +16,14 @@
 #include <thread>
 
 #include "DB Interface Library/DBIL.h"
+#include "DB Interface Library/sql/OdbcSession.h"
 #include "DB Interface Library/sql/SqliteDriver.h"
 #include "base/Conversion.h"
 #include "base/Raised.h"
 #include "base/RuntimeError.h"
 #include "base/Text.h"
 #include "base/TimeSource.h"
+#include "libraries/TestMariaDB.h"
 #include "libraries/TestServer.h"
 
 namespace quelm {
@@ -29,6 +32,7 @@ namespace {
 using test::runOnServer;
 using test::TemporaryFolder;
 using test::TestDatabase;
+using test::TestMariaDB;
 using test::TestServer;
 using testing::HasSubstr;
 using testing::Not;
@@ -38,9 +42,14 @@ using testing::Not;
         GTEST_SKIP() << "PostgreSQL or its ODBC driver is not installed on this machine"; \
     }
 
-// ---- the readers, over both kinds of database
+#define NEED_MARIADB()                                                                 \
+    if (TestMariaDB::instance() == nullptr) {                                          \
+        GTEST_SKIP() << "MariaDB or its ODBC driver is not installed on this machine"; \
+    }
 
-enum class Kind { Sqlite, PostgreSQL };
+// ---- the readers, over each kind of database
+
+enum class Kind { Sqlite, PostgreSQL, MariaDB };
 
 class DatabasesTest : public testing::TestWithParam<Kind> {
  protected:
@@ -48,10 +57,14 @@ class DatabasesTest : public testing::TestWithParam<Kind> {
         if (GetParam() == Kind::Sqlite) {
             sqlite_.withSchema();
             connection_ = sqlite_.connectionString();
-        } else {
+        } else if (GetParam() == Kind::PostgreSQL) {
             NEED_SERVER();
             TestServer::instance()->resetDatabase();
             connection_ = TestServer::instance()->connectionString();
+        } else {
+            NEED_MARIADB();
+            TestMariaDB::instance()->resetDatabase();
+            connection_ = TestMariaDB::instance()->connectionString();
         }
         ASSERT_TRUE(dbil_.SetupSite("S1", connection_, connection_, "", "", "", true, false));
         ASSERT_TRUE(dbil_.SetupSite("S2", connection_, connection_, "", "", "", true, false));
@@ -59,8 +72,10 @@ class DatabasesTest : public testing::TestWithParam<Kind> {
     void run(const std::string& sql) {
         if (GetParam() == Kind::Sqlite) {
             sqlite_.run(sql);
-        } else {
+        } else if (GetParam() == Kind::PostgreSQL) {
             runOnServer(sql);
+        } else {
+            TestMariaDB::instance()->run(sql);
         }
     }
     // Bytes beyond which none of the database's files can grow.
@@ -118,7 +133,9 @@ TEST_P(DatabasesTest, GiveEveryTextWholeHoweverLong) {
 }
 
 TEST_P(DatabasesTest, GiveDefinitionsParametersAndSettings) {
-    run("INSERT INTO Q5OPCDEF(SiteID, Position, Tagname, ID, DataType, Write, NullValue, DownIsValid) VALUES "
+    run("INSERT INTO Q5OPCDEF(SiteID, Position, Tagname, ID, DataType, " +
+        std::string(GetParam() == Kind::MariaDB ? "`Write`" : "Write") +
+        ", NullValue, DownIsValid) VALUES "
         "('S1', 2, 'Last', '[@7]', 2, -1, -1.5, 1), ('s1', 0, 'Other', '', 1, 1, 0, 0)");
     run("INSERT INTO Q5OPCDEF(SiteID, Position, Tagname, DataType, " + textColumn("NullValue") +
         ") VALUES ('S1', 1, 'First', 3, 'none')");
@@ -180,9 +197,41 @@ TEST_P(DatabasesTest, KeepMessageRecordsAsTheyWereGiven) {
     EXPECT_EQ(realtime.GetMessageRecord("S1", id)->Response, "<Success>1</Success>");
 }
 
+TEST_P(DatabasesTest, TryACommandOnceMoreThatMetAnotherWrite) {
+    std::vector<std::string> refusals;
+    if (GetParam() == Kind::PostgreSQL) {
+        refusals = {"CREATE SEQUENCE tries",
+                    "CREATE FUNCTION meet() RETURNS trigger LANGUAGE plpgsql AS $$ BEGIN IF NEW.Type = 'never' OR "
+                    "nextval('tries') = 1 THEN RAISE EXCEPTION 'met another' USING ERRCODE = '40001'; END IF; "
+                    "RETURN NEW; END $$",
+                    "CREATE TRIGGER meeting BEFORE INSERT ON Message FOR EACH ROW EXECUTE FUNCTION meet()"};
+    } else if (GetParam() == Kind::MariaDB) {
+        refusals = {
+            "CREATE TRIGGER meeting BEFORE INSERT ON Message FOR EACH ROW IF NEW.Type = 'never' OR @tries IS NULL "
+            "THEN SET @tries = 1; SIGNAL SQLSTATE '40001' SET MESSAGE_TEXT = 'met another', MYSQL_ERRNO = 1213; "
+            "END IF"};
+    }
+    for (const std::string& sql : refusals) {
+        run(sql);
+    }
+    std::string id;
+    EXPECT_TRUE(dbil_.RealtimeDB().InsertMessage(id, "S1", "Q6IOCOMMAND", "<Command />", "", "", ""));
+    EXPECT_EQ(dbil_.RealtimeDB().GetMessageRecord("S1", id)->MessageData, "<Command />");
+    if (!refusals.empty()) {
+        const std::string failure =
+            test::failureOf([&] { dbil_.RealtimeDB().InsertMessage(id, "S1", "never", "<Command />", "", "", ""); });
+        EXPECT_THAT(failure, testing::MatchesRegex(".*met another.*"));
+        // As good as before: a session of its own would know nothing of the first try.
+        EXPECT_TRUE(dbil_.RealtimeDB().InsertMessage(id, "S1", "Q6IOCOMMAND", "", "", "", ""));
+    }
+}
+
 TEST_P(DatabasesTest, GiveEveryTransactionWholeHoweverFastTheyCome) {
-    run("WITH RECURSIVE n(i) AS (SELECT 100000 UNION ALL SELECT i + 1 FROM n WHERE i < 199999) INSERT INTO "
-        "CurrentIO(SiteID, IOID, TStamp, NValue) SELECT 'S1', 'C' || i, '2026-11-22 00:00:00', 0 FROM n");
+    run(GetParam() == Kind::MariaDB
+            ? "INSERT INTO CurrentIO(SiteID, IOID, TStamp, NValue) SELECT 'S1', CONCAT('C', seq), '2026-11-22', 0 "
+              "FROM seq_100000_to_199999"
+            : "WITH RECURSIVE n(i) AS (SELECT 100000 UNION ALL SELECT i + 1 FROM n WHERE i < 199999) INSERT INTO "
+              "CurrentIO(SiteID, IOID, TStamp, NValue) SELECT 'S1', 'C' || i, '2026-11-22 00:00:00', 0 FROM n");
     // An I/O server as a process of its own. Transaction after transaction gives the next thousand records the
     // transaction's number and as many seconds.
     const pid_t writer = fork();
@@ -221,6 +270,9 @@ TEST_P(DatabasesTest, GiveEveryTransactionWholeHoweverFastTheyCome) {
 }
 
 TEST_P(DatabasesTest, ReadOnWhileTheDiskIsFullAndWriteAgainOnceThereIsRoom) {
+    if (GetParam() == Kind::MariaDB) {
+        GTEST_SKIP() << "MariaDB waits on a full disk until there is room";
+    }
     run("INSERT INTO CurrentIO(SiteID, IOID, NValue) VALUES ('S1', 'C1', 2.5)");
     std::string data;
     for (std::uint32_t number = 1; data.size() < 500'000; number = number * 1664525 + 1013904223) {
@@ -247,8 +299,12 @@ TEST_P(DatabasesTest, ReadOnWhileTheDiskIsFullAndWriteAgainOnceThereIsRoom) {
     EXPECT_EQ(realtime.GetMessageRecord("S1", id)->MessageData, data);
 }
 
-INSTANTIATE_TEST_SUITE_P(Both, DatabasesTest, testing::Values(Kind::Sqlite, Kind::PostgreSQL),
-                         [](const auto& each) { return each.param == Kind::Sqlite ? "Sqlite" : "PostgreSQL"; });
+INSTANTIATE_TEST_SUITE_P(All, DatabasesTest, testing::Values(Kind::Sqlite, Kind::PostgreSQL, Kind::MariaDB),
+                         [](const auto& each) {
+                             return each.param == Kind::Sqlite       ? "Sqlite"
+                                    : each.param == Kind::PostgreSQL ? "PostgreSQL"
+                                                                     : "MariaDB";
+                         });
 
 // ---- a server's failures
 
@@ -371,6 +427,48 @@ TEST_F(OdbcTest, AScanGivesTheSameRowsAsAQuery) {
                   fmt::format("{} 0.1; {} a; \n", static_cast<int>(SqlType::Real), static_cast<int>(SqlType::Text)));
     }
     runOnServer("ALTER ROLE quelm RESET search_path");
+}
+
+TEST(OdbcConnectTimeTest, EveryServerOfAListHasItsTime) {
+    using std::chrono_literals::operator""s;
+    const struct {
+        const char* text;
+        std::chrono::seconds given;
+        std::chrono::seconds each;
+        std::chrono::seconds all;
+    } cases[] = {
+        {"Driver=PostgreSQL Unicode;Server=a", 1s, 1s, 1s},
+        {"Driver=PostgreSQL Unicode;Server=a,b", 1s, 2s, 4s},
+        {"Driver=psqlodbcw.so;Servername=a,b,c", 5s, 5s, 15s},
+        {"Driver=PostgreSQL Unicode;Server=a,b,c", 300s, 10s, 30s},
+        {"Driver={MariaDB Unicode};Server=a, b:3307 ,c", 3s, 3s, 9s},
+        {"Driver=ODBC Driver 18 for SQL Server;Server=tcp:a,1433", 1s, 1s, 1s},
+        {"DSN=a,b", 5s, 5s, 5s},
+    };
+    for (const auto& each : cases) {
+        const OdbcConnectTime time = odbcConnectTime(ConnectionString(each.text), each.given);
+        EXPECT_EQ(time.each, each.each) << each.text;
+        EXPECT_EQ(time.all, each.all) << each.text;
+        EXPECT_EQ(OdbcDriver({.connect = each.given}).connection(ConnectionString(each.text))->timeouts().connect,
+                  each.all);
+    }
+}
+
+TEST_F(OdbcTest, AMariaDBStatementHasItsTimeAndAFrozenServerEndsByItself) {
+    NEED_MARIADB();
+    TestMariaDB::instance()->resetDatabase();
+    const auto connection = connect(TestMariaDB::instance()->connectionString(),
+                                    {.connect = std::chrono::seconds(1), .query = std::chrono::seconds(1)});
+    EXPECT_THAT(failureOf(*connection, "SELECT COUNT(*) FROM seq_1_to_100000 a, seq_1_to_100000 b"),
+                HasSubstr("max_statement_time exceeded"));
+    TestMariaDB::instance()->freeze(true);
+    EXPECT_THAT(failureOf(*connection), HasSubstr("Lost connection"));
+    TestMariaDB::instance()->freeze(false);
+    EXPECT_EQ(failureOf(*connection), "none");
+    // The first server that answers is taken.
+    const auto list = connect("Driver=MariaDB Unicode;Server=127.0.0.9:3399,127.0.0.8;UID=root;PWD=geheimnis");
+    EXPECT_THAT(failureOf(*list),
+                testing::AllOf(HasSubstr("127.0.0.9:3399: "), HasSubstr("; 127.0.0.8: "), Not(HasSubstr("geheimnis"))));
 }
 
 TEST_F(OdbcTest, AConnectionStringThatLeadsNowhereFailsWithTheReason) {

@@ -94,6 +94,7 @@ class Connection final : public ISqlConnection {
         sink.take(row);
     }
     bool call(std::string_view, std::string_view, SqlParameters, ISqlRowSink&) override { return false; }
+    void beginTransaction() override {}
     bool hasTypedColumns() const override { return false; }
     std::int64_t execute(std::string_view, SqlParameters) override {
         query({}, {});
