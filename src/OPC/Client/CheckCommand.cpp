@@ -59,6 +59,7 @@ ExitCode runCheck(Connection& connection, AsioLoop& loop, Screen& screen, const 
     target.classId = connection.classId();
     target.progId = connection.progId();
     target.items = options.items;
+    target.tell = [&screen](const std::string& what) { screen.message(what); };
     check::Stage stage(loop, std::move(target));
     connection.onInterrupt([&stage] { stage.interrupt(); });
     std::optional<Trouble> end;

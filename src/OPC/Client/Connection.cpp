@@ -80,7 +80,7 @@ void Connection::choose() {
         classId_ = given ? *given : classNamed(*session_, options_.server);
         return;
     }
-    const std::vector<FoundServer> found = discover(*session_);
+    const std::vector<FoundServer> found = opcda::client::discover(*session_);
     if (found.empty()) {
         throw Trouble(Trouble::Kind::ClassUnknown, options_.host,
                       fmt::format("{} lists no OPC DA server", options_.host));

@@ -42,7 +42,7 @@ std::string firstLine(int descriptor) {
     std::string line;
     line.reserve(longestPassword);  // never moved, so that no copy of it stays behind
     char next = 0;
-    while (line.size() < longestPassword && read(descriptor, &next, 1) == 1 && next != '\n') {
+    while (line.size() < longestPassword && ::read(descriptor, &next, 1) == 1 && next != '\n') {
         line.push_back(next);
         if (next == NoEcho::interruption) {
             break;

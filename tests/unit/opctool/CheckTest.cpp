@@ -67,7 +67,7 @@ TEST(CheckCases, HaveNumbersOfTheirOwn) {
     for (const Ran& ran : chosen({})) {
         EXPECT_TRUE(numbers.insert(ran.what->number).second) << ran.what->number;
     }
-    EXPECT_EQ(chosen({{29, 200}, false, {}}).size(), 1U);
+    EXPECT_EQ(chosen({{29, 200, 201}, false, {}}).size(), 2U);
 }
 
 }  // namespace

@@ -3,12 +3,13 @@
 #include <algorithm>
 #include <array>
 
-#include "OPC/Client/check/Stage.h"
+#include "OPC/Client/check/Sent.h"
 #include "base/Quality.h"
 #include "opcda/client/Words.h"
 
 namespace quelm::opcclient::check {
 
+namespace ages {
 namespace {
 
 using namespace opcda::client;
@@ -147,20 +148,27 @@ void noneBesideData(Stage& stage, Findings& found) {
                  "empty callbacks come beside the data");
 }
 
+void keepsIdleAlive(Stage& stage, Findings& found) {
+    const Group group = stage.groupOf(2);
+    stage.as<IOPCItemMgt>(group.state).SetActiveState(group.items, false);
+    const auto set = stage.asOffered<IOPCGroupStateMgt2>(group.state).SetKeepAlive(500);
+    found.need(!failed(set.result), "SetKeepAlive: " + resultName(set.result));
+    const Sink sink(stage.session(), group.state);
+    found.expect(stage.waitUntil([&sink] { return sink.calls().size() >= 2; }, 10s), "no two of them came in 10 s");
+}
+
 void noneWhileInactive(Stage& stage, Findings& found) {
     const Idle made = idle(stage, found, 500);
     GroupChange change;
     change.active = false;
     stage.as<IOPCGroupStateMgt>(made.group.state).SetState(change);
-    stage.settle();
-    made.sink->forget();
+    forgetLateOnes(stage, *made.sink);
     stage.wait(2s);
     found.expect(made.sink->calls().empty(), "they come while the group is inactive");
     change.active = true;
     stage.as<IOPCGroupStateMgt>(made.group.state).SetState(change);
     found.result("SetEnable", stage.as<IOPCAsyncIO2>(made.group.state).SetEnable(false), {S_OK});
-    stage.settle();
-    made.sink->forget();
+    forgetLateOnes(stage, *made.sink);
     stage.wait(2s);
     found.expect(made.sink->calls().empty(), "they come while callbacks are disabled");
 }
@@ -171,8 +179,7 @@ void noneAnyMore(Stage& stage, Findings& found) {
     const auto off = stage.as<IOPCGroupStateMgt2>(made.group.state).SetKeepAlive(0);
     found.result("SetKeepAlive(0)", off.result, {S_OK});
     found.equal("the time", off.out, 0U);
-    stage.settle();
-    made.sink->forget();
+    forgetLateOnes(stage, *made.sink);
     stage.wait(2s);
     found.expect(made.sink->calls().empty(), "they still come");
 }
@@ -230,7 +237,7 @@ void noBuffering(Stage& stage, Findings& found) {
     found.expect(!get.out.numbers.has_value() && !get.out.errors.has_value(), "something came with it");
 }
 
-constexpr std::array<Case, 14> cases{{
+constexpr std::array<Case, 15> cases{{
     {167, Version::Da3, "IOPCItemIO::Read by any age, by none", "S_OK; a value", itemIoRead},
     {168, Version::Da3, "IOPCItemIO::Read(item, unknown one, empty id)",
      "S_FALSE, S_OK, OPC_E_UNKNOWNITEMID, OPC_E_INVALIDITEMID", itemIoWrongIds},
@@ -241,6 +248,7 @@ constexpr std::array<Case, 14> cases{{
     {173, Version::Da3, "GetKeepAlive, SetKeepAlive(3000), GetKeepAlive", "0; S_OK or revised; that", keepAliveTime},
     {174, Version::Da3, "keep-alive 1000 ms, no items", "empty OnDataChange, at most 1500 ms apart", keepsAlive},
     {175, Version::Da3, "keep-alive 2000 ms, data all the while", "no empty OnDataChange", noneBesideData},
+    {176, Version::Da3, "keep-alive, no item active", "empty OnDataChange all the same", keepsIdleAlive},
     {177, Version::Da3, "keep-alive, group inactive, callbacks disabled", "none", noneWhileInactive},
     {178, Version::Da3, "SetKeepAlive(0)", "S_OK, 0; none any more", noneAnyMore},
     {179, Version::Da3, "deadbands of an item, of a wrong handle", "not supported or kept; OPC_E_INVALIDHANDLE",
@@ -252,9 +260,10 @@ constexpr std::array<Case, 14> cases{{
 }};
 
 }  // namespace
+}  // namespace ages
 
 std::span<const Case> ageCases() {
-    return cases;
+    return ages::cases;
 }
 
 }  // namespace quelm::opcclient::check

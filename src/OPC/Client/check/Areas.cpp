@@ -16,6 +16,7 @@ std::span<const Area> areas() {
         Area{7, "Synchronous read and write", syncCases()},
         Area{8, "Asynchronous read, write, refresh, cancel", asyncCases()},
         Area{9, "Subscription", subscriptionCases()},
+        Area{9, "What a subscription sends", changeCases()},
         Area{10, "Shutdown", shutdownCases()},
         Area{11, "Browsing 2.0", browse2Cases()},
         Area{12, "Browsing 3.0", browse3Cases()},
@@ -23,6 +24,7 @@ std::span<const Area> areas() {
         Area{14, "Maximum age and keep-alive", ageCases()},
         Area{15, "Limits and bad parameters", limitCases()},
         Area{16, "References and lifetime", lifetimeCases()},
+        Area{16, "Clients that die", deathCases()},
     };
     return all;
 }

@@ -8,14 +8,14 @@
 
 namespace quelm::opcclient::check {
 
+namespace asynchronous {
 namespace {
 
 using namespace opcda::client;
 using namespace std::chrono_literals;
 using Kind = Called::Kind;
 
-// Long enough for a callback that must not come.
-constexpr auto aWhile = 2s;
+constexpr std::uint32_t fast = 200;  // ms: so waiting for what must not come is short
 
 // An advised group with some items, whose first callback is behind it.
 struct Scene {
@@ -33,6 +33,7 @@ Scene sceneOf(Stage& stage, Findings& found, Group group) {
 Scene sceneWith(Stage& stage, Findings& found, std::size_t items, bool active = true) {
     GroupRequest request;
     request.active = active;
+    request.updateRate = fast;
     request.clientHandle = 77;
     Scene scene = sceneOf(stage, found, items > 0 ? stage.groupOf(items, request) : stage.group(request));
     if (active && items > 0) {
@@ -42,7 +43,7 @@ Scene sceneWith(Stage& stage, Findings& found, std::size_t items, bool active = 
 }
 
 void expectNone(Stage& stage, Findings& found, const Scene& scene, std::uint32_t transaction) {
-    stage.wait(aWhile);
+    stage.wait(silenceOf(scene.group));
     for (const Called& each : scene.sink->calls()) {
         found.expect(each.data.transaction != transaction, "a callback came for it");
     }
@@ -226,14 +227,14 @@ void refreshCounts(Stage& stage, Findings& found) {
     const Scene scene = sceneWith(stage, found, 3);
     found.result("Refresh2", scene.io.Refresh2(Source::Cache, 35).result, {S_OK});
     awaited(stage, found, *scene.sink, Kind::DataChange, 35);
-    stage.wait(2s);
+    stage.wait(silenceOf(scene.group));
     const std::string repeated = repeatedBy(*scene.sink);
     found.expect(repeated.empty(), repeated);
 }
 
 void expectNoCancel(Stage& stage, Findings& found, const Scene& scene, std::uint32_t cancelId) {
     found.result("Cancel2", scene.io.Cancel2(cancelId), {E_FAIL});
-    stage.wait(aWhile);
+    stage.wait(silenceOf(scene.group));
     for (const Called& each : scene.sink->calls()) {
         found.expect(each.kind != Kind::Cancel, "an OnCancelComplete came");
     }
@@ -276,10 +277,11 @@ void enable(Stage& stage, Findings& found) {
 
 void silentAfterUnadvise(Stage& stage, Findings& found) {
     const Scene scene = sceneWith(stage, found, 1);
+    sayAlive(scene.group);
     begun(found, "Read", scene.io.Read(scene.group.items, 41));
     found.result("Unadvise", scene.sink->unadvise(), {S_OK});
-    scene.sink->forget();
-    stage.wait(aWhile);
+    forgetLateOnes(stage, *scene.sink);
+    stage.wait(silenceOf(scene.group));
     found.expect(scene.sink->calls().empty(), "a callback came behind it");
 }
 
@@ -312,9 +314,10 @@ constexpr std::array<Case, 22> cases{{
 }};
 
 }  // namespace
+}  // namespace asynchronous
 
 std::span<const Case> asyncCases() {
-    return cases;
+    return asynchronous::cases;
 }
 
 }  // namespace quelm::opcclient::check

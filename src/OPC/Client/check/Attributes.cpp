@@ -8,6 +8,7 @@
 
 namespace quelm::opcclient::check {
 
+namespace attributes {
 namespace {
 
 using namespace opcda::client;
@@ -112,9 +113,10 @@ constexpr std::array<Case, 7> cases{{
 }};
 
 }  // namespace
+}  // namespace attributes
 
 std::span<const Case> attributeCases() {
-    return cases;
+    return attributes::cases;
 }
 
 }  // namespace quelm::opcclient::check

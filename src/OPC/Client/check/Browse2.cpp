@@ -8,6 +8,7 @@
 
 namespace quelm::opcclient::check {
 
+namespace browse2 {
 namespace {
 
 using namespace opcda::client;
@@ -228,9 +229,10 @@ constexpr std::array<Case, 13> cases{{
 }};
 
 }  // namespace
+}  // namespace browse2
 
 std::span<const Case> browse2Cases() {
-    return cases;
+    return browse2::cases;
 }
 
 }  // namespace quelm::opcclient::check

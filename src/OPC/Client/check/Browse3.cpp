@@ -9,6 +9,7 @@
 
 namespace quelm::opcclient::check {
 
+namespace browse3 {
 namespace {
 
 using namespace opcda::client;
@@ -234,9 +235,10 @@ constexpr std::array<Case, 10> cases{{
 }};
 
 }  // namespace
+}  // namespace browse3
 
 std::span<const Case> browse3Cases() {
-    return cases;
+    return browse3::cases;
 }
 
 }  // namespace quelm::opcclient::check

@@ -20,6 +20,8 @@ struct Case {
     const char* expected;
     void (*run)(Stage&, Findings&);
     bool writes = false;  // tries to write to an item, which is done only where that is allowed
+    // Why it runs only when it is named: it needs somebody at the server, or much time. Empty: it runs always.
+    const char* onlyNamed = "";
 };
 
 struct Area {
@@ -42,6 +44,7 @@ std::span<const Case> attributeCases();
 std::span<const Case> syncCases();
 std::span<const Case> asyncCases();
 std::span<const Case> subscriptionCases();
+std::span<const Case> changeCases();
 std::span<const Case> shutdownCases();
 std::span<const Case> browse2Cases();
 std::span<const Case> browse3Cases();
@@ -49,5 +52,6 @@ std::span<const Case> propertyCases();
 std::span<const Case> ageCases();
 std::span<const Case> limitCases();
 std::span<const Case> lifetimeCases();
+std::span<const Case> deathCases();
 
 }  // namespace quelm::opcclient::check

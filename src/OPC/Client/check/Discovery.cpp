@@ -9,6 +9,7 @@
 
 namespace quelm::opcclient::check {
 
+namespace discovery {
 namespace {
 
 using namespace opcda::client;
@@ -213,9 +214,10 @@ constexpr std::array<Case, 11> cases{{
 }};
 
 }  // namespace
+}  // namespace discovery
 
 std::span<const Case> discoveryCases() {
-    return cases;
+    return discovery::cases;
 }
 
 }  // namespace quelm::opcclient::check

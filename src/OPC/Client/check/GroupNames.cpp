@@ -8,6 +8,7 @@
 
 namespace quelm::opcclient::check {
 
+namespace groupNames {
 namespace {
 
 using namespace opcda::client;
@@ -215,9 +216,10 @@ constexpr std::array<Case, 15> cases{{
 }};
 
 }  // namespace
+}  // namespace groupNames
 
 std::span<const Case> groupNameCases() {
-    return cases;
+    return groupNames::cases;
 }
 
 }  // namespace quelm::opcclient::check

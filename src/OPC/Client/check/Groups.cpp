@@ -7,6 +7,7 @@
 
 namespace quelm::opcclient::check {
 
+namespace groups {
 namespace {
 
 using namespace opcda::client;
@@ -182,9 +183,10 @@ constexpr std::array<Case, 11> cases{{
 }};
 
 }  // namespace
+}  // namespace groups
 
 std::span<const Case> groupCases() {
-    return cases;
+    return groups::cases;
 }
 
 }  // namespace quelm::opcclient::check

@@ -9,6 +9,7 @@
 
 namespace quelm::opcclient::check {
 
+namespace itemProperties {
 namespace {
 
 using namespace opcda::client;
@@ -135,9 +136,10 @@ constexpr std::array<Case, 7> cases{{
 }};
 
 }  // namespace
+}  // namespace itemProperties
 
 std::span<const Case> propertyCases() {
-    return cases;
+    return itemProperties::cases;
 }
 
 }  // namespace quelm::opcclient::check

@@ -7,6 +7,7 @@
 
 namespace quelm::opcclient::check {
 
+namespace items {
 namespace {
 
 using namespace opcda::client;
@@ -165,9 +166,10 @@ constexpr std::array<Case, 11> cases{{
 }};
 
 }  // namespace
+}  // namespace items
 
 std::span<const Case> itemCases() {
-    return cases;
+    return items::cases;
 }
 
 }  // namespace quelm::opcclient::check

@@ -5,11 +5,12 @@
 #include <functional>
 #include <optional>
 
-#include "OPC/Client/check/Stage.h"
+#include "OPC/Client/check/Sent.h"
 #include "opcda/client/Words.h"
 
 namespace quelm::opcclient::check {
 
+namespace lifetime {
 namespace {
 
 using namespace opcda::client;
@@ -19,6 +20,7 @@ using dcom::client::Trouble;
 Group make(Stage& stage, const char* name, std::size_t items) {
     GroupRequest request;
     request.name = name;
+    request.updateRate = 200;
     return stage.groupOf(items, request);
 }
 
@@ -103,13 +105,13 @@ void removedFails(Stage& stage, Findings& found) {
 }
 
 void removedIsSilent(Stage& stage, Findings& found) {
-    const Group group = stage.groupOf(2);
+    const Group group = make(stage, "A", 2);
+    sayAlive(group);
     Sink sink(stage.session(), group.state);
     found.need(stage.waitUntil([&sink] { return !sink.calls().empty(); }, 10s), "no OnDataChange came");
     stage.opcServer().RemoveGroup(group.handle, false);
-    stage.settle();
-    sink.forget();
-    stage.wait(3s);
+    forgetLateOnes(stage, sink);
+    stage.wait(1500ms);
     found.expect(sink.calls().empty(), "callbacks still come");
 }
 
@@ -141,15 +143,15 @@ void endsWithServer(Stage& stage, Findings& found) {
     auto sink = std::optional<Sink>();
     {
         const Group group = make(stage, "A", 2);
+        sayAlive(group);
         sink.emplace(stage.session(), group.state);
         found.need(stage.waitUntil([&sink] { return !sink->calls().empty(); }, 10s), "no OnDataChange came");
     }
     stage.dropServer();
     sink->release();
-    stage.settle();
-    sink->forget();
+    forgetLateOnes(stage, *sink);
     found.expect(!isListed(stage, "A"), "the group is there for a new server object");
-    stage.wait(3s);
+    stage.wait(1500ms);
     found.expect(sink->calls().empty(), "callbacks still come");
 }
 
@@ -185,9 +187,10 @@ constexpr std::array<Case, 10> cases{{
 }};
 
 }  // namespace
+}  // namespace lifetime
 
 std::span<const Case> lifetimeCases() {
-    return cases;
+    return lifetime::cases;
 }
 
 }  // namespace quelm::opcclient::check

@@ -9,6 +9,7 @@
 
 namespace quelm::opcclient::check {
 
+namespace limits {
 namespace {
 
 using namespace opcda::client;
@@ -186,9 +187,10 @@ constexpr std::array<Case, 8> cases{{
 }};
 
 }  // namespace
+}  // namespace limits
 
 std::span<const Case> limitCases() {
-    return cases;
+    return limits::cases;
 }
 
 }  // namespace quelm::opcclient::check

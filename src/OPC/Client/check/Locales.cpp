@@ -7,6 +7,7 @@
 
 namespace quelm::opcclient::check {
 
+namespace locales {
 namespace {
 
 using namespace opcda::client;
@@ -77,9 +78,10 @@ constexpr std::array<Case, 6> cases{{
 }};
 
 }  // namespace
+}  // namespace locales
 
 std::span<const Case> localeCases() {
-    return cases;
+    return locales::cases;
 }
 
 }  // namespace quelm::opcclient::check

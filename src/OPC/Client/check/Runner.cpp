@@ -11,8 +11,10 @@ using dcom::client::Trouble;
 
 namespace {
 
-// The longest cases watch a server for some twenty seconds.
+// The longest cases watch a server for a minute; those that must be named wait for somebody, or until the server counts
+// a client as dead, which takes six minutes.
 constexpr std::chrono::seconds longestCase{90};
+constexpr std::chrono::minutes longestNamed{12};
 
 bool losesConnection(Trouble::Kind kind) {
     return kind != Trouble::Kind::Fault && kind != Trouble::Kind::AccessDenied && kind != Trouble::Kind::ClassUnknown;
@@ -38,9 +40,9 @@ bool attempt(Stage& stage, const Case& what, Findings& found) {
 
 class CaseOnStage {
  public:
-    CaseOnStage(Stage& stage, Findings& found) : stage_(stage) {
+    CaseOnStage(Stage& stage, Findings& found, std::chrono::milliseconds limit) : stage_(stage) {
         stage_.use(found);
-        stage_.begin(longestCase);
+        stage_.begin(limit);
     }
     CaseOnStage(const CaseOnStage&) = delete;
     CaseOnStage& operator=(const CaseOnStage&) = delete;
@@ -55,7 +57,8 @@ void runOne(Stage& stage, const Choice& choice, Ran& ran) {
     Findings found;
     bool isLost = false;
     {
-        const CaseOnStage onStage(stage, found);
+        const bool isNamed = *ran.what->onlyNamed != '\0';
+        const CaseOnStage onStage(stage, found, isNamed ? std::chrono::milliseconds(longestNamed) : longestCase);
         isLost = attempt(stage, *ran.what, found);
     }
     ran.verdict = found.verdict();
@@ -91,6 +94,8 @@ void run(Stage& stage, const Choice& choice, std::vector<Ran>& cases, const std:
     for (Ran& ran : cases) {
         if (ran.what->writes && !choice.writes) {
             ran.came = "tries to write: only with --writes --item";
+        } else if (*ran.what->onlyNamed != '\0' && !choice.cases.contains(ran.what->number)) {
+            ran.came = fmt::format("{}: only with --case {}", ran.what->onlyNamed, ran.what->number);
         } else {
             runOne(stage, choice, ran);
         }

@@ -27,6 +27,22 @@ const Called& awaited(Stage& stage, Findings& found, const Sink& sink, Called::K
     return *sentOf(sink, kind, transaction).front();
 }
 
+std::set<std::uint32_t> handlesIn(const Sink& sink) {
+    std::set<std::uint32_t> handles;
+    for (const Called* called : sentOf(sink, Called::Kind::DataChange, 0)) {
+        for (const auto& item : called->data.items) {
+            handles.insert(item.clientHandle);
+        }
+    }
+    return handles;
+}
+
+void awaitHandles(Stage& stage, Findings& found, const Sink& sink, const std::set<std::uint32_t>& expected) {
+    stage.waitUntil([&] { return handlesIn(sink) == expected; }, std::chrono::seconds(10));
+    found.equal("the number of items that came", handlesIn(sink).size(), expected.size());
+    found.expect(handlesIn(sink) == expected, "other items came");
+}
+
 std::string repeatedBy(const Sink& sink) {
     std::map<std::uint32_t, DataEvent::Item> last;
     for (const Called& called : sink.calls()) {
@@ -52,6 +68,30 @@ void expectMasters(Findings& found, const Called& called) {
     const bool isFine = std::all_of(items.begin(), items.end(), [](const auto& item) { return item.error == S_OK; });
     found.equal("the master quality", resultName(called.data.masterQuality), resultName(isGood ? S_OK : S_FALSE));
     found.equal("the master error", resultName(called.data.masterError), resultName(isFine ? S_OK : S_FALSE));
+}
+
+opcda::client::GroupRequest subscribing(bool active, std::uint32_t rate) {
+    opcda::client::GroupRequest request;
+    request.active = active;
+    request.updateRate = rate;
+    request.clientHandle = 78;
+    return request;
+}
+
+std::chrono::milliseconds silenceOf(const Group& group) {
+    constexpr std::chrono::milliseconds way(300);
+    return std::chrono::milliseconds(5ULL * group.rate) + way;
+}
+
+void forgetLateOnes(Stage& stage, Sink& sink) {
+    stage.wait(std::chrono::milliseconds(500));
+    sink.forget();
+}
+
+void sayAlive(const Group& group) {
+    if (const auto mgt = opcda::client::ask<opcda::client::IOPCGroupStateMgt2>(group.state).out) {
+        mgt->SetKeepAlive(group.rate);
+    }
 }
 
 std::unique_ptr<Sink> advised(Stage& stage, Findings& found, const Group& group) {

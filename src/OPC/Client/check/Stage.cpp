@@ -150,6 +150,10 @@ Session& Stage::otherSession() {
     return *other_;
 }
 
+void Stage::killOther() {
+    otherSession().abandon();
+}
+
 void Stage::begin(std::chrono::milliseconds limit) {
     timeIsUp_ = false;
     timer_->start(limit);

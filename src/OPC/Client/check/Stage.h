@@ -68,6 +68,7 @@ struct Target {
     Uuid classId;
     std::string progId;              // empty: not known
     std::vector<std::string> items;  // given by the user: the first known ones, those found by browsing behind them
+    std::function<void(const std::string&)> tell;  // asks somebody at the server to do something
 };
 
 // An item that the server has, as it was found before the first case.
@@ -136,6 +137,7 @@ class Stage {
     // and timeIsUp().
     void begin(std::chrono::milliseconds limit);
     void end() noexcept;
+    void tell(const std::string& what) const { target_.tell(what); }
     bool timeIsUp() const { return timeIsUp_; }
     // What waits ends with Trouble(Interrupted).
     void interrupt();
@@ -147,6 +149,8 @@ class Stage {
     Session& session();
     // The client of others: a session of its own, until the end of the case.
     Session& otherSession();
+    // Its program dies: without a word to anybody.
+    void killOther();
 
     // A server object of this case. The first one is made when it is asked for.
     const Interface& server();

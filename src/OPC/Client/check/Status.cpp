@@ -7,6 +7,7 @@
 
 namespace quelm::opcclient::check {
 
+namespace status {
 namespace {
 
 using namespace opcda::client;
@@ -154,9 +155,10 @@ constexpr std::array<Case, 11> cases{{
 }};
 
 }  // namespace
+}  // namespace status
 
 std::span<const Case> statusCases() {
-    return cases;
+    return status::cases;
 }
 
 }  // namespace quelm::opcclient::check

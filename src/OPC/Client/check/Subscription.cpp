@@ -10,39 +10,12 @@
 
 namespace quelm::opcclient::check {
 
+namespace subscription {
 namespace {
 
 using namespace opcda::client;
 using namespace std::chrono_literals;
 using Kind = Called::Kind;
-
-// Long enough for a callback that must not come.
-constexpr auto aWhile = 3s;
-
-GroupRequest requestOf(bool active, std::uint32_t rate = 1000) {
-    GroupRequest request;
-    request.active = active;
-    request.updateRate = rate;
-    request.clientHandle = 78;
-    return request;
-}
-
-// The client handles that came of the server's own accord.
-std::set<std::uint32_t> handlesIn(const Sink& sink) {
-    std::set<std::uint32_t> handles;
-    for (const Called* called : sentOf(sink, Kind::DataChange, 0)) {
-        for (const auto& item : called->data.items) {
-            handles.insert(item.clientHandle);
-        }
-    }
-    return handles;
-}
-
-void awaitHandles(Stage& stage, Findings& found, const Sink& sink, const std::set<std::uint32_t>& expected) {
-    stage.waitUntil([&] { return handlesIn(sink) == expected; }, 10s);
-    found.equal("the number of items that came", handlesIn(sink).size(), expected.size());
-    found.expect(handlesIn(sink) == expected, "other items came");
-}
 
 void setActive(Stage& stage, Findings& found, const Group& group, bool active) {
     GroupChange change;
@@ -50,15 +23,14 @@ void setActive(Stage& stage, Findings& found, const Group& group, bool active) {
     found.result("SetState", stage.as<IOPCGroupStateMgt>(group.state).SetState(change).result, {S_OK});
 }
 
-void expectSilence(Stage& stage, Findings& found, Sink& sink) {
-    stage.settle();
-    sink.forget();
-    stage.wait(aWhile);
+void expectSilence(Stage& stage, Findings& found, const Group& group, Sink& sink) {
+    forgetLateOnes(stage, sink);
+    stage.wait(silenceOf(group));
     found.expect(sink.calls().empty(), "a callback came");
 }
 
 void beginsWithAll(Stage& stage, Findings& found) {
-    const Group group = stage.groupOf(3, requestOf(true));
+    const Group group = stage.groupOf(3, subscribing(true));
     const auto sink = advised(stage, found, group);
     found.expect(sink->cookie() != 0, "the cookie is 0");
     const std::uint64_t began = timeSource().monotonicMilliseconds();
@@ -70,39 +42,40 @@ void beginsWithAll(Stage& stage, Findings& found) {
 }
 
 void silentWhileInactive(Stage& stage, Findings& found) {
-    const Group group = stage.groupOf(1, requestOf(false));
+    const Group group = stage.groupOf(1, subscribing(false));
     const auto sink = advised(stage, found, group);
-    stage.wait(aWhile);
+    stage.wait(silenceOf(group));
     found.expect(sink->calls().empty(), "a callback came");
 }
 
 void activationSendsAll(Stage& stage, Findings& found) {
-    const Group group = stage.groupOf(3, requestOf(false));
+    const Group group = stage.groupOf(3, subscribing(false));
     const auto sink = advised(stage, found, group);
     setActive(stage, found, group, true);
     awaitHandles(stage, found, *sink, {100, 101, 102});
 }
 
 void deactivationSilences(Stage& stage, Findings& found) {
-    const Group group = stage.groupOf(3, requestOf(true));
+    const Group group = stage.groupOf(3, subscribing(true));
+    sayAlive(group);
     const auto sink = advised(stage, found, group);
     awaited(stage, found, *sink, Kind::DataChange, 0);
     setActive(stage, found, group, false);
-    expectSilence(stage, found, *sink);
+    expectSilence(stage, found, group, *sink);
 }
 
 void activationTwice(Stage& stage, Findings& found) {
-    const Group group = stage.groupOf(3, requestOf(true));
+    const Group group = stage.groupOf(3, subscribing(true));
     const auto sink = advised(stage, found, group);
     awaited(stage, found, *sink, Kind::DataChange, 0);
     setActive(stage, found, group, true);
-    stage.wait(aWhile);
+    stage.wait(silenceOf(group));
     const std::string repeated = repeatedBy(*sink);
     found.expect(repeated.empty(), repeated);
 }
 
 void itemActivation(Stage& stage, Findings& found) {
-    const Group group = stage.groupOf(2, requestOf(true));
+    const Group group = stage.groupOf(2, subscribing(true));
     const auto items = stage.as<IOPCItemMgt>(group.state);
     items.SetActiveState(std::array{group.items[1]}, false);
     const auto sink = advised(stage, found, group);
@@ -115,18 +88,17 @@ void itemActivation(Stage& stage, Findings& found) {
 }
 
 void itemDeactivation(Stage& stage, Findings& found) {
-    const Group group = stage.groupOf(2, requestOf(true, 200));
+    const Group group = stage.groupOf(2, subscribing(true));
     const auto sink = advised(stage, found, group);
     awaited(stage, found, *sink, Kind::DataChange, 0);
     stage.as<IOPCItemMgt>(group.state).SetActiveState(std::array{group.items[1]}, false);
-    stage.settle();
-    sink->forget();
-    stage.wait(aWhile);
+    forgetLateOnes(stage, *sink);
+    stage.wait(silenceOf(group));
     found.expect(!handlesIn(*sink).contains(101), "the inactive item came");
 }
 
 void newItem(Stage& stage, Findings& found) {
-    const Group group = stage.groupOf(1, requestOf(true));
+    const Group group = stage.groupOf(1, subscribing(true));
     const auto sink = advised(stage, found, group);
     awaited(stage, found, *sink, Kind::DataChange, 0);
     const ItemDefinition definition{stage.item(1).id, "", true, 900, VT_EMPTY, {}};
@@ -135,73 +107,10 @@ void newItem(Stage& stage, Findings& found) {
     found.expect(handlesIn(*sink).contains(900), "the new item did not come");
 }
 
-// Most of the server's items, so that some value changes soon.
-Group manyItems(Stage& stage, std::uint32_t rate) {
-    return stage.groupOf(std::min<std::size_t>(stage.items().size(), 500), requestOf(true, rate));
-}
-
-void changesAlone(Stage& stage, Findings& found) {
-    stage.item(1);
-    const Group group = manyItems(stage, 500);
-    const auto sink = advised(stage, found, group);
-    awaitHandles(stage, found, *sink, [&] {
-        std::set<std::uint32_t> all;
-        for (std::size_t i = 0; i < group.items.size(); ++i) {
-            all.insert(100 + static_cast<std::uint32_t>(i));
-        }
-        return all;
-    }());
-    const std::size_t first = sink->calls().size();
-    if (!stage.waitUntil([&] { return sink->calls().size() > first; }, 45s)) {
-        found.skip("no value changed within 45 s");
-    }
-    const std::string repeated = repeatedBy(*sink);
-    found.expect(repeated.empty(), repeated);
-    for (const Called* called : sentOf(*sink, Kind::DataChange, 0)) {
-        expectMasters(found, *called);
-    }
-}
-
-void timeAloneIsNoChange(Stage& stage, Findings& found) {
-    const Group group = manyItems(stage, 500);
-    const auto sink = advised(stage, found, group);
-    stage.wait(5s);
-    const std::string repeated = repeatedBy(*sink);
-    found.expect(repeated.empty(), repeated);
-}
-
-void keepsRate(Stage& stage, Findings& found) {
-    const Group group = manyItems(stage, 2000);
-    const auto sink = advised(stage, found, group);
-    stage.wait(12s);
-    const auto sent = sentOf(*sink, Kind::DataChange, 0);
-    for (std::size_t i = 2; i < sent.size(); ++i) {
-        const std::uint64_t between = sent[i]->at - sent[i - 1]->at;
-        found.expect(between >= group.rate * 3 / 4, fmt::format("{} ms between two callbacks", between));
-    }
-}
-
-void disabling(Stage& stage, Findings& found) {
-    const Group group = manyItems(stage, 500);
-    const auto io = stage.as<IOPCAsyncIO2>(group.state);
-    const auto sink = advised(stage, found, group);
-    awaited(stage, found, *sink, Kind::DataChange, 0);
-    stage.settle();
-    found.result("SetEnable(false)", io.SetEnable(false), {S_OK});
-    stage.settle();
-    const std::size_t before = sink->calls().size();
-    stage.wait(aWhile);
-    found.equal("the number of callbacks", sink->calls().size(), before);
-    found.result("SetEnable(true)", io.SetEnable(true), {S_OK});
-    stage.wait(2s);
-    const std::string repeated = repeatedBy(*sink);
-    found.expect(repeated.empty(), repeated);
-}
-
 void newType(Stage& stage, Findings& found) {
     const KnownItem& item =
         stage.itemWhere([](const KnownItem& each) { return each.value.number() && each.type != VT_BOOL; }, "a number");
-    const Group group = stage.groupWith({item.id}, requestOf(true));
+    const Group group = stage.groupWith({item.id}, subscribing(true));
     const auto sink = advised(stage, found, group);
     const auto set = stage.as<IOPCItemMgt>(group.state).SetDatatypes(group.items, std::array{VT_BSTR});
     found.result("SetDatatypes", set.result, {S_OK});
@@ -212,28 +121,9 @@ void newType(Stage& stage, Findings& found) {
 }
 
 void sameItemTwice(Stage& stage, Findings& found) {
-    const Group group = stage.groupWith({stage.item().id, stage.item().id}, requestOf(true));
+    const Group group = stage.groupWith({stage.item().id, stage.item().id}, subscribing(true));
     const auto sink = advised(stage, found, group);
     awaitHandles(stage, found, *sink, {100, 101});
-}
-
-void overflow(Stage& stage, Findings& found) {
-    const auto fits = [](const KnownItem& item) { return item.value.number().value_or(0) > 40'000; };
-    const KnownItem& item = stage.itemWhere(fits, "a number beyond 40,000");
-    const Group group = stage.groupWith({item.id}, requestOf(true, 500), VT_I2);
-    const auto sink = advised(stage, found, group);
-    const Called first = awaited(stage, found, *sink, Kind::DataChange, 0);
-    found.result("the master error", first.data.masterError, {S_FALSE});
-    for (const auto& each : first.data.items) {
-        found.expect(failed(each.error) && each.value.isEmpty(),
-                     resultName(each.error) + " with " + typeName(each.value.type));
-    }
-    stage.wait(aWhile);
-    const auto sent = sentOf(*sink, Kind::DataChange, 0);
-    const auto fails = std::count_if(sent.begin(), sent.end(), [](const Called* called) {
-        return !called->data.items.empty() && failed(called->data.items.front().error);
-    });
-    found.expect(fails == 1 || sent.size() > static_cast<std::size_t>(fails), "the same failure came again");
 }
 
 void connectionPoints(Stage& stage, Findings& found) {
@@ -260,13 +150,13 @@ IConnectionPoint pointOf(Stage& stage, Findings& found, const Group& group) {
 }
 
 void wrongSink(Stage& stage, Findings& found) {
-    const Group group = stage.groupOf(1, requestOf(true));
+    const Group group = stage.groupOf(1, subscribing(true));
     const auto point = pointOf(stage, found, group);
     ShutdownSink sink;
     const auto reply = point.Advise(stage.session().exportObject(ShutdownSink::iid, sink));
     if (reply.result == S_OK) {
         // A server that does not keep Advise waiting for the sink finds it out later.
-        stage.wait(aWhile);
+        stage.wait(silenceOf(group));
         found.result("Advise: S_OK; Unadvise later", point.Unadvise(reply.out), {CONNECT_E_NOCONNECTION});
         found.tolerate("S_OK; the connection ends when the object turns out to have no IOPCDataCallback");
     } else {
@@ -277,7 +167,7 @@ void wrongSink(Stage& stage, Findings& found) {
 }
 
 void secondSink(Stage& stage, Findings& found) {
-    const Group group = stage.groupOf(1, requestOf(true));
+    const Group group = stage.groupOf(1, subscribing(true));
     const auto first = advised(stage, found, group);
     const Sink second(stage.session(), group.state);
     found.result("the second Advise", second.advised(), {S_OK, CONNECT_E_ADVISELIMIT});
@@ -289,7 +179,7 @@ void secondSink(Stage& stage, Findings& found) {
 }
 
 void unadvise(Stage& stage, Findings& found) {
-    const Group group = stage.groupOf(1, requestOf(true));
+    const Group group = stage.groupOf(1, subscribing(true));
     const auto sink = advised(stage, found, group);
     const auto wrong = pointOf(stage, found, group).Unadvise(sink->cookie() ^ 0x5A5A0000U);
     found.result("Unadvise of another cookie", wrong, {CONNECT_E_NOCONNECTION});
@@ -297,7 +187,7 @@ void unadvise(Stage& stage, Findings& found) {
     found.result("the second Unadvise", sink->unadvise(), {CONNECT_E_NOCONNECTION});
 }
 
-constexpr std::array<Case, 19> cases{{
+constexpr std::array<Case, 14> cases{{
     {111, Version::Da2, "Advise to an active group", "OnDataChange with all items within a period", beginsWithAll},
     {112, Version::Da2, "Advise to an inactive group", "no callback", silentWhileInactive},
     {113, Version::Da2, "the group is made active", "OnDataChange with all active items", activationSendsAll},
@@ -306,13 +196,8 @@ constexpr std::array<Case, 19> cases{{
     {116, Version::Da2, "an item is made active", "it comes", itemActivation},
     {117, Version::Da2, "an item is made inactive", "it comes no more", itemDeactivation},
     {118, Version::Da2, "an item is added", "it comes", newItem},
-    {119, Version::Da2, "values change", "OnDataChange with what has changed alone", changesAlone},
-    {120, Version::Da2, "time stamps alone change", "no callback", timeAloneIsNoChange},
-    {122, Version::Da2, "update rate 2000 ms", "no two callbacks within it", keepsRate},
-    {123, Version::Da2, "SetEnable(false), SetEnable(true)", "silence; then what has changed alone", disabling},
     {124, Version::Da2, "SetDatatypes(VT_BSTR)", "it comes as a text", newType},
     {125, Version::Da2, "an item stands in the group twice", "it comes with both client handles", sameItemTwice},
-    {126, Version::Da2, "a number beyond 40,000 as VT_I2", "a failure, VT_EMPTY, once", overflow},
     {128, Version::Da2, "FindConnectionPoint, EnumConnectionPoints", "IOPCDataCallback alone", connectionPoints},
     {129, Version::Da2, "Advise of an object without IOPCDataCallback", "CONNECT_E_CANNOTCONNECT", wrongSink},
     {130, Version::Da2, "a second Advise", "both are called, or CONNECT_E_ADVISELIMIT", secondSink},
@@ -321,9 +206,10 @@ constexpr std::array<Case, 19> cases{{
 }};
 
 }  // namespace
+}  // namespace subscription
 
 std::span<const Case> subscriptionCases() {
-    return cases;
+    return subscription::cases;
 }
 
 }  // namespace quelm::opcclient::check

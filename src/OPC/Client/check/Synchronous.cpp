@@ -11,6 +11,7 @@
 
 namespace quelm::opcclient::check {
 
+namespace synchronous {
 namespace {
 
 using namespace opcda::client;
@@ -248,9 +249,10 @@ constexpr std::array<Case, 16> cases{{
 }};
 
 }  // namespace
+}  // namespace synchronous
 
 std::span<const Case> syncCases() {
-    return cases;
+    return synchronous::cases;
 }
 
 }  // namespace quelm::opcclient::check
