@@ -152,8 +152,9 @@ class BenchServer {
         const auto trouble = [](std::string_view line) {
             std::fprintf(stderr, "%.*s\n", static_cast<int>(line.size()), line.data());
         };
+        const health::PlantHealth health(loop, networkLoop);
         OpcNetwork network(
-            control, loop, networkLoop, {},
+            control, health, loop, networkLoop, {},
             {.weakened = silence, .notice = silence, .client = silence, .trouble = trouble, .failure = trouble});
         control.setHooks({[&network] { network.open(); }, {}, {}, {}, {}});
         control.StartServer();

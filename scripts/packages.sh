@@ -29,13 +29,26 @@ need_packages() {
 }
 
 build_packages=(g++ cmake ninja-build ccache pkg-config libasio-dev libxml2-dev libsqlite3-dev libssl-dev
-    libfmt-dev libfltk1.3-dev libcli11-dev nlohmann-json3-dev sqlite3 unixodbc-dev dpkg-dev)
+    libfmt-dev libfltk1.3-dev libcli11-dev nlohmann-json3-dev prometheus-cpp-dev libcpp-httplib-dev sqlite3 unixodbc-dev
+    libkrb5-dev libwbclient-dev dpkg-dev)
 test_packages=(libgtest-dev libgmock-dev clang-14 clang-format-14 clang-tidy-14 shellcheck libclang-rt-14-dev python3-impacket iproute2
-    util-linux xvfb python3-xlib postgresql odbc-postgresql)
+    util-linux xvfb python3-xlib postgresql odbc-postgresql mariadb-server odbc-mariadb chromium
+    samba samba-ad-dc samba-ad-provision samba-dsdb-modules python3-samba krb5-user winbind)
 bench_packages=(libbenchmark-dev libpq-dev postgresql odbc-postgresql python3)
 
 need_build_tools() {
     need_packages "${build_packages[@]}"
+}
+
+# promtool alone out of Debian's package, which would start a Prometheus on this machine.
+need_promtool() {
+    [ ! -x build/tools/promtool ] || return 0
+    mkdir -p build/tools
+    as_root apt-get "${patiently[@]}" update -qq
+    (cd build/tools && apt-get download -qq prometheus && dpkg-deb --fsys-tarfile prometheus_*.deb | tar -xO ./usr/bin/promtool >promtool.new)
+    chmod 755 build/tools/promtool.new
+    mv build/tools/promtool.new build/tools/promtool
+    rm build/tools/prometheus_*.deb
 }
 
 # The third-party OPC client out of the npm registry, as the lock file fixes it.

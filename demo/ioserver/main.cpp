@@ -76,7 +76,7 @@ struct IOServer {
 // Readers see a cycle whole or not at all. Its first statement writes: there SQLite waits until other programs have
 // written, while in the middle of a transaction it would refuse to.
 void runCycle(quelm::ISqlConnection& database, IOServer& server) {
-    database.execute("BEGIN TRANSACTION", {});
+    database.beginTransaction();
     server.plant.cycle();
     server.commands.carryOut();
     database.execute("COMMIT", {});

@@ -190,6 +190,11 @@ class Group : public std::enable_shared_from_this<Group> {
     // without items; E_OUTOFMEMORY when the client's budget has no room for the list.
     HResult enumerateItems(Enumerator<ItemAttributes>& items) const;
     std::size_t itemCount() const { return itemCount_; }
+    std::size_t activeItemCount() const;  // looks at each slot
+    std::size_t slotCount() const { return slots_.size(); }
+    // Of callbacks: no sink; all are answered; an answer is waited for; for so long that the client seems out of reach.
+    enum class CallbackState : std::uint8_t { none, advised, waiting, failing };
+    CallbackState callbackState() const;
     // What comes of every call for a deadband of an item's own, given, asked for or taken back: S_FALSE, and
     // OPC_E_DEADBANDNOTSUPPORTED for each item, as none has an engineering range. No handle at all is E_INVALIDARG.
     HResult refuseDeadbands(std::span<const std::uint32_t> handles, std::vector<HResult>& errors);

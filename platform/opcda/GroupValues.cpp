@@ -18,6 +18,9 @@ std::size_t workOf(std::size_t slots, std::size_t sent) {
     return slots + (sent > 0 ? workOfCallback + workOfSending * sent : 0);
 }
 
+// Milliseconds: a client that is well answers a thousand times sooner.
+constexpr std::uint64_t longestAnswer = 10'000;
+
 }  // namespace
 
 HResult Group::advise(std::unique_ptr<IDataSink> sink, std::uint32_t& cookie) {
@@ -230,6 +233,23 @@ void Group::sendRefreshed(const Recipient& to, CallbackColumns& callback) {
     if (callback.items().masterError != S_OK) {
         noteChange();  // where it was the plant that failed, the cache has a value
     }
+}
+
+Group::CallbackState Group::callbackState() const {
+    CallbackState state = sinks() == 0 ? CallbackState::none : CallbackState::advised;
+    const std::uint64_t now = timeSource().monotonicMilliseconds();
+    forEachSink([&](const Subscription& each) {
+        if (each.isBusy()) {
+            state = std::max(state,
+                             now - each.lastCalled() > longestAnswer ? CallbackState::failing : CallbackState::waiting);
+        }
+    });
+    return state;
+}
+
+std::size_t Group::activeItemCount() const {
+    return static_cast<std::size_t>(std::count_if(slots_.begin(), slots_.end(),
+                                                  [](const Slot& slot) { return slot.tag != nullptr && slot.active; }));
 }
 
 }  // namespace quelm::opcda

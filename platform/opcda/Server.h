@@ -111,6 +111,11 @@ class Server {
     HResult groups(std::uint16_t scope, std::vector<std::shared_ptr<Group>>& list) const;
     HResult groupNames(std::uint16_t scope, StringEnumerator& names) const;
     std::size_t groupCount() const { return groups_.size(); }
+    // The first one whose handle is greater, for who looks at some at a time; nullptr: there is none.
+    const Group* groupAfter(std::uint32_t serverHandle) const {
+        const auto next = groups_.upper_bound(serverHandle);
+        return next == groups_.end() ? nullptr : next->second.get();
+    }
 
     ServerStatus status() const;
     // S_OK with the text; E_INVALIDARG for a code or a locale that is not known.

@@ -66,6 +66,8 @@ class Subscription final : public Publisher::Member {
     IDataSink& sink() { return *sink_; }
     std::optional<Stream> stream() const { return stream_; }
     bool isBusy() const { return sink_->unanswered() > 0; }
+    // Monotonic milliseconds: when it was called last, or came into being.
+    std::uint64_t lastCalled() const { return lastCalled_; }
 
     std::optional<std::uint64_t> due() const override;
     std::size_t deliver(std::uint64_t now) override;

@@ -88,6 +88,8 @@ class SLIKNetwork {
     void deviceRead(std::span<const SLIKTag* const> tags, ReadDone done);
     // A client's write of so many items: OnWrite once, unless there are none; its error code applies to every item.
     void write(std::size_t count, WriteDone done);
+    // Reads of clients that the plant has not answered yet.
+    std::size_t waitingReads() const { return reads_.size(); }
     // The network closes: what the plant still answers, nobody waits for any more.
     void forgetQuestions();
 

@@ -31,6 +31,9 @@ void SLIKServer::UnregisterServer() {
 // The network's thread must find everything ready: items, values, and an open crossing.
 void SLIKServer::StartServer() {
     if (!items_.isClosed()) {
+        if (hooks_.lastItems) {
+            hooks_.lastItems();
+        }
         items_.close([this] { crossing_.afterPlantsHandler([this] { handOver(); }); });
     }
     crossing_.open();

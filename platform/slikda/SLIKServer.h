@@ -30,6 +30,8 @@ class SLIKServer final : public ISLIKServer, private IPlantSide {
         std::function<void(std::string_view reason)> requestDisconnect;
         // A handler of the events let a failure out.
         std::function<void(std::string_view event, const ErrorInfo& failure)> eventFailed;
+        // The first start, when items can still be added: behind those of the host.
+        std::function<void()> lastItems = {};
     };
 
     // The loops of the two sides must outlive the control, and run nothing of it when it is gone; tests have one for
@@ -55,6 +57,8 @@ class SLIKServer final : public ISLIKServer, private IPlantSide {
     // once the server is started. Its going is told as that of any client, and nothing when it does not hold.
     void holdAsResident();
     void releaseResident();
+    // How many others hold the server, as of now; on the plant's thread.
+    std::int32_t clientCount() const { return door_.count() - (isHeld_ ? 1 : 0); }
 
     // The other half. Belongs to the network's thread from the start on.
     SLIKNetwork& network() { return network_; }

@@ -26,6 +26,8 @@ class IWindowDisplay {
     // The list has one more line. It is drawn with the next Refresh or, without one, as soon as the loop is free.
     virtual void LineAdded() = 0;
     virtual void Refresh() = 0;
+    // The line below the list. It is drawn as soon as the loop is free.
+    virtual void ShowStatus(std::string_view strText) = 0;
     // Returns at once. One box at a time; lines are separated by CR LF.
     virtual void ShowInformationBox(std::string_view strTitle, std::string_view strText) = 0;
 };

@@ -48,6 +48,16 @@ void MainWindow::Close() {
     printed_.Close();
 }
 
+void MainWindow::ShowStatus(std::string_view strText) {
+    if (status_ == strText) {
+        return;
+    }
+    status_ = strText;
+    if (displayUsable_) {
+        display_->ShowStatus(status_);
+    }
+}
+
 void MainWindow::add(std::string_view strText) {
     printed_.lvMessages().Add(strText);
     if (displayUsable_) {
@@ -61,6 +71,9 @@ IWindowDisplay* MainWindow::needDisplay() {
                                                    .boxDismissed = [this] { boxDismissed(); },
                                                    .lost = [this] { displayLost(); }});
         displayUsable_ = display_ != nullptr;
+        if (displayUsable_) {
+            display_->ShowStatus(status_);
+        }
     }
     return displayUsable_ ? display_.get() : nullptr;
 }

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <string>
 #include <string_view>
 
 #include "loop/MessageLoop.h"
@@ -39,6 +40,8 @@ class MainWindow final : public IMainWindow {
     // On a display it returns at once, and its OK closes a window that isn't shown: nobody else could.
     void ShowInformationBox(std::string_view strTitle, std::string_view strText) override;
     void Close() override;
+    // The line below the list, on a display: where the messages are printed there is none.
+    void ShowStatus(std::string_view strText);
 
     // Whether the operator sees it, and can close it.
     bool onDisplay() const { return shown_ && displayUsable_; }
@@ -66,6 +69,7 @@ class MainWindow final : public IMainWindow {
     OpenDisplay openDisplay_;
     MainWindowEvents events_;
     std::unique_ptr<IWindowDisplay> display_;
+    std::string status_;
     bool displayTried_ = false;
     bool displayUsable_ = false;
     bool shown_ = false;

@@ -27,13 +27,15 @@ OPEN = 'MinimumLevel = connect\nAllowNTLMv1 = yes\n'
 LOGON = {'user': 'operator', 'password': 'stack-7'}
 
 # Every site listens on a loopback address of its own, so that tests run side by side.
-_addresses = itertools.count(11)
+_addresses = itertools.count()
 _address_lock = threading.Lock()
 
 
 def next_address():
+    """All of one length, so that one can take another's place in a message."""
     with _address_lock:
-        return f'127.0.1.{next(_addresses)}'
+        block, number = divmod(next(_addresses), 89)
+        return f'127.0.{1 + block}.{11 + number}'
 
 
 def program(name):
@@ -105,6 +107,24 @@ class Site:
         self.execute(name, "UPDATE CurrentIO SET TStamp = strftime('%Y-%m-%d %H:%M:%f', 'now', 'localtime') "
                            "WHERE IOID LIKE 'IOS%.AllCommsOk'")
 
+    @contextmanager
+    def changing(self):
+        """Meanwhile each reading finds another value of South.Boiler.Steam, and another quality of South.Boiler.Pressure."""
+        done = threading.Event()
+
+        def change():
+            while not done.wait(2):
+                now = time.time()
+                self.execute('realtime.db', f"""UPDATE CurrentIO SET NValue = {now % 1000} WHERE IOID = 'C11';
+                    UPDATE CurrentIO SET NValue = {65 * (now // 20 % 2)} WHERE IOID = 'C22'""")
+        changer = threading.Thread(target=change, daemon=True)
+        changer.start()
+        try:
+            yield
+        finally:
+            done.set()
+            changer.join()
+
     def start(self, *arguments, beat=('realtime.db',), environment=None, prefix=(), descriptors=()):
         """beat: the databases whose I/O servers live; prefix: the words of a command that ends in running the server in
         its own process."""
@@ -114,7 +134,8 @@ class Site:
             self.process = subprocess.Popen(
                 [*prefix, SERVER, *arguments], stdin=subprocess.DEVNULL, stdout=output, stderr=errors,
                 pass_fds=descriptors, env={**os.environ, 'QUELM_INI': self.path('Quelm.ini'),
-                                           'QUELM_DCOM_CONF': self.path('dcom.conf'), **(environment or {})})
+                                           'QUELM_DCOM_CONF': self.path('dcom.conf'),
+                                           'QUELM_CONTROL': self.path('control'), **(environment or {})})
         return self
 
     def started(self):

@@ -75,7 +75,9 @@ class Activation(SiteTest):
         self.site.wait_log('[OPC-0110]')
         self.assertEqual(client('status')['state'], 1)
         self.assertEqual(self.site.exit_code(5), 0)
-        self.assertEqual([line.split('] ')[0][-4:] for line in self.site.log()[-8:]],
+        # A tick may fall in between.
+        codes = [line.split('] ')[0][-4:] for line in self.site.log() if not re.search('OPC-01(27|83|84)', line)]
+        self.assertEqual(codes[-8:],
                          ['0109', '0110', '0113', '0114', 'gone', '0109', '0111', '0134'])
         came, went = self.site.logged('Notice OPC client 127.')
         self.assertRegex(came, r":\d+ \(account 'DEMO\\operator', level privacy\) is here$")

@@ -14,6 +14,7 @@ BOX = 'Quelm 5 OPC DA Server'
 WHEEL_UP = 4
 # Where lines are drawn: neither the header nor the scroll bars.
 LINES = {'x': 4, 'y': 40, 'width': 800, 'height': 400}
+STATUS = {'x': 4, 'y': 478, 'width': 800, 'height': 20}
 REFUSED = ['[OPC-0109] Attempting to unload OPC server...',
            '[OPC-0110] Server in use; cancelling OPC server unload attempt']
 
@@ -40,8 +41,10 @@ class Window(SiteTest):
 
     def test_the_view_follows_its_end_until_the_operator_scrolls_up_and_no_client_is_left_alone(self):
         self.start('visible').started()
-        client = self.client()
         window = self.display.window(MAIN)
+        nobody = self.display.settled(window, **STATUS)
+        client = self.client()
+        wait_for('the client below the list', lambda: self.display.picture(window, **STATUS) != nobody)
         end = self.display.settled(window, **LINES)
         self.display.press(window, 'Escape')
         self.display.close(window)

@@ -67,28 +67,28 @@ Fault DataObjectInterface::advise(Reader& in, Writer& out, CallContext& context)
         return Fault::BadStubData;
     }
     std::uint32_t connection = 0;
-    HResult result = E_INVALIDARG;
-    if (object_.isGone()) {
-        result = E_FAIL;
-    } else if (given) {
-        result = !format.stream     ? DV_E_FORMATETC
-                 : !format.inMemory ? DV_E_TYMED
-                                    : connect(*format.stream, reference, context, connection);
-    }
+    const HResult result = object_.isGone() ? E_FAIL
+                           : !given         ? E_INVALIDARG
+                                            : connect(format, reference, context, connection);
     out.u32(connection);
     out.hresult(result);
     return Fault::None;
 }
 
-HResult DataObjectInterface::connect(Stream stream, std::span<const std::uint8_t> reference, const CallContext& context,
-                                     std::uint32_t& connection) {
+// What is refused is taken first all the same: its end gives back the references that came with the call.
+HResult DataObjectInterface::connect(const AskedFormat& format, std::span<const std::uint8_t> reference,
+                                     const CallContext& context, std::uint32_t& connection) {
     HResult result = S_OK;
     // Nobody can ask for a list of these connections.
     auto made = connectSink(object_.outgoing(), std::make_shared<ConnectionBook>(), object_.memory(), reference,
                             iidAdviseSink, context, result);
+    if (!format.stream || !format.inMemory) {
+        return !format.stream ? DV_E_FORMATETC : DV_E_TYMED;
+    }
     if (made == nullptr) {
         return result;
     }
+    const Stream stream = *format.stream;
     Group& group = object_.group();
     SinkConnection& its = *made;
     result = group.adviseStream(std::make_unique<StreamSink>(group, stream, std::move(made)), stream, connection);

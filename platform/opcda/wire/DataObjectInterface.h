@@ -9,6 +9,7 @@
 #include "dcom/orpc/MethodTable.h"
 #include "opcda/Callbacks.h"
 #include "opcda/HResults.h"
+#include "opcda/wire/StreamFormats.h"
 
 namespace quelm::opcda::wire {
 
@@ -48,8 +49,8 @@ class DataObjectInterface final : public dcom::orpc::Dispatched<DataObjectInterf
     dcom::Fault enumerate(dcom::ndr::Reader& in, dcom::ndr::Writer& out, dcom::orpc::CallContext& context);
     dcom::Fault advise(dcom::ndr::Reader& in, dcom::ndr::Writer& out, dcom::orpc::CallContext& context);
     dcom::Fault unadvise(dcom::ndr::Reader& in, dcom::ndr::Writer& out, dcom::orpc::CallContext& context);
-    HResult connect(Stream stream, std::span<const std::uint8_t> reference, const dcom::orpc::CallContext& context,
-                    std::uint32_t& connection);
+    HResult connect(const AskedFormat& format, std::span<const std::uint8_t> reference,
+                    const dcom::orpc::CallContext& context, std::uint32_t& connection);
 
     OpcGroupObject& object_;
 

@@ -56,7 +56,10 @@ SinkConnection::~SinkConnection() {
 
 bool SinkConnection::reach(dcom::orpc::RemoteObjectRequest request) {
     // It outlives the connection, which it may end.
-    request.givenUp = [this] { std::exchange(lost_, nullptr)(); };
+    request.givenUp = [this] {
+        outgoing_.callbacksFailed += unanswered_;
+        std::exchange(lost_, nullptr)();
+    };
     object_ = outgoing_.objects.connect(std::move(request));
     return object_ != nullptr;
 }
@@ -72,6 +75,7 @@ void SinkConnection::call(std::uint16_t opnum, Message message) {
     const std::size_t size = message->capacity();
     memory_.set(memory_.amount() + size);
     ++unanswered_;
+    ++outgoing_.callbacks;
     latest_ = message;
     object_->call(opnum, std::move(message), [this, size] { onAnswered(size); });
 }

@@ -47,6 +47,9 @@ struct OutgoingCalls {
     CallbackMessages& messages;
     // Shutdown requests that their clients have not answered yet.
     std::size_t shutdownRequests = 0;
+    // Since the start: calls to clients' objects, and those whose object was lost before it answered.
+    std::uint64_t callbacks = 0;
+    std::uint64_t callbacksFailed = 0;
 };
 
 class SinkConnection;

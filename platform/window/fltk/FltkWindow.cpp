@@ -103,6 +103,7 @@ class FltkWindow final : public IWindowDisplay {
     void Hide() override;
     void LineAdded() override;
     void Refresh() override;
+    void ShowStatus(std::string_view strText) override;
     void ShowInformationBox(std::string_view strTitle, std::string_view strText) override;
 
  private:
@@ -126,6 +127,7 @@ class FltkWindow final : public IWindowDisplay {
     bool linesPending_ = false;
     DrawnWindow* main_ = nullptr;
     MessageTable* table_ = nullptr;  // the main window's
+    Fl_Box* status_ = nullptr;       // the same
     DrawnWindow* box_ = nullptr;
     std::unique_ptr<IDescriptorWatch> watch_;
     std::unique_ptr<ITimer> workAgain_;
@@ -167,7 +169,10 @@ FltkWindow::~FltkWindow() {
 
 void FltkWindow::makeMainWindow(const std::vector<std::string>& lines) {
     main_ = new DrawnWindow(std::min(scaled(940), Fl::w()), std::min(scaled(500), Fl::h()), windowCaption);
-    table_ = new MessageTable(0, 0, main_->w(), main_->h(), lines, FL_NORMAL_SIZE);
+    const int listHeight = main_->h() - scaled(24);
+    table_ = new MessageTable(0, 0, main_->w(), listHeight, lines, FL_NORMAL_SIZE);
+    status_ = new Fl_Box(FL_FLAT_BOX, 0, listHeight, main_->w(), main_->h() - listHeight, nullptr);
+    status_->align(FL_ALIGN_LEFT | FL_ALIGN_INSIDE | FL_ALIGN_CLIP);
     main_->end();
     main_->resizable(table_);
     main_->size_range(scaled(240), scaled(120));
@@ -197,6 +202,13 @@ void FltkWindow::LineAdded() {
 
 void FltkWindow::Refresh() {
     work();
+}
+
+void FltkWindow::ShowStatus(std::string_view strText) {
+    if (!lost_) {
+        status_->copy_label((' ' + labelText(strText)).c_str());
+        workSoon();
+    }
 }
 
 void FltkWindow::ShowInformationBox(std::string_view strTitle, std::string_view strText) {

@@ -285,7 +285,13 @@ void frmOPCQuelm::mobjUpdateTagValuesInterval_IntervalExpired() {
             throw RuntimeError(errors::objectNotSet);
         }
         for (const auto& site : *mdicSiteDataManagers) {
+            if (parts_.OnSiteUpdate) {
+                parts_.OnSiteUpdate(site.first, false);
+            }
             site.second->UpdateTagValues();
+            if (parts_.OnSiteUpdate) {
+                parts_.OnSiteUpdate(site.first, true);
+            }
         }
         SLIKServer1.SetSourcesLost(SLIKServer1.SLIKTags().Count() > 0 &&
                                    std::none_of(mdicSiteDataManagers->begin(), mdicSiteDataManagers->end(),

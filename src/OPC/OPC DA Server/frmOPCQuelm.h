@@ -40,6 +40,8 @@ struct ServerParts {
     // The display name of a message type, the first word of every log line.
     std::function<std::string(std::int32_t lngMsgType)> MessageTypeName;
     SiteParts Sites;
+    // Told of each site's part of an update pass, as it begins and when it is done; may be empty.
+    std::function<void(const std::string& strSiteID, bool blnDone)> OnSiteUpdate = {};
 };
 
 // How Form_Load ended.

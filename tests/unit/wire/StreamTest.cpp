@@ -141,7 +141,11 @@ TEST_F(Streams, RefuseWhatTheyDoNotHave) {
     for (const auto& [method, request, reply] : cases) {
         EXPECT_HEX(call(method, request).bytes, reply) << method;
     }
-    EXPECT_TRUE(remotes_.objects.empty());
+    // Of the three formats; nothing was called.
+    ASSERT_EQ(remotes_.objects.size(), 3U);
+    for (const auto& object : remotes_.objects) {
+        EXPECT_TRUE(object->released && object->calls.empty());
+    }
 }
 
 }  // namespace
