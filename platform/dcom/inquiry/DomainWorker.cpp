@@ -47,7 +47,7 @@ void Bell::silence() const {
 
 // ---- The worker ----------------------------------------------------------------------------------------------
 
-void DomainWorker::work(std::unique_ptr<DomainLink> link, std::future<std::unique_ptr<Job>> next, Bell bell,
+void DomainWorker::work(std::unique_ptr<DomainLink> link, std::future<std::unique_ptr<Job>> next, const Bell& bell,
                         std::promise<void> end) {
     while (const std::unique_ptr<Job> job = next.get()) {
         next = std::move(job->next);
@@ -148,7 +148,7 @@ std::shared_ptr<DomainWorker::Waiting> DomainWorker::takeNext() {
             host = queues_.begin();
         }
         lastHost_ = host->first;
-        const auto waiting = host->second.front().lock();
+        auto waiting = host->second.front().lock();
         host->second.pop_front();
         --queued_;
         if (host->second.empty()) {

@@ -84,7 +84,7 @@ class DomainWorker final : public PassThrough {
         Seen done;
     };
 
-    static void work(std::unique_ptr<DomainLink> link, std::future<std::unique_ptr<Job>> next, Bell bell,
+    static void work(std::unique_ptr<DomainLink> link, std::future<std::unique_ptr<Job>> next, const Bell& bell,
                      std::promise<void> end);
     static void answer(Waiting& waiting, const NtlmAnswer& answer);
     void begin(std::unique_ptr<Job> job);

@@ -92,9 +92,8 @@ void ServerConnection::process() {
             closing_ = true;
         } else if (waiting.size() < header.fragmentLength) {
             return input_.expect(header.fragmentLength);
-        } else if (pause_ = delayOf(header, waiting.first(header.fragmentLength)); pause_.count() != 0) {
-            return;
-        } else if (asksDomain(header, waiting.first(header.fragmentLength))) {
+        } else if (pause_ = delayOf(header, waiting.first(header.fragmentLength));
+                   pause_.count() != 0 || asksDomain(header, waiting.first(header.fragmentLength))) {
             return;
         } else {
             input_.take(header.fragmentLength);
